@@ -1,0 +1,19 @@
+# Flags of every target of ours, carried by two interface libraries: velia_flags for all code, velia_library_flags for
+# code of lib/, which lives without exceptions, RTTI and guarded statics because raises unwind by siglongjmp.
+add_library(velia_flags INTERFACE)
+target_compile_options(velia_flags INTERFACE -Wall -Wextra -Wconversion -Wshadow -Wimplicit-fallthrough -fno-omit-frame-pointer)
+target_compile_definitions(velia_flags INTERFACE _GNU_SOURCE)
+target_include_directories(velia_flags INTERFACE ${PROJECT_SOURCE_DIR}/include)
+if(VELIA_WERROR)
+  target_compile_options(velia_flags INTERFACE -Werror)
+endif()
+if(VELIA_SANITIZE)
+  target_compile_options(velia_flags INTERFACE -fsanitize=${VELIA_SANITIZE} -fno-sanitize-recover=all)
+  target_link_options(velia_flags INTERFACE -fsanitize=${VELIA_SANITIZE})
+endif()
+
+add_library(velia_library_flags INTERFACE)
+target_link_libraries(velia_library_flags INTERFACE velia_flags)
+target_compile_options(velia_library_flags INTERFACE
+  $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>)
+target_include_directories(velia_library_flags INTERFACE ${PROJECT_SOURCE_DIR}/lib)
