@@ -20,7 +20,7 @@ typedef struct ivlthread_mutex {
 } ivlthread_mutex_t;
 
 /* All zero bits is a control whose function has not run. */
-typedef struct ivlthread_once {
+typedef struct ivlthread_once_control {
     pthread_mutex_t mutex;
     int32_t done;
 } ivlthread_once_t;

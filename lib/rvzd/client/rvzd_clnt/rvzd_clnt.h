@@ -1,0 +1,32 @@
+// What the files of the broker client share: the module's name in traces and assertions, and the small helpers.
+#pragma once
+
+#include <ctime>
+
+#include <support/date.h>
+#include <support/pfm.h>
+#include <veliaxdr/rvzd_messages.h>
+#include <veliaxdr/rvzd_socket.h>
+
+namespace velia::rvzd_clnt {
+
+inline constexpr char subsystem[] = "xdr/rvzd";
+inline constexpr char source_file[] = "rvzd_clnt";
+
+inline time_t now_s() {
+    timeval now;
+    date_get_timeval(&now);
+    return now.tv_sec;
+}
+
+inline void require(bool holds, const char *expression, int line) {
+    if (!holds)
+        pfm_assert_fail(expression, source_file, line);
+}
+
+// A socket of `family` bound to the wildcard address, or to a port of the program's rule. Honours IVL_IP_VERSION.
+// `report` set: a bind or getsockname that fails is printed. On failure desc.fd is -1 and nothing stays open.
+tbs_status_t rvzd_alloc_one_socket(int family, int socket_type, uint64_t program, int use_range, int report,
+                                   rvzd_socket_desc_t &desc);
+
+} // namespace velia::rvzd_clnt
