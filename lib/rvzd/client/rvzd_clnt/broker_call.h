@@ -24,6 +24,10 @@ struct Procedure {
     xdrproc_t reply_routine() const { return reinterpret_cast<xdrproc_t>(xdr_reply); }
 };
 
+template <class Request, class Reply>
+Procedure(uint32_t, const char *, bool_t (*)(XDR *, Request *), bool_t (*)(XDR *, Reply *))
+    -> Procedure<Request, Reply>;
+
 // Fills the header, which the request begins with, and makes the call with the handle's time-out. A failure is printed
 // behind `failed_text`, unless that is null.
 clnt_stat call_with_header(rvzd_handle_t *handle, uint32_t procedure_number, const char *failed_text,

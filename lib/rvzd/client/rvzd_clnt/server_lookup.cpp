@@ -2,6 +2,7 @@
 // already uses for the broker, each paired with the port of its family.
 #include <veliaxdr/rvzd_lookup.h>
 
+#include <algorithm>
 #include <arpa/inet.h>
 
 #include <rvzd/client/rvzd_clnt/broker_call.h>
@@ -18,7 +19,7 @@ constexpr Procedure find_server_v70 = {RVZD_PROC_FIND_SERVER_V70, "rvzd_find_ser
 
 // The port of the first entry of this family; null if no entry has it. A port that no socket address can hold is none.
 const rvzd_server_port_t *port_of_family(const rvzd_server_port_list_t &list, int family) {
-    const uint32_t count = list.count < RVZD_SERVER_PORTS_MAX ? list.count : RVZD_SERVER_PORTS_MAX;
+    const uint32_t count = std::min<uint32_t>(list.count, RVZD_SERVER_PORTS_MAX);
     for (uint32_t i = 0; i < count; ++i)
         if (list.ports[i].family == family && list.ports[i].port <= UINT16_MAX)
             return &list.ports[i];
@@ -36,7 +37,7 @@ tbs_status_t pair_with_ports(const rvzd_server_addr_t &host, const rvzd_server_p
         address = host.addrs[i];
         sysutl_sockaddr_set_port(&address.base, htons(static_cast<uint16_t>(port->port)));
     }
-    return out.addr_count > 0 ? TBS_ST_OK : TBS_ST_UNSUPPORTED;
+    return out.addr_count > 0 ? tbs_status_t{TBS_ST_OK} : tbs_status_t{TBS_ST_UNSUPPORTED};
 }
 
 tbs_status_t pair_with_v70_port(const rvzd_server_addr_t &host, uint16_t network_port, rvzd_server_addr_t &out) {
