@@ -1,0 +1,260 @@
+// The wrapped operations. Those that acquire something or ask about the world are places where a raise may arrive;
+// those that give something back are not.
+#include <cerrno>
+#include <cstring>
+#include <netdb.h>
+#include <string>
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include <support/credmap.h>
+#include <support/ks.h>
+#include <support/rt.h>
+#include <support/stg.h>
+#include <support/sysutl.h>
+#include <tests/sim/rpc_client.h>
+#include <tests/sim/world.h>
+
+using sim::Faults;
+using sim::World;
+
+namespace {
+
+bool fails(int Faults::*fault) {
+    World &world = World::current();
+    if (!Faults::due(world.faults.*fault))
+        return false;
+    errno = world.faults.error_number;
+    return true;
+}
+
+void *note_block(void *block) {
+    if (block != nullptr)
+        World::current().blocks.insert(block);
+    return block;
+}
+
+CLIENT *creation_error(clnt_stat stat) {
+    *ks_rpc_get_createerr() = {stat, World::current().faults.error_number};
+    return nullptr;
+}
+
+addrinfo *numeric_address(const std::string &text, uint16_t port, int socket_type) {
+    addrinfo hints = {};
+    hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
+    hints.ai_socktype = socket_type != 0 ? socket_type : SOCK_DGRAM;
+    addrinfo *result = nullptr;
+    getaddrinfo(text.c_str(), std::to_string(port).c_str(), &hints, &result);
+    return result;
+}
+
+int resolve_service(World &world, const char *service, int socket_type, addrinfo **result) {
+    const auto found = world.services.find(service);
+    if (found == world.services.end())
+        return EAI_SERVICE;
+    *result = numeric_address("0.0.0.0", found->second, socket_type);
+    return 0;
+}
+
+int resolve_host(World &world, const char *host, int socket_type, addrinfo **result) {
+    const auto error = world.resolver_errors.find(host);
+    if (error != world.resolver_errors.end())
+        return error->second;
+    const auto found = world.hosts.find(host);
+    if (found == world.hosts.end())
+        return EAI_NONAME;
+    addrinfo **tail = result;
+    *tail = nullptr;
+    for (const auto &address : found->second) {
+        *tail = numeric_address(address, 0, socket_type);
+        tail = &(*tail)->ai_next;
+    }
+    return 0;
+}
+
+} // namespace
+
+// Each real operation under its --wrap name, called after the raise point.
+#define SIM_PASS_THROUGH(RESULT, NAME, PARAMETERS, ARGUMENTS)                                                          \
+    RESULT __real_##NAME PARAMETERS;                                                                                   \
+    RESULT __wrap_##NAME PARAMETERS {                                                                                  \
+        World::current().support_call();                                                                               \
+        return __real_##NAME ARGUMENTS;                                                                                \
+    }
+
+extern "C" {
+
+SIM_PASS_THROUGH(int, sysutl_set_cloexec_file, (int fd, int on), (fd, on))
+SIM_PASS_THROUGH(void, sysutl_copy_sockaddr, (ks_sockaddr_storage_t * to, const sockaddr *from), (to, from))
+SIM_PASS_THROUGH(tbs_status_t, tbs_product_config_dir, (char *buffer, const char *name), (buffer, name))
+SIM_PASS_THROUGH(tbs_status_t, tbs_product_host_priv_dir, (char *buffer, const char *name), (buffer, name))
+SIM_PASS_THROUGH(char *, tbs_uuid_to_str, (const tbs_uuid_t *uuid, char *buffer), (uuid, buffer))
+SIM_PASS_THROUGH(int, fileutl_is_localhost, (const char *host), (host))
+SIM_PASS_THROUGH(int, fileutl_path_host, (const char *path, char *buffer, size_t size), (path, buffer, size))
+SIM_PASS_THROUGH(char *, getenv_safe, (const char *name, char *buffer, size_t size, int reserved),
+                 (name, buffer, size, reserved))
+
+void *__real_stg_malloc(size_t size);
+void *__wrap_stg_malloc(size_t size) {
+    World::current().support_call();
+    return World::current().allocation_is_due() ? nullptr : note_block(__real_stg_malloc(size));
+}
+
+void *__real_stg_realloc(void *pointer, size_t size);
+void *__wrap_stg_realloc(void *pointer, size_t size) {
+    World::current().support_call();
+    if (World::current().allocation_is_due())
+        return nullptr;
+    void *moved = __real_stg_realloc(pointer, size);
+    if (moved != nullptr)
+        World::current().blocks.erase(pointer);
+    return note_block(moved);
+}
+
+char *__real_stg_strdup(const char *text);
+char *__wrap_stg_strdup(const char *text) {
+    World::current().support_call();
+    if (World::current().allocation_is_due())
+        return nullptr;
+    return static_cast<char *>(note_block(__real_stg_strdup(text)));
+}
+
+void __real_stg_free(void *pointer);
+void __wrap_stg_free(void *pointer) {
+    World::current().blocks.erase(pointer);
+    __real_stg_free(pointer);
+}
+
+void __wrap_date_get_timeval(timeval *now) {
+    World::current().support_call();
+    const int64_t now_us = World::current().now_us;
+    *now = {now_us / 1'000'000, now_us % 1'000'000};
+}
+
+int __wrap_sysutl_host_addr(const char *host, const char *service, int socket_type, addrinfo **result) {
+    World &world = World::current();
+    world.support_call();
+    world.lookups.emplace_back(host != nullptr ? host : service);
+    return host != nullptr ? resolve_host(world, host, socket_type, result)
+                           : resolve_service(world, service, socket_type, result);
+}
+
+uint64_t __wrap_sysutl_sock_port_uniquifier() {
+    World::current().support_call();
+    return World::current().next_uniquifier++;
+}
+
+CLIENT *__wrap_ks_clntudp_create_sockaddr(const sockaddr *address, uint32_t program, uint32_t version, int32_t, int32_t,
+                                          int *socket_fd) {
+    World::current().support_call();
+    if (fails(&Faults::udp_client))
+        return creation_error(RPC_SYSTEMERROR);
+    return sim::make_client(address, program, version, *socket_fd, false, false);
+}
+
+static CLIENT *open_tcp_client(const sockaddr *address, uint32_t program, uint32_t version, int *socket_fd) {
+    World::current().support_call();
+    if (fails(&Faults::tcp_client))
+        return creation_error(RPC_SYSTEMERROR);
+    const bool opens = *socket_fd < 0;
+    if (opens)
+        *socket_fd = socket(address->sa_family, SOCK_STREAM, 0);
+    return sim::make_client(address, program, version, *socket_fd, true, opens);
+}
+
+CLIENT *__wrap_ks_clnttcp_create_sockaddr(const sockaddr *address, uint32_t program, uint32_t version, int *socket_fd,
+                                          uint32_t, uint32_t) {
+    return open_tcp_client(address, program, version, socket_fd);
+}
+
+CLIENT *__wrap_sysutl_clnttcp_create_ext(const sockaddr *address, uint32_t program, uint32_t version, int *socket_fd,
+                                         uint32_t, uint32_t) {
+    return open_tcp_client(address, program, version, socket_fd);
+}
+
+int __wrap_imsg_get_desired_verbosity() {
+    return World::current().verbosity;
+}
+
+int __wrap_imsg_should_trace(const char *subsystem, int level) {
+    return World::current().traced.contains(std::string(subsystem) + ":" + std::to_string(level));
+}
+
+AUTH *__real_credmap_auth_create_default(const char *host);
+AUTH *__wrap_credmap_auth_create_default(const char *host) {
+    World::current().support_call();
+    return fails(&Faults::authenticator) ? nullptr : __real_credmap_auth_create_default(host);
+}
+
+AUTH *__real_credmap_authunix_create_nobody();
+AUTH *__wrap_credmap_authunix_create_nobody() {
+    World::current().support_call();
+    return fails(&Faults::authenticator) ? nullptr : __real_credmap_authunix_create_nobody();
+}
+
+int __wrap_credutl_is_privileged() {
+    World::current().support_call();
+    return World::current().privileged;
+}
+
+int __wrap_tbs_product_comp_test(int) {
+    World::current().support_call();
+    return World::current().component_mask;
+}
+
+rt_event_t __wrap_rt_sched(void (*function)(void *), void *argument, int seconds) {
+    World &world = World::current();
+    world.support_call();
+    if (fails(&Faults::rt_sched))
+        return nullptr;
+    world.timers.push_back({function, argument, world.now_us + seconds * 1'000'000LL});
+    return reinterpret_cast<rt_event_t>(world.timers.size());
+}
+
+int __wrap_rt_handle_fd(int, void (*function)(void *), int descriptor, void *argument) {
+    World::current().support_call();
+    if (fails(&Faults::rt_handle_fd))
+        return 0;
+    World::current().watches.push_back({function, descriptor, argument});
+    return 1;
+}
+
+int __wrap_gethostname(char *buffer, size_t size) {
+    if (fails(&Faults::gethostname))
+        return -1;
+    snprintf(buffer, size, "%s", World::current().host_name.c_str());
+    return 0;
+}
+
+int __real_socket(int family, int type, int protocol);
+int __wrap_socket(int family, int type, int protocol) {
+    if (fails(&Faults::socket))
+        return -1;
+    const int fd = __real_socket(family, type, protocol);
+    if (fd >= 0)
+        World::current().descriptors.insert(fd);
+    return fd;
+}
+
+int __real_bind(int fd, const sockaddr *address, socklen_t length);
+int __wrap_bind(int fd, const sockaddr *address, socklen_t length) {
+    return fails(&Faults::bind) ? -1 : __real_bind(fd, address, length);
+}
+
+int __real_getsockname(int fd, sockaddr *address, socklen_t *length);
+int __wrap_getsockname(int fd, sockaddr *address, socklen_t *length) {
+    return fails(&Faults::getsockname) ? -1 : __real_getsockname(fd, address, length);
+}
+
+// Connections of the simulated world stand at once; what they carry goes through the scripted peer.
+int __wrap_connect(int, const sockaddr *, socklen_t) {
+    return fails(&Faults::connect) ? -1 : 0;
+}
+
+int __real_close(int fd);
+int __wrap_close(int fd) {
+    World::current().descriptors.erase(fd);
+    return __real_close(fd);
+}
+
+} // extern "C"
