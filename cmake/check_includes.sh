@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# Directions of dependence, from the #include lines: nothing points up.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+failed=0
+refuse() { # folder, forbidden include pattern, why
+    local hits
+    hits=$(grep -rnE "^#include [<\"]($2)" "$1" 2>/dev/null || true)
+    if [ -n "$hits" ]; then
+        printf '%s: %s\n%s\n' "$1" "$3" "$hits" >&2
+        failed=1
+    fi
+}
+
+standard_containers='string|vector|map|set|unordered_map|unordered_set|memory|functional|list|deque|optional|mutex|thread|iostream|sstream|fstream|exception|stdexcept'
+
+refuse support '(veliaxdr|rvzd|common|lib|server|cli)/' 'the support layer knows nothing above it'
+refuse include/support '(veliaxdr|rvzd|common|lib|server|cli)/' 'the support layer knows nothing above it'
+refuse include/veliaxdr '(rvzd|common|lib|server|cli|tests)/' 'public headers include public headers only'
+refuse lib '(server|cli|tests|samples)/' 'the library knows nothing of programs and tests'
+refuse lib "($standard_containers)>" 'no containers and owners: a raise runs no destructor'
+refuse lib/common '(rvzd|veliaxdr/rvzd)' 'the common frame stands below the clients'
+refuse lib/rvzd/xdr '(rvzd/client)/' 'XDR routines stand below the clients'
+refuse server '(common|rvzd|lib|cli|tests)/' 'the daemon uses the public headers, as any outsider would'
+refuse cli '(common|rvzd|lib|server|tests)/' 'the tool uses the public headers, as any outsider would'
+refuse samples '(common|rvzd|lib|server|cli|tests)/' 'samples use the public headers, as any outsider would'
+
+[ "$failed" -eq 0 ] && echo "Directions of includes are as they should be."
+exit "$failed"
