@@ -9,10 +9,12 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 AUTH *credmap_auth_create_default(const char *host);
 AUTH *credmap_authunix_create_nobody(void);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

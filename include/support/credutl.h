@@ -7,10 +7,12 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 int credutl_is_privileged(void);
 int credutl_set_server_group_lifetime(int seconds);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

@@ -11,6 +11,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 /* One subsystem's messages. Code refers to a message by its position in `texts`. */
 typedef struct imsg_table {
@@ -53,6 +54,7 @@ typedef void (*imsg_sink_t)(void *context, int severity, const char *subsystem, 
                             const char *text);
 void imsg_set_sink(imsg_sink_t sink, void *context);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

@@ -12,6 +12,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 typedef struct ks_rpc_createerr {
     enum clnt_stat stat;
@@ -31,6 +32,7 @@ tbs_status_t ks_hostdata_dir(char *buffer, size_t length, const char *file_name)
 int ks_web_gui(void);
 void ks_system_init(int argument_count, char **arguments, char *name);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

@@ -9,6 +9,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 int strutl_concat(char *destination, size_t size, int count, ...);
 char *strutl_concat_heap(int count, ...);
@@ -17,6 +18,7 @@ int strutl_cpy_buf(char *destination, const char *source, size_t size);
 int strutl_snprintf(char *destination, size_t size, const char *format, ...) __attribute__((format(printf, 3, 4)));
 int strutl_stricoll(const char *left, const char *right);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

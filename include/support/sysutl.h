@@ -18,6 +18,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 /* A socket address of either family, 28 bytes; the port inside is in network order. */
 typedef union ks_sockaddr_storage {
@@ -47,6 +48,7 @@ CLIENT *sysutl_clnttcp_create_ext(const struct sockaddr *address, uint32_t progr
 int sysutl_fd_set_popcount(const void *descriptor_set, int bound);
 int sysutl_fsync_fptr(FILE *stream);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

@@ -14,6 +14,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 typedef int32_t tbs_status_t;
 typedef int32_t tbs_boolean_t;
@@ -66,6 +67,7 @@ tbs_status_t tbs_product_log_dir(char *buffer, const char *file_name);
 /* Non-zero on success; the texts live as long as the process. */
 int tbs_platform_info(const char **os_name, const char **os_version, const char **machine);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

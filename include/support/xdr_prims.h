@@ -13,6 +13,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 bool_t velia_xdr_long(XDR *xdrs, int64_t *cell);
 bool_t velia_xdr_u_long(XDR *xdrs, uint64_t *cell);
@@ -38,6 +39,7 @@ bool_t xdr_ez_p2array(XDR *xdrs, void ***array, uint32_t *count, uint32_t maximu
 bool_t xdr_ez_pointer(XDR *xdrs, void **pointer, uint32_t element_size, xdr_ez_element_t element, void *argument);
 bool_t xdr_ez_string8(XDR *xdrs, char **text, uint32_t maximum);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

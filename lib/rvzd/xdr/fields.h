@@ -1,0 +1,23 @@
+// A record on the wire is a list of fields in their order; a routine fails with its first field that fails.
+#pragma once
+
+#include <rpc/rpc.h>
+
+#include <support/xdr_prims.h>
+#include <veliaxdr/rvzd_wire.h>
+
+namespace velia::wire {
+
+constexpr uint32_t no_maximum = UINT32_MAX;
+
+// What follows a reply's header travels only with a good status. Free mode looks at everything that may hold storage.
+inline bool has_body(const XDR *xdrs, const rvzd_hdr_reply_t &header) {
+    return xdrs->x_op == XDR_FREE || header.status == TBS_ST_OK;
+}
+
+// A counted string of at most `maximum` bytes; null goes out as the empty string.
+inline bool_t text(XDR *xdrs, char *&cell, uint32_t maximum = no_maximum) {
+    return xdr_string_pointer(xdrs, &cell, maximum);
+}
+
+} // namespace velia::wire
