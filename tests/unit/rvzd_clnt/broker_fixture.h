@@ -18,7 +18,7 @@ namespace {
 
 // A message of a table at a position, with its text made from these arguments.
 [[maybe_unused]] sim::Message message_of(int severity, const imsg_table_t &table, int position, ...) {
-    char text[1024];
+    char text[8192];
     va_list arguments;
     va_start(arguments, position);
     vsnprintf(text, sizeof text, table.texts[position], arguments);
@@ -31,7 +31,7 @@ namespace {
 }
 
 class BrokerTest : public testing::Test {
-  protected:
+protected:
     BrokerTest() {
         world.add_host("alpha", {"127.0.0.2"});
         world.add_host("beta", {"127.0.0.3"});

@@ -8,7 +8,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 class BrokerPort : public BrokerTest {
-  protected:
+protected:
     int port() {
         uint16_t network_port = 0;
         EXPECT_EQ(rvzd_get_port("alpha", &network_port, AF_INET), TBS_ST_OK);
@@ -53,9 +53,8 @@ TEST_F(BrokerPort, WithoutAnEntryForRvzdTheOneForIronvaleServes) {
 TEST_F(BrokerPort, WithoutAnyEntryItIsTheWellKnownOneWithAWarning) {
     world.services.clear();
     EXPECT_EQ(port(), 371);
-    EXPECT_THAT(world.take_messages(),
-                ElementsAre(message_of(IMSG_WARNING, _rvzd_rvzd_msg_table, 25, "rvzd", "udp",
-                                       gai_strerror(EAI_SERVICE), 371)));
+    EXPECT_THAT(world.take_messages(), ElementsAre(message_of(IMSG_WARNING, _rvzd_rvzd_msg_table, 25, "rvzd", "udp",
+                                                              gai_strerror(EAI_SERVICE), 371)));
 }
 
 TEST_F(BrokerPort, IsKeptForTheLifeOfTheProcess) {

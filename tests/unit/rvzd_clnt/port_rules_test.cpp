@@ -5,7 +5,7 @@
 namespace {
 
 class PortRules : public BrokerTest {
-  protected:
+protected:
     static constexpr int32_t untouched = -7;
 
     void file(const std::string &text) { world.write_file("config/services/rvzd_rt_params.conf", text); }

@@ -5,7 +5,7 @@
 namespace {
 
 class RunTimeParams : public BrokerTest {
-  protected:
+protected:
     void file(const std::string &text) { world.write_file("config/services/rvzd_rt_params.conf", text); }
 
     std::pair<tbs_status_t, int32_t> read(uint32_t index) {
@@ -85,8 +85,8 @@ TEST_F(RunTimeParams, DigitsBehindACommentSignAreNotSeen) {
 }
 
 TEST_F(RunTimeParams, AnySeparatorWorksAndSignsAreSkipped) {
-    for (const char *line : {"IDLE_SLOPE 20\n", "IDLE_SLOPE:20\n", "IDLE_SLOPE=20\n", "IDLE_SLOPE => -20\n",
-                             "IDLE_SLOPE is 20 or 30\n"}) {
+    for (const char *line :
+         {"IDLE_SLOPE 20\n", "IDLE_SLOPE:20\n", "IDLE_SLOPE=20\n", "IDLE_SLOPE => -20\n", "IDLE_SLOPE is 20 or 30\n"}) {
         file(line);
         EXPECT_EQ(read(RVZD_RT_IDLE_SLOPE), Result(TBS_ST_OK, 20)) << line;
     }

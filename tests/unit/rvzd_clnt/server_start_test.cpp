@@ -13,7 +13,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 class StartSwitch : public BrokerTest {
-  protected:
+protected:
     ~StartSwitch() override {
         for (int fd : std::set<int>(world.descriptors))
             close(fd);
@@ -37,8 +37,7 @@ class StartSwitch : public BrokerTest {
 
     void expect_bad_switch(const std::string &text) {
         EXPECT_EQ(take(text), TBS_ST_ERROR) << text;
-        EXPECT_THAT(world.take_messages(),
-                    ElementsAre(message_of(IMSG_ERROR, _rvzd_rvzd_msg_table, 58, text.c_str())));
+        EXPECT_THAT(world.take_messages(), ElementsAre(message_of(IMSG_ERROR, _rvzd_rvzd_msg_table, 58, text.c_str())));
     }
 
     std::string argument;
@@ -104,10 +103,9 @@ TEST_F(StartSwitch, OnlyTheLastArgumentIsLookedAt) {
 
 TEST_F(StartSwitch, EachMalformationIsABadSwitchWithItsText) {
     const std::string fd = std::to_string(open_socket(AF_INET, SOCK_DGRAM));
-    for (const std::string &rest :
-         {std::string(":"), ":" + fd, ":" + fd + ",", ":" + fd + ",sctp", ":" + fd + ",UDP", ":,udp", ":x,udp",
-          ":" + fd + " udp", ":-1,udp", ":99999999999,udp", ":" + fd + "," + std::string(5000, 'u'),
-          ":" + fd + ",udp:"})
+    for (const std::string &rest : std::vector<std::string>{
+             ":", ":" + fd, ":" + fd + ",", ":" + fd + ",sctp", ":" + fd + ",UDP", ":,udp", ":x,udp", ":" + fd + " udp",
+             ":-1,udp", ":99999999999,udp", ":" + fd + "," + std::string(5000, 'u'), ":" + fd + ",udp:"})
         expect_bad_switch("-S9" + rest);
 }
 
@@ -181,7 +179,7 @@ TEST_F(ServerStart, TheLogFileReceivesMessages) {
 }
 
 class PortLists : public BrokerTest {
-  protected:
+protected:
     static rvzd_socket_desc_t desc(int family, uint16_t network_port) {
         rvzd_socket_desc_t made = {};
         made.addr.base.sa_family = static_cast<sa_family_t>(family);

@@ -11,7 +11,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 class Sockets : public BrokerTest {
-  protected:
+protected:
     ~Sockets() override {
         for (int fd : std::set<int>(world.descriptors))
             close(fd);
@@ -125,12 +125,11 @@ TEST_F(Sockets, TracesTellOfTheFallBackAndOfTheSocket) {
     world.traced = {"xdr/rvzd:1", "xdr/rvzd:3"};
     setenv("IVL_IP_VERSION", "4", 1);
     ASSERT_EQ(alloc(), TBS_ST_OK);
-    EXPECT_THAT(world.take_messages(),
-                ElementsAre(message_of(IMSG_WARNING, _rvzd_rvzd_msg_table, 121),
-                            message_of(IMSG_ERROR, _rvzd_rvzd_msg_table, 119),
-                            message_of(IMSG_PLAIN, _rvzd_rvzd_msg_table, 120),
-                            message_of(IMSG_PLAIN, _rvzd_rvzd_msg_table, 133, "AF_INET",
-                                       std::to_string(desc.fd).c_str(), port_of(desc), "UDP")));
+    EXPECT_THAT(world.take_messages(), ElementsAre(message_of(IMSG_WARNING, _rvzd_rvzd_msg_table, 121),
+                                                   message_of(IMSG_ERROR, _rvzd_rvzd_msg_table, 119),
+                                                   message_of(IMSG_PLAIN, _rvzd_rvzd_msg_table, 120),
+                                                   message_of(IMSG_PLAIN, _rvzd_rvzd_msg_table, 133, "AF_INET",
+                                                              std::to_string(desc.fd).c_str(), port_of(desc), "UDP")));
 }
 
 TEST_F(Sockets, TracingAtALevelAboveTheVerbosityIsSilent) {
@@ -152,9 +151,8 @@ TEST_F(Sockets, SocketInfoHasAWordForWhatItDoesNotKnow) {
 TEST_F(Sockets, SocketInfoOfTcpOverIPv6) {
     ASSERT_EQ(alloc(SOCK_STREAM), TBS_ST_OK);
     rvzd_print_socket_info(&desc);
-    EXPECT_THAT(world.take_messages(),
-                ElementsAre(message_of(IMSG_PLAIN, _rvzd_rvzd_msg_table, 133, "AF_INET6",
-                                       std::to_string(desc.fd).c_str(), port_of(desc), "TCP")));
+    EXPECT_THAT(world.take_messages(), ElementsAre(message_of(IMSG_PLAIN, _rvzd_rvzd_msg_table, 133, "AF_INET6",
+                                                              std::to_string(desc.fd).c_str(), port_of(desc), "TCP")));
 }
 
 TEST_F(Sockets, AnotherFamilyIsAFailedAssertion) {
@@ -166,10 +164,15 @@ TEST_F(Sockets, AnotherSocketTypeIsAFailedAssertion) {
 }
 
 class BindPort : public Sockets {
-  protected:
-    // A range of `length` ports that nobody holds at this moment.
+protected:
+    // A range of `length` ports, eight at most, that nobody holds at this moment. Below the ports that the system gives
+    // out by itself, and in a slot of this process's own, so that tests at the same time do not meet.
     int free_range(int length) {
-        for (int low = 20000; low < 60000; low += length) {
+        constexpr int first = 20000;
+        constexpr int slot = 8;
+        constexpr int slots = 1500;
+        for (int i = 0; i < slots; ++i) {
+            const int low = first + (getpid() + i * 97) % slots * slot;
             bool all_free = true;
             for (int port = low; port < low + length && all_free; ++port)
                 all_free = take_port(port) == port;
@@ -182,16 +185,16 @@ class BindPort : public Sockets {
     }
 
     void range_file(int low, int high) {
-        world.write_file("config/services/rvzd_rt_params.conf",
-                         "FLSHP_MIN_PORT = " + std::to_string(low) + "\nFLSHP_MAX_PORT = " + std::to_string(high) +
-                             "\n");
+        world.write_file("config/services/rvzd_rt_params.conf", "FLSHP_MIN_PORT = " + std::to_string(low) +
+                                                                    "\nFLSHP_MAX_PORT = " + std::to_string(high) +
+                                                                    "\n");
     }
 
     tbs_status_t bind_generic(int use_range = 1, int report = 1) {
         const int fd = socket(AF_INET, SOCK_DGRAM, 0);
         sysutl_sockaddr_any_init(AF_INET, &address);
-        const auto status = rvzd_bindport(fd, &address.base, sizeof address.ipv4, RVZD_GENERIC_SERVICE_PROGRAM,
-                                          use_range, report);
+        const auto status =
+            rvzd_bindport(fd, &address.base, sizeof address.ipv4, RVZD_GENERIC_SERVICE_PROGRAM, use_range, report);
         socklen_t length = sizeof address;
         getsockname(fd, &address.base, &length);
         return status;
@@ -216,8 +219,7 @@ TEST_F(BindPort, AnExhaustedRangeIsNoPortAndTold) {
     ASSERT_EQ(take_port(low), low);
     ASSERT_EQ(take_port(low + 1), low + 1);
     EXPECT_EQ(bind_generic(), TBS_ST_NO_PORT);
-    EXPECT_THAT(world.take_messages(),
-                ElementsAre(message_of(IMSG_ERROR, _rvzd_rvzd_msg_table, 76, low, low + 1)));
+    EXPECT_THAT(world.take_messages(), ElementsAre(message_of(IMSG_ERROR, _rvzd_rvzd_msg_table, 76, low, low + 1)));
     expect_lock_is_free();
 }
 
