@@ -1,0 +1,51 @@
+// Small questions about one process.
+#include <server/broker/process.h>
+
+#include <algorithm>
+
+#include <support/sysutl.h>
+
+namespace velia::server {
+
+bool is_nil(const tbs_uuid_t &uuid) {
+    return std::all_of(std::begin(uuid.bytes), std::end(uuid.bytes), [](uint8_t byte) { return byte == 0; });
+}
+
+bool same_trait(const rvzd_rpc_trait_t &left, const rvzd_rpc_trait_t &right) {
+    return left.prog == right.prog && left.vers == right.vers && left.proto == right.proto;
+}
+
+const Registration *Process::registration_of(const rvzd_rpc_trait_t &trait) const {
+    for (const auto &registration : registrations)
+        if (same_trait(registration.trait, trait))
+            return &registration;
+    return nullptr;
+}
+
+bool Process::answers_for(const tbs_uuid_t &wanted) const {
+    return tbs_uuid_eq(&uuid, &wanted) || std::any_of(alternate_uuids.begin(), alternate_uuids.end(),
+                                                      [&](const auto &other) { return tbs_uuid_eq(&other, &wanted); });
+}
+
+std::string Process::name() const {
+    if (service != nullptr)
+        return service->service.path;
+    if (registrations.empty())
+        return "unregistered";
+    const auto &trait = registrations.front().trait;
+    return std::to_string(trait.prog) + "." + std::to_string(trait.vers);
+}
+
+std::string Process::place() const {
+    return path.empty() ? sysutl_myhostname() : printable(path);
+}
+
+std::string printable(const std::string &text) {
+    constexpr size_t shown_max = 256;
+    std::string shown = text.substr(0, shown_max);
+    std::replace_if(
+        shown.begin(), shown.end(), [](unsigned char c) { return c < ' ' || c == 0x7f; }, '?');
+    return shown;
+}
+
+} // namespace velia::server

@@ -1,0 +1,316 @@
+// The configuration file: lines to words, words to services and options. A line is judged field by field and gives its
+// first error; the other lines are judged all the same.
+#include <server/config/configuration.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <server/config/words.h>
+#include <server/messages.h>
+
+namespace velia::server {
+
+namespace {
+
+// Order of the fields of a service's line.
+enum Field : size_t { TRANSPORTS, KIND, PROGRAM, VERSION, CONTROL, USER, GROUP, PATH, FIELD_COUNT };
+
+constexpr uint32_t seconds_max = 86400;
+constexpr uint32_t dedicated_processes_default = 32;
+
+template <class Record>
+struct NumberKey {
+    std::string_view name;
+    uint32_t Record::*member;
+    uint32_t least;
+    uint32_t most;
+};
+
+constexpr std::array control_keys = {
+    NumberKey<Control>{"max", &Control::processes_max, 1, 1024},
+    NumberKey<Control>{"idle", &Control::idle_s, 0, seconds_max},
+    NumberKey<Control>{"start", &Control::start_s, 1, seconds_max},
+    NumberKey<Control>{"busy", &Control::busy_s, 1, seconds_max},
+    NumberKey<Control>{"restarts", &Control::restarts_max, 0, 1000},
+};
+
+constexpr std::array option_keys = {
+    NumberKey<Options>{"protocol", &Options::protocol, RVZD_PROTOCOL_V70, RVZD_PROTOCOL_CURRENT},
+    NumberKey<Options>{"connections", &Options::connections_max, 1, 65536},
+    NumberKey<Options>{"idle-connection", &Options::idle_connection_s, 1, seconds_max},
+    NumberKey<Options>{"request", &Options::request_s, 1, seconds_max},
+};
+
+struct KindName {
+    std::string_view name;
+    ServerKind kind;
+};
+
+constexpr std::array kind_names = {KindName{"shared", ServerKind::shared}, KindName{"dedicated", ServerKind::dedicated},
+                                   KindName{"resident", ServerKind::resident}};
+
+// A whole number in decimal, or in hexadecimal behind 0x.
+std::optional<uint32_t> to_number(std::string_view text) {
+    const bool is_hex = text.starts_with("0x") || text.starts_with("0X");
+    if (is_hex)
+        text.remove_prefix(2);
+    uint32_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, is_hex ? 16 : 10);
+    if (text.empty() || error != std::errc() || end != text.data() + text.size())
+        return std::nullopt;
+    return number;
+}
+
+template <class Record, size_t Count>
+bool set_number(const std::array<NumberKey<Record>, Count> &keys, std::string_view name, std::string_view value,
+                Record &record) {
+    const auto key = std::find_if(keys.begin(), keys.end(), [&](const auto &row) { return row.name == name; });
+    const auto number = to_number(value);
+    if (key == keys.end() || !number || *number < key->least || *number > key->most)
+        return false;
+    record.*(key->member) = *number;
+    return true;
+}
+
+// Calls the body for each piece between commas until it returns false.
+template <class Body>
+bool each_piece(std::string_view text, Body &&body) {
+    while (true) {
+        const auto comma = text.find(',');
+        if (!body(text.substr(0, comma)))
+            return false;
+        if (comma == std::string_view::npos)
+            return true;
+        text.remove_prefix(comma + 1);
+    }
+}
+
+bool is_own(const std::string &word) {
+    return word == "-";
+}
+
+class Parser {
+public:
+    explicit Parser(const NameLookup &names) : names_(names) {}
+
+    void line(std::string_view text) {
+        ++line_;
+        if (result_.errors.size() >= CONFIG_ERRORS_MAX)
+            return;
+        if (text.size() > CONFIG_LINE_LENGTH_MAX)
+            return fail(MSG_CONFIG_LINE_TOO_LONG);
+        if (text.find('\0') != std::string_view::npos)
+            return fail(MSG_CONFIG_FAILURE, "Null byte");
+        const Words words = split_words(text);
+        if (words.error != nullptr)
+            return fail(MSG_CONFIG_FAILURE, words.error);
+        if (words.words.empty())
+            return;
+        if (words.words.front() == "option")
+            option(words.words);
+        else
+            service(words.words);
+    }
+
+    ConfigurationResult take() { return std::move(result_); }
+
+private:
+    void fail(int message, std::string detail = {}) { result_.errors.push_back({message, line_, std::move(detail)}); }
+
+    void option(const std::vector<std::string> &words) {
+        if (words.size() != 3)
+            return fail(MSG_CONFIG_FAILURE, "An option is written: option NAME VALUE");
+        if (!set_number(option_keys, words[1], words[2], result_.configuration.options))
+            fail(MSG_CONFIG_FAILURE, "Unknown option or value out of range: " + words[1] + " " + words[2]);
+    }
+
+    void service(const std::vector<std::string> &words) {
+        if (words.size() < FIELD_COUNT)
+            return fail(MSG_CONFIG_INCOMPLETE);
+        Service made;
+        const bool is_good = transports(words[TRANSPORTS], made) && kind(words[KIND], made) &&
+                             identity(words[PROGRAM], words[VERSION], made) && control(words[CONTROL], made) &&
+                             account(words[USER], words[GROUP], made) && command(words, made) && is_new(made);
+        if (is_good) {
+            result_.configuration.services.push_back(std::move(made));
+            lines_.push_back(line_);
+        }
+    }
+
+    bool transports(const std::string &word, Service &made) {
+        return each_piece(word, [&](std::string_view name) {
+            bool *flag = name == "udp" ? &made.udp : name == "tcp" ? &made.tcp : nullptr;
+            if (flag == nullptr || *flag) {
+                fail(MSG_CONFIG_PROTOCOL, word);
+                return false;
+            }
+            return *flag = true;
+        });
+    }
+
+    bool kind(const std::string &word, Service &made) {
+        for (const auto &[name, kind] : kind_names)
+            if (name == word) {
+                made.kind = kind;
+                if (kind == ServerKind::dedicated)
+                    made.control.processes_max = dedicated_processes_default;
+                return true;
+            }
+        fail(MSG_CONFIG_KIND, word);
+        return false;
+    }
+
+    bool identity(const std::string &program, const std::string &version, Service &made) {
+        const auto program_number = to_number(program);
+        if (!program_number || *program_number == 0 || *program_number == RVZD_PROGRAM) {
+            fail(MSG_CONFIG_PROGRAM);
+            return false;
+        }
+        const auto version_number = to_number(version);
+        if (!version_number) {
+            fail(MSG_CONFIG_VERSION);
+            return false;
+        }
+        made.program = *program_number;
+        made.version = *version_number;
+        return true;
+    }
+
+    bool control(const std::string &word, Service &made) {
+        if (is_own(word))
+            return true;
+        const bool is_good = each_piece(word, [&](std::string_view piece) {
+            const auto equals = piece.find('=');
+            return equals != std::string_view::npos &&
+                   set_number(control_keys, piece.substr(0, equals), piece.substr(equals + 1), made.control);
+        });
+        if (!is_good)
+            fail(MSG_CONFIG_CONTROL);
+        return is_good;
+    }
+
+    bool account(const std::string &user, const std::string &group, Service &made) {
+        if (!is_own(user) && !(made.user = names_.user(user))) {
+            fail(MSG_CONFIG_UID);
+            return false;
+        }
+        if (!is_own(group) && !(made.group = names_.group(group))) {
+            fail(MSG_CONFIG_GID);
+            return false;
+        }
+        return true;
+    }
+
+    bool command(const std::vector<std::string> &words, Service &made) {
+        made.path = words[PATH];
+        made.arguments.assign(words.begin() + FIELD_COUNT, words.end());
+        if (made.arguments.size() > CONFIG_ARGUMENTS_MAX) {
+            fail(MSG_CONFIG_ARGUMENTS);
+            return false;
+        }
+        if (!made.path.starts_with('/')) {
+            fail(MSG_CONFIG_FAILURE, "The program's path is not absolute");
+            return false;
+        }
+        return true;
+    }
+
+    // Two lines that answer for the same program, version and transport leave open which is meant.
+    bool is_new(const Service &made) {
+        const auto &services = result_.configuration.services;
+        for (size_t i = 0; i < services.size(); ++i) {
+            const bool shares_transport = (services[i].udp && made.udp) || (services[i].tcp && made.tcp);
+            if (shares_transport && services[i].program == made.program && services[i].version == made.version) {
+                fail(MSG_CONFIG_FAILURE, "The service stands already on line " + std::to_string(lines_[i]));
+                return false;
+            }
+        }
+        return true;
+    }
+
+    const NameLookup &names_;
+    ConfigurationResult result_;
+    std::vector<unsigned long> lines_; // of each service
+    unsigned long line_ = 0;
+};
+
+// errno, or 0.
+int read_whole(int fd, std::string &text) {
+    std::array<char, 16384> piece;
+    while (true) {
+        const ssize_t count = read(fd, piece.data(), piece.size());
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            return count < 0 ? errno : 0;
+        text.append(piece.data(), static_cast<size_t>(count));
+        if (text.size() > CONFIG_FILE_BYTES_MAX)
+            return EFBIG;
+    }
+}
+
+ConfigurationResult failed_result(int message, unsigned long line, int error_number) {
+    return {{}, {{message, line, imsg_strerror(error_number)}}};
+}
+
+} // namespace
+
+NameLookup system_names() {
+    NameLookup names;
+    names.user = [](const std::string &name) -> std::optional<uid_t> {
+        if (const auto number = to_number(name); number && *number != UINT32_MAX)
+            return static_cast<uid_t>(*number);
+        const passwd *entry = getpwnam(name.c_str());
+        return entry != nullptr ? std::optional(entry->pw_uid) : std::nullopt;
+    };
+    names.group = [](const std::string &name) -> std::optional<gid_t> {
+        if (const auto number = to_number(name); number && *number != UINT32_MAX)
+            return static_cast<gid_t>(*number);
+        const group *entry = getgrnam(name.c_str());
+        return entry != nullptr ? std::optional(entry->gr_gid) : std::nullopt;
+    };
+    return names;
+}
+
+ConfigurationResult parse_configuration(std::string_view text, const NameLookup &names) {
+    Parser parser(names);
+    while (!text.empty()) {
+        const auto end = text.find('\n');
+        parser.line(text.substr(0, end));
+        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+    }
+    return parser.take();
+}
+
+ConfigurationResult read_configuration(const std::string &file_name, const NameLookup &names) {
+    const int fd = open(file_name.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0)
+        return failed_result(MSG_CONFIG_UNREADABLE, 0, errno);
+    std::string text;
+    const int error_number = read_whole(fd, text);
+    close(fd);
+    if (error_number != 0) {
+        const auto lines = std::count(text.begin(), text.end(), '\n');
+        return failed_result(MSG_CONFIG_READ_ERROR, static_cast<unsigned long>(lines) + 1, error_number);
+    }
+    return parse_configuration(text, names);
+}
+
+void print_configuration_errors(const std::string &file_name, const std::vector<ConfigurationError> &errors) {
+    for (const auto &[message, line, detail] : errors) {
+        if (message == MSG_CONFIG_UNREADABLE)
+            print(IMSG_ERROR, message, file_name.c_str(), detail.c_str());
+        else if (message == MSG_CONFIG_ARGUMENTS)
+            print(IMSG_ERROR, message, file_name.c_str(), line, static_cast<int>(CONFIG_ARGUMENTS_MAX));
+        else // Rows without a word of their own take no third argument, and printf leaves it alone.
+            print(IMSG_ERROR, message, file_name.c_str(), line, detail.c_str());
+    }
+}
+
+} // namespace velia::server

@@ -1,0 +1,81 @@
+// Switches and their checks; what is wrong with them is told before anything is opened.
+#include <server/daemon/command_line.h>
+
+#include <array>
+#include <fcntl.h>
+#include <iostream>
+
+#include <CLI/CLI.hpp>
+
+#include <support/tbs.h>
+#include <veliaxdr/libveliaxdr.h>
+
+namespace velia::server {
+
+namespace {
+
+constexpr const char *footer = R"(Signals:
+  SIGHUP           read the configuration file again; a faulty file changes nothing
+  SIGTERM, SIGINT  end all servers and go
+
+Exit status: 0 ended on request, 1 failed, 2 wrong use.
+
+Examples:
+  rvzd_server -f /etc/velia/rvzd_server.conf
+  VELIA_ROOT=/tmp/site rvzd_server --foreground --listen 127.0.0.2 --port 40371 -f site.conf)";
+
+std::string default_config_file() {
+    std::array<char, TBS_PATH_SIZE> path;
+    return tbs_product_host_config_dir(path.data(), "rvzd_server.conf") == TBS_ST_OK ? path.data() : "";
+}
+
+std::string version_line() {
+    std::array<char, LIBVELIAXDR_VERID_SIZE> line;
+    if (libveliaxdr_sprintf_verid(line.data()) < 0)
+        return "unknown version";
+    std::string text = line.data();
+    while (text.ends_with('\n'))
+        text.pop_back();
+    return text;
+}
+
+std::string check_descriptor(const std::string &text) {
+    const int fd = std::atoi(text.c_str());
+    return fcntl(fd, F_GETFD) >= 0 ? "" : "descriptor " + text + " is not open";
+}
+
+void declare(CLI::App &app, CommandLine &line) {
+    line.config_file = default_config_file();
+    app.add_option("-f,--config", line.config_file, "configuration file")->capture_default_str();
+    app.add_flag("--foreground", line.foreground, "stay in the foreground; messages go to the terminal");
+    app.add_option("--listen", line.listen, "address or host to listen on, may be repeated; default: all")
+        ->type_name("ADDRESS")
+        ->allow_extra_args(false)
+        ->take_all();
+    app.add_option("--port", line.port, "port instead of the site's")->check(CLI::Range(1, 65535));
+    app.add_option("--ready-fd", line.ready_fd, "descriptor to write READY=1 to, and close, once clients are served")
+        ->check(CLI::NonNegativeNumber & CLI::Validator(check_descriptor, "OPEN"));
+    app.add_option("--pid-file", line.pid_file, "file for the process number, removed at the end");
+    app.add_option("--log-file", line.log_file, "log file, in the log directory unless it is a path");
+    app.add_flag("--rpcbind", line.rpcbind, "register with rpcbind");
+    app.set_version_flag("--version", version_line());
+    app.footer(footer);
+}
+
+} // namespace
+
+bool parse_command_line(int argc, char **argv, CommandLine &line, int &exit_status) {
+    CLI::App app(
+        "The rendezvous daemon: tells clients where the servers of this host listen, and starts them on demand.",
+        "rvzd_server");
+    declare(app, line);
+    try {
+        app.parse(argc, argv);
+        return true;
+    } catch (const CLI::ParseError &error) {
+        exit_status = app.exit(error, std::cout, std::cerr) == 0 ? 0 : static_cast<int>(EXIT_USAGE);
+        return false;
+    }
+}
+
+} // namespace velia::server

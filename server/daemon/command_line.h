@@ -1,0 +1,26 @@
+// The daemon's command line.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace velia::server {
+
+struct CommandLine {
+    std::string config_file;
+    std::string log_file;
+    std::string pid_file;
+    std::vector<std::string> listen;
+    uint32_t port = 0; // 0: the site's
+    int ready_fd = -1;
+    bool foreground = false;
+    bool rpcbind = false;
+};
+
+enum { EXIT_USAGE = 2 };
+
+// Fills `line`; false with the exit status when there is nothing to run: a wrong use, --help, --version.
+bool parse_command_line(int argc, char **argv, CommandLine &line, int &exit_status);
+
+} // namespace velia::server

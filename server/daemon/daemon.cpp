@@ -1,0 +1,114 @@
+// Everything that happens in the daemon is an event of its loop: a datagram, a connection, a signal, a process's end,
+// or a moment of the table's that has come.
+#include <server/daemon/daemon.h>
+
+#include <algorithm>
+#include <csignal>
+
+#include <server/broker/procedures.h>
+#include <server/messages.h>
+
+namespace velia::server {
+
+namespace {
+
+constexpr uint64_t stop_grace_ms = 5000; // for servers to end by their lifelines; then they are killed
+constexpr uint64_t kill_grace_ms = 2000;
+
+ConnectionLimits limits_of(const Options &options) {
+    ConnectionLimits limits;
+    limits.connections_max = options.connections_max;
+    limits.idle_ms = int64_t{options.idle_connection_s} * 1000;
+    limits.request_ms = int64_t{options.request_s} * 1000;
+    return limits;
+}
+
+} // namespace
+
+Daemon::Daemon(uv_loop_t *loop, Listeners listeners, std::string config_file, const Configuration &configuration,
+               const ServiceManager &manager)
+    : loop_(loop), config_file_(std::move(config_file)), manager_(manager),
+      launcher_(loop, listeners.server_addresses,
+                [this](int32_t pid, const ServerTable::ExitStatus &status) { process_exited(pid, status); }),
+      table_(launcher_), dispatcher_(RVZD_PROGRAM, RVZD_VERSION, {}), due_timer_(loop, [this] { run_due(); }),
+      stop_timer_(loop, [this] { stop(); }) {
+    for (auto &fd : listeners.udp)
+        udp_endpoints_.push_back(std::make_unique<UdpEndpoint>(loop, std::move(fd), dispatcher_));
+    for (auto &fd : listeners.tcp)
+        tcp_endpoints_.push_back(
+            std::make_unique<TcpEndpoint>(loop, std::move(fd), dispatcher_, limits_of(configuration.options)));
+    signals_.push_back(std::make_unique<SignalHandle>(loop, SIGHUP, [this] { reload(); }));
+    for (const int signal_number : {SIGTERM, SIGINT})
+        signals_.push_back(std::make_unique<SignalHandle>(loop, signal_number, [this] { stop(); }));
+    apply(configuration);
+}
+
+void Daemon::apply(const Configuration &configuration) {
+    dispatcher_.set_procedures(broker_procedures(table_, configuration.options.protocol, [this] { schedule(); }));
+    for (const auto &endpoint : tcp_endpoints_)
+        endpoint->set_limits(limits_of(configuration.options));
+    table_.configure(configuration.services, monotonic_ms());
+    schedule();
+}
+
+void Daemon::reload() {
+    if (stop_requests_ > 0)
+        return;
+    manager_.tell_reloading();
+    const auto result = read_configuration(config_file_, system_names());
+    if (result.errors.empty())
+        apply(result.configuration);
+    else
+        print_configuration_errors(config_file_, result.errors);
+    manager_.tell_ready();
+}
+
+void Daemon::schedule() {
+    const auto due = table_.next_due();
+    if (!due) {
+        due_timer_.stop();
+        return;
+    }
+    due_timer_.start(static_cast<uint64_t>(std::max<int64_t>(*due - monotonic_ms(), 1)));
+}
+
+void Daemon::run_due() {
+    table_.run_due(monotonic_ms());
+    schedule();
+}
+
+void Daemon::process_exited(int32_t pid, const ServerTable::ExitStatus &status) {
+    table_.process_exited(pid, status, monotonic_ms());
+    schedule();
+    finish_if_idle();
+}
+
+void Daemon::finish_if_idle() {
+    if (stop_requests_ > 0 && !table_.has_children())
+        uv_stop(loop_);
+}
+
+// Asked once, servers have time to end; asked again, or when the time is over, they are killed; after that nothing is
+// waited for.
+void Daemon::stop() {
+    ++stop_requests_;
+    if (stop_requests_ == 1) {
+        manager_.tell_stopping();
+        table_.shut_down(monotonic_ms());
+        udp_endpoints_.clear();
+        tcp_endpoints_.clear();
+        stop_timer_.start(stop_grace_ms);
+    } else if (stop_requests_ == 2) {
+        table_.kill_remaining();
+        stop_timer_.start(kill_grace_ms);
+    } else {
+        uv_stop(loop_);
+    }
+    finish_if_idle();
+}
+
+void Daemon::run() {
+    uv_run(loop_, UV_RUN_DEFAULT);
+}
+
+} // namespace velia::server

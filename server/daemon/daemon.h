@@ -1,0 +1,49 @@
+// The daemon at work: endpoints, table and launcher on one event loop.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <server/broker/process_launcher.h>
+#include <server/broker/server_table.h>
+#include <server/config/configuration.h>
+#include <server/daemon/listeners.h>
+#include <server/daemon/readiness.h>
+#include <server/rpc/tcp_endpoint.h>
+#include <server/rpc/udp_endpoint.h>
+
+namespace velia::server {
+
+class Daemon {
+public:
+    Daemon(uv_loop_t *loop, Listeners listeners, std::string config_file, const Configuration &configuration,
+           const ServiceManager &manager);
+
+    // Serves until it is asked to end and its servers have.
+    void run();
+
+private:
+    void apply(const Configuration &configuration);
+    void reload();
+    void stop();
+    void schedule();
+    void run_due();
+    void process_exited(int32_t pid, const ServerTable::ExitStatus &status);
+    void finish_if_idle();
+
+    uv_loop_t *loop_;
+    std::string config_file_;
+    const ServiceManager &manager_;
+    ProcessLauncher launcher_;
+    ServerTable table_;
+    Dispatcher dispatcher_;
+    std::vector<std::unique_ptr<UdpEndpoint>> udp_endpoints_;
+    std::vector<std::unique_ptr<TcpEndpoint>> tcp_endpoints_;
+    TimerHandle due_timer_;
+    TimerHandle stop_timer_;
+    std::vector<std::unique_ptr<SignalHandle>> signals_;
+    int stop_requests_ = 0;
+};
+
+} // namespace velia::server

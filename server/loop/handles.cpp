@@ -1,0 +1,108 @@
+// Each handle lives in a heap record with its function; the owner's end clears the function and asks the loop to close.
+#include <server/loop/handles.h>
+
+#include <stdexcept>
+
+namespace velia::server {
+
+namespace {
+
+void require_ok(int code, const char *what) {
+    if (code != 0)
+        throw std::runtime_error(std::string(what) + ": " + uv_strerror(code));
+}
+
+template <class State>
+void close_state(State *state) {
+    state->function = nullptr;
+    state->handle.data = state;
+    uv_close(reinterpret_cast<uv_handle_t *>(&state->handle),
+             [](uv_handle_t *handle) { delete static_cast<State *>(handle->data); });
+}
+
+} // namespace
+
+struct PollHandle::State {
+    uv_poll_t handle;
+    std::function<void(int)> function;
+};
+
+PollHandle::PollHandle(uv_loop_t *loop, int fd, std::function<void(int)> on_event)
+    : state_(new State{{}, std::move(on_event)}) {
+    const int code = uv_poll_init(loop, &state_->handle, fd);
+    if (code != 0) {
+        delete state_;
+        require_ok(code, "uv_poll_init");
+    }
+    state_->handle.data = state_;
+}
+
+PollHandle::~PollHandle() {
+    close_state(state_);
+}
+
+void PollHandle::watch(int events) {
+    if (events == 0) {
+        uv_poll_stop(&state_->handle);
+        return;
+    }
+    uv_poll_start(&state_->handle, events, [](uv_poll_t *handle, int status, int ready) {
+        auto *state = static_cast<State *>(handle->data);
+        // The function may end its own owner, and with it the one in the record.
+        if (const auto function = state->function)
+            function(status < 0 ? UV_READABLE : ready);
+    });
+}
+
+struct TimerHandle::State {
+    uv_timer_t handle;
+    std::function<void()> function;
+};
+
+TimerHandle::TimerHandle(uv_loop_t *loop, std::function<void()> on_time) : state_(new State{{}, std::move(on_time)}) {
+    uv_timer_init(loop, &state_->handle);
+    state_->handle.data = state_;
+}
+
+TimerHandle::~TimerHandle() {
+    close_state(state_);
+}
+
+void TimerHandle::start(uint64_t delay_ms, uint64_t repeat_ms) {
+    const auto call = [](uv_timer_t *handle) {
+        if (const auto function = static_cast<State *>(handle->data)->function)
+            function();
+    };
+    uv_update_time(state_->handle.loop);
+    uv_timer_start(&state_->handle, call, delay_ms, repeat_ms);
+}
+
+void TimerHandle::stop() {
+    uv_timer_stop(&state_->handle);
+}
+
+struct SignalHandle::State {
+    uv_signal_t handle;
+    std::function<void()> function;
+};
+
+SignalHandle::SignalHandle(uv_loop_t *loop, int signal_number, std::function<void()> on_signal)
+    : state_(new State{{}, std::move(on_signal)}) {
+    uv_signal_init(loop, &state_->handle);
+    state_->handle.data = state_;
+    const auto call = [](uv_signal_t *handle, int) {
+        if (const auto function = static_cast<State *>(handle->data)->function)
+            function();
+    };
+    require_ok(uv_signal_start(&state_->handle, call, signal_number), "uv_signal_start");
+}
+
+SignalHandle::~SignalHandle() {
+    close_state(state_);
+}
+
+int64_t monotonic_ms() {
+    return static_cast<int64_t>(uv_hrtime() / 1000000);
+}
+
+} // namespace velia::server

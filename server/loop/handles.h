@@ -1,0 +1,58 @@
+// libuv's handles with owners. A handle is closed by the loop after its owner is gone; until then it calls nobody.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+
+#include <uv.h>
+
+namespace velia::server {
+
+// Watches a descriptor, which has to outlive it.
+class PollHandle {
+public:
+    PollHandle(uv_loop_t *loop, int fd, std::function<void(int events)> on_event);
+    ~PollHandle();
+    PollHandle(const PollHandle &) = delete;
+    PollHandle &operator=(const PollHandle &) = delete;
+
+    // UV_READABLE, UV_WRITABLE, both, or 0 for neither.
+    void watch(int events);
+
+private:
+    struct State;
+    State *state_;
+};
+
+class TimerHandle {
+public:
+    TimerHandle(uv_loop_t *loop, std::function<void()> on_time);
+    ~TimerHandle();
+    TimerHandle(const TimerHandle &) = delete;
+    TimerHandle &operator=(const TimerHandle &) = delete;
+
+    // `repeat_ms` 0: once.
+    void start(uint64_t delay_ms, uint64_t repeat_ms = 0);
+    void stop();
+
+private:
+    struct State;
+    State *state_;
+};
+
+class SignalHandle {
+public:
+    SignalHandle(uv_loop_t *loop, int signal_number, std::function<void()> on_signal);
+    ~SignalHandle();
+    SignalHandle(const SignalHandle &) = delete;
+    SignalHandle &operator=(const SignalHandle &) = delete;
+
+private:
+    struct State;
+    State *state_;
+};
+
+// The loop's clock, taken anew.
+int64_t monotonic_ms();
+
+} // namespace velia::server

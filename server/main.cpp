@@ -1,0 +1,151 @@
+// rvzd_server, the rendezvous daemon: from the command line to the loop and out again.
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <fcntl.h>
+
+#include <arpa/inet.h>
+#include <sys/stat.h>
+
+#include <server/daemon/background.h>
+#include <server/daemon/command_line.h>
+#include <server/daemon/daemon.h>
+#include <server/messages.h>
+#include <support/ks.h>
+#include <veliaxdr/rvzd_socket.h>
+
+using namespace velia::server;
+
+namespace {
+
+constexpr const char *default_log_file = "rvzd_server_log";
+
+// Process number on a file, as long as the daemon runs.
+class PidFile {
+public:
+    explicit PidFile(const std::string &name) : name_(name) {
+        if (name_.empty())
+            return;
+        FILE *file = fopen(name_.c_str(), "we");
+        if (file == nullptr) {
+            tell_failure();
+            return;
+        }
+        fprintf(file, "%d\n", static_cast<int>(getpid()));
+        if (fclose(file) != 0)
+            tell_failure();
+    }
+    ~PidFile() {
+        if (!name_.empty())
+            unlink(name_.c_str());
+    }
+    PidFile(const PidFile &) = delete;
+    PidFile &operator=(const PidFile &) = delete;
+
+private:
+    void tell_failure() const {
+        constexpr int msg_path_failed = 18; // of the support layer's table
+        imsg_print_shared(IMSG_ERROR, "xdr/rvzd", &_tbs_cmsg_tbs_msg_table, msg_path_failed, name_.c_str(),
+                          imsg_strerror(errno));
+    }
+
+    std::string name_;
+};
+
+// A loop that waits for the handles' ends before its own.
+class Loop {
+public:
+    Loop() { uv_loop_init(&loop_); }
+    ~Loop() {
+        uv_run(&loop_, UV_RUN_NOWAIT);
+        uv_loop_close(&loop_);
+    }
+    Loop(const Loop &) = delete;
+    Loop &operator=(const Loop &) = delete;
+    uv_loop_t *get() { return &loop_; }
+
+private:
+    uv_loop_t loop_ = {};
+};
+
+uint16_t port_of(const CommandLine &line) {
+    if (line.port != 0)
+        return static_cast<uint16_t>(line.port);
+    uint16_t port = 0;
+    rvzd_get_port(nullptr, &port, AF_UNSPEC);
+    return ntohs(port);
+}
+
+void serve(const CommandLine &line, Listeners listeners, const Configuration &configuration, Background &background) {
+    const ServiceManager manager;
+    const PidFile pid_file(line.pid_file);
+    print_listeners(listeners);
+    if (line.rpcbind)
+        register_with_rpcbind(listeners);
+    {
+        Loop loop;
+        Daemon daemon(loop.get(), std::move(listeners), line.config_file, configuration, manager);
+        print(IMSG_PLAIN, MSG_UP_AND_RUNNING);
+        background.came_up();
+        tell_ready_fd(line.ready_fd);
+        manager.tell_ready();
+        daemon.run();
+    }
+    if (line.rpcbind)
+        unregister_from_rpcbind();
+}
+
+// A file named relative to where the daemon was started is found again from where it then runs.
+void make_absolute(std::string &path) {
+    if (path.empty() || path.front() == '/')
+        return;
+    char *directory = getcwd(nullptr, 0);
+    if (directory != nullptr)
+        path = std::string(directory) + "/" + path;
+    free(directory);
+}
+
+int run(CommandLine &line) {
+    make_absolute(line.config_file);
+    make_absolute(line.pid_file);
+    const auto read = read_configuration(line.config_file, system_names());
+    if (!read.errors.empty()) {
+        print_configuration_errors(line.config_file, read.errors);
+        return EXIT_FAILURE;
+    }
+    auto listeners = open_listeners(line.listen, port_of(line));
+    if (!listeners)
+        return EXIT_FAILURE;
+    if (!line.foreground && line.log_file.empty())
+        line.log_file = default_log_file;
+    if (line.log_file.find('/') != std::string::npos)
+        make_absolute(line.log_file);
+    if (!line.log_file.empty() && !redirect_to_log(line.log_file))
+        return EXIT_FAILURE;
+    Background background;
+    if (!line.foreground && !background.enter())
+        return EXIT_FAILURE;
+    serve(line, std::move(*listeners), read.configuration, background);
+    return EXIT_SUCCESS;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    ks_system_init(argc, argv, nullptr);
+    imsg_set_app_name("rvzd_server");
+    close_descriptors_on_exec();
+    CommandLine line;
+    int exit_status = EXIT_FAILURE;
+    try {
+        if (!parse_command_line(argc, argv, line, exit_status))
+            return exit_status;
+        exit_status = run(line);
+    } catch (const std::exception &error) {
+        imsg_print(IMSG_ERROR, "%s\n", IMSG_FORMAT, error.what());
+    }
+    print(exit_status == 0 ? IMSG_PLAIN : IMSG_ERROR, MSG_EXITING, exit_status);
+    return exit_status;
+}

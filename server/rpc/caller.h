@@ -1,0 +1,26 @@
+// The two ends of a call.
+#pragma once
+
+#include <string>
+
+#include <support/sysutl.h>
+#include <veliaxdr/rvzd_wire.h>
+
+namespace velia::server {
+
+struct Caller {
+    ks_sockaddr_storage_t peer = {};
+    ks_sockaddr_storage_t local = {}; // the address of ours to which the call came
+    rvzd_protocol_in_t transport = RVZD_PROTOCOL_NONE;
+};
+
+// An IPv4 address out of its IPv6 wrapping, so that both forms of one host compare and print alike.
+ks_sockaddr_storage_t unmapped(const ks_sockaddr_storage_t &address);
+
+// True when the call came from this host: over loopback, or from the address to which it went.
+bool is_from_this_host(const Caller &caller);
+
+// The peer's address without its port.
+std::string address_text(const ks_sockaddr_storage_t &address);
+
+} // namespace velia::server

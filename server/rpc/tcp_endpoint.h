@@ -1,0 +1,40 @@
+// Calls over one listening TCP socket, with a bound on the connections and on what each may cost.
+#pragma once
+
+#include <map>
+#include <memory>
+
+#include <server/rpc/tcp_connection.h>
+
+namespace velia::server {
+
+class TcpEndpoint {
+public:
+    // The dispatcher has to outlive the endpoint.
+    TcpEndpoint(uv_loop_t *loop, UniqueFd fd, const Dispatcher &dispatcher, const ConnectionLimits &limits);
+    ~TcpEndpoint();
+
+    void set_limits(const ConnectionLimits &limits) { limits_ = limits; }
+
+private:
+    using Connections = std::map<uint64_t, std::shared_ptr<TcpConnection>>;
+
+    void accept_some();
+    bool accept_one();
+    void admit(UniqueFd fd, const Caller &caller);
+    bool make_room();
+    void sweep();
+
+    uv_loop_t *loop_;
+    UniqueFd fd_;
+    const Dispatcher &dispatcher_;
+    ConnectionLimits limits_;
+    Connections connections_;
+    uint64_t next_number_ = 0;
+    int64_t told_ms_ = 0; // when a failed accept was last told
+    bool is_paused_ = false;
+    PollHandle poll_;
+    TimerHandle sweep_timer_;
+};
+
+} // namespace velia::server

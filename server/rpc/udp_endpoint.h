@@ -1,0 +1,30 @@
+// Calls over one UDP socket.
+#pragma once
+
+#include <memory>
+
+#include <server/loop/handles.h>
+#include <server/loop/unique_fd.h>
+#include <server/rpc/dispatcher.h>
+#include <server/rpc/replay_cache.h>
+
+namespace velia::server {
+
+class UdpEndpoint {
+public:
+    // The dispatcher has to outlive the endpoint.
+    UdpEndpoint(uv_loop_t *loop, UniqueFd fd, const Dispatcher &dispatcher);
+    ~UdpEndpoint();
+
+private:
+    struct Channel;
+
+    void receive();
+    void take(Bytes message, const Caller &caller);
+
+    std::shared_ptr<Channel> channel_; // replies given later find it gone when the endpoint is
+    const Dispatcher &dispatcher_;
+    PollHandle poll_;
+};
+
+} // namespace velia::server
