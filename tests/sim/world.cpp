@@ -84,6 +84,12 @@ std::vector<Message> World::take_messages() {
     return std::exchange(messages, {});
 }
 
+std::vector<Message> World::take_errors() {
+    auto taken = take_messages();
+    std::erase_if(taken, [](const Message &message) { return message.severity != IMSG_ERROR; });
+    return taken;
+}
+
 void World::write_file(const std::string &path_below_root, const std::string &text) {
     const auto path = std::filesystem::path(root_) / path_below_root;
     std::filesystem::create_directories(path.parent_path());

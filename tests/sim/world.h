@@ -90,6 +90,8 @@ public:
 
     // Messages since the last take; the trace level and subsystem:level pairs in force.
     std::vector<Message> take_messages();
+    // Those at the error severity; the others are forgotten.
+    std::vector<Message> take_errors();
     std::vector<Message> messages;
     int verbosity = 0;
     std::set<std::string> traced; // "xdr/rvzd:4"

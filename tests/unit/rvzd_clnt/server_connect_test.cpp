@@ -71,7 +71,7 @@ TEST_F(ServerConnect, TheClientCallsTheServersProgram) {
     for (const bool tcp : {false, true}) {
         ASSERT_EQ(connect_to("alpha", tcp), TBS_ST_OK);
         world.peer.answer(0, {});
-        const auto void_routine = reinterpret_cast<xdrproc_t>(xdr_void);
+        const auto void_routine = reinterpret_cast<xdrproc_t>(reinterpret_cast<void (*)()>(xdr_void));
         EXPECT_EQ(clnt_call(connection.client, 0, void_routine, nullptr, void_routine, nullptr, (timeval{1, 0})),
                   RPC_SUCCESS);
         const auto &call = world.peer.last();

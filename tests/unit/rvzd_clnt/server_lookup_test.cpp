@@ -221,7 +221,7 @@ TEST_F(ServerLookup, AGenericHandleLooksUpTheGenericServicesOnly) {
         const size_t calls = world.peer.calls.size();
         EXPECT_EQ(rvzd_find_server(handle, &trait, &uuid, "", &out), TBS_ST_ERROR);
         EXPECT_EQ(world.peer.calls.size(), calls);
-        const auto messages = world.take_messages();
+        const auto messages = world.take_errors();
         ASSERT_EQ(messages.size(), 1u);
         EXPECT_EQ(messages[0].index, 102);
         EXPECT_THAT(messages[0].text, testing::HasSubstr("(program number: 390600)"));

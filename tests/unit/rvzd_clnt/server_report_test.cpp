@@ -119,7 +119,7 @@ TEST_P(ServerReport, EachFailingAllocationFailsWithoutALeak) {
 }
 
 INSTANTIATE_TEST_SUITE_P(EachReport, ServerReport, testing::Range<size_t>(0, 5),
-                         [](const auto &info) { return std::string(reports[info.param].name); });
+                         [](const auto &each) { return std::string(reports[each.param].name); });
 
 class ReportRecords : public BrokerTest {
 protected:
