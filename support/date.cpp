@@ -23,10 +23,16 @@ struct TextRing {
 
 thread_local TextRing ring;
 
+// A year of fewer than four digits would not be read back.
+bool has_readable_year(const struct tm &parts) {
+    return parts.tm_year >= 1000 - base_year;
+}
+
 const char *formatted(time_t time, const char *format) {
     char *text = ring.take();
     struct tm parts;
-    if (localtime_r(&time, &parts) == nullptr || strftime(text, TextRing::text_size, format, &parts) == 0)
+    if (localtime_r(&time, &parts) == nullptr || !has_readable_year(parts) ||
+        strftime(text, TextRing::text_size, format, &parts) == 0)
         snprintf(text, TextRing::text_size, "@%lld", static_cast<long long>(time));
     return text;
 }

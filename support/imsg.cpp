@@ -1,250 +1,313 @@
-// The message printer. A message is formatted into one buffer, given its prefix, and written in one piece, so that
-// lines of several threads and processes do not mix.
+// The message printer. A message is formatted whole, headed, and handed to the kernel by one write, so that messages of
+// several threads and processes do not mix.
 #include <support/imsg.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 
 #include <fcntl.h>
 #include <pthread.h>
-#include <termios.h>
+#include <time.h>
 #include <unistd.h>
 
-#include "message_format.h"
+#include <support/pfm.h>
+#include <support/stg.h>
+
+#include "imsg_internal.h"
 
 namespace {
 
-constexpr size_t app_name_size = 256;
-constexpr size_t line_size = support::message_size + app_name_size + 64;
-constexpr size_t password_size = 256;
-constexpr int password_entered = 2;
+using velia::support::write_all;
 
+constexpr size_t usual_text_size = 1024;
+constexpr size_t app_name_size = 64;
+
+pthread_mutex_t printer_lock = PTHREAD_MUTEX_INITIALIZER;
+char app_name[app_name_size];
+int log_descriptor = -1;
+bool log_is_inside_a_line;
 imsg_sink_t message_sink;
 void *sink_context;
-char app_name[app_name_size];
-int log_fd = -1;
-pthread_mutex_t name_mutex = PTHREAD_MUTEX_INITIALIZER;
 
-struct Level {
-    int severity;
+// How a severity is shown.
+struct Heading {
     const char *word;
-    const char *color;
+    const char *colour;
 };
 
-constexpr Level levels[] = {{IMSG_WARNING, "Warning", "\033[33m"}, {IMSG_ERROR, "Error", "\033[31m"}};
-
-const Level *level_of(int severity) {
-    for (const Level &level : levels)
-        if (level.severity == severity)
-            return &level;
-    return nullptr;
+Heading heading_of(int severity) {
+    switch (severity) {
+    case IMSG_WARNING:
+        return {"Warning: ", "\033[1;33m"};
+    case IMSG_ERROR:
+        return {"Error: ", "\033[1;31m"};
+    default:
+        return {nullptr, nullptr};
+    }
 }
 
-bool wants_color(int fd) {
+int stream_descriptor(int severity) {
+    return severity == IMSG_PLAIN || severity == IMSG_PROGRESS ? STDOUT_FILENO : STDERR_FILENO;
+}
+
+bool is_coloured(int descriptor) {
     const char *no_color = getenv("NO_COLOR");
-    return (no_color == nullptr || *no_color == '\0') && isatty(fd);
+    return (no_color == nullptr || *no_color == '\0') && isatty(descriptor);
 }
 
-void write_whole(int fd, const char *bytes, size_t length) {
-    while (length > 0) {
-        const ssize_t written = write(fd, bytes, length);
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written <= 0)
-            return;
-        bytes += written;
-        length -= static_cast<size_t>(written);
+// The text of one message on the stack, or on the heap when it is long. Without memory for a long one, its beginning.
+struct Text {
+    char usual[usual_text_size];
+    char *bytes;
+    size_t length;
+
+    void format(const char *format_text, va_list arguments) {
+        va_list again;
+        va_copy(again, arguments);
+        bytes = usual;
+        const int wanted = vsnprintf(usual, sizeof usual, format_text, arguments);
+        length = wanted > 0 ? static_cast<size_t>(wanted) : 0;
+        if (length >= sizeof usual)
+            format_at_length(format_text, again);
+        va_end(again);
     }
-}
 
-// A bounded line under construction.
-struct Line {
-    char text[line_size];
-    size_t length = 0;
+    void format_at_length(const char *format_text, va_list arguments) {
+        auto *room = static_cast<char *>(malloc(length + 1));
+        if (room == nullptr) {
+            length = sizeof usual - 1;
+            return;
+        }
+        vsnprintf(room, length + 1, format_text, arguments);
+        bytes = room;
+    }
 
-    __attribute__((format(printf, 2, 3))) void add(const char *format, ...) {
-        va_list arguments;
-        va_start(arguments, format);
-        const int added = vsnprintf(text + length, sizeof text - length, format, arguments);
-        va_end(arguments);
-        if (added > 0)
-            length = length + static_cast<size_t>(added) < sizeof text ? length + static_cast<size_t>(added)
-                                                                       : sizeof text - 1;
+    void release() {
+        if (bytes != usual)
+            free(bytes);
     }
 };
 
-void add_time(Line &line) {
-    const time_t now = time(nullptr);
-    tm broken_down;
-    char stamp[32] = "";
-    if (localtime_r(&now, &broken_down) != nullptr)
-        strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &broken_down);
-    line.add("%s ", stamp);
-}
+// A growing text; it stays as it is when memory runs out, so that the message itself still comes out.
+struct Output {
+    char *bytes;
+    size_t length;
+    size_t size;
 
-void add_prefix(Line &line, const Level &level, bool colored) {
-    pthread_mutex_lock(&name_mutex);
-    if (app_name[0] != '\0')
-        line.add("%s: ", app_name);
-    pthread_mutex_unlock(&name_mutex);
-    line.add("%s%s:%s ", colored ? level.color : "", level.word, colored ? "\033[0m" : "");
-}
-
-void write_message(int severity, const char *text) {
-    const bool is_result = severity == IMSG_PLAIN || severity == IMSG_PROGRESS;
-    const bool to_log = log_fd >= 0;
-    const int fd = to_log ? log_fd : is_result ? STDOUT_FILENO : STDERR_FILENO;
-    const Level *level = level_of(severity);
-    Line line;
-    if (to_log && severity != IMSG_PROGRESS)
-        add_time(line);
-    if (level != nullptr)
-        add_prefix(line, *level, !to_log && wants_color(fd));
-    line.add("%s", text);
-    if (is_result && !to_log)
-        fflush(stdout);
-    write_whole(fd, line.text, line.length);
-}
-
-// What VELIA_TRACE holds: "subsystem:level,...". A level traces all below it as well.
-bool trace_is_asked_for(const char *list, const char *subsystem, int level) {
-    const size_t name_length = strlen(subsystem);
-    for (const char *item = list; item != nullptr && *item != '\0';) {
-        const char *end = strchrnul(item, ',');
-        if (strncmp(item, subsystem, name_length) == 0 && item[name_length] == ':' &&
-            level <= atoi(item + name_length + 1))
-            return true;
-        item = *end == ',' ? end + 1 : end;
+    void append(const char *text, size_t text_length) {
+        if (size - length < text_length && !grow(length + text_length))
+            return;
+        memcpy(bytes + length, text, text_length);
+        length += text_length;
     }
-    return false;
+
+    void append(const char *text) { append(text, strlen(text)); }
+
+    bool grow(size_t least_size) {
+        const size_t new_size = least_size * 2;
+        auto *room = static_cast<char *>(realloc(bytes, new_size));
+        if (room == nullptr)
+            return false;
+        bytes = room;
+        size = new_size;
+        return true;
+    }
+};
+
+void append_heading(Output &output, int severity, bool coloured) {
+    const Heading heading = heading_of(severity);
+    if (heading.word == nullptr)
+        return;
+    output.append(app_name[0] != '\0' ? app_name : program_invocation_short_name);
+    output.append(": ");
+    if (coloured)
+        output.append(heading.colour);
+    output.append(heading.word);
+    if (coloured)
+        output.append("\033[0m");
 }
 
-bool read_line_without_echo(FILE *terminal, char *line, size_t size) {
-    termios shown;
-    const bool is_terminal = tcgetattr(fileno(terminal), &shown) == 0;
-    if (is_terminal) {
-        termios hidden = shown;
-        hidden.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-        tcsetattr(fileno(terminal), TCSAFLUSH, &hidden);
+void append_time(Output &output) {
+    struct timespec now;
+    struct tm parts;
+    clock_gettime(CLOCK_REALTIME, &now);
+    gmtime_r(&now.tv_sec, &parts);
+    char text[64];
+    const size_t length = strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
+    snprintf(text + length, sizeof text - length, ".%03ldZ ", now.tv_nsec / 1000000);
+    output.append(text);
+}
+
+// Heads every line by the time; a message without a newline leaves its line to be continued.
+void write_to_log(const Output &message) {
+    Output lines = {};
+    for (size_t at = 0; at < message.length;) {
+        if (!log_is_inside_a_line)
+            append_time(lines);
+        const auto *end = static_cast<const char *>(memchr(message.bytes + at, '\n', message.length - at));
+        const size_t stop = end != nullptr ? static_cast<size_t>(end - message.bytes) + 1 : message.length;
+        lines.append(message.bytes + at, stop - at);
+        log_is_inside_a_line = end == nullptr;
+        at = stop;
     }
-    const bool entered = fgets(line, static_cast<int>(size), terminal) != nullptr;
-    if (is_terminal)
-        tcsetattr(fileno(terminal), TCSAFLUSH, &shown);
-    return entered;
+    write_all(log_descriptor, lines.bytes, lines.length);
+    free(lines.bytes);
+}
+
+// What the program itself has put into its stream comes before the message.
+void write_to_stream(int severity, const Output &message) {
+    fflush(severity == IMSG_PLAIN || severity == IMSG_PROGRESS ? stdout : stderr);
+    write_all(stream_descriptor(severity), message.bytes, message.length);
+}
+
+void write_message(int severity, const char *origin, const Text &text) {
+    const bool coloured = log_descriptor < 0 && heading_of(severity).word != nullptr && is_coloured(STDERR_FILENO);
+    Output message = {};
+    append_heading(message, severity, coloured);
+    if (origin != nullptr)
+        message.append(origin);
+    message.append(text.bytes, text.length);
+    if (log_descriptor >= 0)
+        write_to_log(message);
+    else
+        write_to_stream(severity, message);
+    free(message.bytes);
+}
+
+const imsg_table_t *table_of(const void *table_or_format, int index) {
+    return index == IMSG_FORMAT ? nullptr : static_cast<const imsg_table_t *>(table_or_format);
+}
+
+// The text to format by; null for a position that the table does not have.
+const char *text_of(const void *table_or_format, int index) {
+    if (index == IMSG_FORMAT)
+        return static_cast<const char *>(table_or_format);
+    const imsg_table_t *table = table_of(table_or_format, index);
+    return table != nullptr && index >= 0 && index < table->count ? table->texts[index] : nullptr;
+}
+
+void format_missing(Text &text, const char *subsystem, int index, ...) {
+    va_list arguments;
+    va_start(arguments, index);
+    text.format("message %2$d of \"%1$s\" is missing\n", arguments);
+    va_end(arguments);
+    (void)subsystem;
 }
 
 } // namespace
 
-const char *support::format_of(const void *table_or_format, int index) {
-    if (index < 0)
-        return static_cast<const char *>(table_or_format);
-    const auto *table = static_cast<const imsg_table_t *>(table_or_format);
-    return index < table->count ? table->texts[index] : "";
+void velia::support::write_all(int descriptor, const char *bytes, size_t size) {
+    for (size_t written = 0; written < size;) {
+        const ssize_t step = write(descriptor, bytes + written, size - written);
+        if (step < 0 && errno != EINTR)
+            return;
+        written += step > 0 ? static_cast<size_t>(step) : 0;
+    }
 }
 
-int support::format_message(char *buffer, size_t size, const void *table_or_format, int index, va_list arguments) {
-    buffer[0] = '\0';
-    return vsnprintf(buffer, size, format_of(table_or_format, index), arguments);
-}
-
-void support::deliver(int severity, const char *subsystem, const void *table_or_format, int index, const char *text) {
-    if (message_sink == nullptr)
-        return write_message(severity, text);
-    const auto *table = index >= 0 ? static_cast<const imsg_table_t *>(table_or_format) : nullptr;
-    message_sink(sink_context, severity, subsystem, table, index, text);
+void velia::support::print_message(int severity, const char *subsystem, const void *table_or_format, int index,
+                                   const char *origin, va_list arguments) {
+    const int caller_errno = errno;
+    const char *format = text_of(table_or_format, index);
+    pfm_inhibit();
+    Text text;
+    if (format != nullptr)
+        text.format(format, arguments);
+    else
+        format_missing(text, subsystem, index, subsystem, index);
+    if (message_sink != nullptr) {
+        message_sink(sink_context, severity, subsystem, table_of(table_or_format, index), index, text.bytes);
+    } else {
+        pthread_mutex_lock(&printer_lock);
+        write_message(severity, origin, text);
+        pthread_mutex_unlock(&printer_lock);
+    }
+    text.release();
+    errno = caller_errno;
+    pfm_enable();
 }
 
 void imsg_print(int severity, const void *table_or_format, int index, ...) {
-    char text[support::message_size];
+    const imsg_table_t *table = table_of(table_or_format, index);
     va_list arguments;
     va_start(arguments, index);
-    support::format_message(text, sizeof text, table_or_format, index, arguments);
+    velia::support::print_message(severity, table != nullptr ? table->subsystem_name : nullptr, table_or_format, index,
+                                  nullptr, arguments);
     va_end(arguments);
-    const char *subsystem = index >= 0 ? static_cast<const imsg_table_t *>(table_or_format)->subsystem_name : "";
-    support::deliver(severity, subsystem, table_or_format, index, text);
 }
 
 void imsg_print_shared(int severity, const char *subsystem, const void *table_or_format, int index, ...) {
-    char text[support::message_size];
     va_list arguments;
     va_start(arguments, index);
-    support::format_message(text, sizeof text, table_or_format, index, arguments);
+    velia::support::print_message(severity, subsystem, table_or_format, index, nullptr, arguments);
     va_end(arguments);
-    support::deliver(severity, subsystem, table_or_format, index, text);
 }
 
 int imsg_sprintf(char *buffer, const void *table_or_format, int index, ...) {
+    const char *format = text_of(table_or_format, index);
+    if (buffer == nullptr || format == nullptr)
+        return -1;
     va_list arguments;
     va_start(arguments, index);
-    const int length = vsprintf(buffer, support::format_of(table_or_format, index), arguments);
+    // The interface has no size: room for the whole text is the caller's promise.
+    const int length = vsnprintf(buffer, INT_MAX, format, arguments);
     va_end(arguments);
     return length;
 }
 
 int imsg_dynamic_len_snprintf(char **buffer, size_t *size, size_t limit, const char *format, const char *argument) {
-    const int length = snprintf(*buffer, *size, format, argument);
-    if (length < 0 || static_cast<size_t>(length) < *size)
-        return length;
+    const int length = snprintf(nullptr, 0, format, argument);
+    if (length < 0)
+        return -1;
     const size_t needed = static_cast<size_t>(length) + 1;
     if (needed > limit)
         return -1;
-    auto *grown = static_cast<char *>(realloc(*buffer, needed));
-    if (grown == nullptr)
-        return -1;
-    *buffer = grown;
-    *size = needed;
-    return snprintf(grown, needed, format, argument);
-}
-
-int imsg_get_desired_verbosity(void) {
-    const char *text = getenv("VELIA_VERBOSITY");
-    return text != nullptr ? atoi(text) : 0;
-}
-
-int imsg_should_trace(const char *subsystem, int level) {
-    return trace_is_asked_for(getenv("VELIA_TRACE"), subsystem, level);
+    const size_t wanted = needed > *size ? needed : *size;
+    const size_t new_size = wanted < limit ? wanted : limit;
+    if (*buffer == nullptr || needed > *size) {
+        auto *room = static_cast<char *>(stg_realloc(*buffer, new_size));
+        if (room == nullptr)
+            return -1;
+        *buffer = room;
+        *size = new_size;
+    }
+    return snprintf(*buffer, *size, format, argument);
 }
 
 const char *imsg_strerror(int error_number) {
-    static thread_local char text[128];
-    return strerror_r(error_number, text, sizeof text);
+    static thread_local char unknown[48];
+    const char *text = strerrordesc_np(error_number);
+    if (text != nullptr)
+        return text;
+    snprintf(unknown, sizeof unknown, "Unknown error %d", error_number);
+    return unknown;
 }
 
 void imsg_set_app_name(const char *name) {
-    pthread_mutex_lock(&name_mutex);
+    pthread_mutex_lock(&printer_lock);
     snprintf(app_name, sizeof app_name, "%s", name != nullptr ? name : "");
-    pthread_mutex_unlock(&name_mutex);
+    pthread_mutex_unlock(&printer_lock);
 }
 
+// A descriptor in use is replaced in place, so that no message meets a closed one.
 int imsg_init_daemon(const char *log_path) {
-    const int fd = open(log_path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
-    if (fd < 0)
-        return -1;
-    if (log_fd >= 0)
-        close(log_fd);
-    log_fd = fd;
-    return 0;
-}
-
-int imsg_prompt_password(const char *prompt, char *buffer) {
-    FILE *terminal = fopen("/dev/tty", "r+e");
-    if (terminal == nullptr)
-        return 0;
-    fputs(prompt, terminal);
-    fflush(terminal);
-    char line[password_size];
-    const bool entered = read_line_without_echo(terminal, line, sizeof line);
-    fputs("\n", terminal);
-    fclose(terminal);
-    if (entered) {
-        line[strcspn(line, "\n")] = '\0';
-        strcpy(buffer, line);
+    constexpr mode_t log_mode = 0640;
+    const int opened = open(log_path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, log_mode);
+    if (opened < 0)
+        return errno;
+    pthread_mutex_lock(&printer_lock);
+    if (log_descriptor < 0) {
+        log_descriptor = opened;
+    } else {
+        dup3(opened, log_descriptor, O_CLOEXEC);
+        close(opened);
     }
-    explicit_bzero(line, sizeof line);
-    return entered ? password_entered : 0;
+    log_is_inside_a_line = false;
+    pthread_mutex_unlock(&printer_lock);
+    return 0;
 }
 
 void imsg_set_sink(imsg_sink_t sink, void *context) {

@@ -1,59 +1,72 @@
-// The event loop, on libuv. It comes into being at first use. A raise from a callback must not unwind through libuv's
-// own frames, so each callback runs inside a clean-up frame: a raise stops the loop and goes on from rt_run.
-//
-// libuv's loop belongs to the thread that runs it. What another thread asks for meanwhile is queued and taken up there.
+// The event loop on libuv. libuv's loop belongs to the thread that runs it, while events come from any thread; so every
+// event is put on a list under a lock and the loop's thread takes it from there, woken if it is waiting.
 #include <support/rt.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
-#include <sys/epoll.h>
-#include <unistd.h>
+#include <cstring>
 
+#include <fcntl.h>
 #include <pthread.h>
-#include <setjmp.h>
+#include <sys/stat.h>
 #include <uv.h>
 
+#include <support/ivlthread.h>
 #include <support/pfm.h>
 
+namespace {
+
+// What the loop's thread has yet to do with an event.
+enum class Order { none, start, close };
+
+} // namespace
+
 struct rt_event {
+    rt_event *next_ordered;
+    rt_event *next_watched; // of descriptors
+    Order order;
+    bool is_ordered; // stands on the list of orders
+    bool is_running; // libuv knows it
+    bool is_timer;
+    void (*function)(void *);
+    void *argument;
+    int descriptor;
+    uint64_t due_ms; // on the loop's clock
     union {
         uv_handle_t handle;
         uv_timer_t timer;
         uv_poll_t poll;
     };
-    void (*function)(void *);
-    void *argument;
-    uint64_t due_ms; // of a timer, on libuv's clock
-    int descriptor;  // -1 for a timer
-    bool started;
-    bool cancelled;
-    rt_event *next; // in the queue, or among the watches
 };
 
 namespace {
 
+pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+rt_event *orders;  // under the lock
+rt_event *watched; // under the lock: the descriptors in force
+bool is_running;   // under the lock
+
 uv_loop_t loop;
-uv_async_t wake_up;
-bool loop_is_made;
-bool loop_is_running;
-pthread_t loop_thread;
-int raised_code; // by a callback of the current run, 0 for none
-rt_event *queue; // asked for and not yet started
-rt_event *watches;
-pthread_mutex_t loop_mutex = PTHREAD_MUTEX_INITIALIZER; // guards all above but the insides of a running loop
+uv_async_t waker;
+ivlthread_once_t loop_once;
+int loop_is_ready;
+int stop_is_wanted;
+int raised_code; // of the loop's thread
 
-template <class Body>
-auto locked(Body &&body) {
-    pthread_mutex_lock(&loop_mutex);
-    const auto result = body();
-    pthread_mutex_unlock(&loop_mutex);
-    return result;
+class Locked {
+public:
+    Locked() { pthread_mutex_lock(&lock); }
+    ~Locked() { pthread_mutex_unlock(&lock); }
+    Locked(const Locked &) = delete;
+    Locked &operator=(const Locked &) = delete;
+};
+
+uint64_t now_ms() {
+    return uv_hrtime() / 1'000'000;
 }
 
-bool may_touch_loop() {
-    return !loop_is_running || pthread_equal(loop_thread, pthread_self());
-}
-
+// A raise may not unwind through libuv: it ends the loop here and goes on from rt_run.
 [[gnu::noinline]] void call(void (*function)(void *), void *argument) {
     pfm_frame_t frame;
     frame.code = sigsetjmp(frame.jump, 1);
@@ -66,200 +79,251 @@ bool may_touch_loop() {
     pfm_cleanup_rls(&frame);
 }
 
-void free_event(uv_handle_t *handle) {
+void release_event(uv_handle_t *handle) {
     free(handle->data);
 }
 
+// The loop's thread is done with the event. It is released at once if libuv never knew it.
 void close_event(rt_event *event) {
-    uv_close(&event->handle, free_event);
+    if (event->is_running)
+        uv_close(&event->handle, release_event);
+    else
+        free(event);
 }
 
-void timer_is_due(uv_timer_t *timer) {
+void on_timer(uv_timer_t *timer) {
     auto *event = static_cast<rt_event *>(timer->data);
+    {
+        const Locked locked;
+        if (event->is_ordered) // taken back meanwhile; its order releases it
+            return;
+    }
     void (*function)(void *) = event->function;
     void *argument = event->argument;
-    // One shot: the event is gone before its function runs, which may arm another.
     close_event(event);
     call(function, argument);
 }
 
-void descriptor_is_readable(uv_poll_t *poll, int /*status*/, int /*events*/) {
-    const auto *event = static_cast<rt_event *>(poll->data);
-    call(event->function, event->argument);
-}
-
-uint64_t clock_ms() {
-    return uv_hrtime() / 1000000;
+// Errors of the descriptor are for the function to find by reading.
+void on_readable(uv_poll_t *poll, int, int) {
+    auto *event = static_cast<rt_event *>(poll->data);
+    void (*function)(void *);
+    void *argument;
+    {
+        const Locked locked;
+        if (event->order == Order::close)
+            return;
+        function = event->function;
+        argument = event->argument;
+    }
+    call(function, argument);
 }
 
 void start_timer(rt_event *event) {
     uv_timer_init(&loop, &event->timer);
     event->timer.data = event;
-    event->started = true;
+    event->is_running = true;
+    const uint64_t now = now_ms();
     uv_update_time(&loop);
-    const uint64_t now_ms = clock_ms();
-    uv_timer_start(&event->timer, timer_is_due, event->due_ms > now_ms ? event->due_ms - now_ms : 0, 0);
+    uv_timer_start(&event->timer, on_timer, event->due_ms > now ? event->due_ms - now : 0, 0);
 }
 
-void start_watch(rt_event *event) {
-    if (uv_poll_init(&loop, &event->poll, event->descriptor) != 0) {
-        free(event);
+void start_watching(rt_event *event) {
+    if (uv_poll_init(&loop, &event->poll, event->descriptor) != 0)
         return;
-    }
     event->poll.data = event;
-    event->started = true;
-    event->next = watches;
-    watches = event;
-    uv_poll_start(&event->poll, UV_READABLE | UV_DISCONNECT, descriptor_is_readable);
+    event->is_running = true;
+    uv_poll_start(&event->poll, UV_READABLE | UV_DISCONNECT, on_readable);
 }
 
-// With the mutex held, in the loop's thread.
-void start_queued() {
-    while (queue != nullptr) {
-        rt_event *event = queue;
-        queue = event->next;
-        if (event->cancelled)
-            free(event);
-        else if (event->descriptor < 0)
+rt_event *take_orders() {
+    const Locked locked;
+    rt_event *taken = orders;
+    orders = nullptr;
+    return taken;
+}
+
+Order take_order(rt_event *event) {
+    const Locked locked;
+    event->is_ordered = false;
+    return event->order;
+}
+
+// Orders stand newest first. Of one descriptor the older watch has to be closed before the newer is started.
+rt_event *oldest_first(rt_event *newest) {
+    rt_event *list = nullptr;
+    while (newest != nullptr) {
+        rt_event *next = newest->next_ordered;
+        newest->next_ordered = list;
+        list = newest;
+        newest = next;
+    }
+    return list;
+}
+
+void carry_out_orders() {
+    rt_event *event = oldest_first(take_orders());
+    while (event != nullptr) {
+        rt_event *next = event->next_ordered;
+        if (take_order(event) == Order::close)
+            close_event(event);
+        else if (event->is_timer)
             start_timer(event);
         else
-            start_watch(event);
+            start_watching(event);
+        event = next;
     }
 }
 
-void woken_up(uv_async_t * /*unused*/) {
-    locked([] {
-        start_queued();
-        return 0;
-    });
+void on_wake(uv_async_t *) {
+    carry_out_orders();
+    if (__atomic_load_n(&stop_is_wanted, __ATOMIC_ACQUIRE) != 0)
+        uv_stop(&loop);
 }
 
-bool make_loop() {
-    if (loop_is_made)
-        return true;
+// The waker alone keeps nobody waiting.
+int make_loop() {
     if (uv_loop_init(&loop) != 0)
-        return false;
-    if (uv_async_init(&loop, &wake_up, woken_up) != 0) {
-        uv_loop_close(&loop);
-        return false;
+        return 0;
+    if (uv_async_init(&loop, &waker, on_wake) == 0) {
+        uv_unref(reinterpret_cast<uv_handle_t *>(&waker));
+        __atomic_store_n(&loop_is_ready, 1, __ATOMIC_RELEASE);
     }
-    // Being ready for other threads is no reason to stay in the loop.
-    uv_unref(reinterpret_cast<uv_handle_t *>(&wake_up));
-    loop_is_made = true;
-    return true;
+    return 0;
 }
 
-rt_event *make_event(void (*function)(void *), void *argument, int descriptor) {
+bool has_loop() {
+    ivlthread_once(&loop_once, make_loop);
+    return __atomic_load_n(&loop_is_ready, __ATOMIC_ACQUIRE) != 0;
+}
+
+// Under the lock.
+void give_order(rt_event *event, Order order) {
+    event->order = order;
+    if (event->is_ordered)
+        return;
+    event->is_ordered = true;
+    event->next_ordered = orders;
+    orders = event;
+}
+
+rt_event *new_event(void (*function)(void *), void *argument) {
     auto *event = static_cast<rt_event *>(calloc(1, sizeof(rt_event)));
     if (event != nullptr) {
         event->function = function;
         event->argument = argument;
-        event->descriptor = descriptor;
     }
     return event;
 }
 
-// With the mutex held.
-rt_event *enqueue(rt_event *event) {
-    if (event == nullptr || !make_loop()) {
-        free(event);
-        return nullptr;
-    }
-    event->next = queue;
-    queue = event;
-    if (may_touch_loop())
-        start_queued();
-    else
-        uv_async_send(&wake_up);
-    return event;
-}
-
-bool can_be_watched(int descriptor) {
-    const int poller = epoll_create1(EPOLL_CLOEXEC);
-    if (poller < 0)
-        return false;
-    epoll_event events = {};
-    events.events = EPOLLIN;
-    const bool accepted = epoll_ctl(poller, EPOLL_CTL_ADD, descriptor, &events) == 0;
-    close(poller);
-    return accepted;
-}
-
-void forget(int descriptor) {
-    for (rt_event *event = queue; event != nullptr; event = event->next)
-        if (event->descriptor == descriptor)
-            event->cancelled = true;
-    for (rt_event **link = &watches; *link != nullptr;) {
-        rt_event *event = *link;
-        if (event->descriptor != descriptor) {
-            link = &event->next;
-            continue;
+// Under the lock.
+rt_event *unlink_watched(int descriptor) {
+    for (rt_event **link = &watched; *link != nullptr; link = &(*link)->next_watched) {
+        if ((*link)->descriptor == descriptor) {
+            rt_event *event = *link;
+            *link = event->next_watched;
+            return event;
         }
-        *link = event->next;
-        uv_poll_stop(&event->poll);
-        close_event(event);
     }
+    return nullptr;
+}
+
+// The kernel does not tell when a plain file or a directory becomes readable.
+bool can_be_watched(int descriptor) {
+    struct stat status;
+    return fstat(descriptor, &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode);
+}
+
+bool begin_run() {
+    const Locked locked;
+    if (is_running)
+        return false;
+    is_running = true;
+    return true;
+}
+
+void end_run() {
+    const Locked locked;
+    is_running = false;
 }
 
 } // namespace
 
 rt_event_t rt_sched(void (*function)(void *), void *argument, int seconds) {
-    rt_event *event = make_event(function, argument, -1);
+    constexpr uint64_t ms_per_s = 1000;
+    if (!has_loop())
+        return nullptr;
+    rt_event *event = new_event(function, argument);
     if (event == nullptr)
         return nullptr;
-    event->due_ms = clock_ms() + (seconds > 0 ? static_cast<uint64_t>(seconds) * 1000 : 0);
-    return locked([&] { return enqueue(event); });
+    event->is_timer = true;
+    event->due_ms = now_ms() + (seconds > 0 ? static_cast<uint64_t>(seconds) * ms_per_s : 0);
+    {
+        const Locked locked;
+        give_order(event, Order::start);
+    }
+    uv_async_send(&waker);
+    return event;
 }
 
 void rt_cancel(rt_event_t event) {
-    locked([&] {
-        if (event->started)
-            close_event(event);
-        else
-            event->cancelled = true;
-        return 0;
-    });
+    if (event == nullptr)
+        return;
+    {
+        const Locked locked;
+        give_order(event, Order::close);
+    }
+    uv_async_send(&waker);
 }
 
 int rt_handle_fd(int direction, void (*function)(void *), int descriptor, void *argument) {
-    if (direction != RT_READ || descriptor < 0 || !can_be_watched(descriptor))
+    if (direction != RT_READ || !can_be_watched(descriptor) || !has_loop())
         return 0;
-    return locked([&] { return enqueue(make_event(function, argument, descriptor)) != nullptr; });
+    rt_event *event = new_event(function, argument);
+    if (event == nullptr)
+        return 0;
+    event->descriptor = descriptor;
+    {
+        const Locked locked;
+        rt_event *replaced = unlink_watched(descriptor);
+        if (replaced != nullptr)
+            give_order(replaced, Order::close);
+        event->next_watched = watched;
+        watched = event;
+        give_order(event, Order::start);
+    }
+    uv_async_send(&waker);
+    return 1;
 }
 
 void rt_forget_fd(int descriptor) {
-    locked([&] {
-        forget(descriptor);
-        return 0;
-    });
+    {
+        const Locked locked;
+        rt_event *event = unlink_watched(descriptor);
+        if (event == nullptr)
+            return;
+        give_order(event, Order::close);
+    }
+    uv_async_send(&waker);
 }
 
 int rt_run(void) {
-    const bool ready = locked([] {
-        if (!make_loop())
-            return false;
-        loop_is_running = true;
-        loop_thread = pthread_self();
-        start_queued();
-        return true;
-    });
-    if (!ready)
-        return -1;
+    if (!has_loop() || !begin_run())
+        return 1;
     raised_code = 0;
-    const int left = uv_run(&loop, UV_RUN_DEFAULT);
-    locked([] {
-        loop_is_running = false;
-        return 0;
-    });
-    if (raised_code != 0)
-        pfm_raise(raised_code);
-    return left;
+    carry_out_orders();
+    if (__atomic_exchange_n(&stop_is_wanted, 0, __ATOMIC_ACQ_REL) == 0)
+        uv_run(&loop, UV_RUN_DEFAULT);
+    __atomic_store_n(&stop_is_wanted, 0, __ATOMIC_RELEASE);
+    const int code = raised_code;
+    end_run();
+    if (code != 0)
+        pfm_raise(code);
+    return 0;
 }
 
 void rt_stop(void) {
-    locked([] {
-        if (loop_is_made)
-            uv_stop(&loop);
-        return 0;
-    });
+    __atomic_store_n(&stop_is_wanted, 1, __ATOMIC_RELEASE);
+    if (__atomic_load_n(&loop_is_ready, __ATOMIC_ACQUIRE) != 0)
+        uv_async_send(&waker);
 }

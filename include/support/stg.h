@@ -39,7 +39,8 @@ char *stg_strdup(const char *text);
 /* A new area whose first block has room for `first_block_size` bytes; null on failure. */
 stg_area_t stg_create_area(size_t first_block_size);
 
-/* Releases the area in `*area` and all that was taken from it, and clears `*area`. Null, or a null in it, is ignored. */
+/* Releases the area in `*area` and all that was taken from it, and clears `*area`. Null, or a null in it, is ignored.
+ */
 void stg_delete_area(stg_area_t *area);
 
 /* `size` bytes of the area, not zeroed, aligned for any type, which live as long as the area; null on failure. */

@@ -1,0 +1,88 @@
+// Host and service look-up: the site's files first, then the system's resolver.
+#include <support/sysutl.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include <strings.h>
+#include <unistd.h>
+
+#include "site_names.h"
+
+namespace {
+
+constexpr size_t port_text_size = 16;
+constexpr size_t host_name_size = 256;
+
+int ask_system(const char *host, const char *service, int socket_type, addrinfo **result) {
+    addrinfo hints = {};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = socket_type;
+    return getaddrinfo(host, service, &hints, result);
+}
+
+// A caller that has no wish gets each address once.
+int type_of_entries(int socket_type) {
+    return socket_type != 0 ? socket_type : SOCK_STREAM;
+}
+
+// The machine's own name stands for the host that this process is told to be.
+const char *as_this_host(const char *host) {
+    const char *given = getenv("VELIA_HOSTNAME");
+    char machine[host_name_size];
+    if (given == nullptr || *given == '\0' || gethostname(machine, sizeof machine - 1) != 0)
+        return host;
+    machine[sizeof machine - 1] = '\0';
+    return strcasecmp(host, machine) == 0 ? given : host;
+}
+
+// A service that only the system knows is looked up by itself; its port goes for the site's addresses, too.
+int system_port(const char *service, int socket_type, char (&port)[port_text_size]) {
+    addrinfo *found = nullptr;
+    const int error = ask_system(nullptr, service, socket_type, &found);
+    if (error != 0)
+        return error;
+    uint16_t network_port = 0;
+    sysutl_sockaddr_get_port(found->ai_addr, &network_port);
+    freeaddrinfo(found);
+    snprintf(port, sizeof port, "%u", static_cast<unsigned>(ntohs(network_port)));
+    return 0;
+}
+
+// The port as decimal text; "0" for no service.
+int find_port(const char *service, int socket_type, char (&port)[port_text_size]) {
+    snprintf(port, sizeof port, "0");
+    if (service == nullptr)
+        return 0;
+    const unsigned site_port = velia::support::find_site_service(service, socket_type);
+    if (site_port == 0)
+        return system_port(service, socket_type, port);
+    snprintf(port, sizeof port, "%u", site_port);
+    return 0;
+}
+
+} // namespace
+
+int sysutl_host_addr(const char *host, const char *service, int socket_type, struct addrinfo **result) {
+    *result = nullptr;
+    if (host == nullptr && service == nullptr)
+        return EAI_NONAME;
+    char port[port_text_size];
+    int error = find_port(service, socket_type, port);
+    if (error != 0)
+        return error;
+    const int entry_type = type_of_entries(socket_type);
+    const char *wanted = host != nullptr ? as_this_host(host) : nullptr;
+    addrinfo *found = nullptr;
+    if (wanted != nullptr)
+        error = velia::support::find_site_host(wanted, port, entry_type, &found);
+    if (error == 0 && found == nullptr)
+        error = ask_system(wanted, port, entry_type, &found);
+    if (error != 0) {
+        if (found != nullptr)
+            freeaddrinfo(found);
+        return error;
+    }
+    *result = found;
+    return 0;
+}

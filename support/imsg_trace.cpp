@@ -1,0 +1,139 @@
+// Verbosity and traces. The environment is read at the first question; a program's options may replace it.
+#include <support/imsg.h>
+
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include <pthread.h>
+#include <strings.h>
+
+namespace {
+
+constexpr size_t entry_count_max = 32;
+constexpr size_t name_size = 64;
+
+struct TraceEntry {
+    char subsystem[name_size];
+    int level;
+    bool has_level;
+};
+
+pthread_mutex_t trace_lock = PTHREAD_MUTEX_INITIALIZER;
+TraceEntry entries[entry_count_max];
+size_t entry_count;
+bool has_trace_list;
+int wanted_verbosity;
+
+// -1 until the environment has been read; then what imsg_get_desired_verbosity answers.
+int effective_verbosity = -1;
+
+int parsed_level(std::string_view text) {
+    int level = 0;
+    for (const char digit : text) {
+        if (digit < '0' || digit > '9' || level > INT_MAX / 10 - 1)
+            return 0;
+        level = level * 10 + (digit - '0');
+    }
+    return level;
+}
+
+// A subsystem's name may hold a "/" but no ":".
+void add_entry(std::string_view item) {
+    const size_t colon = item.find(':');
+    const std::string_view name = item.substr(0, colon);
+    if (name.empty() || name.size() >= name_size || entry_count == entry_count_max)
+        return;
+    TraceEntry &entry = entries[entry_count++];
+    entry = {};
+    memcpy(entry.subsystem, name.data(), name.size());
+    entry.has_level = colon != std::string_view::npos;
+    if (entry.has_level)
+        entry.level = parsed_level(item.substr(colon + 1));
+}
+
+void take_trace_list(const char *list) {
+    entry_count = 0;
+    has_trace_list = list != nullptr && *list != '\0';
+    if (!has_trace_list)
+        return;
+    for (std::string_view rest = list; !rest.empty();) {
+        const size_t comma = rest.find(',');
+        add_entry(rest.substr(0, comma));
+        rest = comma != std::string_view::npos ? rest.substr(comma + 1) : std::string_view();
+    }
+}
+
+// A name without a level must pass the callers' first test, which asks for the verbosity alone.
+void settle_verbosity() {
+    constexpr int every_level = 9;
+    int highest = wanted_verbosity;
+    for (size_t i = 0; i < entry_count; ++i) {
+        const int level = entries[i].has_level ? entries[i].level : every_level;
+        highest = level > highest ? level : highest;
+    }
+    __atomic_store_n(&effective_verbosity, highest, __ATOMIC_RELEASE);
+}
+
+void read_environment() {
+    if (__atomic_load_n(&effective_verbosity, __ATOMIC_RELAXED) >= 0)
+        return;
+    const char *verbosity = getenv("VELIA_VERBOSITY");
+    wanted_verbosity = verbosity != nullptr ? parsed_level(verbosity) : 0;
+    take_trace_list(getenv("VELIA_TRACE"));
+    settle_verbosity();
+}
+
+bool is_granted(const TraceEntry &entry, const char *subsystem, int level) {
+    const bool is_meant = strcasecmp(entry.subsystem, "all") == 0 || strcasecmp(entry.subsystem, subsystem) == 0;
+    return is_meant && (!entry.has_level || level <= entry.level);
+}
+
+bool is_traced(const char *subsystem, int level) {
+    if (!has_trace_list)
+        return level <= wanted_verbosity;
+    for (size_t i = 0; i < entry_count; ++i) {
+        if (is_granted(entries[i], subsystem, level))
+            return true;
+    }
+    return false;
+}
+
+template <class Body>
+auto with_trace_lock(Body &&body) {
+    pthread_mutex_lock(&trace_lock);
+    read_environment();
+    const auto result = body();
+    pthread_mutex_unlock(&trace_lock);
+    return result;
+}
+
+} // namespace
+
+int imsg_get_desired_verbosity(void) {
+    const int verbosity = __atomic_load_n(&effective_verbosity, __ATOMIC_ACQUIRE);
+    if (verbosity >= 0)
+        return verbosity;
+    return with_trace_lock([] { return effective_verbosity; });
+}
+
+int imsg_should_trace(const char *subsystem, int level) {
+    return with_trace_lock([&] { return is_traced(subsystem, level) ? 1 : 0; });
+}
+
+void imsg_set_desired_verbosity(int level) {
+    with_trace_lock([&] {
+        wanted_verbosity = level > 0 ? level : 0;
+        settle_verbosity();
+        return 0;
+    });
+}
+
+void imsg_set_trace(const char *trace_list) {
+    with_trace_lock([&] {
+        take_trace_list(trace_list);
+        settle_verbosity();
+        return 0;
+    });
+}
