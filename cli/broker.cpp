@@ -1,0 +1,109 @@
+// One contact, with the time-out that the user gave.
+#include <cli/broker.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <memory>
+
+#include <netdb.h>
+#include <unistd.h>
+
+#include <support/credmap.h>
+#include <support/ks.h>
+#include <veliaxdr/rvzd_messages.h>
+#include <veliaxdr/rvzd_socket.h>
+#include <veliaxdr/rvzd_wire.h>
+
+namespace velia::cli {
+
+namespace {
+
+constexpr int retransmission_s = 3;
+
+struct DestroyClient {
+    void operator()(CLIENT *client) const {
+        auth_destroy(client->cl_auth);
+        clnt_destroy(client);
+    }
+};
+using Client = std::unique_ptr<CLIENT, DestroyClient>;
+
+Client make_client(const ks_sockaddr_storage_t &address, uint32_t protocol, int timeout_s) {
+    int fd = -1;
+    CLIENT *client = protocol == RVZD_PROTOCOL_TCP
+                         ? ks_clnttcp_create_sockaddr(&address.base, RVZD_PROGRAM, RVZD_VERSION, &fd, 0, 0)
+                         : ks_clntudp_create_sockaddr(&address.base, RVZD_PROGRAM, RVZD_VERSION,
+                                                      std::min(timeout_s, retransmission_s), 0, &fd);
+    if (client == nullptr) {
+        ks_clnt_pcreateerror(text_of_address(address).c_str());
+        return {};
+    }
+    clnt_control(client, CLSET_FD_CLOSE, nullptr);
+    AUTH *nobody = credmap_authunix_create_nobody();
+    if (nobody != nullptr) {
+        auth_destroy(client->cl_auth);
+        client->cl_auth = nobody;
+    }
+    return Client(client);
+}
+
+bool contact(const ks_sockaddr_storage_t &address, uint32_t protocol, int timeout_s, Reach &reach) {
+    const auto start = std::chrono::steady_clock::now();
+    const Client client = make_client(address, protocol, timeout_s);
+    if (!client)
+        return false;
+    rvzd_contact_req_t request = {{}, RVZD_PROTOCOL_CURRENT};
+    rvzd_contact_reply_t reply = {};
+    const timeval time_out = {timeout_s, 0};
+    const auto outcome = clnt_call(client.get(), RVZD_PROC_CONTACT, reinterpret_cast<xdrproc_t>(xdr_rvzd_contact_req_t),
+                                   &request, reinterpret_cast<xdrproc_t>(xdr_rvzd_contact_reply_t), &reply, time_out);
+    if (outcome != RPC_SUCCESS) {
+        ks_clnt_perror(client.get(), text_of_address(address).c_str());
+        return false;
+    }
+    const std::chrono::duration<double, std::milli> elapsed = std::chrono::steady_clock::now() - start;
+    reach = {true, elapsed.count(), text_of_address(address)};
+    return true;
+}
+
+using Addresses = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
+
+Addresses look_up(const std::string &host) {
+    addrinfo *list = nullptr;
+    const int code = sysutl_host_addr(host.c_str(), nullptr, 0, &list);
+    if (code != 0)
+        imsg_print(IMSG_ERROR, &_rvzd_rvzd_msg_table, RVZD_MSG_UNKNOWN_HOST, host.c_str(), gai_strerror(code));
+    return {list, freeaddrinfo};
+}
+
+} // namespace
+
+Reach reach_broker(const std::string &host, uint32_t protocol, int timeout_s) {
+    Reach reach;
+    const Addresses addresses = look_up(host);
+    if (!addresses)
+        return reach;
+    for (const addrinfo *entry = addresses.get(); entry != nullptr && !reach.answered; entry = entry->ai_next) {
+        ks_sockaddr_storage_t address;
+        sysutl_copy_sockaddr(&address, entry->ai_addr);
+        uint16_t port = 0;
+        rvzd_get_port(host.c_str(), &port, address.base.sa_family);
+        sysutl_sockaddr_set_port(&address.base, port);
+        contact(address, protocol, timeout_s, reach);
+    }
+    if (!reach.answered)
+        imsg_print(IMSG_ERROR, &_rvzd_rvzd_msg_table, RVZD_MSG_CANNOT_CONTACT, host.c_str());
+    return reach;
+}
+
+std::string text_of_address(const ks_sockaddr_storage_t &address) {
+    std::array<char, 96> text;
+    return sysutl_sockaddr_to_str(&address.base, text.size(), text.data());
+}
+
+uint32_t protocol_of_name(const std::string &name) {
+    return name == rvzd_protocol_names[RVZD_PROTOCOL_TCP] ? RVZD_PROTOCOL_TCP : RVZD_PROTOCOL_UDP;
+}
+
+} // namespace velia::cli

@@ -1,0 +1,27 @@
+// Reaching the broker of a host within a time of the user's choice.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include <support/tbs.h>
+#include <veliaxdr/rvzd_handle.h>
+
+namespace velia::cli {
+
+struct Reach {
+    bool answered = false;
+    double round_trip_ms = 0;
+    std::string address; // that answered
+};
+
+// Sends one contact to each address of the host until one answers; each has `timeout_s` seconds. What fails is printed.
+// The library's own first contact waits for its fixed time, which is too long for a user who asked for less.
+Reach reach_broker(const std::string &host, uint32_t protocol, int timeout_s);
+
+std::string text_of_address(const ks_sockaddr_storage_t &address);
+
+// "udp" or "tcp" as an index of rvzd_protocol_names.
+uint32_t protocol_of_name(const std::string &name);
+
+} // namespace velia::cli

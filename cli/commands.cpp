@@ -1,0 +1,75 @@
+// The command line as a whole.
+#include <cli/commands.h>
+
+#include <cstdlib>
+#include <iostream>
+
+#include <support/imsg.h>
+#include <veliaxdr/libveliaxdr.h>
+
+namespace velia::cli {
+
+const char exit_status_help[] = "Exit status: 0 done, 1 failed, 2 wrong use, 3 peer unreachable.\n"
+                                "Results go to standard output, messages to standard error.\n";
+
+namespace {
+
+constexpr int timeout_max_s = 3600;
+
+std::string check_format(const std::string &name) {
+    Format format;
+    return format_of_name(name, format) ? "" : "must be plain, json or table, not '" + name + "'";
+}
+
+std::string version_line() {
+    char line[LIBVELIAXDR_VERID_SIZE] = "";
+    if (libveliaxdr_sprintf_verid(line) < 0)
+        return "unknown version";
+    std::string text = line;
+    while (!text.empty() && text.back() == '\n')
+        text.pop_back();
+    return text;
+}
+
+// A wrong use has one exit status, whatever CLI11 calls it; asking for help is none.
+int end_of_parse(const CLI::App &app, const CLI::ParseError &error) {
+    const int status = app.exit(error, std::cout, std::cerr);
+    return status == 0 ? exit_done : exit_usage;
+}
+
+} // namespace
+
+void add_common_options(CLI::App &command, Settings &settings) {
+    command
+        .add_option_function<std::string>(
+            "-o,--output", [&](const std::string &name) { format_of_name(name, settings.format); },
+            "form of the results: plain, json or table (default plain, or what VELIACTL_OUTPUT says)")
+        ->type_name("FORM")
+        ->envname("VELIACTL_OUTPUT")
+        ->check(CLI::Validator(check_format, ""));
+    command.add_flag("!--no-headers", settings.with_headers, "leave the line of column names out");
+    command.add_option("--timeout", settings.timeout_s, "seconds to wait for each answer")
+        ->type_name("SECONDS")
+        ->capture_default_str()
+        ->check(CLI::Range(1, timeout_max_s));
+}
+
+int run(int argc, char **argv) {
+    imsg_set_app_name("veliactl");
+    CLI::App app("Asks and administers the services of a site.", "veliactl");
+    app.set_version_flag("--version", version_line());
+    app.require_subcommand(1);
+    app.footer(exit_status_help);
+    Settings settings;
+    Command chosen;
+    add_contact_command(app, settings, chosen);
+    add_server_commands(app, settings, chosen);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        return end_of_parse(app, error);
+    }
+    return chosen(settings);
+}
+
+} // namespace velia::cli

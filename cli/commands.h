@@ -1,0 +1,37 @@
+// What the command groups share: the settings of every command, and how a command ends.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+#include <cli/output.h>
+
+namespace velia::cli {
+
+// Exit statuses, told in every command's help.
+enum ExitStatus { exit_done = 0, exit_failed = 1, exit_usage = 2, exit_unreachable = 3 };
+
+extern const char exit_status_help[];
+
+struct Settings {
+    Format format = Format::plain;
+    bool with_headers = true;
+    int timeout_s = 25;
+};
+
+// The command that the line names; run once the whole line is parsed.
+using Command = std::function<int(const Settings &)>;
+
+// Options that every command has.
+void add_common_options(CLI::App &command, Settings &settings);
+
+void add_contact_command(CLI::App &app, Settings &settings, Command &chosen);
+void add_server_commands(CLI::App &app, Settings &settings, Command &chosen);
+
+// Parses the line and runs its command.
+int run(int argc, char **argv);
+
+} // namespace velia::cli
