@@ -60,13 +60,17 @@ enum {
     RVZD_PROC_CLNT_LIST_GET = 75,
 };
 
-/* Transports, the index into rvzd_protocol_names. 3 marks a name that is in no table. */
-typedef enum rvzd_protocol_in {
+/*
+ * Transports, the index into rvzd_protocol_names. 3 marks a name that is in no table. The cell is a plain word, not an
+ * enumeration: a peer may send any value, and whoever uses it as an index checks it.
+ */
+enum {
     RVZD_PROTOCOL_NONE = 0,
     RVZD_PROTOCOL_UDP = 1,
     RVZD_PROTOCOL_TCP = 2,
     RVZD_PROTOCOL_UNKNOWN = 3,
-} rvzd_protocol_in_t;
+};
+typedef int32_t rvzd_protocol_in_t;
 
 /* The RPC identity of a served program. */
 typedef struct rvzd_rpc_trait {
@@ -209,7 +213,8 @@ typedef struct rvzd_get_local_path_req {
 
 /*
  * `path` null: decoding allocates. `path` set: it is a buffer of `size` bytes and decoding fills it; a path that does
- * not fit with its terminator fails the routine and leaves the buffer as it was.
+ * not fit with its terminator fails the routine and leaves the buffer as it was. Clear a `path` of the caller's before
+ * free mode, which releases it.
  */
 typedef struct rvzd_get_local_path_reply {
     rvzd_hdr_reply_t header;
@@ -395,8 +400,9 @@ bool_t xdr_rvzd_list_servers_req_t(XDR *xdrs, rvzd_list_servers_req_t *record);
 /*
  * The server list. Decoding fills the buffer with as many whole records as its capacity holds; a record that does not
  * fit ends it successfully with `at_end` false and the cookie of the last record stored, so that the next call brings
- * that record again. Encoding stops before a reply grows beyond RVZD_LIST_SERVERS_BYTES_MAX. Free mode releases only the
- * buffer.
+ * that record again. Encoding stops before a reply grows beyond RVZD_LIST_SERVERS_BYTES_MAX, and fails on a record that
+ * runs beyond the buffer's used size. Free mode releases only the buffer. A buffer of the caller's begins at a multiple
+ * of 8, and so does each record in it.
  */
 bool_t xdr_rvzd_list_servers_reply_t(XDR *xdrs, rvzd_list_servers_reply_t *record);
 bool_t xdr_rvzd_list_servers_v70_reply_t(XDR *xdrs, rvzd_list_servers_v70_reply_t *record);

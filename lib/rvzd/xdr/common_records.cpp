@@ -28,12 +28,7 @@ bool family_of_code(enum_t code, int32_t &family) {
 } // namespace
 
 bool_t xdr_rvzd_protocol_in_t(XDR *xdrs, rvzd_protocol_in_t *record) {
-    auto word = static_cast<enum_t>(*record);
-    if (!xdr_enum(xdrs, &word))
-        return FALSE;
-    // The word is kept as it came; whoever uses it as an index checks it.
-    *record = static_cast<rvzd_protocol_in_t>(word);
-    return TRUE;
+    return xdr_enum(xdrs, record);
 }
 
 bool_t xdr_rvzd_rpc_trait_t(XDR *xdrs, rvzd_rpc_trait_t *record) {
