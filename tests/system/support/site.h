@@ -1,0 +1,46 @@
+// A whole site on loopback for one test: a root directory with its configuration, a free port, names for hosts. It is
+// this process's site, too, so that the library's clients in the test use it.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <string>
+
+namespace velia::system_test {
+
+class Site {
+public:
+    // Hosts "alpha" (127.0.0.1, and this host's name), "beta" (127.0.0.2), "six" (::1), "both" (::1 and 127.0.0.1).
+    Site();
+    ~Site();
+    Site(const Site &) = delete;
+    Site &operator=(const Site &) = delete;
+
+    const std::filesystem::path &root() const { return root_; }
+    uint16_t port() const { return port_; }
+    std::string path(const std::string &name) const { return (root_ / name).string(); }
+
+    std::string write(const std::string &name, const std::string &text) const;
+    std::string read(const std::string &name) const;
+
+    // The daemon's configuration file.
+    void configure(const std::string &text) const { write("rvzd_server.conf", text); }
+
+private:
+    std::filesystem::path root_;
+    uint16_t port_;
+};
+
+// A line of the configuration for the sample server. `control` "-" for the defaults.
+std::string sample_line(uint32_t program, const std::string &kind, const std::string &control,
+                        const std::string &arguments = "--quiet-seconds 1", const std::string &transports = "udp,tcp");
+
+// The same for a shell script in place of a server.
+std::string script_line(uint32_t program, const std::string &kind, const std::string &control,
+                        const std::string &script);
+
+// Looks every few milliseconds whether it holds; false when it does not within `deadline_s`.
+bool eventually(const std::function<bool()> &condition, double deadline_s = 10);
+
+} // namespace velia::system_test
