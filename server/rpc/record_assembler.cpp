@@ -58,8 +58,10 @@ MessageBytes RecordAssembler::take() {
 
 MessageBytes with_record_mark(const MessageBytes &message) {
     const uint32_t marker = last_fragment_flag | static_cast<uint32_t>(message.size());
-    MessageBytes record = {static_cast<unsigned char>(marker >> 24), static_cast<unsigned char>(marker >> 16),
-                           static_cast<unsigned char>(marker >> 8), static_cast<unsigned char>(marker)};
+    MessageBytes record;
+    record.reserve(sizeof marker + message.size());
+    for (const int shift : {24, 16, 8, 0})
+        record.push_back(static_cast<unsigned char>(marker >> shift));
     record.insert(record.end(), message.begin(), message.end());
     return record;
 }

@@ -1,0 +1,2 @@
+// What starting and ending a process costs.
+int main() {}

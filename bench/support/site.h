@@ -1,0 +1,29 @@
+// A site for benchmarks: a root directory of its own, a real daemon on loopback, and a sample server that it may start.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include <sys/types.h>
+
+namespace bench {
+
+class Site {
+public:
+    // Starts the daemon and waits until it serves; ends the program with words when it does not.
+    Site(const std::string &daemon, const std::string &sample_server);
+    ~Site();
+    Site(const Site &) = delete;
+    Site &operator=(const Site &) = delete;
+
+    uint16_t port() const { return port_; }
+    static constexpr const char *host = "bench-host";
+    static constexpr uint32_t sample_program = 390600;
+
+private:
+    std::string root_;
+    uint16_t port_;
+    pid_t daemon_ = -1;
+};
+
+} // namespace bench
