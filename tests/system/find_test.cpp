@@ -69,28 +69,15 @@ TEST(Find, OfManyClientsAtOnceStartsTheServerOnce) {
     ASSERT_TRUE(daemon.is_ready()) << daemon.output();
     std::vector<std::unique_ptr<Child>> processes;
     for (size_t i = 0; i < clients; ++i) {
-        const auto transport = i % 2 == 0 ? "FindOnce.Udp" : "FindOnce.Tcp";
         Child::Options options;
         options.output_file = site.path("client-" + std::to_string(i));
-        processes.push_back(
-            std::make_unique<Child>(std::vector<std::string>{"/proc/self/exe", "--gtest_also_run_disabled_tests",
-                                                             std::string("--gtest_filter=DISABLED_") + transport},
-                                    options));
+        const std::vector<std::string> words = {SYSTEM_CLIENT, "find", "alpha", std::to_string(program),
+                                                i % 2 == 0 ? "udp" : "tcp"};
+        processes.push_back(std::make_unique<Child>(words, options));
     }
     for (size_t i = 0; i < clients; ++i)
         EXPECT_EQ(processes[i]->wait(), 0) << site.read("client-" + std::to_string(i));
     EXPECT_EQ(daemon.started().size(), 1u) << daemon.output();
-}
-
-// Clients of the test above, each a process of its own with the site of its parent.
-TEST(DISABLED_FindOnce, Udp) {
-    Handle handle("alpha", RVZD_PROTOCOL_UDP);
-    ASSERT_EQ(find(handle, program).status, TBS_ST_OK);
-}
-
-TEST(DISABLED_FindOnce, Tcp) {
-    Handle handle("alpha", RVZD_PROTOCOL_TCP);
-    ASSERT_EQ(find(handle, program).status, TBS_ST_OK);
 }
 
 TEST(Find, OfAnUnknownServerIsNotFoundAndTold) {
