@@ -104,8 +104,13 @@ void on_timer(uv_timer_t *timer) {
     call(function, argument);
 }
 
+bool is_to_be_closed(const rt_event *event) {
+    const Locked locked;
+    return event->order == Order::close;
+}
+
 // Errors of the descriptor are for the function to find by reading.
-void on_readable(uv_poll_t *poll, int, int) {
+void on_readable(uv_poll_t *poll, int status, int) {
     auto *event = static_cast<rt_event *>(poll->data);
     void (*function)(void *);
     void *argument;
@@ -117,6 +122,9 @@ void on_readable(uv_poll_t *poll, int, int) {
         argument = event->argument;
     }
     call(function, argument);
+    // libuv stops at an error of the descriptor; it is watched until it is forgotten.
+    if (status < 0 && !is_to_be_closed(event))
+        uv_poll_start(poll, UV_READABLE | UV_DISCONNECT, on_readable);
 }
 
 void start_timer(rt_event *event) {
