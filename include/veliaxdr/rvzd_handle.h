@@ -10,8 +10,8 @@
  *         rvzd_free_handle(handle);
  *     }
  *
- * Every operation may be called from any thread. Those that may reach the network hold rvzd_call_lock while they wait: a
- * process has at most one broker call in flight, and a silent host holds up the others for the time-out.
+ * Every operation may be called from any thread. Those that may reach the network hold rvzd_call_lock while they wait:
+ * a process has at most one broker call in flight, and a silent host holds up the others for the time-out.
  */
 #ifndef VELIAXDR_RVZD_HANDLE_H
 #define VELIAXDR_RVZD_HANDLE_H
@@ -53,8 +53,8 @@ extern ivlthread_mutex_t rvzd_call_lock;
  * Open a handle to the broker of `host` (null or empty: this host). *out is the handle, or null when the result is not
  * TBS_ST_OK. `protocol` is an index of rvzd_protocol_names (RVZD_PROTOCOL_UDP, RVZD_PROTOCOL_TCP), UDP where it is not
  * given. `prim` non-zero sends the caller's own credentials instead of nobody's. `quiet` non-zero prints no failure.
- * `program` of the generic service form selects the port rules; such a handle looks up RVZD_GENERIC_SERVICE_PROGRAM only,
- * unless it met a plain record in the cache.
+ * `program` of the generic service form selects the port rules; such a handle looks up RVZD_GENERIC_SERVICE_PROGRAM
+ * only, unless it met a plain record in the cache.
  *
  * May block: name look-up, TCP connect, and one call of 25 seconds at most (twice if a cached connection was stale).
  * Nothing is sent when the host answered within the last 4 seconds.
@@ -77,7 +77,8 @@ tbs_status_t rvzd_get_generic_service_handle(const char *host, uint32_t protocol
 /* Gives a handle back; null does nothing. The record behind it goes idle when this was its last handle. */
 void rvzd_free_handle(rvzd_handle_t *handle);
 
-/* Takes a record out of the cache; it is destroyed now, or with its last handle. The caller has it off the idle list. */
+/* Takes a record out of the cache; it is destroyed now, or with its last handle. The caller has it off the idle list.
+ */
 void rvzd_release_handle(rvzd_cached_handle_t *cached);
 
 /* Drops the records that have been idle for more than 60 seconds. For processes that run no event loop. */

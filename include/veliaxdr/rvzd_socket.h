@@ -54,8 +54,8 @@ enum {
 };
 
 /*
- * The broker's port, in network order, the same for all hosts of a site and kept for the life of the process: 371 if the
- * host has the marker file ".rvzd_well_known_port", else the service entry "rvzd", else "ironvale", else 371 with a
+ * The broker's port, in network order, the same for all hosts of a site and kept for the life of the process: 371 if
+ * the host has the marker file ".rvzd_well_known_port", else the service entry "rvzd", else "ironvale", else 371 with a
  * warning. `host` and `family` are not used. Always TBS_ST_OK.
  */
 tbs_status_t rvzd_get_port(const char *host, uint16_t *port, int family);
@@ -83,8 +83,8 @@ void rvzd_print_socket_info(const rvzd_socket_desc_t *desc);
 
 /*
  * Value of a run-time parameter from "services/rvzd_rt_params.conf"; the file is read at each call. The first line that
- * holds the key, in whatever word, decides; "#" begins a comment; a line without a newline at the end of the file is not
- * seen. *value is 0 unless the result is TBS_ST_OK. TBS_ST_NOT_SET: no file or no such key. TBS_ST_ERROR: no such
+ * holds the key, in whatever word, decides; "#" begins a comment; a line without a newline at the end of the file is
+ * not seen. *value is 0 unless the result is TBS_ST_OK. TBS_ST_NOT_SET: no file or no such key. TBS_ST_ERROR: no such
  * parameter, or no number behind the key.
  */
 tbs_status_t rvzd_get_rt_param(uint32_t index, int32_t *value);

@@ -2,8 +2,8 @@
 #include <server/daemon/readiness.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstddef>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <poll.h>
