@@ -96,9 +96,10 @@ void give(const Node *node, void **out_key, void **out_record) {
 }
 
 Node **new_buckets(size_t count) {
-    auto **buckets = static_cast<Node **>(stg_malloc(count * sizeof(Node *)));
+    const size_t bytes = count * sizeof(void *);
+    auto **buckets = static_cast<Node **>(stg_malloc(bytes));
     if (buckets != nullptr)
-        memset(buckets, 0, count * sizeof(Node *));
+        memset(buckets, 0, bytes);
     return buckets;
 }
 

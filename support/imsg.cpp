@@ -98,7 +98,7 @@ struct Output {
     size_t size;
 
     void append(const char *text, size_t text_length) {
-        if (size - length < text_length && !grow(length + text_length))
+        if (text_length == 0 || (size - length < text_length && !grow(length + text_length)))
             return;
         memcpy(bytes + length, text, text_length);
         length += text_length;

@@ -117,6 +117,7 @@ LaunchResult ProcessLauncher::spawn(const Service &service, const std::vector<Un
     words.insert(words.begin(), service.path);
     words.push_back(std::move(start_switch));
     std::vector<char *> arguments;
+    arguments.reserve(words.size() + 1);
     for (auto &word : words)
         arguments.push_back(word.data());
     arguments.push_back(nullptr);

@@ -77,7 +77,7 @@ bool TcpConnection::process(Bytes bytes) {
         // keeping.
         if (read_call_header(record).fault == CallFault::no_call)
             return false;
-        dispatcher_.dispatch(record, caller_, [self](MessageBytes message) {
+        dispatcher_.dispatch(record, caller_, [self](const MessageBytes &message) {
             if (const auto connection = self.lock())
                 connection->reply(message);
         });
