@@ -1,6 +1,8 @@
 // Reaching a daemon: every transport and address family, both protocol generations.
 #include <gtest/gtest.h>
 
+#include <ostream>
+
 #include <tests/system/support/client.h>
 #include <tests/system/support/daemon.h>
 
@@ -13,6 +15,8 @@ struct Road {
     const char *host;
     rvzd_protocol_in_t transport;
 };
+
+void PrintTo(const Road &road, std::ostream *out) { *out << road.name; }
 
 constexpr Road roads[] = {{"UdpIpv4", "alpha", RVZD_PROTOCOL_UDP},
                           {"TcpIpv4", "alpha", RVZD_PROTOCOL_TCP},

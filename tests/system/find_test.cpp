@@ -1,6 +1,8 @@
 // Finding servers: started on demand, once, by whatever road, and what a client hears when that fails.
 #include <gtest/gtest.h>
 
+#include <ostream>
+
 #include <arpa/inet.h>
 #include <set>
 
@@ -24,6 +26,8 @@ struct Road {
     rvzd_protocol_in_t transport;
     const char *daemon_option;
 };
+
+void PrintTo(const Road &road, std::ostream *out) { *out << road.name; }
 
 constexpr Road roads[] = {{"UdpIpv4", "alpha", RVZD_PROTOCOL_UDP, ""},
                           {"TcpIpv4", "alpha", RVZD_PROTOCOL_TCP, ""},
