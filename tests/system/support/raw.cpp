@@ -93,8 +93,12 @@ std::optional<Bytes> datagram_reply(const Site &site, const Bytes &message, doub
 
 bool serves_a_good_client(const Site &site) {
     const auto ping = call_message(77, RVZD_PROGRAM, RVZD_VERSION, 0);
-    const auto reply = datagram_reply(site, ping);
-    if (!reply || reply->size() != 24 || word_at(*reply, 0) != 77)
+    // A datagram that finds the daemon's queue full is lost, so a good client sends its call again.
+    const bool is_answered = eventually([&] {
+        const auto reply = datagram_reply(site, ping, 0.5);
+        return reply && reply->size() == 24 && word_at(*reply, 0) == 77;
+    });
+    if (!is_answered)
         return false;
     const RawSocket stream(site, SOCK_STREAM);
     if (!stream.is_connected() || !stream.send(as_record(ping)))
