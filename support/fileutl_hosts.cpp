@@ -13,6 +13,7 @@
 #include <support/sysutl.h>
 
 #include "site_names.h"
+#include "this_host.h"
 
 namespace {
 
@@ -81,7 +82,7 @@ bool is_site_host() {
 bool is_this_host_by_site(const char *host) {
     const char *my_name = sysutl_myhostname();
     ks_sockaddr_storage_t address;
-    if (strcasecmp(host, my_name) == 0)
+    if (strcasecmp(velia::support::as_this_host(host), my_name) == 0)
         return true;
     return read_address(host, address) && is_address_of_site_host(my_name, address);
 }

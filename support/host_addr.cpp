@@ -2,17 +2,13 @@
 #include <support/sysutl.h>
 
 #include <cstdio>
-#include <cstdlib>
-
-#include <strings.h>
-#include <unistd.h>
 
 #include "site_names.h"
+#include "this_host.h"
 
 namespace {
 
 constexpr size_t port_text_size = 16;
-constexpr size_t host_name_size = 256;
 
 int ask_system(const char *host, const char *service, int socket_type, addrinfo **result) {
     addrinfo hints = {};
@@ -24,16 +20,6 @@ int ask_system(const char *host, const char *service, int socket_type, addrinfo 
 // A caller that has no wish gets each address once.
 int type_of_entries(int socket_type) {
     return socket_type != 0 ? socket_type : SOCK_STREAM;
-}
-
-// The machine's own name stands for the host that this process is told to be.
-const char *as_this_host(const char *host) {
-    const char *given = getenv("VELIA_HOSTNAME");
-    char machine[host_name_size];
-    if (given == nullptr || *given == '\0' || gethostname(machine, sizeof machine - 1) != 0)
-        return host;
-    machine[sizeof machine - 1] = '\0';
-    return strcasecmp(host, machine) == 0 ? given : host;
 }
 
 // A service that only the system knows is looked up by itself; its port goes for the site's addresses, too.
@@ -72,7 +58,7 @@ int sysutl_host_addr(const char *host, const char *service, int socket_type, str
     if (error != 0)
         return error;
     const int entry_type = type_of_entries(socket_type);
-    const char *wanted = host != nullptr ? as_this_host(host) : nullptr;
+    const char *wanted = host != nullptr ? velia::support::as_this_host(host) : nullptr;
     addrinfo *found = nullptr;
     if (wanted != nullptr)
         error = velia::support::find_site_host(wanted, port, entry_type, &found);

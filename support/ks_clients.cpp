@@ -10,10 +10,12 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "pipe_guard.h"
 #include "rpc_error.h"
 
 namespace {
 
+using velia::support::guard_against_broken_pipes;
 using velia::support::note_creation_error;
 using velia::support::note_library_creation_error;
 
@@ -102,6 +104,8 @@ CLIENT *make_tcp_client(int descriptor, const sockaddr *address, uint32_t progra
     CLIENT *client = clnt_vc_create(descriptor, &server, program, version, send_size, receive_size);
     if (client == nullptr)
         note_library_creation_error();
+    else
+        guard_against_broken_pipes(client);
     return client;
 }
 

@@ -7,12 +7,15 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <strings.h>
 #include <sys/random.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <support/env.h>
 #include <support/ivlthread.h>
+
+#include "this_host.h"
 
 namespace {
 
@@ -34,6 +37,13 @@ int seed_uniquifier() {
     return 0;
 }
 
+bool machine_name(char (&name)[host_name_size]) {
+    if (gethostname(name, sizeof name - 1) != 0)
+        return false;
+    name[sizeof name - 1] = '\0';
+    return true;
+}
+
 int change_flag(int descriptor, int get, int set, int flag, int on) {
     const int flags = fcntl(descriptor, get);
     if (flags < 0)
@@ -44,14 +54,19 @@ int change_flag(int descriptor, int get, int set, int flag, int on) {
 
 } // namespace
 
+const char *velia::support::as_this_host(const char *host) {
+    const char *given = getenv("VELIA_HOSTNAME");
+    char machine[host_name_size];
+    if (given == nullptr || *given == '\0' || !machine_name(machine))
+        return host;
+    return strcasecmp(host, machine) == 0 ? given : host;
+}
+
 const char *sysutl_myhostname(void) {
     static thread_local char name[host_name_size];
     if (getenv_safe("VELIA_HOSTNAME", name, sizeof name, 0) != nullptr && name[0] != '\0')
         return name;
-    if (gethostname(name, sizeof name - 1) != 0)
-        return "localhost";
-    name[sizeof name - 1] = '\0';
-    return name;
+    return machine_name(name) ? name : "localhost";
 }
 
 int sysutl_set_cloexec_file(int descriptor, int on) {

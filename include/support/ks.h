@@ -7,7 +7,9 @@
  *         ks_clnt_pcreateerror("no connection");
  *
  * All operations may be called from any thread; a client belongs to one thread at a time. Addresses are of either
- * family and carry their port. A client comes with the RPC library's null authenticator.
+ * family and carry their port. A client comes with the RPC library's null authenticator. A call on a TCP connection that
+ * the peer has broken fails with RPC_CANTSEND or RPC_CANTRECV: no SIGPIPE comes of it, whatever the process does about
+ * that signal, which is left as it is.
  */
 #ifndef VELIA_SUPPORT_KS_H
 #define VELIA_SUPPORT_KS_H
