@@ -47,11 +47,12 @@ void add_common_options(CLI::App &command, Settings &settings) {
         ->type_name("FORM")
         ->envname("VELIACTL_OUTPUT")
         ->check(CLI::Validator(check_format, ""));
-    command.add_flag("!--no-headers", settings.with_headers, "leave the line of column names out");
+    command.add_flag_callback(
+        "--no-headers", [&] { settings.with_headers = false; }, "leave the line of column names out");
     command.add_option("--timeout", settings.timeout_s, "seconds to wait for each answer")
         ->type_name("SECONDS")
         ->capture_default_str()
-        ->check(CLI::Range(1, timeout_max_s));
+        ->check(CLI::Range(1, timeout_max_s).description(""));
 }
 
 int run(int argc, char **argv) {

@@ -61,10 +61,11 @@ void add_contact_command(CLI::App &app, Settings &settings, Command &chosen) {
     auto arguments = std::make_shared<Arguments>();
     CLI::App *command =
         app.add_subcommand("contact", "Ask the brokers of hosts whether they answer, and what they speak");
-    command->add_option("HOST", arguments->hosts, "host names")->required();
-    command->add_option("--transport", arguments->transport, "udp or tcp")
+    command->add_option("HOST", arguments->hosts, "host names")->type_name("")->required();
+    command->add_option("--transport", arguments->transport, "transport")
+        ->type_name("udp|tcp")
         ->capture_default_str()
-        ->check(CLI::IsMember({"udp", "tcp"}));
+        ->check(CLI::IsMember({"udp", "tcp"}).description(""));
     add_common_options(*command, settings);
     command->footer(std::string(footer) + "\n" + exit_status_help);
     command->callback([arguments, &chosen] {

@@ -139,20 +139,25 @@ constexpr Verb verbs[] = {
 
 void add_verb(CLI::App &group, const Verb &verb, Settings &settings, Command &chosen) {
     auto arguments = std::make_shared<Arguments>();
+    const auto is_word = CLI::Range(uint64_t{0}, uint64_t{UINT32_MAX}).description("");
     CLI::App *command = group.add_subcommand(verb.name, verb.help);
-    command->add_option("HOST", arguments->host, "host name")->required();
+    command->add_option("HOST", arguments->host, "host name")->type_name("")->required();
     command->add_option("--prog", arguments->program, "RPC program number, decimal or 0x...")
         ->required()
-        ->check(CLI::Range(uint64_t{0}, uint64_t{UINT32_MAX}));
+        ->type_name("NUMBER")
+        ->check(is_word);
     command->add_option("--vers", arguments->version, "RPC version number")
         ->capture_default_str()
-        ->check(CLI::Range(uint64_t{0}, uint64_t{UINT32_MAX}));
-    command->add_option("--proto", arguments->transport, "udp or tcp")
+        ->type_name("NUMBER")
+        ->check(is_word);
+    command->add_option("--proto", arguments->transport, "transport")
+        ->type_name("udp|tcp")
         ->capture_default_str()
-        ->check(CLI::IsMember({"udp", "tcp"}));
+        ->check(CLI::IsMember({"udp", "tcp"}).description(""));
     command->add_option("--uuid", arguments->uuid_text, "the server's uuid (default: the nil uuid)")
+        ->type_name("UUID")
         ->check(CLI::Validator(check_uuid, ""));
-    command->add_option("--path", arguments->path, "the server's path (default: none)");
+    command->add_option("--path", arguments->path, "the server's path (default: none)")->type_name("PATH");
     add_common_options(*command, settings);
     command->footer(std::string(verb.footer) + "\n" + exit_status_help);
     command->callback([arguments, run = verb.run, &chosen] {

@@ -1,0 +1,28 @@
+# What a package holds: two libraries with their headers, the daemon, the tool, their pages, and the ways to find them.
+include(CMakePackageConfigHelpers)
+
+set(VELIA_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/veliaxdr)
+
+install(TARGETS veliaxdr veliasupport EXPORT veliaxdrTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(TARGETS rvzd_server DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(TARGETS veliactl DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(DIRECTORY include/veliaxdr include/support DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(EXPORT veliaxdrTargets NAMESPACE veliaxdr:: DESTINATION ${VELIA_CMAKE_DIR})
+
+# Relative, so that a package that was moved is still found whole.
+file(RELATIVE_PATH VELIA_PC_UP /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+foreach(MODULE libveliaxdr libveliasupport)
+  configure_file(packaging/${MODULE}.pc.in ${MODULE}.pc @ONLY)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${MODULE}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()
+
+configure_package_config_file(packaging/veliaxdrConfig.cmake.in veliaxdrConfig.cmake INSTALL_DESTINATION ${VELIA_CMAKE_DIR})
+write_basic_package_version_file(veliaxdrConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/veliaxdrConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/veliaxdrConfigVersion.cmake
+        DESTINATION ${VELIA_CMAKE_DIR})
+
+configure_file(packaging/rvzd_server.service.in rvzd_server.service @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/rvzd_server.service DESTINATION lib/systemd/system)
+install(FILES doc/man/veliactl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES doc/man/rvzd_server.conf.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
+install(FILES doc/man/rvzd_server.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)

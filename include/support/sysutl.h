@@ -25,6 +25,8 @@
 
 #include <support/tbs.h>
 
+struct addrinfo;
+
 #ifdef __cplusplus
 extern "C" {
 #endif

@@ -40,23 +40,28 @@ std::string version_line() {
 }
 
 std::string check_descriptor(const std::string &text) {
-    const int fd = std::atoi(text.c_str());
-    return fcntl(fd, F_GETFD) >= 0 ? "" : "descriptor " + text + " is not open";
+    int fd = -1;
+    const bool is_number = CLI::detail::lexical_cast(text, fd);
+    return is_number && fcntl(fd, F_GETFD) >= 0 ? "" : "'" + text + "' is no open descriptor";
 }
 
 void declare(CLI::App &app, CommandLine &line) {
     line.config_file = default_config_file();
-    app.add_option("-f,--config", line.config_file, "configuration file")->capture_default_str();
+    app.add_option("-f,--config", line.config_file, "configuration file")->type_name("FILE")->capture_default_str();
     app.add_flag("--foreground", line.foreground, "stay in the foreground; messages go to the terminal");
     app.add_option("--listen", line.listen, "address or host to listen on, may be repeated; default: all")
         ->type_name("ADDRESS")
         ->allow_extra_args(false)
         ->take_all();
-    app.add_option("--port", line.port, "port instead of the site's")->check(CLI::Range(1, 65535));
+    app.add_option("--port", line.port, "port instead of the site's")
+        ->type_name("PORT")
+        ->check(CLI::Range(1, 65535).description(""));
     app.add_option("--ready-fd", line.ready_fd, "descriptor to write READY=1 to, and close, once clients are served")
-        ->check(CLI::NonNegativeNumber & CLI::Validator(check_descriptor, "OPEN"));
-    app.add_option("--pid-file", line.pid_file, "file for the process number, removed at the end");
-    app.add_option("--log-file", line.log_file, "log file, in the log directory unless it is a path");
+        ->type_name("FD")
+        ->check(CLI::Validator(check_descriptor, ""));
+    app.add_option("--pid-file", line.pid_file, "file for the process number, removed at the end")->type_name("FILE");
+    app.add_option("--log-file", line.log_file, "log file, in the log directory unless it is a path")
+        ->type_name("FILE");
     app.add_flag("--rpcbind", line.rpcbind, "register with rpcbind");
     app.set_version_flag("--version", version_line());
     app.footer(footer);
