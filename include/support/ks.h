@@ -7,9 +7,9 @@
  *         ks_clnt_pcreateerror("no connection");
  *
  * All operations may be called from any thread; a client belongs to one thread at a time. Addresses are of either
- * family and carry their port. A client comes with the RPC library's null authenticator. A call on a TCP connection that
- * the peer has broken fails with RPC_CANTSEND or RPC_CANTRECV: no SIGPIPE comes of it, whatever the process does about
- * that signal, which is left as it is.
+ * family and carry their port. A client comes with the RPC library's null authenticator. A call on a TCP connection
+ * that the peer has broken fails with RPC_CANTSEND or RPC_CANTRECV: no SIGPIPE comes of it, whatever the process does
+ * about that signal, which is left as it is.
  */
 #ifndef VELIA_SUPPORT_KS_H
 #define VELIA_SUPPORT_KS_H
@@ -34,7 +34,8 @@ typedef struct ks_rpc_createerr {
  * An ONC RPC client over UDP on the socket in `*socket_fd`, or on a new one, close on exec, that is stored there if it
  * is negative. A request is sent again after the retransmission time. The socket stays the caller's to close, until
  * CLSET_FD_CLOSE gives it to the client. It becomes non-blocking. A port that refuses fails the call at once where the
- * kernel hears of it. Null on failure, with `*socket_fd` as it was. Never waits.
+ * kernel hears of it: with RPC_CANTRECV and ECONNREFUSED over IPv4; over IPv6 the RPC library takes each refusal for a
+ * lost reply and soon ends with RPC_TIMEDOUT. Null on failure, with `*socket_fd` as it was. Never waits.
  */
 CLIENT *ks_clntudp_create_sockaddr(const struct sockaddr *address, uint32_t program, uint32_t version,
                                    int32_t retransmission_s, int32_t retransmission_us, int *socket_fd);
