@@ -2,7 +2,6 @@
  * RPC authenticators of the caller, and identities as a remote host sees them.
  *
  *     client->cl_auth = credmap_auth_create_default(host);
- *     ...
  *     auth_destroy(client->cl_auth);
  *
  * All operations may be called from any thread, ask nobody, and print nothing.

@@ -2,7 +2,7 @@
  * Files, and the host parts of names.
  *
  *     char host[FILEUTL_HOST_SIZE];
- *     if (fileutl_path_host("/net/pluto/vobs/src", host, sizeof host) == 0 && !fileutl_is_localhost(host))
+ *     if (fileutl_path_host("/net/pluto/vaults/src", host, sizeof host) == 0 && !fileutl_is_localhost(host))
  *         ask(host);
  *
  * All operations may be called from any thread.

@@ -2,7 +2,7 @@
  * The event loop of a process: one-shot timers and readable descriptors.
  *
  *     rt_event_t timer = rt_sched(close_idle, NULL, 60);
- *     rt_handle_fd(RT_READ, take_request, socket, NULL);
+ *     rt_handle_fd(RT_READ, take_request, listener, NULL);
  *     rt_run();
  *
  * The loop comes into being with its first use. It belongs to one thread, the one that calls rt_run: timers and

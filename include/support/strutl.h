@@ -2,7 +2,7 @@
  * Bounded copies, joins and searches of strings, sets of flags, and whole files as texts.
  *
  *     char path[1024];
- *     if (strutl_concat(path, sizeof path, 3, directory, "/", name) != 0)
+ *     if (strutl_concat(path, sizeof path, 3, directory, "/", text) != 0)
  *         return TBS_ST_NAME_TOO_LONG;
  *
  * Positions are byte offsets from the start of the text; `position` arguments are out, may be null, and are written

@@ -1,6 +1,11 @@
 /*
  * Access control lists: who may do what, as the scheduler's records carry them.
  *
+ *     tbs_acl_h_t list = NULL;
+ *     if (xdr_tbs_acl_h_t(xdrs, &list) && list != NULL)
+ *         use(list->entries[0].identity);
+ *     xdr_free((xdrproc_t)xdr_tbs_acl_h_t, &list);
+ *
  * A list is reached through its handle and owned by it; xdr_tbs_acl_h_t makes one when it decodes and releases it in
  * free mode.
  */
