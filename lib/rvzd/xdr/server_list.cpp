@@ -1,13 +1,12 @@
-// The server list reply: a stream of records with a terminator, laid in and taken from a flat buffer of the caller's.
-//
-// Sizes are computed in 64 bits before they are compared, so no length on the wire can wrap one around. The part of a
-// record behind its name has a fixed size; it is coded in one piece where the stream hands out its memory.
+// The server list reply: a stream of records with a terminator, laid on the wire from a flat buffer of the caller's.
+// Sizes are computed in 64 bits before they are compared. Decoding has a file of its own.
 #include <cstddef>
 #include <cstring>
 
 #include <arpa/inet.h>
 
 #include <rvzd/xdr/fields.h>
+#include <rvzd/xdr/server_list.h>
 #include <support/stg.h>
 
 using namespace velia;
@@ -21,24 +20,6 @@ static_assert(offsetof(rvzd_list_servers_reply_t, cookie) == 16 && offsetof(rvzd
 
 namespace {
 
-constexpr uint32_t end_of_records = UINT32_MAX;
-constexpr uint64_t end_mark_least_room = 80; // a zero name length is stored only where this much is left
-
-enum class AddressForm { v70, ports };
-
-// Where a record would stand behind `used` bytes.
-rvzd_server_entry_t *entry_at(const rvzd_list_servers_reply_t *record, uint64_t used) {
-    return reinterpret_cast<rvzd_server_entry_t *>(record->buffer + used);
-}
-
-bool_t decode_ports_v70(XDR *xdrs, rvzd_server_port_list_t *ports) {
-    rvzd_sockaddr_in_t address;
-    if (!xdr_sockaddr_in(xdrs, &address))
-        return FALSE;
-    *ports = {1, {{AF_INET, ntohs(address.sin_port)}, {0, 0}}};
-    return TRUE;
-}
-
 // The first entry of the list that is IPv4 gives the port; a list without one sends the zeroed record.
 bool_t encode_ports_v70(XDR *xdrs, const rvzd_server_port_list_t *ports) {
     rvzd_sockaddr_in_t address = {};
@@ -51,79 +32,26 @@ bool_t encode_ports_v70(XDR *xdrs, const rvzd_server_port_list_t *ports) {
     return xdr_sockaddr_in(xdrs, &address);
 }
 
-bool_t code_ports(XDR *xdrs, rvzd_server_port_list_t *ports, AddressForm form) {
-    if (form == AddressForm::ports)
-        return xdr_rvzd_server_port_list_t(xdrs, ports);
-    return xdrs->x_op == XDR_ENCODE ? encode_ports_v70(xdrs, ports) : decode_ports_v70(xdrs, ports);
+bool_t encode_ports(XDR *xdrs, rvzd_server_port_list_t *ports, AddressForm form) {
+    return form == AddressForm::ports ? xdr_rvzd_server_port_list_t(xdrs, ports) : encode_ports_v70(xdrs, ports);
 }
 
-bool_t code_state_and_pid(XDR *xdrs, rvzd_server_entry_t *entry) {
+bool_t encode_state_and_pid(XDR *xdrs, rvzd_server_entry_t *entry) {
     enum_t state = entry->state;
-    if (!xdr_enum(xdrs, &state))
-        return FALSE;
-    entry->state = state;
-    return xdr_pid_t(xdrs, &entry->pid);
+    return xdr_enum(xdrs, &state) && xdr_pid_t(xdrs, &entry->pid);
 }
 
-bool_t code_behind_name(XDR *xdrs, rvzd_server_entry_t *entry, AddressForm form) {
+bool_t encode_behind_name(XDR *xdrs, rvzd_server_entry_t *entry, AddressForm form) {
     return velia_xdr_u_long(xdrs, &entry->cookie) && xdr_rvzd_rpc_trait_t(xdrs, &entry->trait) &&
-           code_ports(xdrs, &entry->ports, form) && xdr_tbs_uuid_t(xdrs, &entry->uuid) &&
-           code_state_and_pid(xdrs, entry);
-}
-
-bool_t decode_entry(XDR *xdrs, rvzd_server_entry_t *entry, uint32_t name_length, AddressForm form) {
-    char *name = rvzd_server_entry_name(entry);
-    if (name_length > 0 && !xdr_opaque(xdrs, name, name_length))
-        return FALSE;
-    if (!code_behind_name(xdrs, entry, form))
-        return FALSE;
-    name[name_length] = '\0';
-    entry->name_length = static_cast<uint16_t>(name_length);
-    return TRUE;
-}
-
-void mark_end(const rvzd_list_servers_reply_t *record, uint64_t used, uint64_t capacity) {
-    if (capacity - used >= end_mark_least_room)
-        entry_at(record, used)->name_length = 0;
-}
-
-bool_t decode_list(XDR *xdrs, rvzd_list_servers_reply_t *record, AddressForm form) {
-    const uint64_t capacity = record->size;
-    if (record->buffer == nullptr) {
-        record->buffer = static_cast<char *>(stg_malloc(capacity));
-        if (record->buffer == nullptr)
-            return FALSE;
-    }
-    uint64_t used = 0;
-    for (;;) {
-        uint32_t name_length = 0;
-        if (!xdr_u_int(xdrs, &name_length))
-            return FALSE;
-        if (name_length == end_of_records)
-            break;
-        const uint64_t entry_size = rvzd_server_entry_size(name_length);
-        // A name whose length its 16 bits cannot hold fits no buffer.
-        if (entry_size > capacity - used || name_length > UINT16_MAX) {
-            record->at_end = FALSE;
-            record->size = used;
-            return TRUE;
-        }
-        rvzd_server_entry_t *entry = entry_at(record, used);
-        if (!decode_entry(xdrs, entry, name_length, form))
-            return FALSE;
-        record->cookie = entry->cookie;
-        used += entry_size;
-    }
-    mark_end(record, used, capacity);
-    record->size = used;
-    return xdr_tbs_boolean_t(xdrs, &record->at_end);
+           encode_ports(xdrs, &entry->ports, form) && xdr_tbs_uuid_t(xdrs, &entry->uuid) &&
+           encode_state_and_pid(xdrs, entry);
 }
 
 bool_t encode_entry(XDR *xdrs, rvzd_server_entry_t *entry, AddressForm form) {
     uint32_t name_length = entry->name_length;
     return xdr_u_int(xdrs, &name_length) &&
            (name_length == 0 || xdr_opaque(xdrs, rvzd_server_entry_name(entry), name_length)) &&
-           code_behind_name(xdrs, entry, form);
+           encode_behind_name(xdrs, entry, form);
 }
 
 bool_t encode_list(XDR *xdrs, rvzd_list_servers_reply_t *record, AddressForm form) {
@@ -160,7 +88,7 @@ bool_t xdr_rvzd_list_servers_reply_common_t(XDR *xdrs, rvzd_list_servers_reply_t
         return FALSE;
     if (!has_body(xdrs, record->header))
         return TRUE;
-    return xdrs->x_op == XDR_DECODE ? decode_list(xdrs, record, form) : encode_list(xdrs, record, form);
+    return xdrs->x_op == XDR_DECODE ? decode_server_list(xdrs, record, form) : encode_list(xdrs, record, form);
 }
 
 } // namespace

@@ -75,7 +75,7 @@ template <class Record>
 bool decode(bool_t (*routine)(XDR *, Record *), const Bytes &bytes, Record &record, size_t *consumed = nullptr,
             size_t misalignment = 0) {
     std::vector<char> storage(bytes.size() + misalignment);
-    memcpy(storage.data() + misalignment, bytes.data(), bytes.size());
+    bytes.copy(storage.data() + misalignment, bytes.size());
     XDR stream;
     xdrmem_create(&stream, storage.data() + misalignment, static_cast<u_int>(bytes.size()), XDR_DECODE);
     const bool done = routine(&stream, &record);
@@ -285,7 +285,7 @@ inline void fill(Sampler &s, rvzd_slim_is_slim_reply_t &r) {
 }
 
 // Appends one server record to a flat buffer of 8-aligned words.
-inline void append_server(Sampler &s, std::vector<uint64_t> &buffer, const std::string &name) {
+inline rvzd_server_entry_t *append_server(Sampler &s, std::vector<uint64_t> &buffer, const std::string &name) {
     const size_t size = rvzd_server_entry_size(name.size());
     buffer.resize(buffer.size() + size / sizeof(uint64_t));
     auto *entry =
@@ -301,6 +301,85 @@ inline void append_server(Sampler &s, std::vector<uint64_t> &buffer, const std::
     entry->pid = s.signed_word();
     entry->name_length = static_cast<uint16_t>(name.size());
     memcpy(rvzd_server_entry_name(entry), name.c_str(), name.size() + 1);
+    return entry;
+}
+
+constexpr uint64_t list_capacity = 16384; // holds whatever one reply carries
+
+inline void fill(Sampler &s, rvzd_list_servers_reply_t &r) {
+    fill(s, r.header);
+    std::vector<uint64_t> servers;
+    for (uint64_t left = s.number(6); left > 0; --left)
+        append_server(s, servers, s.text(70));
+    r.at_end = s.coin();
+    r.size = servers.size() * sizeof(uint64_t);
+    r.buffer = r.size > 0 ? reinterpret_cast<char *>(s.array<uint64_t>(servers.size())) : nullptr;
+    if (r.size > 0)
+        memcpy(r.buffer, servers.data(), r.size);
+}
+
+// A record as it must be before it is decoded into.
+template <class Record>
+Record cleared() {
+    Record record;
+    memset(&record, 0, sizeof record);
+    return record;
+}
+template <>
+inline rvzd_list_servers_reply_t cleared() {
+    rvzd_list_servers_reply_t record;
+    memset(&record, 0, sizeof record);
+    record.size = list_capacity;
+    return record;
+}
+
+// Every record that travels by itself or inside another, as visit(name, routine).
+template <class Visit>
+void for_each_kind(Visit &&visit) {
+#define VISIT(RECORD) visit(#RECORD, xdr_##RECORD)
+    VISIT(rvzd_rpc_trait_t);
+    VISIT(rvzd_server_port_t);
+    VISIT(rvzd_server_port_list_t);
+    VISIT(rvzd_sockaddr_in_t);
+    VISIT(clnt_hostinfo_t);
+    VISIT(clnt_entry_t);
+    VISIT(clnt_entry_v70_t);
+    VISIT(clnt_toggle_server_restart_t);
+    VISIT(rvzd_hdr_req_t);
+    VISIT(rvzd_hdr_reply_t);
+    VISIT(rvzd_null_req_t);
+    VISIT(rvzd_null_reply_t);
+    VISIT(rvzd_contact_req_t);
+    VISIT(rvzd_contact_reply_t);
+    VISIT(rvzd_register_server_req_t);
+    VISIT(rvzd_server_idle_req_t);
+    VISIT(rvzd_server_busy_req_t);
+    VISIT(rvzd_server_alternate_uuid_req_t);
+    VISIT(rvzd_sched_info_req_t);
+    VISIT(rvzd_find_server_req_t);
+    VISIT(rvzd_find_server_reply_t);
+    VISIT(rvzd_find_server_v70_reply_t);
+    VISIT(rvzd_get_local_path_req_t);
+    VISIT(rvzd_get_local_path_reply_t);
+    VISIT(rvzd_clnt_list_get_req_t);
+    VISIT(rvzd_clnt_list_get_reply_t);
+    VISIT(rvzd_clnt_list_get_v70_reply_t);
+    VISIT(rvzd_clnt_list_lookup_req_t);
+    VISIT(rvzd_clnt_list_lookup_reply_t);
+    VISIT(rvzd_clnt_list_lookup_v70_reply_t);
+    VISIT(rvzd_clnt_list_register_req_t);
+    VISIT(rvzd_clnt_list_register_reply_t);
+    VISIT(rvzd_hostinfo_req_t);
+    VISIT(rvzd_hostinfo_reply_t);
+    VISIT(rvzd_toggle_server_restart_req_t);
+    VISIT(rvzd_toggle_server_restart_reply_t);
+    VISIT(rvzd_remote_build_hi_req_t);
+    VISIT(rvzd_remote_build_hi_reply_t);
+    VISIT(rvzd_list_servers_req_t);
+    VISIT(rvzd_list_servers_reply_t);
+    VISIT(rvzd_list_servers_v70_reply_t);
+    VISIT(rvzd_slim_is_slim_reply_t);
+#undef VISIT
 }
 
 } // namespace wire_tests
