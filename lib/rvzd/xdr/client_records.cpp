@@ -32,10 +32,14 @@ bool_t encode_address_v70(XDR *xdrs, const ks_sockaddr_storage_t *address) {
     return xdr_sockaddr_in(xdrs, &sent);
 }
 
-// In memory an address has the IPv6 form, whichever protocol brought it.
+// In memory an address has the IPv6 form, whichever protocol brought it. The family on the wire tells nothing: the
+// sending half leaves it 0.
 bool_t decode_address_v70(XDR *xdrs, ks_sockaddr_storage_t *address) {
     rvzd_sockaddr_in_t received;
-    return xdr_sockaddr_in(xdrs, &received) && sysutl_set_ipv4_as_ipv6mapped(&received, address) == 0;
+    if (!xdr_sockaddr_in(xdrs, &received))
+        return FALSE;
+    received.sin_family = AF_INET;
+    return sysutl_set_ipv4_as_ipv6mapped(&received, address) == 0;
 }
 
 bool_t code_address_v70(XDR *xdrs, ks_sockaddr_storage_t *address) {
