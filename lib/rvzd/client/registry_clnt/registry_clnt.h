@@ -1,0 +1,28 @@
+// What the files of the registry client share: the module's name in traces and assertions, and small helpers.
+#pragma once
+
+#include <cstring>
+
+#include <common/with.h>
+#include <support/stg.h>
+
+namespace velia::registry_clnt {
+
+inline constexpr char subsystem[] = "registry";
+inline constexpr char source_file[] = "registry_clnt";
+
+// Zeroed storage for one record; null on failure.
+template <class Record>
+Record *new_record() {
+    void *storage = stg_malloc(sizeof(Record));
+    return storage != nullptr ? static_cast<Record *>(memset(storage, 0, sizeof(Record))) : nullptr;
+}
+
+// Runs `body` to its end before a raise may land. One that came meanwhile lands there, where `undo` takes back what
+// body has made. For work that never waits.
+template <class Body, class Undo>
+auto all_or_nothing(Body &&body, Undo &&undo) {
+    return with_cleanup([&] { return with_inhibit(body); }, undo);
+}
+
+} // namespace velia::registry_clnt
