@@ -1,5 +1,5 @@
 // Host information, the two forms of a client's address, and client lists.
-#include <tests/unit/xdr/wire_bytes.h>
+#include <tests/unit/xdr/wire_test.h>
 
 using namespace wire_tests;
 

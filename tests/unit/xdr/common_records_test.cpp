@@ -1,5 +1,5 @@
 // Headers, identities and port lists.
-#include <tests/unit/xdr/wire_bytes.h>
+#include <tests/unit/xdr/wire_test.h>
 
 using namespace wire_tests;
 

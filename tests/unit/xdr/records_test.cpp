@@ -1,5 +1,5 @@
 // What holds for every record of the broker's wire: it comes back as it was sent, every cut is refused, nothing leaks.
-#include <tests/unit/xdr/wire_bytes.h>
+#include <tests/unit/xdr/wire_test.h>
 
 using namespace wire_tests;
 

@@ -1,5 +1,5 @@
 // The server list reply: its flat buffer, its bounds, and the two forms of an address.
-#include <tests/unit/xdr/wire_bytes.h>
+#include <tests/unit/xdr/wire_test.h>
 
 #include <tests/unit/xdr/list_oracle.h>
 

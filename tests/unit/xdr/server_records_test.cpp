@@ -1,5 +1,5 @@
 // What servers and their clients say to the broker: the gate of a found server, local paths, restarts.
-#include <tests/unit/xdr/wire_bytes.h>
+#include <tests/unit/xdr/wire_test.h>
 
 using namespace wire_tests;
 
