@@ -15,6 +15,7 @@ const char exit_status_help[] = "Exit status: 0 done, 1 failed, 2 wrong use, 3 p
 namespace {
 
 constexpr int timeout_max_s = 3600;
+constexpr const char *format_variable = "VELIACTL_OUTPUT";
 
 std::string check_format(const std::string &name) {
     Format format;
@@ -37,15 +38,29 @@ int end_of_parse(const CLI::App &app, const CLI::ParseError &error) {
     return status == 0 ? exit_done : exit_usage;
 }
 
+// The default of --output. The parser could look there itself, but it would do so for each command that has the option,
+// whichever was called.
+bool take_format_of_environment(Settings &settings) {
+    const char *name = std::getenv(format_variable);
+    if (settings.has_format || name == nullptr || *name == '\0')
+        return true;
+    const std::string error = check_format(name);
+    if (!error.empty()) {
+        std::cerr << format_variable << ": " << error << '\n';
+        return false;
+    }
+    return format_of_name(name, settings.format);
+}
+
 } // namespace
 
 void add_common_options(CLI::App &command, Settings &settings) {
     command
         .add_option_function<std::string>(
-            "-o,--output", [&](const std::string &name) { format_of_name(name, settings.format); },
+            "-o,--output",
+            [&](const std::string &name) { settings.has_format = format_of_name(name, settings.format); },
             "form of the results: plain, json or table (default plain, or what VELIACTL_OUTPUT says)")
         ->type_name("FORM")
-        ->envname("VELIACTL_OUTPUT")
         ->check(CLI::Validator(check_format, ""));
     command.add_flag_callback(
         "--no-headers", [&] { settings.with_headers = false; }, "leave the line of column names out");
@@ -70,7 +85,7 @@ int run(int argc, char **argv) {
     } catch (const CLI::ParseError &error) {
         return end_of_parse(app, error);
     }
-    return chosen(settings);
+    return take_format_of_environment(settings) ? chosen(settings) : exit_usage;
 }
 
 } // namespace velia::cli

@@ -18,6 +18,7 @@ extern const char exit_status_help[];
 
 struct Settings {
     Format format = Format::plain;
+    bool has_format = false; // by the switch
     bool with_headers = true;
     int timeout_s = 25;
 };

@@ -16,7 +16,9 @@ struct Road {
     rvzd_protocol_in_t transport;
 };
 
-void PrintTo(const Road &road, std::ostream *out) { *out << road.name; }
+void PrintTo(const Road &road, std::ostream *out) {
+    *out << road.name;
+}
 
 constexpr Road roads[] = {{"UdpIpv4", "alpha", RVZD_PROTOCOL_UDP},
                           {"TcpIpv4", "alpha", RVZD_PROTOCOL_TCP},

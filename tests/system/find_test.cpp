@@ -27,7 +27,9 @@ struct Road {
     const char *daemon_option;
 };
 
-void PrintTo(const Road &road, std::ostream *out) { *out << road.name; }
+void PrintTo(const Road &road, std::ostream *out) {
+    *out << road.name;
+}
 
 constexpr Road roads[] = {{"UdpIpv4", "alpha", RVZD_PROTOCOL_UDP, ""},
                           {"TcpIpv4", "alpha", RVZD_PROTOCOL_TCP, ""},

@@ -24,6 +24,11 @@ constexpr int exec_failed = 127;
     dup2(output, STDOUT_FILENO);
     dup2(output, STDERR_FILENO);
     close(output);
+    if (!options.error_file.empty()) {
+        const int errors = open(options.error_file.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0666);
+        dup2(errors, STDERR_FILENO);
+        close(errors);
+    }
     for (const int fd : options.inherited_fds)
         fcntl(fd, F_SETFD, 0);
     for (const auto &variable : options.environment)
@@ -69,14 +74,31 @@ int Child::wait(double deadline_s) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : signal_base + WTERMSIG(status);
 }
 
-Outcome run(const Site &site, const std::vector<std::string> &words, double deadline_s) {
+namespace {
+
+Outcome run_to_end(const Site &site, const std::vector<std::string> &words, Child::Options options, bool is_apart,
+                   double deadline_s) {
     static int number;
-    const std::string name = "run-" + std::to_string(++number) + ".out";
-    Child::Options options;
-    options.output_file = site.path(name);
+    const std::string name = "run-" + std::to_string(++number);
+    options.output_file = site.path(name + ".out");
+    if (is_apart)
+        options.error_file = site.path(name + ".err");
     Child child(words, options);
     const int status = child.wait(deadline_s);
-    return {status, site.read(name)};
+    return {status, site.read(name + ".out"), is_apart ? site.read(name + ".err") : ""};
+}
+
+} // namespace
+
+Outcome run(const Site &site, const std::vector<std::string> &words, double deadline_s) {
+    return run_to_end(site, words, {}, false, deadline_s);
+}
+
+Outcome run_apart(const Site &site, const std::vector<std::string> &words,
+                  const std::vector<std::string> &environment) {
+    Child::Options options;
+    options.environment = environment;
+    return run_to_end(site, words, options, true, 30);
 }
 
 bool is_alive(pid_t pid) {

@@ -12,7 +12,8 @@ namespace velia::system_test {
 class Child {
 public:
     struct Options {
-        std::string output_file;              // of standard output and error
+        std::string output_file;              // of standard output, and of standard error
+        std::string error_file;               // of standard error, where it is not empty
         std::vector<int> inherited_fds;       // kept open under their own numbers
         std::vector<std::string> environment; // further "NAME=value"
         uid_t user = 0;                       // not 0: to run as, where the test may choose
@@ -37,10 +38,15 @@ private:
 struct Outcome {
     int status;
     std::string output;
+    std::string errors;
 };
 
-// Runs a command to its end.
+// Runs a command to its end; what it says on standard error is part of its output.
 Outcome run(const Site &site, const std::vector<std::string> &words, double deadline_s = 20);
+
+// The same with standard error by itself, and "NAME=value" added to its environment.
+Outcome run_apart(const Site &site, const std::vector<std::string> &words,
+                  const std::vector<std::string> &environment = {});
 
 bool is_alive(pid_t pid);
 

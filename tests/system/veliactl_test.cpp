@@ -1,0 +1,213 @@
+// The administrator's tool against real daemons: exit statuses, forms of output, and what goes to which stream.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+#include <tests/system/support/daemon.h>
+
+using namespace velia::system_test;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+namespace {
+
+enum ExitStatus { DONE = 0, FAILED = 1, WRONG_USE = 2, UNREACHABLE = 3 };
+
+constexpr uint32_t program = 390600;
+const std::string program_text = std::to_string(program);
+
+struct Veliactl : testing::Test {
+    Site site;
+    std::unique_ptr<Daemon> daemon;
+
+    void serve(const std::string &configuration = sample_line(program, "shared", "-")) {
+        site.configure(configuration);
+        daemon = std::make_unique<Daemon>(site);
+        ASSERT_TRUE(daemon->is_ready()) << daemon->output();
+    }
+
+    Outcome veliactl(std::vector<std::string> words, const std::vector<std::string> &environment = {}) const {
+        words.insert(words.begin(), VELIACTL);
+        return run_apart(site, words, environment);
+    }
+};
+
+std::vector<std::string> lines_of(const std::string &text) {
+    std::vector<std::string> lines;
+    for (size_t at = 0; at < text.size();) {
+        const size_t end = text.find('\n', at);
+        lines.push_back(text.substr(at, end - at));
+        at = end == std::string::npos ? text.size() : end + 1;
+    }
+    return lines;
+}
+
+} // namespace
+
+TEST_F(Veliactl, ContactTellsProtocolAndAddress) {
+    serve();
+    const auto outcome = veliactl({"contact", "--output", "json", "alpha"});
+    EXPECT_EQ(outcome.status, DONE);
+    EXPECT_THAT(outcome.errors, IsEmpty());
+    const auto object = nlohmann::json::parse(outcome.output);
+    EXPECT_EQ(object["host"], "alpha");
+    EXPECT_EQ(object["transport"], "udp");
+    EXPECT_EQ(object["protocol"], 6);
+    EXPECT_GT(object["round_trip_ms"].get<double>(), 0.0);
+    ASSERT_EQ(object["addresses"].size(), 1u);
+    EXPECT_THAT(object["addresses"][0].get<std::string>(), HasSubstr("127.0.0.1"));
+}
+
+TEST_F(Veliactl, ContactOfAnOldDaemonTellsItsProtocol) {
+    serve("option protocol 5\n");
+    const auto outcome = veliactl({"contact", "--transport", "tcp", "-o", "json", "alpha"});
+    EXPECT_EQ(outcome.status, DONE) << outcome.errors;
+    EXPECT_EQ(nlohmann::json::parse(outcome.output)["protocol"], 5);
+}
+
+TEST_F(Veliactl, ContactOfNobodyIsUnreachableAndSilentOnStandardOutput) {
+    const auto outcome = veliactl({"contact", "--transport", "tcp", "alpha"});
+    EXPECT_EQ(outcome.status, UNREACHABLE);
+    EXPECT_THAT(outcome.output, IsEmpty());
+    EXPECT_THAT(outcome.errors, HasSubstr("Unable to contact rvzd_server on host 'alpha'"));
+}
+
+TEST_F(Veliactl, ContactOfAnUnknownHostNamesIt) {
+    const auto outcome = veliactl({"contact", "nobody.invalid"});
+    EXPECT_EQ(outcome.status, UNREACHABLE);
+    EXPECT_THAT(outcome.errors, HasSubstr("nobody.invalid"));
+}
+
+TEST_F(Veliactl, ContactOfSeveralTellsTheGoodAndFailsForTheOthers) {
+    serve();
+    const auto outcome = veliactl({"contact", "--no-headers", "nobody.invalid", "alpha"});
+    EXPECT_EQ(outcome.status, UNREACHABLE);
+    const auto lines = lines_of(outcome.output);
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].substr(0, 5), "alpha");
+}
+
+TEST_F(Veliactl, ASilentHostIsGivenUpAfterTheTimeOut) {
+    // A socket that takes datagrams and answers none.
+    const int silent = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(site.port());
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(bind(silent, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    const auto outcome = veliactl({"contact", "--timeout", "1", "alpha"});
+    EXPECT_EQ(outcome.status, UNREACHABLE);
+    EXPECT_THAT(outcome.errors, HasSubstr("Timed out"));
+    close(silent);
+}
+
+TEST_F(Veliactl, PlainFormHasAlignedColumnsUnderTheirNames) {
+    serve();
+    const auto outcome = veliactl({"server", "find", "alpha", "--prog", program_text});
+    EXPECT_EQ(outcome.status, DONE) << outcome.errors;
+    const auto lines = lines_of(outcome.output);
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].substr(0, 6), "HOST  ");
+    EXPECT_EQ(lines[0].find("PROG"), lines[1].find(program_text));
+    EXPECT_THAT(lines[1], Not(HasSubstr("|")));
+    EXPECT_NE(lines[1].back(), ' ');
+}
+
+TEST_F(Veliactl, TableFormHasBorders) {
+    serve();
+    const auto outcome = veliactl({"server", "find", "alpha", "--prog", program_text, "--output", "table"});
+    EXPECT_EQ(outcome.status, DONE) << outcome.errors;
+    const auto lines = lines_of(outcome.output);
+    ASSERT_EQ(lines.size(), 5u);
+    for (const size_t border : {0u, 2u, 4u})
+        EXPECT_EQ(lines[border].find_first_not_of("+-"), std::string::npos) << lines[border];
+    for (const auto &line : lines)
+        EXPECT_EQ(line.size(), lines[0].size());
+}
+
+TEST_F(Veliactl, FormComesFromTheEnvironmentAndTheSwitchBeatsIt) {
+    serve();
+    const std::vector<std::string> environment = {"VELIACTL_OUTPUT=json"};
+    const auto by_environment = veliactl({"contact", "alpha"}, environment);
+    EXPECT_TRUE(nlohmann::json::accept(by_environment.output)) << by_environment.output;
+    const auto by_switch = veliactl({"contact", "--output", "plain", "alpha"}, environment);
+    EXPECT_EQ(by_switch.output.substr(0, 4), "HOST");
+    EXPECT_EQ(veliactl({"contact", "alpha"}, {"VELIACTL_OUTPUT=xml"}).status, WRONG_USE);
+}
+
+TEST_F(Veliactl, FindStartsTheServerAndTellsItsAddress) {
+    serve();
+    const auto outcome =
+        veliactl({"server", "find", "alpha", "--prog", "0x5f5c8", "--proto", "tcp", "--output", "json"});
+    EXPECT_EQ(outcome.status, DONE) << outcome.errors;
+    const auto object = nlohmann::json::parse(outcome.output);
+    EXPECT_EQ(object["prog"], program);
+    EXPECT_EQ(object["proto"], "tcp");
+    EXPECT_EQ(daemon->started().size(), 1u);
+}
+
+TEST_F(Veliactl, FindOfAnUnknownServerFailsAndSaysWhich) {
+    serve();
+    const auto outcome = veliactl({"server", "find", "alpha", "--prog", "12345"});
+    EXPECT_EQ(outcome.status, FAILED);
+    EXPECT_THAT(outcome.output, IsEmpty());
+    EXPECT_THAT(outcome.errors, HasSubstr("No server of program 12345 version 1 on host 'alpha'"));
+}
+
+TEST_F(Veliactl, FindWithoutADaemonIsUnreachable) {
+    EXPECT_EQ(veliactl({"server", "find", "alpha", "--prog", program_text, "--timeout", "1"}).status, UNREACHABLE);
+}
+
+TEST_F(Veliactl, ConnectCallsTheServerOverBothTransports) {
+    serve();
+    for (const std::string transport : {"udp", "tcp"}) {
+        const auto outcome =
+            veliactl({"server", "connect", "alpha", "--prog", program_text, "--proto", transport, "-o", "json"});
+        EXPECT_EQ(outcome.status, DONE) << outcome.errors;
+        const auto object = nlohmann::json::parse(outcome.output);
+        EXPECT_EQ(object["proto"], transport);
+        EXPECT_GT(object["round_trip_ms"].get<double>(), 0.0);
+    }
+}
+
+TEST_F(Veliactl, WrongUseIsToldWithItsOwnStatus) {
+    const std::vector<std::vector<std::string>> uses = {{},
+                                                        {"nonsense"},
+                                                        {"contact"},
+                                                        {"contact", "--timeout", "0", "alpha"},
+                                                        {"contact", "--timeout", "x", "alpha"},
+                                                        {"contact", "--output", "xml", "alpha"},
+                                                        {"contact", "--transport", "sctp", "alpha"},
+                                                        {"server"},
+                                                        {"server", "find", "alpha"},
+                                                        {"server", "find", "--prog", "1"},
+                                                        {"server", "find", "alpha", "--prog", "4294967296"},
+                                                        {"server", "find", "alpha", "--prog", "-1"},
+                                                        {"server", "connect", "alpha", "--prog", "1", "--uuid", "x"}};
+    for (const auto &use : uses) {
+        const auto outcome = veliactl(use);
+        EXPECT_EQ(outcome.status, WRONG_USE) << testing::PrintToString(use);
+        EXPECT_THAT(outcome.output, IsEmpty()) << testing::PrintToString(use);
+        EXPECT_THAT(outcome.errors, Not(IsEmpty())) << testing::PrintToString(use);
+    }
+}
+
+TEST_F(Veliactl, HelpHasExamplesAndTheExitStatuses) {
+    for (const std::vector<std::string> &command :
+         {std::vector<std::string>{"contact"}, {"server", "find"}, {"server", "connect"}}) {
+        auto words = command;
+        words.push_back("--help");
+        const auto outcome = veliactl(words);
+        EXPECT_EQ(outcome.status, DONE);
+        EXPECT_THAT(outcome.output, HasSubstr("Examples:"));
+        EXPECT_THAT(outcome.output, HasSubstr("0 done, 1 failed, 2 wrong use, 3 peer unreachable"));
+        for (const char *option : {"--output", "--timeout", "--no-headers"})
+            EXPECT_THAT(outcome.output, HasSubstr(option));
+    }
+}
