@@ -2,13 +2,14 @@
  * The registry's part of the broker's protocol: fifteen procedures on RVZD_PROGRAM, the record of each request and
  * reply, and the proxies, which are one call each: no retry, no cache.
  *
- *     tbs_status_t first_entry(rvzd_handle_t *handle, rgy_svr_entry_t *out) {
- *         rgy_dtm_pair_t stamps = {0};
- *         uint64_t cursor = 0;
- *         int64_t count = 0;
- *         tbs_status_t status = rvzd_rgy_get_entry(handle, RGY_DB_REGIONS, RGY_PROTOCOL_VERSION, "", &stamps, &cursor,
- * 1, out, &count); return status == TBS_ST_OK && count == 0 ? TBS_ST_NOT_FOUND : status;
- *     }
+ *     rgy_svr_entry_t entry = {0};
+ *     rgy_dtm_pair_t stamps = {0};
+ *     uint64_t cursor = 0;
+ *     int64_t count = 0;
+ *     if (rvzd_rgy_get_entry(handle, RGY_DB_REGIONS, RGY_PROTOCOL_VERSION, "", &stamps, &cursor, 1, &entry, &count) ==
+ *             TBS_ST_OK &&
+ *         count == 1)
+ *         use(entry);
  *
  * Records follow the rules of <veliaxdr/rvzd_wire.h>: one routine in all three directions, cleared before decoding,
  * decoded storage from the heap, null texts sent as "". Longer texts than the record allows fail, which a call reports

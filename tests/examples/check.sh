@@ -15,7 +15,7 @@ example_of() { # the indented lines of the comment that opens the header
 surroundings='
     tbs_status_t status = 0; uint32_t program = 390600, count = 2; int step = 1, listener = 0;
     const char *host = "build7", *text = "", *path = "", *directory = "";
-    rvzd_rpc_trait_t trait = {0}; rvzd_socket_desc_t descs[4]; tbs_uuid_t uuid = {{0}};
+    rvzd_handle_t *handle = NULL; rvzd_rpc_trait_t trait = {0}; rvzd_socket_desc_t descs[4]; tbs_uuid_t uuid = {{0}};
     struct timeval time_out = {5, 0}; entry_t *record = NULL;
     XDR stream; XDR *xdrs = &stream; CLIENT *client = NULL; struct sockaddr *address = NULL; stg_area_t area = NULL;'
 
@@ -23,7 +23,7 @@ for header in "$source"/include/veliaxdr/*.h "$source"/include/support/*.h; do
     example=$(example_of "$header")
     [ -n "$example" ] || { echo "no example: $header"; failed=1; continue; }
     examples=$((examples + 1))
-    printf '#include "%s"\n#include "%s/tests/examples/prelude.h"\n#include <veliaxdr/rvzd_socket.h>\ntbs_status_t example(int argc, char **argv);\ntbs_status_t example(int argc, char **argv) {\n%s\n    {\n%s\n    }\n    return status;\n}\n' \
+    printf '#include "%s"\n#include "%s/tests/examples/prelude.h"\n#include <veliaxdr/rvzd_svr.h>\ntbs_status_t example(int argc, char **argv);\ntbs_status_t example(int argc, char **argv) {\n%s\n    {\n%s\n    }\n    return status;\n}\n' \
         "$header" "$source" "$surroundings" "$example" |
         "${CC:-cc}" -std=gnu11 -fsyntax-only -Wall -Werror -Wno-unused -Wno-maybe-uninitialized -x c "$@" - ||
         { echo "the example does not compile: $header"; failed=1; }
