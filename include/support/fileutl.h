@@ -27,8 +27,8 @@ enum { FILEUTL_QUIET = 16 };
 /*
  * Non-zero if `host` (without case) is this host: its name, "localhost", or the text of an address that is this
  * host's. With VELIA_HOSTNAME set these are the name it gives, the machine's own name, and the addresses that
- * config/hosts.conf has for it, so that several hosts can live on one machine; without it, the system's name with or without its domain, and the
- * loopback addresses. Never asks the network; null and the empty text are not this host.
+ * config/hosts.conf has for it, so that several hosts can live on one machine; without it, the system's name with or
+ * without its domain, and the loopback addresses. Never asks the network; null and the empty text are not this host.
  */
 int fileutl_is_localhost(const char *host);
 
