@@ -28,9 +28,19 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
+/*
+ * Where C is compiled without the names of POSIX (-std=c11), a record may hold a frame, whose buffer is the same type
+ * under both names; only a function that opens one needs them, by _POSIX_C_SOURCE or -std=gnu11.
+ */
+#ifdef sigsetjmp
+typedef sigjmp_buf pfm_jump_t;
+#else
+typedef jmp_buf pfm_jump_t;
+#endif
+
 typedef struct pfm_frame {
     struct pfm_frame *outer;
-    sigjmp_buf jump;
+    pfm_jump_t jump;
     int32_t code;          /* what sigsetjmp gave: 0 on the way in, the raise's code on a landing */
     int32_t inhibit_depth; /* the thread's depth when the frame was opened; a landing restores it */
 } pfm_frame_t;

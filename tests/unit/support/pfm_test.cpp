@@ -1,4 +1,6 @@
 #include <csignal>
+#include <type_traits>
+
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -6,6 +8,9 @@
 
 #include <support/imsg.h>
 #include <support/pfm.h>
+
+// So a frame has one layout for every program, whether or not it is compiled with the names of POSIX.
+static_assert(std::is_same_v<jmp_buf, sigjmp_buf>);
 
 namespace {
 
