@@ -12,25 +12,25 @@ constexpr uint32_t machine_name_max = 255;
 constexpr uint32_t groups_max = 16;
 constexpr size_t word_bytes = 4;
 
-// Who the caller says he is proves nothing; what is asked here is only that he says it in the right form.
-bool is_auth_sys(Bytes body) {
+std::optional<Credentials> read_auth_sys(Bytes body) {
     ByteReader reader(body);
+    Credentials credentials;
     uint32_t stamp = 0;
-    uint32_t uid = 0;
-    uint32_t gid = 0;
     uint32_t group_count = 0;
     Bytes machine_name;
-    return reader.word(stamp) && reader.opaque(machine_name_max, machine_name) && reader.word(uid) &&
-           reader.word(gid) && reader.word(group_count) && group_count <= groups_max &&
-           reader.rest().size() == group_count * word_bytes;
+    const bool is_whole = reader.word(stamp) && reader.opaque(machine_name_max, machine_name) &&
+                          reader.word(credentials.uid) && reader.word(credentials.gid) && reader.word(group_count) &&
+                          group_count <= groups_max && reader.rest().size() == group_count * word_bytes;
+    return is_whole ? std::optional(credentials) : std::nullopt;
 }
 
-CallFault judge_credentials(uint32_t flavor, Bytes body) {
+CallFault read_credentials(uint32_t flavor, Bytes body, std::optional<Credentials> &credentials) {
     if (flavor == AUTH_NONE)
         return CallFault::none;
     if (flavor != AUTH_SYS)
         return CallFault::unknown_flavor;
-    return is_auth_sys(body) ? CallFault::none : CallFault::bad_credentials;
+    credentials = read_auth_sys(body);
+    return credentials ? CallFault::none : CallFault::bad_credentials;
 }
 
 } // namespace
@@ -76,7 +76,7 @@ CallHeader read_call_header(Bytes message) {
                           reader.word(verifier_flavor) && reader.opaque(auth_bytes_max, verifier);
     if (!is_whole)
         return header;
-    header.fault = judge_credentials(flavor, credentials);
+    header.fault = read_credentials(flavor, credentials, header.credentials);
     header.arguments = reader.rest();
     return header;
 }

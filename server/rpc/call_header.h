@@ -33,12 +33,19 @@ enum class CallFault {
     unknown_flavor,  // credentials of a kind that is not understood here
 };
 
+// Who the caller says he is. It proves nothing, and tells a careful client from one that says nothing.
+struct Credentials {
+    uint32_t uid = 0;
+    uint32_t gid = 0;
+};
+
 struct CallHeader {
     CallFault fault = CallFault::no_call;
     uint32_t xid = 0;
     uint32_t program = 0;
     uint32_t version = 0;
     uint32_t procedure = 0;
+    std::optional<Credentials> credentials;
     Bytes arguments;
 };
 

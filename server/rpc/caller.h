@@ -1,8 +1,10 @@
 // The two ends of a call.
 #pragma once
 
+#include <optional>
 #include <string>
 
+#include <server/rpc/call_header.h>
 #include <support/sysutl.h>
 #include <veliaxdr/rvzd_wire.h>
 
@@ -12,6 +14,7 @@ struct Caller {
     ks_sockaddr_storage_t peer = {};
     ks_sockaddr_storage_t local = {}; // the address of ours to which the call came
     rvzd_protocol_in_t transport = RVZD_PROTOCOL_NONE;
+    std::optional<Credentials> credentials; // none: it did not say who it is
 };
 
 // An IPv4 address out of its IPv6 wrapping, so that both forms of one host compare and print alike.

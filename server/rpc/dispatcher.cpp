@@ -53,7 +53,9 @@ void Dispatcher::run(const CallHeader &header, const Caller &caller, const Reply
     XDR arguments;
     auto *bytes = const_cast<unsigned char *>(header.arguments.data()); // only read
     xdrmem_create(&arguments, reinterpret_cast<char *>(bytes), static_cast<u_int>(header.arguments.size()), XDR_DECODE);
-    const bool is_decoded = procedure->run(arguments, header.xid, caller, sink);
+    Caller known = caller;
+    known.credentials = header.credentials;
+    const bool is_decoded = procedure->run(arguments, header.xid, known, sink);
     xdr_destroy(&arguments);
     if (!is_decoded)
         sink(encode_refusal(header.xid, GARBAGE_ARGS));

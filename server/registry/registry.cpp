@@ -1,0 +1,103 @@
+#include <server/registry/registry.h>
+
+#include <server/registry/password.h>
+
+namespace velia::server {
+
+namespace {
+
+constexpr size_t word_bytes = 4;
+constexpr uint32_t nobodies[] = {65534, UINT32_MAX, UINT32_MAX - 1};
+constexpr const char *password_setting = "password";
+
+// As it may be stored and sent again: not empty, in the right form, no longer than the wire carries.
+std::optional<Items> storable_items(const std::string &flex_text) {
+    if (flex_text.empty() || flex_text.size() > RGY_WIRE_FLEX_MAX || flex_text.find('\n') != std::string::npos)
+        return std::nullopt;
+    return items_of(flex_text);
+}
+
+} // namespace
+
+size_t encoded_bytes(const Record &record) {
+    const size_t padded = (record.flex_text.size() + word_bytes - 1) / word_bytes * word_bytes;
+    return 2 * word_bytes + padded; // number, length, text
+}
+
+bool has_own_credentials(const Caller &caller) {
+    if (!caller.credentials)
+        return false;
+    for (const uint32_t nobody : nobodies)
+        if (caller.credentials->uid == nobody)
+            return false;
+    return true;
+}
+
+Batch Registry::fetch(const Selection &selection, uint64_t cursor, const BatchLimits &limits, const Filter &filter) {
+    Batch batch;
+    size_t bytes = 0;
+    uint64_t last_seen = cursor;
+    uint64_t visits = 0;
+    store_.scan(selection, cursor, [&](const Record &record) {
+        if (visits++ == REGISTRY_VISITS_MAX) {
+            batch.cursor = last_seen;
+            return false;
+        }
+        if (filter) {
+            const auto items = items_of(record.flex_text);
+            if (!items || !filter(*items)) {
+                last_seen = record.id;
+                return true;
+            }
+        }
+        const size_t more_bytes = encoded_bytes(record);
+        const bool fits = batch.records.size() < limits.records_max && bytes + more_bytes <= limits.bytes_max;
+        if (!fits && !(batch.records.empty() && limits.records_max > 0)) {
+            batch.cursor = last_seen;
+            return false;
+        }
+        bytes += more_bytes;
+        batch.records.push_back(record);
+        last_seen = record.id;
+        return true;
+    });
+    return batch;
+}
+
+tbs_status_t Registry::add(rgy_db_t db, const rgy_dtm_pair_t &stamps, const std::string &flex_text,
+                           const Caller &caller) {
+    if (!has_own_credentials(caller))
+        return TBS_ST_NO_ACCESS;
+    const auto items = storable_items(flex_text);
+    if (!items)
+        return TBS_ST_INVALID_ARG;
+    switch (store_.add(db, stamps, identity_of(db, *items), flex_text, *items)) {
+    case Store::AddResult::stale:
+        return TBS_ST_STALE_ID;
+    case Store::AddResult::exists:
+        return TBS_ST_ALREADY_EXISTS;
+    case Store::AddResult::added:
+        break;
+    }
+    return TBS_ST_OK;
+}
+
+tbs_status_t Registry::remove(rgy_db_t db, uint64_t id, const Caller &caller) {
+    if (!has_own_credentials(caller))
+        return TBS_ST_NO_ACCESS;
+    Record removed;
+    return store_.remove(db, id, removed) ? TBS_ST_OK : TBS_ST_NOT_FOUND;
+}
+
+tbs_status_t Registry::check_password(const std::string &password) {
+    const std::string hash = store_.setting(password_setting);
+    if (hash.empty())
+        return TBS_ST_NOT_FOUND;
+    return is_password(password, hash) ? TBS_ST_OK : TBS_ST_NO_ACCESS;
+}
+
+void Registry::set_password(const std::string &password) {
+    store_.set_setting(password_setting, password.empty() ? "" : hash_of(password));
+}
+
+} // namespace velia::server

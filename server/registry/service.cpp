@@ -1,0 +1,66 @@
+#include <server/registry/service.h>
+
+#include <ctime>
+
+#include <support/date.h>
+#include <support/imsg.h>
+#include <veliaxdr/rgy_messages.h>
+
+namespace velia::server {
+
+namespace {
+
+// Positions in the registry's message table that only a server prints.
+enum Message : int {
+    MSG_FILE_CREATED = 0,
+    MSG_INTERNAL_ERROR = 9,
+    MSG_OPEN_FAILED = 13,
+    MSG_LOADED = 14,
+    MSG_ADDED = 73,
+    MSG_REMOVED = 74,
+    MSG_WHAT = 75,
+};
+
+template <class... Arguments>
+void print(int severity, int position, Arguments... arguments) {
+    imsg_print(severity, &_registry_rvzd_msg_table, position, arguments...);
+}
+
+} // namespace
+
+bool RegistryService::open(const std::string &file_name) {
+    if (registry_ != nullptr && file_name == file_name_)
+        return true;
+    try {
+        bool is_new = false;
+        auto store = open_sqlite_store(file_name, is_new);
+        registry_.reset();
+        store_ = std::move(store);
+        registry_ = std::make_unique<Registry>(*store_);
+        file_name_ = file_name;
+        print(IMSG_PLAIN, is_new ? MSG_FILE_CREATED : MSG_LOADED, file_name.c_str());
+        return true;
+    } catch (const StoreError &error) {
+        print(IMSG_ERROR, MSG_OPEN_FAILED, file_name.c_str(), error.what());
+        return false;
+    }
+}
+
+void RegistryService::close() {
+    registry_.reset();
+    store_.reset();
+}
+
+void RegistryService::tell_change(rgy_db_t db, bool is_added, const std::string &what, const Caller &caller) {
+    const int uid = caller.credentials ? static_cast<int>(caller.credentials->uid) : -1;
+    print(IMSG_PLAIN, is_added ? MSG_ADDED : MSG_REMOVED, registry_db_name(db), uid, address_text(caller.peer).c_str(),
+          date_fmt_token_date_time(time(nullptr)));
+    print(IMSG_PLAIN, MSG_WHAT, what.c_str());
+}
+
+tbs_status_t RegistryService::tell_failure(const char *what) {
+    print(IMSG_ERROR, MSG_INTERNAL_ERROR, what);
+    return TBS_ST_ERROR;
+}
+
+} // namespace velia::server

@@ -1,0 +1,93 @@
+#include <server/registry/sqlite.h>
+
+#include <cstring>
+
+namespace velia::server {
+
+namespace {
+
+constexpr int busy_timeout_ms = 5000; // another process may set the password meanwhile
+
+} // namespace
+
+Sqlite::Sqlite(const std::string &file_name) {
+    sqlite3 *database = nullptr;
+    const int result = sqlite3_open_v2(file_name.c_str(), &database,
+                                       SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW, nullptr);
+    database_.reset(database);
+    if (result != SQLITE_OK)
+        throw StoreError(database != nullptr ? sqlite3_errmsg(database) : sqlite3_errstr(result));
+    sqlite3_busy_timeout(database, busy_timeout_ms);
+}
+
+void Sqlite::run(const char *sql) {
+    if (sqlite3_exec(database_.get(), sql, nullptr, nullptr, nullptr) != SQLITE_OK)
+        fail();
+}
+
+Statement::Statement(Sqlite &database, const char *sql) : database_(database) {
+    sqlite3_stmt *statement = nullptr;
+    if (sqlite3_prepare_v3(database.get(), sql, -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr) != SQLITE_OK)
+        database.fail();
+    statement_.reset(statement);
+}
+
+void Statement::check(int result) const {
+    if (result != SQLITE_OK)
+        database_.fail();
+}
+
+bool Statement::step() {
+    const int result = sqlite3_step(statement_.get());
+    if (result == SQLITE_ROW)
+        return true;
+    const bool is_done = result == SQLITE_DONE;
+    if (!is_done) {
+        const StoreError error(sqlite3_errmsg(database_.get()));
+        sqlite3_reset(statement_.get());
+        throw error;
+    }
+    sqlite3_reset(statement_.get());
+    return false;
+}
+
+std::string Statement::text(int column) const {
+    const auto *bytes = static_cast<const char *>(sqlite3_column_blob(statement_.get(), column));
+    const auto length = static_cast<size_t>(sqlite3_column_bytes(statement_.get(), column));
+    return bytes != nullptr ? std::string(bytes, length) : std::string();
+}
+
+tbs_uuid_t Statement::uuid(int column) const {
+    tbs_uuid_t uuid = {};
+    const void *bytes = sqlite3_column_blob(statement_.get(), column);
+    if (bytes == nullptr || sqlite3_column_bytes(statement_.get(), column) != sizeof uuid)
+        throw StoreError("malformed uuid in the database");
+    memcpy(&uuid, bytes, sizeof uuid);
+    return uuid;
+}
+
+void Statement::bind(int position, int64_t value) {
+    check(sqlite3_bind_int64(statement_.get(), position, value));
+}
+
+void Statement::bind(int position, std::string_view value) {
+    // As bytes: a text of clients need not be UTF-8. A null pointer would bind NULL.
+    check(sqlite3_bind_blob64(statement_.get(), position, value.empty() ? "" : value.data(), value.size(),
+                              SQLITE_TRANSIENT));
+}
+
+void Statement::bind(int position, const tbs_uuid_t &value) {
+    check(sqlite3_bind_blob(statement_.get(), position, &value, sizeof value, SQLITE_TRANSIENT));
+}
+
+Transaction::~Transaction() {
+    if (is_open_)
+        sqlite3_exec(database_.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+}
+
+void Transaction::commit() {
+    database_.run("COMMIT");
+    is_open_ = false;
+}
+
+} // namespace velia::server

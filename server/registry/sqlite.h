@@ -1,0 +1,85 @@
+// The few calls of SQLite that a store makes, with errors as exceptions and statements that are prepared once.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include <sqlite3.h>
+
+#include <server/registry/store.h>
+
+namespace velia::server {
+
+class Sqlite {
+public:
+    explicit Sqlite(const std::string &file_name);
+
+    void run(const char *sql);
+    int64_t last_row_id() const { return sqlite3_last_insert_rowid(database_.get()); }
+    int64_t changed_rows() const { return sqlite3_changes64(database_.get()); }
+    sqlite3 *get() const { return database_.get(); }
+    [[noreturn]] void fail() const { throw StoreError(sqlite3_errmsg(database_.get())); }
+
+private:
+    struct Close {
+        void operator()(sqlite3 *database) const { sqlite3_close_v2(database); }
+    };
+    std::unique_ptr<sqlite3, Close> database_;
+};
+
+class Statement {
+public:
+    Statement(Sqlite &database, const char *sql);
+
+    // Binds the parameters in order and readies the statement for its first row.
+    template <class... Values>
+    Statement &with(const Values &...values) {
+        sqlite3_reset(statement_.get());
+        int position = 0;
+        (bind(++position, values), ...);
+        return *this;
+    }
+    // True while there is a row; after the last one the statement holds nothing of the database any more.
+    bool step();
+    void run() {
+        while (step()) {
+        }
+    }
+    void reset() { sqlite3_reset(statement_.get()); }
+
+    int64_t number(int column) const { return sqlite3_column_int64(statement_.get(), column); }
+    std::string text(int column) const;
+    tbs_uuid_t uuid(int column) const;
+
+private:
+    void bind(int position, int64_t value);
+    void bind(int position, uint64_t value) { bind(position, static_cast<int64_t>(value)); }
+    void bind(int position, uint32_t value) { bind(position, int64_t{value}); }
+    void bind(int position, std::string_view value);
+    void bind(int position, const tbs_uuid_t &value);
+    void check(int result) const;
+
+    struct Finalize {
+        void operator()(sqlite3_stmt *statement) const { sqlite3_finalize(statement); }
+    };
+    Sqlite &database_;
+    std::unique_ptr<sqlite3_stmt, Finalize> statement_;
+};
+
+// Rolls back unless it was committed.
+class Transaction {
+public:
+    explicit Transaction(Sqlite &database) : database_(database) { database_.run("BEGIN IMMEDIATE"); }
+    ~Transaction();
+    Transaction(const Transaction &) = delete;
+    Transaction &operator=(const Transaction &) = delete;
+    void commit();
+
+private:
+    Sqlite &database_;
+    bool is_open_ = true;
+};
+
+} // namespace velia::server

@@ -1,0 +1,214 @@
+// The registry in one SQLite file. The write-ahead log with full synchronisation makes each commit durable before it is
+// acknowledged; the stamps change in the transaction of the update that they tell of.
+#include <server/registry/store.h>
+
+#include <cstring>
+#include <sys/random.h>
+
+#include <server/registry/sqlite.h>
+
+namespace velia::server {
+
+namespace {
+
+constexpr int64_t schema_version = 1;
+
+constexpr const char *schema = R"(
+CREATE TABLE entry (id INTEGER PRIMARY KEY AUTOINCREMENT, db INTEGER NOT NULL, region BLOB NOT NULL,
+                    identity BLOB NOT NULL, text BLOB NOT NULL);
+CREATE INDEX entry_of_db ON entry (db, id);
+CREATE UNIQUE INDEX entry_identity ON entry (db, identity) WHERE identity <> x'';
+CREATE TABLE item (db INTEGER NOT NULL, key BLOB NOT NULL, value BLOB NOT NULL, entry INTEGER NOT NULL,
+                   PRIMARY KEY (db, key, value, entry)) WITHOUT ROWID;
+CREATE INDEX item_of_entry ON item (entry);
+CREATE TABLE stamp (db INTEGER PRIMARY KEY, dtm BLOB NOT NULL, svr_dtm BLOB NOT NULL);
+CREATE TABLE setting (name BLOB PRIMARY KEY, value BLOB NOT NULL) WITHOUT ROWID;
+)";
+
+constexpr const char *region_condition = " AND (?3 = x'' OR region = x'' OR region = ?3)";
+
+bool is_same(const rgy_dtm_pair_t &left, const rgy_dtm_pair_t &right) {
+    return memcmp(&left, &right, sizeof left) == 0;
+}
+
+// Random, version 4.
+tbs_uuid_t new_uuid() {
+    tbs_uuid_t uuid;
+    if (getrandom(&uuid, sizeof uuid, 0) != sizeof uuid)
+        throw StoreError("no random bytes");
+    uuid.bytes[6] = static_cast<uint8_t>((uuid.bytes[6] & 0x0f) | 0x40);
+    uuid.bytes[8] = static_cast<uint8_t>((uuid.bytes[8] & 0x3f) | 0x80);
+    return uuid;
+}
+
+class SqliteStore : public Store {
+public:
+    SqliteStore(const std::string &file_name, bool &is_new) : database_(file_name) {
+        database_.run("PRAGMA journal_mode = WAL");
+        database_.run("PRAGMA synchronous = FULL");
+        is_new = prepare_schema();
+        statements_ = std::make_unique<Statements>(database_);
+        registry_ = statements_->read_uuid(setting("registry"));
+        copy_ = statements_->read_uuid(setting("copy"));
+    }
+
+    Stamps stamps(rgy_db_t db) override {
+        auto &query = statements_->stamp.with(db);
+        Stamps stamps = {{}, registry_, copy_};
+        if (query.step())
+            stamps.pair = {query.uuid(0), query.uuid(1)};
+        query.reset();
+        return stamps;
+    }
+
+    uint64_t count(rgy_db_t db) override {
+        auto &query = statements_->count.with(db);
+        const uint64_t count = query.step() ? static_cast<uint64_t>(query.number(0)) : 0;
+        query.reset();
+        return count;
+    }
+
+    void scan(const Selection &selection, uint64_t after_id,
+              const std::function<bool(const Record &)> &visit) override {
+        Statement &query = selection.key.empty() ? statements_->scan_all.with(selection.db, after_id, selection.region)
+                                                 : statements_->scan_item.with(selection.db, after_id, selection.region,
+                                                                               selection.key, selection.value);
+        while (query.step())
+            if (!visit({static_cast<uint64_t>(query.number(0)), query.text(1)}))
+                break;
+        query.reset();
+    }
+
+    AddResult add(rgy_db_t db, const rgy_dtm_pair_t &expected, const std::string &identity,
+                  const std::string &flex_text, const Items &items) override {
+        Transaction transaction(database_);
+        if (!is_same(stamps(db).pair, expected))
+            return AddResult::stale;
+        if (!identity.empty() && is_taken(db, identity))
+            return AddResult::exists;
+        statements_->insert.with(db, value_of(items, registry_item_name(RGY_ITEM_REGION)), identity, flex_text).run();
+        const int64_t id = database_.last_row_id();
+        for (const auto &[key, value] : items)
+            add_item(db, key, value, id);
+        renew_stamps(db);
+        transaction.commit();
+        return AddResult::added;
+    }
+
+    bool remove(rgy_db_t db, uint64_t id, Record &removed) override {
+        Transaction transaction(database_);
+        auto &query = statements_->find.with(db, id);
+        const bool is_found = query.step();
+        if (is_found)
+            removed = {id, query.text(0)};
+        query.reset();
+        if (!is_found)
+            return false;
+        statements_->remove_items.with(id).run();
+        statements_->remove.with(id).run();
+        renew_stamps(db);
+        transaction.commit();
+        return true;
+    }
+
+    std::string setting(const std::string &name) override {
+        auto &query = statements_->get_setting.with(name);
+        const std::string value = query.step() ? query.text(0) : "";
+        query.reset();
+        return value;
+    }
+
+    void set_setting(const std::string &name, const std::string &value) override {
+        statements_->put_setting.with(name, value).run();
+    }
+
+private:
+    struct Statements {
+        explicit Statements(Sqlite &database)
+            : stamp(database, "SELECT dtm, svr_dtm FROM stamp WHERE db = ?1"),
+              put_stamp(database, "INSERT OR REPLACE INTO stamp (db, dtm, svr_dtm) VALUES (?1, ?2, ?3)"),
+              count(database, "SELECT count(*) FROM entry WHERE db = ?1"),
+              scan_all(database, (std::string("SELECT id, text FROM entry WHERE db = ?1 AND id > ?2") +
+                                  region_condition + " ORDER BY id")
+                                     .c_str()),
+              scan_item(database, (std::string("SELECT id, text FROM item JOIN entry ON entry.id = item.entry "
+                                               "WHERE item.db = ?1 AND item.entry > ?2 AND key = ?4 AND value = ?5") +
+                                   region_condition + " ORDER BY item.entry")
+                                      .c_str()),
+              taken(database, "SELECT 1 FROM entry WHERE db = ?1 AND identity = ?2 AND identity <> x''"),
+              insert(database, "INSERT INTO entry (db, region, identity, text) VALUES (?1, ?2, ?3, ?4)"),
+              insert_item(database, "INSERT OR IGNORE INTO item (db, key, value, entry) VALUES (?1, ?2, ?3, ?4)"),
+              find(database, "SELECT text FROM entry WHERE db = ?1 AND id = ?2"),
+              remove(database, "DELETE FROM entry WHERE id = ?1"),
+              remove_items(database, "DELETE FROM item WHERE entry = ?1"),
+              get_setting(database, "SELECT value FROM setting WHERE name = ?1"),
+              put_setting(database, "INSERT OR REPLACE INTO setting (name, value) VALUES (?1, ?2)") {}
+
+        static tbs_uuid_t read_uuid(const std::string &bytes) {
+            tbs_uuid_t uuid;
+            if (bytes.size() != sizeof uuid)
+                throw StoreError("the registry has lost its name");
+            memcpy(&uuid, bytes.data(), sizeof uuid);
+            return uuid;
+        }
+
+        Statement stamp, put_stamp, count, scan_all, scan_item, taken, insert, insert_item, find, remove, remove_items,
+            get_setting, put_setting;
+    };
+
+    int64_t stored_schema_version() {
+        Statement query(database_, "PRAGMA user_version");
+        const int64_t version = query.step() ? query.number(0) : 0;
+        query.reset();
+        return version;
+    }
+
+    // True when the file is a new one.
+    bool prepare_schema() {
+        Transaction transaction(database_);
+        const int64_t version = stored_schema_version();
+        if (version > schema_version)
+            throw StoreError("the registry was written by a newer version of this program");
+        if (version == schema_version)
+            return false;
+        database_.run(schema);
+        database_.run("PRAGMA user_version = 1");
+        Statement put(database_, "INSERT INTO setting (name, value) VALUES (?1, ?2)");
+        put.with(std::string_view("registry"), new_uuid()).run();
+        put.with(std::string_view("copy"), new_uuid()).run();
+        Statement put_stamp(database_, "INSERT INTO stamp (db, dtm, svr_dtm) VALUES (?1, ?2, ?3)");
+        for (rgy_db_t db = 0; db < RGY_DB_ALL; ++db)
+            put_stamp.with(db, new_uuid(), new_uuid()).run();
+        transaction.commit();
+        return true;
+    }
+
+    bool is_taken(rgy_db_t db, const std::string &identity) {
+        auto &query = statements_->taken.with(db, identity);
+        const bool is_taken = query.step();
+        query.reset();
+        return is_taken;
+    }
+
+    // A uuid is found by its one spelling, too, however it was written.
+    void add_item(rgy_db_t db, const std::string &key, const std::string &value, int64_t id) {
+        statements_->insert_item.with(db, key, value, id).run();
+        if (const auto spelled = spelled_uuid(value); spelled && *spelled != value)
+            statements_->insert_item.with(db, key, *spelled, id).run();
+    }
+
+    void renew_stamps(rgy_db_t db) { statements_->put_stamp.with(db, new_uuid(), new_uuid()).run(); }
+
+    Sqlite database_;
+    std::unique_ptr<Statements> statements_;
+    tbs_uuid_t registry_ = {};
+    tbs_uuid_t copy_ = {};
+};
+
+} // namespace
+
+std::unique_ptr<Store> open_sqlite_store(const std::string &file_name, bool &is_new) {
+    return std::make_unique<SqliteStore>(file_name, is_new);
+}
+
+} // namespace velia::server

@@ -1,0 +1,67 @@
+// Where the registry's data are kept. The interface is narrow so that a site that outgrows one machine can put another
+// database behind it; what the data mean is the registry's affair, not the store's.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include <server/registry/record.h>
+
+namespace velia::server {
+
+// What the database underneath says when it fails. Nothing of the work in hand has been kept then.
+class StoreError : public std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// The stamps of one database: a pair that is new after each update, and two uuids that name the registry and this copy
+// of it.
+struct Stamps {
+    rgy_dtm_pair_t pair = {};
+    tbs_uuid_t registry = {};
+    tbs_uuid_t copy = {};
+};
+
+// Which records a scan visits: those whose item `key` is exactly `value`, or all if the key is empty. A region, if it
+// is not empty, leaves out the records of other regions; a record without a region is of every one.
+struct Selection {
+    rgy_db_t db = 0;
+    std::string region;
+    std::string key;
+    std::string value;
+};
+
+class Store {
+public:
+    Store() = default;
+    virtual ~Store() = default;
+    Store(const Store &) = delete;
+    Store &operator=(const Store &) = delete;
+
+    virtual Stamps stamps(rgy_db_t db) = 0;
+    virtual uint64_t count(rgy_db_t db) = 0;
+
+    // Visits the selected records with numbers above `after_id` in the order of their numbers, until the visitor has
+    // enough (false) or there are no more. Cheap to begin anywhere.
+    virtual void scan(const Selection &selection, uint64_t after_id,
+                      const std::function<bool(const Record &)> &visit) = 0;
+
+    // Each is one transaction, and on disk when it returns. Adding gives the number of the record, or nothing when
+    // `identity` is taken or `expected` are no longer the stamps; removing is false where there is no such record. Both
+    // change the stamps.
+    enum class AddResult { added, stale, exists };
+    virtual AddResult add(rgy_db_t db, const rgy_dtm_pair_t &expected, const std::string &identity,
+                          const std::string &flex_text, const Items &items) = 0;
+    virtual bool remove(rgy_db_t db, uint64_t id, Record &removed) = 0;
+
+    // Single values by their name, such as the password's hash; the empty text where there is none.
+    virtual std::string setting(const std::string &name) = 0;
+    virtual void set_setting(const std::string &name, const std::string &value) = 0;
+};
+
+// Opens the registry in this file, and makes it if it is not there; `is_new` tells which.
+std::unique_ptr<Store> open_sqlite_store(const std::string &file_name, bool &is_new);
+
+} // namespace velia::server
