@@ -78,6 +78,7 @@ void geterr(CLIENT *client, rpc_err *error) {
 }
 
 bool_t freeres(CLIENT *, xdrproc_t routine, void *reply) {
+    ++World::current().replies_freed;
     XDR xdrs = {};
     xdrs.x_op = XDR_FREE;
     return routine(&xdrs, reply);

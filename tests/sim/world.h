@@ -115,6 +115,12 @@ public:
     std::set<int> descriptors;
     size_t clients = 0;
 
+    // Addresses, as texts without port, to which no client can be created; the retransmission interval of each UDP
+    // client; how many replies were freed through their client.
+    std::set<std::string> unreachable;
+    std::vector<timeval> udp_intervals;
+    size_t replies_freed = 0;
+
     // The allocation with this number fails, counted from the moment it is set; 0: none.
     void fail_allocation(int number);
     bool allocation_failed() const { return allocation_failed_; }

@@ -34,6 +34,12 @@ void *note_block(void *block) {
     return block;
 }
 
+bool is_unreachable(const sockaddr *address) {
+    char text[NI_MAXHOST] = "";
+    getnameinfo(address, sysutl_sockaddr_size(address), text, sizeof text, nullptr, 0, NI_NUMERICHOST);
+    return World::current().unreachable.contains(text);
+}
+
 CLIENT *creation_error(clnt_stat stat) {
     *ks_rpc_get_createerr() = {stat, World::current().faults.error_number};
     return nullptr;
@@ -144,17 +150,18 @@ uint64_t __wrap_sysutl_sock_port_uniquifier() {
     return World::current().next_uniquifier++;
 }
 
-CLIENT *__wrap_ks_clntudp_create_sockaddr(const sockaddr *address, uint32_t program, uint32_t version, int32_t, int32_t,
-                                          int *socket_fd) {
+CLIENT *__wrap_ks_clntudp_create_sockaddr(const sockaddr *address, uint32_t program, uint32_t version, int32_t wait_s,
+                                          int32_t wait_us, int *socket_fd) {
     World::current().support_call();
-    if (fails(&Faults::udp_client))
+    World::current().udp_intervals.push_back({wait_s, wait_us});
+    if (fails(&Faults::udp_client) || is_unreachable(address))
         return creation_error(RPC_SYSTEMERROR);
     return sim::make_client(address, program, version, *socket_fd, false, false);
 }
 
 static CLIENT *open_tcp_client(const sockaddr *address, uint32_t program, uint32_t version, int *socket_fd) {
     World::current().support_call();
-    if (fails(&Faults::tcp_client))
+    if (fails(&Faults::tcp_client) || is_unreachable(address))
         return creation_error(RPC_SYSTEMERROR);
     const bool opens = *socket_fd < 0;
     if (opens)

@@ -1,6 +1,7 @@
 // The cache behind handles: idle records, their limits, their age, and what a stale connection costs.
 #include <tests/unit/rvzd_clnt/broker_fixture.h>
 
+#include <atomic>
 #include <thread>
 #include <unistd.h>
 
@@ -34,9 +35,37 @@ protected:
     void break_connection_once() { world.peer.answer_once(RVZD_PROC_CONTACT, sim::failure(RPC_CANTRECV)); }
 };
 
+// Runs `operation` while another thread holds the lock; it returns only if it does without.
+template <class Operation>
+void run_while_the_lock_is_held(Operation &&operation) {
+    std::atomic<bool> is_held = false;
+    std::atomic<bool> is_done = false;
+    std::thread holder([&] {
+        ivlthread_mutex_lock(&rvzd_call_lock);
+        is_held = true;
+        is_held.notify_one();
+        is_done.wait(false);
+        ivlthread_mutex_unlock(&rvzd_call_lock);
+    });
+    is_held.wait(false);
+    operation();
+    is_done = true;
+    is_done.notify_one();
+    holder.join();
+}
+
 TEST_F(HandleCache, FreeingNullReturnsAtOnceWithoutTheLock) {
-    rvzd_free_handle(nullptr);
+    run_while_the_lock_is_held([] { rvzd_free_handle(nullptr); });
     expect_lock_is_free();
+}
+
+TEST_F(HandleCache, TheRpcClientIsToldWithoutTheLock) {
+    rvzd_handle_t *handle = handle_to("host1");
+    CLIENT *client = nullptr;
+    run_while_the_lock_is_held([&] { client = rvzd_get_rpc_clnt(handle); });
+    EXPECT_EQ(client, handle->cached->client);
+    EXPECT_NE(client, nullptr);
+    rvzd_free_handle(handle);
 }
 
 TEST_F(HandleCache, AnIdleRecordIsReusedWithItsConnection) {
@@ -122,6 +151,60 @@ TEST_F(HandleCache, LosingItsConnectionARecordLosesItsHostInformation) {
     EXPECT_EQ(record->hostinfo, nullptr);
 }
 
+TEST_F(HandleCache, EveryRecordWalkedForAConnectionLosesItsHostInformation) {
+    rvzd_cached_handle_t *without_connection = rest(1);
+    rest(2);
+    rest(3);
+    ASSERT_EQ(without_connection->client, nullptr);
+    without_connection->hostinfo = static_cast<clnt_hostinfo_t *>(stg_malloc(sizeof(clnt_hostinfo_t)));
+    *without_connection->hostinfo = {};
+    rest(4);
+    EXPECT_EQ(without_connection->hostinfo, nullptr);
+}
+
+// Takes the connection of a live record away, which nothing in the library does.
+void disconnect(rvzd_handle_t *handle) {
+    rvzd_cached_handle_t *record = handle->cached;
+    auth_destroy(record->client->cl_auth);
+    clnt_destroy(record->client);
+    close(record->socket_fd);
+    record->client = nullptr;
+    record->socket_fd = -1;
+}
+
+TEST_F(HandleCache, ARecordThatComesBackWithoutAConnectionCountsAsOneAllTheSame) {
+    rvzd_handle_t *handle = handle_to("host1");
+    disconnect(handle);
+    rvzd_free_handle(handle);
+    rest(2);
+    EXPECT_EQ(world.live_clients(), 1u);
+    rvzd_cached_handle_t *third = rest(3);
+    EXPECT_EQ(world.live_clients(), 1u);
+    EXPECT_NE(third->client, nullptr);
+}
+
+TEST_F(HandleCache, ARecordThatComesBackWithoutAConnectionIsNotCountedAmongTheIdle) {
+    rvzd_handle_t *handle = handle_to("host1");
+    disconnect(handle);
+    rvzd_free_handle(handle);
+    for (int i = 2; i <= 6; ++i)
+        rest(i);
+    EXPECT_TRUE(is_cached(1));
+    for (int i = 2; i <= 6; ++i)
+        EXPECT_TRUE(is_cached(i)) << i;
+}
+
+TEST_F(HandleCache, AnUncountedRecordIsTakenAgainWithoutHarm) {
+    rvzd_handle_t *handle = handle_to("host1");
+    disconnect(handle);
+    rvzd_free_handle(handle);
+    handle = handle_to("host1");
+    rest(2);
+    rvzd_free_handle(handle);
+    EXPECT_TRUE(is_cached(1));
+    EXPECT_TRUE(is_cached(2));
+}
+
 TEST_F(HandleCache, AStaleConnectionCostsOneSilentRetry) {
     rest(1);
     world.advance_s(5);
@@ -182,6 +265,63 @@ TEST_F(HandleCache, ContactsOtherFailuresDiscardTheCachedRecordWithoutARetry) {
     EXPECT_FALSE(is_cached(1));
 }
 
+TEST_F(HandleCache, WithoutAnAuthenticatorACachedRecordIsNotTriedAgain) {
+    rest(1);
+    rest(2);
+    rest(3);
+    const uint64_t uniquifier = world.next_uniquifier;
+    world.faults.authenticator = 0;
+    rvzd_handle_t *handle = nullptr;
+    EXPECT_EQ(rvzd_get_handle("host1", &handle), TBS_ST_ERROR);
+    EXPECT_EQ(handle, nullptr);
+    EXPECT_EQ(world.next_uniquifier, uniquifier + 1);
+    EXPECT_THAT(world.take_messages(), IsEmpty());
+    world.faults.authenticator = sim::Faults::never;
+    EXPECT_FALSE(is_cached(1));
+}
+
+TEST_F(HandleCache, FreeingMoreHandlesThanThereAreIsAPanic) {
+    rvzd_handle_t *handle = handle_to("host1");
+    const auto free_too_often = [&] {
+        imsg_set_sink(nullptr, nullptr);
+        handle->cached->reference_count = 0;
+        rvzd_free_handle(handle);
+    };
+    EXPECT_DEATH(free_too_often(), "panic at rvzd_clnt");
+    rvzd_free_handle(handle);
+}
+
+TEST_F(HandleCache, CountsWithoutAnIdleListAreFailedAssertions) {
+    rvzd_cached_handle_t *record = rest(1);
+    world.advance_s(100);
+    const auto with_an_empty_list = [&](auto operation) {
+        imsg_set_sink(nullptr, nullptr);
+        llist_d_remove(&record->lru_elem);
+        operation();
+    };
+    EXPECT_DEATH(with_an_empty_list(rvzd_free_cached_handles), "!llist_d_empty\\(&rvzd_handle_lru\\)");
+    EXPECT_DEATH(with_an_empty_list([] { rvzd_cached_handle_close_check(nullptr); }),
+                 "!llist_d_empty\\(&rvzd_handle_lru\\)");
+}
+
+TEST_F(HandleCache, RunningOffTheListForAConnectionIsAFailedAssertion) {
+    rest(1);
+    rvzd_cached_handle_t *second = rest(2);
+    const auto run_off = [&] {
+        imsg_set_sink(nullptr, nullptr);
+        // A connection that is counted and does not stand in the list.
+        llist_d_remove(&second->lru_elem);
+        rvzd_handle_t *third = handle_to("host3");
+        disconnect(third);
+        second = rest_record("host4");
+        llist_d_remove(&second->lru_elem);
+        rest_record("host5");
+        llist_d_remove(&second->lru_elem);
+        rvzd_free_handle(third);
+    };
+    EXPECT_DEATH(run_off(), "!llist_d_end\\(&rvzd_handle_lru, lru_elem\\)");
+}
+
 TEST_F(HandleCache, ReleasingALiveRecordOrphansIt) {
     rvzd_handle_t *handle = handle_to("host1");
     rvzd_release_handle(handle->cached);
@@ -229,7 +369,11 @@ TEST_F(HandleCache, TheTimerLeavesLiveRecordsAlone) {
 }
 
 TEST_F(HandleCache, ATimerWithoutAnArmedOneIsAFailedAssertion) {
-    EXPECT_DEATH(rvzd_cached_handle_close_check(nullptr), "");
+    const auto check = [] {
+        imsg_set_sink(nullptr, nullptr);
+        rvzd_cached_handle_close_check(nullptr);
+    };
+    EXPECT_DEATH(check(), "rvzd_handle_cache_close_h != NULL");
 }
 
 TEST_F(HandleCache, ATimerThatCannotBeArmedIsLoggedAndTriedAgain) {

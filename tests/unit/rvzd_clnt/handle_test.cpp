@@ -109,6 +109,13 @@ TEST_F(Handle, KeepsTheDefaultTimeOutAndItsSize) {
     rvzd_free_handle(handle);
 }
 
+TEST_F(Handle, AUdpClientSendsAgainAfterThreeSeconds) {
+    rvzd_free_handle(handle_to("alpha"));
+    ASSERT_EQ(world.udp_intervals.size(), 1u);
+    EXPECT_EQ(world.udp_intervals[0].tv_sec, 3);
+    EXPECT_EQ(world.udp_intervals[0].tv_usec, 0);
+}
+
 TEST_F(Handle, TheDefaultProtocolIsUdp) {
     rvzd_handle_t *handle = nullptr;
     ASSERT_EQ(rvzd_get_handle("alpha", &handle), TBS_ST_OK);
@@ -366,8 +373,12 @@ TEST_F(Handle, WhenTracingAGetsocknameThatFailsEndsTheAttempt) {
 
 TEST_F(Handle, AnUnknownTransportIsAPanic) {
     rvzd_handle_t *handle = nullptr;
-    EXPECT_DEATH(rvzd_get_handle_proto("alpha", 3, &handle), "");
-    EXPECT_DEATH(rvzd_get_handle_proto("alpha", 0, &handle), "");
+    const auto get = [&](uint32_t protocol) {
+        imsg_set_sink(nullptr, nullptr);
+        rvzd_get_handle_proto("alpha", protocol, &handle);
+    };
+    EXPECT_DEATH(get(3), "panic at rvzd_clnt");
+    EXPECT_DEATH(get(0), "panic at rvzd_clnt");
 }
 
 TEST_F(Handle, SpellingsThatDifferInCaseAreOneHostOnlyInOneBucket) {

@@ -185,6 +185,50 @@ TEST_F(ServerConnect, ASuccessAtTheSecondAddressWarnsOfTheFirst) {
     EXPECT_THAT(world.take_messages(), ElementsAre(message_of(IMSG_WARNING, _rvzd_rvzd_msg_table, 122)));
 }
 
+TEST_F(ServerConnect, ASuccessAtTheSecondAddressWarnsWithTheErrorOfTheFirst) {
+    rvzd_free_handle(handle_to("dual"));
+    world.unreachable = {"127.0.0.4"};
+    world.faults.error_number = ECONNREFUSED;
+    for (const bool tcp : {false, true}) {
+        ASSERT_EQ(connect_to("dual", tcp), TBS_ST_OK);
+        const auto messages = world.take_messages();
+        ASSERT_EQ(messages.size(), 1u);
+        EXPECT_EQ(messages[0].severity, IMSG_WARNING);
+        EXPECT_EQ(messages[0].index, -1);
+        EXPECT_THAT(messages[0].text, StartsWith(tcp ? "ks_clnttcp_create: " : "ks_clntudp_create: "));
+        EXPECT_THAT(messages[0].text, testing::EndsWith("\n"));
+        EXPECT_THAT(messages[0].text, testing::Not(testing::EndsWith("\n\n")));
+        world.peer.answer(0, {});
+        const auto void_routine = reinterpret_cast<xdrproc_t>(reinterpret_cast<void (*)()>(xdr_void));
+        clnt_call(connection.client, 0, void_routine, nullptr, void_routine, nullptr, (timeval{1, 0}));
+        EXPECT_EQ(world.peer.last().address.base.sa_family, AF_INET6);
+        EXPECT_EQ(world.peer.last().address.ipv6.sin6_port, htons(6000));
+        clnt_destroy(connection.client);
+        connection.client = nullptr;
+    }
+}
+
+TEST_F(ServerConnect, AUdpClientSendsAgainAfterTheCallersInterval) {
+    ASSERT_EQ(connect_to("alpha"), TBS_ST_OK);
+    EXPECT_EQ(world.udp_intervals.back().tv_sec, 3);
+    clnt_destroy(connection.client);
+    connection.wait_s = 11;
+    ASSERT_EQ(rvzd_connect_to_server("alpha", &trait, &connection, &uuid, "", "test server"), TBS_ST_OK);
+    EXPECT_EQ(world.udp_intervals.back().tv_sec, 11);
+    EXPECT_EQ(world.udp_intervals.back().tv_usec, 0);
+}
+
+TEST_F(ServerConnect, DoesNotTraceBelowItsVerbosityOrUnasked) {
+    world.verbosity = 1;
+    world.traced = {"xdr/rvzd:2"};
+    ASSERT_EQ(connect_to("alpha", true), TBS_ST_OK);
+    clnt_destroy(connection.client);
+    world.verbosity = 9;
+    world.traced.clear();
+    ASSERT_EQ(connect_to("alpha", true), TBS_ST_OK);
+    EXPECT_THAT(world.take_messages(), IsEmpty());
+}
+
 TEST_F(ServerConnect, TracesATcpConnectionWithItsTwoEnds) {
     world.verbosity = 2;
     world.traced = {"xdr/rvzd:2"};

@@ -114,6 +114,18 @@ TEST_F(ServerLookup, NoPortsMeanUnsupported) {
     EXPECT_EQ(out.addr_count, 0u);
 }
 
+TEST_F(ServerLookup, WithoutAddressesOfTheHostThereIsNoServer) {
+    answer_ports({{AF_INET, 4000}});
+    answer_v70(4000);
+    rvzd_handle_t *handle = handle_to("alpha");
+    handle->cached->server_addr.addr_count = 0;
+    EXPECT_EQ(rvzd_find_server(handle, &trait, &uuid, "", &out), TBS_ST_UNSUPPORTED);
+    EXPECT_EQ(out.addr_count, 0u);
+    handle->cached->protocol_version = 5;
+    EXPECT_EQ(rvzd_find_server(handle, &trait, &uuid, "", &out), TBS_ST_ERROR);
+    rvzd_free_handle(handle);
+}
+
 TEST_F(ServerLookup, AGateWordHidesThePorts) {
     answer_ports({{AF_INET, 4000}}, TBS_ST_OK, 17);
     EXPECT_EQ(find("alpha"), TBS_ST_UNSUPPORTED);

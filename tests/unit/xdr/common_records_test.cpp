@@ -1,6 +1,8 @@
 // Headers, identities and port lists.
 #include <tests/unit/xdr/wire_test.h>
 
+#include <veliaxdr/rvzd_socket.h>
+
 using namespace wire_tests;
 
 static bool operator==(const rvzd_server_port_t &left, const rvzd_server_port_t &right) {
@@ -41,6 +43,14 @@ TEST_F(Trait, IsProgramVersionAndTransport) {
 
 TEST_F(Trait, KeepsATransportThatItDoesNotKnow) {
     EXPECT_EQ(decoded(xdr_rvzd_rpc_trait_t, WireBytes().word(1).word(2).word(0xffffffff)).proto, -1);
+}
+
+TEST_F(Trait, NamesItsTransports) {
+    EXPECT_EQ(rvzd_protocol_names[RVZD_PROTOCOL_NONE], nullptr);
+    EXPECT_STREQ(rvzd_protocol_names[RVZD_PROTOCOL_UDP], "udp");
+    EXPECT_STREQ(rvzd_protocol_names[RVZD_PROTOCOL_TCP], "tcp");
+    EXPECT_EQ(RVZD_PROTOCOL_UDP, 1);
+    EXPECT_EQ(RVZD_PROTOCOL_TCP, 2);
 }
 
 TEST_F(Trait, DoesNotGoOutWithANumberBeyond32Bits) {

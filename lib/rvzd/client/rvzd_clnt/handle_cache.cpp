@@ -18,16 +18,17 @@ ivlthread_mutex_t rvzd_call_lock;
 
 namespace {
 
-constexpr uint32_t idle_handles_full = 6;
-constexpr uint32_t idle_sockets_full = 3;
+constexpr int32_t idle_handles_full = 6;
+constexpr int32_t idle_sockets_full = 3;
 constexpr time_t idle_age_max_s = 60;
 constexpr int close_delay_s = 61;
 constexpr int msg_operation_failed = 46;
 
 rvzd_cached_handle_t *rvzd_handle_hash_tb[hash_buckets];
 llist_d_head_t rvzd_handle_lru = {&rvzd_handle_lru, &rvzd_handle_lru};
-uint32_t rvzd_num_cached_handles;
-uint32_t rvzd_num_cached_sockets;
+// Signed: a record that came to rest without a connection was not counted in, and yet is counted out.
+int32_t rvzd_num_cached_handles;
+int32_t rvzd_num_cached_sockets;
 rt_event_t rvzd_handle_cache_close_h;
 
 bool lru_is_empty() {
