@@ -39,7 +39,10 @@ void rt_cancel(rt_event_t event);
  */
 int rt_handle_fd(int direction, void (*function)(void *), int descriptor, void *argument);
 
-/* Stops watching `descriptor`; to be called before it is closed. One that is not watched is ignored. */
+/*
+ * Stops watching `descriptor`; to be called before it is closed, and only in the thread that sits in the loop, or while
+ * none does. One that is not watched is ignored.
+ */
 void rt_forget_fd(int descriptor);
 
 /*

@@ -107,9 +107,9 @@ TEST_P(RpcClient, ClosesTheSocketOnceItHasBeenGivenIt) {
 
 TEST_P(RpcClient, SendsProgramVersionAndTheNullAuthenticator) {
     const auto [name, family, type] = GetParam();
-    rpcprog_t seen_program = 0;
-    rpcvers_t seen_version = 0;
-    enum_t seen_flavour = -1;
+    std::atomic<rpcprog_t> seen_program = 0;
+    std::atomic<rpcvers_t> seen_version = 0;
+    std::atomic<enum_t> seen_flavour = -1;
     RpcServer server(family, type, [&](const rpc_msg &call, XDR *arguments, XDR *results) {
         seen_program = call.rm_call.cb_prog;
         seen_version = call.rm_call.cb_vers;

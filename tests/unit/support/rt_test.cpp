@@ -296,29 +296,36 @@ TEST(EventsOfOtherThreads, DescriptorsTakeEffectAtOnce) {
 }
 
 TEST(EventsOfOtherThreads, AllAreCarriedOutHoweverManyThreadsAddThem) {
-    constexpr int thread_count = 4;
-    constexpr int timer_count = 200;
-    std::atomic<int> fired{0};
-    Happening all_fired;
-    Action action = [&] {
-        if (++fired == thread_count * timer_count)
-            all_fired.happen();
+    constexpr size_t thread_count = 4;
+    constexpr size_t event_count = 50;
+    std::atomic<size_t> carried_out{0};
+    Happening all_carried_out;
+    Action count = [&] {
+        if (++carried_out == 2 * thread_count * event_count)
+            all_carried_out.happen();
     };
+    std::vector<Pipe> pipes(thread_count * event_count);
+    std::vector<Action> actions;
+    for (const Pipe &pipe : pipes) {
+        actions.emplace_back([&] {
+            rt_forget_fd(pipe.reader());
+            count();
+        });
+    }
     LoopThread loop;
     std::vector<std::thread> threads;
-    for (int i = 0; i < thread_count; ++i) {
-        threads.emplace_back([&] {
-            for (int timer = 0; timer < timer_count; ++timer) {
-                Pipe pipe;
-                EXPECT_NE(rt_sched(act, &action, 0), nullptr);
-                EXPECT_NE(rt_handle_fd(RT_READ, act, pipe.reader(), &action), 0);
-                rt_forget_fd(pipe.reader());
+    for (size_t first = 0; first < pipes.size(); first += event_count) {
+        threads.emplace_back([&, first] {
+            for (size_t i = first; i < first + event_count; ++i) {
+                EXPECT_NE(rt_sched(act, &count, 0), nullptr);
+                EXPECT_NE(rt_handle_fd(RT_READ, act, pipes[i].reader(), &actions[i]), 0);
+                pipes[i].put();
             }
         });
     }
     for (std::thread &thread : threads)
         thread.join();
-    EXPECT_TRUE(all_fired.wait());
+    EXPECT_TRUE(all_carried_out.wait());
 }
 
 TEST(Loop, EndsWhenNothingIsLeftToWaitFor) {
