@@ -1,0 +1,192 @@
+// The cache of what TZ says about the moments of change. It is made again when the value of TZ changes, or the
+// modification time of the zone file that it names. What is new is read aside and taken over in one stretch, so that a
+// raise on the way leaves the cache whole. A cache that could not be made is empty, and the next call tries again.
+#include "timezone.h"
+
+#include <cstring>
+
+#include <sys/stat.h>
+
+#include <common/with.h>
+#include <support/env.h>
+#include <support/fileutl.h>
+#include <support/stg.h>
+#include <support/strutl.h>
+
+using namespace velia;
+using namespace velia::tz;
+
+Cache velia::tz::global_tz_cache;
+
+namespace {
+
+constexpr size_t value_size = 1024;
+constexpr char tz_variable[] = "TZ";
+
+struct stat old_stat_buf; // of the zone file read last
+
+// Warnings that are not repeated until what they warn of was cured. Zeroed means that they may be printed.
+bool is_null_logged;
+bool is_alloc_fail_logged;
+
+// What a refresh holds while it is under way.
+struct Work {
+    char *value; // of TZ, until the cache takes it over
+    char *path;
+};
+
+void warn(int message) {
+    imsg_print(IMSG_WARNING, &_clnt_timezone_rvzd_msg_table, message);
+}
+
+void warn_of(int message, const char *name) {
+    imsg_print(IMSG_WARNING, &_clnt_timezone_rvzd_msg_table, message, name);
+}
+
+void flush() {
+    Cache &cache = global_tz_cache;
+    with_inhibit([&] {
+        if (cache.state == state_zone_file)
+            release_zone(cache.zone);
+        if (cache.state == state_rule)
+            release_rule(cache.rule);
+        stg_free(cache.tz);
+        cache.tz = nullptr;
+        cache.tz_kind = kind_unknown;
+        cache.state = state_empty;
+    });
+}
+
+// Empties the cache and makes it one of the value at hand.
+void begin_anew(Work &work, int32_t kind) {
+    flush();
+    with_inhibit([&] {
+        global_tz_cache.tz = work.value;
+        global_tz_cache.tz_kind = kind;
+        work.value = nullptr;
+    });
+}
+
+void read_zone(const Work &work) {
+    Cache &cache = global_tz_cache;
+    if (work.path == nullptr) {
+        warn(CLNT_TZ_MSG_NULL_PATH);
+        flush();
+        return;
+    }
+    Zone zone = {};
+    const ReadOutcome outcome = with_inhibit([&] {
+        const ReadOutcome done = read_zone_file(work.path, zone);
+        if (done == ReadOutcome::done) {
+            cache.zone = zone;
+            cache.state = state_zone_file;
+        }
+        return done;
+    });
+    if (outcome == ReadOutcome::done) {
+        imsg_print(IMSG_PLAIN, &_clnt_timezone_rvzd_msg_table, CLNT_TZ_MSG_REFRESHED_FROM_DATA);
+        return;
+    }
+    flush();
+    if (outcome == ReadOutcome::no_memory)
+        warn(CLNT_TZ_MSG_NO_MEMORY);
+    else
+        warn_of(CLNT_TZ_MSG_CANNOT_OPEN, work.path);
+}
+
+// A bad rule is no error in words: many a good value of TZ is none of ours.
+void read_rule() {
+    Cache &cache = global_tz_cache;
+    Rule rule = {};
+    const bool is_rule = with_inhibit([&] {
+        const bool parsed = parse_rule(cache.tz, rule);
+        if (parsed) {
+            cache.rule = rule;
+            cache.state = state_rule;
+        }
+        return parsed;
+    });
+    if (is_rule)
+        imsg_print(IMSG_PLAIN, &_clnt_timezone_rvzd_msg_table, CLNT_TZ_MSG_REFRESHED_FROM_RULE);
+    else
+        flush();
+}
+
+bool is_there(const char *path, struct stat &status) {
+    return path != nullptr && fileutl_stat(path, 1, &status) == 0;
+}
+
+bool same_time(const timespec &left, const timespec &right) {
+    return left.tv_sec == right.tv_sec && left.tv_nsec == right.tv_nsec;
+}
+
+// The path is made of the whole value here, so a value that begins with ":" is never found: its file is read once.
+void check_file_again(Work &work) {
+    struct stat status;
+    work.path = strutl_concat_heap(2, zone_directory, work.value);
+    if (!is_there(work.path, status) || same_time(status.st_mtim, old_stat_buf.st_mtim))
+        return;
+    old_stat_buf = status;
+    begin_anew(work, kind_zone_file);
+    read_zone(work);
+}
+
+void take_new_value(Work &work) {
+    const bool names_a_file = work.value[0] == ':';
+    struct stat status;
+    work.path = strutl_concat_heap(2, zone_directory, names_a_file ? work.value + 1 : work.value);
+    if (names_a_file || work.path == nullptr) {
+        begin_anew(work, kind_zone_file);
+        read_zone(work);
+    } else if (is_there(work.path, status)) {
+        begin_anew(work, kind_zone_file);
+        old_stat_buf = status;
+        read_zone(work);
+    } else {
+        begin_anew(work, kind_rule);
+        read_rule();
+    }
+}
+
+void use_value(Work &work) {
+    const Cache &cache = global_tz_cache;
+    if (cache.tz == nullptr || strcmp(cache.tz, work.value) != 0)
+        take_new_value(work);
+    else if (cache.tz_kind == kind_zone_file)
+        check_file_again(work);
+}
+
+void release_work(Work &work) {
+    stg_free(work.value);
+    stg_free(work.path);
+}
+
+} // namespace
+
+void velia::tz::refresh_cache() {
+    char value[value_size];
+    if (getenv_safe(tz_variable, value, sizeof value, 0) == nullptr) {
+        flush();
+        if (!is_null_logged)
+            warn_of(CLNT_TZ_MSG_NOT_SET, tz_variable);
+        is_null_logged = true;
+        return;
+    }
+    is_null_logged = false;
+    Work work = {stg_strdup(value), nullptr};
+    if (work.value == nullptr) {
+        flush();
+        if (!is_alloc_fail_logged)
+            warn(CLNT_TZ_MSG_NO_MEMORY);
+        is_alloc_fail_logged = true;
+        return;
+    }
+    is_alloc_fail_logged = false;
+    with_cleanup(
+        [&] {
+            use_value(work);
+            return 0;
+        },
+        [&] { release_work(work); });
+    release_work(work);
+}

@@ -1,0 +1,95 @@
+// Fills a record: offset and names from the C library, the moments of change from the cache. All of that belongs to the
+// process, and so one lock is held from the first look at it to the last.
+#include "timezone.h"
+
+#include <ctime>
+
+#include <common/with.h>
+#include <support/date.h>
+#include <support/strutl.h>
+
+using namespace velia;
+using namespace velia::tz;
+
+ivlthread_mutex_t rvzd_tz_mutex;
+
+namespace {
+
+constexpr long seconds_of_hour = 3600;
+constexpr long seconds_of_minute = 60;
+
+// The C library tells the offset of standard time only; daylight time is taken to be an hour ahead in every zone.
+long altzone;
+bool daylight_observed;
+
+bool is_daylight_now() {
+    const time_t now = time(nullptr);
+    struct tm local;
+    return date_get_localtime(&now, &local) != nullptr && local.tm_isdst > 0;
+}
+
+void fill_offsets(clnt_tz_info_t &info) {
+    info.offset = ::timezone / seconds_of_minute;
+    info.flags |= CLNT_TZ_OFFSET;
+    if (!daylight_observed)
+        return;
+    info.bias = (altzone - ::timezone) / seconds_of_minute;
+    info.flags |= CLNT_TZ_BIAS | CLNT_TZ_DT_DEFINED;
+    if (is_daylight_now())
+        info.flags |= CLNT_TZ_DAYLIGHT;
+}
+
+void fill_names(clnt_tz_info_t &info) {
+    strutl_cpy_buf(info.st_name, tzname[0], sizeof info.st_name);
+    info.flags |= CLNT_TZ_ST_NAME;
+    strutl_cpy_buf(info.dt_name, tzname[1], sizeof info.dt_name);
+    if (daylight_observed)
+        info.flags |= CLNT_TZ_DT_NAME;
+}
+
+void fill_changes(int year, clnt_tz_info_t &info) {
+    const Cache &cache = global_tz_cache;
+    if (cache.state == state_zone_file) {
+        info.st_trans = date_from_zone(cache.zone, Change::to_standard, year, info);
+        info.dt_trans = date_from_zone(cache.zone, Change::to_daylight, year, info);
+    } else if (cache.state == state_rule) {
+        info.st_trans = date_from_rule(cache.rule.st_rule, Change::to_standard, year, info);
+        // Set whether or not there is a date: readers of the record know it so.
+        info.flags |= CLNT_TZ_ST_TRANS;
+        info.dt_trans = date_from_rule(cache.rule.dt_rule, Change::to_daylight, year, info);
+    }
+}
+
+void fill(int year, clnt_tz_info_t &info) {
+    info.version = CLNT_TZ_VERSION;
+    tzset();
+    daylight_observed = daylight != 0;
+    altzone = ::timezone - seconds_of_hour;
+    refresh_cache();
+    fill_offsets(info);
+    fill_names(info);
+    fill_changes(year, info);
+}
+
+} // namespace
+
+clnt_tz_status_t clnt_tz_get_info(int year, clnt_tz_info_t **info) {
+    if (info == nullptr)
+        return CLNT_TZ_ERROR;
+    *info = nullptr;
+    if (year < CLNT_TZ_YEAR_FIRST || year > CLNT_TZ_YEAR_LAST)
+        return CLNT_TZ_INVALID;
+    ivlthread_mutex_lock(&rvzd_tz_mutex);
+    *info = clnt_tz_new_info();
+    // The lock stays taken here: that is the rule of this operation, and other threads wait from now on.
+    if (*info == nullptr)
+        return CLNT_TZ_ERROR;
+    const auto status = with_cleanup(
+        [&] {
+            fill(year, **info);
+            return CLNT_TZ_OK;
+        },
+        [&] { clnt_tz_free_info(info); });
+    ivlthread_mutex_unlock(&rvzd_tz_mutex);
+    return status;
+}

@@ -1,0 +1,221 @@
+// What the record says of the process's zone, and which years have one.
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "zone_bytes.h"
+
+#include <rvzd/client/clnt_timezone/timezone.h>
+#include <tests/sim/sweeps.h>
+
+using namespace tz_test;
+using velia::tz::global_tz_cache;
+
+TEST(TimeZoneYear, OutsideTheRangeIsInvalidAndHasNoRecord) {
+    TimeZone zone;
+    for (const int year : {1970, 2038, 0, -1, INT32_MAX, INT32_MIN}) {
+        clnt_tz_info_t somewhere;
+        clnt_tz_info_t *info = &somewhere;
+        EXPECT_EQ(clnt_tz_get_info(year, &info), CLNT_TZ_INVALID) << year;
+        EXPECT_EQ(info, nullptr);
+    }
+    EXPECT_EQ(zone.world.take_messages(), Messages{});
+}
+
+TEST(TimeZoneYear, AtTheEndsOfTheRangeHasARecord) {
+    TimeZone zone;
+    zone.set("UTC");
+    for (const int year : {1971, 2037}) {
+        const Record record(year);
+        EXPECT_EQ(record.status(), CLNT_TZ_OK) << year;
+        ASSERT_NE(record.get(), nullptr);
+        EXPECT_EQ(record->version, 1);
+    }
+}
+
+TEST(TimeZoneYear, IsRefusedBeforeAnyLockIsTaken) {
+    TimeZone zone;
+    ivlthread_mutex_lock(&rvzd_tz_mutex);
+    std::thread([] {
+        clnt_tz_info_t *info = nullptr;
+        EXPECT_EQ(clnt_tz_get_info(1970, &info), CLNT_TZ_INVALID);
+    }).join();
+    ivlthread_mutex_unlock(&rvzd_tz_mutex);
+}
+
+TEST(TimeZoneInfo, NullOutArgumentIsAnError) {
+    EXPECT_EQ(clnt_tz_get_info(2026, nullptr), CLNT_TZ_ERROR);
+}
+
+TEST(TimeZoneInfo, WithoutTzHasOffsetAndNamesOfTheCLibraryAndNoTransitions) {
+    TimeZone zone;
+    tzset();
+    const long offset = ::timezone / 60;
+    const Record record(2026);
+    ASSERT_EQ(record.status(), CLNT_TZ_OK);
+    EXPECT_EQ(record->offset, offset);
+    EXPECT_STREQ(record->st_name, tzname[0]);
+    EXPECT_EQ(record->flags & (CLNT_TZ_OFFSET | CLNT_TZ_ST_NAME | change_flags), CLNT_TZ_OFFSET | CLNT_TZ_ST_NAME);
+    EXPECT_TRUE(same_date(record->st_trans, no_date));
+    EXPECT_TRUE(same_date(record->dt_trans, no_date));
+    EXPECT_EQ(zone.world.take_messages(), Messages{not_set()});
+}
+
+TEST(TimeZoneInfo, OfAZoneWithDaylightTimeHasBothNamesTheBiasAndBothMoments) {
+    TimeZone zone;
+    zone.set(zone.file(usual_zone().bytes()));
+    const Record record(2026);
+    ASSERT_EQ(record.status(), CLNT_TZ_OK);
+    EXPECT_EQ(record->offset, 300);
+    EXPECT_EQ(record->bias, -60);
+    EXPECT_STREQ(record->st_name, "STD");
+    EXPECT_STREQ(record->dt_name, "DST");
+    EXPECT_EQ(record->flags & ~CLNT_TZ_DAYLIGHT, 255u - CLNT_TZ_DAYLIGHT);
+    EXPECT_TRUE(same_date(record->dt_trans, march_8_at_2));
+    EXPECT_TRUE(same_date(record->st_trans, november_1_at_2));
+    EXPECT_EQ(global_tz_cache.state, 2);
+}
+
+TEST(TimeZoneInfo, OfAZoneWithoutDaylightTimeHasNoBias) {
+    TimeZone zone;
+    ZoneBytes only_standard;
+    only_standard.types = {{3600, 0, 0}};
+    zone.set(zone.file(only_standard.bytes()));
+    const Record record(2026);
+    EXPECT_EQ(record->offset, -60);
+    EXPECT_EQ(record->bias, 0);
+    EXPECT_EQ(record->flags, static_cast<uint32_t>(CLNT_TZ_OFFSET | CLNT_TZ_ST_NAME));
+}
+
+TEST(TimeZoneInfo, SaysWhetherDaylightTimeIsInForceNow) {
+    TimeZone zone;
+    const time_t now = time(nullptr);
+    ASSERT_LT(now, INT32_MAX - 200 * 86400);
+    const auto before = static_cast<int32_t>(now - 86400);
+    const auto after = static_cast<int32_t>(now + 100 * 86400);
+    ZoneBytes daylight_now;
+    daylight_now.types = {{-18000, 0, 0}, {-14400, 1, 4}};
+    daylight_now.transitions = {{before, 1}, {after, 0}};
+    zone.set(zone.file(daylight_now.bytes(), "daylight"));
+    EXPECT_NE(Record(2037)->flags & CLNT_TZ_OFFSET, 0u);
+    struct tm local;
+    localtime_r(&now, &local);
+    const int year = local.tm_year + 1900;
+    EXPECT_NE(Record(year)->flags & CLNT_TZ_DAYLIGHT, 0u);
+    ZoneBytes standard_now = daylight_now;
+    standard_now.transitions = {{before, 0}, {after, 1}};
+    zone.set(zone.file(standard_now.bytes(), "standard"));
+    EXPECT_EQ(Record(year)->flags & CLNT_TZ_DAYLIGHT, 0u);
+}
+
+TEST(TimeZoneInfo, LongNameIsCutToItsField) {
+    TimeZone zone;
+    const std::string long_name(100, 'N');
+    zone.set("<" + long_name + ">5");
+    const Record record(2026);
+    ASSERT_EQ(std::string(tzname[0]), long_name);
+    EXPECT_EQ(record->st_name, long_name.substr(0, CLNT_TZ_NAME_SIZE - 1));
+}
+
+TEST(TimeZoneInfo, FollowsTzFromCallToCall) {
+    TimeZone zone;
+    zone.set(zone.file(usual_zone().bytes()));
+    EXPECT_EQ(Record(2026)->offset, 300);
+    zone.set("XYZ-2");
+    const Record ahead(2026);
+    EXPECT_EQ(ahead->offset, -120);
+    EXPECT_STREQ(ahead->st_name, "XYZ");
+}
+
+TEST(TimeZoneInfo, WithoutMemoryForTheRecordKeepsTheLock) {
+    TimeZone zone;
+    zone.set("UTC");
+    zone.world.fail_allocation(1);
+    clnt_tz_info_t somewhere;
+    clnt_tz_info_t *info = &somewhere;
+    EXPECT_EQ(clnt_tz_get_info(2026, &info), CLNT_TZ_ERROR);
+    EXPECT_EQ(info, nullptr);
+    EXPECT_EQ(sim::release_lock(rvzd_tz_mutex), 1);
+}
+
+TEST(TimeZoneInfo, GivesTheLockBackOtherwise) {
+    TimeZone zone;
+    zone.set("UTC");
+    const Record record(2026);
+    EXPECT_EQ(rvzd_tz_mutex.depth, 0u);
+}
+
+TEST(TimeZoneInfo, IsTheSameForManyThreadsAtOnce) {
+    TimeZone zone;
+    zone.set("Europe/Berlin");
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([] {
+            for (int round = 0; round < 50; ++round) {
+                clnt_tz_info_t *info = nullptr;
+                ASSERT_EQ(clnt_tz_get_info(2026, &info), CLNT_TZ_OK);
+                ASSERT_TRUE(same_date(info->dt_trans, {126, 2, 29, 0, 2, 0, 0}));
+                ASSERT_TRUE(same_date(info->st_trans, {126, 9, 25, 0, 3, 0, 0}));
+                ASSERT_EQ(info->offset, -60);
+                clnt_tz_free_info(&info);
+            }
+        });
+    }
+    for (std::thread &thread : threads)
+        thread.join();
+}
+
+TEST(TimeZoneInfo, FailedAllocationsLeaveTheRecordWithoutMomentsAndLoseNothing) {
+    TimeZone zone;
+    const std::string value = zone.file(usual_zone().bytes());
+    const auto get_anew = [&] {
+        zone.unset();
+        { const Record flushed(2026); }
+        zone.world.take_messages();
+        EXPECT_EQ(zone.world.live_blocks(), 0u);
+        zone.set(value);
+    };
+    get_anew();
+    int number = 2; // the first is the record
+    for (;; ++number) {
+        zone.world.fail_allocation(number);
+        bool has_failed = false;
+        {
+            const Record record(2026);
+            has_failed = zone.world.allocation_failed();
+            zone.world.fail_allocation(0);
+            ASSERT_EQ(record.status(), CLNT_TZ_OK);
+            EXPECT_EQ((record->flags & change_flags) == 0, has_failed) << number;
+            EXPECT_EQ(record->offset, 300);
+        }
+        if (!has_failed)
+            break;
+        EXPECT_EQ(global_tz_cache.state, 0);
+        get_anew();
+    }
+    EXPECT_GT(number, 6);
+}
+
+TEST(TimeZoneInfo, RaiseOnTheWayFreesTheRecordAndLeavesTheCacheWhole) {
+    TimeZone zone;
+    const std::string file = zone.file(usual_zone().bytes());
+    for (const std::string &value : {file, std::string("EST5EDT4,M4.1.1/2,M10.1.5/2")}) {
+        zone.unset();
+        { const Record flushed(2026); }
+        zone.set(value);
+        clnt_tz_info_t *info = nullptr;
+        sim::sweep_raises(
+            zone.world, [&] { clnt_tz_get_info(2026, &info); },
+            [&](int number) {
+                EXPECT_EQ(info, nullptr) << number;
+                EXPECT_EQ(sim::release_lock(rvzd_tz_mutex), 1) << number;
+                zone.unset();
+                { const Record flushed(2026); }
+                EXPECT_EQ(zone.world.live_blocks(), 0u) << number;
+                zone.set(value);
+            });
+        ASSERT_NE(info, nullptr);
+        EXPECT_EQ(info->flags & CLNT_TZ_ST_TRANS, static_cast<uint32_t>(CLNT_TZ_ST_TRANS));
+        clnt_tz_free_info(&info);
+    }
+}
