@@ -131,18 +131,18 @@ clnt_tz_status_t clnt_tz_dt_trans(const clnt_tz_info_t *info, clnt_tz_date_t *da
 void clnt_tz_status_msg(clnt_tz_status_t status);
 
 /* A time of the day, or an offset. */
-typedef struct tod {
+typedef struct clnt_tz_tod {
     int32_t hours;
     int32_t minutes;
     int32_t seconds;
-} tod_t;
+} clnt_tz_tod_t;
 
 /*
  * Reads "hours", "hours:minutes" or "hours:minutes:seconds" at the start of `text` into `*time` (out; what is absent is
  * zero). Each number is decimal, may have white space and a sign before it, and is held to 32 bits. Returns how many
  * characters were used; 0 for a null, or if the text does not begin with a number.
  */
-int tod_from_str(const char *text, tod_t *time);
+int tod_from_str(const char *text, clnt_tz_tod_t *time);
 
 /*
  * The wire form: the fields in their order. A name that does not fit its field does not decode, nor encode if it has no

@@ -112,6 +112,15 @@ void read_rule() {
         flush();
 }
 
+// The path of the zone file of a name, on the heap; null without memory.
+char *zone_path(const char *name) {
+    const size_t size = sizeof zone_directory + strlen(name);
+    auto *path = static_cast<char *>(stg_malloc(size));
+    if (path != nullptr)
+        strutl_concat(path, size, 2, zone_directory, name);
+    return path;
+}
+
 bool is_there(const char *path, struct stat &status) {
     return path != nullptr && fileutl_stat(path, 1, &status) == 0;
 }
@@ -123,7 +132,7 @@ bool same_time(const timespec &left, const timespec &right) {
 // The path is made of the whole value here, so a value that begins with ":" is never found: its file is read once.
 void check_file_again(Work &work) {
     struct stat status;
-    work.path = strutl_concat_heap(2, zone_directory, work.value);
+    work.path = zone_path(work.value);
     if (!is_there(work.path, status) || same_time(status.st_mtim, old_stat_buf.st_mtim))
         return;
     old_stat_buf = status;
@@ -134,7 +143,7 @@ void check_file_again(Work &work) {
 void take_new_value(Work &work) {
     const bool names_a_file = work.value[0] == ':';
     struct stat status;
-    work.path = strutl_concat_heap(2, zone_directory, names_a_file ? work.value + 1 : work.value);
+    work.path = zone_path(names_a_file ? work.value + 1 : work.value);
     if (names_a_file || work.path == nullptr) {
         begin_anew(work, kind_zone_file);
         read_zone(work);

@@ -69,7 +69,7 @@ public:
         return false;
     }
 
-    bool take_time(tod_t &time) {
+    bool take_time(clnt_tz_tod_t &time) {
         time = {};
         if (!take_number(time.hours))
             return false;
@@ -111,7 +111,7 @@ bool take_date(RuleReader &reader, RuleDate &date, size_t &length) {
     reader.skip(length);
     date.month = held_to_32_bits(int64_t{date.month} - 1);
     date.day = held_to_32_bits(int64_t{date.day} - 1);
-    tod_t time;
+    clnt_tz_tod_t time;
     if (!reader.take_time(time))
         return false;
     date.hour = time.hours;
@@ -120,7 +120,7 @@ bool take_date(RuleReader &reader, RuleDate &date, size_t &length) {
     return true;
 }
 
-int64_t seconds_behind_hours(const tod_t &time) {
+int64_t seconds_behind_hours(const clnt_tz_tod_t &time) {
     return int64_t{time.minutes} * seconds_of_minute + time.seconds;
 }
 
@@ -131,7 +131,7 @@ bool take_daylight(RuleReader &reader, Rule &rule) {
     rule.dt_name = reader.take_name();
     if (rule.dt_name == nullptr)
         return true;
-    tod_t offset;
+    clnt_tz_tod_t offset;
     if (!reader.take_time(offset))
         return false;
     // Its sign is the opposite of the other's. Nothing reads either.
@@ -142,7 +142,7 @@ bool take_daylight(RuleReader &reader, Rule &rule) {
 
 bool take_rule(RuleReader &reader, Rule &rule) {
     rule.st_name = reader.take_name();
-    tod_t offset;
+    clnt_tz_tod_t offset;
     if (rule.st_name == nullptr || !reader.take_time(offset))
         return false;
     rule.st_offset = held_to_32_bits(int64_t{offset.hours} * -seconds_of_hour - seconds_behind_hours(offset));
@@ -166,7 +166,7 @@ void velia::tz::release_rule(Rule &rule) {
     rule = {};
 }
 
-int tod_from_str(const char *text, tod_t *time) {
+int tod_from_str(const char *text, clnt_tz_tod_t *time) {
     *time = {};
     if (text == nullptr)
         return 0;
