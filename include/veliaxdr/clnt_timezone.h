@@ -11,13 +11,11 @@
  *     }
  *
  * Offset and names come from the C library. The moments come from the value of the environment variable TZ: from the
- * zone file of that name below /usr/share/zoneinfo/, or from a rule that it spells. Such a rule is
- *
- *     STD offset [DST offset ,M month . day . week / time ,M month . day . week / time]
- *
- * without the blanks, where the first date is the change to daylight time; months and days of the week count from 1 (1
- * is Sunday), week 5 is the last. Note that day and week stand the other way round than in POSIX, and that the short
- * forms of POSIX have no moments here.
+ * zone file of that name below /usr/share/zoneinfo/, or from a rule that it spells.
+ * Such a rule is a name and an offset, "EST5"; where there is daylight time, its name and offset and the dates of the
+ * changes to it and from it follow: "EST5EDT4,M4.1.1/2,M10.1.5/2". A date is month, day of the week and week of the
+ * month: months and days count from 1 (1 is Sunday), week 5 is the last. Note that day and week stand the other way
+ * round than in POSIX, and that the short forms of POSIX have no moments here.
  *
  * clnt_tz_get_info may be called from any thread; it calls tzset, and its callers wait for each other. All other
  * operations touch nothing but their arguments.
