@@ -10,11 +10,8 @@ endif()
 if(VELIA_SANITIZE)
   target_compile_options(velia_flags INTERFACE -fsanitize=${VELIA_SANITIZE} -fno-sanitize-recover=all)
   target_link_options(velia_flags INTERFACE -fsanitize=${VELIA_SANITIZE})
-  # Clang links the sanitizers' runtime into executables alone, and leaves its names undefined in shared libraries.
-  if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
-    target_link_options(velia_flags INTERFACE $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,SHARED_LIBRARY>:-Wl,-z,undefs>)
-  endif()
 endif()
+
 # All code tells a fuzz harness which of its branches an input takes.
 if(VELIA_FUZZ)
   target_compile_options(velia_flags INTERFACE -fsanitize=fuzzer-no-link)

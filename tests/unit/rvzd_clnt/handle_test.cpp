@@ -1,8 +1,7 @@
 // Obtaining handles: sharing, protocol versions, and the words and numbers of every way to fail.
-#include <tests/unit/rvzd_clnt/broker_fixture.h>
+#include <tests/unit/rvzd_clnt/handle_fixture.h>
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netdb.h>
 #include <unistd.h>
 
@@ -13,25 +12,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr int nobody = 65534;
-
-class Handle : public BrokerTest {
-protected:
-    // Asks for a handle that cannot be had.
-    tbs_status_t fail_to_get(const char *host = "alpha", uint32_t protocol = RVZD_PROTOCOL_UDP, int quiet = 0) {
-        auto *handle = reinterpret_cast<rvzd_handle_t *>(1);
-        const auto status = rvzd_get_handle_prim_proto(host, protocol, 0, quiet, &handle);
-        EXPECT_EQ(handle, nullptr);
-        EXPECT_EQ(world.live_clients(), 0u);
-        EXPECT_EQ(world.live_descriptors(), 0u);
-        expect_lock_is_free();
-        return status;
-    }
-
-    sim::Message cannot_contact(const char *host = "alpha") {
-        return message_of(IMSG_ERROR, _rvzd_rvzd_msg_table, 33, host);
-    }
-};
+class Handle : public HandleTest {};
 
 TEST_F(Handle, LearnsThePeersProtocolVersionByContact) {
     rvzd_handle_t *handle = handle_to("alpha");
@@ -109,13 +90,6 @@ TEST_F(Handle, KeepsTheDefaultTimeOutAndItsSize) {
     rvzd_free_handle(handle);
 }
 
-TEST_F(Handle, AUdpClientSendsAgainAfterThreeSeconds) {
-    rvzd_free_handle(handle_to("alpha"));
-    ASSERT_EQ(world.udp_intervals.size(), 1u);
-    EXPECT_EQ(world.udp_intervals[0].tv_sec, 3);
-    EXPECT_EQ(world.udp_intervals[0].tv_usec, 0);
-}
-
 TEST_F(Handle, TheDefaultProtocolIsUdp) {
     rvzd_handle_t *handle = nullptr;
     ASSERT_EQ(rvzd_get_handle("alpha", &handle), TBS_ST_OK);
@@ -135,26 +109,6 @@ TEST_F(Handle, ProtocolAndPrimAreChosenByTheCaller) {
     EXPECT_NE(tcp->cached, prim->cached);
     EXPECT_EQ(prim->cached->prim, 1u);
     rvzd_free_handle(tcp);
-    rvzd_free_handle(prim);
-}
-
-TEST_F(Handle, PrimDecidesWhoseCredentialsTravel) {
-    const auto uid_of = [](rvzd_handle_t *handle) {
-        XDR xdrs;
-        auto &raw = rvzd_get_rpc_clnt(handle)->cl_auth->ah_cred;
-        EXPECT_EQ(raw.oa_flavor, AUTH_SYS);
-        authunix_parms parms = {};
-        xdrmem_create(&xdrs, raw.oa_base, raw.oa_length, XDR_DECODE);
-        EXPECT_TRUE(xdr_authunix_parms(&xdrs, &parms));
-        const auto uid = parms.aup_uid;
-        xdr_free(reinterpret_cast<xdrproc_t>(xdr_authunix_parms), &parms);
-        return static_cast<int>(uid);
-    };
-    rvzd_handle_t *plain = handle_to("alpha", RVZD_PROTOCOL_UDP, 0);
-    rvzd_handle_t *prim = handle_to("alpha", RVZD_PROTOCOL_UDP, 1);
-    EXPECT_EQ(uid_of(plain), nobody);
-    EXPECT_EQ(uid_of(prim), static_cast<int>(geteuid()));
-    rvzd_free_handle(plain);
     rvzd_free_handle(prim);
 }
 
@@ -220,66 +174,6 @@ TEST_F(Handle, TakesOneAddressOfEachFamilyInTheResolversOrder) {
     rvzd_free_handle(handle);
 }
 
-TEST_F(Handle, TheFirstAddressWithASocketCarriesTheTraffic) {
-    setenv("IVL_IP_VERSION", "6", 1);
-    rvzd_handle_t *handle = handle_to("dual");
-    EXPECT_EQ(world.peer.last().address.base.sa_family, AF_INET6);
-    EXPECT_EQ(handle->cached->server_addr.addr_count, 2u);
-    rvzd_free_handle(handle);
-}
-
-TEST_F(Handle, IPv6OnlyOnAHostThatResolvesToIPv4OnlyIsAnError) {
-    setenv("IVL_IP_VERSION", "6", 1);
-    EXPECT_EQ(fail_to_get("alpha"), TBS_ST_ERROR);
-    EXPECT_THAT(world.take_messages(),
-                ElementsAre(message_of(IMSG_WARNING, _rvzd_rvzd_msg_table, 122), cannot_contact()));
-}
-
-TEST_F(Handle, AHostWithoutAddressesIsAnError) {
-    world.add_host("empty", {});
-    EXPECT_EQ(fail_to_get("empty"), TBS_ST_ERROR);
-    EXPECT_THAT(world.take_messages(), ElementsAre(cannot_contact("empty")));
-}
-
-TEST_F(Handle, NoSocketIsAnErrorToldOnce) {
-    world.faults.socket = 0;
-    EXPECT_EQ(fail_to_get(), TBS_ST_ERROR);
-    EXPECT_THAT(world.take_messages(), ElementsAre(cannot_contact()));
-}
-
-TEST_F(Handle, AUdpClientThatIsNotMadeIsToldEvenWhenQuiet) {
-    world.faults.udp_client = 0;
-    world.faults.error_number = ENOBUFS;
-    const std::string reason = std::string("rpcudp_create: ") + clnt_sperrno(RPC_SYSTEMERROR);
-    EXPECT_EQ(fail_to_get(), TBS_ST_ERROR);
-    auto messages = world.take_messages();
-    ASSERT_EQ(messages.size(), 2u);
-    EXPECT_EQ(messages[0].severity, IMSG_ERROR);
-    EXPECT_THAT(messages[0].text, testing::StartsWith(reason));
-    EXPECT_EQ(messages[1], cannot_contact());
-    EXPECT_EQ(fail_to_get("alpha", RVZD_PROTOCOL_UDP, 1), TBS_ST_ERROR);
-    messages = world.take_messages();
-    ASSERT_EQ(messages.size(), 1u);
-    EXPECT_THAT(messages[0].text, testing::StartsWith(reason));
-}
-
-TEST_F(Handle, ATcpClientThatIsNotMadeIsToldEvenWhenQuiet) {
-    world.faults.tcp_client = 0;
-    EXPECT_EQ(fail_to_get("alpha", RVZD_PROTOCOL_TCP), TBS_ST_ERROR);
-    auto messages = world.take_messages();
-    ASSERT_EQ(messages.size(), 2u);
-    EXPECT_THAT(messages[0].text, testing::StartsWith("rpctcp_create: "));
-    EXPECT_EQ(messages[1], cannot_contact());
-    EXPECT_EQ(fail_to_get("alpha", RVZD_PROTOCOL_TCP, 1), TBS_ST_ERROR);
-    EXPECT_EQ(world.take_messages().size(), 1u);
-}
-
-TEST_F(Handle, NoLaterStepFallsBackToTheOtherAddress) {
-    world.faults.udp_client = 0;
-    EXPECT_EQ(fail_to_get("dual"), TBS_ST_ERROR);
-    EXPECT_EQ(world.take_messages().size(), 2u);
-}
-
 TEST_F(Handle, AContactThatTimesOutIsToldWithTheBrokersTextOnly) {
     world.peer.answer(RVZD_PROC_CONTACT, sim::silence());
     const int64_t before_us = world.now_us;
@@ -335,40 +229,6 @@ TEST_F(Handle, AClientOnlyHostStillTalksToOthers) {
     world.component_mask = 0;
     rvzd_free_handle(handle_to("alpha"));
     EXPECT_THAT(world.take_messages(), IsEmpty());
-}
-
-TEST_F(Handle, WithoutAnAuthenticatorItFailsSilentlyAndWithoutASecondAttempt) {
-    world.faults.authenticator = 0;
-    EXPECT_EQ(fail_to_get(), TBS_ST_ERROR);
-    EXPECT_EQ(world.next_uniquifier, 1001u);
-    EXPECT_THAT(world.take_messages(), IsEmpty());
-}
-
-TEST_F(Handle, TheTraceOfThePortNeedsAVerbosityAboveThree) {
-    world.traced = {"xdr/rvzd:4"};
-    world.verbosity = 3;
-    rvzd_free_handle(handle_to("alpha"));
-    EXPECT_THAT(world.take_messages(), IsEmpty());
-    world.verbosity = 4;
-    rvzd_handle_t *handle = handle_to("beta");
-    ks_sockaddr_storage_t local;
-    socklen_t length = sizeof local;
-    getsockname(handle->cached->socket_fd, &local.base, &length);
-    EXPECT_THAT(world.take_messages(),
-                ElementsAre(text_message(IMSG_TRACE, "handle port allocated was " +
-                                                         std::to_string(ntohs(local.ipv4.sin_port)) + "\n")));
-    rvzd_free_handle(handle);
-}
-
-TEST_F(Handle, WhenTracingAGetsocknameThatFailsEndsTheAttempt) {
-    world.traced = {"xdr/rvzd:4"};
-    world.verbosity = 4;
-    world.faults.getsockname = 1;
-    world.faults.error_number = ENOBUFS;
-    EXPECT_EQ(fail_to_get(), TBS_ST_ERROR);
-    EXPECT_THAT(
-        world.take_messages(),
-        ElementsAre(message_of(IMSG_ERROR, _rvzd_rvzd_msg_table, 22, imsg_strerror(ENOBUFS)), cannot_contact()));
 }
 
 TEST_F(Handle, AnUnknownTransportIsAPanic) {
@@ -433,39 +293,6 @@ TEST_F(Handle, AGenericOneObtainedWhileAPlainRecordExistsIsPlain) {
     EXPECT_EQ(generic->cached->generic_service, 0u);
     rvzd_free_handle(generic);
     rvzd_free_handle(plain);
-}
-
-TEST_F(Handle, AStrictRangeMakesTheTcpConnectionByHand) {
-    world.write_file("config/services/rvzd_rt_params.conf",
-                     "FLSHP_MIN_PORT = 20000\nFLSHP_MAX_PORT = 20100\nFLSHP_STRICT = 1\n");
-    world.faults.connect = 0;
-    world.faults.error_number = ECONNREFUSED;
-    rvzd_handle_t *handle = nullptr;
-    EXPECT_EQ(rvzd_get_generic_service_handle("alpha", RVZD_PROTOCOL_TCP, RVZD_GENERIC_SERVICE_PROGRAM, &handle),
-              TBS_ST_ERROR);
-    EXPECT_THAT(
-        world.take_messages(),
-        ElementsAre(message_of(IMSG_ERROR, _rvzd_rvzd_msg_table, 72, imsg_strerror(ECONNREFUSED)), cannot_contact()));
-    EXPECT_EQ(world.live_descriptors(), 0u);
-    world.faults.connect = sim::Faults::never;
-    ASSERT_EQ(rvzd_get_generic_service_handle("alpha", RVZD_PROTOCOL_TCP, RVZD_GENERIC_SERVICE_PROGRAM, &handle),
-              TBS_ST_OK);
-    EXPECT_TRUE(world.peer.last().tcp);
-    EXPECT_EQ(world.live_descriptors(), 1u);
-    rvzd_free_handle(handle);
-}
-
-TEST_F(Handle, ATcpConnectionWithoutAStrictRangeOpensItsOwnSocket) {
-    world.faults.connect = 0; // would fail a connection made by hand
-    rvzd_handle_t *handle = handle_to("alpha", RVZD_PROTOCOL_TCP);
-    EXPECT_EQ(world.live_descriptors(), 1u);
-    rvzd_free_handle(handle);
-}
-
-TEST_F(Handle, TheSocketIsClosedOnExec) {
-    rvzd_handle_t *handle = handle_to("alpha");
-    EXPECT_EQ(fcntl(handle->cached->socket_fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
-    rvzd_free_handle(handle);
 }
 
 TEST_F(Handle, TheInternalFormTakesATimeOutOfItsOwn) {
