@@ -1,0 +1,264 @@
+// The daemon's configuration file: what a good line makes, and the words of every malformed one.
+#include <tests/unit/server/messages_fixture.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+
+#include <server/config/configuration.h>
+
+using namespace velia::server;
+
+namespace {
+
+using server_tests::row;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr char file[] = "rvzd_server.conf";
+
+const NameLookup names = {
+    [](const std::string &name) { return name == "build" ? std::optional<uid_t>(1001) : std::nullopt; },
+    [](const std::string &name) { return name == "users" ? std::optional<gid_t>(100) : std::nullopt; },
+};
+
+class ConfigurationFile : public server_tests::MessagesTest {
+protected:
+    // The services of a text without errors.
+    static std::vector<Service> services(std::string_view text) {
+        const auto result = parse_configuration(text, names);
+        EXPECT_THAT(result.errors, IsEmpty());
+        return result.configuration.services;
+    }
+    static Service service(std::string_view line) {
+        const auto made = services(line);
+        EXPECT_EQ(made.size(), 1u);
+        return made.empty() ? Service{} : made.front();
+    }
+    static Options options(std::string_view text) {
+        const auto result = parse_configuration(text, names);
+        EXPECT_THAT(result.errors, IsEmpty());
+        return result.configuration.options;
+    }
+    // What is told of a text.
+    std::vector<server_tests::Message> told(std::string_view text) {
+        print_configuration_errors(file, parse_configuration(text, names).errors);
+        return messages();
+    }
+    // Of a line that stands second, behind a good one, and makes nothing.
+    std::vector<server_tests::Message> told_of_line(const std::string &line) {
+        const auto result = parse_configuration("udp shared 1 1 - - - /good\n" + line + "\n", names);
+        EXPECT_EQ(result.configuration.services.size(), 1u) << line;
+        print_configuration_errors(file, result.errors);
+        return messages();
+    }
+    static server_tests::Message failure(const char *detail, unsigned long line = 2) {
+        return row(IMSG_ERROR, MSG_CONFIG_FAILURE, file, line, detail);
+    }
+};
+
+TEST_F(ConfigurationFile, OfNothingIsEmptyWithTheUsualOptions) {
+    for (const char *text : {"", "\n\n", "# comment\n   \n", "\r\n"}) {
+        EXPECT_THAT(services(text), IsEmpty());
+        EXPECT_EQ(options(text), Options{});
+    }
+}
+
+TEST_F(ConfigurationFile, LineBecomesAService) {
+    const Service made = service("udp,tcp dedicated 390600 0x2 max=4,idle=60,start=5,busy=7,restarts=9 build users "
+                                 "/usr/bin/server -v \"two words\"");
+    EXPECT_TRUE(made.udp);
+    EXPECT_TRUE(made.tcp);
+    EXPECT_EQ(made.kind, ServerKind::dedicated);
+    EXPECT_EQ(made.program, 390600u);
+    EXPECT_EQ(made.version, 2u);
+    EXPECT_EQ(made.control, (Control{4, 60, 5, 7, 9}));
+    EXPECT_EQ(made.user, 1001u);
+    EXPECT_EQ(made.group, 100u);
+    EXPECT_EQ(made.path, "/usr/bin/server");
+    EXPECT_THAT(made.arguments, ElementsAre("-v", "two words"));
+}
+
+TEST_F(ConfigurationFile, DashesStandForTheUsualControlAndTheDaemonsOwnAccount) {
+    const Service made = service("tcp shared 390600 1 - - - /usr/bin/server");
+    EXPECT_FALSE(made.udp);
+    EXPECT_EQ(made.control, Control{});
+    EXPECT_EQ(made.user, std::nullopt);
+    EXPECT_EQ(made.group, std::nullopt);
+    EXPECT_THAT(made.arguments, IsEmpty());
+}
+
+TEST_F(ConfigurationFile, DedicatedServersMayBeManyUnlessTold) {
+    EXPECT_EQ(service("udp dedicated 1 1 - - - /a").control.processes_max, 32u);
+    EXPECT_EQ(service("udp dedicated 1 1 max=2 - - /a").control.processes_max, 2u);
+    EXPECT_EQ(service("udp resident 1 1 - - - /a").control.processes_max, 1u);
+}
+
+TEST_F(ConfigurationFile, LastLineNeedsNoNewline) {
+    EXPECT_EQ(services("udp shared 1 1 - - - /a\nudp shared 2 1 - - - /b").size(), 2u);
+}
+
+TEST_F(ConfigurationFile, OptionsAreSetByName) {
+    const Options made =
+        options("option protocol 5\noption connections 7\noption idle-connection 8\noption request 9\n");
+    EXPECT_EQ(made, (Options{5, 7, 8, 9}));
+}
+
+TEST_F(ConfigurationFile, OptionOutOfItsRangeOrUnknownIsToldAndLeavesTheUsual) {
+    for (const char *option : {"protocol 4", "protocol 7", "protocol x", "connections 0", "connections 65537",
+                               "idle-connection 0", "request 0", "request 86401", "colour 1", "protocol -5"}) {
+        EXPECT_THAT(told(std::string("option ") + option),
+                    ElementsAre(failure((std::string("Unknown option or value out of range: ") + option).c_str(), 1)));
+    }
+    EXPECT_THAT(told("option protocol"), ElementsAre(failure("An option is written: option NAME VALUE", 1)));
+    EXPECT_THAT(told("option protocol 5 6"), ElementsAre(failure("An option is written: option NAME VALUE", 1)));
+}
+
+TEST_F(ConfigurationFile, LineThatIsTooLongIsTold) {
+    const std::string longest = "udp shared 2 1 - - - /" + std::string(1001, 'a');
+    ASSERT_EQ(longest.size(), 1023u);
+    EXPECT_EQ(service(longest).path.size(), 1002u);
+    EXPECT_THAT(told_of_line(longest + "a"), ElementsAre(row(IMSG_ERROR, MSG_CONFIG_LINE_TOO_LONG, file, 2ul)));
+}
+
+TEST_F(ConfigurationFile, LineWithTooFewFieldsIsTold) {
+    std::string line;
+    for (const char *word : {"udp", "shared", "2", "1", "-", "-", "-"}) {
+        line += std::string(word) + " ";
+        EXPECT_THAT(told_of_line(line), ElementsAre(row(IMSG_ERROR, MSG_CONFIG_INCOMPLETE, file, 2ul))) << line;
+    }
+}
+
+TEST_F(ConfigurationFile, TransportThatIsUnknownOrNamedTwiceIsTold) {
+    for (const char *word : {"sctp", "udp,", ",udp", "udp,udp", "UDP", "-", "udp;tcp"})
+        EXPECT_THAT(told_of_line(std::string(word) + " shared 2 1 - - - /a"),
+                    ElementsAre(row(IMSG_ERROR, MSG_CONFIG_PROTOCOL, file, 2ul, word)));
+}
+
+TEST_F(ConfigurationFile, KindThatIsUnknownIsTold) {
+    for (const char *word : {"both", "Shared", "-"})
+        EXPECT_THAT(told_of_line(std::string("udp ") + word + " 2 1 - - - /a"),
+                    ElementsAre(row(IMSG_ERROR, MSG_CONFIG_KIND, file, 2ul, word)));
+}
+
+TEST_F(ConfigurationFile, ProgramThatIsNoNumberOrTheDaemonsOwnIsTold) {
+    for (const char *word : {"x", "0", "-1", "4294967296", "390512", "1x", "0x", "+1"})
+        EXPECT_THAT(told_of_line(std::string("udp shared ") + word + " 1 - - - /a"),
+                    ElementsAre(row(IMSG_ERROR, MSG_CONFIG_PROGRAM, file, 2ul)));
+}
+
+TEST_F(ConfigurationFile, VersionThatIsNoNumberIsTold) {
+    for (const char *word : {"x", "-1", "4294967296", "0xg"})
+        EXPECT_THAT(told_of_line(std::string("udp shared 2 ") + word + " - - - /a"),
+                    ElementsAre(row(IMSG_ERROR, MSG_CONFIG_VERSION, file, 2ul)));
+}
+
+TEST_F(ConfigurationFile, ControlParametersOutOfTheirRangesAreTold) {
+    for (const char *word : {"max", "max=", "max=0", "max=1025", "idle=86401", "start=0", "busy=0", "restarts=1001",
+                             "max=1,", "colour=1", "max=1=1", "=1"})
+        EXPECT_THAT(told_of_line(std::string("udp shared 2 1 ") + word + " - - /a"),
+                    ElementsAre(row(IMSG_ERROR, MSG_CONFIG_CONTROL, file, 2ul)))
+            << word;
+}
+
+TEST_F(ConfigurationFile, UserOrGroupThatIsNotKnownIsTold) {
+    EXPECT_THAT(told_of_line("udp shared 2 1 - nobody - /a"), ElementsAre(row(IMSG_ERROR, MSG_CONFIG_UID, file, 2ul)));
+    EXPECT_THAT(told_of_line("udp shared 2 1 - - nobody /a"), ElementsAre(row(IMSG_ERROR, MSG_CONFIG_GID, file, 2ul)));
+}
+
+TEST_F(ConfigurationFile, MoreArgumentsThanThereIsRoomForAreTold) {
+    std::string line = "udp shared 2 1 - - - /a";
+    for (int i = 0; i < CONFIG_ARGUMENTS_MAX; ++i)
+        line += " x";
+    EXPECT_EQ(service(line).arguments.size(), 32u);
+    EXPECT_THAT(told_of_line(line + " x"), ElementsAre(row(IMSG_ERROR, MSG_CONFIG_ARGUMENTS, file, 2ul, 32)));
+}
+
+TEST_F(ConfigurationFile, PathThatIsNotAbsoluteIsTold) {
+    EXPECT_THAT(told_of_line("udp shared 2 1 - - - a"), ElementsAre(failure("The program's path is not absolute")));
+    EXPECT_THAT(told_of_line("udp shared 2 1 - - - \"\""), ElementsAre(failure("The program's path is not absolute")));
+}
+
+TEST_F(ConfigurationFile, QuoteThatIsNotClosedIsTold) {
+    EXPECT_THAT(told_of_line("udp shared 2 1 - - - \"/a"), ElementsAre(failure("Missing closing quotation mark")));
+}
+
+TEST_F(ConfigurationFile, NullByteIsTold) {
+    EXPECT_THAT(told_of_line(std::string("udp shared 2 1 - - - /a\0b", 26)), ElementsAre(failure("Null byte")));
+}
+
+TEST_F(ConfigurationFile, ServiceThatStandsAlreadyIsToldWithItsLine) {
+    EXPECT_THAT(told_of_line("udp,tcp shared 1 1 - - - /b"),
+                ElementsAre(failure("The service stands already on line 1")));
+    EXPECT_EQ(services("udp shared 1 1 - - - /a\ntcp shared 1 1 - - - /a\nudp shared 1 2 - - - /a\n").size(), 3u);
+}
+
+TEST_F(ConfigurationFile, AllErrorsAreToldEachWithItsLine) {
+    EXPECT_THAT(told("udp\nudp shared 1 1 - - - /a\n\nsctp shared 1 1 - - - /a\n"),
+                ElementsAre(row(IMSG_ERROR, MSG_CONFIG_INCOMPLETE, file, 1ul),
+                            row(IMSG_ERROR, MSG_CONFIG_PROTOCOL, file, 4ul, "sctp")));
+}
+
+TEST_F(ConfigurationFile, ErrorsAreToldUpToABound) {
+    std::string text;
+    for (int i = 0; i < 1000; ++i)
+        text += "udp\n";
+    EXPECT_EQ(told(text).size(), 100u);
+}
+
+class ConfigurationOnDisk : public ConfigurationFile {
+protected:
+    ConfigurationOnDisk() {
+        std::string made = (std::filesystem::temp_directory_path() / "velia-config-XXXXXX").string();
+        EXPECT_NE(mkdtemp(made.data()), nullptr);
+        directory = made;
+        path = directory / "file";
+    }
+    ~ConfigurationOnDisk() override { std::filesystem::remove_all(directory); }
+
+    std::vector<server_tests::Message> told_of_file() {
+        print_configuration_errors(path.string(), read_configuration(path.string(), names).errors);
+        return messages();
+    }
+
+    std::filesystem::path directory;
+    std::filesystem::path path;
+};
+
+TEST_F(ConfigurationOnDisk, IsRead) {
+    std::ofstream(path) << "udp shared 1 1 - - - /a\n";
+    EXPECT_EQ(read_configuration(path.string(), names).configuration.services.size(), 1u);
+}
+
+TEST_F(ConfigurationOnDisk, ThatIsNotThereIsTold) {
+    EXPECT_THAT(told_of_file(),
+                ElementsAre(row(IMSG_ERROR, MSG_CONFIG_UNREADABLE, path.c_str(), imsg_strerror(ENOENT))));
+}
+
+TEST_F(ConfigurationOnDisk, ThatIsADirectoryIsToldAsAReadError) {
+    std::filesystem::create_directory(path);
+    EXPECT_THAT(told_of_file(),
+                ElementsAre(row(IMSG_ERROR, MSG_CONFIG_READ_ERROR, path.c_str(), 1ul, imsg_strerror(EISDIR))));
+}
+
+TEST_F(ConfigurationOnDisk, ThatIsTooLargeIsToldAndNotTakenInPart) {
+    std::ofstream(path) << "udp shared 1 1 - - - /a\n" << std::string(CONFIG_FILE_BYTES_MAX, '#');
+    const auto result = read_configuration(path.string(), names);
+    EXPECT_THAT(result.configuration.services, IsEmpty());
+    ASSERT_EQ(result.errors.size(), 1u);
+    EXPECT_EQ(result.errors[0].message, MSG_CONFIG_READ_ERROR);
+    EXPECT_EQ(result.errors[0].detail, imsg_strerror(EFBIG));
+}
+
+TEST(SystemNames, TakeNumbersAsTheyAreAndKnowRoot) {
+    const NameLookup system = system_names();
+    EXPECT_EQ(system.user("1234"), 1234u);
+    EXPECT_EQ(system.group("0"), 0u);
+    EXPECT_EQ(system.user("root"), 0u);
+    EXPECT_EQ(system.group("root"), 0u);
+    EXPECT_EQ(system.user("4294967295"), std::nullopt) << "it would mean no change of account at all";
+    EXPECT_EQ(system.user("no such user"), std::nullopt);
+    EXPECT_EQ(system.group("no such group"), std::nullopt);
+}
+
+} // namespace
