@@ -2,15 +2,15 @@
 #include <cstring>
 #include <string_view>
 
+#include <rvzd/client/registry_clnt/registry_clnt.h>
 #include <support/strutl.h>
 #include <veliaxdr/rgy_entry.h>
+
+using namespace velia::registry_clnt;
 
 namespace {
 
 constexpr size_t length_bound = 1024; // of a name, and of a value
-
-// White space as the C library's scanning knows it.
-constexpr char white_space[] = " \t\n\v\f\r";
 
 // A word's parts, as places in the text. `value` is null in a word without one.
 struct Word {

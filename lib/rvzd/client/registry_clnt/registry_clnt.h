@@ -4,12 +4,24 @@
 #include <cstring>
 
 #include <common/with.h>
+#include <support/imsg.h>
 #include <support/stg.h>
+#include <support/tbs.h>
 
 namespace velia::registry_clnt {
 
 inline constexpr char subsystem[] = "registry";
 inline constexpr char source_file[] = "registry_clnt";
+
+// White space as the C library's scanning knows it.
+inline constexpr char white_space[] = " \t\n\v\f\r";
+
+// Says that an operation failed, in the support layer's words.
+inline void tell_failed(const char *operation, tbs_status_t status) {
+    constexpr int operation_failed = 46;
+    imsg_print_shared(IMSG_ERROR, subsystem, &_tbs_cmsg_tbs_msg_table, operation_failed, operation,
+                      tbs_strerror(status));
+}
 
 // Zeroed storage for one record; null on failure.
 template <class Record>
