@@ -38,6 +38,11 @@ struct Timer {
     int64_t due_us;
 };
 
+struct ExitAction {
+    void (*function)(void *);
+    void *argument;
+};
+
 struct Watch {
     void (*function)(void *);
     int descriptor;
@@ -98,6 +103,7 @@ public:
 
     std::vector<Timer> timers;
     std::vector<Watch> watches;
+    std::vector<ExitAction> exit_actions;
 
     int component_mask = 1;
     int privileged = 1;

@@ -8,7 +8,7 @@ set(SIM_WRAPPED
   credmap_auth_create_default credmap_authunix_create_nobody credutl_is_privileged
   tbs_product_comp_test tbs_product_config_dir tbs_product_host_priv_dir tbs_uuid_to_str
   fileutl_is_localhost fileutl_path_host getenv_safe
-  rt_sched rt_handle_fd
+  rt_sched rt_handle_fd pfm_on_exit
   gethostname socket bind getsockname connect close)
 set(SIM_WRAP_OPTIONS)
 foreach(NAME IN LISTS SIM_WRAPPED)

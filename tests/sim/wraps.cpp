@@ -226,6 +226,11 @@ int __wrap_rt_handle_fd(int, void (*function)(void *), int descriptor, void *arg
     return 1;
 }
 
+// The end of the process comes when the test says so.
+void __wrap_pfm_on_exit(void (*function)(void *), void *argument) {
+    World::current().exit_actions.push_back({function, argument});
+}
+
 int __wrap_gethostname(char *buffer, size_t size) {
     if (fails(&Faults::gethostname))
         return -1;

@@ -1,14 +1,22 @@
 // What the tests of registry operations over the network share: a broker test whose peer is a registry.
 #pragma once
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
+#include <rvzd/client/registry_clnt/bindings.h>
+#include <rvzd/client/registry_clnt/local_files.h>
+#include <support/stg.h>
 #include <tests/unit/rvzd_clnt/broker_fixture.h>
+#include <veliaxdr/rgy_fetch.h>
+#include <veliaxdr/rgy_local.h>
 #include <veliaxdr/rgy_messages.h>
 #include <veliaxdr/rgy_wire.h>
 
 namespace {
+
+using namespace velia::registry_clnt;
 
 [[maybe_unused]] tbs_uuid_t uuid_from(uint8_t first) {
     tbs_uuid_t uuid;
@@ -57,6 +65,12 @@ protected:
     RegistryTest() {
         world.peer.answer(RVZD_PROC_CLNT_LIST_REGISTER, refusal(TBS_ST_OK));
         setenv("VELIA_HOSTNAME", "thishost", 1);
+    }
+    ~RegistryTest() override {
+        rgy_deallocate_bindings(nullptr);
+        rgy_hostname_cache_inval();
+        EXPECT_EQ(registry_cache_lock.depth, 0u);
+        expect_lock_is_free();
     }
 
     // The first word of what is printed for a failed call.

@@ -1,0 +1,38 @@
+// The frame of every registry operation: lock, bind, work, release.
+#pragma once
+
+#include <rvzd/client/registry_clnt/bindings.h>
+#include <rvzd/client/registry_clnt/registry_clnt.h>
+#include <veliaxdr/rgy_messages.h>
+
+namespace velia::registry_clnt {
+
+inline void tell_trouble_contacting(const char *host, tbs_status_t status) {
+    imsg_print(IMSG_ERROR, &_registry_rvzd_msg_table, REGISTRY_MSG_TROUBLE_CONTACTING, host, tbs_strerror(status));
+}
+
+// Runs `body` with a binding to `host` under registry_cache_lock. A bind that fails is the result. When a raise lands,
+// the binding is released and `undo` takes back what else was held.
+template <class Body, class Undo>
+tbs_status_t with_binding(const char *host, uint32_t authenticated, rgy_db_t db, Body &&body, Undo &&undo) {
+    Binding binding;
+    return with_lock(registry_cache_lock, [&] {
+        return with_cleanup(
+            [&]() -> tbs_status_t {
+                const auto status = rgy_bind_handle(host, binding, authenticated, db);
+                if (status != TBS_ST_OK)
+                    return status;
+                const tbs_status_t result = body(binding);
+                release_binding(binding);
+                return result;
+            },
+            [&] {
+                with_inhibit([&] {
+                    release_binding(binding);
+                    undo();
+                });
+            });
+    });
+}
+
+} // namespace velia::registry_clnt
