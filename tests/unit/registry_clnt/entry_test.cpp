@@ -314,6 +314,7 @@ const AttributeCase attribute_cases[] = {
     {"ASemicolonEndsAName", "a;x=1,b", "a", TBS_ST_OK, nullptr},
     {"WhatIsBehindASemicolonIsNotRead", "a;b,c", "b", TBS_ST_NOT_FOUND, nullptr},
     {"NoNameBeforeTheEqualSign", "=1,b", "", TBS_ST_NOT_FOUND, nullptr},
+    {"AnOverlongValueWithoutAName", "=" + long_1024 + ",a=2", "a", TBS_ST_OK, "2"},
     {"TheFirstOfTwoCounts", "a=1,a=2", "a", TBS_ST_OK, "1"},
     {"NamesAreComparedExactly", "Ab=1", "ab", TBS_ST_NOT_FOUND, nullptr},
     {"APrefixIsNoMatch", "abc=1", "ab", TBS_ST_NOT_FOUND, nullptr},

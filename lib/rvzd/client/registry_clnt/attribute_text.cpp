@@ -27,12 +27,13 @@ struct Word {
 };
 
 // The blanks before an equal sign belong to the name; those behind it to nobody. A semicolon ends the word. No value
-// stands behind an equal sign that nothing follows.
+// stands behind an equal sign that nothing follows. A word that begins with its equal sign has no name, not an empty
+// one, and nothing of it is read.
 Word read_word(char *token) {
     Word word = {};
     word.name = token + strspn(token, white_space);
     word.name_end = word.name + strcspn(word.name, "=;,");
-    if (*word.name_end != '=')
+    if (word.name == word.name_end || *word.name_end != '=')
         return word;
     char *value = word.name_end + 1;
     value += strspn(value, white_space);
@@ -63,7 +64,6 @@ tbs_status_t rgy_find_attrval(char *text, const char *name, char **out) {
         const Word word = read_word(token);
         if (word.is_too_long())
             return TBS_ST_INVALID_ARG;
-        // A word that begins with its equal sign has no name, not an empty one.
         if (word.name == word.name_end || word.name_text() != name)
             continue;
         hand_out(word, *out);
