@@ -1,0 +1,241 @@
+// The bounds on TCP connections: how many, how long without a complete request, and whose place a newcomer gets. Real
+// sockets on loopback, and a loop that the test runs.
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <functional>
+#include <optional>
+#include <sched.h>
+#include <sys/socket.h>
+
+#include <server/rpc/tcp_endpoint.h>
+
+using namespace velia::server;
+
+namespace {
+
+constexpr uint32_t program = 390512;
+constexpr uint32_t ping = 0;
+constexpr uint32_t long_work = 1;
+constexpr int64_t deadline_ms = 20000;
+
+class Connections : public testing::Test {
+protected:
+    Connections() {
+        uv_loop_init(&loop);
+        UniqueFd listening(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
+        sockaddr_in local = {};
+        local.sin_family = AF_INET;
+        local.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(bind(listening.get(), reinterpret_cast<sockaddr *>(&local), sizeof local), 0);
+        EXPECT_EQ(listen(listening.get(), 16), 0);
+        socklen_t length = sizeof address;
+        getsockname(listening.get(), reinterpret_cast<sockaddr *>(&address), &length);
+        listener = std::move(listening);
+    }
+    ~Connections() override {
+        endpoint.reset();
+        uv_run(&loop, UV_RUN_DEFAULT);
+        EXPECT_EQ(uv_loop_close(&loop), 0);
+    }
+
+    void serve(const ConnectionLimits &limits) { endpoint.emplace(&loop, std::move(listener), dispatcher, limits); }
+
+    // Runs the loop until the condition holds; false when it does not come to hold.
+    bool run_until(const std::function<bool()> &condition) {
+        const int64_t end_ms = monotonic_ms() + deadline_ms;
+        while (!condition()) {
+            if (monotonic_ms() > end_ms)
+                return false;
+            uv_run(&loop, UV_RUN_NOWAIT);
+            sched_yield();
+        }
+        return true;
+    }
+
+    UniqueFd connect_peer() {
+        UniqueFd fd(socket(AF_INET, SOCK_STREAM, 0));
+        EXPECT_EQ(connect(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+        return fd;
+    }
+    // A peer whose first request was answered.
+    UniqueFd served_peer() {
+        UniqueFd fd = connect_peer();
+        complete_request(fd);
+        return fd;
+    }
+    void complete_request(const UniqueFd &fd) {
+        send_call(fd, ping);
+        EXPECT_TRUE(run_until([&] { return take_reply(fd); }));
+    }
+    void begin_long_work(const UniqueFd &fd) {
+        const size_t before = unanswered.size();
+        send_call(fd, long_work);
+        EXPECT_TRUE(run_until([&] { return unanswered.size() > before; }));
+    }
+
+    static void send_bytes(const UniqueFd &fd, const MessageBytes &bytes) {
+        EXPECT_EQ(send(fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+    }
+    static MessageBytes call_message(uint32_t procedure) {
+        MessageBytes message;
+        for (const uint32_t word : {7u, 0u, 2u, program, 3u, procedure, 0u, 0u, 0u, 0u})
+            for (const int shift : {24, 16, 8, 0})
+                message.push_back(static_cast<unsigned char>(word >> shift));
+        return message;
+    }
+    static void send_call(const UniqueFd &fd, uint32_t procedure) {
+        send_bytes(fd, with_record_mark(call_message(procedure)));
+    }
+    static bool take_reply(const UniqueFd &fd) {
+        char bytes[256];
+        return recv(fd.get(), bytes, sizeof bytes, MSG_DONTWAIT) > 0;
+    }
+    static bool is_closed(const UniqueFd &fd) {
+        char byte;
+        const ssize_t count = recv(fd.get(), &byte, 1, MSG_DONTWAIT | MSG_PEEK);
+        return count == 0 || (count < 0 && errno == ECONNRESET);
+    }
+    void expect_closed(const UniqueFd &fd) {
+        EXPECT_TRUE(run_until([&] { return is_closed(fd); }));
+    }
+    void let_a_moment_pass() {
+        const int64_t now_ms = monotonic_ms();
+        EXPECT_TRUE(run_until([&] { return monotonic_ms() > now_ms + 1; }));
+    }
+
+    static ConnectionLimits limits(uint32_t most = 16, int64_t request_ms = 60000, int64_t idle_ms = 60000) {
+        return {request_ms, idle_ms, most};
+    }
+
+    uv_loop_t loop;
+    sockaddr_in address = {};
+    UniqueFd listener;
+    std::vector<ReplySink> unanswered;
+    Dispatcher dispatcher{program,
+                          3,
+                          {{ping, false,
+                            [](XDR &, uint32_t xid, const Caller &, const ReplySink &sink) {
+                                sink(encode_refusal(xid, GARBAGE_ARGS));
+                                return true;
+                            }},
+                           {long_work, false, [this](XDR &, uint32_t, const Caller &, const ReplySink &sink) {
+                                unanswered.push_back(sink);
+                                return true;
+                            }}}};
+    std::optional<TcpEndpoint> endpoint;
+};
+
+TEST_F(Connections, NewcomerGetsThePlaceOfAPeerThatNeverCompletedARequest) {
+    serve(limits(2));
+    const UniqueFd good = served_peer();
+    const UniqueFd silent = connect_peer();
+    const UniqueFd newcomer = served_peer();
+    expect_closed(silent);
+    EXPECT_FALSE(is_closed(good));
+    EXPECT_FALSE(is_closed(newcomer));
+}
+
+TEST_F(Connections, NewcomerGetsThePlaceOfTheLongestIdle) {
+    serve(limits(2));
+    const UniqueFd first = served_peer();
+    let_a_moment_pass();
+    const UniqueFd second = served_peer();
+    let_a_moment_pass();
+    complete_request(first);
+    const UniqueFd newcomer = served_peer();
+    expect_closed(second);
+    EXPECT_FALSE(is_closed(first));
+}
+
+TEST_F(Connections, PeersForWhomWorkIsBeingDoneKeepTheirPlaces) {
+    serve(limits(2));
+    const UniqueFd first = served_peer();
+    const UniqueFd second = served_peer();
+    begin_long_work(first);
+    begin_long_work(second);
+    const UniqueFd newcomer = connect_peer();
+    expect_closed(newcomer);
+    EXPECT_FALSE(is_closed(first));
+    EXPECT_FALSE(is_closed(second));
+}
+
+TEST_F(Connections, AFloodOfSilentPeersKeepsNoClientOut) {
+    serve(limits(4));
+    std::vector<UniqueFd> silent;
+    for (int i = 0; i < 50; ++i) {
+        silent.push_back(connect_peer());
+        uv_run(&loop, UV_RUN_NOWAIT);
+    }
+    const UniqueFd good = served_peer();
+    EXPECT_FALSE(is_closed(good));
+    EXPECT_TRUE(run_until([&] {
+        return std::count_if(silent.begin(), silent.end(), [](const UniqueFd &fd) { return !is_closed(fd); }) <= 3;
+    }));
+}
+
+TEST_F(Connections, PeerThatSendsNothingIsDroppedAfterTheTimeOfARequest) {
+    serve(limits(16, 50));
+    expect_closed(connect_peer());
+}
+
+TEST_F(Connections, RequestThatIsNotFinishedInTimeEndsItsConnection) {
+    serve(limits(16, 50));
+    const UniqueFd slow = served_peer();
+    send_bytes(slow, {0x80, 0});
+    expect_closed(slow);
+}
+
+TEST_F(Connections, IdlePeerIsDroppedAfterItsTimeAndOneWithWorkInProgressIsNot) {
+    serve(limits(16, 60000, 50));
+    const UniqueFd working = served_peer();
+    begin_long_work(working);
+    const UniqueFd idle = served_peer();
+    expect_closed(idle);
+    EXPECT_FALSE(is_closed(working));
+    unanswered.front()(encode_refusal(7, GARBAGE_ARGS));
+    EXPECT_TRUE(run_until([&] { return take_reply(working); }));
+    expect_closed(working);
+}
+
+TEST_F(Connections, RecordLargerThanItsBoundEndsItsConnection) {
+    serve(limits());
+    const UniqueFd peer = connect_peer();
+    send_bytes(peer, {0xff, 0xff, 0xff, 0xff});
+    expect_closed(peer);
+}
+
+TEST_F(Connections, WhatIsNoCallEndsItsConnection) {
+    serve(limits());
+    const UniqueFd peer = served_peer();
+    MessageBytes reply_message = call_message(ping);
+    reply_message[7] = 1;
+    send_bytes(peer, with_record_mark(reply_message));
+    expect_closed(peer);
+}
+
+TEST_F(Connections, CallsOfOneConnectionInProgressHaveABound) {
+    serve(limits());
+    const UniqueFd peer = served_peer();
+    constexpr size_t most = TcpConnection::CALLS_IN_PROGRESS_MAX;
+    for (size_t i = 0; i < most; ++i)
+        begin_long_work(peer);
+    send_call(peer, long_work);
+    const UniqueFd other = served_peer(); // the loop has gone round meanwhile
+    EXPECT_EQ(unanswered.size(), most);
+    unanswered.front()(encode_refusal(7, GARBAGE_ARGS));
+    EXPECT_TRUE(run_until([&] { return unanswered.size() == most + 1; }));
+}
+
+TEST_F(Connections, AnswerToAPeerThatHasGoneGoesNowhere) {
+    serve(limits());
+    {
+        const UniqueFd peer = served_peer();
+        begin_long_work(peer);
+    }
+    served_peer();
+    unanswered.front()(encode_refusal(7, GARBAGE_ARGS));
+    EXPECT_FALSE(is_closed(served_peer()));
+}
+
+} // namespace
