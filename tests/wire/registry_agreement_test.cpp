@@ -1,0 +1,247 @@
+// The registry's routines against code that rpcgen made of doc/protocol/registry.x: what the one sends the other takes
+// whole and sends again as it was, and both refuse it cut anywhere.
+#include <registry.h>
+
+#include <gtest/gtest.h>
+
+#include <tests/unit/xdr/samples.h>
+#include <veliaxdr/rgy_wire.h>
+
+using namespace wire_tests;
+
+namespace {
+
+constexpr int samples_of_a_kind = 100;
+constexpr int samples_cut = 4;
+
+void fill_pair(Sampler &s, rgy_dtm_pair_t &r) {
+    fill(s, r.dtm);
+    fill(s, r.svr_dtm);
+}
+
+// Fields by their names, as far as a record has them.
+template <class Record>
+void fill_request(Sampler &s, Record &r) {
+    fill(s, r.header);
+    r.version = s.signed_word();
+    if constexpr (requires { r.db; })
+        r.db = s.signed_word();
+    if constexpr (requires { r.dtm; })
+        fill_pair(s, r.dtm);
+    if constexpr (requires { r.region; }) {
+        r.region = s.text(RGY_WIRE_REGION_MAX);
+        r.cursor = s.word();
+        r.max_entries = s.signed_word();
+    }
+    if constexpr (requires { r.item_key; })
+        r.item_key = s.text(RGY_WIRE_KEY_MAX);
+    if constexpr (requires { r.lookup_string; })
+        r.lookup_string = s.text(RGY_WIRE_VALUE_MAX);
+    if constexpr (requires { r.attr_name; }) {
+        r.attr_name = s.text(RGY_WIRE_VALUE_MAX);
+        r.attr_value = s.text(RGY_WIRE_VALUE_MAX);
+    }
+    if constexpr (requires { r.lookup_uuid; })
+        fill(s, r.lookup_uuid);
+    if constexpr (requires { r.flex_text; })
+        r.flex_text = s.text(RGY_WIRE_FLEX_MAX);
+    if constexpr (requires { r.entry_id; })
+        r.entry_id = s.word();
+    if constexpr (requires { r.uid; }) {
+        r.uid = s.signed_word();
+        r.password = s.text(RGY_WIRE_PASSWORD_MAX);
+    }
+    if constexpr (requires { r.db_max; })
+        r.db_max = s.signed_word();
+    if constexpr (requires { r.op; }) {
+        r.op = s.signed_word();
+        r.text = s.text(RGY_WIRE_SVR_CONF_MAX);
+    }
+    if constexpr (requires { r.host_list; })
+        r.host_list = s.text(RGY_WIRE_HOST_LIST_MAX);
+    if constexpr (requires { r.patterns; }) {
+        r.patterns_length = static_cast<int64_t>(s.number(3));
+        r.pattern_count = static_cast<int32_t>(r.patterns_length);
+        r.patterns = s.array<char *>(static_cast<size_t>(r.patterns_length));
+        for (int64_t i = 0; i < r.patterns_length; ++i)
+            r.patterns[i] = s.text(40);
+    }
+}
+
+void fill_body(Sampler &s, rvzd_registry_get_id_reply_t &r) {
+    r.version = s.signed_word();
+    fill_pair(s, r.dtm);
+}
+void fill_body(Sampler &s, rvzd_registry_get_dtm_reply_t &r) {
+    r.version = s.signed_word();
+    fill_pair(s, r.dtm);
+    fill(s, r.aux_uuid1);
+    fill(s, r.aux_uuid2);
+}
+void fill_body(Sampler &s, rvzd_registry_get_reply_t &r) {
+    r.version = s.coin() ? 1 : 3;
+    fill_pair(s, r.dtm);
+    r.cursor = s.word();
+    r.count = static_cast<int64_t>(s.number(r.version == 1 ? 1 : 4));
+    r.entries = r.count > 0 ? s.array<rgy_svr_entry_t>(static_cast<size_t>(r.count)) : nullptr;
+    for (int64_t i = 0; i < r.count; ++i)
+        r.entries[i] = {s.word(), s.text(200)};
+}
+void fill_body(Sampler &s, rvzd_registry_get_db_reply_t &r) {
+    r.version = s.signed_word();
+    r.count = static_cast<int64_t>(s.number(4));
+    r.dbs = r.count > 0 ? s.array<rgy_db_info_t>(static_cast<size_t>(r.count)) : nullptr;
+    for (int64_t i = 0; i < r.count; ++i) {
+        r.dbs[i].db = s.signed_word();
+        r.dbs[i].name = s.text(30);
+        fill(s, r.dbs[i].uuid1);
+        fill(s, r.dbs[i].uuid2);
+        r.dbs[i].last = s.signed_word();
+    }
+}
+void fill_body(Sampler &s, rvzd_registry_get_backup_reply_t &r) {
+    r.host_list = s.text(RGY_WIRE_HOST_LIST_MAX);
+}
+void fill_body(Sampler &, rvzd_null_reply_t &) {}
+
+template <class Record>
+void fill_record(Sampler &s, Record &r) {
+    if constexpr (std::is_same_v<decltype(r.header), rvzd_hdr_req_t>) {
+        fill_request(s, r);
+    } else {
+        fill(s, r.header);
+        fill_body(s, r);
+    }
+}
+
+// Every kind as visit(name, our routine, the routine of its twin).
+template <class Visit>
+void for_each_pair(Visit &&visit) {
+#define PAIR(RECORD, TWIN) visit(#RECORD, xdr_rvzd_registry_##RECORD##_t, xdr_registry_##TWIN)
+    PAIR(get_id_req, db_req);
+    PAIR(get_dtm_req, db_req);
+    PAIR(get_req, get_req);
+    PAIR(findbystring_req, findbystring_req);
+    PAIR(findbyattr_req, findbyattr_req);
+    PAIR(findbyuuid_req, findbyuuid_req);
+    PAIR(get_pattern_req, get_pattern_req);
+    PAIR(add_req, add_req);
+    PAIR(remove_req, remove_req);
+    PAIR(chk_access_req, chk_access_req);
+    PAIR(get_db_req, get_db_req);
+    PAIR(clnt_conf_req, clnt_conf_req);
+    PAIR(svr_conf_req, svr_conf_req);
+    PAIR(get_backup_req, get_backup_req);
+    PAIR(set_backup_req, set_backup_req);
+    PAIR(get_id_reply, get_id_reply);
+    PAIR(get_dtm_reply, get_dtm_reply);
+    PAIR(get_reply, get_reply);
+    PAIR(get_db_reply, get_db_reply);
+    PAIR(get_backup_reply, get_backup_reply);
+    PAIR(add_reply, null_reply);
+    PAIR(remove_reply, null_reply);
+    PAIR(chk_access_reply, null_reply);
+    PAIR(clnt_conf_reply, null_reply);
+    PAIR(svr_conf_reply, null_reply);
+    PAIR(set_backup_reply, null_reply);
+#undef PAIR
+}
+
+template <class Record>
+Bytes sent_again(bool_t (*routine)(XDR *, Record *), const Bytes &bytes) {
+    Record record = {};
+    size_t consumed = 0;
+    EXPECT_TRUE(decode(routine, bytes, record, &consumed));
+    EXPECT_EQ(consumed, bytes.size());
+    Bytes again;
+    EXPECT_TRUE(encode(routine, record, again));
+    release(routine, record);
+    return again;
+}
+
+template <class Record>
+bool is_refused(bool_t (*routine)(XDR *, Record *), const Bytes &bytes) {
+    Record record = {};
+    const bool done = decode(routine, bytes, record);
+    release(routine, record);
+    return !done;
+}
+
+class RegistryAgreement : public testing::Test {
+protected:
+    Sampler sampler{20260202};
+
+    template <class Record>
+    Bytes sample(bool_t (*routine)(XDR *, Record *)) {
+        Record record = {};
+        fill_record(sampler, record);
+        Bytes bytes;
+        EXPECT_TRUE(encode(routine, record, bytes));
+        return bytes;
+    }
+};
+
+TEST_F(RegistryAgreement, OfTheProgramsNumbers) {
+    EXPECT_EQ(REGISTRY_PROGRAM, uint32_t{RVZD_PROGRAM});
+    EXPECT_EQ(REGISTRY_VERSION, uint32_t{RVZD_VERSION});
+    EXPECT_EQ(REGISTRY_GET_ID, uint32_t{RVZD_PROC_RGY_GET_ID});
+    EXPECT_EQ(REGISTRY_FINDBYSTRING_ENTRY, uint32_t{RVZD_PROC_RGY_FINDBYSTRING_ENTRY});
+    EXPECT_EQ(REGISTRY_FINDBYUUID_ENTRY, uint32_t{RVZD_PROC_RGY_FINDBYUUID_ENTRY});
+    EXPECT_EQ(REGISTRY_GET_ENTRY, uint32_t{RVZD_PROC_RGY_GET_ENTRY});
+    EXPECT_EQ(REGISTRY_ADD_ENTRY, uint32_t{RVZD_PROC_RGY_ADD_ENTRY});
+    EXPECT_EQ(REGISTRY_REMOVE_ENTRY, uint32_t{RVZD_PROC_RGY_REMOVE_ENTRY});
+    EXPECT_EQ(REGISTRY_CHK_ACCESS, uint32_t{RVZD_PROC_RGY_CHK_ACCESS});
+    EXPECT_EQ(REGISTRY_GET_DTM, uint32_t{RVZD_PROC_RGY_GET_DTM});
+    EXPECT_EQ(REGISTRY_GET_DB_LIST, uint32_t{RVZD_PROC_RGY_GET_DB_LIST});
+    EXPECT_EQ(REGISTRY_CLNT_CONF_CHANGE, uint32_t{RVZD_PROC_RGY_CLNT_CONF_CHANGE});
+    EXPECT_EQ(REGISTRY_SVR_CONF_CHANGE, uint32_t{RVZD_PROC_RGY_SVR_CONF_CHANGE});
+    EXPECT_EQ(REGISTRY_GET_BACKUP, uint32_t{RVZD_PROC_RGY_GET_BACKUP});
+    EXPECT_EQ(REGISTRY_SET_BACKUP, uint32_t{RVZD_PROC_RGY_SET_BACKUP});
+    EXPECT_EQ(REGISTRY_FINDBYATTR_ENTRY, uint32_t{RVZD_PROC_RGY_FINDBYATTR_ENTRY});
+    EXPECT_EQ(REGISTRY_GET_PATTERN_ENTRY, uint32_t{RVZD_PROC_RGY_GET_PATTERN_ENTRY});
+}
+
+TEST_F(RegistryAgreement, BothSidesTakeTheBytesWholeAndSendThemAgainAsTheyWere) {
+    for_each_pair([&](const char *name, auto our_routine, auto twin_routine) {
+        SCOPED_TRACE(name);
+        for (int i = 0; i < samples_of_a_kind; ++i) {
+            const Bytes bytes = sample(our_routine);
+            ASSERT_EQ(sent_again(twin_routine, bytes), bytes);
+            ASSERT_EQ(sent_again(our_routine, bytes), bytes);
+        }
+    });
+}
+
+TEST_F(RegistryAgreement, BothSidesRefuseTheBytesCutAnywhere) {
+    for_each_pair([&](const char *name, auto our_routine, auto twin_routine) {
+        SCOPED_TRACE(name);
+        for (int i = 0; i < samples_cut; ++i) {
+            const Bytes bytes = sample(our_routine);
+            for (size_t size = 1; size < bytes.size(); ++size) {
+                ASSERT_TRUE(is_refused(our_routine, bytes.substr(0, size))) << size;
+                ASSERT_TRUE(is_refused(twin_routine, bytes.substr(0, size))) << size;
+            }
+        }
+    });
+}
+
+TEST_F(RegistryAgreement, AFieldMeansTheSameOnBothSides) {
+    rvzd_registry_findbystring_req_t request = {};
+    fill_record(sampler, request);
+    Bytes bytes;
+    ASSERT_TRUE(encode(xdr_rvzd_registry_findbystring_req_t, request, bytes));
+    registry_findbystring_req twin = {};
+    ASSERT_TRUE(decode(xdr_registry_findbystring_req, bytes, twin));
+    EXPECT_EQ(twin.db, request.db);
+    EXPECT_EQ(twin.layer_version, request.version);
+    EXPECT_EQ(memcmp(twin.stamps.dtm, request.dtm.dtm.bytes, 16), 0);
+    EXPECT_EQ(memcmp(twin.stamps.svr_dtm, request.dtm.svr_dtm.bytes, 16), 0);
+    EXPECT_STREQ(twin.region, request.region);
+    EXPECT_EQ(twin.cursor, request.cursor);
+    EXPECT_EQ(twin.max_entries, request.max_entries);
+    EXPECT_STREQ(twin.item_key, request.item_key);
+    EXPECT_STREQ(twin.lookup_string, request.lookup_string);
+    release(xdr_registry_findbystring_req, twin);
+}
+
+} // namespace
