@@ -412,6 +412,8 @@ TEST_F(Site, TheWebInterfaceTakesItsUsersRegionByTheMapIfThereIsOne) {
     EXPECT_EQ(region(), "r9");
     world.write_file("map", "}\n");
     EXPECT_EQ(region(), "1001");
+    setenv("IVLWEB_USER_REGION_MAPFILE", "", 1);
+    EXPECT_EQ(region(), "r1");
     unsetenv("IVLWEB_USER_REGION_MAPFILE");
     EXPECT_EQ(region(), "r1");
 }

@@ -207,7 +207,7 @@ TEST_F(Entry, SettingWithoutStorageLeavesTheEntryAsItWas) {
 }
 
 TEST_F(Entry, ARaiseWhileSettingLandsBehindTheWholeChange) {
-    for (int number = 1; number <= 3; ++number) {
+    for (int number = 1; number <= 2; ++number) {
         use("-tag=one;");
         auto set = [&] { rgy_setstring_in_entry(entry, RGY_ITEM_OWNER, "me"); };
         world.raise_at_call(number, sim::raise_code);

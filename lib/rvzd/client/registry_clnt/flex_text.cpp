@@ -5,13 +5,12 @@
 #include <cstring>
 
 #include <rvzd/client/registry_clnt/registry_clnt.h>
-#include <support/strutl.h>
 
 using namespace velia::registry_clnt;
 
 namespace {
 
-constexpr int32_t first_capacity = 1;
+constexpr int32_t first_capacity = 8; // most entries have no more
 
 rgy_item_t *new_items(int32_t capacity) {
     return static_cast<rgy_item_t *>(stg_malloc(static_cast<size_t>(capacity) * sizeof(rgy_item_t)));
@@ -24,50 +23,67 @@ bool make_vector(rgy_flex_entry_t &flex) {
 
 // Where the value ends that begins at `value`: at the semicolon of the first ";-", or at the one that ends the whole
 // text. Null if there is neither. Other semicolons belong to the value.
-char *end_of_value(char *value, char *end_of_text) {
-    char *separator = strstr(value, ";-");
-    if (separator != nullptr)
-        return separator;
-    return value < end_of_text && end_of_text[-1] == ';' ? end_of_text - 1 : nullptr;
+const char *end_of_value(const char *value, const char *end_of_text) {
+    for (const char *semicolon = strchr(value, ';'); semicolon != nullptr; semicolon = strchr(semicolon + 1, ';'))
+        if (semicolon[1] == '-' || semicolon + 1 == end_of_text)
+            return semicolon;
+    return nullptr;
 }
 
-bool append_copies(rgy_flex_entry_t &flex, const char *name, const char *value) {
+char *copy_between(const char *begin, const char *end) {
+    const auto length = static_cast<size_t>(end - begin);
+    auto *copy = static_cast<char *>(stg_malloc(length + 1));
+    if (copy == nullptr)
+        return nullptr;
+    memcpy(copy, begin, length);
+    copy[length] = '\0';
+    return copy;
+}
+
+bool append_copies(rgy_flex_entry_t &flex, const char *name, const char *equal_sign, const char *end) {
     rgy_item_t &item = flex.items[flex.count];
-    item = {stg_strdup(name), stg_strdup(value)};
+    item = {copy_between(name, equal_sign), copy_between(equal_sign + 1, end)};
     ++flex.count;
     return item.name != nullptr && item.value != nullptr;
 }
 
-// Takes the working copy apart, cutting it up on the way.
-tbs_status_t take_items(char *text, rgy_flex_entry_t &flex) {
-    char *end_of_text = text + strlen(text);
-    for (char *name = text; name != end_of_text;) {
-        char *equal_sign = strchr(name, '=');
+tbs_status_t take_items(const char *text, rgy_flex_entry_t &flex) {
+    const char *end_of_text = text + strlen(text);
+    for (const char *name = text; name != end_of_text;) {
+        const char *equal_sign = strchr(name, '=');
         if (equal_sign == nullptr || !make_room(flex))
             return TBS_ST_INVALID_ARG;
-        *equal_sign = '\0';
-        char *value = equal_sign + 1;
-        char *end = end_of_value(value, end_of_text);
-        if (end == nullptr)
-            return TBS_ST_INVALID_ARG;
-        *end = '\0';
-        if (!append_copies(flex, name, value))
+        const char *end = end_of_value(equal_sign + 1, end_of_text);
+        if (end == nullptr || !append_copies(flex, name, equal_sign, end))
             return TBS_ST_INVALID_ARG;
         name = end + 1;
     }
     return TBS_ST_OK;
 }
 
-// Writes the items behind one another; `text` holds RGY_FLEX_TEXT_SIZE bytes.
+// A buffer of RGY_FLEX_TEXT_SIZE bytes that takes text as long as a terminator still fits behind it.
+struct FlexWriter {
+    char *text;
+    size_t used;
+
+    bool append(const char *piece) {
+        const size_t length = strlen(piece);
+        if (length >= RGY_FLEX_TEXT_SIZE - used)
+            return false;
+        memcpy(text + used, piece, length + 1);
+        used += length;
+        return true;
+    }
+};
+
 bool write_items(const rgy_flex_entry_t &flex, char *text) {
-    size_t used = 0;
+    FlexWriter writer = {text, 0};
     text[0] = '\0';
     for (int32_t i = 0; i < flex.count; ++i) {
         const rgy_item_t &item = flex.items[i];
-        if (rgy_validate_string(item.value) != TBS_ST_OK ||
-            strutl_concat(text + used, RGY_FLEX_TEXT_SIZE - used, 4, item.name, "=", item.value, ";") != 0)
+        if (rgy_validate_string(item.value) != TBS_ST_OK || !writer.append(item.name) || !writer.append("=") ||
+            !writer.append(item.value) || !writer.append(";"))
             return false;
-        used += strlen(text + used);
     }
     return true;
 }
@@ -104,11 +120,7 @@ tbs_status_t velia::registry_clnt::expand(const char *text, rgy_flex_entry_t &ou
     out = {};
     if (text == nullptr)
         return TBS_ST_INVALID_ARG;
-    const bool has_vector = make_vector(out);
-    char *working_copy = has_vector ? stg_strdup(text) : nullptr;
-    const tbs_status_t status =
-        working_copy != nullptr ? take_items(working_copy, out) : tbs_status_t{TBS_ST_NO_MEMORY};
-    stg_free(working_copy);
+    const tbs_status_t status = make_vector(out) ? take_items(text, out) : tbs_status_t{TBS_ST_NO_MEMORY};
     if (status != TBS_ST_OK)
         rgy_destroy_flex_entry(&out);
     return status;
@@ -155,5 +167,6 @@ rgy_item_t *rgy_find_item(const rgy_flex_entry_t *flex, const char *name) {
 }
 
 tbs_status_t rgy_validate_string(const char *text) {
-    return text == nullptr || strpbrk(text, ";\n") == nullptr ? TBS_ST_OK : TBS_ST_INVALID_ARG;
+    const bool is_valid = text == nullptr || (strchr(text, ';') == nullptr && strchr(text, '\n') == nullptr);
+    return is_valid ? TBS_ST_OK : TBS_ST_INVALID_ARG;
 }

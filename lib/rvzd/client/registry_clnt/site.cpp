@@ -96,7 +96,8 @@ tbs_status_t rgy_get_default_region(const char **out) {
     char map_path[map_path_size];
     char second[RGY_REGION_SIZE];
     size_t lengths[2];
-    const bool has_map = ks_web_gui() != 0 && getenv_safe(map_variable, map_path, sizeof map_path, 0) != nullptr;
+    const bool has_map =
+        ks_web_gui() != 0 && getenv_safe(map_variable, map_path, sizeof map_path, 0) != nullptr && *map_path != '\0';
     const auto status = has_map ? registry_prop_get_user_region(map_path, RGY_REGION_SIZE, own)
                                 : registry_prop_get_region_names_local(RGY_REGION_SIZE, sizeof second, &lengths[0],
                                                                        &lengths[1], own, second);
