@@ -15,9 +15,6 @@ ivlthread_mutex_t rvzd_tz_mutex;
 
 namespace {
 
-constexpr long seconds_of_hour = 3600;
-constexpr long seconds_of_minute = 60;
-
 // The C library tells the offset of standard time only; daylight time is taken to be an hour ahead in every zone.
 long altzone;
 bool daylight_observed;

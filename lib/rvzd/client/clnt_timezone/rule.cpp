@@ -12,9 +12,6 @@ using namespace velia::tz;
 
 namespace {
 
-constexpr int32_t seconds_of_hour = 3600;
-constexpr int32_t seconds_of_minute = 60;
-
 int32_t held_to_32_bits(int64_t value) {
     return static_cast<int32_t>(value < INT32_MIN ? INT32_MIN : value > INT32_MAX ? INT32_MAX : value);
 }

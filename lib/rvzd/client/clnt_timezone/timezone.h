@@ -12,6 +12,8 @@ extern ivlthread_mutex_t rvzd_tz_mutex;
 namespace velia::tz {
 
 constexpr char zone_directory[] = "/usr/share/zoneinfo/";
+constexpr int32_t seconds_of_hour = 3600;
+constexpr int32_t seconds_of_minute = 60;
 
 enum : int32_t { kind_unknown = 0, kind_rule = 1, kind_zone_file = 2 };
 enum : int32_t { state_empty = 0, state_zone_file = 2, state_rule = 3 };

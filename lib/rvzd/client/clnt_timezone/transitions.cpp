@@ -12,7 +12,6 @@ namespace {
 constexpr int32_t tm_year_base = 1900;
 constexpr int32_t days_of_week = 7;
 constexpr int daylight_unknown = -1;
-constexpr uint32_t seconds_of_hour = 3600;
 
 uint32_t flag_of(Change change) {
     return change == Change::to_standard ? CLNT_TZ_ST_TRANS : CLNT_TZ_DT_TRANS;
@@ -56,8 +55,9 @@ int32_t next_of_kind(const Zone &zone, int32_t at, Change change) {
 
 // What the wall shows before the change, if every change is one of an hour. Kept to 32 bits, as the file's times are.
 time_t wall_clock_before(int32_t moment, const ZoneType &type) {
+    constexpr uint32_t hour = seconds_of_hour;
     const uint32_t after = static_cast<uint32_t>(type.gmtoff) + static_cast<uint32_t>(moment);
-    return static_cast<int32_t>(type.isdst != 0 ? after - seconds_of_hour : after + seconds_of_hour);
+    return static_cast<int32_t>(type.isdst != 0 ? after - hour : after + hour);
 }
 
 // Moves to the rule's day of the week and its week of the month. The calendar is the C library's.
