@@ -228,3 +228,29 @@ TEST(TimeZoneInfo, RaiseOnTheWayFreesTheRecordAndLeavesTheCacheWhole) {
         clnt_tz_free_info(&info);
     }
 }
+
+TEST(TimeZoneInfo, RaiseOnTheWayIsNoMoreSeenInTheNextRecord) {
+    TimeZone zone;
+    const std::string file = zone.file(usual_zone().bytes());
+    for (const std::string &value : {file, std::string("EST5EDT4,M3.1.2/2,M11.1.1/2")}) {
+        zone.set(value);
+        clnt_tz_info_t *info = nullptr;
+        sim::sweep_raises(
+            zone.world,
+            [&] {
+                clnt_tz_free_info(&info);
+                clnt_tz_get_info(2026, &info);
+            },
+            [&](int number) {
+                sim::release_lock(rvzd_tz_mutex);
+                {
+                    const Record record(2026);
+                    EXPECT_TRUE(same_date(record->dt_trans, march_8_at_2)) << number;
+                }
+                zone.unset();
+                { const Record flushed(2026); }
+                zone.set(value);
+            });
+        clnt_tz_free_info(&info);
+    }
+}

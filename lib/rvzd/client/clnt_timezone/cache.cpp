@@ -29,11 +29,13 @@ struct stat old_stat_buf; // of the zone file read last
 bool is_null_logged;
 bool is_alloc_fail_logged;
 
-// What a refresh holds while it is under way.
+// What a refresh holds while it is under way. What a raise has left here is released by the next one: that is cheaper
+// than a clean-up frame for each call, which in the ordinary case only looks.
 struct Work {
     char *value; // of TZ, until the cache takes it over
     char *path;
 };
+Work work;
 
 void warn(int message) {
     imsg_print(IMSG_WARNING, &_clnt_timezone_rvzd_msg_table, message);
@@ -58,7 +60,7 @@ void flush() {
 }
 
 // Empties the cache and makes it one of the value at hand.
-void begin_anew(Work &work, int32_t kind) {
+void begin_anew(int32_t kind) {
     flush();
     with_inhibit([&] {
         global_tz_cache.tz = work.value;
@@ -67,7 +69,7 @@ void begin_anew(Work &work, int32_t kind) {
     });
 }
 
-void read_zone(const Work &work) {
+void read_zone() {
     Cache &cache = global_tz_cache;
     if (work.path == nullptr) {
         warn(CLNT_TZ_MSG_NULL_PATH);
@@ -130,50 +132,55 @@ bool same_time(const timespec &left, const timespec &right) {
 }
 
 // The path is made of the whole value here, so a value that begins with ":" is never found: its file is read once.
-void check_file_again(Work &work) {
+void check_file_again() {
     struct stat status;
     work.path = zone_path(work.value);
     if (!is_there(work.path, status) || same_time(status.st_mtim, old_stat_buf.st_mtim))
         return;
     old_stat_buf = status;
-    begin_anew(work, kind_zone_file);
-    read_zone(work);
+    begin_anew(kind_zone_file);
+    read_zone();
 }
 
-void take_new_value(Work &work) {
+void take_new_value() {
     const bool names_a_file = work.value[0] == ':';
     struct stat status;
     work.path = zone_path(names_a_file ? work.value + 1 : work.value);
     if (names_a_file || work.path == nullptr) {
-        begin_anew(work, kind_zone_file);
-        read_zone(work);
+        begin_anew(kind_zone_file);
+        read_zone();
     } else if (is_there(work.path, status)) {
-        begin_anew(work, kind_zone_file);
+        begin_anew(kind_zone_file);
         old_stat_buf = status;
-        read_zone(work);
+        read_zone();
     } else {
-        begin_anew(work, kind_rule);
+        begin_anew(kind_rule);
         read_rule();
     }
 }
 
-void use_value(Work &work) {
+// A value whose file or rule was not read to the end, because a raise came in between, is as good as new.
+void use_value() {
     const Cache &cache = global_tz_cache;
-    if (cache.tz == nullptr || strcmp(cache.tz, work.value) != 0)
-        take_new_value(work);
+    if (cache.state == state_empty || strcmp(cache.tz, work.value) != 0)
+        take_new_value();
     else if (cache.tz_kind == kind_zone_file)
-        check_file_again(work);
+        check_file_again();
 }
 
-void release_work(Work &work) {
-    stg_free(work.value);
-    stg_free(work.path);
+void release_work() {
+    with_inhibit([] {
+        stg_free(work.value);
+        stg_free(work.path);
+        work = {};
+    });
 }
 
 } // namespace
 
 void velia::tz::refresh_cache() {
     char value[value_size];
+    release_work();
     if (getenv_safe(tz_variable, value, sizeof value, 0) == nullptr) {
         flush();
         if (!is_null_logged)
@@ -182,7 +189,7 @@ void velia::tz::refresh_cache() {
         return;
     }
     is_null_logged = false;
-    Work work = {stg_strdup(value), nullptr};
+    work.value = stg_strdup(value);
     if (work.value == nullptr) {
         flush();
         if (!is_alloc_fail_logged)
@@ -191,11 +198,6 @@ void velia::tz::refresh_cache() {
         return;
     }
     is_alloc_fail_logged = false;
-    with_cleanup(
-        [&] {
-            use_value(work);
-            return 0;
-        },
-        [&] { release_work(work); });
-    release_work(work);
+    use_value();
+    release_work();
 }
