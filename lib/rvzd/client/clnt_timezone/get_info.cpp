@@ -46,15 +46,10 @@ void fill_names(clnt_tz_info_t &info) {
 
 void fill_changes(int year, clnt_tz_info_t &info) {
     const Cache &cache = global_tz_cache;
-    if (cache.state == state_zone_file) {
-        info.st_trans = date_from_zone(cache.zone, Change::to_standard, year, info);
-        info.dt_trans = date_from_zone(cache.zone, Change::to_daylight, year, info);
-    } else if (cache.state == state_rule) {
-        info.st_trans = date_from_rule(cache.rule.st_rule, Change::to_standard, year, info);
-        // Set whether or not there is a date: readers of the record know it so.
-        info.flags |= CLNT_TZ_ST_TRANS;
-        info.dt_trans = date_from_rule(cache.rule.dt_rule, Change::to_daylight, year, info);
-    }
+    if (cache.state == state_zone_file)
+        fill_from_zone(cache.zone, year, info);
+    else if (cache.state == state_rule)
+        fill_from_rule(cache.rule, year, info);
 }
 
 void fill(int year, clnt_tz_info_t &info) {

@@ -18,9 +18,6 @@ constexpr int32_t seconds_of_minute = 60;
 enum : int32_t { kind_unknown = 0, kind_rule = 1, kind_zone_file = 2 };
 enum : int32_t { state_empty = 0, state_zone_file = 2, state_rule = 3 };
 
-// The two changes of a year, by the daylight indicator of the time that begins with them.
-enum class Change : int32_t { to_standard = 0, to_daylight = 1 };
-
 // The head of a zone file; the counts are kept in the machine's order.
 struct ZoneHeader {
     unsigned char unread[20];
@@ -107,8 +104,9 @@ void release_zone(Zone &zone);
 bool parse_rule(const char *text, Rule &rule);
 void release_rule(Rule &rule);
 
-// The date of a change in `year`, which may correct the flags and the bias of the record, too.
-clnt_tz_date_t date_from_zone(const Zone &zone, Change change, int year, clnt_tz_info_t &info);
-clnt_tz_date_t date_from_rule(const RuleDate &rule, Change change, int year, clnt_tz_info_t &info);
+// Store the dates of both changes in `year` with their flags. What the record says of daylight time is in it before; a
+// zone file may correct that.
+void fill_from_zone(const Zone &zone, int year, clnt_tz_info_t &info);
+void fill_from_rule(const Rule &rule, int year, clnt_tz_info_t &info);
 
 } // namespace velia::tz

@@ -13,8 +13,19 @@ constexpr int32_t tm_year_base = 1900;
 constexpr int32_t days_of_week = 7;
 constexpr int daylight_unknown = -1;
 
-uint32_t flag_of(Change change) {
-    return change == Change::to_standard ? CLNT_TZ_ST_TRANS : CLNT_TZ_DT_TRANS;
+// A change as the record keeps it, and the daylight indicator of the time that begins with it.
+struct Change {
+    int32_t isdst;
+    uint32_t flag;
+    clnt_tz_date_t clnt_tz_info_t::*date;
+};
+
+constexpr Change to_standard = {0, CLNT_TZ_ST_TRANS, &clnt_tz_info_t::st_trans};
+constexpr Change to_daylight = {1, CLNT_TZ_DT_TRANS, &clnt_tz_info_t::dt_trans};
+
+void store(const Change &change, const clnt_tz_date_t &date, clnt_tz_info_t &info) {
+    info.*change.date = date;
+    info.flags |= change.flag;
 }
 
 clnt_tz_date_t date_of(const struct tm &moment) {
@@ -47,8 +58,8 @@ const ZoneType &type_at(const Zone &zone, int32_t at) {
     return zone.ttinfo[zone.transitions[at].type];
 }
 
-int32_t next_of_kind(const Zone &zone, int32_t at, Change change) {
-    while (at < zone.header.timecnt && type_at(zone, at).isdst != static_cast<int32_t>(change))
+int32_t next_of_kind(const Zone &zone, int32_t at, const Change &change) {
+    while (at < zone.header.timecnt && type_at(zone, at).isdst != change.isdst)
         ++at;
     return at;
 }
@@ -79,38 +90,18 @@ void move_to_day(const RuleDate &rule, struct tm &moment) {
         moment.tm_mday -= days_of_week;
 }
 
-} // namespace
-
-clnt_tz_date_t velia::tz::date_from_zone(const Zone &zone, Change change, int year, clnt_tz_info_t &info) {
-    const uint32_t flag = flag_of(change);
-    if (zone.transitions == nullptr) {
-        info.flags &= ~(flag | CLNT_TZ_DT_DEFINED | CLNT_TZ_DAYLIGHT);
-        return {};
-    }
-    const int32_t first = first_after(zone, start_of(year));
-    if (first == zone.header.timecnt) {
-        // The clocks of this zone have stopped changing, whatever the C library says of its daylight time.
-        info.bias = 0;
-        info.flags &= ~(flag | CLNT_TZ_BIAS | CLNT_TZ_DT_DEFINED | CLNT_TZ_DAYLIGHT | CLNT_TZ_DT_NAME);
-        return {};
-    }
-    info.flags &= ~flag;
+// Without a date in the year if the next change of this kind lies in another, or there is none any more.
+void fill_change(const Zone &zone, int32_t first, const Change &change, int year, clnt_tz_info_t &info) {
     const int32_t at = next_of_kind(zone, first, change);
     if (at == zone.header.timecnt)
-        return {};
+        return;
     const time_t wall_clock = wall_clock_before(zone.transitions[at].time, type_at(zone, at));
     struct tm moment;
-    if (date_get_gmtime(&wall_clock, &moment) == nullptr || moment.tm_year != year - tm_year_base)
-        return {};
-    info.flags |= flag;
-    return date_of(moment);
+    if (date_get_gmtime(&wall_clock, &moment) != nullptr && moment.tm_year == year - tm_year_base)
+        store(change, date_of(moment), info);
 }
 
-clnt_tz_date_t velia::tz::date_from_rule(const RuleDate &rule, Change change, int year, clnt_tz_info_t &info) {
-    const uint32_t flag = flag_of(change);
-    info.flags &= ~flag;
-    if ((info.flags & CLNT_TZ_DT_DEFINED) == 0)
-        return {};
+void fill_change(const RuleDate &rule, const Change &change, int year, clnt_tz_info_t &info) {
     struct tm moment = {};
     moment.tm_hour = rule.hour;
     moment.tm_min = rule.min;
@@ -121,6 +112,39 @@ clnt_tz_date_t velia::tz::date_from_rule(const RuleDate &rule, Change change, in
     normalise(moment);
     move_to_day(rule, moment);
     normalise(moment);
-    info.flags |= flag;
-    return {moment.tm_year, moment.tm_mon, moment.tm_mday, moment.tm_wday, rule.hour, rule.min, rule.sec};
+    store(change, {moment.tm_year, moment.tm_mon, moment.tm_mday, moment.tm_wday, rule.hour, rule.min, rule.sec}, info);
+}
+
+void clear_changes(clnt_tz_info_t &info) {
+    info.st_trans = info.dt_trans = {};
+    info.flags &= ~static_cast<uint32_t>(CLNT_TZ_ST_TRANS | CLNT_TZ_DT_TRANS);
+}
+
+} // namespace
+
+void velia::tz::fill_from_zone(const Zone &zone, int year, clnt_tz_info_t &info) {
+    clear_changes(info);
+    if (zone.transitions == nullptr) {
+        info.flags &= ~static_cast<uint32_t>(CLNT_TZ_DT_DEFINED | CLNT_TZ_DAYLIGHT);
+        return;
+    }
+    const int32_t first = first_after(zone, start_of(year));
+    if (first == zone.header.timecnt) {
+        // The clocks of this zone have stopped changing, whatever the C library says of its daylight time.
+        info.bias = 0;
+        info.flags &= ~static_cast<uint32_t>(CLNT_TZ_BIAS | CLNT_TZ_DT_DEFINED | CLNT_TZ_DAYLIGHT | CLNT_TZ_DT_NAME);
+        return;
+    }
+    fill_change(zone, first, to_standard, year, info);
+    fill_change(zone, first, to_daylight, year, info);
+}
+
+void velia::tz::fill_from_rule(const Rule &rule, int year, clnt_tz_info_t &info) {
+    clear_changes(info);
+    // Set whether or not there is a date: readers of the record know it so.
+    info.flags |= CLNT_TZ_ST_TRANS;
+    if ((info.flags & CLNT_TZ_DT_DEFINED) == 0)
+        return;
+    fill_change(rule.st_rule, to_standard, year, info);
+    fill_change(rule.dt_rule, to_daylight, year, info);
 }
