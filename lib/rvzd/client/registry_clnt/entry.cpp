@@ -2,6 +2,7 @@
 #include <rvzd/client/registry_clnt/entry.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 
 #include <rvzd/client/registry_clnt/flex_text.h>
@@ -19,6 +20,11 @@
 
 using namespace velia;
 using namespace velia::registry_clnt;
+
+static_assert(sizeof(rgy_item_t) == 16 && sizeof(rgy_flex_entry_t) == 16 && sizeof(rgy_svr_entry_t) == 16);
+static_assert(sizeof(rgy_dtm_pair_t) == 32 && offsetof(rgy_dtm_pair_t, svr_dtm) == 16);
+static_assert(offsetof(rgy_entry_t, host) == 8 && offsetof(rgy_entry_t, dtm) == 16);
+static_assert(offsetof(rgy_entry_t, entry_id) == 48 && offsetof(rgy_entry_t, flex) == 56);
 
 namespace {
 

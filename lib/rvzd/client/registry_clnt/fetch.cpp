@@ -2,6 +2,8 @@
 // first; the rest is one road.
 #include <veliaxdr/rgy_fetch.h>
 
+#include <cstddef>
+
 #include <rvzd/client/registry_clnt/flex_text.h>
 #include <rvzd/client/registry_clnt/item_keys.h>
 #include <rvzd/client/registry_clnt/with_binding.h>
@@ -9,6 +11,9 @@
 
 using namespace velia;
 using namespace velia::registry_clnt;
+
+static_assert(offsetof(rgy_cursor_t, dtm) == 8 && offsetof(rgy_cursor_t, magic) == 40);
+static_assert(offsetof(rgy_cursor_t, done) == 48 && offsetof(rgy_cursor_t, host) == 56);
 
 namespace {
 
