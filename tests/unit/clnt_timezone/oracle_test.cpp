@@ -154,7 +154,7 @@ Expected expected_of(TimeZone &process, const std::string &name, const OracleZon
     expected.st_name = tzname[0];
     expected.dt_name = tzname[1];
     if (zone.moments.empty()) {
-        expected.flags &= ~(CLNT_TZ_DT_DEFINED | CLNT_TZ_DAYLIGHT);
+        expected.flags &= ~static_cast<uint32_t>(CLNT_TZ_DT_DEFINED | CLNT_TZ_DAYLIGHT);
         return expected;
     }
     if (zone.moments.back().time <= start) {

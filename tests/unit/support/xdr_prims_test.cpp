@@ -177,7 +177,7 @@ TEST(XdrUuid, IsItsSixteenBytes) {
 }
 
 TEST(XdrString, RoundTripsAtEveryLengthAroundTheSteps) {
-    for (const size_t length : {0, 1, 2, 3, 4, 1023, 1024, 1025, 2048, 5000}) {
+    for (const size_t length : {0u, 1u, 2u, 3u, 4u, 1023u, 1024u, 1025u, 2048u, 5000u}) {
         std::string text(length, 'x');
         char *cell = text.data();
         const Bytes bytes = encoded([&](XDR *xdrs) { return xdr_string_pointer(xdrs, &cell, 5000); });
@@ -461,6 +461,20 @@ TEST(XdrCredentials, CarryAtMostThirtyTwoGroups) {
     EXPECT_FALSE(decoded(words({1, 1000, 100, 33}), [&](XDR *xdrs) { return code(xdrs, read); }));
     auth.credentials.group_count = 33;
     EXPECT_TRUE(encoded([&](XDR *xdrs) { return code(xdrs, auth); }).empty());
+}
+
+TEST(XdrCredentials, ByThemselvesAreUserGroupAndTheCountedGroups) {
+    const uint32_t groups[] = {4, 24};
+    credutl_credentials_t credentials;
+    credutl_init_credentials(1000, 100, 2, groups, &credentials);
+    const auto code = [](XDR *xdrs, credutl_credentials_t &cell) { return xdr_credutl_credentials_t(xdrs, &cell); };
+    const Bytes bytes = encoded([&](XDR *xdrs) { return code(xdrs, credentials); });
+    EXPECT_EQ(bytes, words({1000, 100, 2, 4, 24}));
+    credutl_credentials_t read;
+    memset(&read, 0x55, sizeof read);
+    EXPECT_TRUE(decoded(bytes, [&](XDR *xdrs) { return code(xdrs, read); }));
+    EXPECT_EQ(memcmp(&read, &credentials, sizeof read), 0);
+    expect_truncations_fail<credutl_credentials_t>(bytes, code);
 }
 
 TEST(XdrSid, IsKindAndId) {

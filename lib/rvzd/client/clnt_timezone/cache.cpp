@@ -46,16 +46,15 @@ void warn_of(int message, const char *name) {
 }
 
 void flush() {
-    Cache &cache = global_tz_cache;
-    with_inhibit([&] {
-        if (cache.state == state_zone_file)
-            release_zone(cache.zone);
-        if (cache.state == state_rule)
-            release_rule(cache.rule);
-        stg_free(cache.tz);
-        cache.tz = nullptr;
-        cache.tz_kind = kind_unknown;
-        cache.state = state_empty;
+    with_inhibit([] {
+        if (global_tz_cache.state == state_zone_file)
+            release_zone(global_tz_cache.zone);
+        if (global_tz_cache.state == state_rule)
+            release_rule(global_tz_cache.rule);
+        stg_free(global_tz_cache.tz);
+        global_tz_cache.tz = nullptr;
+        global_tz_cache.tz_kind = kind_unknown;
+        global_tz_cache.state = state_empty;
     });
 }
 
@@ -69,22 +68,38 @@ void begin_anew(int32_t kind) {
     });
 }
 
+// Reads the file aside, then takes it over.
+ReadOutcome take_zone_over() {
+    return with_inhibit([] {
+        Zone zone = {};
+        const ReadOutcome outcome = read_zone_file(work.path, zone);
+        if (outcome == ReadOutcome::done) {
+            global_tz_cache.zone = zone;
+            global_tz_cache.state = state_zone_file;
+        }
+        return outcome;
+    });
+}
+
+bool take_rule_over() {
+    return with_inhibit([] {
+        Rule rule = {};
+        const bool is_rule = parse_rule(global_tz_cache.tz, rule);
+        if (is_rule) {
+            global_tz_cache.rule = rule;
+            global_tz_cache.state = state_rule;
+        }
+        return is_rule;
+    });
+}
+
 void read_zone() {
-    Cache &cache = global_tz_cache;
     if (work.path == nullptr) {
         warn(CLNT_TZ_MSG_NULL_PATH);
         flush();
         return;
     }
-    Zone zone = {};
-    const ReadOutcome outcome = with_inhibit([&] {
-        const ReadOutcome done = read_zone_file(work.path, zone);
-        if (done == ReadOutcome::done) {
-            cache.zone = zone;
-            cache.state = state_zone_file;
-        }
-        return done;
-    });
+    const ReadOutcome outcome = take_zone_over();
     if (outcome == ReadOutcome::done) {
         imsg_print(IMSG_PLAIN, &_clnt_timezone_rvzd_msg_table, CLNT_TZ_MSG_REFRESHED_FROM_DATA);
         return;
@@ -98,17 +113,7 @@ void read_zone() {
 
 // A bad rule is no error in words: many a good value of TZ is none of ours.
 void read_rule() {
-    Cache &cache = global_tz_cache;
-    Rule rule = {};
-    const bool is_rule = with_inhibit([&] {
-        const bool parsed = parse_rule(cache.tz, rule);
-        if (parsed) {
-            cache.rule = rule;
-            cache.state = state_rule;
-        }
-        return parsed;
-    });
-    if (is_rule)
+    if (take_rule_over())
         imsg_print(IMSG_PLAIN, &_clnt_timezone_rvzd_msg_table, CLNT_TZ_MSG_REFRESHED_FROM_RULE);
     else
         flush();
