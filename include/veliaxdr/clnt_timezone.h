@@ -13,9 +13,11 @@
  * Offset, names and whether there is daylight time come from the C library as it has them at the call; where a zone's
  * past differs from its present, that depends on what else the process has converted. The moments come from the value
  * of the environment variable TZ: from the zone file of that name below /usr/share/zoneinfo/, or from a rule that it
- * spells. Such a rule is a name and an offset, "EST5"; where there is daylight time, its name and offset and the dates
- * of the changes to it and from it follow: "EST5EDT4,M4.1.1/2,M10.1.5/2". A date is month, day of the week and week of
- * the month: months and days count from 1 (1 is Sunday), week 5 is the last. Note that day and week stand the other way
+ * spells.
+ *
+ * Such a rule is a name and an offset, "EST5"; where there is daylight time, its name and offset and the dates of the
+ * changes to it and from it follow: "EST5EDT4,M4.1.1/2,M10.1.5/2". A date is month, day of the week and week of the
+ * month: months and days count from 1 (1 is Sunday), week 5 is the last. Note that day and week stand the other way
  * round than in POSIX, and that the short forms of POSIX have no moments here.
  *
  * clnt_tz_get_info may be called from any thread; it calls tzset, and its callers wait for each other. All other
