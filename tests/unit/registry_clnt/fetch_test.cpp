@@ -369,6 +369,21 @@ TEST_P(Fetch, NullArgumentsAreRefusedBeforeAnythingHappens) {
     EXPECT_THAT(world.peer.calls, IsEmpty());
 }
 
+TEST_F(FetchTest, AFailedCallLeavesTheSlotItsHandleAndItsCaches) {
+    world.peer.answer(RVZD_PROC_RGY_FINDBYSTRING_ENTRY, batch({"-a=1;"}));
+    ASSERT_EQ(operations[0].call(call), TBS_ST_OK);
+    call.end();
+    rvzd_handle_t *handle = rpc_binding[0].handle;
+    rgy_rpc_cache_t *cache = rpc_binding[0].cache[3];
+    ASSERT_NE(cache, nullptr);
+    world.peer.answer(RVZD_PROC_RGY_GET_ENTRY, sim::silence());
+    EXPECT_EQ(operations[3].call(call), TBS_ST_ERROR);
+    call.end();
+    EXPECT_EQ(rpc_binding[0].handle, handle);
+    EXPECT_EQ(rpc_binding[0].cache[3], cache);
+    EXPECT_EQ(rpc_binding[0].ref_count, 0);
+}
+
 TEST_F(FetchTest, OnlyTheScanByPatternsKnowsADaemonWithoutThem) {
     for (const auto &operation : operations) {
         world.peer.answer(operation.procedure, refusal(TBS_ST_UNSUPPORTED));
