@@ -2,6 +2,7 @@
 #include <veliaxdr/rgy_entry.h>
 #include <veliaxdr/rgy_fetch.h>
 #include <veliaxdr/rgy_local.h>
+#include <veliaxdr/rgy_manage.h>
 #include <veliaxdr/rgy_messages.h>
 #include <veliaxdr/rgy_site.h>
 #include <veliaxdr/rgy_wire.h>
@@ -14,6 +15,7 @@ tbs_status_t first_entry(rvzd_handle_t *handle, rgy_svr_entry_t *out);
 void print_registry_host(void);
 tbs_status_t default_region_of(char region[RGY_REGION_SIZE]);
 int64_t count_regions(void);
+tbs_status_t add_region(const char *name);
 
 tbs_status_t rename_owner(rgy_entry_t *entry, const char *owner) {
     const char *old_owner = NULL;
@@ -59,4 +61,18 @@ int64_t count_regions(void) {
     } while (cursor != NULL);
     rgy_close_cursor(&cursor);
     return total;
+}
+
+tbs_status_t add_region(const char *name) {
+    tbs_status_t status;
+    do {
+        rgy_entry_t *entry = NULL;
+        status = rgy_create_entry(RGY_DB_REGIONS, NULL, &entry);
+        if (status == TBS_ST_OK)
+            status = rgy_setstring_in_entry(entry, RGY_ITEM_REGION, name);
+        if (status == TBS_ST_OK)
+            status = rgy_add_entry(RGY_DB_REGIONS, entry);
+        rgy_delete_entry(&entry);
+    } while (status == TBS_ST_STALE_ID);
+    return status;
 }

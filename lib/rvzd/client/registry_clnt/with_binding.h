@@ -11,15 +11,15 @@ inline void tell_trouble_contacting(const char *host, tbs_status_t status) {
     imsg_print(IMSG_ERROR, &_registry_rvzd_msg_table, REGISTRY_MSG_TROUBLE_CONTACTING, host, tbs_strerror(status));
 }
 
-// Runs `body` with a binding to `host` under registry_cache_lock. A bind that fails is the result. When a raise lands,
-// the binding is released and `undo` takes back what else was held.
-template <class Body, class Undo>
-tbs_status_t with_binding(const char *host, uint32_t authenticated, rgy_db_t db, Body &&body, Undo &&undo) {
+// Runs `body` with a binding that `bind` makes, under registry_cache_lock. A bind that fails is the result. When a
+// raise lands, the binding is released and `undo` takes back what else was held.
+template <class Bind, class Body, class Undo>
+tbs_status_t with_bound(Bind &&bind, Body &&body, Undo &&undo) {
     Binding binding;
     return with_lock(registry_cache_lock, [&] {
         return with_cleanup(
             [&]() -> tbs_status_t {
-                const auto status = rgy_bind_handle(host, binding, authenticated, db);
+                const tbs_status_t status = bind(binding);
                 if (status != TBS_ST_OK)
                     return status;
                 const tbs_status_t result = body(binding);
@@ -33,6 +33,19 @@ tbs_status_t with_binding(const char *host, uint32_t authenticated, rgy_db_t db,
                 });
             });
     });
+}
+
+// With a binding to `host`.
+template <class Body, class Undo>
+tbs_status_t with_binding(const char *host, uint32_t authenticated, rgy_db_t db, Body &&body, Undo &&undo) {
+    return with_bound([&](Binding &binding) { return rgy_bind_handle(host, binding, authenticated, db); }, body, undo);
+}
+
+// With a binding to `host`, or without one to the site's registry.
+template <class Body, class Undo>
+tbs_status_t with_site_binding(const char *host, uint32_t authenticated, rgy_db_t db, Body &&body, Undo &&undo) {
+    return with_bound([&](Binding &binding) { return bind_with_fail_over(host, binding, authenticated, db); }, body,
+                      undo);
 }
 
 } // namespace velia::registry_clnt

@@ -1,0 +1,72 @@
+/*
+ * Making a new entry, and questions to a registry about itself.
+ *
+ *     tbs_status_t add_region(const char *name) {
+ *         tbs_status_t status;
+ *         do {
+ *             rgy_entry_t *entry = NULL;
+ *             status = rgy_create_entry(RGY_DB_REGIONS, NULL, &entry);
+ *             if (status == TBS_ST_OK)
+ *                 status = rgy_setstring_in_entry(entry, RGY_ITEM_REGION, name);
+ *             if (status == TBS_ST_OK)
+ *                 status = rgy_add_entry(RGY_DB_REGIONS, entry);
+ *             rgy_delete_entry(&entry);
+ *         } while (status == TBS_ST_STALE_ID);
+ *         return status;
+ *     }
+ *
+ * `host` null is the configured master. Each operation may block for a host's time-out (25 seconds), and while it does,
+ * holds up the registry calls of all threads. Any thread may call. "Printed" means message 29 of
+ * _registry_rvzd_msg_table.
+ */
+#ifndef VELIAXDR_RGY_MANAGE_H
+#define VELIAXDR_RGY_MANAGE_H
+
+#include <veliaxdr/rgy_wire.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+#pragma GCC visibility push(default)
+
+/*
+ * Makes an entry without items for `db`, with the stamps that the registry has now, in *out; the caller releases it
+ * with rgy_delete_entry. The stamps go out of date with the next change of another client: fill the entry and add it
+ * soon, and on TBS_ST_STALE_ID begin anew. Binds with the caller's credentials, which flushes what is cached of the
+ * database.
+ *
+ *   TBS_ST_ERROR        the registry did not answer, or with a failure (printed); no host could be reached
+ *   TBS_ST_NO_MEMORY    no storage
+ *   TBS_ST_INVALID_ARG  a null `out`
+ *   else                the status of finding or reaching the host
+ */
+tbs_status_t rgy_create_entry(rgy_db_t db, const char *host, rgy_entry_t **out);
+
+/*
+ * Whether the caller's effective user may, with this password, change `db`: TBS_ST_OK; TBS_ST_NO_ACCESS;
+ * TBS_ST_NOT_FOUND when the registry has no password. TBS_ST_ERROR for another answer and without one (printed), and as
+ * above.
+ */
+tbs_status_t rgy_chk_access(rgy_db_t db, const char *host, const char *password);
+
+/*
+ * Stores what the registry says of its databases in `dbs`, which has room for `db_max` elements, and their number in
+ * *count. The caller releases the names with stg_free; one without storage is null. TBS_ST_ERROR (printed) when no host
+ * could be reached; else what rvzd_rgy_get_db_list says.
+ */
+tbs_status_t rgy_get_db_list(const char *host, int64_t db_max, rgy_db_info_t *dbs, int64_t *count);
+
+/*
+ * Read and write the list of backup hosts that the master holds. *host_list is the caller's buffer of
+ * RGY_WIRE_HOST_LIST_MAX + 1 bytes at least, and stays it. The first reads as anyone, the second writes with the
+ * caller's credentials. Either keeps its connection to the master for the rest of the process. TBS_ST_ERROR when the
+ * registry did not answer, or with a failure (printed), and as above.
+ */
+tbs_status_t rgy_get_current_backup(char **host_list);
+tbs_status_t rgy_set_current_backup(const char *host_list);
+
+#pragma GCC visibility pop
+#ifdef __cplusplus
+}
+#endif
+#endif
