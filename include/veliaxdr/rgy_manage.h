@@ -65,6 +65,34 @@ tbs_status_t rgy_get_db_list(const char *host, int64_t db_max, rgy_db_info_t *db
 tbs_status_t rgy_get_current_backup(char **host_list);
 tbs_status_t rgy_set_current_backup(const char *host_list);
 
+/*
+ * A snapshot of a database's stamps, by which a client can tell that what it derived from the database is out of date.
+ * Made by rgy_create_timestamp, moved forward by rgy_check_timestamp, released by rgy_destroy_timestamp.
+ */
+typedef struct rgy_timestamp {
+    rgy_dtm_pair_t dtm;
+    tbs_uuid_t aux_uuid1;
+    tbs_uuid_t aux_uuid2;
+    char *host; /* that answered */
+} rgy_timestamp_t;
+
+/*
+ * Takes a snapshot of `db` in *out. TBS_ST_ERROR (printed) for every failure of reaching and asking the registry,
+ * TBS_ST_NO_MEMORY without storage for the record, TBS_ST_INVALID_ARG for a null `out`. Without storage for the host's
+ * name the call succeeds with a null in *out: test it.
+ */
+tbs_status_t rgy_create_timestamp(rgy_db_t db, const char *host, rgy_timestamp_t **out);
+
+/*
+ * Asks the snapshot's host whether `db` has changed since: *changed is then 1, else 0. A change moves the snapshot
+ * forward and voids what this process has cached of the database. TBS_ST_INVALID_ARG for a null argument and for a host
+ * other than the snapshot's (null is that one); TBS_ST_ERROR (printed), with the snapshot as it was, for any failure.
+ */
+tbs_status_t rgy_check_timestamp(rgy_db_t db, const char *host, rgy_timestamp_t *stamp, int32_t *changed);
+
+/* Releases the snapshot and clears the pointer. TBS_ST_INVALID_ARG for a null. */
+tbs_status_t rgy_destroy_timestamp(rgy_timestamp_t **stamp);
+
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }

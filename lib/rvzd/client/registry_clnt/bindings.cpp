@@ -42,20 +42,6 @@ void destroy_caches(rgy_rpc_binding_t &slot) {
         rgy_destroy_cache(cache);
 }
 
-// RGY_DB_ALL flushes all of them, what is above it none.
-void flush_caches_of(const char *host, rgy_db_t db) {
-    with_inhibit([&] {
-        for (int64_t i = 0; i < rpc_binding_count; ++i) {
-            if (!is_at(rpc_binding[i], host))
-                continue;
-            if (db == RGY_DB_ALL)
-                destroy_caches(rpc_binding[i]);
-            else if (db < RGY_DB_ALL)
-                rgy_destroy_cache(rpc_binding[i].cache[db]);
-        }
-    });
-}
-
 // A reader may use a writer's handle, but not the reverse.
 int64_t find_bound(const char *host, uint32_t authenticated) {
     return find_slot([&](const rgy_rpc_binding_t &slot) {
@@ -162,7 +148,7 @@ tbs_status_t velia::registry_clnt::rgy_bind_handle(const char *host, Binding &bi
     if (host == nullptr || *host == '\0')
         return TBS_ST_INVALID_ARG;
     if (authenticated != anonymous)
-        flush_caches_of(host, db);
+        flush_caches(host, db);
     int64_t index = find_bound(host, authenticated);
     if (index == no_slot) {
         const auto status = open_slot(host, authenticated, index);
@@ -187,6 +173,19 @@ tbs_status_t velia::registry_clnt::bind_with_fail_over(const char *host, Binding
         return status;
     status = rgy_bind_handle(master, binding, authenticated, db);
     return is_unreachable(status) ? bind_to_backup(binding, authenticated, db) : status;
+}
+
+void velia::registry_clnt::flush_caches(const char *host, rgy_db_t db) {
+    with_inhibit([&] {
+        for (int64_t i = 0; i < rpc_binding_count; ++i) {
+            if (!is_at(rpc_binding[i], host))
+                continue;
+            if (db == RGY_DB_ALL)
+                destroy_caches(rpc_binding[i]);
+            else if (db < RGY_DB_ALL)
+                rgy_destroy_cache(rpc_binding[i].cache[db]);
+        }
+    });
 }
 
 void velia::registry_clnt::release_binding(Binding &binding) {

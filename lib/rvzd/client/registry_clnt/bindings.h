@@ -35,6 +35,9 @@ tbs_status_t rgy_bind_handle(const char *host, Binding &binding, uint32_t authen
 // Binds to `host`, or without one to the master and, if that does not answer, to the backups in turn.
 tbs_status_t bind_with_fail_over(const char *host, Binding &binding, uint32_t authenticated, rgy_db_t db);
 
+// Destroys the caches of `db` in all slots of the host; all twelve for RGY_DB_ALL, none for what is above it.
+void flush_caches(const char *host, rgy_db_t db);
+
 // Gives a binding back; the handle and its caches stay for the next one. One that is not bound is ignored.
 void release_binding(Binding &binding);
 

@@ -45,13 +45,6 @@ tbs_status_t status_of_access(Binding binding, tbs_status_t status) {
     return status == TBS_ST_NOT_FOUND || status == TBS_ST_NO_ACCESS ? status : told(binding, status);
 }
 
-// The name under which a bind that failed is told: the one given, else the master's as far as it is known.
-const char *name_of(const char *host) {
-    if (host == nullptr && rgy_load_svrloc(host) != TBS_ST_OK)
-        return "";
-    return host;
-}
-
 // The slot stays counted, and so is never given up for another host: that is how these two have always been.
 void keep_bound(Binding &binding) {
     binding.index = -1;

@@ -11,6 +11,13 @@ inline void tell_trouble_contacting(const char *host, tbs_status_t status) {
     imsg_print(IMSG_ERROR, &_registry_rvzd_msg_table, REGISTRY_MSG_TROUBLE_CONTACTING, host, tbs_strerror(status));
 }
 
+// The name under which a bind that failed is told: the one given, else the master's as far as it is known.
+inline const char *name_of(const char *host) {
+    if (host == nullptr && rgy_load_svrloc(host) != TBS_ST_OK)
+        return "";
+    return host;
+}
+
 // Runs `body` with a binding that `bind` makes, under registry_cache_lock. A bind that fails is the result. When a
 // raise lands, the binding is released and `undo` takes back what else was held.
 template <class Bind, class Body, class Undo>

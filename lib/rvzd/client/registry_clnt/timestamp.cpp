@@ -1,0 +1,113 @@
+// Snapshots of a database's stamps. A change that a check finds also voids what the caches hold of the database, which
+// their age alone would have kept for some seconds.
+#include <rvzd/client/registry_clnt/with_binding.h>
+#include <veliaxdr/rgy_manage.h>
+
+using namespace velia;
+using namespace velia::registry_clnt;
+
+namespace {
+
+bool differs(const rgy_timestamp_t &left, const rgy_timestamp_t &right) {
+    return memcmp(&left.dtm, &right.dtm, sizeof left.dtm) != 0 || !tbs_uuid_eq(&left.aux_uuid1, &right.aux_uuid1) ||
+           !tbs_uuid_eq(&left.aux_uuid2, &right.aux_uuid2);
+}
+
+tbs_status_t ask_stamps(Binding binding, rgy_db_t db, rgy_timestamp_t &stamps) {
+    return rvzd_rgy_get_dtm(rgy_rvzd_handle(binding), db, RGY_PROTOCOL_VERSION, &stamps.dtm, &stamps.aux_uuid1,
+                            &stamps.aux_uuid2);
+}
+
+// No storage for the host's name leaves no record and is no failure: callers test what they get.
+tbs_status_t keep_stamps(const rgy_timestamp_t &stamps, const char *host, rgy_timestamp_t *&out) {
+    return with_inhibit([&]() -> tbs_status_t {
+        out = new_record<rgy_timestamp_t>();
+        if (out == nullptr)
+            return TBS_ST_NO_MEMORY;
+        *out = stamps;
+        out->host = stg_strdup(host);
+        if (out->host == nullptr) {
+            stg_free(out);
+            out = nullptr;
+        }
+        return TBS_ST_OK;
+    });
+}
+
+void destroy(rgy_timestamp_t *&stamp) {
+    with_inhibit([&] {
+        stg_free(stamp->host);
+        stg_free(stamp);
+        stamp = nullptr;
+    });
+}
+
+void flush_for_change(Binding binding, rgy_db_t db) {
+    const char *host = slot_of(binding).host;
+    if (db >= RGY_DB_ALL)
+        return;
+    with_inhibit([&] {
+        flush_caches(host, db);
+        ++rgy_rpc_stats[tsflush];
+    });
+}
+
+} // namespace
+
+tbs_status_t rgy_create_timestamp(rgy_db_t db, const char *host, rgy_timestamp_t **out) {
+    if (out == nullptr)
+        return TBS_ST_INVALID_ARG;
+    *out = nullptr;
+    char bound_host[host_size] = "";
+    rgy_timestamp_t stamps = {};
+    tbs_status_t kept = TBS_ST_OK;
+    const auto status = with_site_binding(
+        host, anonymous, RGY_DB_ALL,
+        [&](Binding binding) {
+            memcpy(bound_host, slot_of(binding).host, sizeof bound_host);
+            const auto answer = ask_stamps(binding, db, stamps);
+            if (answer == TBS_ST_OK)
+                kept = keep_stamps(stamps, bound_host, *out);
+            return answer;
+        },
+        [&] {
+            if (*out != nullptr)
+                destroy(*out);
+        });
+    if (status == TBS_ST_OK)
+        return kept;
+    tell_trouble_contacting(*bound_host != '\0' ? bound_host : name_of(host), status);
+    return TBS_ST_ERROR;
+}
+
+tbs_status_t rgy_check_timestamp(rgy_db_t db, const char *host, rgy_timestamp_t *stamp, int32_t *changed) {
+    if (stamp == nullptr || changed == nullptr || (host != nullptr && strcmp(host, stamp->host) != 0))
+        return TBS_ST_INVALID_ARG;
+    rgy_timestamp_t stamps = {};
+    bool is_changed = false;
+    const auto status = with_binding(
+        stamp->host, anonymous, db,
+        [&](Binding binding) {
+            const auto answer = ask_stamps(binding, db, stamps);
+            is_changed = answer == TBS_ST_OK && differs(stamps, *stamp);
+            if (is_changed)
+                flush_for_change(binding, db);
+            return answer;
+        },
+        [] {});
+    if (status != TBS_ST_OK) {
+        tell_trouble_contacting(stamp->host, status);
+        return TBS_ST_ERROR;
+    }
+    stamps.host = stamp->host;
+    *stamp = stamps;
+    *changed = is_changed ? 1 : 0;
+    return TBS_ST_OK;
+}
+
+tbs_status_t rgy_destroy_timestamp(rgy_timestamp_t **stamp) {
+    if (stamp == nullptr || *stamp == nullptr)
+        return TBS_ST_INVALID_ARG;
+    destroy(*stamp);
+    return TBS_ST_OK;
+}
