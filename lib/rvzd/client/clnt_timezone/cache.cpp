@@ -25,9 +25,10 @@ constexpr char tz_variable[] = "TZ";
 
 struct stat old_stat_buf; // of the zone file read last
 
-// Warnings that are not repeated until what they warn of was cured. Zeroed means that they may be printed.
-bool is_null_logged;
-bool is_alloc_fail_logged;
+// Whether the warnings of a missing TZ and of missing memory may be printed: not again until what they warn of was
+// cured.
+bool log_ev_null = true;
+bool log_alloc_fail = true;
 
 // What a refresh holds while it is under way. What a raise has left here is released by the next one: that is cheaper
 // than a clean-up frame for each call, which in the ordinary case only looks.
@@ -188,21 +189,21 @@ void velia::tz::refresh_cache() {
     release_work();
     if (getenv_safe(tz_variable, value, sizeof value, 0) == nullptr) {
         flush();
-        if (!is_null_logged)
+        if (log_ev_null)
             warn_of(CLNT_TZ_MSG_NOT_SET, tz_variable);
-        is_null_logged = true;
+        log_ev_null = false;
         return;
     }
-    is_null_logged = false;
+    log_ev_null = true;
     work.value = stg_strdup(value);
     if (work.value == nullptr) {
         flush();
-        if (!is_alloc_fail_logged)
+        if (log_alloc_fail)
             warn(CLNT_TZ_MSG_NO_MEMORY);
-        is_alloc_fail_logged = true;
+        log_alloc_fail = false;
         return;
     }
-    is_alloc_fail_logged = false;
+    log_alloc_fail = true;
     use_value();
     release_work();
 }
