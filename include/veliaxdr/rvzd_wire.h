@@ -400,9 +400,10 @@ bool_t xdr_rvzd_list_servers_req_t(XDR *xdrs, rvzd_list_servers_req_t *record);
 /*
  * The server list. Decoding fills the buffer with as many whole records as its capacity holds; a record that does not
  * fit ends it successfully with `at_end` false and the cookie of the last record stored, so that the next call brings
- * that record again. Encoding stops before a reply grows beyond RVZD_LIST_SERVERS_BYTES_MAX, and fails on a record that
- * runs beyond the buffer's used size. Free mode releases only the buffer. A buffer of the caller's begins at a multiple
- * of 8, and so does each record in it.
+ * that record again. Encoding ends the list before a record whose name length plus 63, rounded down to a multiple of 4,
+ * would lead beyond RVZD_LIST_SERVERS_BYTES_MAX behind the header, and fails on a record that runs beyond the buffer's
+ * used size. Free mode releases only the buffer. A buffer of the caller's begins at a multiple of 8, and so does each
+ * record in it.
  */
 bool_t xdr_rvzd_list_servers_reply_t(XDR *xdrs, rvzd_list_servers_reply_t *record);
 bool_t xdr_rvzd_list_servers_v70_reply_t(XDR *xdrs, rvzd_list_servers_v70_reply_t *record);
