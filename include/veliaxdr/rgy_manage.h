@@ -22,6 +22,7 @@
 #ifndef VELIAXDR_RGY_MANAGE_H
 #define VELIAXDR_RGY_MANAGE_H
 
+#include <veliaxdr/rgy_fetch.h>
 #include <veliaxdr/rgy_wire.h>
 
 #ifdef __cplusplus
