@@ -3,10 +3,16 @@
 #include <server/daemon/daemon.h>
 
 #include <algorithm>
+#include <array>
 #include <csignal>
 
 #include <server/broker/procedures.h>
+#include <server/clients/client_file.h>
+#include <server/clients/procedures.h>
 #include <server/messages.h>
+#include <server/registry/procedures.h>
+#include <support/tbs.h>
+#include <veliaxdr/rgy_local.h>
 
 namespace velia::server {
 
@@ -14,6 +20,15 @@ namespace {
 
 constexpr uint64_t stop_grace_ms = 5000; // for servers to end by their lifelines; then they are killed
 constexpr uint64_t kill_grace_ms = 2000;
+constexpr uint64_t save_delay_ms = 1000; // clients that come together are written together
+constexpr const char *client_file_name = "clients";
+constexpr const char *registry_file_name = "registry.db";
+
+// Data that only this daemon reads and writes.
+std::string private_file(const char *name) {
+    std::array<char, TBS_PATH_SIZE> path;
+    return tbs_product_host_priv_dir(path.data(), name) == TBS_ST_OK ? path.data() : "";
+}
 
 ConnectionLimits limits_of(const Options &options) {
     ConnectionLimits limits;
@@ -30,8 +45,10 @@ Daemon::Daemon(uv_loop_t *loop, Listeners listeners, std::string config_file, co
     : loop_(loop), config_file_(std::move(config_file)), manager_(manager),
       launcher_(loop, listeners.server_addresses,
                 [this](int32_t pid, const ServerTable::ExitStatus &status) { process_exited(pid, status); }),
-      table_(launcher_), dispatcher_(RVZD_PROGRAM, RVZD_VERSION, {}), due_timer_(loop, [this] { run_due(); }),
-      stop_timer_(loop, [this] { stop(); }) {
+      table_(launcher_), client_file_(private_file(client_file_name)), dispatcher_(RVZD_PROGRAM, RVZD_VERSION, {}),
+      due_timer_(loop, [this] { run_due(); }), stop_timer_(loop, [this] { stop(); }),
+      save_timer_(loop, [this] { save_clients(); }) {
+    read_client_file(client_file_, clients_);
     for (auto &fd : listeners.udp)
         udp_endpoints_.push_back(std::make_unique<UdpEndpoint>(loop, std::move(fd), dispatcher_));
     for (auto &fd : listeners.tcp)
@@ -44,11 +61,37 @@ Daemon::Daemon(uv_loop_t *loop, Listeners listeners, std::string config_file, co
 }
 
 void Daemon::apply(const Configuration &configuration) {
-    dispatcher_.set_procedures(broker_procedures(table_, configuration.options.protocol, [this] { schedule(); }));
+    take_role();
+    const uint32_t protocol = configuration.options.protocol;
+    auto procedures = broker_procedures(table_, protocol, [this] { schedule(); });
+    for (auto &&more :
+         {client_procedures(clients_, protocol, [this] { save_clients_soon(); }), registry_procedures(registry_)})
+        procedures.insert(procedures.end(), more.begin(), more.end());
+    dispatcher_.set_procedures(std::move(procedures));
     for (const auto &endpoint : tcp_endpoints_)
         endpoint->set_limits(limits_of(configuration.options));
     table_.configure(configuration.services, monotonic_ms());
     schedule();
+}
+
+// By its role this host keeps a registry or does not; a registry that cannot be opened is told, and asked for in vain.
+void Daemon::take_role() {
+    if (rgy_get_svr_type() == RGY_SVR_NONE)
+        registry_.close();
+    else
+        registry_.open(private_file(registry_file_name));
+}
+
+// At the first change, and not put off by those that follow.
+void Daemon::save_clients_soon() {
+    if (!is_save_due_)
+        save_timer_.start(save_delay_ms);
+    is_save_due_ = true;
+}
+
+void Daemon::save_clients() {
+    is_save_due_ = false;
+    write_client_file(client_file_, clients_);
 }
 
 void Daemon::reload() {
@@ -97,6 +140,7 @@ void Daemon::stop() {
         table_.shut_down(monotonic_ms());
         udp_endpoints_.clear();
         tcp_endpoints_.clear();
+        save_clients();
         stop_timer_.start(stop_grace_ms);
     } else if (stop_requests_ == 2) {
         table_.kill_remaining();

@@ -7,9 +7,11 @@
 
 #include <server/broker/process_launcher.h>
 #include <server/broker/server_table.h>
+#include <server/clients/client_list.h>
 #include <server/config/configuration.h>
 #include <server/daemon/listeners.h>
 #include <server/daemon/readiness.h>
+#include <server/registry/service.h>
 #include <server/rpc/tcp_endpoint.h>
 #include <server/rpc/udp_endpoint.h>
 
@@ -27,6 +29,9 @@ private:
     void apply(const Configuration &configuration);
     void reload();
     void stop();
+    void take_role();
+    void save_clients();
+    void save_clients_soon();
     void schedule();
     void run_due();
     void process_exited(int32_t pid, const ServerTable::ExitStatus &status);
@@ -37,12 +42,17 @@ private:
     const ServiceManager &manager_;
     ProcessLauncher launcher_;
     ServerTable table_;
+    RegistryService registry_;
+    ClientList clients_;
+    std::string client_file_;
     Dispatcher dispatcher_;
     std::vector<std::unique_ptr<UdpEndpoint>> udp_endpoints_;
     std::vector<std::unique_ptr<TcpEndpoint>> tcp_endpoints_;
     TimerHandle due_timer_;
     TimerHandle stop_timer_;
+    TimerHandle save_timer_;
     std::vector<std::unique_ptr<SignalHandle>> signals_;
+    bool is_save_due_ = false;
     int stop_requests_ = 0;
 };
 

@@ -4,9 +4,9 @@
 
 #include <cstring>
 
-#include <rvzd/client/registry_clnt/client_registration.h>
 #include <rvzd/client/rvzd_clnt/broker_call.h>
 #include <support/strutl.h>
+#include <veliaxdr/rvzd_hosts.h>
 
 using namespace velia;
 using namespace velia::registry_clnt;
@@ -95,7 +95,7 @@ template <class Request>
 tbs_status_t fetch(rvzd_handle_t *handle, const Procedure<Request, rvzd_registry_get_reply_t> &procedure,
                    Request request, const Batch &batch) {
     return with_lock(rvzd_call_lock, [&] {
-        register_as_client(handle);
+        rvzd_clnt_list_register(handle);
         return ask(handle, procedure, request,
                    [&](const rvzd_registry_get_reply_t &reply) { return take_batch(reply, batch); });
     });
@@ -176,7 +176,7 @@ tbs_status_t rvzd_rgy_get_pattern_entry(rvzd_handle_t *handle, rgy_db_t db, int6
     const Batch batch = {pair, cursor, max_entries, elist, count};
     rvzd_registry_get_reply_t reply = {};
     return with_lock(rvzd_call_lock, [&] {
-        register_as_client(handle);
+        rvzd_clnt_list_register(handle);
         return broker_call(handle, get_pattern_entry, request, reply, [&](clnt_stat outcome) -> tbs_status_t {
             if (outcome != RPC_SUCCESS)
                 return status_of_pattern_outcome(handle, outcome);

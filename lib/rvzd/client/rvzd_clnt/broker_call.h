@@ -50,6 +50,11 @@ inline void detach_caller_storage(rvzd_list_servers_reply_t &reply) {
     reply.buffer = nullptr;
 }
 
+// Releases what a reply brought and freeing it leaves alone. What was delivered is no longer in it.
+template <class Reply>
+void release_undelivered(Reply & /*frees all by itself*/) {}
+void release_undelivered(rvzd_clnt_list_get_reply_t &reply);
+
 // Makes the call into `reply`, which the caller has cleared (but for what it presets), gives the RPC outcome to
 // `outcome_to_status`, and releases what the reply holds, also when a raise lands.
 template <class Request, class Reply, class OutcomeToStatus>
@@ -58,6 +63,7 @@ tbs_status_t broker_call(rvzd_handle_t *handle, const Procedure<Request, Reply> 
     return with_lock(rvzd_call_lock, [&] {
         const auto release = [&] {
             detach_caller_storage(reply);
+            release_undelivered(reply);
             xdr_free(procedure.reply_routine(), &reply);
         };
         return with_cleanup(

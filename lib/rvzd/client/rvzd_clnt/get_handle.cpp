@@ -284,7 +284,9 @@ void undo(rvzd_handle_t *&handle) {
     });
 }
 
-uint32_t default_protocol() {
+} // namespace
+
+uint32_t velia::rvzd_clnt::default_protocol() {
     const char *service;
     const char *name;
     const char *file;
@@ -295,8 +297,6 @@ uint32_t default_protocol() {
             return i;
     pfm_panic(source_file, __LINE__);
 }
-
-} // namespace
 
 tbs_status_t velia::rvzd_clnt::rvzd_get_handle_prim_timeout_proto(const HandleRequest &wanted, rvzd_handle_t **out) {
     return with_lock(rvzd_call_lock, [&] {

@@ -17,6 +17,9 @@ struct HandleRequest {
 
 constexpr int64_t default_timeout_s = 25;
 
+// The transport of the broker's service, as an index of rvzd_protocol_names.
+uint32_t default_protocol();
+
 tbs_status_t rvzd_get_handle_prim_timeout_proto(const HandleRequest &wanted, rvzd_handle_t **out);
 
 } // namespace velia::rvzd_clnt

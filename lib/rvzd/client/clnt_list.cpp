@@ -1,0 +1,143 @@
+// The writer of the client list file. It writes to the path that it is given, and has the file on disk when it returns;
+// making a new file the current one is for the daemon.
+#include <cerrno>
+#include <cstdio>
+#include <netdb.h>
+
+#include <common/trace.h>
+#include <common/with.h>
+#include <support/date.h>
+#include <veliaxdr/rvzd_hosts.h>
+
+using namespace velia;
+
+namespace {
+
+constexpr char subsystem[] = "clnt_list";
+constexpr char version_key[] = "-dbversion";
+constexpr char version[] = "1.0";
+constexpr size_t address_size = 1025; // as the resolver's longest name
+constexpr int entering_level = 3;
+constexpr int lines_level = 4;
+constexpr int msg_path_failed = 18;
+constexpr int msg_operation_failed = 46;
+
+struct TextItem {
+    const char *key;
+    char *clnt_hostinfo_t::*text;
+};
+
+constexpr TextItem text_items[] = {{"-hostname", &clnt_hostinfo_t::hostname},
+                                   {"-product", &clnt_hostinfo_t::product},
+                                   {"-version", &clnt_hostinfo_t::version},
+                                   {"-osname", &clnt_hostinfo_t::osname},
+                                   {"-osversion", &clnt_hostinfo_t::osversion},
+                                   {"-machine", &clnt_hostinfo_t::machine},
+                                   {"-registry_host", &clnt_hostinfo_t::registry_host},
+                                   {"-region", &clnt_hostinfo_t::region}};
+
+void write_item(FILE *stream, const char *key, const char *value) {
+    fprintf(stream, "%s=%s;", key, value);
+}
+
+ks_sockaddr_storage_t plain_address(const ks_sockaddr_storage_t &address) {
+    ks_sockaddr_storage_t plain = address;
+    if (sysutl_is_addr_v4mapped(&address)) {
+        plain = {};
+        sysutl_get_v4mapped_addr(&address, &plain.ipv4);
+    }
+    return plain;
+}
+
+// An address that cannot be written leaves an empty value, and the line is written all the same.
+void write_address(FILE *stream, const ks_sockaddr_storage_t &address) {
+    const ks_sockaddr_storage_t plain = plain_address(address);
+    char text[address_size] = "";
+    if (sysutl_host_numeric(&plain.base, sizeof text, text, 0, 0) != 0) {
+        text[0] = '\0';
+        imsg_print_shared(IMSG_ERROR, subsystem, &_tbs_cmsg_tbs_msg_table, msg_operation_failed, "sysutl_host_numeric",
+                          "Unable to resolve numeric hostname and port");
+    }
+    write_item(stream, "-address", text);
+}
+
+template <class... Arguments>
+void trace_message(int level, int position, Arguments... arguments) {
+    if (is_traced(subsystem, level))
+        imsg_print(IMSG_TRACE, &_clnt_list_rvzd_msg_table, position, arguments...);
+}
+
+tbs_status_t failed(int position, const char *path, int error_number) {
+    imsg_print(IMSG_ERROR, &_clnt_list_rvzd_msg_table, position, path, imsg_strerror(error_number));
+    return tbs_errno2status(error_number);
+}
+
+FILE *open_file(const char *path, tbs_status_t &status) {
+    FILE *stream = fopen(path, "we");
+    if (stream == nullptr) {
+        const int error_number = errno;
+        status = tbs_errno2status(error_number);
+        imsg_print_shared(IMSG_ERROR, subsystem, &_tbs_cmsg_tbs_msg_table, msg_path_failed, path,
+                          imsg_strerror(error_number));
+    }
+    return stream;
+}
+
+void write_lines(FILE *stream, uint32_t count, const clnt_entry_t *entries) {
+    clnt_list_write_header(stream);
+    for (uint32_t i = 0; i < count; ++i)
+        clnt_list_write_entry(stream, &entries[i]);
+}
+
+tbs_status_t write_file(const char *path, uint32_t count, const clnt_entry_t *entries, FILE *&stream) {
+    tbs_status_t status = TBS_ST_OK;
+    with_inhibit([&] { stream = open_file(path, status); });
+    if (stream == nullptr)
+        return status;
+    write_lines(stream, count, entries);
+    if (sysutl_fsync_fptr(stream) != 0)
+        return failed(CLNT_LIST_MSG_CANNOT_SYNC, path, errno);
+    const int error_number = with_inhibit([&] {
+        const int result = fclose(stream) == 0 ? 0 : errno;
+        stream = nullptr;
+        return result;
+    });
+    if (error_number != 0)
+        return failed(CLNT_LIST_MSG_CANNOT_CLOSE, path, error_number);
+    trace_message(lines_level, CLNT_LIST_MSG_WROTE_LINES, static_cast<int>(count), path);
+    return TBS_ST_OK;
+}
+
+} // namespace
+
+void clnt_list_write_header(FILE *stream) {
+    fprintf(stream, "%s=%s;\n", version_key, version);
+}
+
+void clnt_list_write_entry(FILE *stream, const clnt_entry_t *entry) {
+    write_address(stream, entry->address);
+    for (const auto &[key, text] : text_items)
+        if (entry->hostinfo.*text != nullptr)
+            write_item(stream, key, entry->hostinfo.*text);
+    if (entry->registry_time != 0)
+        write_item(stream, "-registry", date_fmt_token_date_time(entry->registry_time));
+    fprintf(stream, "%s\n", entry->hostinfo.options != nullptr ? entry->hostinfo.options : "");
+}
+
+tbs_status_t clnt_list_write_file(const char *path, uint32_t count, const clnt_entry_t *entries) {
+    trace_message(entering_level, CLNT_LIST_MSG_ENTERING, "clnt_list_write_file");
+    if (count == 0 || entries == nullptr || path == nullptr)
+        return TBS_ST_INVALID_ARG;
+    FILE *stream = nullptr;
+    const auto close_stream = [&] {
+        if (stream != nullptr)
+            fclose(stream);
+    };
+    return with_cleanup(
+        [&] {
+            const auto status = write_file(path, count, entries, stream);
+            close_stream();
+            return status;
+        },
+        close_stream);
+}

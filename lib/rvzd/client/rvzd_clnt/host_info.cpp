@@ -1,0 +1,170 @@
+// Who a host is: this one from what is known here, another one from its broker, whose answer stays with the cached
+// record as long as the connection does.
+#include <rvzd/client/rvzd_clnt/host_info.h>
+
+#include <cstring>
+
+#include <rvzd/client/rvzd_clnt/broker_call.h>
+#include <rvzd/client/rvzd_clnt/get_handle.h>
+#include <support/fileutl.h>
+#include <support/stg.h>
+#include <veliaxdr/rgy_site.h>
+#include <veliaxdr/rvzd_hosts.h>
+
+using namespace velia;
+using namespace velia::rvzd_clnt;
+
+namespace {
+
+constexpr int64_t question_timeout_s = 4;
+constexpr int server_side_component = 1;
+constexpr size_t checked_host_size = 256;
+constexpr char no_servers_option[] = "-no_servers";
+
+constexpr Procedure hostinfo = {RVZD_PROC_HOSTINFO, nullptr, xdr_rvzd_hostinfo_req_t, xdr_rvzd_hostinfo_reply_t};
+
+// What a question holds, and gives back on every way out.
+struct Question {
+    rvzd_handle_t *handle;
+    clnt_hostinfo_t local;
+};
+
+void give_back(Question &question) {
+    with_inhibit([&] {
+        release_local_hostinfo(question.local);
+        rvzd_free_handle(question.handle);
+        question.handle = nullptr;
+    });
+}
+
+tbs_status_t describe_this_host(Question &question, clnt_hostinfo_t &info) {
+    const auto status = clnt_list_get_local_hostinfo(&question.local);
+    if (status == TBS_ST_OK)
+        with_inhibit([&] { copy_hostinfo(question.local, info); });
+    return status;
+}
+
+// Whatever its status, the reply is what is known of the host from now on: one without information, too.
+void remember(rvzd_cached_handle_t *record, const clnt_hostinfo_t &info) {
+    if (record->hostinfo != nullptr)
+        rvzd_hostinfo_free(*record->hostinfo);
+    else
+        record->hostinfo = static_cast<clnt_hostinfo_t *>(stg_malloc(sizeof(clnt_hostinfo_t)));
+    if (record->hostinfo != nullptr)
+        copy_hostinfo(info, *record->hostinfo);
+}
+
+tbs_status_t ask_broker(rvzd_handle_t *handle, clnt_hostinfo_t &info) {
+    handle->tv_sec = question_timeout_s;
+    rvzd_hostinfo_req_t request = {};
+    rvzd_hostinfo_reply_t reply = {};
+    return broker_call(handle, hostinfo, request, reply, [&](clnt_stat outcome) -> tbs_status_t {
+        if (outcome == RPC_SUCCESS)
+            with_inhibit([&] {
+                copy_hostinfo(reply.hostinfo, info);
+                remember(handle->cached, reply.hostinfo);
+            });
+        return status_of_question(outcome, reply.header.status);
+    });
+}
+
+tbs_status_t describe_other_host(const char *host, int64_t seconds, Question &question, clnt_hostinfo_t &info) {
+    const HandleRequest wanted = {host, default_protocol(), 0, seconds, true, false, 0};
+    const auto status = rvzd_get_handle_prim_timeout_proto(wanted, &question.handle);
+    if (status != TBS_ST_OK)
+        return status;
+    const clnt_hostinfo_t *known = question.handle->cached->hostinfo;
+    if (known == nullptr)
+        return ask_broker(question.handle, info);
+    with_inhibit([&] { copy_hostinfo(*known, info); });
+    return TBS_ST_OK;
+}
+
+} // namespace
+
+void velia::rvzd_clnt::copy_hostinfo(const clnt_hostinfo_t &from, clnt_hostinfo_t &to) {
+    to = {};
+    for (const auto text : hostinfo_texts)
+        to.*text = stg_strdup(from.*text);
+}
+
+void velia::rvzd_clnt::release_local_hostinfo(clnt_hostinfo_t &info) {
+    stg_free(info.registry_host);
+    stg_free(info.reserved);
+    info = {};
+}
+
+tbs_status_t velia::rvzd_clnt::status_of_question(clnt_stat outcome, tbs_status_t reply_status) {
+    switch (outcome) {
+    case RPC_SUCCESS:
+        return reply_status;
+    case RPC_TIMEDOUT:
+        return TBS_ST_RPC_FAILED;
+    case RPC_PROCUNAVAIL:
+        return TBS_ST_UNSUPPORTED;
+    default:
+        return TBS_ST_ERROR;
+    }
+}
+
+tbs_status_t clnt_list_get_local_hostinfo(clnt_hostinfo_t *info) {
+    *info = {};
+    const char *os_name;
+    const char *os_version;
+    const char *machine;
+    if (!tbs_platform_info(&os_name, &os_version, &machine))
+        return TBS_ST_ERROR;
+    const auto lend = [](const char *text) { return const_cast<char *>(text); };
+    info->hostname = lend(sysutl_myhostname());
+    info->product = lend(tbs_product_name());
+    info->version = lend(tbs_product_version());
+    info->osname = lend(os_name);
+    info->osversion = lend(os_version);
+    info->machine = lend(machine);
+    const char *region = nullptr;
+    if (rgy_get_server_host_sil(1, 0, &info->registry_host) != TBS_ST_OK)
+        info->registry_host = nullptr;
+    else if (rgy_get_default_region(&region) == TBS_ST_OK)
+        info->region = lend(region);
+    if ((tbs_product_comp_test(server_side_component) & 1) == 0)
+        info->options = lend(no_servers_option);
+    return TBS_ST_OK;
+}
+
+tbs_status_t rvzd_hostinfo(const char *host, clnt_hostinfo_t *info) {
+    return rvzd_hostinfo_timeout(host, question_timeout_s, info);
+}
+
+tbs_status_t rvzd_hostinfo_timeout(const char *host, int64_t seconds, clnt_hostinfo_t *info) {
+    return with_lock(rvzd_call_lock, [&] {
+        Question question = {};
+        return with_cleanup(
+            [&]() -> tbs_status_t {
+                const auto status = fileutl_is_localhost(host) ? describe_this_host(question, *info)
+                                                               : describe_other_host(host, seconds, question, *info);
+                give_back(question);
+                return status;
+            },
+            [&] { give_back(question); });
+    });
+}
+
+void rvzd_hostinfo_free(clnt_hostinfo_t info) {
+    for (const auto text : hostinfo_texts)
+        stg_free(info.*text);
+}
+
+// A run of equal names succeeds once at most: the last name is remembered, its outcome is not.
+tbs_status_t rvzd_exist_check(const char *host) {
+    static char prevhost[checked_host_size];
+    return with_lock(rvzd_call_lock, [&]() -> tbs_status_t {
+        if (strlen(host) >= sizeof prevhost || strcmp(host, prevhost) == 0)
+            return TBS_ST_ERROR;
+        strcpy(prevhost, host); // NOLINT(clang-analyzer-security.insecureAPI.strcpy): measured above
+        clnt_hostinfo_t info = {};
+        if (rvzd_hostinfo(host, &info) != TBS_ST_OK)
+            return TBS_ST_ERROR;
+        rvzd_hostinfo_free(info);
+        return TBS_ST_OK;
+    });
+}

@@ -1,0 +1,159 @@
+#include <server/clients/client_file.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <unistd.h>
+
+#include <arpa/inet.h>
+
+#include <support/date.h>
+#include <support/imsg.h>
+#include <veliaxdr/rvzd_hosts.h>
+
+namespace velia::server {
+
+namespace {
+
+constexpr size_t line_length_max = 8192;
+constexpr std::string_view version_line = "-dbversion=";
+constexpr std::string_view known_version = "1.0";
+constexpr const char *subsystem = "clnt_list";
+
+struct TextKey {
+    std::string_view name;
+    ClientText text;
+};
+
+constexpr std::array text_keys = {TextKey{"-hostname", CLIENT_HOSTNAME},
+                                  TextKey{"-product", CLIENT_PRODUCT},
+                                  TextKey{"-version", CLIENT_VERSION},
+                                  TextKey{"-osname", CLIENT_OSNAME},
+                                  TextKey{"-osversion", CLIENT_OSVERSION},
+                                  TextKey{"-machine", CLIENT_MACHINE},
+                                  TextKey{"-registry_host", CLIENT_REGISTRY_HOST},
+                                  TextKey{"-region", CLIENT_REGION}};
+
+template <class... Arguments>
+void print(int severity, int position, Arguments... arguments) {
+    imsg_print(severity, &_clnt_list_rvzd_msg_table, position, arguments...);
+}
+
+// "-key=value;" off the front; false when it does not begin so.
+bool take_item(std::string_view &rest, std::string_view &key, std::string_view &value) {
+    const auto equals = rest.find('=');
+    const auto end = rest.find(';', equals == std::string_view::npos ? 0 : equals);
+    if (!rest.starts_with('-') || equals == std::string_view::npos || end == std::string_view::npos)
+        return false;
+    key = rest.substr(0, equals);
+    value = rest.substr(equals + 1, end - equals - 1);
+    if (key.find_first_of(" ;") != std::string_view::npos)
+        return false;
+    rest.remove_prefix(end + 1);
+    return true;
+}
+
+bool parse_address(std::string_view value, ks_sockaddr_storage_t &address) {
+    const std::string text(value);
+    address = {};
+    if (inet_pton(AF_INET, text.c_str(), &address.ipv4.sin_addr) == 1) {
+        address.ipv4.sin_family = AF_INET;
+        return true;
+    }
+    if (inet_pton(AF_INET6, text.c_str(), &address.ipv6.sin6_addr) != 1)
+        return false;
+    address.ipv6.sin6_family = AF_INET6;
+    return true;
+}
+
+bool take_known_item(std::string_view key, std::string_view value, Client &client) {
+    if (key == "-registry")
+        return date_str_to_time(std::string(value).c_str(), &client.registry_time) == 0;
+    const auto known =
+        std::find_if(text_keys.begin(), text_keys.end(), [&](const TextKey &row) { return row.name == key; });
+    if (known != text_keys.end())
+        client.texts[known->text] = value;
+    return known != text_keys.end();
+}
+
+void read_lines(std::istream &file, const std::string &file_name, ClientList &list) {
+    std::string line;
+    int line_number = 1;
+    int entries = 0;
+    while (std::getline(file, line)) {
+        ++line_number;
+        Client client;
+        const LineFault fault = parse_client_line(line, client);
+        if (fault == LineFault::none && list.restore(std::move(client)))
+            ++entries;
+        else
+            print(IMSG_WARNING,
+                  fault == LineFault::invalid_entry     ? CLNT_LIST_MSG_INVALID_ENTRY
+                  : fault == LineFault::invalid_address ? CLNT_LIST_MSG_INVALID_ADDRESS
+                                                        : CLNT_LIST_MSG_DUPLICATE_ADDRESS,
+                  file_name.c_str(), line_number);
+    }
+    print(IMSG_PLAIN, CLNT_LIST_MSG_READ_LINES, entries, file_name.c_str());
+}
+
+bool tell_failure(int position, const std::string &name) {
+    print(IMSG_ERROR, position, name.c_str(), imsg_strerror(errno));
+    return false;
+}
+
+} // namespace
+
+LineFault parse_client_line(std::string_view line, Client &client) {
+    std::string_view key;
+    std::string_view value;
+    if (line.size() > line_length_max || !take_item(line, key, value) || key != "-address")
+        return LineFault::invalid_entry;
+    if (!parse_address(value, client.address))
+        return LineFault::invalid_address;
+    for (std::string_view rest = line; take_item(rest, key, value); line = rest)
+        if (!take_known_item(key, value, client))
+            break;
+    client.texts[CLIENT_OPTIONS] = line; // has no key, and ends the line
+    return LineFault::none;
+}
+
+void read_client_file(const std::string &file_name, ClientList &list) {
+    std::ifstream file(file_name);
+    if (!file.is_open()) {
+        if (errno != ENOENT)
+            tell_failure(CLNT_LIST_MSG_CANNOT_OPEN, file_name);
+        return;
+    }
+    std::string line;
+    std::getline(file, line);
+    std::string_view version = line;
+    const bool has_version = version.starts_with(version_line) && version.ends_with(';');
+    version = has_version ? version.substr(version_line.size(), version.size() - version_line.size() - 1)
+                          : std::string_view("none");
+    if (version != known_version)
+        return print(IMSG_ERROR, CLNT_LIST_MSG_UNKNOWN_VERSION, std::string(version).c_str());
+    read_lines(file, file_name, list);
+}
+
+bool write_client_file(const std::string &file_name, ClientList &list) {
+    if (!list.has_changed())
+        return true;
+    const std::string new_name = file_name + ".new";
+    const std::string old_name = file_name + ".old";
+    std::vector<clnt_entry_t> entries;
+    for (const Client &client : list.clients())
+        entries.push_back(client.lend(true));
+    if (clnt_list_write_file(new_name.c_str(), static_cast<uint32_t>(entries.size()), entries.data()) != TBS_ST_OK)
+        return false; // told by the writer
+    unlink(old_name.c_str());
+    if (link(file_name.c_str(), old_name.c_str()) != 0 && errno != ENOENT)
+        tell_failure(CLNT_LIST_MSG_CANNOT_BACK_UP, file_name); // no reason to lose the new one
+    if (rename(new_name.c_str(), file_name.c_str()) != 0)
+        return tell_failure(CLNT_LIST_MSG_CANNOT_REPLACE, new_name);
+    list.note_saved();
+    return true;
+}
+
+} // namespace velia::server

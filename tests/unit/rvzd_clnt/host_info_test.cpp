@@ -1,0 +1,255 @@
+// What hosts tell of themselves, their options, and the check whether a host is there.
+#include <tests/unit/rvzd_clnt/broker_fixture.h>
+
+#include <support/stg.h>
+#include <veliaxdr/rvzd_hosts.h>
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+using testing::StrEq;
+
+class HostInfo : public BrokerTest {
+protected:
+    ~HostInfo() override { rvzd_hostinfo_free(info); }
+
+    void answer(const char *name, tbs_status_t status = TBS_ST_OK) {
+        char *text = const_cast<char *>(name);
+        rvzd_hostinfo_reply_t record = {{0, status}, {}};
+        for (char *clnt_hostinfo_t::*field : {&clnt_hostinfo_t::hostname, &clnt_hostinfo_t::osname})
+            record.hostinfo.*field = text;
+        world.peer.answer(RVZD_PROC_HOSTINFO, sim::reply(xdr_rvzd_hostinfo_reply_t, record));
+    }
+    tbs_status_t ask(const char *host) {
+        rvzd_hostinfo_free(info);
+        info = {};
+        return rvzd_hostinfo(host, &info);
+    }
+
+    clnt_hostinfo_t info = {};
+};
+
+TEST_F(HostInfo, OfThisHostMakesNoCall) {
+    ASSERT_EQ(ask("thishost"), TBS_ST_OK);
+    EXPECT_THAT(world.peer.calls, IsEmpty());
+    EXPECT_THAT(info.hostname, StrEq(sysutl_myhostname()));
+    EXPECT_THAT(info.product, StrEq(tbs_product_name()));
+    EXPECT_THAT(info.version, StrEq(tbs_product_version()));
+    const char *os_name;
+    const char *os_version;
+    const char *machine;
+    ASSERT_TRUE(tbs_platform_info(&os_name, &os_version, &machine));
+    EXPECT_THAT(info.osname, StrEq(os_name));
+    EXPECT_THAT(info.osversion, StrEq(os_version));
+    EXPECT_THAT(info.machine, StrEq(machine));
+    EXPECT_EQ(info.reserved, nullptr);
+    EXPECT_EQ(info.options, nullptr);
+    expect_lock_is_free();
+}
+
+TEST_F(HostInfo, OfThisHostNamesItsRegistryAndRegion) {
+    world.write_file("host/config/rgy_hosts.conf", "master1\nbackup1\n");
+    world.write_file("host/config/rgy_region.conf", "east\nwest\n");
+    ASSERT_EQ(ask("thishost"), TBS_ST_OK);
+    EXPECT_STREQ(info.registry_host, "master1");
+    EXPECT_STREQ(info.region, "east");
+}
+
+TEST_F(HostInfo, WithoutARegistryHostThereIsNoRegionEither) {
+    world.write_file("host/config/rgy_region.conf", "east\nwest\n");
+    ASSERT_EQ(ask("thishost"), TBS_ST_OK);
+    EXPECT_EQ(info.registry_host, nullptr);
+    EXPECT_EQ(info.region, nullptr);
+}
+
+TEST_F(HostInfo, OfAHostWithoutServersSaysSo) {
+    world.component_mask = 0;
+    ASSERT_EQ(ask("thishost"), TBS_ST_OK);
+    EXPECT_STREQ(info.options, "-no_servers");
+}
+
+TEST_F(HostInfo, OfAnotherHostIsAskedWithFourSeconds) {
+    answer("alpha");
+    ASSERT_EQ(ask("alpha"), TBS_ST_OK);
+    EXPECT_STREQ(info.hostname, "alpha");
+    EXPECT_STREQ(info.product, "");
+    ASSERT_THAT(world.peer.calls, SizeIs(2));
+    EXPECT_EQ(world.peer.calls[0].time_out_us, 4'000'000); // the contact has the time-out of the handle
+    EXPECT_EQ(world.peer.calls[1].time_out_us, 4'000'000);
+    EXPECT_EQ(rvzd_hostinfo_timeout("beta", 9, &info), TBS_ST_OK);
+    EXPECT_EQ(world.peer.calls[2].time_out_us, 9'000'000);
+    EXPECT_EQ(world.peer.calls[3].time_out_us, 4'000'000);
+}
+
+TEST_F(HostInfo, ASecondQuestionOnTheSameRecordMakesNoCall) {
+    answer("alpha");
+    ASSERT_EQ(ask("alpha"), TBS_ST_OK);
+    const size_t calls = world.peer.count(RVZD_PROC_HOSTINFO);
+    ASSERT_EQ(ask("alpha"), TBS_ST_OK);
+    EXPECT_STREQ(info.hostname, "alpha");
+    EXPECT_EQ(world.peer.count(RVZD_PROC_HOSTINFO), calls);
+}
+
+TEST_F(HostInfo, AFailureInTheReplyLeavesEmptyInformationForTheNextQuestion) {
+    answer("alpha", TBS_ST_NO_ACCESS);
+    EXPECT_EQ(ask("alpha"), TBS_ST_NO_ACCESS);
+    EXPECT_EQ(info.hostname, nullptr);
+    EXPECT_EQ(ask("alpha"), TBS_ST_OK);
+    EXPECT_EQ(info.hostname, nullptr);
+    EXPECT_EQ(world.peer.count(RVZD_PROC_HOSTINFO), 1u);
+}
+
+TEST_F(HostInfo, FailuresOfTheCallAreSilentAndHaveTheirStatus) {
+    const struct {
+        clnt_stat outcome;
+        tbs_status_t status;
+    } rows[] = {{RPC_TIMEDOUT, TBS_ST_RPC_FAILED}, {RPC_PROCUNAVAIL, TBS_ST_UNSUPPORTED}, {RPC_CANTRECV, TBS_ST_ERROR}};
+    for (const auto &row : rows) {
+        world.peer.answer(RVZD_PROC_HOSTINFO, sim::failure(row.outcome));
+        EXPECT_EQ(ask("alpha"), row.status);
+    }
+    EXPECT_THAT(world.take_messages(), IsEmpty());
+    expect_lock_is_free();
+}
+
+TEST_F(HostInfo, AnUnreachableHostIsSilentAndGivesTheHandlesStatus) {
+    EXPECT_EQ(ask("nowhere"), TBS_ST_NOT_FOUND);
+    world.peer.answer(RVZD_PROC_CONTACT, sim::silence());
+    EXPECT_EQ(ask("beta"), TBS_ST_RPC_FAILED);
+    EXPECT_THAT(world.take_messages(), IsEmpty());
+}
+
+TEST_F(HostInfo, EachFailingAllocationLeavesNothingBehind) {
+    answer("alpha");
+    ASSERT_EQ(ask("alpha"), TBS_ST_OK);
+    rvzd_hostinfo_free(info);
+    info = {};
+    const auto before = sim::Holdings::now(world);
+    sim::sweep_allocations(
+        world, [&] { rvzd_hostinfo("alpha", &info); },
+        [&](int number) {
+            rvzd_hostinfo_free(info);
+            info = {};
+            EXPECT_EQ(sim::Holdings::now(world), before) << number;
+        });
+    EXPECT_STREQ(info.hostname, "alpha");
+}
+
+TEST_F(HostInfo, ARaiseAnywhereGivesTheHandleBack) {
+    answer("alpha");
+    ASSERT_EQ(ask("alpha"), TBS_ST_OK);
+    rvzd_hostinfo_free(info);
+    info = {};
+    const auto before = sim::Holdings::now(world);
+    const int raises = sim::sweep_raises(
+        world, [&] { rvzd_hostinfo("alpha", &info); },
+        [&](int number) {
+            rvzd_hostinfo_free(info);
+            info = {};
+            EXPECT_LE(world.live_blocks(), before.blocks) << number;
+            EXPECT_LE(world.live_clients(), before.clients) << number;
+            EXPECT_GE(sim::release_lock(rvzd_call_lock), 1);
+        });
+    EXPECT_GE(raises, 3);
+}
+
+class HostOptions : public BrokerTest {
+protected:
+    tbs_status_t parse(const char *text) {
+        rvzd_hostinfo_free_opts(&options);
+        clnt_hostinfo_t info = {};
+        info.options = const_cast<char *>(text);
+        return rvzd_hostinfo_parse_opts(&info, &options);
+    }
+    ~HostOptions() override { rvzd_hostinfo_free_opts(&options); }
+
+    rvzd_hostinfo_opts_t options = {};
+};
+
+TEST_F(HostOptions, AreNoneWithoutAText) {
+    for (const char *text : {static_cast<const char *>(nullptr), ""}) {
+        options.no_servers = 7;
+        EXPECT_EQ(parse(text), TBS_ST_OK);
+        EXPECT_EQ(options.no_servers, 0);
+        EXPECT_EQ(options.rest, nullptr);
+    }
+}
+
+TEST_F(HostOptions, TheFlagAndTwoWordsAreTakenApart) {
+    ASSERT_EQ(parse("-no_servers  one   two"), TBS_ST_OK);
+    EXPECT_EQ(options.no_servers, 1);
+    EXPECT_STREQ(options.rest, "one two");
+}
+
+TEST_F(HostOptions, WordsAroundTheFlagAndUnknownFlagsAreKept) {
+    ASSERT_EQ(parse("one -strange -no_servers two"), TBS_ST_OK);
+    EXPECT_EQ(options.no_servers, 1);
+    EXPECT_STREQ(options.rest, "one -strange two");
+}
+
+TEST_F(HostOptions, TheFlagAloneLeavesNoRest) {
+    ASSERT_EQ(parse("-no_servers"), TBS_ST_OK);
+    EXPECT_EQ(options.no_servers, 1);
+    EXPECT_EQ(options.rest, nullptr);
+}
+
+TEST_F(HostOptions, ATextThatCannotBeSplitIsAnError) {
+    EXPECT_EQ(parse("-no_servers \"open"), TBS_ST_ERROR);
+}
+
+TEST_F(HostOptions, FreeingNoneIsNothing) {
+    rvzd_hostinfo_free_opts(nullptr);
+    ASSERT_EQ(parse("word"), TBS_ST_OK);
+    rvzd_hostinfo_free_opts(&options);
+    EXPECT_EQ(options.rest, nullptr);
+}
+
+TEST_F(HostOptions, EachFailingAllocationIsToldByItsStatus) {
+    const auto before = sim::Holdings::now(world);
+    tbs_status_t status = TBS_ST_OK;
+    const int failures = sim::sweep_allocations(
+        world, [&] { status = parse("-no_servers one two"); },
+        [&](int number) {
+            EXPECT_TRUE(status == TBS_ST_NO_MEMORY || status == TBS_ST_ERROR) << number;
+            EXPECT_EQ(sim::Holdings::now(world), before) << number;
+        });
+    EXPECT_GE(failures, 2);
+    EXPECT_EQ(status, TBS_ST_OK);
+}
+
+class ExistCheck : public HostInfo {};
+
+TEST_F(ExistCheck, ARunOfLikeNamesSucceedsOnce) {
+    answer("x");
+    EXPECT_EQ(rvzd_exist_check("alpha"), TBS_ST_OK);
+    const size_t calls = world.peer.calls.size();
+    EXPECT_EQ(rvzd_exist_check("alpha"), TBS_ST_ERROR);
+    EXPECT_EQ(world.peer.calls.size(), calls);
+    EXPECT_EQ(rvzd_exist_check("beta"), TBS_ST_OK);
+    EXPECT_EQ(rvzd_exist_check("alpha"), TBS_ST_OK);
+}
+
+TEST_F(ExistCheck, AHostThatFailedIsNotAskedAgainEither) {
+    EXPECT_EQ(rvzd_exist_check("nowhere"), TBS_ST_ERROR);
+    const size_t lookups = world.lookups.size();
+    EXPECT_EQ(rvzd_exist_check("nowhere"), TBS_ST_ERROR);
+    EXPECT_EQ(world.lookups.size(), lookups);
+}
+
+TEST_F(ExistCheck, TheEmptyNameAtTheStartIsAnError) {
+    EXPECT_EQ(rvzd_exist_check(""), TBS_ST_ERROR);
+    EXPECT_THAT(world.peer.calls, IsEmpty());
+}
+
+TEST_F(ExistCheck, ANameThatCannotBeRememberedIsAnErrorAndForgotten) {
+    answer("x");
+    EXPECT_EQ(rvzd_exist_check("alpha"), TBS_ST_OK);
+    EXPECT_EQ(rvzd_exist_check(std::string(256, 'h').c_str()), TBS_ST_ERROR);
+    EXPECT_EQ(rvzd_exist_check("alpha"), TBS_ST_ERROR); // it is still the last one
+    EXPECT_EQ(rvzd_exist_check(std::string(255, 'h').c_str()), TBS_ST_ERROR);
+    EXPECT_EQ(rvzd_exist_check("alpha"), TBS_ST_OK);
+}
+
+} // namespace
