@@ -79,7 +79,9 @@ int run(int argc, char **argv) {
     Settings settings;
     Command chosen;
     add_contact_command(app, settings, chosen);
-    add_server_commands(app, settings, chosen);
+    for (const auto add :
+         {add_server_commands, add_registry_commands, add_host_commands, add_client_commands, add_time_zone_command})
+        add(app, settings, chosen);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {

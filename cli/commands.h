@@ -31,6 +31,10 @@ void add_common_options(CLI::App &command, Settings &settings);
 
 void add_contact_command(CLI::App &app, Settings &settings, Command &chosen);
 void add_server_commands(CLI::App &app, Settings &settings, Command &chosen);
+void add_registry_commands(CLI::App &app, Settings &settings, Command &chosen);
+void add_host_commands(CLI::App &app, Settings &settings, Command &chosen);
+void add_client_commands(CLI::App &app, Settings &settings, Command &chosen);
+void add_time_zone_command(CLI::App &app, Settings &settings, Command &chosen);
 
 // Parses the line and runs its command.
 int run(int argc, char **argv);

@@ -19,6 +19,7 @@
 #include <time.h>
 
 #include <support/imsg.h>
+#include <veliaxdr/clnt_timezone.h>
 #include <veliaxdr/rvzd_handle.h>
 #include <veliaxdr/rvzd_wire.h>
 
@@ -91,6 +92,27 @@ void rvzd_hostinfo_free_opts(rvzd_hostinfo_opts_t *options); /* null is ignored 
  * TBS_ST_ERROR if the platform is not known.
  */
 tbs_status_t clnt_list_get_local_hostinfo(clnt_hostinfo_t *info);
+
+typedef struct rvzd_tz_info_req {
+    rvzd_hdr_req_t header;
+    int32_t year; /* counted as usual */
+} rvzd_tz_info_req_t;
+
+/* The record is there with status TBS_ST_OK only. */
+typedef struct rvzd_tz_info_reply {
+    rvzd_hdr_reply_t header;
+    clnt_tz_info_t info;
+} rvzd_tz_info_reply_t;
+
+bool_t xdr_rvzd_tz_info_req_t(XDR *xdrs, rvzd_tz_info_req_t *record);
+bool_t xdr_rvzd_tz_info_reply_t(XDR *xdrs, rvzd_tz_info_reply_t *record);
+
+/*
+ * Asks the broker of `host` for the time-zone record of its host in `year` and copies it into the caller's record
+ * **info; a null record is no failure, and nothing is copied. Waits 4 seconds at most, for the contact and for the
+ * answer each. Nothing is printed. Statuses as of rvzd_hostinfo.
+ */
+tbs_status_t rvzd_tzinfo(int32_t year, const char *host, clnt_tz_info_t **info);
 
 /*
  * One piece of a broker's client list. `first` and `second` are carried through to the broker; *position is 0 to begin

@@ -106,6 +106,19 @@ rvzd_remote_build_hi_reply_t describe_builder(const rvzd_remote_build_hi_req_t &
             lend(machine)};
 }
 
+// Of this process's zone, which is the host's.
+rvzd_tz_info_reply_t describe_time_zone(const rvzd_tz_info_req_t &request) {
+    clnt_tz_info_t *info = nullptr;
+    const auto status = clnt_tz_get_info(request.year, &info);
+    if (status == CLNT_TZ_INVALID)
+        return {reply_header(request.header, TBS_ST_INVALID_ARG), {}};
+    if (status != CLNT_TZ_OK)
+        return {reply_header(request.header, TBS_ST_ERROR), {}};
+    const rvzd_tz_info_reply_t reply = {reply_header(request.header, TBS_ST_OK), *info};
+    clnt_tz_free_info(&info);
+    return reply;
+}
+
 class Rows {
 public:
     Rows(ClientList &list, std::function<void()> on_change) : list_(list), on_change_(std::move(on_change)) {}
@@ -127,6 +140,8 @@ public:
             [](const rvzd_hostinfo_req_t &request, const Caller &) { return describe_host(request); });
         add(RVZD_PROC_REMOTE_BUILD_HI, xdr_rvzd_remote_build_hi_req_t, xdr_rvzd_remote_build_hi_reply_t,
             [](const rvzd_remote_build_hi_req_t &request, const Caller &) { return describe_builder(request); });
+        add(RVZD_PROC_TZ_INFO, xdr_rvzd_tz_info_req_t, xdr_rvzd_tz_info_reply_t,
+            [](const rvzd_tz_info_req_t &request, const Caller &) { return describe_time_zone(request); });
         return std::move(rows_);
     }
 

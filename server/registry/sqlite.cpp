@@ -1,6 +1,12 @@
 #include <server/registry/sqlite.h>
 
+#include <cerrno>
 #include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <support/imsg.h>
 
 namespace velia::server {
 
@@ -8,9 +14,18 @@ namespace {
 
 constexpr int busy_timeout_ms = 5000; // another process may set the password meanwhile
 
+// The database's other files take over the mode of this one; it holds a password's hash.
+void make_private_file(const std::string &file_name) {
+    const int fd = open(file_name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
+    if (fd < 0)
+        throw StoreError(imsg_strerror(errno));
+    close(fd);
+}
+
 } // namespace
 
 Sqlite::Sqlite(const std::string &file_name) {
+    make_private_file(file_name);
     sqlite3 *database = nullptr;
     const int result = sqlite3_open_v2(file_name.c_str(), &database,
                                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW, nullptr);

@@ -155,6 +155,50 @@ TEST_F(HostInfo, ARaiseAnywhereGivesTheHandleBack) {
     EXPECT_GE(raises, 3);
 }
 
+class TimeZoneOfAHost : public BrokerTest {
+protected:
+    void answer(tbs_status_t status) {
+        rvzd_tz_info_reply_t record = {{0, status}, {}};
+        record.info.version = CLNT_TZ_VERSION;
+        record.info.offset = -60;
+        world.peer.answer(RVZD_PROC_TZ_INFO, sim::reply(xdr_rvzd_tz_info_reply_t, record));
+    }
+
+    clnt_tz_info_t record = {};
+    clnt_tz_info_t *info = &record;
+};
+
+TEST_F(TimeZoneOfAHost, IsCopiedToTheCallersRecord) {
+    answer(TBS_ST_OK);
+    ASSERT_EQ(rvzd_tzinfo(2026, "alpha", &info), TBS_ST_OK);
+    EXPECT_EQ(record.offset, -60);
+    EXPECT_EQ(world.peer.last().decode(xdr_rvzd_tz_info_req_t).year, 2026);
+    EXPECT_EQ(world.peer.last().time_out_us, 4'000'000);
+    expect_lock_is_free();
+}
+
+TEST_F(TimeZoneOfAHost, IntoNoRecordIsNoFailure) {
+    answer(TBS_ST_OK);
+    info = nullptr;
+    EXPECT_EQ(rvzd_tzinfo(2026, "alpha", &info), TBS_ST_OK);
+}
+
+TEST_F(TimeZoneOfAHost, FailuresAreSilentAndLeaveTheRecordAlone) {
+    answer(TBS_ST_INVALID_ARG);
+    EXPECT_EQ(rvzd_tzinfo(1, "alpha", &info), TBS_ST_INVALID_ARG);
+    const struct {
+        clnt_stat outcome;
+        tbs_status_t status;
+    } rows[] = {{RPC_TIMEDOUT, TBS_ST_RPC_FAILED}, {RPC_PROCUNAVAIL, TBS_ST_UNSUPPORTED}, {RPC_CANTRECV, TBS_ST_ERROR}};
+    for (const auto &row : rows) {
+        world.peer.answer(RVZD_PROC_TZ_INFO, sim::failure(row.outcome));
+        EXPECT_EQ(rvzd_tzinfo(2026, "alpha", &info), row.status);
+    }
+    EXPECT_EQ(rvzd_tzinfo(2026, "nowhere", &info), TBS_ST_NOT_FOUND);
+    EXPECT_EQ(record.version, 0);
+    EXPECT_THAT(world.take_messages(), IsEmpty());
+}
+
 class HostOptions : public BrokerTest {
 protected:
     tbs_status_t parse(const char *text) {

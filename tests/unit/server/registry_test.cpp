@@ -258,6 +258,15 @@ TEST_F(RegistryTest, AFileThatIsNoRegistryIsRefusedAndLeftAsItIs) {
     EXPECT_EQ(line.substr(0, 7), "this is");
 }
 
+TEST_F(RegistryTest, OnlyItsOwnerReadsTheFile) {
+    ASSERT_EQ(add(RGY_DB_REGIONS, "-name=r1;"), TBS_ST_OK);
+    for (const std::string suffix : {"", "-wal", "-shm"}) {
+        using std::filesystem::perms;
+        const auto mode = std::filesystem::status(file_name() + suffix).permissions();
+        EXPECT_EQ(mode & (perms::group_all | perms::others_all), perms::none) << suffix;
+    }
+}
+
 TEST_F(RegistryTest, ASymbolicLinkInPlaceOfTheFileIsRefused) {
     const std::string link = file_name() + ".link";
     std::filesystem::create_symlink(file_name(), link);

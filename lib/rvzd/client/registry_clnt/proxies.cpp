@@ -9,7 +9,6 @@
 #include <veliaxdr/rvzd_hosts.h>
 
 using namespace velia;
-using namespace velia::registry_clnt;
 using namespace velia::rvzd_clnt;
 
 namespace {

@@ -1,0 +1,14 @@
+// Time-zone records as rows.
+#pragma once
+
+#include <cli/commands.h>
+#include <veliaxdr/clnt_timezone.h>
+
+namespace velia::cli {
+
+void print_zone(const clnt_tz_info_t &info, int32_t year, const Settings &settings);
+
+// 0 stands for the current year.
+int32_t year_or_current(int32_t year);
+
+} // namespace velia::cli
