@@ -2,7 +2,7 @@
  * The clock, and dates as text.
  *
  *     time_t due;
- *     if (date_str_to_time("2024-05-28 13:33:43", &due) == 0)
+ *     if (date_str_to_time("2024-05-28 13:33:43", &due))
  *         puts(date_fmt_token_date(due));
  *
  * A date reads "2024-05-28", a date and time "2024-05-28 13:33:43", both in the process's time zone. Years have four

@@ -70,7 +70,7 @@ bool parse_address(std::string_view value, ks_sockaddr_storage_t &address) {
 
 bool take_known_item(std::string_view key, std::string_view value, Client &client) {
     if (key == "-registry")
-        return date_str_to_time(std::string(value).c_str(), &client.registry_time) == 0;
+        return date_str_to_time(std::string(value).c_str(), &client.registry_time) != 0;
     const auto known =
         std::find_if(text_keys.begin(), text_keys.end(), [&](const TextKey &row) { return row.name == key; });
     if (known != text_keys.end())

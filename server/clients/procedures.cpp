@@ -36,6 +36,14 @@ bool can_tell(const Client &client, bool is_v70) {
     return !is_v70 || client.address.base.sa_family == AF_INET;
 }
 
+// The older form sends the IPv4 part of an address in the IPv6 form.
+clnt_entry_t lend(const Client &client, bool is_v70) {
+    clnt_entry_t entry = client.lend(false);
+    if (is_v70)
+        sysutl_set_ipv4_as_ipv6mapped(&client.address.ipv4, &entry.address);
+    return entry;
+}
+
 void take_registration(ClientList &list, const rvzd_clnt_list_register_req_t &request, const Caller &caller) {
     Client client;
     client.address = unmapped(caller.peer);
@@ -63,7 +71,7 @@ rvzd_clnt_list_get_reply_t piece_of(const ClientList &list, const rvzd_clnt_list
         const bool is_enough = request.second > 0 && entries.size() >= request.second;
         if (!entries.empty() && (bytes > bytes_max || is_enough))
             break;
-        entries.push_back(clients[at].lend(false));
+        entries.push_back(lend(clients[at], is_v70));
     }
     return {reply_header(request.header, TBS_ST_OK), static_cast<int32_t>(at),
             static_cast<tbs_boolean_t>(at >= clients.size()), static_cast<uint32_t>(entries.size()), entries.data()};
@@ -73,7 +81,7 @@ rvzd_clnt_list_lookup_reply_t look_up(const ClientList &list, const rvzd_clnt_li
     const Client *client = list.find(request.hostname != nullptr ? request.hostname : "");
     if (client == nullptr || !can_tell(*client, is_v70))
         return {reply_header(request.header, TBS_ST_NOT_FOUND), {}};
-    return {reply_header(request.header, TBS_ST_OK), client->lend(false)};
+    return {reply_header(request.header, TBS_ST_OK), lend(*client, is_v70)};
 }
 
 // Lives until the next description is made; its registry host belongs to it.

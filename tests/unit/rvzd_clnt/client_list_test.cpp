@@ -2,7 +2,9 @@
 #include <tests/unit/rvzd_clnt/broker_fixture.h>
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <filesystem>
+#include <sys/stat.h>
 
 #include <support/stg.h>
 #include <veliaxdr/rvzd_hosts.h>
@@ -23,14 +25,14 @@ clnt_entry_t entry_of(const char *address, char *name) {
     return entry;
 }
 
-class ClientList : public BrokerTest {
+class ClientListOfABroker : public BrokerTest {
 protected:
     // Two entries, in the form of the protocol that the peer speaks.
     void answer_list(bool is_v70, tbs_status_t status = TBS_ST_OK) {
         static char one[] = "one";
         static char two[] = "two";
-        clnt_entry_t entries[] = {entry_of("10.0.0.1", one), entry_of("10.0.0.2", two)};
-        rvzd_clnt_list_get_reply_t record = {{0, status}, 17, 1, 2, entries};
+        clnt_entry_t both[] = {entry_of("10.0.0.1", one), entry_of("10.0.0.2", two)};
+        rvzd_clnt_list_get_reply_t record = {{0, status}, 17, 1, 2, both};
         const auto routine = is_v70 ? xdr_rvzd_clnt_list_get_v70_reply_t : xdr_rvzd_clnt_list_get_reply_t;
         world.peer.answer(is_v70 ? RVZD_PROC_CLNT_LIST_GET_V70 : RVZD_PROC_CLNT_LIST_GET, sim::reply(routine, record));
     }
@@ -50,7 +52,7 @@ protected:
     clnt_entry_t *entries = nullptr;
 };
 
-TEST_F(ClientList, APieceIsHandedOutWithWhereToGoOn) {
+TEST_F(ClientListOfABroker, APieceIsHandedOutWithWhereToGoOn) {
     for (const bool is_v70 : {false, true}) {
         world.peer.speak(is_v70 ? 5 : 6);
         rvzd_handle_t *handle = handle_to(is_v70 ? "beta" : "alpha");
@@ -71,7 +73,7 @@ TEST_F(ClientList, APieceIsHandedOutWithWhereToGoOn) {
     }
 }
 
-TEST_F(ClientList, FailedCallsAreToldUnderTheNameOfTheirForm) {
+TEST_F(ClientListOfABroker, FailedCallsAreToldUnderTheNameOfTheirForm) {
     rvzd_handle_t *handle = handle_to("alpha");
     world.peer.answer(RVZD_PROC_CLNT_LIST_GET, sim::silence());
     EXPECT_EQ(get(handle), TBS_ST_RPC_FAILED);
@@ -86,7 +88,7 @@ TEST_F(ClientList, FailedCallsAreToldUnderTheNameOfTheirForm) {
     rvzd_free_handle(old_handle);
 }
 
-TEST_F(ClientList, AFailureInTheReplyLeavesTheOutsAlone) {
+TEST_F(ClientListOfABroker, AFailureInTheReplyLeavesTheOutsAlone) {
     rvzd_handle_t *handle = handle_to("alpha");
     answer_list(false, TBS_ST_NO_ACCESS);
     EXPECT_EQ(get(handle), TBS_ST_NO_ACCESS);
@@ -95,7 +97,7 @@ TEST_F(ClientList, AFailureInTheReplyLeavesTheOutsAlone) {
     rvzd_free_handle(handle);
 }
 
-TEST_F(ClientList, GivingEntriesBackReleasesNothingOfThem) {
+TEST_F(ClientListOfABroker, GivingEntriesBackReleasesNothingOfThem) {
     rvzd_handle_t *handle = handle_to("alpha");
     answer_list(false);
     ASSERT_EQ(get(handle), TBS_ST_OK);
@@ -109,7 +111,7 @@ TEST_F(ClientList, GivingEntriesBackReleasesNothingOfThem) {
     rvzd_free_handle(handle);
 }
 
-TEST_F(ClientList, ARaiseAnywhereReleasesAnUndeliveredPiece) {
+TEST_F(ClientListOfABroker, ARaiseAnywhereReleasesAnUndeliveredPiece) {
     rvzd_handle_t *handle = handle_to("alpha");
     answer_list(false);
     const auto before = sim::Holdings::now(world);
@@ -124,7 +126,7 @@ TEST_F(ClientList, ARaiseAnywhereReleasesAnUndeliveredPiece) {
     rvzd_free_handle(handle);
 }
 
-TEST_F(ClientList, AReplyCutOffAtAnyByteLeavesNothingBehind) {
+TEST_F(ClientListOfABroker, AReplyCutOffAtAnyByteLeavesNothingBehind) {
     rvzd_handle_t *handle = handle_to("alpha");
     answer_list(false);
     ASSERT_EQ(get(handle), TBS_ST_OK);
@@ -143,12 +145,16 @@ TEST_F(ClientList, AReplyCutOffAtAnyByteLeavesNothingBehind) {
     rvzd_free_handle(handle);
 }
 
-TEST_F(ClientList, LookUpHandsTheEntryOut) {
+TEST_F(ClientListOfABroker, LookUpHandsTheEntryOut) {
     char name[] = "pluto";
     for (const bool is_v70 : {false, true}) {
         world.peer.speak(is_v70 ? 5 : 6);
         rvzd_handle_t *handle = handle_to(is_v70 ? "beta" : "alpha");
-        const rvzd_clnt_list_lookup_reply_t record = {{0, TBS_ST_OK}, entry_of("10.0.0.9", name)};
+        rvzd_clnt_list_lookup_reply_t record = {{0, TBS_ST_OK}, entry_of("10.0.0.9", name)};
+        const ks_sockaddr_storage_t plain = record.entry.address;
+        // The older form sends what is in the IPv6 form, and gives it back so.
+        if (is_v70)
+            sysutl_set_ipv4_as_ipv6mapped(&plain.ipv4, &record.entry.address);
         world.peer.answer(
             is_v70 ? RVZD_PROC_CLNT_LIST_LOOKUP_V70 : RVZD_PROC_CLNT_LIST_LOOKUP,
             sim::reply(is_v70 ? xdr_rvzd_clnt_list_lookup_v70_reply_t : xdr_rvzd_clnt_list_lookup_reply_t, record));
@@ -156,14 +162,14 @@ TEST_F(ClientList, LookUpHandsTheEntryOut) {
         const auto before = sim::Holdings::now(world);
         ASSERT_EQ(rvzd_clnt_list_lookup(handle, "pluto", &entry), TBS_ST_OK);
         EXPECT_STREQ(entry.hostinfo.hostname, "pluto");
-        EXPECT_EQ(entry.address.ipv4.sin_addr.s_addr, htonl(0x0a000009));
+        EXPECT_EQ(memcmp(&entry.address, &record.entry.address, sizeof entry.address), 0);
         rvzd_clnt_list_lookup_free(handle, &entry);
         EXPECT_EQ(sim::Holdings::now(world), before);
         rvzd_free_handle(handle);
     }
 }
 
-TEST_F(ClientList, FailuresOfTheLookUpAreSilent) {
+TEST_F(ClientListOfABroker, FailuresOfTheLookUpAreSilent) {
     rvzd_handle_t *handle = handle_to("alpha");
     clnt_entry_t entry = {};
     world.peer.answer(RVZD_PROC_CLNT_LIST_LOOKUP, sim::failure(RPC_PROCUNAVAIL));
@@ -182,6 +188,7 @@ TEST_F(ClientList, FailuresOfTheLookUpAreSilent) {
 class Registration : public BrokerTest {
 protected:
     Registration() {
+        world.write_file("host/config/rgy_region.conf", "east\n"); // and so its directory is there
         world.peer.answer(RVZD_PROC_CLNT_LIST_REGISTER,
                           sim::reply(xdr_rvzd_null_reply_t, rvzd_null_reply_t{{0, TBS_ST_OK}}));
     }

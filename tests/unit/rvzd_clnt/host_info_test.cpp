@@ -78,6 +78,7 @@ TEST_F(HostInfo, OfAnotherHostIsAskedWithFourSeconds) {
     ASSERT_THAT(world.peer.calls, SizeIs(2));
     EXPECT_EQ(world.peer.calls[0].time_out_us, 4'000'000); // the contact has the time-out of the handle
     EXPECT_EQ(world.peer.calls[1].time_out_us, 4'000'000);
+    rvzd_hostinfo_free(info);
     EXPECT_EQ(rvzd_hostinfo_timeout("beta", 9, &info), TBS_ST_OK);
     EXPECT_EQ(world.peer.calls[2].time_out_us, 9'000'000);
     EXPECT_EQ(world.peer.calls[3].time_out_us, 4'000'000);
@@ -158,10 +159,10 @@ TEST_F(HostInfo, ARaiseAnywhereGivesTheHandleBack) {
 class TimeZoneOfAHost : public BrokerTest {
 protected:
     void answer(tbs_status_t status) {
-        rvzd_tz_info_reply_t record = {{0, status}, {}};
-        record.info.version = CLNT_TZ_VERSION;
-        record.info.offset = -60;
-        world.peer.answer(RVZD_PROC_TZ_INFO, sim::reply(xdr_rvzd_tz_info_reply_t, record));
+        rvzd_tz_info_reply_t sent = {{0, status}, {}};
+        sent.info.version = CLNT_TZ_VERSION;
+        sent.info.offset = -60;
+        world.peer.answer(RVZD_PROC_TZ_INFO, sim::reply(xdr_rvzd_tz_info_reply_t, sent));
     }
 
     clnt_tz_info_t record = {};
@@ -259,7 +260,7 @@ TEST_F(HostOptions, EachFailingAllocationIsToldByItsStatus) {
             EXPECT_TRUE(status == TBS_ST_NO_MEMORY || status == TBS_ST_ERROR) << number;
             EXPECT_EQ(sim::Holdings::now(world), before) << number;
         });
-    EXPECT_GE(failures, 2);
+    EXPECT_GE(failures, 1); // of the rest; the area has storage of its own
     EXPECT_EQ(status, TBS_ST_OK);
 }
 

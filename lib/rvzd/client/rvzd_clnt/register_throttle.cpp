@@ -30,8 +30,7 @@ bool path_of_note(const char *kind, const char *key, char (&path)[TBS_PATH_SIZE]
 
 // A file of its own for each process until it is renamed.
 bool path_of_new_note(const char *path, char (&new_path)[TBS_PATH_SIZE]) {
-    const int length = strutl_snprintf(new_path, sizeof new_path, "%s.%d", path, static_cast<int>(getpid()));
-    return length > 0 && static_cast<size_t>(length) < sizeof new_path;
+    return strutl_snprintf(new_path, sizeof new_path, "%s.%d", path, static_cast<int>(getpid())) == 0;
 }
 
 // The library's clock, not the file system's, so that both sides of the comparison are one clock.

@@ -1,0 +1,199 @@
+// The daemon's client list: what is entered, what a file says, and what is left of a bad one.
+#include <arpa/inet.h>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <server/clients/client_file.h>
+
+using namespace velia::server;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+namespace {
+
+Client client_at(const char *ipv4, const std::string &name) {
+    Client client;
+    client.address.ipv4.sin_family = AF_INET;
+    inet_pton(AF_INET, ipv4, &client.address.ipv4.sin_addr);
+    client.texts[CLIENT_HOSTNAME] = name;
+    return client;
+}
+
+class ClientFile : public testing::Test {
+protected:
+    ClientFile() {
+        std::string name = (std::filesystem::temp_directory_path() / "velia-clients-XXXXXX").string();
+        directory_ = mkdtemp(name.data());
+    }
+    ~ClientFile() override { std::filesystem::remove_all(directory_); }
+
+    std::string name() const { return directory_ / "clients"; }
+    void write(const std::string &text) const { std::ofstream(name()) << text; }
+    static std::string text_of(const std::string &file_name) {
+        std::ostringstream text;
+        text << std::ifstream(file_name).rdbuf();
+        return text.str();
+    }
+    // What is printed while the file is read.
+    std::string read(ClientList &list) const {
+        testing::internal::CaptureStderr();
+        testing::internal::CaptureStdout();
+        read_client_file(name(), list);
+        testing::internal::GetCapturedStdout();
+        return testing::internal::GetCapturedStderr();
+    }
+
+private:
+    std::filesystem::path directory_;
+};
+
+} // namespace
+
+TEST(ClientTable, AnAddressThatComesAgainIsUpdatedInItsPlace) {
+    ClientList list;
+    EXPECT_TRUE(list.enter(client_at("10.0.0.1", "one")));
+    EXPECT_TRUE(list.enter(client_at("10.0.0.2", "two")));
+    EXPECT_TRUE(list.enter(client_at("10.0.0.1", "renamed")));
+    ASSERT_THAT(list.clients(), SizeIs(2));
+    EXPECT_EQ(list.clients()[0].texts[CLIENT_HOSTNAME], "renamed");
+    EXPECT_TRUE(list.has_changed());
+}
+
+TEST(ClientTable, IsBounded) {
+    ClientList list;
+    for (uint32_t i = 0; i < CLIENTS_MAX; ++i) {
+        Client client = client_at("10.0.0.0", "x");
+        client.address.ipv4.sin_addr.s_addr = htonl(0x0a000000 + i);
+        ASSERT_TRUE(list.enter(client));
+    }
+    EXPECT_FALSE(list.enter(client_at("192.168.0.1", "late")));
+    EXPECT_TRUE(list.enter(client_at("10.0.0.1", "known")));
+    EXPECT_THAT(list.clients(), SizeIs(CLIENTS_MAX));
+}
+
+TEST(ClientTable, FindsByNameInAnyCase) {
+    ClientList list;
+    list.enter(client_at("10.0.0.1", "Pluto"));
+    ASSERT_NE(list.find("pLUTO"), nullptr);
+    EXPECT_EQ(list.find("plut"), nullptr);
+}
+
+TEST(ClientTable, WhatAStrangerSaysFitsALineOfTheFile) {
+    char bad[] = "a;b\nc=d";
+    char options[] = "-no_servers;x\ty";
+    clnt_hostinfo_t info = {};
+    info.hostname = bad;
+    info.options = options;
+    const std::string long_text(1000, 'x');
+    info.region = const_cast<char *>(long_text.c_str());
+    Client client;
+    take_texts(info, client);
+    EXPECT_EQ(client.texts[CLIENT_HOSTNAME], "a?b?c=d");
+    EXPECT_EQ(client.texts[CLIENT_OPTIONS], "-no_servers;x?y");
+    EXPECT_THAT(client.texts[CLIENT_REGION], SizeIs(255));
+    EXPECT_EQ(client.texts[CLIENT_PRODUCT], "");
+}
+
+TEST_F(ClientFile, WhatWasWrittenIsReadBack) {
+    ClientList list;
+    Client whole = client_at("10.0.0.1", "one");
+    for (size_t i = CLIENT_PRODUCT; i <= CLIENT_REGION; ++i)
+        whole.texts[i] = "text" + std::to_string(i);
+    whole.texts[CLIENT_OPTIONS] = "-no_servers two=words; more";
+    whole.registry_time = 1'700'000'000;
+    list.enter(whole);
+    Client six;
+    six.address.ipv6.sin6_family = AF_INET6;
+    inet_pton(AF_INET6, "fd00::7", &six.address.ipv6.sin6_addr);
+    list.enter(six);
+    ASSERT_TRUE(write_client_file(name(), list));
+    EXPECT_FALSE(list.has_changed());
+
+    ClientList again;
+    EXPECT_EQ(read(again), "");
+    ASSERT_THAT(again.clients(), SizeIs(2));
+    for (size_t i = 0; i < CLIENT_TEXT_COUNT; ++i)
+        EXPECT_EQ(again.clients()[0].texts[i], whole.texts[i]) << i;
+    EXPECT_EQ(again.clients()[0].registry_time, whole.registry_time);
+    EXPECT_EQ(numeric_address(again.clients()[1].address), "fd00::7");
+    EXPECT_FALSE(again.has_changed());
+}
+
+TEST_F(ClientFile, TheOneBeforeIsKeptAndNoMore) {
+    ClientList list;
+    for (const char *host : {"one", "two", "three"}) {
+        list.enter(client_at("10.0.0.1", host));
+        ASSERT_TRUE(write_client_file(name(), list));
+    }
+    EXPECT_THAT(text_of(name()), HasSubstr("three"));
+    EXPECT_THAT(text_of(name() + ".old"), HasSubstr("two"));
+    EXPECT_FALSE(std::filesystem::exists(name() + ".new"));
+}
+
+TEST_F(ClientFile, AnUnchangedListIsNotWritten) {
+    ClientList list;
+    EXPECT_TRUE(write_client_file(name(), list));
+    EXPECT_FALSE(std::filesystem::exists(name()));
+}
+
+TEST_F(ClientFile, AWriteThatFailsLeavesTheFileAndTheChange) {
+    ClientList list;
+    list.enter(client_at("10.0.0.1", "one"));
+    std::filesystem::create_directory(name());
+    std::ofstream(name() + "/inside") << "x";
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(write_client_file(name(), list));
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr(name()));
+    EXPECT_TRUE(list.has_changed());
+}
+
+TEST_F(ClientFile, BadLinesAreToldAndTheOthersCount) {
+    write("-dbversion=1.0;\n"
+          "-address=10.0.0.1;-hostname=one;\n"
+          "nonsense\n"
+          "-address=10.0.0.999;-hostname=x;\n"
+          "-hostname=no-address;\n"
+          "-address=10.0.0.1;-hostname=again;\n"
+          "-address=10.0.0.2;-hostname=two;\n");
+    ClientList list;
+    const std::string told = read(list);
+    ASSERT_THAT(list.clients(), SizeIs(2));
+    EXPECT_EQ(list.clients()[0].texts[CLIENT_HOSTNAME], "one");
+    EXPECT_EQ(list.clients()[1].texts[CLIENT_HOSTNAME], "two");
+    const std::string file = "file \"" + name() + "\", line ";
+    EXPECT_THAT(told, HasSubstr("Invalid entry, " + file + "3"));
+    EXPECT_THAT(told, HasSubstr("Invalid address format, " + file + "4"));
+    EXPECT_THAT(told, HasSubstr("Invalid entry, " + file + "5"));
+    EXPECT_THAT(told, HasSubstr("Duplicate address found, " + file + "6"));
+}
+
+TEST_F(ClientFile, OfAnUnknownVersionIsNotRead) {
+    for (const std::string first : {"-dbversion=2.0;", "-dbversion=1.0", "", "-address=10.0.0.1;"}) {
+        write(first + "\n-address=10.0.0.1;\n");
+        ClientList list;
+        EXPECT_THAT(read(list), HasSubstr("unknown, not reading")) << first;
+        EXPECT_THAT(list.clients(), IsEmpty());
+    }
+}
+
+TEST_F(ClientFile, ThatIsMissingIsAnEmptyList) {
+    ClientList list;
+    EXPECT_EQ(read(list), "");
+    EXPECT_THAT(list.clients(), IsEmpty());
+}
+
+TEST_F(ClientFile, CutOffAtAnyByteGivesNoMoreThanItHolds) {
+    const std::string whole = "-dbversion=1.0;\n-address=10.0.0.1;-hostname=one;-registry=2024-05-28 13:33:43;words\n"
+                              "-address=fd00::1;-region=r;\n";
+    for (size_t length = 0; length <= whole.size(); ++length) {
+        write(whole.substr(0, length));
+        ClientList list;
+        read(list);
+        EXPECT_LE(list.clients().size(), 2u);
+    }
+}
