@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Watch it work: one daemon, one server that it starts on demand, one client, all on loopback and without privileges.
+# Watch it work on loopback and without privileges: a daemon, a server that it starts on demand and a client; then a
+# site of three hosts with a registry.
 #
 # usage: samples/demo.sh BUILD_FOLDER
 set -euo pipefail
@@ -9,6 +10,7 @@ PATH=$build/server:$build/cli:$build/samples:$PATH
 root=$(mktemp -d "${TMPDIR:-/tmp}/velia-demo-XXXXXX")
 export VELIA_ROOT=$root VELIA_HOSTNAME=demo-host
 daemon_pid=
+daemon_pids=()
 
 step() { printf '\n\033[1m%s\033[0m\n' "$*"; }
 run() {
@@ -19,6 +21,10 @@ run() {
 end() {
     [ -z "$daemon_pid" ] || kill "$daemon_pid" 2>/dev/null || true
     [ -z "$daemon_pid" ] || wait "$daemon_pid" 2>/dev/null || true
+    for pid in ${daemon_pids[@]+"${daemon_pids[@]}"}; do
+        kill "$pid" 2>/dev/null || true
+        wait "$pid" 2>/dev/null || true
+    done
     rm -rf "$root"
 }
 trap end EXIT
@@ -78,4 +84,78 @@ if pgrep -f "^$build/samples/velia-sample-server" >/dev/null; then
     exit 1
 fi
 echo "  both are gone"
-step "Done: handle, look-up, start on demand, connection and answer, all for real."
+unset VELIA_ROOT VELIA_HOSTNAME
+
+step "8. A site of three hosts on loopback: a master registry, its standby, and a client"
+make_host() { # name, role or nothing
+    mkdir -p "$root/$1"/host/{config,priv,data} "$root/$1/log"
+    ln -s "$root/config" "$root/$1/config"
+    printf 'master\nstandby\n' >"$root/$1/host/config/rgy_hosts.conf"
+    printf 'east\nwest\n' >"$root/$1/host/config/rgy_region.conf"
+    : >"$root/$1/host/config/rvzd_server.conf"
+    [ -z "${2:-}" ] || printf '%s' "$2" >"$root/$1/host/config/rgy_svr.conf"
+}
+printf 'master 127.0.0.2\nstandby 127.0.0.3\nclient 127.0.0.4\nother 127.0.0.5\n' >"$root/config/hosts.conf"
+make_host master master
+make_host standby standby
+make_host client
+make_host other
+on() { # host, command: as a process of that host
+    local host=$1
+    shift
+    printf '  %s$ %s\n' "$host" "$*"
+    VELIA_ROOT=$root/$host VELIA_HOSTNAME=$host TZ=Europe/Berlin "$@" 2>&1 | sed 's/^/    /'
+}
+start_daemon() { # host, address, descriptor
+    mkfifo "$root/$1/ready"
+    VELIA_ROOT=$root/$1 VELIA_HOSTNAME=$1 TZ=Europe/Berlin rvzd_server --foreground --listen "$2" --ready-fd 9 \
+        9>"$root/$1/ready" >"$root/$1/daemon.log" 2>&1 &
+    daemon_pids+=($!)
+    read -r -t 10 ready <"$root/$1/ready" || { echo "the daemon of $1 did not come up:"; cat "$root/$1/daemon.log"; exit 1; }
+    echo "  the daemon of $1 listens on $2"
+}
+start_daemon master 127.0.0.2
+start_daemon standby 127.0.0.3
+on master veliactl registry role
+on client veliactl registry hosts
+on client veliactl registry region
+
+step "9. Regions, tags and an object are added; what stands there already is refused"
+on client veliactl registry add regions name=east "title=The eastern lab" --dry-run
+on client veliactl registry add regions name=east "title=The eastern lab" --no-headers
+for name in src doc tools; do
+    on client veliactl registry add vault_tag "tag=/vaults/$name" region=east hostname=client attributes=poolmap=/x,ro --no-headers
+done
+on client veliactl registry add vault_object vault_replica=0b5f8a52-7d1a-4c39-9d54-1a2b3c4d5e6f hostname=client --no-headers
+on client veliactl registry add regions name=east --no-headers || true
+
+step "10. They are found by string, uuid, attribute and pattern, and listed two at a time through a cursor"
+on client veliactl registry find vault_tag --string tag=/vaults/doc
+on client veliactl registry find vault_object --uuid vault_replica=0b5f8a52-7d1a-4c39-9d54-1a2b3c4d5e6f --no-headers
+on client veliactl registry find vault_tag --attr attributes:poolmap=/x --no-headers
+on client veliactl registry find vault_tag --pattern '/vaults/[st]*' --output json
+on client veliactl registry list vault_tag --batch 2 --no-headers
+
+step "11. The read cache answers the same question from memory"
+on client veliactl registry stats regions --string name=east --times 1000
+
+step "12. One client changes a record, and the other sees it"
+on other veliactl registry remove vault_tag --string tag=/vaults/doc
+on other veliactl registry add vault_tag tag=/vaults/doc region=east hostname=other --no-headers
+on client veliactl registry find vault_tag --string tag=/vaults/doc --no-headers
+on client veliactl registry dbs
+
+step "13. What the master tells of itself and of its clients"
+on client veliactl host info master --output json
+on client veliactl host tz master 2026
+on client veliactl clients list master
+sed -n '1,12p' "$root/master/daemon.log" | sed 's/^/    /'
+
+step "14. The master is killed and comes back: nothing that was acknowledged is lost"
+kill -9 "${daemon_pids[0]}"
+wait "${daemon_pids[0]}" 2>/dev/null || true
+rm "$root/master/ready"
+start_daemon master 127.0.0.2
+on client veliactl registry list vault_tag --no-headers
+
+step "Done: handle, look-up, start on demand, connection and answer; registry, cache and clients; all for real."

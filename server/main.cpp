@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <exception>
 #include <fcntl.h>
+#include <iostream>
+#include <string>
 
 #include <arpa/inet.h>
 #include <sys/stat.h>
@@ -13,6 +15,7 @@
 #include <server/daemon/command_line.h>
 #include <server/daemon/daemon.h>
 #include <server/messages.h>
+#include <server/registry/service.h>
 #include <support/ks.h>
 #include <veliaxdr/rvzd_socket.h>
 
@@ -107,7 +110,26 @@ void make_absolute(std::string &path) {
     free(directory);
 }
 
+// The running daemon looks at the database for each question, so the new password counts at once.
+int set_registry_password() {
+    std::string password;
+    if (isatty(STDIN_FILENO) != 0) {
+        std::array<char, IMSG_PASSWORD_SIZE> typed;
+        if (imsg_prompt_password("Registry password: ", typed.data()) != IMSG_PASSWORD_ENTERED)
+            return EXIT_FAILURE;
+        password = typed.data();
+    } else {
+        std::getline(std::cin, password);
+    }
+    bool is_new = false;
+    const auto store = open_sqlite_store(registry_file(), is_new);
+    Registry(*store).set_password(password);
+    return EXIT_SUCCESS;
+}
+
 int run(CommandLine &line) {
+    if (line.set_registry_password)
+        return set_registry_password();
     make_absolute(line.config_file);
     make_absolute(line.pid_file);
     const auto read = read_configuration(line.config_file, system_names());

@@ -63,6 +63,8 @@ void declare(CLI::App &app, CommandLine &line) {
     app.add_option("--log-file", line.log_file, "log file, in the log directory unless it is a path")
         ->type_name("FILE");
     app.add_flag("--rpcbind", line.rpcbind, "register with rpcbind");
+    app.add_flag("--set-registry-password", line.set_registry_password,
+                 "read the registry's password from standard input, keep its hash, and end; an empty one removes it");
     app.set_version_flag("--version", version_line());
     app.footer(footer);
 }

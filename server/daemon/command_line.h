@@ -16,6 +16,7 @@ struct CommandLine {
     int ready_fd = -1;
     bool foreground = false;
     bool rpcbind = false;
+    bool set_registry_password = false;
 };
 
 enum { EXIT_USAGE = 2 };

@@ -22,7 +22,6 @@ constexpr uint64_t stop_grace_ms = 5000; // for servers to end by their lifeline
 constexpr uint64_t kill_grace_ms = 2000;
 constexpr uint64_t save_delay_ms = 1000; // clients that come together are written together
 constexpr const char *client_file_name = "clients";
-constexpr const char *registry_file_name = "registry.db";
 
 // Data that only this daemon reads and writes.
 std::string private_file(const char *name) {
@@ -79,7 +78,7 @@ void Daemon::take_role() {
     if (rgy_get_svr_type() == RGY_SVR_NONE)
         registry_.close();
     else
-        registry_.open(private_file(registry_file_name));
+        registry_.open(registry_file());
 }
 
 // At the first change, and not put off by those that follow.

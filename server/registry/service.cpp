@@ -1,5 +1,6 @@
 #include <server/registry/service.h>
 
+#include <array>
 #include <ctime>
 
 #include <support/date.h>
@@ -27,6 +28,11 @@ void print(int severity, int position, Arguments... arguments) {
 }
 
 } // namespace
+
+std::string registry_file() {
+    std::array<char, TBS_PATH_SIZE> path;
+    return tbs_product_host_priv_dir(path.data(), "registry.db") == TBS_ST_OK ? path.data() : "";
+}
 
 bool RegistryService::open(const std::string &file_name) {
     if (registry_ != nullptr && file_name == file_name_)

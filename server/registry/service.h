@@ -8,6 +8,9 @@
 
 namespace velia::server {
 
+// Where the registry of this host is, whether it is there or not.
+std::string registry_file();
+
 class RegistryService {
 public:
     // Opens the registry in `file_name`. False, and told, when that fails; an open one is then kept.

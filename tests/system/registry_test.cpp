@@ -1,0 +1,365 @@
+// The registry against a real daemon and its database: batches, updates of many at once, kills, loss.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include <tests/system/support/daemon.h>
+#include <tests/system/support/lossy_relay.h>
+#include <veliaxdr/rgy_fetch.h>
+#include <veliaxdr/rgy_site.h>
+#include <veliaxdr/rgy_wire.h>
+#include <veliaxdr/rvzd_hosts.h>
+
+using namespace velia::system_test;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+namespace {
+
+constexpr int tries_max = 200;
+
+struct Registry : testing::Test {
+    Site site;
+    std::unique_ptr<Daemon> daemon;
+
+    void SetUp() override {
+        site.write("host/config/rgy_svr.conf", "master");
+        site.write("host/config/rgy_hosts.conf", "alpha\n\n");
+        site.configure("");
+        start();
+    }
+    void start(std::vector<std::string> arguments = {}) {
+        daemon = std::make_unique<Daemon>(site, std::move(arguments));
+        ASSERT_TRUE(daemon->is_ready()) << daemon->output();
+    }
+    void kill_daemon() {
+        daemon->signal(SIGKILL);
+        daemon->wait();
+    }
+};
+
+struct FreeHandle {
+    void operator()(rvzd_handle_t *handle) const { rvzd_free_handle(handle); }
+};
+using OwnedHandle = std::unique_ptr<rvzd_handle_t, FreeHandle>;
+
+OwnedHandle own_handle(const char *host, uint32_t prim = 1) {
+    rvzd_handle_t *handle = nullptr;
+    rvzd_get_handle_prim(host, prim, &handle);
+    return OwnedHandle(handle);
+}
+
+// Adds with the stamps of the moment, again and again while somebody else is quicker.
+tbs_status_t add(rgy_db_t db, const std::string &text, const char *host = "alpha", int *stale_answers = nullptr) {
+    for (int tries = 0; tries < tries_max; ++tries) {
+        const auto handle = own_handle(host);
+        if (handle == nullptr)
+            return TBS_ST_NO_SERVER;
+        rgy_dtm_pair_t stamps = {};
+        auto status = rvzd_rgy_get_id(handle.get(), db, RGY_PROTOCOL_VERSION, &stamps);
+        if (status == TBS_ST_OK)
+            status = rvzd_rgy_add_entry(handle.get(), db, RGY_PROTOCOL_VERSION, &stamps, text.c_str());
+        if (status != TBS_ST_STALE_ID)
+            return status;
+        if (stale_answers != nullptr)
+            ++*stale_answers;
+    }
+    return TBS_ST_STALE_ID;
+}
+
+std::string text_of(const rgy_entry_t *entry, uint32_t item) {
+    const char *text = nullptr;
+    return rgy_getstring_from_entry_const(entry, item, &text) == TBS_ST_OK ? text : "";
+}
+
+// The names of all entries of a database, in the order in which they come; nothing when the scan fails.
+std::optional<std::vector<std::string>> names_of(rgy_db_t db, int64_t batch = 100, const char *host = nullptr) {
+    std::vector<std::string> names;
+    std::vector<rgy_entry_t *> entries(static_cast<size_t>(batch));
+    rgy_cursor_t *cursor = nullptr;
+    do {
+        int64_t count = 0;
+        if (rgy_get_entry(db, host, nullptr, &cursor, batch, entries.data(), &count) != TBS_ST_OK) {
+            rgy_close_cursor(&cursor);
+            return std::nullopt;
+        }
+        for (size_t i = 0; cursor != nullptr && i < static_cast<size_t>(count); ++i) {
+            names.push_back(text_of(entries[i], RGY_ITEM_NAME));
+            rgy_delete_entry(&entries[i]);
+        }
+    } while (cursor != nullptr);
+    return names;
+}
+
+std::string name_entry(const std::string &name) {
+    return "-name=" + name + ";";
+}
+
+} // namespace
+
+TEST_F(Registry, AnEmptyDatabaseIsOneCallAndNoCursor) {
+    rgy_cursor_t *cursor = nullptr;
+    rgy_entry_t *entry = nullptr;
+    int64_t count = 7;
+    EXPECT_EQ(rgy_get_entry(RGY_DB_REGIONS, nullptr, nullptr, &cursor, 1, &entry, &count), TBS_ST_OK);
+    EXPECT_EQ(count, 0);
+    EXPECT_EQ(cursor, nullptr);
+}
+
+TEST_F(Registry, WhatWasAddedIsFoundByEachWay) {
+    ASSERT_EQ(add(RGY_DB_VAULT_TAG, "-tag=/vaults/src;-region=east;-hostname=build7;-attributes=poolmap=/x,ro;"
+                                    "-vault_replica=0b5f8a52-7d1a-4c39-9d54-1a2b3c4d5e6f;"),
+              TBS_ST_OK);
+    char buffer[64];
+    int32_t ambiguous = 7;
+    EXPECT_EQ(rgy_getstring_by_string(RGY_DB_VAULT_TAG, nullptr, "east", RGY_ITEM_TAG, "/vaults/src", RGY_ITEM_HOSTNAME,
+                                      sizeof buffer, buffer, &ambiguous),
+              TBS_ST_OK);
+    EXPECT_STREQ(buffer, "build7");
+    EXPECT_EQ(ambiguous, 0);
+    tbs_uuid_t uuid;
+    ASSERT_EQ(tbs_str_to_uuid("0b5f8a52-7d1a-4c39-9d54-1a2b3c4d5e6f", &uuid), TBS_ST_OK);
+    EXPECT_EQ(rgy_getstring_by_uuid(RGY_DB_VAULT_TAG, nullptr, nullptr, RGY_ITEM_VAULT_REPLICA, &uuid, RGY_ITEM_TAG,
+                                    sizeof buffer, buffer, &ambiguous),
+              TBS_ST_OK);
+    EXPECT_STREQ(buffer, "/vaults/src");
+    EXPECT_EQ(rgy_getstring_by_string(RGY_DB_VAULT_TAG, nullptr, "west", RGY_ITEM_TAG, "/vaults/src", RGY_ITEM_HOSTNAME,
+                                      sizeof buffer, buffer, &ambiguous),
+              TBS_ST_NOT_FOUND);
+    rgy_cursor_t *cursor = nullptr;
+    rgy_entry_t *entries[2] = {};
+    int64_t count = 0;
+    EXPECT_EQ(rgy_findbyattr_entry(RGY_DB_VAULT_TAG, nullptr, nullptr, RGY_ITEM_ATTRIBUTES, "poolmap", "/x", &cursor, 2,
+                                   entries, &count),
+              TBS_ST_OK);
+    ASSERT_EQ(count, 1);
+    rgy_delete_entry(&entries[0]);
+    rgy_close_cursor(&cursor);
+    const char *patterns[] = {"/vaults/s*"};
+    EXPECT_EQ(rgy_get_pattern_entry(RGY_DB_VAULT_TAG, nullptr, nullptr, patterns, 1, &cursor, 2, entries, &count),
+              TBS_ST_OK);
+    ASSERT_EQ(count, 1);
+    rgy_delete_entry(&entries[0]);
+    rgy_close_cursor(&cursor);
+}
+
+TEST_F(Registry, BatchesOfLongEntriesAreCutToADatagramAndResumed) {
+    std::vector<std::string> expected;
+    for (int i = 0; i < 30; ++i) {
+        expected.push_back(std::to_string(i) + std::string(900, 'x'));
+        ASSERT_EQ(add(RGY_DB_REGIONS, name_entry(expected.back())), TBS_ST_OK);
+    }
+    EXPECT_EQ(names_of(RGY_DB_REGIONS, 1000), expected);
+    EXPECT_EQ(names_of(RGY_DB_REGIONS, 1), expected);
+    EXPECT_EQ(names_of(RGY_DB_REGIONS, 7), expected);
+}
+
+TEST_F(Registry, RemovingByStringTakesWhatEveryBatchFinds) {
+    for (int i = 0; i < 45; ++i)
+        ASSERT_EQ(add(RGY_DB_CT_SERVERS, "-name=" + std::to_string(i) + ";-type=old;"), TBS_ST_OK);
+    EXPECT_EQ(rgy_remove_by_string(RGY_DB_CT_SERVERS, nullptr, nullptr, RGY_ITEM_TYPE, "old"), TBS_ST_OK);
+    EXPECT_EQ(names_of(RGY_DB_CT_SERVERS), std::vector<std::string>());
+    EXPECT_EQ(rgy_remove_by_string(RGY_DB_CT_SERVERS, nullptr, nullptr, RGY_ITEM_TYPE, "old"), TBS_ST_NOT_FOUND);
+}
+
+TEST_F(Registry, AStaleStampIsRefusedAndTheSecondTryGetsIn) {
+    const auto handle = own_handle("alpha");
+    rgy_dtm_pair_t stamps = {};
+    ASSERT_EQ(rvzd_rgy_get_id(handle.get(), RGY_DB_REGIONS, RGY_PROTOCOL_VERSION, &stamps), TBS_ST_OK);
+    ASSERT_EQ(add(RGY_DB_REGIONS, name_entry("first")), TBS_ST_OK);
+    EXPECT_EQ(rvzd_rgy_add_entry(handle.get(), RGY_DB_REGIONS, RGY_PROTOCOL_VERSION, &stamps, "-name=second;"),
+              TBS_ST_STALE_ID);
+    EXPECT_EQ(add(RGY_DB_REGIONS, name_entry("second")), TBS_ST_OK);
+    EXPECT_EQ(add(RGY_DB_REGIONS, name_entry("second")), TBS_ST_ALREADY_EXISTS);
+}
+
+TEST_F(Registry, NobodyMayNotChangeAnything) {
+    const auto handle = own_handle("alpha", 0);
+    rgy_dtm_pair_t stamps = {};
+    ASSERT_EQ(rvzd_rgy_get_id(handle.get(), RGY_DB_REGIONS, RGY_PROTOCOL_VERSION, &stamps), TBS_ST_OK);
+    EXPECT_EQ(rvzd_rgy_add_entry(handle.get(), RGY_DB_REGIONS, RGY_PROTOCOL_VERSION, &stamps, "-name=x;"),
+              TBS_ST_NO_ACCESS);
+    EXPECT_EQ(rvzd_rgy_remove_entry(handle.get(), RGY_DB_REGIONS, RGY_PROTOCOL_VERSION, &stamps, 1), TBS_ST_NO_ACCESS);
+}
+
+TEST_F(Registry, AHostWithoutTheRoleAnswersThatItIsNoServer) {
+    kill_daemon();
+    site.write("host/config/rgy_svr.conf", "not a server");
+    start();
+    const auto handle = own_handle("alpha");
+    rgy_dtm_pair_t stamps = {};
+    EXPECT_EQ(rvzd_rgy_get_id(handle.get(), RGY_DB_REGIONS, RGY_PROTOCOL_VERSION, &stamps), TBS_ST_NO_SERVER);
+}
+
+TEST_F(Registry, TheRoleIsTakenAgainWithTheConfiguration) {
+    site.write("host/config/rgy_svr.conf", "not a server");
+    daemon->signal(SIGHUP);
+    const auto handle = own_handle("alpha");
+    rgy_dtm_pair_t stamps = {};
+    const auto answer = [&] { return rvzd_rgy_get_id(handle.get(), RGY_DB_REGIONS, RGY_PROTOCOL_VERSION, &stamps); };
+    EXPECT_TRUE(eventually([&] { return answer() == TBS_ST_NO_SERVER; }));
+    site.write("host/config/rgy_svr.conf", "master");
+    daemon->signal(SIGHUP);
+    EXPECT_TRUE(eventually([&] { return answer() == TBS_ST_OK; }));
+}
+
+TEST_F(Registry, WhatWasAcknowledgedSurvivesAKillAtAnyMoment) {
+    std::set<std::string> acknowledged;
+    for (int round = 0; round < 5; ++round) {
+        std::atomic<int> adds = 0;
+        std::thread killer([&] {
+            eventually([&] { return adds >= 7; });
+            daemon->signal(SIGKILL);
+        });
+        // Over TCP the end of the daemon is seen at once.
+        for (int i = 0; i < 1000; ++i) {
+            const std::string name = std::to_string(round) + "-" + std::to_string(i);
+            rvzd_handle_t *handle = nullptr;
+            if (rvzd_get_handle_prim_proto("alpha", RVZD_PROTOCOL_TCP, 1, 1, &handle) != TBS_ST_OK)
+                break;
+            rgy_dtm_pair_t stamps = {};
+            tbs_status_t status = rvzd_rgy_get_id(handle, RGY_DB_REGIONS, RGY_PROTOCOL_VERSION, &stamps);
+            if (status == TBS_ST_OK)
+                status =
+                    rvzd_rgy_add_entry(handle, RGY_DB_REGIONS, RGY_PROTOCOL_VERSION, &stamps, name_entry(name).c_str());
+            rvzd_free_handle(handle);
+            if (status != TBS_ST_OK)
+                break;
+            acknowledged.insert(name);
+            ++adds;
+        }
+        killer.join();
+        daemon->wait();
+        start();
+    }
+    const auto names = names_of(RGY_DB_REGIONS);
+    ASSERT_TRUE(names);
+    const std::set<std::string> kept(names->begin(), names->end());
+    EXPECT_EQ(kept.size(), names->size());
+    for (const auto &name : acknowledged)
+        EXPECT_TRUE(kept.count(name)) << name;
+    EXPECT_GE(acknowledged.size(), 35u);
+    // At most the one that was under way in each round was kept without its acknowledgement.
+    EXPECT_LE(kept.size(), acknowledged.size() + 5);
+}
+
+TEST_F(Registry, AScanWhoseMasterStopsFailsAndACommandAfterItsReturnSucceeds) {
+    for (int i = 0; i < 10; ++i)
+        ASSERT_EQ(add(RGY_DB_REGIONS, name_entry(std::to_string(i))), TBS_ST_OK);
+    rgy_cursor_t *cursor = nullptr;
+    rgy_entry_t *entries[4] = {};
+    int64_t count = 0;
+    ASSERT_EQ(rgy_get_entry(RGY_DB_REGIONS, nullptr, nullptr, &cursor, 4, entries, &count), TBS_ST_OK);
+    for (size_t i = 0; i < 4; ++i)
+        rgy_delete_entry(&entries[i]);
+    kill_daemon();
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(rgy_get_entry(RGY_DB_REGIONS, nullptr, nullptr, &cursor, 4, entries, &count), TBS_ST_ERROR);
+    EXPECT_THAT(testing::internal::GetCapturedStderr(),
+                testing::HasSubstr("Trouble contacting registry on host \"alpha\""));
+    start();
+    // The server keeps nothing of a fetch, so the same cursor goes on where it stood.
+    ASSERT_NE(cursor, nullptr);
+    ASSERT_EQ(rgy_get_entry(RGY_DB_REGIONS, nullptr, nullptr, &cursor, 4, entries, &count), TBS_ST_OK);
+    ASSERT_EQ(count, 4);
+    EXPECT_EQ(text_of(entries[0], RGY_ITEM_NAME), "4");
+    for (size_t i = 0; i < 4; ++i)
+        rgy_delete_entry(&entries[i]);
+    rgy_close_cursor(&cursor);
+}
+
+TEST_F(Registry, ConcurrentThreadsAndAnUpdaterLoseNothing) {
+    constexpr int readers = 64;
+    constexpr int additions = 40;
+    for (int i = 0; i < readers; ++i)
+        ASSERT_EQ(
+            add(RGY_DB_REGIONS, name_entry("seed" + std::to_string(i)) + "-title=right" + std::to_string(i) + ";"),
+            TBS_ST_OK);
+    // Another process adds at the same time and makes stamps stale.
+    Child::Options options;
+    options.output_file = site.path("updater.out");
+    Child updater({"/bin/sh", "-c",
+                   "for i in $(seq " + std::to_string(additions) +
+                       "); do '" VELIACTL "' registry add domains domain=other$i >/dev/null || exit 1; done"},
+                  options);
+    std::atomic<int> wrong = 0;
+    std::atomic<int> added = 0;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < readers; ++i)
+        threads.emplace_back([&, i] {
+            char title[64];
+            for (int round = 0; round < 3; ++round) {
+                const std::string name = "seed" + std::to_string(i);
+                const auto status = rgy_getstring_by_string(RGY_DB_REGIONS, nullptr, nullptr, RGY_ITEM_NAME,
+                                                            name.c_str(), RGY_ITEM_TITLE, sizeof title, title, nullptr);
+                wrong += status != TBS_ST_OK || title != "right" + std::to_string(i);
+            }
+            added += add(RGY_DB_DOMAINS, "-domain=own" + std::to_string(i) + ";") == TBS_ST_OK;
+        });
+    for (auto &thread : threads)
+        thread.join();
+    EXPECT_EQ(updater.wait(60), 0) << site.read("updater.out");
+    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(added, readers);
+    std::set<std::string> domains;
+    rgy_cursor_t *cursor = nullptr;
+    std::array<rgy_entry_t *, 50> entries = {};
+    do {
+        int64_t count = 0;
+        ASSERT_EQ(rgy_get_entry(RGY_DB_DOMAINS, nullptr, nullptr, &cursor, entries.size(), entries.data(), &count),
+                  TBS_ST_OK);
+        for (size_t i = 0; cursor != nullptr && i < static_cast<size_t>(count); ++i) {
+            EXPECT_TRUE(domains.insert(text_of(entries[i], RGY_ITEM_DOMAIN)).second);
+            rgy_delete_entry(&entries[i]);
+        }
+    } while (cursor != nullptr);
+    EXPECT_THAT(domains, SizeIs(readers + additions));
+}
+
+TEST_F(Registry, WithOneDatagramInFiveLostEverythingStillArrivesOnce) {
+    kill_daemon();
+    start({"--listen", "127.0.0.1"});
+    site.write("config/hosts.conf", "alpha 127.0.0.1\nlossy 127.0.0.9\n");
+    LossyRelay relay("127.0.0.9", "127.0.0.1", site.port(), 20);
+    for (int i = 0; i < 12; ++i)
+        ASSERT_EQ(add(RGY_DB_REGIONS, name_entry(std::to_string(i)), "lossy"), TBS_ST_OK) << i;
+    const auto names = names_of(RGY_DB_REGIONS, 3, "lossy");
+    ASSERT_TRUE(names);
+    EXPECT_THAT(*names, SizeIs(12));
+    EXPECT_GT(relay.lost(), 0u);
+}
+
+TEST_F(Registry, ThePasswordIsSetOnTheHostAndCheckedFromAfar) {
+    const auto handle = own_handle("alpha");
+    const auto check = [&](const char *password) {
+        return rvzd_rgy_chk_access(handle.get(), RGY_DB_VAULT_TAG, RGY_PROTOCOL_VERSION, 1000, password);
+    };
+    EXPECT_EQ(check("secret"), TBS_ST_NOT_FOUND);
+    const auto outcome = run(site, {"/bin/sh", "-c", "printf 'secret\\n' | '" RVZD_SERVER "' --set-registry-password"});
+    EXPECT_EQ(outcome.status, 0) << outcome.output;
+    EXPECT_EQ(check("secret"), TBS_ST_OK);
+    EXPECT_EQ(check("Secret"), TBS_ST_NO_ACCESS);
+}
+
+TEST_F(Registry, ReadersAreEnteredInTheClientListAndItSurvivesARestart) {
+    ASSERT_TRUE(names_of(RGY_DB_REGIONS)); // registers this host on the way
+    const auto entry_of_this_host = [] {
+        const auto handle = own_handle("alpha", 0);
+        clnt_entry_t entry = {};
+        const auto status = rvzd_clnt_list_lookup(handle.get(), "alpha", &entry);
+        if (status == TBS_ST_OK)
+            rvzd_clnt_list_lookup_free(handle.get(), &entry);
+        return status;
+    };
+    EXPECT_EQ(entry_of_this_host(), TBS_ST_OK);
+    daemon->signal(SIGTERM);
+    ASSERT_EQ(daemon->wait(), 0) << daemon->output();
+    start();
+    EXPECT_EQ(entry_of_this_host(), TBS_ST_OK);
+}
