@@ -65,6 +65,9 @@ Site::Site(const std::string &daemon, const std::string &sample_server) : root_(
     const std::string config = root_ + "/host/config/rvzd_server.conf";
     write_file(config, "udp,tcp shared " + std::to_string(sample_program) + " 1 max=1,idle=0 - - " + sample_server +
                            " --quiet-seconds 3600\n");
+    write_file(root_ + "/host/config/rgy_svr.conf", "master");
+    write_file(root_ + "/host/config/rgy_hosts.conf", std::string(host) + "\n\n");
+    write_file(root_ + "/host/priv/.keep", "");
     setenv("VELIA_ROOT", root_.c_str(), 1);
     setenv("VELIA_HOSTNAME", host, 1);
     int ready[2];

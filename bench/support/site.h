@@ -1,4 +1,5 @@
-// A site for benchmarks: a root directory of its own, a real daemon on loopback, and a sample server that it may start.
+// A site for benchmarks: a root directory of its own, a real daemon on loopback that is the registry master, too, and a
+// sample server that it may start.
 #pragma once
 
 #include <cstdint>
@@ -17,6 +18,7 @@ public:
     Site &operator=(const Site &) = delete;
 
     uint16_t port() const { return port_; }
+    const std::string &root() const { return root_; }
     static constexpr const char *host = "bench-host";
     static constexpr uint32_t sample_program = 390600;
 
