@@ -73,6 +73,19 @@ tbs_status_t add(rgy_db_t db, const std::string &text, const char *host = "alpha
     return TBS_ST_STALE_ID;
 }
 
+tbs_status_t add_once_by_tcp(const std::string &text) {
+    rvzd_handle_t *handle = nullptr;
+    auto status = rvzd_get_handle_prim_proto("alpha", RVZD_PROTOCOL_TCP, 1, 1, &handle);
+    if (status != TBS_ST_OK)
+        return status;
+    rgy_dtm_pair_t stamps = {};
+    status = rvzd_rgy_get_id(handle, RGY_DB_REGIONS, RGY_PROTOCOL_VERSION, &stamps);
+    if (status == TBS_ST_OK)
+        status = rvzd_rgy_add_entry(handle, RGY_DB_REGIONS, RGY_PROTOCOL_VERSION, &stamps, text.c_str());
+    rvzd_free_handle(handle);
+    return status;
+}
+
 std::string text_of(const rgy_entry_t *entry, uint32_t item) {
     const char *text = nullptr;
     return rgy_getstring_from_entry_const(entry, item, &text) == TBS_ST_OK ? text : "";
@@ -213,24 +226,18 @@ TEST_F(Registry, WhatWasAcknowledgedSurvivesAKillAtAnyMoment) {
     std::set<std::string> acknowledged;
     for (int round = 0; round < 5; ++round) {
         std::atomic<int> adds = 0;
+        std::atomic<bool> is_killed = false;
         std::thread killer([&] {
-            eventually([&] { return adds >= 7; });
+            eventually([&] { return adds >= 7; }, 60);
             daemon->signal(SIGKILL);
+            is_killed = true;
         });
-        // Over TCP the end of the daemon is seen at once.
-        for (int i = 0; i < 1000; ++i) {
+        // Over TCP the end of the daemon is seen at once. The first call of a round may still meet the connection to
+        // the daemon before.
+        for (int i = 0; !is_killed; ++i) {
             const std::string name = std::to_string(round) + "-" + std::to_string(i);
-            rvzd_handle_t *handle = nullptr;
-            if (rvzd_get_handle_prim_proto("alpha", RVZD_PROTOCOL_TCP, 1, 1, &handle) != TBS_ST_OK)
-                break;
-            rgy_dtm_pair_t stamps = {};
-            tbs_status_t status = rvzd_rgy_get_id(handle, RGY_DB_REGIONS, RGY_PROTOCOL_VERSION, &stamps);
-            if (status == TBS_ST_OK)
-                status =
-                    rvzd_rgy_add_entry(handle, RGY_DB_REGIONS, RGY_PROTOCOL_VERSION, &stamps, name_entry(name).c_str());
-            rvzd_free_handle(handle);
-            if (status != TBS_ST_OK)
-                break;
+            if (add_once_by_tcp(name_entry(name)) != TBS_ST_OK)
+                continue;
             acknowledged.insert(name);
             ++adds;
         }
