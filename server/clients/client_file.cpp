@@ -20,7 +20,6 @@ namespace {
 constexpr size_t line_length_max = 8192;
 constexpr std::string_view version_line = "-dbversion=";
 constexpr std::string_view known_version = "1.0";
-constexpr const char *subsystem = "clnt_list";
 
 struct TextKey {
     std::string_view name;

@@ -23,7 +23,7 @@ std::string hash_of(const std::string &password) {
     char setting[CRYPT_GENSALT_OUTPUT_SIZE];
     if (crypt_gensalt_rn(method, 0, nullptr, 0, setting, sizeof setting) == nullptr)
         throw std::runtime_error("no salt for a password");
-    const std::string hash = hash_with(password, setting);
+    std::string hash = hash_with(password, setting);
     if (hash.empty())
         throw std::runtime_error("a password of this length or form cannot be kept");
     return hash;

@@ -56,14 +56,13 @@ bool Statement::step() {
     const int result = sqlite3_step(statement_.get());
     if (result == SQLITE_ROW)
         return true;
-    const bool is_done = result == SQLITE_DONE;
-    if (!is_done) {
-        const StoreError error(sqlite3_errmsg(database_.get()));
+    if (result == SQLITE_DONE) {
         sqlite3_reset(statement_.get());
-        throw error;
+        return false;
     }
+    const std::string words = sqlite3_errmsg(database_.get()); // before the reset changes them
     sqlite3_reset(statement_.get());
-    return false;
+    throw StoreError(words);
 }
 
 std::string Statement::text(int column) const {

@@ -48,8 +48,8 @@ public:
         database_.run("PRAGMA synchronous = FULL");
         is_new = prepare_schema();
         statements_ = std::make_unique<Statements>(database_);
-        registry_ = statements_->read_uuid(setting("registry"));
-        copy_ = statements_->read_uuid(setting("copy"));
+        registry_ = named_uuid("registry");
+        copy_ = named_uuid("copy");
     }
 
     Stamps stamps(rgy_db_t db) override {
@@ -113,7 +113,7 @@ public:
 
     std::string setting(const std::string &name) override {
         auto &query = statements_->get_setting.with(name);
-        const std::string value = query.step() ? query.text(0) : "";
+        std::string value = query.step() ? query.text(0) : "";
         query.reset();
         return value;
     }
@@ -144,17 +144,18 @@ private:
               get_setting(database, "SELECT value FROM setting WHERE name = ?1"),
               put_setting(database, "INSERT OR REPLACE INTO setting (name, value) VALUES (?1, ?2)") {}
 
-        static tbs_uuid_t read_uuid(const std::string &bytes) {
-            tbs_uuid_t uuid;
-            if (bytes.size() != sizeof uuid)
-                throw StoreError("the registry has lost its name");
-            memcpy(&uuid, bytes.data(), sizeof uuid);
-            return uuid;
-        }
-
         Statement stamp, put_stamp, count, scan_all, scan_item, taken, insert, insert_item, find, remove, remove_items,
             get_setting, put_setting;
     };
+
+    tbs_uuid_t named_uuid(std::string_view name) {
+        auto &query = statements_->get_setting.with(name);
+        if (!query.step())
+            throw StoreError("the registry has lost its name");
+        const tbs_uuid_t uuid = query.uuid(0);
+        query.reset();
+        return uuid;
+    }
 
     int64_t stored_schema_version() {
         Statement query(database_, "PRAGMA user_version");

@@ -254,6 +254,20 @@ TEST_F(ServerLookup, AProgramNumberThatDoesNotFitTheWireFailsTheCall) {
     EXPECT_EQ(find("alpha"), TBS_ST_RPC_FAILED);
 }
 
+TEST_F(ServerLookup, TheReplyIsFreedThroughItsClient) {
+    answer_ports({{AF_INET, 4000}});
+    rvzd_handle_t *handle = handle_to("alpha");
+    const auto before = sim::Holdings::now(world);
+    const size_t freed = world.replies_freed;
+    EXPECT_EQ(rvzd_find_server(handle, &trait, &uuid, "", &out), TBS_ST_OK);
+    EXPECT_EQ(world.replies_freed, freed + 1);
+    answer_ports({}, TBS_ST_NOT_FOUND);
+    EXPECT_EQ(rvzd_find_server(handle, &trait, &uuid, "", &out), TBS_ST_NOT_FOUND);
+    EXPECT_EQ(world.replies_freed, freed + 2);
+    EXPECT_EQ(sim::Holdings::now(world), before);
+    rvzd_free_handle(handle);
+}
+
 TEST_F(ServerLookup, EachFailingAllocationFailsTheCallAndLeaksNothing) {
     answer_ports({{AF_INET, 4000}});
     rvzd_handle_t *handle = handle_to("alpha");

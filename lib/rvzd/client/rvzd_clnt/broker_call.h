@@ -64,7 +64,10 @@ tbs_status_t broker_call(rvzd_handle_t *handle, const Procedure<Request, Reply> 
         const auto release = [&] {
             detach_caller_storage(reply);
             release_undelivered(reply);
-            xdr_free(procedure.reply_routine(), &reply);
+            // As the exchange, it holds a lock of the RPC library.
+            with_inhibit([&] {
+                clnt_freeres(handle->cached->client, procedure.reply_routine(), reinterpret_cast<char *>(&reply));
+            });
         };
         return with_cleanup(
             [&]() -> tbs_status_t {

@@ -1,10 +1,9 @@
 // The options text of a host: one flag that is known, and words that are kept for whoever knows them.
-#include <cstring>
-
 #include <common/with.h>
 #include <rvzd/client/rvzd_clnt/rvzd_clnt.h>
 #include <support/clp.h>
 #include <support/stg.h>
+#include <support/strutl.h>
 #include <veliaxdr/rvzd_hosts.h>
 
 using namespace velia;
@@ -30,15 +29,7 @@ void tell_no_handler(clp_hdl_t parser) {
 char *joined(stg_area_t area, const char *words, const char *word) {
     if (words == nullptr)
         return stg_area_strdup(area, word);
-    const size_t words_length = strlen(words);
-    const size_t word_length = strlen(word);
-    auto *text = static_cast<char *>(stg_alloc(area, words_length + word_length + 2));
-    if (text == nullptr)
-        return nullptr;
-    memcpy(text, words, words_length);
-    text[words_length] = ' ';
-    memcpy(text + words_length + 1, word, word_length + 1);
-    return text;
+    return strutl_concat_area(area, 3, words, " ", word);
 }
 
 tbs_status_t keep_rest(const char *words, rvzd_hostinfo_opts_t &options) {
