@@ -12,7 +12,6 @@
 #include <server/messages.h>
 #include <server/registry/procedures.h>
 #include <support/tbs.h>
-#include <veliaxdr/rgy_local.h>
 
 namespace velia::server {
 
@@ -60,7 +59,7 @@ Daemon::Daemon(uv_loop_t *loop, Listeners listeners, std::string config_file, co
 }
 
 void Daemon::apply(const Configuration &configuration) {
-    take_role();
+    registry_.take_role();
     const uint32_t protocol = configuration.options.protocol;
     auto procedures = broker_procedures(table_, protocol, [this] { schedule(); });
     for (auto &&more :
@@ -71,14 +70,6 @@ void Daemon::apply(const Configuration &configuration) {
         endpoint->set_limits(limits_of(configuration.options));
     table_.configure(configuration.services, monotonic_ms());
     schedule();
-}
-
-// By its role this host keeps a registry or does not; a registry that cannot be opened is told, and asked for in vain.
-void Daemon::take_role() {
-    if (rgy_get_svr_type() == RGY_SVR_NONE)
-        registry_.close();
-    else
-        registry_.open(registry_file());
 }
 
 // At the first change, and not put off by those that follow.

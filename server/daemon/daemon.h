@@ -29,7 +29,6 @@ private:
     void apply(const Configuration &configuration);
     void reload();
     void stop();
-    void take_role();
     void save_clients();
     void save_clients_soon();
     void schedule();

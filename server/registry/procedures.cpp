@@ -5,7 +5,10 @@
 #include <algorithm>
 #include <array>
 
+#include <server/broker/privilege.h>
 #include <server/broker/process.h>
+#include <veliaxdr/rgy_local.h>
+#include <veliaxdr/rgy_site.h>
 #include <veliaxdr/rgy_wire.h>
 
 namespace velia::server {
@@ -52,6 +55,22 @@ struct FetchReply {
     rvzd_registry_get_reply_t record = {};
 };
 
+enum ConfigurationChange : int64_t { OP_SET_MASTER = 10, OP_SET_BACKUP = 11, OP_PROMOTE = 12, OP_STEP_DOWN = 13 };
+
+// The registry host or its backup in this host's hosts file; what cannot be read is empty, as for the file's reader.
+tbs_status_t change_hosts(int64_t op, const std::string &host) {
+    if (host.size() > RVZD_HOST_NAME_MAX || (op != OP_SET_MASTER && op != OP_SET_BACKUP))
+        return TBS_ST_INVALID_ARG;
+    std::array<char, RVZD_HOST_NAME_MAX + 1> master = {};
+    std::array<char, RVZD_HOST_NAME_MAX + 1> backup = {};
+    registry_prop_get_hostnames_local(master.size(), backup.size(), nullptr, nullptr, master.data(), backup.data());
+    host.copy((op == OP_SET_MASTER ? master : backup).data(), host.size() + 1);
+    (op == OP_SET_MASTER ? master : backup)[host.size()] = '\0';
+    const auto status = registry_prop_set_hostnames_local(0, 0, master.data(), backup.data());
+    rgy_hostname_cache_inval();
+    return status;
+}
+
 class Rows {
 public:
     explicit Rows(RegistryService &service) : service_(service) {}
@@ -61,6 +80,7 @@ public:
         add_fetches();
         add_updates();
         add_site();
+        add_configuration();
         return std::move(rows_);
     }
 
@@ -194,8 +214,10 @@ private:
     void add_updates() {
         add(
             RVZD_PROC_RGY_ADD_ENTRY, xdr_rvzd_registry_add_req_t, xdr_rvzd_registry_add_reply_t,
-            [](Registry &registry, const rvzd_registry_add_req_t &request, const Caller &caller,
-               rvzd_null_reply_t &) -> tbs_status_t {
+            [&service = service_](Registry &registry, const rvzd_registry_add_req_t &request, const Caller &caller,
+                                  rvzd_null_reply_t &) -> tbs_status_t {
+                if (!service.is_master())
+                    return TBS_ST_NO_SERVER;
                 if (!is_db(request.db))
                     return TBS_ST_INVALID_ARG;
                 const auto db = static_cast<rgy_db_t>(request.db);
@@ -208,8 +230,10 @@ private:
             true);
         add(
             RVZD_PROC_RGY_REMOVE_ENTRY, xdr_rvzd_registry_remove_req_t, xdr_rvzd_registry_remove_reply_t,
-            [](Registry &registry, const rvzd_registry_remove_req_t &request, const Caller &caller,
-               rvzd_null_reply_t &) -> tbs_status_t {
+            [&service = service_](Registry &registry, const rvzd_registry_remove_req_t &request, const Caller &caller,
+                                  rvzd_null_reply_t &) -> tbs_status_t {
+                if (!service.is_master())
+                    return TBS_ST_NO_SERVER;
                 if (!is_db(request.db))
                     return TBS_ST_INVALID_ARG;
                 const auto db = static_cast<rgy_db_t>(request.db);
@@ -259,6 +283,36 @@ private:
                 return TBS_ST_OK;
             },
             true);
+    }
+
+    // Changes of this host's own configuration, with a registry here or without. The proof of the right to it is a
+    // socket of this host that belongs to root or to the daemon's user.
+    template <class Request, class Work>
+    void add_change(uint32_t number, bool_t (*request_routine)(XDR *, Request *), Work work) {
+        rows_.push_back(make_procedure<Request, rvzd_null_reply_t>(
+            number, true, request_routine, xdr_rvzd_null_reply_t,
+            [work](const Request &request, const Caller &caller, const Answer<rvzd_null_reply_t> &answer) {
+                const tbs_status_t status = is_privileged(caller) ? work(request) : tbs_status_t{TBS_ST_NO_ACCESS};
+                answer({reply_header(request.header, status)});
+            }));
+    }
+
+    void add_configuration() {
+        add_change(RVZD_PROC_RGY_CLNT_CONF_CHANGE, xdr_rvzd_registry_clnt_conf_req_t,
+                   [](const rvzd_registry_clnt_conf_req_t &request) {
+                       return change_hosts(request.op, text_of(request.text));
+                   });
+        add_change(RVZD_PROC_RGY_SVR_CONF_CHANGE, xdr_rvzd_registry_svr_conf_req_t,
+                   [&service = service_](const rvzd_registry_svr_conf_req_t &request) -> tbs_status_t {
+                       switch (request.op) {
+                       case OP_PROMOTE:
+                           return service.promote();
+                       case OP_STEP_DOWN:
+                           return service.step_down();
+                       default:
+                           return TBS_ST_INVALID_ARG;
+                       }
+                   });
     }
 
     RegistryService &service_;

@@ -5,6 +5,7 @@
 
 #include <support/date.h>
 #include <support/imsg.h>
+#include <veliaxdr/rgy_local.h>
 #include <veliaxdr/rgy_messages.h>
 
 namespace velia::server {
@@ -34,16 +35,14 @@ std::string registry_file() {
     return tbs_product_host_priv_dir(path.data(), "registry.db") == TBS_ST_OK ? path.data() : "";
 }
 
-bool RegistryService::open(const std::string &file_name) {
-    if (registry_ != nullptr && file_name == file_name_)
+bool RegistryService::open() {
+    if (registry_ != nullptr)
         return true;
+    const std::string file_name = registry_file();
     try {
         bool is_new = false;
-        auto store = open_sqlite_store(file_name, is_new);
-        registry_.reset();
-        store_ = std::move(store);
+        store_ = open_sqlite_store(file_name, is_new);
         registry_ = std::make_unique<Registry>(*store_);
-        file_name_ = file_name;
         print(IMSG_PLAIN, is_new ? MSG_FILE_CREATED : MSG_LOADED, file_name.c_str());
         return true;
     } catch (const StoreError &error) {
@@ -52,9 +51,34 @@ bool RegistryService::open(const std::string &file_name) {
     }
 }
 
-void RegistryService::close() {
+void RegistryService::take_role() {
+    const int32_t type = rgy_get_svr_type();
+    is_master_ = type == RGY_SVR_MASTER;
+    if (type != RGY_SVR_NONE) {
+        open();
+    } else {
+        registry_.reset();
+        store_.reset();
+    }
+}
+
+tbs_status_t RegistryService::promote() {
+    if (rgy_get_svr_type() != RGY_SVR_STANDBY)
+        return TBS_ST_UNSUPPORTED;
+    if (!open())
+        return TBS_ST_ERROR;
+    const auto status = rgy_set_svr_type(RGY_SVR_MASTER);
+    is_master_ = status == TBS_ST_OK;
+    return status;
+}
+
+tbs_status_t RegistryService::step_down() {
+    if (!is_master_)
+        return TBS_ST_UNSUPPORTED;
+    is_master_ = false;
     registry_.reset();
     store_.reset();
+    return TBS_ST_OK;
 }
 
 void RegistryService::tell_change(rgy_db_t db, bool is_added, const std::string &what, const Caller &caller) {

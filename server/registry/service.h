@@ -13,12 +13,20 @@ std::string registry_file();
 
 class RegistryService {
 public:
-    // Opens the registry in `file_name`. False, and told, when that fails; an open one is then kept.
-    bool open(const std::string &file_name);
-    void close();
+    // Takes this host's role as its file has it. A registry that cannot be opened is told, and asked for in vain.
+    void take_role();
 
     // Null while this host is no registry server.
     Registry *registry() { return registry_.get(); }
+
+    // Only a master takes updates: what others hold is a copy.
+    bool is_master() const { return is_master_; }
+
+    // A standby becomes the master. TBS_ST_UNSUPPORTED for any other; else what went wrong, told.
+    tbs_status_t promote();
+
+    // A master stops serving until it has another role. TBS_ST_UNSUPPORTED for any other.
+    tbs_status_t step_down();
 
     // Tells of an update, who made it and what it was.
     static void tell_change(rgy_db_t db, bool is_added, const std::string &what, const Caller &caller);
@@ -27,7 +35,9 @@ public:
     static tbs_status_t tell_failure(const char *what);
 
 private:
-    std::string file_name_;
+    bool open();
+
+    bool is_master_ = false;
     std::unique_ptr<Store> store_;
     std::unique_ptr<Registry> registry_;
 };

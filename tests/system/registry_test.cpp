@@ -210,6 +210,40 @@ TEST_F(Registry, AHostWithoutTheRoleAnswersThatItIsNoServer) {
     EXPECT_EQ(rvzd_rgy_get_id(handle.get(), RGY_DB_REGIONS, RGY_PROTOCOL_VERSION, &stamps), TBS_ST_NO_SERVER);
 }
 
+TEST_F(Registry, AStandbyAnswersReadersAndTakesUpdatesOnceItIsPromoted) {
+    ASSERT_EQ(add(RGY_DB_REGIONS, name_entry("before")), TBS_ST_OK);
+    kill_daemon();
+    site.write("host/config/rgy_svr.conf", "standby");
+    start();
+    EXPECT_EQ(names_of(RGY_DB_REGIONS), std::vector<std::string>{"before"});
+    EXPECT_EQ(add(RGY_DB_REGIONS, name_entry("refused")), TBS_ST_NO_SERVER);
+    const auto handle = own_handle("alpha", 0);
+    EXPECT_EQ(rvzd_rgy_svr_conf_change(handle.get(), RGY_PROTOCOL_VERSION, 13, ""), TBS_ST_UNSUPPORTED);
+    EXPECT_EQ(rvzd_rgy_svr_conf_change(handle.get(), RGY_PROTOCOL_VERSION, 12, ""), TBS_ST_OK);
+    EXPECT_EQ(site.read("host/config/rgy_svr.conf"), "master");
+    EXPECT_EQ(add(RGY_DB_REGIONS, name_entry("after")), TBS_ST_OK);
+    EXPECT_EQ(rvzd_rgy_svr_conf_change(handle.get(), RGY_PROTOCOL_VERSION, 12, ""), TBS_ST_UNSUPPORTED);
+    EXPECT_EQ(rvzd_rgy_svr_conf_change(handle.get(), RGY_PROTOCOL_VERSION, 13, ""), TBS_ST_OK);
+    EXPECT_EQ(add(RGY_DB_REGIONS, name_entry("late")), TBS_ST_NO_SERVER);
+    EXPECT_EQ(rvzd_rgy_svr_conf_change(handle.get(), RGY_PROTOCOL_VERSION, 14, ""), TBS_ST_INVALID_ARG);
+}
+
+TEST_F(Registry, TheHostsFileIsChangedAndItsFormerStateKept) {
+    const auto handle = own_handle("alpha", 0);
+    const auto change = [&](int64_t op, const std::string &host) {
+        return rvzd_rgy_clnt_conf_change(handle.get(), RGY_PROTOCOL_VERSION, op, host.c_str());
+    };
+    EXPECT_EQ(change(11, "beta"), TBS_ST_OK);
+    EXPECT_EQ(site.read("host/config/rgy_hosts.conf"), "alpha\nbeta\n");
+    EXPECT_EQ(change(10, std::string(63, 'h')), TBS_ST_OK);
+    EXPECT_EQ(site.read("host/config/rgy_hosts.conf"), std::string(63, 'h') + "\nbeta\n");
+    EXPECT_EQ(site.read("host/config/rgy_hosts.conf.old"), "alpha\nbeta\n");
+    EXPECT_EQ(change(10, std::string(64, 'h')), TBS_ST_INVALID_ARG);
+    EXPECT_EQ(change(9, "x"), TBS_ST_INVALID_ARG);
+    EXPECT_EQ(change(10, ""), TBS_ST_OK);
+    EXPECT_EQ(site.read("host/config/rgy_hosts.conf"), "\nbeta\n");
+}
+
 TEST_F(Registry, TheRoleIsTakenAgainWithTheConfiguration) {
     site.write("host/config/rgy_svr.conf", "not a server");
     daemon->signal(SIGHUP);

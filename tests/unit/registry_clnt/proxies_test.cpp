@@ -118,9 +118,7 @@ const Proxy proxies[] = {
 
 class RegistryProxies : public RegistryTest {
 protected:
-    RegistryProxies() {
-        call.handle = handle_to("alpha");
-    }
+    RegistryProxies() { call.handle = handle_to("alpha"); }
     ~RegistryProxies() override {
         call.release();
         rvzd_free_handle(call.handle);
