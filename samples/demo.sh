@@ -152,8 +152,10 @@ on client veliactl clients list master
 sed -n '1,12p' "$root/master/daemon.log" | sed 's/^/    /'
 
 step "14. The master is killed and comes back: nothing that was acknowledged is lost"
-kill -9 "${daemon_pids[0]}"
-wait "${daemon_pids[0]}" 2>/dev/null || true
+{
+    kill -9 "${daemon_pids[0]}"
+    wait "${daemon_pids[0]}"
+} 2>/dev/null || true
 rm "$root/master/ready"
 start_daemon master 127.0.0.2
 on client veliactl registry list vault_tag --no-headers
