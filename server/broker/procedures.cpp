@@ -9,21 +9,12 @@
 #include <server/broker/server_list.h>
 #include <server/loop/handles.h>
 #include <server/messages.h>
+#include <server/rpc/records.h>
 #include <support/fileutl.h>
 
 namespace velia::server {
 
 namespace {
-
-// The client never looks at the reply's header word; it gets its own sequence number back, which helps whoever reads a
-// capture.
-rvzd_hdr_reply_t reply_header(const rvzd_hdr_req_t &request, tbs_status_t status) {
-    return {request.sequence, status};
-}
-
-char *unowned(const std::string &text) {
-    return const_cast<char *>(text.c_str()); // records for encoding are only read
-}
 
 bool_t xdr_nothing(XDR * /*stream*/, char * /*record*/) {
     return TRUE;
@@ -99,10 +90,7 @@ private:
     template <class Request, class Reply, class Work>
     void add(uint32_t number, bool_t (*request_routine)(XDR *, Request *), bool_t (*reply_routine)(XDR *, Reply *),
              Work work) {
-        rows_.push_back(
-            make_procedure<Request, Reply>(number, false, request_routine, reply_routine,
-                                           [work](const Request &request, const Caller &caller,
-                                                  const Answer<Reply> &answer) { answer(work(request, caller)); }));
+        rows_.push_back(make_prompt_procedure(number, request_routine, reply_routine, work));
     }
 
     // A server's report: a status in an empty reply.

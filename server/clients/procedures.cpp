@@ -8,6 +8,7 @@
 
 #include <unistd.h>
 
+#include <server/rpc/records.h>
 #include <support/imsg.h>
 #include <support/stg.h>
 #include <veliaxdr/rvzd_hosts.h>
@@ -19,10 +20,6 @@ namespace {
 constexpr size_t udp_piece_bytes_max = 7500;
 constexpr size_t tcp_piece_bytes_max = 50000;
 constexpr size_t entry_bytes_without_texts = 100; // address, times, ten lengths and their fill
-
-rvzd_hdr_reply_t reply_header(const rvzd_hdr_req_t &request, tbs_status_t status) {
-    return {request.sequence, status};
-}
 
 size_t encoded_bytes(const Client &client) {
     size_t bytes = entry_bytes_without_texts;
@@ -157,10 +154,7 @@ private:
     template <class Request, class Reply, class Work>
     void add(uint32_t number, bool_t (*request_routine)(XDR *, Request *), bool_t (*reply_routine)(XDR *, Reply *),
              Work work) {
-        rows_.push_back(
-            make_procedure<Request, Reply>(number, false, request_routine, reply_routine,
-                                           [work](const Request &request, const Caller &caller,
-                                                  const Answer<Reply> &answer) { answer(work(request, caller)); }));
+        rows_.push_back(make_prompt_procedure(number, request_routine, reply_routine, work));
     }
 
     void add_list(uint32_t get_number, uint32_t lookup_number, bool is_v70,

@@ -7,6 +7,7 @@
 
 #include <server/broker/privilege.h>
 #include <server/broker/process.h>
+#include <server/rpc/records.h>
 #include <veliaxdr/rgy_local.h>
 #include <veliaxdr/rgy_site.h>
 #include <veliaxdr/rgy_wire.h>
@@ -19,16 +20,8 @@ namespace {
 constexpr size_t udp_records_bytes_max = 8000;
 constexpr size_t tcp_records_bytes_max = 60000;
 
-rvzd_hdr_reply_t reply_header(const rvzd_hdr_req_t &request, tbs_status_t status) {
-    return {request.sequence, status};
-}
-
 std::string text_of(const char *text) {
     return text != nullptr ? text : "";
-}
-
-char *unowned(const std::string &text) {
-    return const_cast<char *>(text.c_str()); // records for encoding are only read
 }
 
 bool is_db(int64_t db) {
