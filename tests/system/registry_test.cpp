@@ -315,6 +315,40 @@ TEST_F(Registry, AScanWhoseMasterStopsFailsAndACommandAfterItsReturnSucceeds) {
     rgy_close_cursor(&cursor);
 }
 
+// Three hosts: a master, a standby with a copy of its data, and the client that this process is.
+TEST_F(Registry, WhenTheMasterStopsDuringAScanTheStandbyStillAnswersWhoAsksIt) {
+    kill_daemon();
+    start({"--listen", "127.0.0.1"});
+    std::vector<std::string> expected;
+    for (int i = 0; i < 10; ++i) {
+        expected.push_back(std::to_string(i));
+        ASSERT_EQ(add(RGY_DB_REGIONS, name_entry(expected.back())), TBS_ST_OK);
+    }
+    const std::filesystem::path standby_root = site.path("standby");
+    std::filesystem::create_directories(standby_root / "log");
+    std::filesystem::copy(site.path("config"), standby_root / "config", std::filesystem::copy_options::recursive);
+    std::filesystem::copy(site.path("host"), standby_root / "host", std::filesystem::copy_options::recursive);
+    site.write("standby/host/config/rgy_svr.conf", "standby");
+    Child::Options options;
+    options.environment = {"VELIA_ROOT=" + standby_root.string(), "VELIA_HOSTNAME=beta"};
+    Daemon standby(site, {"--listen", "127.0.0.2"}, options);
+    ASSERT_TRUE(standby.is_ready()) << standby.output();
+
+    rgy_cursor_t *cursor = nullptr;
+    rgy_entry_t *entries[4] = {};
+    int64_t count = 0;
+    ASSERT_EQ(rgy_get_entry(RGY_DB_REGIONS, nullptr, nullptr, &cursor, 4, entries, &count), TBS_ST_OK);
+    for (size_t i = 0; i < 4; ++i)
+        rgy_delete_entry(&entries[i]);
+    kill_daemon();
+    // A fetch stays on its host; the client does not fail over by itself.
+    EXPECT_EQ(rgy_get_entry(RGY_DB_REGIONS, nullptr, nullptr, &cursor, 4, entries, &count), TBS_ST_ERROR);
+    EXPECT_EQ(rgy_get_entry(RGY_DB_REGIONS, "beta", nullptr, &cursor, 4, entries, &count), TBS_ST_INVALID_ARG);
+    rgy_close_cursor(&cursor);
+    EXPECT_EQ(names_of(RGY_DB_REGIONS, 3, "beta"), expected);
+    EXPECT_EQ(add(RGY_DB_REGIONS, name_entry("late"), "beta"), TBS_ST_NO_SERVER);
+}
+
 TEST_F(Registry, ConcurrentThreadsAndAnUpdaterLoseNothing) {
     constexpr int readers = 64;
     constexpr int additions = 40;
