@@ -22,6 +22,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#ifdef BENCH_WITH_ZOOKEEPER
+#include <zookeeper/zookeeper.h>
+#endif
+
 #include <server/registry/service.h>
 #include <server/registry/sqlite.h>
 #include <support/credmap.h>
@@ -165,30 +169,46 @@ void BareCommit(benchmark::State &state) {
     }
 }
 
+// Another server to compare with, as a silent child of this process.
+class OtherServer {
+public:
+    explicit OtherServer(std::vector<std::string> words) : child_(fork()) {
+        if (child_ != 0)
+            return;
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        const int null = open("/dev/null", O_RDWR);
+        dup2(null, STDOUT_FILENO);
+        dup2(null, STDERR_FILENO);
+        std::vector<char *> arguments;
+        for (auto &word : words)
+            arguments.push_back(word.data());
+        arguments.push_back(nullptr);
+        execvp(arguments.front(), arguments.data());
+        _exit(1);
+    }
+    ~OtherServer() {
+        kill(child_, SIGKILL);
+        waitpid(child_, nullptr, 0);
+    }
+    OtherServer(const OtherServer &) = delete;
+    OtherServer &operator=(const OtherServer &) = delete;
+
+private:
+    pid_t child_;
+};
+
 // A key-value server that everybody knows, spoken to in its own plain protocol.
 class KeyValueServer {
 public:
-    KeyValueServer() {
-        port_ = static_cast<uint16_t>(site->port() + 1);
-        const std::string port = std::to_string(port_);
-        child_ = fork();
-        if (child_ == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGTERM);
-            const int null = open("/dev/null", O_RDWR);
-            dup2(null, STDOUT_FILENO);
-            execlp("redis-server", "redis-server", "--port", port.c_str(), "--bind", "127.0.0.1", "--save", "",
-                   "--appendonly", "no", nullptr);
-            _exit(1);
-        }
+    KeyValueServer()
+        : port_(static_cast<uint16_t>(site->port() + 1)),
+          server_({"redis-server", "--port", std::to_string(port_), "--bind", "127.0.0.1", "--save", "", "--appendonly",
+                   "no"}) {
         connect_to_it();
         ask("*3\r\n$3\r\nSET\r\n$8\r\nentry777\r\n$54\r\n-name=entry777;-hostname=build7;-region=east;-owner="
             "someb\r\n");
     }
-    ~KeyValueServer() {
-        close(fd_);
-        kill(child_, SIGTERM);
-        waitpid(child_, nullptr, 0);
-    }
+    ~KeyValueServer() { close(fd_); }
     KeyValueServer(const KeyValueServer &) = delete;
     KeyValueServer &operator=(const KeyValueServer &) = delete;
 
@@ -217,7 +237,7 @@ private:
     }
 
     uint16_t port_;
-    pid_t child_;
+    OtherServer server_;
     int fd_ = -1;
 };
 
@@ -226,6 +246,49 @@ void RedisGet(benchmark::State &state) {
     for (auto _ : state)
         server.get();
 }
+
+#ifdef BENCH_WITH_ZOOKEEPER
+
+// A coordination service in its own process, through its own C client.
+class Coordinator {
+public:
+    Coordinator()
+        : port_(std::to_string(site->port() + 2)),
+          server_({"java", "-cp", "/usr/share/java/zookeeper.jar", "org.apache.zookeeper.server.ZooKeeperServerMain",
+                   port_, site->root() + "/coordinator"}) {
+        zoo_set_debug_level(ZOO_LOG_LEVEL_ERROR);
+        zoo_set_log_stream(fopen("/dev/null", "we"));
+        handle_ = zookeeper_init(("127.0.0.1:" + port_).c_str(), nullptr, 30000, nullptr, nullptr, 0);
+        check(handle_ != nullptr, "the coordinator's client");
+        for (int tries = 0; tries < 3000 && zoo_state(handle_) != ZOO_CONNECTED_STATE; ++tries)
+            usleep(10000);
+        check(zoo_create(handle_, "/entry777", some_text, static_cast<int>(strlen(some_text)), &ZOO_OPEN_ACL_UNSAFE, 0,
+                         nullptr, 0) == ZOK,
+              "the coordinator's node");
+    }
+    ~Coordinator() { zookeeper_close(handle_); }
+    Coordinator(const Coordinator &) = delete;
+    Coordinator &operator=(const Coordinator &) = delete;
+
+    void get() {
+        char bytes[256];
+        int length = sizeof bytes;
+        check(zoo_get(handle_, "/entry777", 0, bytes, &length, nullptr) == ZOK && length > 40, "get");
+    }
+
+private:
+    std::string port_;
+    OtherServer server_;
+    zhandle_t *handle_;
+};
+
+void ZooKeeperGet(benchmark::State &state) {
+    static Coordinator coordinator; // slow to start
+    for (auto _ : state)
+        coordinator.get();
+}
+
+#endif
 
 BENCHMARK(BareLookup)->UseRealTime();
 BENCHMARK(UncachedLookup)->UseRealTime();
@@ -246,5 +309,11 @@ int main(int argc, char **argv) {
     } else {
         printf("redis-server is not installed, so there is no comparison with it.\n");
     }
+#ifdef BENCH_WITH_ZOOKEEPER
+    benchmark::RegisterBenchmark("ZooKeeperGet", ZooKeeperGet)->UseRealTime();
+    ratios.push_back({"UncachedLookup", "ZooKeeperGet", 0.25});
+#else
+    printf("The client of ZooKeeper is not installed, so there is no comparison with it.\n");
+#endif
     return bench::run(argc, argv, ratios);
 }
