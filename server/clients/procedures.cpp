@@ -19,7 +19,8 @@ namespace {
 
 constexpr size_t udp_piece_bytes_max = 7500;
 constexpr size_t tcp_piece_bytes_max = 50000;
-constexpr size_t entry_bytes_without_texts = 100; // address, times, ten lengths and their fill
+// The largest address, two times, the lengths of the texts, and the fill behind each.
+constexpr size_t entry_bytes_without_texts = 8 * 4 + 2 * 8 + CLIENT_TEXT_COUNT * (4 + 3);
 
 size_t encoded_bytes(const Client &client) {
     size_t bytes = entry_bytes_without_texts;

@@ -129,9 +129,13 @@ tbs_status_t clnt_list_write_file(const char *path, uint32_t count, const clnt_e
     if (count == 0 || entries == nullptr || path == nullptr)
         return TBS_ST_INVALID_ARG;
     FILE *stream = nullptr;
+    // The variable is cleared before a raise that waits can land, so that the file is closed once.
     const auto close_stream = [&] {
-        if (stream != nullptr)
-            fclose(stream);
+        with_inhibit([&] {
+            if (stream != nullptr)
+                fclose(stream);
+            stream = nullptr;
+        });
     };
     return with_cleanup(
         [&] {

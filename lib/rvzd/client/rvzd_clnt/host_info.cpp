@@ -8,6 +8,7 @@
 #include <rvzd/client/rvzd_clnt/get_handle.h>
 #include <support/fileutl.h>
 #include <support/stg.h>
+#include <support/strutl.h>
 #include <veliaxdr/rgy_site.h>
 #include <veliaxdr/rvzd_hosts.h>
 
@@ -160,7 +161,7 @@ tbs_status_t rvzd_exist_check(const char *host) {
     return with_lock(rvzd_call_lock, [&]() -> tbs_status_t {
         if (strlen(host) >= sizeof prevhost || strcmp(host, prevhost) == 0)
             return TBS_ST_ERROR;
-        strcpy(prevhost, host); // NOLINT(clang-analyzer-security.insecureAPI.strcpy): measured above
+        strutl_cpy_buf(prevhost, host, sizeof prevhost);
         clnt_hostinfo_t info = {};
         if (rvzd_hostinfo(host, &info) != TBS_ST_OK)
             return TBS_ST_ERROR;
