@@ -1,6 +1,6 @@
 // Snapshots of a database's stamps. A change that a check finds also voids what the caches hold of the database, which
 // their age alone would have kept for some seconds.
-#include <rvzd/client/registry_clnt/with_binding.h>
+#include <rvzd/client/registry_clnt/site_operation.h>
 #include <veliaxdr/rgy_manage.h>
 
 using namespace velia;
@@ -13,9 +13,8 @@ bool differs(const rgy_timestamp_t &left, const rgy_timestamp_t &right) {
            !tbs_uuid_eq(&left.aux_uuid2, &right.aux_uuid2);
 }
 
-tbs_status_t ask_stamps(Binding binding, rgy_db_t db, rgy_timestamp_t &stamps) {
-    return rvzd_rgy_get_dtm(rgy_rvzd_handle(binding), db, RGY_PROTOCOL_VERSION, &stamps.dtm, &stamps.aux_uuid1,
-                            &stamps.aux_uuid2);
+tbs_status_t ask_stamps(rvzd_handle_t *handle, rgy_db_t db, rgy_timestamp_t &stamps) {
+    return rvzd_rgy_get_dtm(handle, db, RGY_PROTOCOL_VERSION, &stamps.dtm, &stamps.aux_uuid1, &stamps.aux_uuid2);
 }
 
 // No storage for the host's name leaves no record and is no failure: callers test what they get.
@@ -58,26 +57,14 @@ tbs_status_t rgy_create_timestamp(rgy_db_t db, const char *host, rgy_timestamp_t
     if (out == nullptr)
         return TBS_ST_INVALID_ARG;
     *out = nullptr;
-    char bound_host[host_size] = "";
     rgy_timestamp_t stamps = {};
-    tbs_status_t kept = TBS_ST_OK;
-    const auto status = with_site_binding(
-        host, anonymous, RGY_DB_ALL,
-        [&](Binding binding) {
-            memcpy(bound_host, slot_of(binding).host, sizeof bound_host);
-            const auto answer = ask_stamps(binding, db, stamps);
-            if (answer == TBS_ST_OK)
-                kept = keep_stamps(stamps, bound_host, *out);
-            return answer;
-        },
+    return ask_site(
+        create_timestamp, host, RGY_DB_ALL, [&](rvzd_handle_t *handle) { return ask_stamps(handle, db, stamps); },
+        [&](const char *bound_host) { return keep_stamps(stamps, bound_host, *out); },
         [&] {
             if (*out != nullptr)
                 destroy(*out);
         });
-    if (status == TBS_ST_OK)
-        return kept;
-    tell_trouble_contacting(*bound_host != '\0' ? bound_host : name_of(host), status);
-    return TBS_ST_ERROR;
 }
 
 tbs_status_t rgy_check_timestamp(rgy_db_t db, const char *host, rgy_timestamp_t *stamp, int32_t *changed) {
@@ -88,7 +75,7 @@ tbs_status_t rgy_check_timestamp(rgy_db_t db, const char *host, rgy_timestamp_t 
     const auto status = with_binding(
         stamp->host, anonymous, db,
         [&](Binding binding) {
-            const auto answer = ask_stamps(binding, db, stamps);
+            const auto answer = ask_stamps(rgy_rvzd_handle(binding), db, stamps);
             is_changed = answer == TBS_ST_OK && differs(stamps, *stamp);
             if (is_changed)
                 flush_for_change(binding, db);

@@ -48,11 +48,4 @@ tbs_status_t with_binding(const char *host, uint32_t authenticated, rgy_db_t db,
     return with_bound([&](Binding &binding) { return rgy_bind_handle(host, binding, authenticated, db); }, body, undo);
 }
 
-// With a binding to `host`, or without one to the site's registry.
-template <class Body, class Undo>
-tbs_status_t with_site_binding(const char *host, uint32_t authenticated, rgy_db_t db, Body &&body, Undo &&undo) {
-    return with_bound([&](Binding &binding) { return bind_with_fail_over(host, binding, authenticated, db); }, body,
-                      undo);
-}
-
 } // namespace velia::registry_clnt
