@@ -1,6 +1,6 @@
 # The operations that the simulated world decides about. Each name has its __wrap_ counterpart in wraps.cpp.
 set(SIM_WRAPPED
-  stg_malloc stg_realloc stg_free stg_strdup
+  stg_malloc stg_realloc stg_free stg_strdup stg_alloc stg_area_strdup
   date_get_timeval
   sysutl_host_addr sysutl_sock_port_uniquifier sysutl_clnttcp_create_ext sysutl_set_cloexec_file sysutl_copy_sockaddr
   ks_clntudp_create_sockaddr ks_clnttcp_create_sockaddr

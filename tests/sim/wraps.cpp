@@ -125,6 +125,18 @@ char *__wrap_stg_strdup(const char *text) {
     return static_cast<char *>(note_block(__real_stg_strdup(text)));
 }
 
+void *__real_stg_alloc(stg_area_t area, size_t size);
+void *__wrap_stg_alloc(stg_area_t area, size_t size) {
+    World::current().support_call();
+    return World::current().allocation_is_due() ? nullptr : __real_stg_alloc(area, size);
+}
+
+char *__real_stg_area_strdup(stg_area_t area, const char *text);
+char *__wrap_stg_area_strdup(stg_area_t area, const char *text) {
+    World::current().support_call();
+    return World::current().allocation_is_due() ? nullptr : __real_stg_area_strdup(area, text);
+}
+
 void __real_stg_free(void *pointer);
 void __wrap_stg_free(void *pointer) {
     World::current().blocks.erase(pointer);
