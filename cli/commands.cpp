@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <iostream>
 
+#include <cli/choices.h>
 #include <support/imsg.h>
 #include <veliaxdr/libveliaxdr.h>
 
@@ -61,7 +62,7 @@ void add_common_options(CLI::App &command, Settings &settings) {
             [&](const std::string &name) { settings.has_format = format_of_name(name, settings.format); },
             "form of the results: plain, json or table (default plain, or what VELIACTL_OUTPUT says)")
         ->type_name("FORM")
-        ->check(CLI::Validator(check_format, ""));
+        ->check(offering({"plain", "json", "table"}, check_format));
     command.add_flag_callback(
         "--no-headers", [&] { settings.with_headers = false; }, "leave the line of column names out");
     command.add_option("--timeout", settings.timeout_s, "seconds to wait for each answer")
@@ -70,18 +71,21 @@ void add_common_options(CLI::App &command, Settings &settings) {
         ->check(CLI::Range(1, timeout_max_s).description(""));
 }
 
-int run(int argc, char **argv) {
-    imsg_set_app_name("veliactl");
-    CLI::App app("Asks and administers the services of a site.", "veliactl");
+void add_commands(CLI::App &app, Settings &settings, Command &chosen) {
     app.set_version_flag("--version", version_line());
     app.require_subcommand(1);
     app.footer(exit_status_help);
+    for (const auto add : {add_contact_command, add_server_commands, add_registry_commands, add_host_commands,
+                           add_client_commands, add_time_zone_command, add_pool_map_commands, add_completion_command})
+        add(app, settings, chosen);
+}
+
+int run(int argc, char **argv) {
+    imsg_set_app_name("veliactl");
+    CLI::App app("Asks and administers the services of a site.", "veliactl");
     Settings settings;
     Command chosen;
-    add_contact_command(app, settings, chosen);
-    for (const auto add :
-         {add_server_commands, add_registry_commands, add_host_commands, add_client_commands, add_time_zone_command})
-        add(app, settings, chosen);
+    add_commands(app, settings, chosen);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {

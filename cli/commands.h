@@ -35,6 +35,11 @@ void add_registry_commands(CLI::App &app, Settings &settings, Command &chosen);
 void add_host_commands(CLI::App &app, Settings &settings, Command &chosen);
 void add_client_commands(CLI::App &app, Settings &settings, Command &chosen);
 void add_time_zone_command(CLI::App &app, Settings &settings, Command &chosen);
+void add_pool_map_commands(CLI::App &app, Settings &settings, Command &chosen);
+void add_completion_command(CLI::App &app, Settings &settings, Command &chosen);
+
+// All of them.
+void add_commands(CLI::App &app, Settings &settings, Command &chosen);
 
 // Parses the line and runs its command.
 int run(int argc, char **argv);

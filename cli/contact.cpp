@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include <cli/broker.h>
+#include <cli/choices.h>
 #include <support/imsg.h>
 
 namespace velia::cli {
@@ -65,7 +66,7 @@ void add_contact_command(CLI::App &app, Settings &settings, Command &chosen) {
     command->add_option("--transport", arguments->transport, "transport")
         ->type_name("udp|tcp")
         ->capture_default_str()
-        ->check(CLI::IsMember({"udp", "tcp"}).description(""));
+        ->check(one_of({"udp", "tcp"}));
     add_common_options(*command, settings);
     command->footer(std::string(footer) + "\n" + exit_status_help);
     command->callback([arguments, &chosen] {

@@ -6,8 +6,10 @@
 #include <iostream>
 #include <memory>
 
+#include <fmt/format.h>
 #include <unistd.h>
 
+#include <cli/choices.h>
 #include <support/imsg.h>
 
 namespace velia::cli {
@@ -151,7 +153,7 @@ void add_verb(CLI::App &group, const Verb &verb, Settings &settings, Command &ch
     command->add_option("DB", search->db, "database, by name or number")
         ->type_name("")
         ->required()
-        ->check(CLI::Validator(check_db, ""));
+        ->check(offering(db_names(), check_db));
     if (verb.searches)
         add_search_options(*command, *search);
     command->add_option("--region", search->region, "entries of this region and of none")->type_name("REGION");
@@ -178,13 +180,15 @@ std::optional<uint32_t> item_of_name(const std::string &name) {
     return index_of_name(name.starts_with('-') ? name : "-" + name, RGY_ITEM_COUNT, registry_item_name);
 }
 
-std::string check_db(const std::string &name) {
-    if (db_of_name(name))
-        return "";
-    std::string names;
+std::vector<std::string> db_names() {
+    std::vector<std::string> names;
     for (rgy_db_t db = 0; db < RGY_DB_ALL; ++db)
-        names += std::string(db == 0 ? "" : ", ") + registry_db_name(db);
-    return "'" + name + "' is no database; there are " + names;
+        names.emplace_back(registry_db_name(db));
+    return names;
+}
+
+std::string check_db(const std::string &name) {
+    return db_of_name(name) ? "" : fmt::format("'{}' is no database; there are {}", name, fmt::join(db_names(), ", "));
 }
 
 std::optional<ItemValue> item_value_of(const std::string &word) {

@@ -16,6 +16,7 @@ namespace velia::cli {
 std::optional<rgy_db_t> db_of_name(const std::string &name);
 std::optional<uint32_t> item_of_name(const std::string &name);
 
+std::vector<std::string> db_names();
 std::string check_db(const std::string &name);
 
 // "item=value" taken apart; nothing for an unknown item or a missing "=".

@@ -7,6 +7,7 @@
 #include <iostream>
 #include <memory>
 
+#include <cli/choices.h>
 #include <support/imsg.h>
 #include <support/stg.h>
 #include <veliaxdr/rgy_local.h>
@@ -162,7 +163,7 @@ void add_registry_site(CLI::App &group, Settings &settings, Command &chosen) {
     stats->add_option("DB", repetition->search.db, "database, by name or number")
         ->type_name("")
         ->required()
-        ->check(CLI::Validator(check_db, ""));
+        ->check(offering(db_names(), check_db));
     add_search_options(*stats, repetition->search);
     stats->add_option("--times", repetition->times, "look-ups")
         ->type_name("COUNT")

@@ -4,6 +4,7 @@
 #include <iostream>
 #include <memory>
 
+#include <cli/choices.h>
 #include <support/imsg.h>
 #include <support/stg.h>
 #include <veliaxdr/rgy_site.h>
@@ -120,7 +121,7 @@ void add_db_argument(CLI::App &command, std::string &db) {
     command.add_option("DB", db, "database, by name or number")
         ->type_name("")
         ->required()
-        ->check(CLI::Validator(check_db, ""));
+        ->check(offering(db_names(), check_db));
 }
 
 } // namespace

@@ -8,6 +8,7 @@
 #include <fmt/format.h>
 
 #include <cli/broker.h>
+#include <cli/choices.h>
 #include <support/imsg.h>
 #include <support/ks.h>
 #include <veliaxdr/rvzd_lookup.h>
@@ -153,7 +154,7 @@ void add_verb(CLI::App &group, const Verb &verb, Settings &settings, Command &ch
     command->add_option("--proto", arguments->transport, "transport")
         ->type_name("udp|tcp")
         ->capture_default_str()
-        ->check(CLI::IsMember({"udp", "tcp"}).description(""));
+        ->check(one_of({"udp", "tcp"}));
     command->add_option("--uuid", arguments->uuid_text, "the server's uuid (default: the nil uuid)")
         ->type_name("UUID")
         ->check(CLI::Validator(check_uuid, ""));
