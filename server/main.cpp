@@ -15,6 +15,7 @@
 #include <server/daemon/command_line.h>
 #include <server/daemon/daemon.h>
 #include <server/messages.h>
+#include <server/registry/copy.h>
 #include <server/registry/service.h>
 #include <support/ks.h>
 #include <veliaxdr/rvzd_socket.h>
@@ -130,6 +131,8 @@ int set_registry_password() {
 int run(CommandLine &line) {
     if (line.set_registry_password)
         return set_registry_password();
+    if (line.copy_registry)
+        return run_copy();
     make_absolute(line.config_file);
     make_absolute(line.pid_file);
     const auto read = read_configuration(line.config_file, system_names());

@@ -45,6 +45,7 @@ constexpr std::array option_keys = {
     NumberKey<Options>{"connections", &Options::connections_max, 1, 65536},
     NumberKey<Options>{"idle-connection", &Options::idle_connection_s, 1, seconds_max},
     NumberKey<Options>{"request", &Options::request_s, 1, seconds_max},
+    NumberKey<Options>{"registry-copy", &Options::registry_copy_s, 1, seconds_max},
 };
 
 struct KindName {

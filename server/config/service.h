@@ -50,7 +50,8 @@ struct Options {
     uint32_t protocol = RVZD_PROTOCOL_CURRENT;
     uint32_t connections_max = 256;
     uint32_t idle_connection_s = 300;
-    uint32_t request_s = 30; // from the first byte of a request to its last
+    uint32_t request_s = 30;       // from the first byte of a request to its last
+    uint32_t registry_copy_s = 10; // between two looks of a standby at the master's registry
     bool operator==(const Options &) const = default;
 };
 

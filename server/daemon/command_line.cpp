@@ -65,6 +65,9 @@ void declare(CLI::App &app, CommandLine &line) {
     app.add_flag("--rpcbind", line.rpcbind, "register with rpcbind");
     app.add_flag("--set-registry-password", line.set_registry_password,
                  "read the registry's password from standard input, keep its hash, and end; an empty one removes it");
+    app.add_flag(
+        "--copy-registry", line.copy_registry,
+        "copy the registry of the master that the hosts file names, and end; a running standby does so itself");
     app.set_version_flag("--version", version_line());
     app.footer(footer);
 }

@@ -17,6 +17,7 @@ struct CommandLine {
     bool foreground = false;
     bool rpcbind = false;
     bool set_registry_password = false;
+    bool copy_registry = false;
 };
 
 enum { EXIT_USAGE = 2 };

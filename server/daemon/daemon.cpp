@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <csignal>
+#include <cstring>
 
 #include <server/broker/procedures.h>
 #include <server/clients/client_file.h>
@@ -20,7 +21,9 @@ namespace {
 constexpr uint64_t stop_grace_ms = 5000; // for servers to end by their lifelines; then they are killed
 constexpr uint64_t kill_grace_ms = 2000;
 constexpr uint64_t save_delay_ms = 1000; // clients that come together are written together
+constexpr uint64_t role_delay_ms = 100;
 constexpr const char *client_file_name = "clients";
+constexpr const char *role_file_name = "rgy_svr.conf";
 
 // Data that only this daemon reads and writes.
 std::string private_file(const char *name) {
@@ -43,9 +46,10 @@ Daemon::Daemon(uv_loop_t *loop, Listeners listeners, std::string config_file, co
     : loop_(loop), config_file_(std::move(config_file)), manager_(manager),
       launcher_(loop, listeners.server_addresses,
                 [this](int32_t pid, const ServerTable::ExitStatus &status) { process_exited(pid, status); }),
-      table_(launcher_), client_file_(private_file(client_file_name)), dispatcher_(RVZD_PROGRAM, RVZD_VERSION, {}),
-      due_timer_(loop, [this] { run_due(); }), stop_timer_(loop, [this] { stop(); }),
-      save_timer_(loop, [this] { save_clients(); }) {
+      table_(launcher_), registry_(loop), client_file_(private_file(client_file_name)),
+      dispatcher_(RVZD_PROGRAM, RVZD_VERSION, {}), due_timer_(loop, [this] { run_due(); }),
+      stop_timer_(loop, [this] { stop(); }), save_timer_(loop, [this] { save_clients(); }),
+      role_timer_(loop, [this] { registry_.take_role(); }) {
     read_client_file(client_file_, clients_);
     for (auto &fd : listeners.udp)
         udp_endpoints_.push_back(std::make_unique<UdpEndpoint>(loop, std::move(fd), dispatcher_));
@@ -55,10 +59,22 @@ Daemon::Daemon(uv_loop_t *loop, Listeners listeners, std::string config_file, co
     signals_.push_back(std::make_unique<SignalHandle>(loop, SIGHUP, [this] { reload(); }));
     for (const int signal_number : {SIGTERM, SIGINT})
         signals_.push_back(std::make_unique<SignalHandle>(loop, signal_number, [this] { stop(); }));
+    watch_role();
     apply(configuration);
 }
 
+// The role's file is written in place: it is looked at when its writer has had time to finish.
+void Daemon::watch_role() {
+    std::array<char, TBS_PATH_SIZE> directory;
+    if (tbs_product_host_config_dir(directory.data(), "") == TBS_ST_OK)
+        role_watch_ = std::make_unique<DirectoryWatch>(loop_, directory.data(), [this](const char *file_name) {
+            if (strcmp(file_name, role_file_name) == 0 && stop_requests_ == 0)
+                role_timer_.start(role_delay_ms);
+        });
+}
+
 void Daemon::apply(const Configuration &configuration) {
+    registry_.set_copy_interval(configuration.options.registry_copy_s);
     registry_.take_role();
     const uint32_t protocol = configuration.options.protocol;
     auto procedures = broker_procedures(table_, protocol, [this] { schedule(); });
@@ -130,6 +146,7 @@ void Daemon::stop() {
         table_.shut_down(monotonic_ms());
         udp_endpoints_.clear();
         tcp_endpoints_.clear();
+        registry_.stop_copying();
         save_clients();
         stop_timer_.start(stop_grace_ms);
     } else if (stop_requests_ == 2) {

@@ -31,6 +31,7 @@ private:
     void stop();
     void save_clients();
     void save_clients_soon();
+    void watch_role();
     void schedule();
     void run_due();
     void process_exited(int32_t pid, const ServerTable::ExitStatus &status);
@@ -50,6 +51,8 @@ private:
     TimerHandle due_timer_;
     TimerHandle stop_timer_;
     TimerHandle save_timer_;
+    TimerHandle role_timer_;
+    std::unique_ptr<DirectoryWatch> role_watch_;
     std::vector<std::unique_ptr<SignalHandle>> signals_;
     bool is_save_due_ = false;
     int stop_requests_ = 0;

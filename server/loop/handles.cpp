@@ -101,6 +101,29 @@ SignalHandle::~SignalHandle() {
     close_state(state_);
 }
 
+struct DirectoryWatch::State {
+    uv_fs_event_t handle;
+    std::function<void(const char *)> function;
+};
+
+DirectoryWatch::DirectoryWatch(uv_loop_t *loop, const char *directory, std::function<void(const char *)> on_change)
+    : state_(new State{{}, std::move(on_change)}) {
+    uv_fs_event_init(loop, &state_->handle);
+    state_->handle.data = state_;
+    uv_fs_event_start(
+        &state_->handle,
+        [](uv_fs_event_t *handle, const char *file_name, int, int status) {
+            const auto *state = static_cast<State *>(handle->data);
+            if (status == 0 && file_name != nullptr && state->function)
+                state->function(file_name);
+        },
+        directory, 0);
+}
+
+DirectoryWatch::~DirectoryWatch() {
+    close_state(state_);
+}
+
 int64_t monotonic_ms() {
     return static_cast<int64_t>(uv_hrtime() / 1000000);
 }

@@ -52,6 +52,20 @@ private:
     State *state_;
 };
 
+// Tells of files that were made, changed, renamed or removed in a directory, by their names. A directory that cannot be
+// watched is never heard of.
+class DirectoryWatch {
+public:
+    DirectoryWatch(uv_loop_t *loop, const char *directory, std::function<void(const char *file_name)> on_change);
+    ~DirectoryWatch();
+    DirectoryWatch(const DirectoryWatch &) = delete;
+    DirectoryWatch &operator=(const DirectoryWatch &) = delete;
+
+private:
+    struct State;
+    State *state_;
+};
+
 // The loop's clock, taken anew.
 int64_t monotonic_ms();
 

@@ -279,31 +279,37 @@ private:
     }
 
     // Changes of this host's own configuration, with a registry here or without. The proof of the right to it is a
-    // socket of this host that belongs to root or to the daemon's user.
+    // socket of this host that belongs to root or to the daemon's user. `work(request, done)` may answer later.
     template <class Request, class Work>
     void add_change(uint32_t number, bool_t (*request_routine)(XDR *, Request *), Work work) {
         rows_.push_back(make_procedure<Request, rvzd_null_reply_t>(
             number, true, request_routine, xdr_rvzd_null_reply_t,
             [work](const Request &request, const Caller &caller, const Answer<rvzd_null_reply_t> &answer) {
-                const tbs_status_t status = is_privileged(caller) ? work(request) : tbs_status_t{TBS_ST_NO_ACCESS};
-                answer({reply_header(request.header, status)});
+                const auto done = [header = request.header, answer](tbs_status_t status) {
+                    answer({reply_header(header, status)});
+                };
+                if (is_privileged(caller))
+                    work(request, done);
+                else
+                    done(TBS_ST_NO_ACCESS);
             }));
     }
 
     void add_configuration() {
+        using Done = std::function<void(tbs_status_t)>;
         add_change(RVZD_PROC_RGY_CLNT_CONF_CHANGE, xdr_rvzd_registry_clnt_conf_req_t,
-                   [](const rvzd_registry_clnt_conf_req_t &request) {
-                       return change_hosts(request.op, text_of(request.text));
+                   [](const rvzd_registry_clnt_conf_req_t &request, const Done &done) {
+                       done(change_hosts(request.op, text_of(request.text)));
                    });
         add_change(RVZD_PROC_RGY_SVR_CONF_CHANGE, xdr_rvzd_registry_svr_conf_req_t,
-                   [&service = service_](const rvzd_registry_svr_conf_req_t &request) -> tbs_status_t {
+                   [&service = service_](const rvzd_registry_svr_conf_req_t &request, const Done &done) {
                        switch (request.op) {
                        case OP_PROMOTE:
-                           return service.promote();
+                           return service.promote(done);
                        case OP_STEP_DOWN:
-                           return service.step_down();
+                           return done(service.step_down());
                        default:
-                           return TBS_ST_INVALID_ARG;
+                           return done(TBS_ST_INVALID_ARG);
                        }
                    });
     }

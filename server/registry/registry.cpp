@@ -1,5 +1,6 @@
 #include <server/registry/registry.h>
 
+#include <server/registry/copy.h>
 #include <server/registry/password.h>
 
 namespace velia::server {
@@ -9,6 +10,7 @@ namespace {
 constexpr size_t word_bytes = 4;
 constexpr uint32_t nobodies[] = {65534, UINT32_MAX, UINT32_MAX - 1};
 constexpr const char *password_setting = "password";
+constexpr uint64_t numbers_of_former_master = 1'000'000; // more than it can have given since the last copy
 
 // As it may be stored and sent again: not empty, in the right form, no longer than the wire carries.
 std::optional<Items> storable_items(const std::string &flex_text) {
@@ -87,6 +89,15 @@ tbs_status_t Registry::remove(rgy_db_t db, uint64_t id, const Caller &caller) {
         return TBS_ST_NO_ACCESS;
     Record removed;
     return store_.remove(db, id, removed) ? TBS_ST_OK : TBS_ST_NOT_FOUND;
+}
+
+bool Registry::is_filled() {
+    return !store_.setting(origin_setting).empty();
+}
+
+void Registry::become_master() {
+    store_.skip_numbers(numbers_of_former_master);
+    store_.set_setting(origin_setting, origin_master);
 }
 
 tbs_status_t Registry::check_password(const std::string &password) {

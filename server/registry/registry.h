@@ -53,6 +53,13 @@ public:
     tbs_status_t check_password(const std::string &password);
     void set_password(const std::string &password); // empty: none from now on
 
+    // Whose data these are: a registry that never was a master's, and never copied one whole, has nothing to tell.
+    bool is_filled();
+
+    // From now on this registry is changed here. The numbers that the former master gave to records which did not come
+    // here are not given again.
+    void become_master();
+
     std::string backup_hosts() { return store_.setting("backup"); }
     void set_backup_hosts(const std::string &hosts) { store_.set_setting("backup", hosts); }
 

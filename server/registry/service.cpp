@@ -3,32 +3,20 @@
 #include <array>
 #include <ctime>
 
+#include <server/registry/copy.h>
+#include <server/registry/messages.h>
 #include <support/date.h>
-#include <support/imsg.h>
 #include <veliaxdr/rgy_local.h>
-#include <veliaxdr/rgy_messages.h>
 
 namespace velia::server {
 
 namespace {
 
-// Positions in the registry's message table that only a server prints.
-enum Message : int {
-    MSG_FILE_CREATED = 0,
-    MSG_INTERNAL_ERROR = 9,
-    MSG_OPEN_FAILED = 13,
-    MSG_LOADED = 14,
-    MSG_ADDED = 73,
-    MSG_REMOVED = 74,
-    MSG_WHAT = 75,
-};
-
-template <class... Arguments>
-void print(int severity, int position, Arguments... arguments) {
-    imsg_print(severity, &_registry_rvzd_msg_table, position, arguments...);
-}
+constexpr uint64_t last_copy_ms = 5000; // the client that asks for the promotion waits
 
 } // namespace
+
+RegistryService::RegistryService(uv_loop_t *loop) : copier_(loop, [this] { follow_copy(); }) {}
 
 std::string registry_file() {
     std::array<char, TBS_PATH_SIZE> path;
@@ -43,53 +31,99 @@ bool RegistryService::open() {
         bool is_new = false;
         store_ = open_sqlite_store(file_name, is_new);
         registry_ = std::make_unique<Registry>(*store_);
-        print(IMSG_PLAIN, is_new ? MSG_FILE_CREATED : MSG_LOADED, file_name.c_str());
+        print_registry(IMSG_PLAIN, is_new ? MSG_FILE_CREATED : MSG_LOADED, file_name.c_str());
         return true;
     } catch (const StoreError &error) {
-        print(IMSG_ERROR, MSG_OPEN_FAILED, file_name.c_str(), error.what());
+        print_registry(IMSG_ERROR, MSG_OPEN_FAILED, file_name.c_str(), error.what());
         return false;
     }
 }
 
+void RegistryService::close() {
+    registry_.reset();
+    store_.reset();
+    is_filled_ = false;
+}
+
 void RegistryService::take_role() {
+    if (is_in_promotion_)
+        return;
     const int32_t type = rgy_get_svr_type();
     is_master_ = type == RGY_SVR_MASTER;
-    if (type != RGY_SVR_NONE) {
-        open();
-    } else {
-        registry_.reset();
-        store_.reset();
+    if (is_master_ || type == RGY_SVR_NONE)
+        copier_.stop();
+    if (type == RGY_SVR_NONE)
+        return close();
+    if (!open())
+        return;
+    try {
+        if (is_master_)
+            store_->set_setting(origin_setting, origin_master);
+        is_filled_ = registry_->is_filled();
+    } catch (const StoreError &error) {
+        tell_failure(error.what());
+    }
+    if (!is_master_)
+        copier_.start(copy_interval_s_);
+}
+
+void RegistryService::follow_copy() {
+    if (store_ == nullptr)
+        return;
+    try {
+        store_->reread();
+        is_filled_ = registry_->is_filled();
+    } catch (const StoreError &error) {
+        tell_failure(error.what());
     }
 }
 
-tbs_status_t RegistryService::promote() {
+void RegistryService::promote(std::function<void(tbs_status_t)> answer) {
+    if (is_in_promotion_)
+        return answer(TBS_ST_TRY_AGAIN);
     if (rgy_get_svr_type() != RGY_SVR_STANDBY)
-        return TBS_ST_UNSUPPORTED;
+        return answer(TBS_ST_UNSUPPORTED);
     if (!open())
-        return TBS_ST_ERROR;
-    const auto status = rgy_set_svr_type(RGY_SVR_MASTER);
-    is_master_ = status == TBS_ST_OK;
-    return status;
+        return answer(TBS_ST_ERROR);
+    is_in_promotion_ = true;
+    copier_.finish(last_copy_ms, [this, answer = std::move(answer)] {
+        const auto status = become_master();
+        is_in_promotion_ = false;
+        take_role();
+        answer(status);
+    });
+}
+
+tbs_status_t RegistryService::become_master() {
+    try {
+        if (!registry_->is_filled()) {
+            print_registry(IMSG_ERROR, MSG_BACKUP_ERROR, "there is no copy of the master's registry yet");
+            return TBS_ST_NOT_SET;
+        }
+        registry_->become_master();
+        return rgy_set_svr_type(RGY_SVR_MASTER);
+    } catch (const StoreError &error) {
+        return tell_failure(error.what());
+    }
 }
 
 tbs_status_t RegistryService::step_down() {
     if (!is_master_)
         return TBS_ST_UNSUPPORTED;
     is_master_ = false;
-    registry_.reset();
-    store_.reset();
+    close();
     return TBS_ST_OK;
 }
 
 void RegistryService::tell_change(rgy_db_t db, bool is_added, const std::string &what, const Caller &caller) {
     const int uid = caller.credentials ? static_cast<int>(caller.credentials->uid) : -1;
-    print(IMSG_PLAIN, is_added ? MSG_ADDED : MSG_REMOVED, registry_db_name(db), uid, address_text(caller.peer).c_str(),
-          date_fmt_token_date_time(time(nullptr)));
-    print(IMSG_PLAIN, MSG_WHAT, what.c_str());
+    print_registry(IMSG_PLAIN, is_added ? MSG_ADDED : MSG_REMOVED, registry_db_name(db), uid,
+                   address_text(caller.peer).c_str(), date_fmt_token_date_time(time(nullptr)));
+    print_registry(IMSG_PLAIN, MSG_WHAT, what.c_str());
 }
 
 tbs_status_t RegistryService::tell_failure(const char *what) {
-    print(IMSG_ERROR, MSG_INTERNAL_ERROR, what);
+    print_registry(IMSG_ERROR, MSG_INTERNAL_ERROR, what);
     return TBS_ST_ERROR;
 }
 

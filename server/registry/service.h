@@ -1,9 +1,11 @@
 // The registry in the daemon: there or not, by this host's role, and what it tells the log.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 
+#include <server/registry/copier.h>
 #include <server/registry/registry.h>
 
 namespace velia::server {
@@ -13,17 +15,27 @@ std::string registry_file();
 
 class RegistryService {
 public:
-    // Takes this host's role as its file has it. A registry that cannot be opened is told, and asked for in vain.
+    explicit RegistryService(uv_loop_t *loop);
+
+    // How often a copy is brought up to date.
+    void set_copy_interval(uint32_t seconds) { copy_interval_s_ = seconds; }
+
+    // Takes this host's role as its file has it. A registry that cannot be opened is told, and asked for in vain. All
+    // but a master copy what the master has.
     void take_role();
 
-    // Null while this host is no registry server.
-    Registry *registry() { return registry_.get(); }
+    void stop_copying() { copier_.stop(); }
+
+    // Null while this host is no registry server, or one that has nothing to tell yet.
+    Registry *registry() { return is_filled_ ? registry_.get() : nullptr; }
 
     // Only a master takes updates: what others hold is a copy.
     bool is_master() const { return is_master_; }
 
-    // A standby becomes the master. TBS_ST_UNSUPPORTED for any other; else what went wrong, told.
-    tbs_status_t promote();
+    // A standby copies what it can still get, for some seconds at most, and becomes the master. TBS_ST_UNSUPPORTED for
+    // any other, TBS_ST_NOT_SET for one that has no copy, TBS_ST_TRY_AGAIN during another promotion; else what went
+    // wrong, told.
+    void promote(std::function<void(tbs_status_t)> answer);
 
     // A master stops serving until it has another role. TBS_ST_UNSUPPORTED for any other.
     tbs_status_t step_down();
@@ -36,8 +48,15 @@ public:
 
 private:
     bool open();
+    void close();
+    void follow_copy();
+    tbs_status_t become_master();
 
+    Copier copier_;
+    uint32_t copy_interval_s_ = 0;
     bool is_master_ = false;
+    bool is_filled_ = false;
+    bool is_in_promotion_ = false;
     std::unique_ptr<Store> store_;
     std::unique_ptr<Registry> registry_;
 };

@@ -14,15 +14,23 @@ namespace {
 
 constexpr int busy_timeout_ms = 5000; // another process may set the password meanwhile
 
-// The database's other files take over the mode of this one; it holds a password's hash.
+} // namespace
+
+void throw_system_error() {
+    throw StoreError(imsg_strerror(errno));
+}
+
 void make_private_file(const std::string &file_name) {
     const int fd = open(file_name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
     if (fd < 0)
-        throw StoreError(imsg_strerror(errno));
+        throw_system_error();
     close(fd);
 }
 
-} // namespace
+void remove_file(const std::string &file_name) {
+    if (unlink(file_name.c_str()) != 0 && errno != ENOENT)
+        throw_system_error();
+}
 
 Sqlite::Sqlite(const std::string &file_name) {
     make_private_file(file_name);
@@ -82,6 +90,11 @@ tbs_uuid_t Statement::uuid(int column) const {
 
 void Statement::bind(int position, int64_t value) {
     check(sqlite3_bind_int64(statement_.get(), position, value));
+}
+
+void Statement::bind(int position, std::optional<int64_t> value) {
+    check(value ? sqlite3_bind_int64(statement_.get(), position, *value)
+                : sqlite3_bind_null(statement_.get(), position));
 }
 
 void Statement::bind(int position, std::string_view value) {

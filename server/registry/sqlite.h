@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -11,6 +12,14 @@
 #include <server/registry/store.h>
 
 namespace velia::server {
+
+// A database's other files take over the mode of this one; it holds a password's hash.
+void make_private_file(const std::string &file_name);
+
+void remove_file(const std::string &file_name); // if it is there
+
+// What errno says, as a StoreError.
+[[noreturn]] void throw_system_error();
 
 class Sqlite {
 public:
@@ -57,6 +66,7 @@ private:
     void bind(int position, int64_t value);
     void bind(int position, uint64_t value) { bind(position, static_cast<int64_t>(value)); }
     void bind(int position, uint32_t value) { bind(position, int64_t{value}); }
+    void bind(int position, std::optional<int64_t> value); // none: a null
     void bind(int position, std::string_view value);
     void bind(int position, const tbs_uuid_t &value);
     void check(int result) const;

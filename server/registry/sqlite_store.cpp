@@ -2,8 +2,10 @@
 // acknowledged; the stamps change in the transaction of the update that they tell of.
 #include <server/registry/store.h>
 
+#include <cstdio>
 #include <cstring>
 #include <sys/random.h>
+#include <vector>
 
 #include <server/registry/sqlite.h>
 
@@ -48,9 +50,11 @@ public:
         database_.run("PRAGMA synchronous = FULL");
         is_new = prepare_schema();
         statements_ = std::make_unique<Statements>(database_);
-        registry_ = named_uuid("registry");
+        reread();
         copy_ = named_uuid("copy");
     }
+
+    void reread() override { registry_ = named_uuid("registry"); }
 
     Stamps stamps(rgy_db_t db) override {
         auto &query = statements_->stamp.with(db);
@@ -84,12 +88,9 @@ public:
         Transaction transaction(database_);
         if (!is_same(stamps(db).pair, expected))
             return AddResult::stale;
-        if (!identity.empty() && is_taken(db, identity))
+        if (!identity.empty() && bearer_of(db, identity))
             return AddResult::exists;
-        statements_->insert.with(db, value_of(items, registry_item_name(RGY_ITEM_REGION)), identity, flex_text).run();
-        const int64_t id = database_.last_row_id();
-        for (const auto &[key, value] : items)
-            add_item(db, key, value, id);
+        insert(db, std::nullopt, identity, flex_text, items);
         renew_stamps(db);
         transaction.commit();
         return AddResult::added;
@@ -104,11 +105,50 @@ public:
         query.reset();
         if (!is_found)
             return false;
-        statements_->remove_items.with(id).run();
-        statements_->remove.with(id).run();
+        erase(id);
         renew_stamps(db);
         transaction.commit();
         return true;
+    }
+
+    void replace(rgy_db_t db, const std::optional<rgy_dtm_pair_t> &stamps, Contents contents) override {
+        Transaction transaction(database_);
+        for (const uint64_t id : take_kept(db, contents))
+            erase(id);
+        for (const auto &[id, text] : contents)
+            put(db, id, text);
+        if (stamps)
+            statements_->put_stamp.with(db, stamps->dtm, stamps->svr_dtm).run();
+        else
+            renew_stamps(db);
+        transaction.commit();
+    }
+
+    void begin_anew(const tbs_uuid_t &registry) override {
+        Transaction transaction(database_);
+        database_.run("DELETE FROM item; DELETE FROM entry");
+        for (rgy_db_t db = 0; db < RGY_DB_ALL; ++db)
+            renew_stamps(db);
+        statements_->put_setting.with(std::string_view("registry"), registry).run();
+        transaction.commit();
+        registry_ = registry;
+    }
+
+    void skip_numbers(uint64_t gap) override {
+        Transaction transaction(database_);
+        database_.run("INSERT INTO sqlite_sequence (name, seq) SELECT 'entry', 0 "
+                      "WHERE NOT EXISTS (SELECT 1 FROM sqlite_sequence WHERE name = 'entry')");
+        Statement(database_, "UPDATE sqlite_sequence SET seq = seq + ?1 WHERE name = 'entry'").with(gap).run();
+        transaction.commit();
+    }
+
+    void save_to(const std::string &file_name) override {
+        const std::string unfinished = file_name + ".new";
+        remove_file(unfinished);
+        make_private_file(unfinished);
+        Statement(database_, "VACUUM INTO CAST(?1 AS TEXT)").with(std::string_view(unfinished)).run();
+        if (rename(unfinished.c_str(), file_name.c_str()) != 0)
+            throw_system_error();
     }
 
     std::string setting(const std::string &name) override {
@@ -135,8 +175,8 @@ private:
                                                "WHERE item.db = ?1 AND item.entry > ?2 AND key = ?4 AND value = ?5") +
                                    region_condition + " ORDER BY item.entry")
                                       .c_str()),
-              taken(database, "SELECT 1 FROM entry WHERE db = ?1 AND identity = ?2 AND identity <> x''"),
-              insert(database, "INSERT INTO entry (db, region, identity, text) VALUES (?1, ?2, ?3, ?4)"),
+              bearer(database, "SELECT id FROM entry WHERE db = ?1 AND identity = ?2 AND identity <> x''"),
+              insert(database, "INSERT INTO entry (id, db, region, identity, text) VALUES (?1, ?2, ?3, ?4, ?5)"),
               insert_item(database, "INSERT OR IGNORE INTO item (db, key, value, entry) VALUES (?1, ?2, ?3, ?4)"),
               find(database, "SELECT text FROM entry WHERE db = ?1 AND id = ?2"),
               remove(database, "DELETE FROM entry WHERE id = ?1"),
@@ -144,7 +184,7 @@ private:
               get_setting(database, "SELECT value FROM setting WHERE name = ?1"),
               put_setting(database, "INSERT OR REPLACE INTO setting (name, value) VALUES (?1, ?2)") {}
 
-        Statement stamp, put_stamp, count, scan_all, scan_item, taken, insert, insert_item, find, remove, remove_items,
+        Statement stamp, put_stamp, count, scan_all, scan_item, bearer, insert, insert_item, find, remove, remove_items,
             get_setting, put_setting;
     };
 
@@ -184,11 +224,57 @@ private:
         return true;
     }
 
-    bool is_taken(rgy_db_t db, const std::string &identity) {
-        auto &query = statements_->taken.with(db, identity);
-        const bool is_taken = query.step();
+    // Who has this identity.
+    std::optional<uint64_t> bearer_of(rgy_db_t db, const std::string &identity) {
+        auto &query = statements_->bearer.with(db, identity);
+        std::optional<uint64_t> id;
+        if (query.step())
+            id = static_cast<uint64_t>(query.number(0));
         query.reset();
-        return is_taken;
+        return id;
+    }
+
+    void insert(rgy_db_t db, std::optional<int64_t> number, const std::string &identity, const std::string &flex_text,
+                const Items &items) {
+        statements_->insert.with(number, db, value_of(items, registry_item_name(RGY_ITEM_REGION)), identity, flex_text)
+            .run();
+        const int64_t id = database_.last_row_id();
+        for (const auto &[key, value] : items)
+            add_item(db, key, value, id);
+    }
+
+    void erase(uint64_t id) {
+        statements_->remove_items.with(id).run();
+        statements_->remove.with(id).run();
+    }
+
+    // Takes out of `contents` what stands here as it does there; the result is what stands here only.
+    std::vector<uint64_t> take_kept(rgy_db_t db, Contents &contents) {
+        std::vector<uint64_t> gone;
+        scan({db, "", "", ""}, 0, [&](const Record &record) {
+            const auto found = contents.find(record.id);
+            if (found != contents.end() && found->second == record.flex_text)
+                contents.erase(found);
+            else
+                gone.push_back(record.id);
+            return true;
+        });
+        return gone;
+    }
+
+    // A record under the number that it has elsewhere. In order of the numbers a former bearer of its identity is an
+    // older record.
+    void put(rgy_db_t db, uint64_t id, const std::string &flex_text) {
+        const auto items = items_of(flex_text);
+        if (!items)
+            throw StoreError("a malformed record: " + flex_text);
+        const std::string identity = identity_of(db, *items);
+        const auto former = identity.empty() ? std::nullopt : bearer_of(db, identity);
+        if (former && *former > id)
+            return;
+        if (former)
+            erase(*former);
+        insert(db, static_cast<int64_t>(id), identity, flex_text, *items);
     }
 
     // A uuid is found by its one spelling, too, however it was written.

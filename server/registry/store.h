@@ -3,7 +3,9 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -33,6 +35,9 @@ struct Selection {
     std::string value;
 };
 
+// A whole database, as it was read from another host: texts by their numbers.
+using Contents = std::map<uint64_t, std::string>;
+
 class Store {
 public:
     Store() = default;
@@ -55,6 +60,22 @@ public:
     virtual AddResult add(rgy_db_t db, const rgy_dtm_pair_t &expected, const std::string &identity,
                           const std::string &flex_text, const Items &items) = 0;
     virtual bool remove(rgy_db_t db, uint64_t id, Record &removed) = 0;
+
+    // Makes a database what it is elsewhere, numbers and all. Two records of one identity can come of a reading during
+    // which the database changed: the later one stays. Without stamps it gets new ones of its own. One transaction.
+    virtual void replace(rgy_db_t db, const std::optional<rgy_dtm_pair_t> &stamps, Contents contents) = 0;
+
+    // Empties all databases and takes another registry's name. One transaction.
+    virtual void begin_anew(const tbs_uuid_t &registry) = 0;
+
+    // The next record's number is `gap` beyond where it would be.
+    virtual void skip_numbers(uint64_t gap) = 0;
+
+    // Writes everything to a file of this name, which replaces a former one.
+    virtual void save_to(const std::string &file_name) = 0;
+
+    // Takes notice of what another process changed of the registry's name.
+    virtual void reread() = 0;
 
     // Single values by their name, such as the password's hash; the empty text where there is none.
     virtual std::string setting(const std::string &name) = 0;

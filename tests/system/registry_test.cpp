@@ -10,9 +10,8 @@
 
 #include <tests/system/support/daemon.h>
 #include <tests/system/support/lossy_relay.h>
-#include <veliaxdr/rgy_fetch.h>
+#include <tests/system/support/registry_calls.h>
 #include <veliaxdr/rgy_site.h>
-#include <veliaxdr/rgy_wire.h>
 #include <veliaxdr/rvzd_hosts.h>
 
 using namespace velia::system_test;
@@ -21,8 +20,6 @@ using testing::IsEmpty;
 using testing::SizeIs;
 
 namespace {
-
-constexpr int tries_max = 200;
 
 struct Registry : testing::Test {
     Site site;
@@ -44,35 +41,6 @@ struct Registry : testing::Test {
     }
 };
 
-struct FreeHandle {
-    void operator()(rvzd_handle_t *handle) const { rvzd_free_handle(handle); }
-};
-using OwnedHandle = std::unique_ptr<rvzd_handle_t, FreeHandle>;
-
-OwnedHandle own_handle(const char *host, uint32_t prim = 1) {
-    rvzd_handle_t *handle = nullptr;
-    rvzd_get_handle_prim(host, prim, &handle);
-    return OwnedHandle(handle);
-}
-
-// Adds with the stamps of the moment, again and again while somebody else is quicker.
-tbs_status_t add(rgy_db_t db, const std::string &text, const char *host = "alpha", int *stale_answers = nullptr) {
-    for (int tries = 0; tries < tries_max; ++tries) {
-        const auto handle = own_handle(host);
-        if (handle == nullptr)
-            return TBS_ST_NO_SERVER;
-        rgy_dtm_pair_t stamps = {};
-        auto status = rvzd_rgy_get_id(handle.get(), db, RGY_PROTOCOL_VERSION, &stamps);
-        if (status == TBS_ST_OK)
-            status = rvzd_rgy_add_entry(handle.get(), db, RGY_PROTOCOL_VERSION, &stamps, text.c_str());
-        if (status != TBS_ST_STALE_ID)
-            return status;
-        if (stale_answers != nullptr)
-            ++*stale_answers;
-    }
-    return TBS_ST_STALE_ID;
-}
-
 tbs_status_t add_once_by_tcp(const std::string &text) {
     rvzd_handle_t *handle = nullptr;
     auto status = rvzd_get_handle_prim_proto("alpha", RVZD_PROTOCOL_TCP, 1, 1, &handle);
@@ -84,34 +52,6 @@ tbs_status_t add_once_by_tcp(const std::string &text) {
         status = rvzd_rgy_add_entry(handle, RGY_DB_REGIONS, RGY_PROTOCOL_VERSION, &stamps, text.c_str());
     rvzd_free_handle(handle);
     return status;
-}
-
-std::string text_of(const rgy_entry_t *entry, uint32_t item) {
-    const char *text = nullptr;
-    return rgy_getstring_from_entry_const(entry, item, &text) == TBS_ST_OK ? text : "";
-}
-
-// The names of all entries of a database, in the order in which they come; nothing when the scan fails.
-std::optional<std::vector<std::string>> names_of(rgy_db_t db, int64_t batch = 100, const char *host = nullptr) {
-    std::vector<std::string> names;
-    std::vector<rgy_entry_t *> entries(static_cast<size_t>(batch));
-    rgy_cursor_t *cursor = nullptr;
-    do {
-        int64_t count = 0;
-        if (rgy_get_entry(db, host, nullptr, &cursor, batch, entries.data(), &count) != TBS_ST_OK) {
-            rgy_close_cursor(&cursor);
-            return std::nullopt;
-        }
-        for (size_t i = 0; cursor != nullptr && i < static_cast<size_t>(count); ++i) {
-            names.push_back(text_of(entries[i], RGY_ITEM_NAME));
-            rgy_delete_entry(&entries[i]);
-        }
-    } while (cursor != nullptr);
-    return names;
-}
-
-std::string name_entry(const std::string &name) {
-    return "-name=" + name + ";";
 }
 
 } // namespace
