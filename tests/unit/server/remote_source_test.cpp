@@ -1,0 +1,219 @@
+// Reading a registry from a master that answers what the test says, over a real connection.
+#include <atomic>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <filesystem>
+#include <fstream>
+#include <sys/socket.h>
+
+#include <server/registry/remote_source.h>
+#include <server/rpc/records.h>
+#include <server/rpc/tcp_endpoint.h>
+#include <veliaxdr/rgy_wire.h>
+
+using namespace velia::server;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
+
+namespace {
+
+constexpr rgy_db_t db = RGY_DB_REGIONS;
+
+// What the master says to a listing that begins at the cursor.
+struct Page {
+    std::vector<Record> records;
+    uint64_t cursor = 0;
+    uint8_t stamp = 1;
+    tbs_status_t status = TBS_ST_OK;
+};
+
+rgy_dtm_pair_t pair_of(uint8_t stamp) {
+    rgy_dtm_pair_t pair = {};
+    pair.dtm.bytes[0] = stamp;
+    return pair;
+}
+
+class RemoteSourceTest : public testing::Test {
+protected:
+    RemoteSourceTest() {
+        std::string name = (std::filesystem::temp_directory_path() / "velia-source-XXXXXX").string();
+        root_ = mkdtemp(name.data());
+        setenv("VELIA_ROOT", root_.c_str(), 1);
+        setenv("VELIA_HOSTNAME", "here", 1);
+        UniqueFd listening = listen_somewhere();
+        write("config/services.conf", "rvzd " + std::to_string(port_) + "\n");
+        write("config/hosts.conf", "here 127.0.0.1\nmaster 127.0.0.1\n");
+        uv_loop_init(&loop_);
+        uv_async_init(&loop_, &end_, [](uv_async_t *async) { uv_stop(async->loop); });
+        endpoint_ = std::make_unique<TcpEndpoint>(&loop_, std::move(listening), dispatcher_, ConnectionLimits{});
+        thread_ = std::thread([this] { uv_run(&loop_, UV_RUN_DEFAULT); });
+    }
+    ~RemoteSourceTest() override {
+        uv_async_send(&end_);
+        thread_.join();
+        endpoint_.reset();
+        uv_close(reinterpret_cast<uv_handle_t *>(&end_), nullptr);
+        uv_run(&loop_, UV_RUN_DEFAULT);
+        uv_loop_close(&loop_);
+        std::filesystem::remove_all(root_);
+    }
+
+    // Answers one listing after the other from here on. Called in the loop's thread.
+    std::function<Page(uint64_t cursor)> page_at;
+    tbs_status_t other_status = TBS_ST_OK; // of the other questions
+    std::atomic<int> listings = 0;         // begun
+
+private:
+    UniqueFd listen_somewhere() {
+        UniqueFd listening(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+        sockaddr_in local = {};
+        local.sin_family = AF_INET;
+        local.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(bind(listening.get(), reinterpret_cast<sockaddr *>(&local), sizeof local), 0);
+        EXPECT_EQ(listen(listening.get(), 16), 0);
+        socklen_t length = sizeof local;
+        getsockname(listening.get(), reinterpret_cast<sockaddr *>(&local), &length);
+        port_ = ntohs(local.sin_port);
+        return listening;
+    }
+    void write(const std::string &name, const std::string &text) const {
+        std::filesystem::create_directories((root_ / name).parent_path());
+        std::ofstream(root_ / name) << text;
+    }
+
+    std::vector<Procedure> procedures() {
+        return {make_prompt_procedure<rvzd_contact_req_t, rvzd_contact_reply_t>(
+                    RVZD_PROC_CONTACT, xdr_rvzd_contact_req_t, xdr_rvzd_contact_reply_t,
+                    [](const rvzd_contact_req_t &request, const Caller &) {
+                        rvzd_contact_reply_t reply = {};
+                        reply.header = reply_header(request.header, TBS_ST_OK);
+                        reply.protocol_version = RVZD_PROTOCOL_CURRENT;
+                        return reply;
+                    }),
+                make_prompt_procedure<rvzd_registry_get_dtm_req_t, rvzd_registry_get_dtm_reply_t>(
+                    RVZD_PROC_RGY_GET_DTM, xdr_rvzd_registry_get_dtm_req_t, xdr_rvzd_registry_get_dtm_reply_t,
+                    [this](const rvzd_registry_get_dtm_req_t &request, const Caller &) {
+                        rvzd_registry_get_dtm_reply_t reply = {};
+                        reply.header = reply_header(request.header, other_status);
+                        reply.dtm = pair_of(9);
+                        reply.aux_uuid1.bytes[0] = 8;
+                        return reply;
+                    }),
+                make_prompt_procedure<rvzd_registry_get_backup_req_t, rvzd_registry_get_backup_reply_t>(
+                    RVZD_PROC_RGY_GET_BACKUP, xdr_rvzd_registry_get_backup_req_t, xdr_rvzd_registry_get_backup_reply_t,
+                    [this](const rvzd_registry_get_backup_req_t &request, const Caller &) {
+                        rvzd_registry_get_backup_reply_t reply = {};
+                        reply.header = reply_header(request.header, other_status);
+                        static const std::string hosts(RGY_WIRE_HOST_LIST_MAX, 'h');
+                        reply.host_list = unowned(hosts);
+                        return reply;
+                    }),
+                make_prompt_procedure<rvzd_registry_get_req_t, rvzd_registry_get_reply_t>(
+                    RVZD_PROC_RGY_GET_ENTRY, xdr_rvzd_registry_get_req_t, xdr_rvzd_registry_get_reply_t,
+                    [this](const rvzd_registry_get_req_t &request, const Caller &) { return listing(request); })};
+    }
+
+    rvzd_registry_get_reply_t listing(const rvzd_registry_get_req_t &request) {
+        if (request.cursor == 0)
+            ++listings;
+        page_ = page_at(request.cursor);
+        entries_.clear();
+        for (const auto &record : page_.records)
+            entries_.push_back({record.id, unowned(record.flex_text)});
+        rvzd_registry_get_reply_t reply = {};
+        reply.header = reply_header(request.header, page_.status);
+        reply.version = RGY_PROTOCOL_VERSION;
+        reply.dtm = pair_of(page_.stamp);
+        reply.cursor = page_.cursor;
+        reply.count = static_cast<int64_t>(entries_.size());
+        reply.entries = entries_.data();
+        return reply;
+    }
+
+    std::filesystem::path root_;
+    uint16_t port_ = 0;
+    uv_loop_t loop_ = {};
+    uv_async_t end_ = {};
+    Dispatcher dispatcher_{RVZD_PROGRAM, RVZD_VERSION, procedures()};
+    std::unique_ptr<TcpEndpoint> endpoint_;
+    std::thread thread_;
+    Page page_;
+    std::vector<rgy_svr_entry_t> entries_;
+};
+
+TEST_F(RemoteSourceTest, PagesAreReadToTheEnd) {
+    page_at = [](uint64_t cursor) {
+        return cursor == 0 ? Page{{{1, "-name=a;"}, {2, "-name=b;"}}, 2} : Page{{{5, "-name=c;"}}, 0};
+    };
+    const auto reading = RemoteSource("master").read(db);
+    EXPECT_THAT(reading.contents, ElementsAre(Pair(1, "-name=a;"), Pair(2, "-name=b;"), Pair(5, "-name=c;")));
+    ASSERT_TRUE(reading.stamps);
+    EXPECT_EQ(reading.stamps->dtm.bytes[0], 1);
+    EXPECT_EQ(listings, 1);
+}
+
+TEST_F(RemoteSourceTest, AListingDuringWhichTheStampsChangeIsReadAgain) {
+    page_at = [this](uint64_t cursor) {
+        return cursor == 0 ? Page{{{1, "-name=a;"}}, 1, 1} : Page{{}, 0, static_cast<uint8_t>(listings == 1 ? 2 : 1)};
+    };
+    const auto reading = RemoteSource("master").read(db);
+    EXPECT_TRUE(reading.stamps);
+    EXPECT_EQ(listings, 2);
+}
+
+TEST_F(RemoteSourceTest, AListingThatNeverStandsStillIsTakenWithoutStamps) {
+    page_at = [](uint64_t cursor) {
+        return cursor == 0 ? Page{{{1, "-name=a;"}}, 1, 1} : Page{{{2, "-name=b;"}}, 0, 2};
+    };
+    const auto reading = RemoteSource("master").read(db);
+    EXPECT_FALSE(reading.stamps);
+    EXPECT_THAT(reading.contents, ElementsAre(Pair(1, "-name=a;"), Pair(2, "-name=b;")));
+    EXPECT_EQ(listings, 3);
+}
+
+TEST_F(RemoteSourceTest, ACursorThatStandsStillEndsTheReading) {
+    page_at = [](uint64_t) { return Page{{{1, "-name=a;"}}, 7}; };
+    RemoteSource source("master");
+    EXPECT_THROW(source.read(db), CopyError);
+}
+
+TEST_F(RemoteSourceTest, ACircleOfCursorsEndsTheReading) {
+    page_at = [](uint64_t cursor) { return Page{{{1, "-name=a;"}}, cursor % 3 + 1}; };
+    RemoteSource source("master");
+    EXPECT_THROW(source.read(db), CopyError);
+}
+
+TEST_F(RemoteSourceTest, ARefusalIsNoEmptyDatabase) {
+    page_at = [](uint64_t) { return Page{{}, 0, 1, TBS_ST_NO_SERVER}; };
+    other_status = TBS_ST_NO_SERVER;
+    RemoteSource source("master");
+    EXPECT_THROW(source.read(db), CopyError);
+    EXPECT_THROW(source.stamps(db), CopyError);
+    EXPECT_THROW(source.backup_hosts(), CopyError);
+}
+
+TEST_F(RemoteSourceTest, AnEmptyDatabaseIsOne) {
+    page_at = [](uint64_t) { return Page{}; };
+    const auto reading = RemoteSource("master").read(db);
+    EXPECT_THAT(reading.contents, IsEmpty());
+    EXPECT_TRUE(reading.stamps);
+}
+
+TEST_F(RemoteSourceTest, StampsAndTheLongestListOfHostsCome) {
+    RemoteSource source("master");
+    const auto stamps = source.stamps(db);
+    EXPECT_EQ(stamps.pair.dtm.bytes[0], 9);
+    EXPECT_EQ(stamps.registry.bytes[0], 8);
+    EXPECT_EQ(source.backup_hosts(), std::string(RGY_WIRE_HOST_LIST_MAX, 'h'));
+}
+
+TEST_F(RemoteSourceTest, AHostThatNobodyKnowsIsTold) {
+    EXPECT_THROW(RemoteSource("nowhere.invalid"), CopyError);
+}
+
+} // namespace
