@@ -50,6 +50,26 @@ tbs_status_t rgy_create_entry(rgy_db_t db, const char *host, rgy_entry_t **out);
  */
 tbs_status_t rgy_chk_access(rgy_db_t db, const char *host, const char *password);
 
+/* Least size of the buffer of a registry password: 4,095 characters of any value but zero, and the terminator. */
+enum { RGY_PASSWORD_SIZE = 4096 };
+
+/*
+ * The check before a privileged change of a tag: whether the caller may, with the password in `password`, a buffer of
+ * RGY_PASSWORD_SIZE bytes. If it holds the empty text, the user is asked on the terminal, with no lock held and for as
+ * long as it takes, and the buffer keeps the answer, so that the user is asked once; wipe it when done.
+ *
+ *   TBS_ST_OK           yes
+ *   TBS_ST_NO_ACCESS    no
+ *   TBS_ST_NOT_FOUND    the registry has no password, which is a no
+ *   TBS_ST_ERROR        the user gave no password (nothing is printed, and the buffer stays empty), or as above
+ *   TBS_ST_INVALID_ARG  a null buffer
+ *   else                as above
+ *
+ * Every answer of the registry but the first prints messages 41 and 42 of _registry_rvzd_msg_table, and the third
+ * message 43.
+ */
+tbs_status_t rgy_chk_tag_priv(const char *host, char *password);
+
 /*
  * Stores what the registry says of its databases in `dbs`, which has room for `db_max` elements, and their number in
  * *count. The caller releases the names with stg_free; one without storage is null. TBS_ST_ERROR (printed) when no host

@@ -70,6 +70,9 @@ tbs_status_t rgy_fetch_default_region(size_t size, char *buffer);
 /* Sets the default region of this process, null or empty for none. TBS_ST_NO_STORAGE, printed, without storage. */
 tbs_status_t rgy_set_process_default_region(const char *region);
 
+/* Whether the region is of the reduced kind, in *out (may be null): always 0, as there is none. Always TBS_ST_OK. */
+tbs_status_t rgy_is_slim_region(const char *region, int32_t *out);
+
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }

@@ -101,6 +101,11 @@ public:
     int verbosity = 0;
     std::set<std::string> traced; // "xdr/rvzd:4"
 
+    // Who sits at the terminal: how a password prompt ends, and what is typed; and the prompts that were shown.
+    int prompt_result = IMSG_PASSWORD_ENTERED;
+    std::string typed_password;
+    std::vector<std::string> prompts;
+
     std::vector<Timer> timers;
     std::vector<Watch> watches;
     std::vector<ExitAction> exit_actions;

@@ -97,6 +97,16 @@ SIM_PASS_THROUGH(tbs_status_t, tbs_product_host_priv_dir, (char *buffer, const c
 SIM_PASS_THROUGH(char *, tbs_uuid_to_str, (const tbs_uuid_t *uuid, char *buffer), (uuid, buffer))
 SIM_PASS_THROUGH(int, fileutl_is_localhost, (const char *host), (host))
 SIM_PASS_THROUGH(int, fileutl_path_host, (const char *path, char *buffer, size_t size), (path, buffer, size))
+int __wrap_imsg_prompt_password(const char *prompt, char *buffer) {
+    World &world = World::current();
+    world.support_call();
+    world.prompts.emplace_back(prompt);
+    *buffer = '\0';
+    if (world.prompt_result == IMSG_PASSWORD_ENTERED)
+        buffer[world.typed_password.copy(buffer, IMSG_PASSWORD_SIZE - 1)] = '\0';
+    return world.prompt_result;
+}
+
 SIM_PASS_THROUGH(char *, getenv_safe, (const char *name, char *buffer, size_t size, int reserved),
                  (name, buffer, size, reserved))
 

@@ -5,6 +5,7 @@
 #include <veliaxdr/rgy_manage.h>
 #include <veliaxdr/rgy_messages.h>
 #include <veliaxdr/rgy_objects.h>
+#include <veliaxdr/rgy_role.h>
 #include <veliaxdr/rgy_site.h>
 #include <veliaxdr/rgy_wire.h>
 
@@ -18,6 +19,7 @@ tbs_status_t default_region_of(char region[RGY_REGION_SIZE]);
 int64_t count_regions(void);
 tbs_status_t add_region(const char *name);
 tbs_status_t register_view(const tbs_uuid_t *view, const char *storage);
+tbs_status_t take_over(void);
 
 tbs_status_t rename_owner(rgy_entry_t *entry, const char *owner) {
     const char *old_owner = NULL;
@@ -83,4 +85,11 @@ tbs_status_t register_view(const tbs_uuid_t *view, const char *storage) {
     const char *attributes[] = {"snapshot", "ucm=no"};
     tbs_status_t status = rgy_add_view_object(NULL, "domain/me", view, "build7", storage, 2, attributes);
     return status == TBS_ST_ALREADY_EXISTS ? TBS_ST_OK : status;
+}
+
+tbs_status_t take_over(void) {
+    tbs_status_t status = rgy_change_server_type(RGY_SVR_MASTER);
+    if (status == TBS_ST_OK)
+        rgy_hostname_cache_inval();
+    return status;
 }

@@ -123,3 +123,9 @@ tbs_status_t rgy_fetch_default_region(size_t size, char *buffer) {
 tbs_status_t rgy_set_process_default_region(const char *region) {
     return registry_prop_set_process_default_region_local(region);
 }
+
+tbs_status_t rgy_is_slim_region(const char * /*region*/, int32_t *out) {
+    if (out != nullptr)
+        *out = 0;
+    return TBS_ST_OK;
+}
