@@ -6,11 +6,13 @@
 #include <cstdlib>
 #include <iostream>
 #include <memory>
+#include <optional>
 
 #include <cli/choices.h>
 #include <support/imsg.h>
 #include <support/stg.h>
 #include <veliaxdr/rgy_local.h>
+#include <veliaxdr/rgy_role.h>
 #include <veliaxdr/rgy_site.h>
 #include <veliaxdr/rgy_wire.h>
 
@@ -115,6 +117,30 @@ int print_hosts(const Settings &settings) {
     return exit_done;
 }
 
+// What is to be changed in the hosts file; a name that is not given stays as it is.
+struct HostsChange {
+    std::optional<std::string> master;
+    std::optional<std::string> backup;
+};
+
+int change_hosts(const HostsChange &change, const Settings &settings) {
+    for (const auto &[op, name] : {std::pair(RGY_CONF_SET_HOST, &change.master), {RGY_CONF_SET_BACKUP, &change.backup}})
+        if (*name && rgy_clnt_conf_change(op, (*name)->c_str()) != TBS_ST_OK)
+            return exit_failed;
+    return print_hosts(settings);
+}
+
+void add_hosts(CLI::App &group, Settings &settings, Command &chosen, const std::string &footer) {
+    auto change = std::make_shared<HostsChange>();
+    CLI::App *command = group.add_subcommand("hosts", "Tell, or set, this host's registry and its backup");
+    command->add_option("--master", change->master, "take this host's registry from now on")->type_name("HOST");
+    command->add_option("--backup", change->backup, "and this one as its backup")->type_name("HOST");
+    add_common_options(*command, settings);
+    command->footer(footer);
+    command->callback(
+        [change, &chosen] { chosen = [change](const Settings &given) { return change_hosts(*change, given); }; });
+}
+
 int print_region(const Settings &settings) {
     std::array<char, RGY_REGION_SIZE> region = {};
     const auto status = rgy_fetch_default_region(region.size(), region.data());
@@ -137,8 +163,6 @@ struct LocalVerb {
 
 constexpr std::array local_verbs = {
     LocalVerb{"role", "Tell which registry server this host is", "veliactl registry role", print_role},
-    LocalVerb{"hosts", "Tell this host's registry and its backup", "veliactl registry hosts --output json",
-              print_hosts},
     LocalVerb{"region", "Tell the default region of this host", "veliactl registry region --no-headers", print_region},
 };
 
@@ -178,6 +202,8 @@ void add_registry_site(CLI::App &group, Settings &settings, Command &chosen) {
         chosen = [repetition](const Settings &given) { return look_up_repeatedly(*repetition, given); };
     });
 
+    add_hosts(group, settings, chosen,
+              examples("veliactl registry hosts --output json\n  veliactl registry hosts --master build8"));
     for (const LocalVerb &verb : local_verbs) {
         CLI::App *command = group.add_subcommand(verb.name, verb.help);
         add_common_options(*command, settings);
