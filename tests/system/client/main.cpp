@@ -2,13 +2,18 @@
 //
 //   system_client find HOST PROGRAM udp|tcp          looks a server up; exit status 0 when it is found
 //   system_client loop HOST PROGRAM SECONDS          calls the echo again and again, and prints how often that worked
+//   system_client views CLIENT STOP_FILE             registers views until the file exists; CLIENT is a number, not 0
+//   system_client role TYPE                          makes this host a registry server of this type; prints the status
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <thread>
+#include <vector>
 
+#include <tests/system/client/objects.h>
 #include <tests/system/support/client.h>
+#include <veliaxdr/rgy_role.h>
 
 using namespace velia::system_test;
 
@@ -35,12 +40,26 @@ int loop(const char *host, uint32_t program, int seconds) {
     return EXIT_SUCCESS;
 }
 
+int change_role(int32_t type) {
+    const auto status = rgy_change_server_type(type);
+    printf("status %d\n", status);
+    return status == TBS_ST_OK ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
 } // namespace
 
 int main(int argc, char **argv) {
-    if (argc != 5)
-        return EXIT_FAILURE;
-    const auto program = static_cast<uint32_t>(std::atoi(argv[3]));
-    return std::string(argv[1]) == "loop" ? loop(argv[2], program, std::atoi(argv[4]))
-                                          : find_once(argv[2], program, argv[4]);
+    const std::vector<std::string> words(argv + 1, argv + argc);
+    const auto is_command = [&](const char *name, size_t count) {
+        return words.size() == count && words.front() == name;
+    };
+    if (is_command("views", 3))
+        return register_views(static_cast<uint8_t>(std::stoi(words[1])), words[2]) ? EXIT_SUCCESS : EXIT_FAILURE;
+    if (is_command("role", 2))
+        return change_role(std::stoi(words[1]));
+    if (is_command("loop", 4))
+        return loop(argv[2], static_cast<uint32_t>(std::stoul(words[2])), std::stoi(words[3]));
+    if (is_command("find", 4))
+        return find_once(argv[2], static_cast<uint32_t>(std::stoul(words[2])), words[3]);
+    return EXIT_FAILURE;
 }
