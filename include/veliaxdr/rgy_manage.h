@@ -45,8 +45,9 @@ tbs_status_t rgy_create_entry(rgy_db_t db, const char *host, rgy_entry_t **out);
 
 /*
  * Whether the caller's effective user may, with this password, change `db`: TBS_ST_OK; TBS_ST_NO_ACCESS;
- * TBS_ST_NOT_FOUND when the registry has no password. TBS_ST_ERROR for another answer and without one (printed), and as
- * above.
+ * TBS_ST_NOT_FOUND when the registry has no password. TBS_ST_ERROR for another answer and without one (printed),
+ * TBS_ST_INVALID_ARG for a null password, and as above. A password of more than RGY_WIRE_PASSWORD_MAX characters is not
+ * sent: TBS_ST_ERROR (printed).
  */
 tbs_status_t rgy_chk_access(rgy_db_t db, const char *host, const char *password);
 
@@ -60,13 +61,13 @@ enum { RGY_PASSWORD_SIZE = 4096 };
  *
  *   TBS_ST_OK           yes
  *   TBS_ST_NO_ACCESS    no
- *   TBS_ST_NOT_FOUND    the registry has no password, which is a no
+ *   TBS_ST_NOT_FOUND    the registry has no password, which is a no; also for a host that is not known
  *   TBS_ST_ERROR        the user gave no password (nothing is printed, and the buffer stays empty), or as above
  *   TBS_ST_INVALID_ARG  a null buffer
  *   else                as above
  *
- * Every answer of the registry but the first prints messages 41 and 42 of _registry_rvzd_msg_table, and the third
- * message 43.
+ * Whatever is not a yes, but for what comes before the question, prints messages 41 and 42 of
+ * _registry_rvzd_msg_table, and the third also message 43. The password is never printed.
  */
 tbs_status_t rgy_chk_tag_priv(const char *host, char *password);
 
@@ -81,7 +82,7 @@ tbs_status_t rgy_get_db_list(const char *host, int64_t db_max, rgy_db_info_t *db
  * Read and write the list of backup hosts that the master holds. *host_list is the caller's buffer of
  * RGY_WIRE_HOST_LIST_MAX + 1 bytes at least, and stays it. The first reads as anyone, the second writes with the
  * caller's credentials. Either keeps its connection to the master for the rest of the process. TBS_ST_ERROR when the
- * registry did not answer, or with a failure (printed), and as above.
+ * registry did not answer, or with a failure (printed), TBS_ST_INVALID_ARG for a null, and as above.
  */
 tbs_status_t rgy_get_current_backup(char **host_list);
 tbs_status_t rgy_set_current_backup(const char *host_list);

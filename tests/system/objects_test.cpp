@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <atomic>
 #include <cstdio>
 #include <map>
+#include <thread>
 
 #include <tests/system/support/daemon.h>
 #include <tests/system/support/registry_calls.h>
@@ -119,6 +121,27 @@ TEST_F(RegisteredObjects, OfTwoClientsThatAddAtOnceAreEachRegisteredOnce) {
     EXPECT_EQ(one.own, one.common + one.refused);
     EXPECT_EQ(two.own, two.common + two.refused);
     EXPECT_EQ(one.common + two.common, std::max(one.own, two.own));
+}
+
+TEST_F(RegisteredObjects, OfThreadsOfOneProcessAreEachRegisteredOnce) {
+    constexpr uint8_t views = 10;
+    std::atomic<int> added = 0;
+    std::atomic<int> refused = 0;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i)
+        threads.emplace_back([&] {
+            for (uint8_t number = 0; number < views; ++number) {
+                const auto view = uuid_of(number);
+                const auto status = rgy_add_view_object(nullptr, "me", &view, "alpha", "/a", 0, nullptr);
+                added += status == TBS_ST_OK;
+                refused += status == TBS_ST_ALREADY_EXISTS;
+            }
+        });
+    for (auto &thread : threads)
+        thread.join();
+    EXPECT_EQ(added, views);
+    EXPECT_EQ(refused, 3 * views);
+    EXPECT_THAT(counts_of(RGY_DB_VIEW_OBJECT, RGY_ITEM_VIEW_UUID), testing::SizeIs(views));
 }
 
 TEST_F(RegisteredObjects, AUuidIsRegisteredOnceWhateverElseDiffers) {

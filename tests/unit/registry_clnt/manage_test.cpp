@@ -23,10 +23,13 @@ struct Call {
     int64_t count = -1;
     char list[RGY_WIRE_HOST_LIST_MAX + 1] = "";
     char *list_out = nullptr;
+    rgy_timestamp_t *stamp = nullptr;
 
     void give_back() {
         if (entry != nullptr)
             rgy_delete_entry(&entry);
+        if (stamp != nullptr)
+            rgy_destroy_timestamp(&stamp);
         for (auto &db : dbs) {
             stg_free(db.name);
             db.name = nullptr;
@@ -34,7 +37,7 @@ struct Call {
     }
 };
 
-// The five, and how each reports what fails.
+// The six, and how each reports what fails.
 struct Operation {
     const char *name;
     uint32_t procedure;
@@ -54,6 +57,8 @@ const Operation operations[] = {
     {"rgy_create_entry", 13, true, 1, false, true, false,
      [](Call &c) { return rgy_create_entry(3, c.host, &c.entry); }},
     {"rgy_chk_access", 20, true, 1, false, true, false, [](Call &c) { return rgy_chk_access(3, c.host, "secret"); }},
+    {"rgy_create_timestamp", 21, true, 0, true, true, false,
+     [](Call &c) { return rgy_create_timestamp(3, c.host, &c.stamp); }},
     {"rgy_get_db_list", 29, true, 0, true, false, false,
      [](Call &c) { return rgy_get_db_list(c.host, dbs_max, c.dbs, &c.count); }},
     {"rgy_get_current_backup", 32, false, 0, false, true, true,
@@ -77,6 +82,8 @@ protected:
         const rvzd_registry_get_backup_reply_t backup = {{}, hosts};
         world.peer.answer(13, sim::reply(xdr_rvzd_registry_get_id_reply_t, id));
         world.peer.answer(20, refusal(TBS_ST_OK));
+        world.peer.answer(21, sim::reply(xdr_rvzd_registry_get_dtm_reply_t,
+                                         rvzd_registry_get_dtm_reply_t{{}, 3, stamps_of(5, 6), {}, {}}));
         world.peer.answer(29, sim::reply(xdr_rvzd_registry_get_db_reply_t, dbs));
         world.peer.answer(32, sim::reply(xdr_rvzd_registry_get_backup_reply_t, backup));
         world.peer.answer(33, refusal(TBS_ST_OK));
@@ -134,6 +141,20 @@ TEST_P(Manage, AFailedCallIsReportedInItsOwnWay) {
         }
     }
     EXPECT_EQ(call.entry, nullptr);
+    EXPECT_EQ(call.stamp, nullptr);
+}
+
+TEST_P(Manage, AFailedBindToAGivenHostIsToldUnderItsName) {
+    if (!GetParam().takes_host)
+        return; // asks the master, whatever is given
+    call.host = "nowhere";
+    EXPECT_EQ(run(), GetParam().tells_failed_bind ? TBS_ST_ERROR : TBS_ST_NOT_FOUND);
+    const auto troubles = take_troubles();
+    if (GetParam().tells_failed_bind) {
+        EXPECT_THAT(troubles, ElementsAre(trouble("nowhere", TBS_ST_NOT_FOUND)));
+    } else {
+        EXPECT_THAT(troubles, IsEmpty());
+    }
 }
 
 TEST_P(Manage, AnUnreadableConfigurationIsReportedInItsOwnWay) {
@@ -183,6 +204,7 @@ TEST_P(Manage, ARaiseLeaksNothing) {
         sim::release_lock(registry_cache_lock);
         sim::release_lock(rgy_hostname_mutex);
         EXPECT_EQ(call.entry, nullptr) << number;
+        EXPECT_EQ(call.stamp, nullptr) << number;
         for (auto &db : call.dbs)
             db.name = nullptr;
         EXPECT_EQ(sim::Holdings::now(world), before) << number;
@@ -258,6 +280,12 @@ TEST_F(Access, ThatIsDeniedOrHasNoPasswordIsAnAnswerAndNoTrouble) {
         EXPECT_EQ(rgy_chk_access(3, nullptr, "secret"), status);
     }
     EXPECT_THAT(world.take_errors(), IsEmpty());
+}
+
+TEST_F(Access, ANullPasswordAndANullListAreRefused) {
+    EXPECT_EQ(rgy_chk_access(3, nullptr, nullptr), TBS_ST_INVALID_ARG);
+    EXPECT_EQ(rgy_set_current_backup(nullptr), TBS_ST_INVALID_ARG);
+    EXPECT_THAT(world.peer.calls, IsEmpty());
 }
 
 TEST_F(Access, ListsOfDatabasesAndBackupsComeBack) {

@@ -50,6 +50,8 @@ tbs_status_t rgy_create_entry(rgy_db_t db, const char *host, rgy_entry_t **out) 
 }
 
 tbs_status_t rgy_chk_access(rgy_db_t db, const char *host, const char *password) {
+    if (password == nullptr)
+        return TBS_ST_INVALID_ARG;
     return ask_site(chk_access, host, db, [&](rvzd_handle_t *handle) {
         return rvzd_rgy_chk_access(handle, db, RGY_PROTOCOL_VERSION, static_cast<int64_t>(geteuid()), password);
     });
@@ -72,6 +74,8 @@ tbs_status_t rgy_get_current_backup(char **host_list) {
 }
 
 tbs_status_t rgy_set_current_backup(const char *host_list) {
+    if (host_list == nullptr)
+        return TBS_ST_INVALID_ARG;
     return ask_site(set_current_backup, nullptr, RGY_DB_ALL, [&](rvzd_handle_t *handle) {
         return rvzd_rgy_set_backup(handle, RGY_PROTOCOL_VERSION, host_list);
     });
