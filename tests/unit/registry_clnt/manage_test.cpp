@@ -144,6 +144,16 @@ TEST_P(Manage, AFailedCallIsReportedInItsOwnWay) {
     EXPECT_EQ(call.stamp, nullptr);
 }
 
+TEST_P(Manage, AFailureLeavesTheBindingUsable) {
+    world.peer.answer_once(GetParam().procedure, refusal(4711));
+    world.peer.answer_once(GetParam().procedure, sim::silence());
+    EXPECT_NE(run(), TBS_ST_OK);
+    EXPECT_NE(run(), TBS_ST_OK);
+    EXPECT_EQ(run(), TBS_ST_OK);
+    EXPECT_STREQ(rpc_binding[0].host, "alpha");
+    EXPECT_EQ(rpc_binding[1].handle, nullptr);
+}
+
 TEST_P(Manage, AFailedBindToAGivenHostIsToldUnderItsName) {
     if (!GetParam().takes_host)
         return; // asks the master, whatever is given
