@@ -53,6 +53,10 @@ World::~World() {
     std::filesystem::remove_all(root_);
 }
 
+bool World::exists() {
+    return world != nullptr;
+}
+
 World &World::current() {
     if (world == nullptr) {
         fputs("an operation of the simulated world was called without a world\n", stderr);

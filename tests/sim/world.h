@@ -18,6 +18,7 @@
 
 #include <support/imsg.h>
 #include <support/sysutl.h>
+#include <tests/sim/network.h>
 #include <tests/sim/peer.h>
 
 namespace sim {
@@ -76,6 +77,7 @@ public:
     World &operator=(const World &) = delete;
 
     static World &current();
+    static bool exists();
 
     // The clock stands still but for what the world itself lets pass: a call that times out, or a test.
     int64_t now_us = 1'700'000'000'000'000;
@@ -91,6 +93,7 @@ public:
     std::string host_name = "thishost";
 
     Peer peer;
+    Network network;
     Faults faults;
 
     // Messages since the last take; the trace level and subsystem:level pairs in force.
@@ -112,6 +115,7 @@ public:
 
     int component_mask = 1;
     int privileged = 1;
+    const char *os_name = ""; // of this host; "": the real one, null: not known
     uint64_t next_uniquifier = 1000;
 
     // The root directory of this world, with its configuration files.

@@ -6,10 +6,11 @@ set(SIM_WRAPPED
   ks_clntudp_create_sockaddr ks_clnttcp_create_sockaddr
   imsg_get_desired_verbosity imsg_should_trace imsg_prompt_password
   credmap_auth_create_default credmap_authunix_create_nobody credutl_is_privileged
-  tbs_product_comp_test tbs_product_config_dir tbs_product_host_priv_dir tbs_uuid_to_str
+  tbs_platform_info tbs_product_comp_test tbs_product_config_dir tbs_product_host_priv_dir tbs_uuid_to_str
   fileutl_is_localhost fileutl_path_host getenv_safe
   rt_sched rt_handle_fd pfm_on_exit
-  gethostname socket bind getsockname connect close)
+  sysutl_set_socket_nonblocking sysutl_host_numeric
+  gethostname socket bind getsockname connect close getaddrinfo freeaddrinfo select getsockopt)
 set(SIM_WRAP_OPTIONS)
 foreach(NAME IN LISTS SIM_WRAPPED)
   list(APPEND SIM_WRAP_OPTIONS -Wl,--wrap=${NAME})

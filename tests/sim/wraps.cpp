@@ -138,7 +138,10 @@ char *__wrap_stg_strdup(const char *text) {
 void *__real_stg_alloc(stg_area_t area, size_t size);
 void *__wrap_stg_alloc(stg_area_t area, size_t size) {
     World::current().support_call();
-    return World::current().allocation_is_due() ? nullptr : __real_stg_alloc(area, size);
+    if (World::current().allocation_is_due())
+        return nullptr;
+    void *block = __real_stg_alloc(area, size);
+    return area == STG_HEAP_AREA ? note_block(block) : block; // an area goes as a whole
 }
 
 char *__real_stg_area_strdup(stg_area_t area, const char *text);
@@ -226,6 +229,17 @@ int __wrap_credutl_is_privileged() {
     return World::current().privileged;
 }
 
+int __real_tbs_platform_info(const char **os_name, const char **os_version, const char **machine);
+int __wrap_tbs_platform_info(const char **os_name, const char **os_version, const char **machine) {
+    World &world = World::current();
+    world.support_call();
+    if (world.os_name == nullptr || !__real_tbs_platform_info(os_name, os_version, machine))
+        return 0;
+    if (world.os_name[0] != '\0')
+        *os_name = world.os_name;
+    return 1;
+}
+
 int __wrap_tbs_product_comp_test(int) {
     World::current().support_call();
     return World::current().component_mask;
@@ -260,16 +274,6 @@ int __wrap_gethostname(char *buffer, size_t size) {
     return 0;
 }
 
-int __real_socket(int family, int type, int protocol);
-int __wrap_socket(int family, int type, int protocol) {
-    if (fails(&Faults::socket))
-        return -1;
-    const int fd = __real_socket(family, type, protocol);
-    if (fd >= 0)
-        World::current().descriptors.insert(fd);
-    return fd;
-}
-
 int __real_bind(int fd, const sockaddr *address, socklen_t length);
 int __wrap_bind(int fd, const sockaddr *address, socklen_t length) {
     return fails(&Faults::bind) ? -1 : __real_bind(fd, address, length);
@@ -278,17 +282,6 @@ int __wrap_bind(int fd, const sockaddr *address, socklen_t length) {
 int __real_getsockname(int fd, sockaddr *address, socklen_t *length);
 int __wrap_getsockname(int fd, sockaddr *address, socklen_t *length) {
     return fails(&Faults::getsockname) ? -1 : __real_getsockname(fd, address, length);
-}
-
-// Connections of the simulated world stand at once; what they carry goes through the scripted peer.
-int __wrap_connect(int, const sockaddr *, socklen_t) {
-    return fails(&Faults::connect) ? -1 : 0;
-}
-
-int __real_close(int fd);
-int __wrap_close(int fd) {
-    World::current().descriptors.erase(fd);
-    return __real_close(fd);
 }
 
 } // extern "C"
