@@ -277,6 +277,20 @@ TEST_F(MatchingServers, AFailedCallEndsTheWalkAndIsTold) {
     EXPECT_EQ(world.take_messages().size(), 1u);
 }
 
+TEST_F(MatchingServers, AFailureInAnyStepEndsTheWalkAtOnce) {
+    const sim::Answer failures[] = {sim::silence(), sim::failure(RPC_CANTRECV),
+                                    list_reply({}, true, false, TBS_ST_NO_ACCESS)};
+    for (const auto &failure : failures)
+        for (size_t good = 0; good < 20; ++good) {
+            size_t calls = 0;
+            world.peer.on(RVZD_PROC_LIST_SERVERS, [&](const sim::Call &) {
+                return calls++ < good ? list_reply({{100 + calls}}, false) : failure;
+            });
+            EXPECT_EQ(fail_to_list(), TBS_ST_ERROR);
+            EXPECT_EQ(calls, good + 1);
+        }
+}
+
 TEST_F(MatchingServers, AFailingAnswerEndsTheWalk) {
     world.peer.answer_once(RVZD_PROC_LIST_SERVERS, list_reply({{1}}, false));
     world.peer.answer(RVZD_PROC_LIST_SERVERS, list_reply({}, true, false, TBS_ST_NO_ACCESS));

@@ -131,8 +131,9 @@ tbs_status_t walk_table(rvzd_handle_t *handle, const Filter &filter, llist_d_hea
             status = collect(piece, filter, servers);
         if (status != TBS_ST_OK || piece.at_end)
             return status;
+        const bool stands_still = piece.next_cookie == cookie;
         cookie = piece.next_cookie;
-        if (circle.is_closed_by(cookie))
+        if (stands_still || circle.is_closed_by(cookie))
             return TBS_ST_ERROR;
     }
 }
