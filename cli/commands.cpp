@@ -75,8 +75,9 @@ void add_commands(CLI::App &app, Settings &settings, Command &chosen) {
     app.set_version_flag("--version", version_line());
     app.require_subcommand(1);
     app.footer(exit_status_help);
-    for (const auto add : {add_contact_command, add_server_commands, add_registry_commands, add_host_commands,
-                           add_client_commands, add_time_zone_command, add_pool_map_commands, add_completion_command})
+    for (const auto add :
+         {add_contact_command, add_probe_command, add_server_commands, add_registry_commands, add_host_commands,
+          add_client_commands, add_time_zone_command, add_pool_map_commands, add_completion_command})
         add(app, settings, chosen);
 }
 

@@ -30,6 +30,7 @@ using Command = std::function<int(const Settings &)>;
 void add_common_options(CLI::App &command, Settings &settings);
 
 void add_contact_command(CLI::App &app, Settings &settings, Command &chosen);
+void add_probe_command(CLI::App &app, Settings &settings, Command &chosen);
 void add_server_commands(CLI::App &app, Settings &settings, Command &chosen);
 void add_registry_commands(CLI::App &app, Settings &settings, Command &chosen);
 void add_host_commands(CLI::App &app, Settings &settings, Command &chosen);

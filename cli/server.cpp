@@ -1,5 +1,5 @@
-// veliactl server: where a server listens, and whether it answers.
-#include <cli/commands.h>
+// veliactl server find and connect: where a server listens, and whether it answers.
+#include <cli/server.h>
 
 #include <chrono>
 #include <iostream>
@@ -44,11 +44,6 @@ struct Arguments {
         return {program, version, static_cast<rvzd_protocol_in_t>(protocol_of_name(transport))};
     }
 };
-
-std::string check_uuid(const std::string &text) {
-    tbs_uuid_t uuid;
-    return tbs_str_to_uuid(text.c_str(), &uuid) == TBS_ST_OK ? "" : "'" + text + "' is no uuid";
-}
 
 void tell_not_found(const Arguments &arguments, tbs_status_t status) {
     imsg_print(IMSG_ERROR, "No server of program %lu version %lu on host '%s': %s\n", IMSG_FORMAT, arguments.program,
@@ -168,12 +163,18 @@ void add_verb(CLI::App &group, const Verb &verb, Settings &settings, Command &ch
 
 } // namespace
 
+std::string check_uuid(const std::string &text) {
+    tbs_uuid_t uuid;
+    return tbs_str_to_uuid(text.c_str(), &uuid) == TBS_ST_OK ? "" : "'" + text + "' is no uuid";
+}
+
 void add_server_commands(CLI::App &app, Settings &settings, Command &chosen) {
     CLI::App *group = app.add_subcommand("server", "Servers of a host");
     group->require_subcommand(1);
     group->footer(exit_status_help);
     for (const Verb &verb : verbs)
         add_verb(*group, verb, settings, chosen);
+    add_server_list(*group, settings, chosen);
 }
 
 } // namespace velia::cli

@@ -125,10 +125,11 @@ tbs_status_t crack(char *map_text, stg_area_t area, bool check_slashes, CrackedM
     return TBS_ST_OK;
 }
 
-// The beginning of a path, which is cut to the length of one prefix after another.
+// The beginning of a path, cut to the length of one prefix after another. Prefixes of one length, as they often are,
+// are compared with what is cut already: a byte written just before it is read back with its neighbours is slow.
 class Beginning {
 public:
-    explicit Beginning(const char *path) : length_(std::min(strlen(path), sizeof text_ - 1)) {
+    explicit Beginning(const char *path) : length_(std::min(strlen(path), sizeof text_ - 1)), cut_at_(length_) {
         memcpy(text_, path, length_);
         text_[length_] = '\0';
     }
@@ -137,17 +138,24 @@ public:
     bool equals(const poolmap_elem_t &prefix) {
         if (prefix.length >= sizeof text_)
             return false;
-        const size_t end = std::min(static_cast<size_t>(prefix.length), length_);
-        const char cut = text_[end];
-        text_[end] = '\0';
-        const bool is_equal = fileutl_pname_equal(text_, prefix.text) != 0;
-        text_[end] = cut;
-        return is_equal;
+        cut(std::min(static_cast<size_t>(prefix.length), length_));
+        return fileutl_pname_equal(text_, prefix.text) != 0;
     }
 
 private:
+    void cut(size_t place) {
+        if (place == cut_at_)
+            return;
+        text_[cut_at_] = cut_off_;
+        cut_off_ = text_[place];
+        text_[place] = '\0';
+        cut_at_ = place;
+    }
+
     char text_[POOLMAP_PREFIX_MAX];
     size_t length_;
+    size_t cut_at_;
+    char cut_off_ = '\0';
 };
 
 // Replaces the name by the target of each prefix that it is; true if it was one. `status` is that of the last of them.

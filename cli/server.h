@@ -1,0 +1,49 @@
+// What the commands about servers share.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include <cli/commands.h>
+#include <veliaxdr/rvzd_servers.h>
+
+namespace velia::cli {
+
+std::string check_uuid(const std::string &text);
+
+// Which servers of a host are wanted; what is not set takes any.
+struct ServerFilter {
+    std::string host;
+    int32_t program = RVZD_SERVER_ANY;
+    int32_t version = RVZD_SERVER_ANY;
+    int32_t port = RVZD_SERVER_ANY;
+    int32_t pid = RVZD_SERVER_ANY;
+    std::string transport;
+    std::string uuid_text;
+    std::string name;
+    bool has_name = false; // the empty one is a name, too
+};
+
+extern const std::vector<std::string> server_columns;
+
+// The servers in the broker's order; each has cells for the columns.
+using Servers = std::vector<std::vector<Cell>>;
+
+// What fails is printed; the exit status of it, or exit_done with the servers.
+int list_servers(const ServerFilter &filter, const Settings &settings, Servers &servers);
+
+struct ServerChange {
+    const char *what; // "present" in the beginning; then "started", "ended", "changed"
+    std::vector<Cell> server;
+};
+
+// What became of the servers that were there: those that are gone first, then the others in their order.
+std::vector<ServerChange> changes_of(const Servers &before, const Servers &now);
+
+// Lists them again and again and prints what has changed, until the user has enough.
+int watch_servers(const ServerFilter &filter, int interval_s, const Settings &settings);
+
+void add_server_list(CLI::App &group, Settings &settings, Command &chosen);
+
+} // namespace velia::cli

@@ -1,0 +1,117 @@
+// Watching the servers of a host.
+#include <cli/server.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <iostream>
+#include <thread>
+
+#include <unistd.h>
+
+#include <support/date.h>
+
+namespace velia::cli {
+
+namespace {
+
+constexpr size_t state_column = 4;
+
+volatile std::sig_atomic_t is_writing;
+volatile std::sig_atomic_t is_asked_to_end;
+
+// Whatever is written out leaves nothing to be done at the end, so a process that waits, maybe for a broker that will
+// not answer, can go at once.
+void end_watch(int /*signal_number*/) {
+    if (is_writing == 0)
+        _exit(exit_done);
+    is_asked_to_end = 1;
+}
+
+void end_on_signals() {
+    struct sigaction action = {};
+    action.sa_handler = end_watch;
+    sigemptyset(&action.sa_mask);
+    for (const int signal_number : {SIGINT, SIGTERM})
+        sigaction(signal_number, &action, nullptr);
+}
+
+// False when nobody reads any more.
+bool write_changes(const std::vector<ServerChange> &changes, bool with_headers, const Settings &settings) {
+    if (changes.empty())
+        return true;
+    std::vector<std::string> columns = {"time", "change"};
+    columns.insert(columns.end(), server_columns.begin(), server_columns.end());
+    Results results(columns);
+    const std::string now = date_fmt_token_date_time(time(nullptr));
+    for (const auto &[what, server] : changes) {
+        std::vector<Cell> cells = {now, what};
+        cells.insert(cells.end(), server.begin(), server.end());
+        results.add(std::move(cells));
+    }
+    is_writing = 1;
+    results.print(settings.format, with_headers, std::cout);
+    std::cout.flush();
+    is_writing = 0;
+    return std::cout.good();
+}
+
+std::vector<ServerChange> all_present(const Servers &servers) {
+    std::vector<ServerChange> changes;
+    for (const auto &server : servers)
+        changes.push_back({"present", server});
+    return changes;
+}
+
+// All but its state tells which server it is.
+bool is_same_server(const std::vector<Cell> &left, const std::vector<Cell> &right) {
+    for (size_t i = 0; i < left.size(); ++i)
+        if (i != state_column && left[i] != right[i])
+            return false;
+    return true;
+}
+
+Servers::const_iterator find_server(const Servers &servers, const std::vector<Cell> &wanted) {
+    return std::find_if(servers.begin(), servers.end(),
+                        [&](const auto &server) { return is_same_server(server, wanted); });
+}
+
+} // namespace
+
+std::vector<ServerChange> changes_of(const Servers &before, const Servers &now) {
+    std::vector<ServerChange> changes;
+    for (const auto &server : before)
+        if (find_server(now, server) == now.end())
+            changes.push_back({"ended", server});
+    for (const auto &server : now) {
+        const auto found = find_server(before, server);
+        if (found == before.end())
+            changes.push_back({"started", server});
+        else if (*found != server)
+            changes.push_back({"changed", server});
+    }
+    return changes;
+}
+
+int watch_servers(const ServerFilter &filter, int interval_s, const Settings &settings) {
+    end_on_signals();
+    Servers before;
+    const int status = list_servers(filter, settings, before);
+    if (status != exit_done)
+        return status;
+    bool with_headers = settings.with_headers;
+    auto changes = all_present(before);
+    while (write_changes(changes, with_headers, settings) && is_asked_to_end == 0) {
+        with_headers = with_headers && changes.empty(); // once
+        std::this_thread::sleep_for(std::chrono::seconds(interval_s));
+        changes.clear();
+        Servers now;
+        if (list_servers(filter, settings, now) != exit_done)
+            continue;
+        changes = changes_of(before, now);
+        before = std::move(now);
+    }
+    return std::cout.good() ? exit_done : exit_failed;
+}
+
+} // namespace velia::cli
