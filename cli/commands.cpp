@@ -76,8 +76,8 @@ void add_commands(CLI::App &app, Settings &settings, Command &chosen) {
     app.require_subcommand(1);
     app.footer(exit_status_help);
     for (const auto add :
-         {add_contact_command, add_probe_command, add_server_commands, add_registry_commands, add_host_commands,
-          add_client_commands, add_time_zone_command, add_pool_map_commands, add_completion_command})
+         {add_contact_command, add_probe_command, add_server_commands, add_registry_commands, add_object_commands,
+          add_host_commands, add_client_commands, add_time_zone_command, add_pool_map_commands, add_completion_command})
         add(app, settings, chosen);
 }
 

@@ -33,6 +33,7 @@ void add_contact_command(CLI::App &app, Settings &settings, Command &chosen);
 void add_probe_command(CLI::App &app, Settings &settings, Command &chosen);
 void add_server_commands(CLI::App &app, Settings &settings, Command &chosen);
 void add_registry_commands(CLI::App &app, Settings &settings, Command &chosen);
+void add_object_commands(CLI::App &app, Settings &settings, Command &chosen);
 void add_host_commands(CLI::App &app, Settings &settings, Command &chosen);
 void add_client_commands(CLI::App &app, Settings &settings, Command &chosen);
 void add_time_zone_command(CLI::App &app, Settings &settings, Command &chosen);

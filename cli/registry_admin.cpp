@@ -1,0 +1,279 @@
+// veliactl registry backup, check and passwd: the site's list of backup hosts, and the password that guards changes.
+#include <cli/registry.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <iostream>
+#include <memory>
+#include <sstream>
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cli/choices.h>
+#include <cli/password.h>
+#include <support/imsg.h>
+#include <veliaxdr/rgy_manage.h>
+#include <veliaxdr/rgy_wire.h>
+
+extern char **environ; // NOLINT(readability-redundant-declaration): POSIX has it in no header
+
+namespace velia::cli {
+
+namespace {
+
+constexpr const char *prompt = "Registry password: ";
+constexpr const char *daemon_name = "rvzd_server";
+
+Cell list_cell(const std::string &text) {
+    Cell hosts = Cell::array();
+    std::string words = text;
+    for (char &c : words)
+        if (c == ',')
+            c = ' ';
+    std::istringstream stream(words);
+    for (std::string host; stream >> host;)
+        hosts.push_back(host);
+    return hosts;
+}
+
+int tell_failure(const char *what, tbs_status_t status) {
+    imsg_print(IMSG_ERROR, "%s: %s\n", IMSG_FORMAT, what, tbs_strerror(status));
+    return exit_status_of(status);
+}
+
+struct Backup {
+    std::string hosts;
+    bool is_given = false;
+};
+
+std::string check_host_list(const std::string &hosts) {
+    return hosts.size() <= RGY_WIRE_HOST_LIST_MAX
+               ? ""
+               : fmt::format("a list of backup hosts has {} characters at most", int{RGY_WIRE_HOST_LIST_MAX});
+}
+
+int show_or_set_backup(const Backup &backup, const Settings &settings) {
+    if (backup.is_given) {
+        const auto set = rgy_set_current_backup(backup.hosts.c_str());
+        if (set != TBS_ST_OK)
+            return tell_failure("The list of backup hosts was not changed", set);
+    }
+    std::array<char, RGY_WIRE_HOST_LIST_MAX + 1> hosts = {};
+    char *place = hosts.data();
+    const auto status = rgy_get_current_backup(&place);
+    if (status != TBS_ST_OK)
+        return tell_failure("The list of backup hosts could not be had", status);
+    Results results({"backup"});
+    results.add({list_cell(hosts.data())});
+    results.print(settings.format, settings.with_headers, std::cout);
+    return exit_done;
+}
+
+struct Check {
+    std::string db;
+    std::string host;
+    std::string password_file;
+};
+
+bool get_password(const Check &check, Password &password) {
+    if (is_typed(check.password_file))
+        return password.ask(prompt);
+    return password.read(check.password_file.empty() ? "-" : check.password_file);
+}
+
+const char *access_of(tbs_status_t status) {
+    switch (status) {
+    case TBS_ST_OK:
+        return "granted";
+    case TBS_ST_NO_ACCESS:
+        return "denied";
+    case TBS_ST_NOT_FOUND:
+        return "no password";
+    default:
+        return nullptr;
+    }
+}
+
+int check_access(const Check &check, const Settings &settings) {
+    Password password;
+    if (!get_password(check, password))
+        return exit_failed;
+    const char *host = check.host.empty() ? nullptr : check.host.c_str();
+    const auto status = rgy_chk_access(*db_of_name(check.db), host, password.text());
+    const char *access = access_of(status);
+    if (access == nullptr)
+        return tell_failure("The access could not be checked", status);
+    Results results({"db", "access"});
+    results.add({check.db, access});
+    results.print(settings.format, settings.with_headers, std::cout);
+    return status == TBS_ST_OK ? exit_done : exit_failed;
+}
+
+// Beside this program, where a package has it, or on PATH.
+std::string find_daemon(const std::string &given) {
+    if (!given.empty())
+        return given;
+    std::error_code error;
+    const auto own = std::filesystem::read_symlink("/proc/self/exe", error);
+    for (const char *folder : {".", "../sbin", "../libexec"}) {
+        const auto path = own.parent_path() / folder / daemon_name;
+        if (!error && access(path.c_str(), X_OK) == 0)
+            return path.lexically_normal().string();
+    }
+    return daemon_name;
+}
+
+bool ask_twice(Password &password) {
+    Password again;
+    if (!password.ask("New registry password: ") || !again.ask("Once more: "))
+        return false;
+    if (password == again)
+        return true;
+    imsg_print(IMSG_ERROR, "The passwords differ; nothing was changed\n", IMSG_FORMAT);
+    return false;
+}
+
+// A child that ends early must not end this process by SIGPIPE.
+bool write_line(int fd, const char *text) {
+    const auto before = signal(SIGPIPE, SIG_IGN);
+    const auto length = static_cast<ssize_t>(strlen(text));
+    const bool is_written = write(fd, text, strlen(text)) == length && write(fd, "\n", 1) == 1;
+    signal(SIGPIPE, before);
+    return is_written;
+}
+
+// Its exit status; -1 for one that could not be started, with `error_number`.
+int run_daemon(const std::string &program, Password &password, int &error_number) {
+    std::array<int, 2> ends = {};
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+        error_number = errno;
+        return -1;
+    }
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, ends[0], STDIN_FILENO);
+    std::string name = program;
+    std::string option = "--set-registry-password";
+    std::array<char *, 3> words = {name.data(), option.data(), nullptr};
+    pid_t pid = 0;
+    error_number = posix_spawnp(&pid, program.c_str(), &actions, nullptr, words.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(ends[0]);
+    const bool is_written = error_number == 0 && write_line(ends[1], password.text());
+    close(ends[1]);
+    if (error_number != 0)
+        return -1;
+    int state = 0;
+    while (waitpid(pid, &state, 0) < 0 && errno == EINTR) {
+    }
+    return is_written && WIFEXITED(state) ? WEXITSTATUS(state) : exit_failed;
+}
+
+struct Passwd {
+    std::string daemon;
+    std::string password_file;
+};
+
+int set_password(const Passwd &passwd, const Settings &settings) {
+    Password password;
+    const bool has_password = is_typed(passwd.password_file)
+                                  ? ask_twice(password)
+                                  : password.read(passwd.password_file.empty() ? "-" : passwd.password_file);
+    if (!has_password)
+        return exit_failed;
+    const std::string program = find_daemon(passwd.daemon);
+    int error_number = 0;
+    const int status = run_daemon(program, password, error_number);
+    if (status != 0) {
+        const std::string why = status < 0 ? imsg_strerror(error_number) : fmt::format("exit status {}", status);
+        imsg_print(IMSG_ERROR, "The registry password was not changed: %s: %s\n", IMSG_FORMAT, program.c_str(),
+                   why.c_str());
+        return exit_failed;
+    }
+    Results results({"action"});
+    results.add({password.is_empty() ? "password removed" : "password set"});
+    results.print(settings.format, settings.with_headers, std::cout);
+    return exit_done;
+}
+
+std::string examples(const std::string &lines) {
+    return "Examples:\n  " + lines + "\n\n" + exit_status_help;
+}
+
+void add_password_file(CLI::App &command, std::string &file) {
+    command
+        .add_option("--password-file", file,
+                    "file whose first line is the password; - for standard input (default: the terminal, or standard "
+                    "input if that is none)")
+        ->type_name("FILE");
+}
+
+void add_backup(CLI::App &group, Settings &settings, Command &chosen) {
+    auto backup = std::make_shared<Backup>();
+    CLI::App *command = group.add_subcommand("backup", "Show the site's list of backup hosts, or set it");
+    command
+        ->add_option_function<std::string>(
+            "HOSTS",
+            [backup](const std::string &hosts) {
+                backup->hosts = hosts;
+                backup->is_given = true;
+            },
+            "the new list, with commas between the hosts; '' for none")
+        ->type_name("")
+        ->check(CLI::Validator(check_host_list, ""));
+    add_common_options(*command, settings);
+    command->footer(examples("veliactl registry backup\n  veliactl registry backup build8,build9"));
+    command->callback(
+        [backup, &chosen] { chosen = [backup](const Settings &given) { return show_or_set_backup(*backup, given); }; });
+}
+
+void add_check(CLI::App &group, Settings &settings, Command &chosen) {
+    auto check = std::make_shared<Check>();
+    CLI::App *command =
+        group.add_subcommand("check", "Tell whether the registry lets you change a database, with a password");
+    command->add_option("DB", check->db, "database, by name or number")
+        ->type_name("")
+        ->required()
+        ->check(offering(db_names(), check_db));
+    command->add_option("--host", check->host, "registry host (default: the configured one)")->type_name("HOST");
+    add_password_file(*command, check->password_file);
+    add_common_options(*command, settings);
+    command->footer(examples("veliactl registry check vault_tag\n  "
+                             "veliactl registry check vault_tag --password-file secret --output json"));
+    command->callback(
+        [check, &chosen] { chosen = [check](const Settings &given) { return check_access(*check, given); }; });
+}
+
+void add_passwd(CLI::App &group, Settings &settings, Command &chosen) {
+    auto passwd = std::make_shared<Passwd>();
+    CLI::App *command = group.add_subcommand(
+        "passwd",
+        "Set the registry password of this host's daemon; an empty one removes it. Typed twice, or read once");
+    add_password_file(*command, passwd->password_file);
+    command
+        ->add_option(
+            "--server", passwd->daemon,
+            "the daemon's program, which keeps the password (default: rvzd_server beside veliactl, or on PATH)")
+        ->type_name("FILE");
+    add_common_options(*command, settings);
+    command->footer(examples("veliactl registry passwd\n  veliactl registry passwd < secret"));
+    command->callback(
+        [passwd, &chosen] { chosen = [passwd](const Settings &given) { return set_password(*passwd, given); }; });
+}
+
+} // namespace
+
+void add_registry_admin(CLI::App &group, Settings &settings, Command &chosen) {
+    add_backup(group, settings, chosen);
+    add_check(group, settings, chosen);
+    add_passwd(group, settings, chosen);
+}
+
+} // namespace velia::cli
