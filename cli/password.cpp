@@ -63,7 +63,7 @@ bool Password::read(const std::string &file_name) {
 }
 
 bool Password::ask(const char *prompt) {
-    static_assert(IMSG_PASSWORD_SIZE <= size);
+    static_assert(int{IMSG_PASSWORD_SIZE} <= int{RGY_PASSWORD_SIZE});
     switch (imsg_prompt_password(prompt, text_.data())) {
     case IMSG_PASSWORD_ENTERED:
         return true;

@@ -30,8 +30,7 @@ public:
 private:
     bool take(int fd, const std::string &name);
 
-    static constexpr size_t size = 4096; // that of the library's buffer
-    std::array<char, size> text_ = {};
+    std::array<char, RGY_PASSWORD_SIZE> text_ = {};
 };
 
 // Standard input is where a password comes from if it is no terminal and no file was given.

@@ -280,6 +280,7 @@ void add_registry_commands(CLI::App &app, Settings &settings, Command &chosen) {
         add_verb(*group, verb, settings, chosen);
     add_registry_updates(*group, settings, chosen);
     add_registry_admin(*group, settings, chosen);
+    add_registry_role(*group, settings, chosen);
     add_registry_site(*group, settings, chosen);
 }
 

@@ -55,6 +55,7 @@ int exit_status_of(tbs_status_t status);
 
 void add_registry_updates(CLI::App &group, Settings &settings, Command &chosen);
 void add_registry_admin(CLI::App &group, Settings &settings, Command &chosen);
+void add_registry_role(CLI::App &group, Settings &settings, Command &chosen);
 void add_registry_site(CLI::App &group, Settings &settings, Command &chosen);
 
 } // namespace velia::cli

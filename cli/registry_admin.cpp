@@ -82,10 +82,22 @@ struct Check {
     std::string password_file;
 };
 
+// A typed password for tags is asked for by the library itself, to which an empty one means just that.
 bool get_password(const Check &check, Password &password) {
     if (is_typed(check.password_file))
-        return password.ask(prompt);
-    return password.read(check.password_file.empty() ? "-" : check.password_file);
+        return check.db.empty() || password.ask(prompt);
+    if (!password.read(check.password_file.empty() ? "-" : check.password_file))
+        return false;
+    if (!password.is_empty() || !check.db.empty())
+        return true;
+    imsg_print(IMSG_ERROR, "The password is empty\n", IMSG_FORMAT);
+    return false;
+}
+
+tbs_status_t ask_registry(const Check &check, Password &password) {
+    const char *host = check.host.empty() ? nullptr : check.host.c_str();
+    return check.db.empty() ? rgy_chk_tag_priv(host, password.text())
+                            : rgy_chk_access(*db_of_name(check.db), host, password.text());
 }
 
 const char *access_of(tbs_status_t status) {
@@ -105,13 +117,12 @@ int check_access(const Check &check, const Settings &settings) {
     Password password;
     if (!get_password(check, password))
         return exit_failed;
-    const char *host = check.host.empty() ? nullptr : check.host.c_str();
-    const auto status = rgy_chk_access(*db_of_name(check.db), host, password.text());
+    const auto status = ask_registry(check, password);
     const char *access = access_of(status);
     if (access == nullptr)
         return tell_failure("The access could not be checked", status);
-    Results results({"db", "access"});
-    results.add({check.db, access});
+    Results results({"change", "access"});
+    results.add({check.db.empty() ? "tags" : check.db, access});
     results.print(settings.format, settings.with_headers, std::cout);
     return status == TBS_ST_OK ? exit_done : exit_failed;
 }
@@ -159,6 +170,8 @@ int run_daemon(const std::string &program, Password &password, int &error_number
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, ends[0], STDIN_FILENO);
+    // Its words of a good end are none of the results; what goes wrong it tells on standard error.
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
     std::string name = program;
     std::string option = "--set-registry-password";
     std::array<char *, 3> words = {name.data(), option.data(), nullptr};
@@ -237,15 +250,14 @@ void add_backup(CLI::App &group, Settings &settings, Command &chosen) {
 void add_check(CLI::App &group, Settings &settings, Command &chosen) {
     auto check = std::make_shared<Check>();
     CLI::App *command =
-        group.add_subcommand("check", "Tell whether the registry lets you change a database, with a password");
-    command->add_option("DB", check->db, "database, by name or number")
+        group.add_subcommand("check", "Tell whether the registry lets you change tags, or a database, with a password");
+    command->add_option("DB", check->db, "database, by name or number (default: privileged changes of tags)")
         ->type_name("")
-        ->required()
         ->check(offering(db_names(), check_db));
     command->add_option("--host", check->host, "registry host (default: the configured one)")->type_name("HOST");
     add_password_file(*command, check->password_file);
     add_common_options(*command, settings);
-    command->footer(examples("veliactl registry check vault_tag\n  "
+    command->footer(examples("veliactl registry check\n  "
                              "veliactl registry check vault_tag --password-file secret --output json"));
     command->callback(
         [check, &chosen] { chosen = [check](const Settings &given) { return check_access(*check, given); }; });

@@ -6,6 +6,8 @@ set(VELIA_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/veliaxdr)
 install(TARGETS veliaxdr veliasupport EXPORT veliaxdrTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(TARGETS rvzd_server DESTINATION ${CMAKE_INSTALL_SBINDIR})
 install(TARGETS veliactl DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES ${CMAKE_BINARY_DIR}/cli/completion/veliactl DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+install(FILES ${CMAKE_BINARY_DIR}/cli/completion/_veliactl DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
 install(DIRECTORY include/veliaxdr include/support DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(EXPORT veliaxdrTargets NAMESPACE veliaxdr:: DESTINATION ${VELIA_CMAKE_DIR})
 

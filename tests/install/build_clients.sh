@@ -8,7 +8,8 @@ mkdir -p "$work/consumer"
 cmake --install "$build" --prefix "$work/package" >/dev/null
 
 for file in sbin/rvzd_server bin/veliactl share/man/man1/veliactl.1 share/man/man8/rvzd_server.8 \
-    share/man/man5/rvzd_server.conf.5 lib/systemd/system/rvzd_server.service include/veliaxdr/rvzd_handle.h; do
+    share/man/man5/rvzd_server.conf.5 lib/systemd/system/rvzd_server.service include/veliaxdr/rvzd_handle.h \
+    share/bash-completion/completions/veliactl share/zsh/site-functions/_veliactl; do
     [ -s "$work/package/$file" ] || { echo "the package lacks $file"; exit 1; }
 done
 

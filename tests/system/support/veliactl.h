@@ -1,0 +1,59 @@
+// The administrator's tool on a site of a test.
+#pragma once
+
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include <tests/system/support/daemon.h>
+
+namespace velia::system_test {
+
+using Words = std::vector<std::string>;
+using Objects = std::vector<nlohmann::json>;
+
+inline Objects objects_of(const std::string &output) {
+    Objects objects;
+    std::istringstream lines(output);
+    for (std::string line; std::getline(lines, line);)
+        objects.push_back(nlohmann::json::parse(line, nullptr, false));
+    return objects;
+}
+
+struct VeliactlTest : testing::Test {
+    enum ExitStatus { DONE = 0, FAILED = 1, WRONG_USE = 2, UNREACHABLE = 3 };
+
+    Site site;
+    std::unique_ptr<Daemon> daemon;
+
+    void serve(const std::string &configuration, const Words &arguments = {}) {
+        site.configure(configuration);
+        daemon = std::make_unique<Daemon>(site, arguments);
+        ASSERT_TRUE(daemon->is_ready()) << daemon->output();
+    }
+    void serve_registry() {
+        site.write("host/config/rgy_svr.conf", "master");
+        site.write("host/config/rgy_hosts.conf", "alpha\n\n");
+        serve("");
+    }
+
+    Outcome veliactl(Words words, const Words &environment = {}) const {
+        words.insert(words.begin(), VELIACTL);
+        return run_apart(site, words, environment);
+    }
+    // The objects that a command prints, whatever its exit status should be.
+    Objects objects(Words words, int status = DONE, const Words &environment = {}) const {
+        words.insert(words.end(), {"--output", "json"});
+        const auto outcome = veliactl(words, environment);
+        EXPECT_EQ(outcome.status, status) << outcome.errors;
+        return objects_of(outcome.output);
+    }
+    // With its standard input from a file of the site.
+    Outcome veliactl_reading(const std::string &file, const std::string &words) const {
+        return run_apart(site, {"/bin/sh", "-c", std::string(VELIACTL) + " " + words + " < '" + site.path(file) + "'"});
+    }
+};
+
+} // namespace velia::system_test

@@ -1,0 +1,182 @@
+// Listing and watching the servers of a host.
+#include <tests/system/support/veliactl.h>
+
+#include <csignal>
+
+#include <gmock/gmock.h>
+
+using namespace velia::system_test;
+using testing::Each;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+using testing::StartsWith;
+
+namespace {
+
+constexpr uint32_t first_program = 390600;
+constexpr uint32_t second_program = 390601;
+
+struct VeliactlList : VeliactlTest {
+    void SetUp() override {
+        serve(sample_line(first_program, "shared", "-", "--quiet-seconds 30") +
+              sample_line(second_program, "shared", "-", "--quiet-seconds 30", "udp"));
+    }
+    void start_server(uint32_t program) const {
+        ASSERT_EQ(veliactl({"server", "find", "alpha", "--prog", std::to_string(program)}).status, DONE);
+    }
+    Objects list(Words filters = {}, int status = DONE) const {
+        filters.insert(filters.begin(), {"server", "list", "alpha"});
+        return objects(filters, status);
+    }
+};
+
+// veliactl server list --watch, in the background.
+class Watch {
+public:
+    explicit Watch(const Site &site, const Words &further = {}) : site_(site) {
+        Words words = {VELIACTL, "server", "list", "alpha", "--watch", "--interval", "1"};
+        words.insert(words.end(), further.begin(), further.end());
+        Child::Options options;
+        options.output_file = site.path("watch.out");
+        options.error_file = site.path("watch.err");
+        child_ = std::make_unique<Child>(words, options);
+    }
+    std::string output() const { return site_.read("watch.out"); }
+    std::string errors() const { return site_.read("watch.err"); }
+    bool comes_to_say(const std::string &text) const {
+        return eventually([&] { return output().find(text) != std::string::npos; });
+    }
+    int end(int signal_number) {
+        child_->signal(signal_number);
+        return child_->wait();
+    }
+
+private:
+    const Site &site_;
+    std::unique_ptr<Child> child_;
+};
+
+} // namespace
+
+TEST_F(VeliactlList, IsEmptyWhereNoServerRuns) {
+    EXPECT_THAT(list(), IsEmpty());
+}
+
+TEST_F(VeliactlList, TellsAllOfAServer) {
+    start_server(second_program);
+    const auto found = list();
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found[0]["prog"], second_program);
+    EXPECT_EQ(found[0]["vers"], 1);
+    EXPECT_EQ(found[0]["proto"], "udp");
+    EXPECT_THAT(found[0]["address"].get<std::string>(), StartsWith("127.0.0.1:"));
+    EXPECT_EQ(found[0]["state"], "offered");
+    EXPECT_EQ(found[0]["pid"], daemon->started().at(0));
+    EXPECT_EQ(found[0]["uuid"], "00000000-0000-0000-0000-000000000000");
+}
+
+TEST_F(VeliactlList, PassesThroughEachFilter) {
+    start_server(first_program);
+    start_server(second_program);
+    const auto all = list();
+    ASSERT_EQ(all.size(), 3u);
+    const std::string address = all[0]["address"];
+    const std::string port = address.substr(address.rfind(':') + 1);
+    const struct {
+        Words filter;
+        size_t count;
+    } cases[] = {
+        {{"--prog", std::to_string(first_program)}, 2},
+        {{"--prog", "0x5f5c9"}, 1},
+        {{"--prog", "1"}, 0},
+        {{"--vers", "1"}, 3},
+        {{"--vers", "2"}, 0},
+        {{"--proto", "udp"}, 2},
+        {{"--proto", "tcp"}, 1},
+        {{"--port", port}, 1},
+        {{"--pid", std::to_string(daemon->started().at(1))}, 1},
+        {{"--uuid", "00000000-0000-0000-0000-000000000000"}, 3},
+        {{"--uuid", "0b5f8a52-7d1a-4c39-9d54-1a2b3c4d5e6f"}, 0},
+        {{"--name", ""}, 3},
+        {{"--name", "/nowhere"}, 0},
+        {{"--prog", std::to_string(first_program), "--proto", "udp"}, 1},
+    };
+    for (const auto &[filter, count] : cases)
+        EXPECT_THAT(list(filter), SizeIs(count)) << testing::PrintToString(filter);
+}
+
+TEST_F(VeliactlList, HasAPlainFormAndATable) {
+    start_server(second_program);
+    EXPECT_THAT(veliactl({"server", "list", "alpha"}).output, StartsWith("PROG    VERS  PROTO  ADDRESS"));
+    EXPECT_THAT(veliactl({"server", "list", "alpha", "-o", "table"}).output, StartsWith("+-"));
+}
+
+TEST_F(VeliactlList, OfAHostWithoutBrokerIsUnreachable) {
+    daemon->signal(SIGKILL);
+    daemon->wait();
+    for (const Words &words : {Words{"server", "list", "alpha"}, {"server", "list", "alpha", "--watch"}}) {
+        const auto outcome = veliactl(words);
+        EXPECT_EQ(outcome.status, UNREACHABLE);
+        EXPECT_THAT(outcome.output, IsEmpty());
+        EXPECT_THAT(outcome.errors, HasSubstr("Unable to contact rvzd_server on host 'alpha'"));
+    }
+}
+
+TEST_F(VeliactlList, WrongFiltersAreWrongUse) {
+    for (const Words &filter : {Words{"--prog", "x"},
+                                {"--prog", "-1"},
+                                {"--port", "65536"},
+                                {"--proto", "sctp"},
+                                {"--uuid", "x"},
+                                {"--interval", "1"},
+                                {"--watch", "--interval", "0"}})
+        EXPECT_THAT(list(filter, WRONG_USE), IsEmpty()) << testing::PrintToString(filter);
+}
+
+TEST_F(VeliactlList, WatchingTellsWhatIsThereAndWhatStartsAndEnds) {
+    start_server(second_program);
+    Watch watch(site, {"--output", "json"});
+    ASSERT_TRUE(watch.comes_to_say("\"present\"")) << watch.errors();
+    start_server(first_program);
+    ASSERT_TRUE(watch.comes_to_say("\"started\"")) << watch.output();
+    kill(daemon->started().at(0), SIGKILL);
+    ASSERT_TRUE(watch.comes_to_say("\"ended\"")) << watch.output();
+    EXPECT_EQ(watch.end(SIGINT), DONE);
+    const auto told = objects_of(watch.output());
+    EXPECT_EQ(told[0]["change"], "present");
+    EXPECT_EQ(told[0]["prog"], second_program);
+    for (const auto &object : told) {
+        ASSERT_TRUE(object.is_object()) << watch.output();
+        EXPECT_EQ(object.contains("time"), true);
+        if (object["change"] == "started")
+            EXPECT_EQ(object["prog"], first_program);
+        if (object["change"] == "ended")
+            EXPECT_EQ(object["prog"], second_program);
+    }
+}
+
+TEST_F(VeliactlList, WatchingNamesItsColumnsOnce) {
+    start_server(second_program);
+    Watch watch(site);
+    ASSERT_TRUE(watch.comes_to_say("present"));
+    start_server(first_program);
+    ASSERT_TRUE(watch.comes_to_say("started"));
+    EXPECT_EQ(watch.end(SIGTERM), DONE);
+    const auto output = watch.output();
+    EXPECT_THAT(output, StartsWith("TIME"));
+    EXPECT_EQ(output.find("TIME", 1), std::string::npos) << output;
+}
+
+TEST_F(VeliactlList, WatchingGoesOnWhenTheBrokerComesBack) {
+    start_server(second_program);
+    Watch watch(site, {"--output", "json"});
+    ASSERT_TRUE(watch.comes_to_say("\"present\""));
+    daemon->signal(SIGKILL);
+    daemon->wait();
+    ASSERT_TRUE(eventually([&] { return watch.errors().find("Unable to contact") != std::string::npos; }));
+    daemon = std::make_unique<Daemon>(site);
+    ASSERT_TRUE(daemon->is_ready());
+    EXPECT_TRUE(watch.comes_to_say("\"ended\"")) << watch.output();
+    EXPECT_EQ(watch.end(SIGINT), DONE);
+}

@@ -1,0 +1,348 @@
+// Views and vaults, the site's backup hosts, passwords and roles, by the administrator's tool on real daemons.
+#include <tests/system/support/veliactl.h>
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace velia::system_test;
+using nlohmann::json;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+
+namespace {
+
+constexpr const char *uuid = "0b5f8a52-7d1a-4c39-9d54-1a2b3c4d5e6f";
+constexpr const char *other_uuid = "5e6f0b5f-7d1a-4c39-9d54-1a2b3c4d8a52";
+
+struct VeliactlObjects : VeliactlTest {
+    void SetUp() override { serve_registry(); }
+
+    Words view(const std::string &view_uuid, const Words &further = {}) const {
+        Words words = {"view", "add", view_uuid, "--hostname", "build7", "--path", "/views/a.vws"};
+        words.insert(words.end(), further.begin(), further.end());
+        return words;
+    }
+    Words vault(const std::string &replica, const Words &further = {}) const {
+        Words words = {"vault", "add", replica, "--family", other_uuid, "--hostname", "build8", "--path", "/v.vbs"};
+        words.insert(words.end(), further.begin(), further.end());
+        return words;
+    }
+};
+
+struct VeliactlPassword : VeliactlTest {
+    void SetUp() override { serve_registry(); }
+
+    Outcome set_password(const std::string &password) const {
+        site.write("password", password);
+        return veliactl({"registry", "passwd", "--server", RVZD_SERVER, "--password-file", site.path("password")});
+    }
+    std::string access(const std::string &password, const Words &what, int status) const {
+        site.write("tried", password);
+        Words words = {"registry", "check", "--password-file", site.path("tried")};
+        words.insert(words.end(), what.begin(), what.end());
+        const auto answer = objects(words, status);
+        return answer.empty() ? "" : answer[0]["access"].get<std::string>();
+    }
+};
+
+// A program on a terminal of its own, which answers each prompt with the next line.
+class OnTerminal {
+public:
+    OnTerminal(const Words &words) {
+        std::vector<char *> arguments;
+        for (const auto &word : words)
+            arguments.push_back(const_cast<char *>(word.c_str()));
+        arguments.push_back(nullptr);
+        pid_ = forkpty(&terminal_, nullptr, nullptr, nullptr);
+        if (pid_ == 0) {
+            execv(arguments[0], arguments.data());
+            _exit(127);
+        }
+    }
+    ~OnTerminal() { close(terminal_); }
+    OnTerminal(const OnTerminal &) = delete;
+    OnTerminal &operator=(const OnTerminal &) = delete;
+
+    // False when it does not ask so.
+    bool answer(const std::string &prompt, const std::string &line) {
+        if (!read_until([&] { return shown_.find(prompt, answered_) != std::string::npos; }))
+            return false;
+        answered_ = shown_.size();
+        const std::string typed = line + "\n";
+        return write(terminal_, typed.data(), typed.size()) == static_cast<ssize_t>(typed.size());
+    }
+    int end() {
+        read_until([] { return false; });
+        int state = 0;
+        waitpid(pid_, &state, 0);
+        return WIFEXITED(state) ? WEXITSTATUS(state) : -1;
+    }
+    const std::string &shown() const { return shown_; }
+
+private:
+    template <class Condition>
+    bool read_until(Condition &&holds) {
+        constexpr int deadline_ms = 20000;
+        while (!holds()) {
+            char piece[256];
+            pollfd readable = {terminal_, POLLIN, 0};
+            const ssize_t count = poll(&readable, 1, deadline_ms) > 0 ? read(terminal_, piece, sizeof piece) : -1;
+            if (count <= 0)
+                return false;
+            shown_.append(piece, static_cast<size_t>(count));
+        }
+        return true;
+    }
+
+    int terminal_ = -1;
+    pid_t pid_ = -1;
+    std::string shown_;
+    size_t answered_ = 0;
+};
+
+struct VeliactlRole : VeliactlTest {
+    std::unique_ptr<Daemon> standby;
+
+    void SetUp() override {
+        site.write("host/config/rgy_svr.conf", "master");
+        site.write("host/config/rgy_hosts.conf", "alpha\nbeta\n");
+        serve("option registry-copy 1\n", {"--listen", "127.0.0.1"});
+        for (const char *directory : {"beta/host/config", "beta/host/priv", "beta/host/data", "beta/log"})
+            std::filesystem::create_directories(site.path(directory));
+        std::filesystem::create_symlink(site.path("config"), site.path("beta/config"));
+        site.write("beta/host/config/rgy_svr.conf", "standby");
+        site.write("beta/host/config/rgy_hosts.conf", "alpha\nbeta\n");
+        Child::Options options;
+        options.environment = on_beta();
+        standby = std::make_unique<Daemon>(site, Words{"--listen", "127.0.0.2"}, options);
+        ASSERT_TRUE(standby->is_ready()) << standby->output();
+    }
+    Words on_beta() const { return {"VELIA_ROOT=" + site.path("beta"), "VELIA_HOSTNAME=beta"}; }
+    bool has_copy() const {
+        return eventually([&] { return objects({"registry", "list", "regions", "--host", "beta"}).size() == 1; });
+    }
+};
+
+} // namespace
+
+TEST_F(VeliactlObjects, AViewThatIsAddedIsListed) {
+    const auto added = objects(view(uuid, {"--owner", "lab/ann", "--attribute", "snapshot", "--attribute", "ucm=no"}));
+    EXPECT_EQ(added, (Objects{{{"action", "added"},
+                               {"object", "view"},
+                               {"uuid", uuid},
+                               {"hostname", "build7"},
+                               {"path", "/views/a.vws"}}}));
+    const auto listed = objects({"view", "list"});
+    ASSERT_THAT(listed, SizeIs(1));
+    EXPECT_EQ(listed[0]["uuid"], uuid);
+    EXPECT_EQ(listed[0]["hostname"], "build7");
+    EXPECT_EQ(listed[0]["path"], "/views/a.vws");
+    EXPECT_EQ(listed[0]["owner"], "lab/ann");
+    EXPECT_EQ(listed[0]["attributes"], "snapshot,ucm=no");
+    EXPECT_THAT(objects({"vault", "list"}), IsEmpty());
+}
+
+TEST_F(VeliactlObjects, AVaultThatIsAddedIsListedWithItsFamily) {
+    ASSERT_THAT(objects(vault(uuid)), SizeIs(1));
+    const auto listed = objects({"vault", "list"});
+    ASSERT_THAT(listed, SizeIs(1));
+    EXPECT_EQ(listed[0]["uuid"], uuid);
+    EXPECT_EQ(listed[0]["family"], other_uuid);
+    EXPECT_EQ(listed[0]["hostname"], "build8");
+    EXPECT_EQ(listed[0]["attributes"], nullptr);
+}
+
+TEST_F(VeliactlObjects, AUuidIsRegisteredOnce) {
+    ASSERT_THAT(objects(view(uuid)), SizeIs(1));
+    const auto again = veliactl(view(uuid));
+    EXPECT_EQ(again.status, FAILED);
+    EXPECT_THAT(again.output, IsEmpty());
+    EXPECT_THAT(again.errors, HasSubstr(std::string("A view with the uuid ") + uuid + " is registered already"));
+    EXPECT_THAT(objects({"view", "list"}), SizeIs(1));
+}
+
+TEST_F(VeliactlObjects, AListIsOfOneHostIfWanted) {
+    ASSERT_THAT(objects(view(uuid)), SizeIs(1));
+    EXPECT_THAT(objects({"view", "list", "--hostname", "build7"}), SizeIs(1));
+    EXPECT_THAT(objects({"view", "list", "--hostname", "build8"}), IsEmpty());
+}
+
+TEST_F(VeliactlObjects, TextsThatTheRegistryCannotHoldAreWrongUse) {
+    const std::string longest(1023, 'x');
+    for (const Words &words :
+         {view("no-uuid"), view(uuid, {"--owner", "a;b"}), view(uuid, {"--owner", longest + "x"}),
+          view(uuid, {"--attribute", "a,b"}), view(uuid, {"--attribute", longest, "--attribute", "x"}),
+          Words{"view", "add", uuid}, Words{"vault", "add", uuid, "--hostname", "h", "--path", "/p"}}) {
+        const auto outcome = veliactl(words);
+        EXPECT_EQ(outcome.status, WRONG_USE) << outcome.errors;
+        EXPECT_THAT(outcome.errors, Not(IsEmpty()));
+    }
+    EXPECT_THAT(objects({"view", "list"}), IsEmpty());
+    EXPECT_EQ(veliactl(view(uuid, {"--attribute", longest})).status, DONE);
+    EXPECT_EQ(objects({"view", "list"})[0]["attributes"], longest);
+}
+
+TEST_F(VeliactlObjects, WithoutARegistryNothingIsAdded) {
+    daemon->signal(SIGKILL);
+    daemon->wait();
+    const auto outcome = veliactl(view(uuid));
+    EXPECT_NE(outcome.status, DONE);
+    EXPECT_THAT(outcome.output, IsEmpty());
+    EXPECT_THAT(outcome.errors, HasSubstr("The view was not registered"));
+}
+
+TEST_F(VeliactlObjects, BackupHostsAreShownSetAndCleared) {
+    const auto backup = [&](const Words &further) {
+        Words words = {"registry", "backup"};
+        words.insert(words.end(), further.begin(), further.end());
+        return objects(words).at(0)["backup"];
+    };
+    EXPECT_EQ(backup({}), json::array());
+    EXPECT_EQ(backup({"beta,six"}), (json{"beta", "six"}));
+    EXPECT_EQ(backup({}), (json{"beta", "six"}));
+    EXPECT_EQ(backup({""}), json::array());
+    EXPECT_EQ(veliactl({"registry", "backup", std::string(513, 'h')}).status, WRONG_USE);
+}
+
+TEST_F(VeliactlPassword, WithoutOneIsToldAsSuch) {
+    EXPECT_EQ(access("secret", {"vault_tag"}, FAILED), "no password");
+    EXPECT_EQ(access("secret", {}, FAILED), "no password");
+}
+
+TEST_F(VeliactlPassword, IsCheckedForADatabaseAndForTags) {
+    EXPECT_EQ(set_password("secret\n").status, DONE);
+    for (const Words &what : {Words{}, Words{"vault_tag"}}) {
+        EXPECT_EQ(access("secret", what, DONE), "granted");
+        EXPECT_EQ(access("secret\nand more", what, DONE), "granted");
+        EXPECT_EQ(access("Secret", what, FAILED), "denied");
+    }
+}
+
+TEST_F(VeliactlPassword, MayHoldAnyByteButTheLineEnd) {
+    std::string password;
+    for (int byte = 1; byte < 256; ++byte)
+        if (byte != '\n')
+            password += static_cast<char>(byte);
+    EXPECT_EQ(set_password(password).status, DONE);
+    EXPECT_EQ(access(password, {}, DONE), "granted");
+    password.back() = 'x';
+    EXPECT_EQ(access(password, {}, FAILED), "denied");
+}
+
+TEST_F(VeliactlPassword, ThatIsEmptyRemovesIt) {
+    EXPECT_THAT(set_password("secret").output, HasSubstr("password set"));
+    EXPECT_THAT(set_password("").output, HasSubstr("password removed"));
+    EXPECT_EQ(access("secret", {"vault_tag"}, FAILED), "no password");
+}
+
+TEST_F(VeliactlPassword, ComesFromStandardInputThatIsNoTerminal) {
+    site.write("password", "secret\n");
+    EXPECT_EQ(veliactl_reading("password", std::string("registry passwd --server ") + RVZD_SERVER).status, DONE);
+    EXPECT_EQ(veliactl_reading("password", "registry check").status, DONE);
+    EXPECT_EQ(veliactl_reading("password", "registry check vault_tag --password-file -").status, DONE);
+}
+
+TEST_F(VeliactlPassword, ThatCannotBeReadIsToldAndChangesNothing) {
+    const struct {
+        std::string password;
+        const char *told;
+    } cases[] = {{std::string("a\0b", 3), "it holds a zero byte"}, {std::string(4096, 'x'), "it is too long"}};
+    for (const auto &[password, told] : cases) {
+        const auto outcome = set_password(password);
+        EXPECT_EQ(outcome.status, FAILED);
+        EXPECT_THAT(outcome.errors, HasSubstr(told));
+    }
+    EXPECT_EQ(veliactl({"registry", "check", "--password-file", site.path("missing")}).status, FAILED);
+    EXPECT_EQ(access("", {}, FAILED), "") << "an empty one is not asked for on the terminal";
+    EXPECT_EQ(access("secret", {"vault_tag"}, FAILED), "no password");
+}
+
+TEST_F(VeliactlPassword, NeedsADaemonsProgramThatWorks) {
+    site.write("password", "secret");
+    for (const char *program : {"/nonexistent/rvzd_server", "/bin/false"}) {
+        const auto outcome =
+            veliactl({"registry", "passwd", "--server", program, "--password-file", site.path("password")});
+        EXPECT_EQ(outcome.status, FAILED);
+        EXPECT_THAT(outcome.errors, HasSubstr(std::string("not changed: ") + program));
+        EXPECT_THAT(outcome.output, IsEmpty());
+    }
+}
+
+TEST_F(VeliactlPassword, IsTypedTwiceWithoutEcho) {
+    OnTerminal passwd({VELIACTL, "registry", "passwd", "--server", RVZD_SERVER});
+    ASSERT_TRUE(passwd.answer("New registry password: ", "typed")) << passwd.shown();
+    ASSERT_TRUE(passwd.answer("Once more: ", "typed")) << passwd.shown();
+    EXPECT_EQ(passwd.end(), DONE) << passwd.shown();
+    EXPECT_THAT(passwd.shown(), Not(HasSubstr("typed")));
+    EXPECT_EQ(access("typed", {}, DONE), "granted");
+}
+
+TEST_F(VeliactlPassword, ThatIsTypedDifferentlyChangesNothing) {
+    OnTerminal passwd({VELIACTL, "registry", "passwd", "--server", RVZD_SERVER});
+    ASSERT_TRUE(passwd.answer("New registry password: ", "one")) << passwd.shown();
+    ASSERT_TRUE(passwd.answer("Once more: ", "other")) << passwd.shown();
+    EXPECT_EQ(passwd.end(), FAILED);
+    EXPECT_THAT(passwd.shown(), HasSubstr("The passwords differ"));
+    EXPECT_EQ(access("one", {"vault_tag"}, FAILED), "no password");
+}
+
+TEST_F(VeliactlPassword, IsAskedForByTheCheck) {
+    ASSERT_EQ(set_password("secret").status, DONE);
+    OnTerminal tags({VELIACTL, "registry", "check"});
+    ASSERT_TRUE(tags.answer("assword", "secret")) << tags.shown();
+    EXPECT_EQ(tags.end(), DONE) << tags.shown();
+    OnTerminal database({VELIACTL, "registry", "check", "vault_tag"});
+    ASSERT_TRUE(database.answer("Registry password: ", "wrong")) << database.shown();
+    EXPECT_EQ(database.end(), FAILED) << database.shown();
+}
+
+TEST_F(VeliactlRole, AStandbyIsPromotedFromAClient) {
+    ASSERT_EQ(veliactl({"registry", "add", "regions", "name=east"}).status, DONE);
+    ASSERT_TRUE(has_copy());
+    daemon->signal(SIGKILL);
+    daemon->wait();
+    EXPECT_EQ(objects({"registry", "promote", "beta"}), (Objects{{{"host", "beta"}, {"role", "master"}}}));
+    EXPECT_EQ(objects({"registry", "hosts"})[0]["master"], "beta");
+    EXPECT_EQ(objects({"registry", "role"}, DONE, on_beta())[0]["role"], "master");
+    EXPECT_EQ(veliactl({"registry", "add", "regions", "name=west"}).status, DONE);
+    EXPECT_THAT(objects({"registry", "list", "regions"}), SizeIs(2));
+}
+
+TEST_F(VeliactlRole, AStandbyPromotesItselfAndStepsDownAgain) {
+    ASSERT_EQ(veliactl({"registry", "add", "regions", "name=east"}).status, DONE);
+    ASSERT_TRUE(has_copy());
+    const auto promoted = veliactl({"registry", "promote", "-o", "json"}, on_beta());
+    EXPECT_EQ(promoted.status, DONE) << promoted.errors;
+    EXPECT_EQ(objects_of(promoted.output), (Objects{{{"host", "beta"}, {"role", "master"}}}));
+    const auto demoted = veliactl({"registry", "demote", "--to", "backup", "-o", "json"}, on_beta());
+    EXPECT_EQ(demoted.status, DONE) << demoted.errors;
+    EXPECT_EQ(objects_of(demoted.output), (Objects{{{"host", "beta"}, {"role", "backup"}}}));
+    EXPECT_EQ(objects({"registry", "role"}, DONE, on_beta())[0]["role"], "backup");
+}
+
+TEST_F(VeliactlRole, WhatIsNoStandbyIsNotPromotedAndWhatIsNoMasterNotDemoted) {
+    site.write("beta/host/config/rgy_svr.conf", "slave");
+    const auto promoted = veliactl({"registry", "promote"}, on_beta());
+    EXPECT_EQ(promoted.status, FAILED);
+    EXPECT_THAT(promoted.errors, HasSubstr("is not a STANDBY registry server"));
+    EXPECT_THAT(promoted.output, IsEmpty());
+    const auto demoted = veliactl({"registry", "demote"}, on_beta());
+    EXPECT_EQ(demoted.status, FAILED);
+    EXPECT_THAT(demoted.errors, HasSubstr("Host 'beta' is not the master registry server"));
+    EXPECT_EQ(veliactl({"registry", "demote", "--to", "master"}).status, WRONG_USE);
+}
+
+TEST_F(VeliactlRole, AHostThatCannotBeReachedIsNotPromoted) {
+    standby->signal(SIGKILL);
+    standby->wait();
+    const auto outcome = veliactl({"registry", "promote", "beta"});
+    EXPECT_EQ(outcome.status, UNREACHABLE);
+    EXPECT_THAT(outcome.errors, HasSubstr("Unable to start registry service on host \"beta\""));
+    EXPECT_EQ(objects({"registry", "hosts"})[0]["master"], "alpha");
+}
