@@ -67,6 +67,7 @@ run pgrep -fc "^$build/samples/velia-sample-server"
 step "5. It opens a connection to the server and calls it, over UDP and over TCP"
 run veliactl server connect demo-host --prog 390600
 run veliactl server connect demo-host --prog 390600 --proto tcp --output json
+run veliactl server list demo-host
 
 step "6. What the daemon says of all that"
 sed 's/^/    /' "$root/daemon.log"
@@ -92,7 +93,7 @@ make_host() { # name, role or nothing
     ln -s "$root/config" "$root/$1/config"
     printf 'master\nstandby\n' >"$root/$1/host/config/rgy_hosts.conf"
     printf 'east\nwest\n' >"$root/$1/host/config/rgy_region.conf"
-    : >"$root/$1/host/config/rvzd_server.conf"
+    echo "option registry-copy 1" >"$root/$1/host/config/rvzd_server.conf"
     [ -z "${2:-}" ] || printf '%s' "$2" >"$root/$1/host/config/rgy_svr.conf"
 }
 printf 'master 127.0.0.2\nstandby 127.0.0.3\nclient 127.0.0.4\nother 127.0.0.5\n' >"$root/config/hosts.conf"
@@ -160,4 +161,54 @@ rm "$root/master/ready"
 start_daemon master 127.0.0.2
 on client veliactl registry list vault_tag --no-headers
 
-step "Done: handle, look-up, start on demand, connection and answer; registry, cache and clients; all for real."
+step "15. Views and vaults are registered, each once; a pool map is explained"
+view=7c1d0f3e-2b4a-4f6d-8e9c-0a1b2c3d4e5f
+on client veliactl view add $view --hostname client --path /views/me.vws --owner demo/me --attribute snapshot
+on client veliactl view add $view --hostname client --path /views/me.vws || true
+on client veliactl vault add 1f2e3d4c-5b6a-4978-8695-a4b3c2d1e0f9 --hostname build7 --path /vaults/src.vbs \
+    --family 99887766-5544-4332-a110-ffeeddccbbaa --no-headers
+on client veliactl view list --no-headers
+on client veliactl vault list --no-headers
+on client veliactl poolmap explain "/vaults/=/net/build7/vaults/|/old/=/vaults/" /vaults/src.vbs/pool
+
+step "16. The standby has been copying all the while"
+for _ in $(seq 100); do
+    VELIA_ROOT=$root/client VELIA_HOSTNAME=client veliactl view list --host standby --no-headers 2>/dev/null |
+        grep -q $view && break
+    sleep 0.1
+done
+on standby veliactl registry role --no-headers
+on client veliactl view list --host standby --no-headers
+
+step "17. The master dies for good and the standby is promoted, while a client goes on reading from it"
+read_on() { # until it is told to stop, counts good and failed reads
+    local good=0 failed=0
+    while [ ! -e "$root/enough" ]; do
+        if veliactl registry find regions --string name=east --host standby --no-headers 2>/dev/null | grep -q east; then
+            good=$((good + 1))
+        else
+            failed=$((failed + 1))
+        fi
+    done
+    echo "$good reads, $failed failed"
+    [ $good -gt 0 ] && [ $failed -eq 0 ]
+}
+VELIA_ROOT=$root/client VELIA_HOSTNAME=client read_on >"$root/reads" &
+reader=$!
+{
+    kill -9 "${daemon_pids[2]}"
+    wait "${daemon_pids[2]}"
+} 2>/dev/null || true
+on standby veliactl registry promote
+on client veliactl registry hosts --master standby --no-headers
+on client veliactl registry add regions name=north --no-headers
+on client veliactl registry list regions --no-headers
+touch "$root/enough"
+wait "$reader" || { echo "reading failed: $(cat "$root/reads")"; exit 1; }
+echo "  the reader: $(cat "$root/reads")"
+
+step "18. The new master can step down again"
+on standby veliactl registry demote
+on standby veliactl registry hosts --no-headers
+
+step "Done: handle, look-up, start on demand, connection and answer; registry, cache, clients and a change of master."
