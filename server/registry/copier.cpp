@@ -1,7 +1,9 @@
 #include <server/registry/copier.h>
 
 #include <array>
+#include <cerrno>
 #include <csignal>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <server/registry/messages.h>
@@ -34,7 +36,6 @@ Copier::Copier(uv_loop_t *loop, std::function<void()> on_copy)
           kill_process();
       }) {}
 
-// The process is not waited for: whoever ends the copier goes, too.
 Copier::~Copier() {
     kill_process();
     close_process();
@@ -121,9 +122,15 @@ void Copier::ended(bool is_success) {
     done();
 }
 
+// Waits for the end, too, and leaves the exit status to the loop. The database is closed next, and whoever closes it
+// last clears its log away: a log that stays is replayed over the next file of that name, whatever that is.
 void Copier::kill_process() {
-    if (process_ != nullptr)
-        uv_process_kill(&process_->handle, SIGKILL);
+    if (process_ == nullptr)
+        return;
+    uv_process_kill(&process_->handle, SIGKILL);
+    siginfo_t end;
+    while (waitid(P_PID, static_cast<id_t>(process_->handle.pid), &end, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
+    }
 }
 
 } // namespace velia::server
