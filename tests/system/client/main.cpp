@@ -2,6 +2,7 @@
 //
 //   system_client find HOST PROGRAM udp|tcp          looks a server up; exit status 0 when it is found
 //   system_client loop HOST PROGRAM SECONDS          calls the echo again and again, and prints how often that worked
+//   system_client list HOST PROGRAM udp|tcp          prints the servers that the host's table has for it (-1: all)
 //   system_client views CLIENT STOP_FILE             registers views until the file exists; CLIENT is a number, not 0
 //   system_client role TYPE                          makes this host a registry server of this type; prints the status
 #include <chrono>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include <tests/system/client/objects.h>
+#include <tests/system/client/servers.h>
 #include <tests/system/support/client.h>
 #include <veliaxdr/rgy_role.h>
 
@@ -59,6 +61,10 @@ int main(int argc, char **argv) {
         return change_role(std::stoi(words[1]));
     if (is_command("loop", 4))
         return loop(argv[2], static_cast<uint32_t>(std::stoul(words[2])), std::stoi(words[3]));
+    if (is_command("list", 4))
+        return print_servers(argv[2], std::stoi(words[2]), words[3] == "tcp" ? RVZD_PROTOCOL_TCP : RVZD_PROTOCOL_UDP)
+                   ? EXIT_SUCCESS
+                   : EXIT_FAILURE;
     if (is_command("find", 4))
         return find_once(argv[2], static_cast<uint32_t>(std::stoul(words[2])), words[3]);
     return EXIT_FAILURE;

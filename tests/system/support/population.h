@@ -1,0 +1,38 @@
+// Many servers in a broker's table. Each is a registration of a child process that does nothing but live.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+#include <veliaxdr/rvzd_handle.h>
+#include <veliaxdr/rvzd_wire.h>
+
+namespace velia::system_test {
+
+class Population {
+public:
+    static constexpr uint32_t first_program = 500000;
+
+    Population() = default;
+    ~Population();
+    Population(const Population &) = delete;
+    Population &operator=(const Population &) = delete;
+
+    // Registers one more server with the handle's broker, which must be on this host; the broker's status. Servers are
+    // numbered from 0: number n has program `first_program` + n, version 1 over TCP, and port 1000 + n.
+    tbs_status_t add(rvzd_handle_t *handle, const std::string &path);
+
+    // Whose registration the server with this number is.
+    pid_t process_of(size_t number) const { return processes_.at(number / servers_of_a_process); }
+
+private:
+    static constexpr size_t servers_of_a_process = 8;
+
+    std::vector<pid_t> processes_;
+    size_t count_ = 0;
+};
+
+} // namespace velia::system_test
