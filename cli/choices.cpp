@@ -20,7 +20,7 @@ CLI::Validator offering(const std::vector<std::string> &words,
                           fmt::format("{}{}", name_head, fmt::join(words, " ")));
 }
 
-CLI::Validator one_of(std::vector<std::string> words) {
+CLI::Validator one_of(const std::vector<std::string> &words) {
     return offering(words, [words](const std::string &word) {
         return std::find(words.begin(), words.end(), word) != words.end()
                    ? ""

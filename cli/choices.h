@@ -10,7 +10,7 @@
 
 namespace velia::cli {
 
-CLI::Validator one_of(std::vector<std::string> words);
+CLI::Validator one_of(const std::vector<std::string> &words);
 
 // As above, for an option that takes other words, too.
 CLI::Validator offering(const std::vector<std::string> &words,

@@ -175,7 +175,7 @@ std::string value_case(const std::string &command, const Texts &names, const Val
                        const std::string &words_form) {
     Texts patterns;
     for (const auto &name : names)
-        patterns.push_back(quoted(command + "|" + name));
+        patterns.push_back(quoted(fmt::format("{}|{}", command, name)));
     const std::string pattern = fmt::format("{}", fmt::join(patterns, " | "));
     switch (value.kind) {
     case Value::Kind::words:

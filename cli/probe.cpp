@@ -30,7 +30,8 @@ constexpr const char *footer = R"(Examples:
 
 A host is up if it accepts a TCP connection on port 371, the well-known port of brokers, at one of its addresses.
 Nothing is sent, and whatever listens there counts; a broker that the site keeps on another port is not found, ask it
-with "veliactl contact". A host that is silent is down after 0.9 seconds, whatever --timeout says.
+with "veliactl contact". A host that is silent is down after 0.9 seconds, whatever --timeout says; 512 addresses are tried
+at once.
 
 States: up; down (silent, or it refuses); unknown (no such name). With any host that is not up the exit status is 3.
 )";

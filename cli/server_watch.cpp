@@ -5,6 +5,7 @@
 #include <chrono>
 #include <csignal>
 #include <iostream>
+#include <mutex>
 #include <thread>
 
 #include <unistd.h>
@@ -17,23 +18,23 @@ namespace {
 
 constexpr size_t state_column = 4;
 
-volatile std::sig_atomic_t is_writing;
-volatile std::sig_atomic_t is_asked_to_end;
+// Held while results are written, so that none is cut in the middle.
+std::mutex writing;
 
-// Whatever is written out leaves nothing to be done at the end, so a process that waits, maybe for a broker that will
-// not answer, can go at once.
-void end_watch(int /*signal_number*/) {
-    if (is_writing == 0)
-        _exit(exit_done);
-    is_asked_to_end = 1;
-}
-
+// The RPC library holds off all signals while it waits for an answer, and so does a broker that gives none. A thread of
+// its own takes them, and ends the process at once: whatever is written out leaves nothing to be done at the end.
 void end_on_signals() {
-    struct sigaction action = {};
-    action.sa_handler = end_watch;
-    sigemptyset(&action.sa_mask);
+    sigset_t signals;
+    sigemptyset(&signals);
     for (const int signal_number : {SIGINT, SIGTERM})
-        sigaction(signal_number, &action, nullptr);
+        sigaddset(&signals, signal_number);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    std::thread([signals] {
+        int signal_number = 0;
+        sigwait(&signals, &signal_number);
+        const std::lock_guard lock(writing);
+        _exit(exit_done);
+    }).detach();
 }
 
 // False when nobody reads any more.
@@ -49,10 +50,9 @@ bool write_changes(const std::vector<ServerChange> &changes, bool with_headers, 
         cells.insert(cells.end(), server.begin(), server.end());
         results.add(std::move(cells));
     }
-    is_writing = 1;
+    const std::lock_guard lock(writing);
     results.print(settings.format, with_headers, std::cout);
     std::cout.flush();
-    is_writing = 0;
     return std::cout.good();
 }
 
@@ -101,7 +101,7 @@ int watch_servers(const ServerFilter &filter, int interval_s, const Settings &se
         return status;
     bool with_headers = settings.with_headers;
     auto changes = all_present(before);
-    while (write_changes(changes, with_headers, settings) && is_asked_to_end == 0) {
+    while (write_changes(changes, with_headers, settings)) {
         with_headers = with_headers && changes.empty(); // once
         std::this_thread::sleep_for(std::chrono::seconds(interval_s));
         changes.clear();
@@ -111,7 +111,7 @@ int watch_servers(const ServerFilter &filter, int interval_s, const Settings &se
         changes = changes_of(before, now);
         before = std::move(now);
     }
-    return std::cout.good() ? exit_done : exit_failed;
+    return exit_failed;
 }
 
 } // namespace velia::cli

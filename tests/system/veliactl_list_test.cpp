@@ -2,6 +2,8 @@
 #include <tests/system/support/veliactl.h>
 
 #include <csignal>
+#include <cstdio>
+#include <fstream>
 
 #include <gmock/gmock.h>
 
@@ -56,6 +58,23 @@ private:
     const Site &site_;
     std::unique_ptr<Child> child_;
 };
+
+// Whether a datagram waits for a process that does not read, at a port of IPv4 or IPv6: the system's table has it as
+// "... LOCAL_ADDRESS:PORT REMOTE:PORT STATE SENDING:WAITING ...", in hexadecimal.
+bool has_waiting_datagram(uint16_t port) {
+    for (const char *path : {"/proc/net/udp", "/proc/net/udp6"}) {
+        std::ifstream table(path);
+        for (std::string line; std::getline(table, line);) {
+            char local[64] = "";
+            unsigned local_port = 0;
+            unsigned waiting = 0;
+            if (sscanf(line.c_str(), " %*[^:]: %63[0-9A-F]:%x %*s %*s %*x:%x", local, &local_port, &waiting) == 3 &&
+                local_port == port && waiting > 0)
+                return true;
+        }
+    }
+    return false;
+}
 
 // The program of the first server of which this change is told; 0 for none, and for a line that is no object.
 uint32_t first_program_that(const Objects &told, const std::string &change) {
@@ -183,4 +202,14 @@ TEST_F(VeliactlList, WatchingGoesOnWhenTheBrokerComesBack) {
     ASSERT_TRUE(daemon->is_ready());
     EXPECT_TRUE(watch.comes_to_say("\"ended\"")) << watch.output();
     EXPECT_EQ(watch.end(SIGINT), DONE);
+}
+
+TEST_F(VeliactlList, WatchingEndsAtOnceThoughTheBrokerIsSilent) {
+    start_server(second_program);
+    Watch watch(site, {"--timeout", "3600"});
+    ASSERT_TRUE(watch.comes_to_say("present"));
+    daemon->signal(SIGSTOP);
+    ASSERT_TRUE(eventually([&] { return has_waiting_datagram(site.port()); })) << "it is asked, and does not answer";
+    EXPECT_EQ(watch.end(SIGINT), DONE);
+    daemon->signal(SIGCONT);
 }
