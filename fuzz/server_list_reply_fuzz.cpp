@@ -37,12 +37,18 @@ struct Replies {
 
 Replies replies;
 
+// Runs a routine as the type that it is of; a sanitizer looks at that. The record of both reply forms is the same.
+template <class Record>
+bool_t run(xdrproc_t routine, XDR &stream, void *record) {
+    return reinterpret_cast<bool_t (*)(XDR *, Record *)>(routine)(&stream, static_cast<Record *>(record));
+}
+
 clnt_stat call(CLIENT *, rpcproc_t, xdrproc_t request_routine, void *request, xdrproc_t reply_routine, void *reply,
                timeval) {
     char sent[request_room];
     XDR stream;
     xdrmem_create(&stream, sent, sizeof sent, XDR_ENCODE);
-    if (!request_routine(&stream, request))
+    if (!run<rvzd_list_servers_req_t>(request_routine, stream, request))
         return RPC_CANTENCODEARGS;
     std::string bytes;
     if (!replies.next(bytes))
@@ -51,13 +57,13 @@ clnt_stat call(CLIENT *, rpcproc_t, xdrproc_t request_routine, void *request, xd
     const auto block = std::make_unique<char[]>(bytes.size());
     memcpy(block.get(), bytes.data(), bytes.size());
     xdrmem_create(&stream, block.get(), static_cast<u_int>(bytes.size()), XDR_DECODE);
-    return reply_routine(&stream, reply) ? RPC_SUCCESS : RPC_CANTDECODERES;
+    return run<rvzd_list_servers_reply_t>(reply_routine, stream, reply) ? RPC_SUCCESS : RPC_CANTDECODERES;
 }
 
 bool_t free_reply(CLIENT *, xdrproc_t routine, void *reply) {
     XDR stream = {};
     stream.x_op = XDR_FREE;
-    return routine(&stream, reply);
+    return run<rvzd_list_servers_reply_t>(routine, stream, reply);
 }
 
 void tell_error(CLIENT *, rpc_err *error) {
