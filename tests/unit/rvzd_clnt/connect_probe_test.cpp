@@ -2,6 +2,7 @@
 #include <tests/unit/rvzd_clnt/broker_fixture.h>
 
 #include <cstring>
+#include <future>
 #include <thread>
 
 #include <arpa/inet.h>
@@ -289,6 +290,24 @@ TEST_F(ConnectProbe, ManyAddressesAreAllTriedAtOnce) {
     world.network.script = {sim::times_out()};
     EXPECT_EQ(probe(), 0);
     EXPECT_THAT(world.network.opened, SizeIs(100));
+    EXPECT_THAT(waits_us(), SizeIs(1));
+}
+
+TEST_F(ConnectProbe, DoesNotWaitForABrokerCallOfAnotherThread) {
+    add_target({EINPROGRESS});
+    world.network.script = {sim::times_out()};
+    std::promise<void> locked;
+    std::promise<void> probed;
+    std::thread caller([&] {
+        ivlthread_mutex_lock(&rvzd_call_lock);
+        locked.set_value();
+        probed.get_future().wait();
+        ivlthread_mutex_unlock(&rvzd_call_lock);
+    });
+    locked.get_future().wait();
+    EXPECT_EQ(rvzd_nonblock_connect_ping("target"), 0);
+    probed.set_value();
+    caller.join();
     EXPECT_THAT(waits_us(), SizeIs(1));
 }
 
