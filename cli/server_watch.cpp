@@ -21,8 +21,9 @@ constexpr size_t state_column = 4;
 // Held while results are written, so that none is cut in the middle.
 std::mutex writing;
 
-// The RPC library holds off all signals while it waits for an answer, and a silent broker gives none. So a thread of its
-// own takes them, and ends the process at once: all results are written out, and nothing else is to be done at the end.
+// The RPC library holds off all signals while it waits for an answer, and a silent broker gives none. So a thread of
+// its own takes them, and ends the process at once: all results are written out, and nothing else is to be done at the
+// end.
 void end_on_signals() {
     sigset_t signals;
     sigemptyset(&signals);
