@@ -8,7 +8,7 @@
 #include <server/broker/privilege.h>
 #include <server/broker/process.h>
 #include <server/rpc/records.h>
-#include <veliaxdr/rgy_local.h>
+#include <veliaxdr/rgy_role.h>
 #include <veliaxdr/rgy_site.h>
 #include <veliaxdr/rgy_wire.h>
 
@@ -48,18 +48,9 @@ struct FetchReply {
     rvzd_registry_get_reply_t record = {};
 };
 
-enum ConfigurationChange : int64_t { OP_SET_MASTER = 10, OP_SET_BACKUP = 11, OP_PROMOTE = 12, OP_STEP_DOWN = 13 };
-
-// The registry host or its backup in this host's hosts file; what cannot be read is empty, as for the file's reader.
+// The registry host or its backup in this host's hosts file.
 tbs_status_t change_hosts(int64_t op, const std::string &host) {
-    if (host.size() > RVZD_HOST_NAME_MAX || (op != OP_SET_MASTER && op != OP_SET_BACKUP))
-        return TBS_ST_INVALID_ARG;
-    std::array<char, RVZD_HOST_NAME_MAX + 1> master = {};
-    std::array<char, RVZD_HOST_NAME_MAX + 1> backup = {};
-    registry_prop_get_hostnames_local(master.size(), backup.size(), nullptr, nullptr, master.data(), backup.data());
-    host.copy((op == OP_SET_MASTER ? master : backup).data(), host.size() + 1);
-    (op == OP_SET_MASTER ? master : backup)[host.size()] = '\0';
-    const auto status = registry_prop_set_hostnames_local(0, 0, master.data(), backup.data());
+    const auto status = rgy_clnt_conf_change(op, host.c_str());
     rgy_hostname_cache_inval();
     return status;
 }
@@ -304,9 +295,9 @@ private:
         add_change(RVZD_PROC_RGY_SVR_CONF_CHANGE, xdr_rvzd_registry_svr_conf_req_t,
                    [&service = service_](const rvzd_registry_svr_conf_req_t &request, const Done &done) {
                        switch (request.op) {
-                       case OP_PROMOTE:
+                       case RGY_CONF_PROMOTE:
                            return service.promote(done);
-                       case OP_STEP_DOWN:
+                       case RGY_CONF_DEMOTE:
                            return done(service.step_down());
                        default:
                            return done(TBS_ST_INVALID_ARG);

@@ -178,8 +178,9 @@ TEST_F(Registry, TheHostsFileIsChangedAndItsFormerStateKept) {
     EXPECT_EQ(change(10, std::string(63, 'h')), TBS_ST_OK);
     EXPECT_EQ(site.read("host/config/rgy_hosts.conf"), std::string(63, 'h') + "\nbeta\n");
     EXPECT_EQ(site.read("host/config/rgy_hosts.conf.old"), "alpha\nbeta\n");
-    EXPECT_EQ(change(10, std::string(64, 'h')), TBS_ST_INVALID_ARG);
-    EXPECT_EQ(change(9, "x"), TBS_ST_INVALID_ARG);
+    EXPECT_EQ(change(10, std::string(64, 'h')), TBS_ST_ERROR);
+    EXPECT_EQ(change(10, "two words"), TBS_ST_ERROR);
+    EXPECT_EQ(change(9, "x"), TBS_ST_ERROR);
     EXPECT_EQ(change(10, ""), TBS_ST_OK);
     EXPECT_EQ(site.read("host/config/rgy_hosts.conf"), "\nbeta\n");
 }
