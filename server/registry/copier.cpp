@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <server/registry/copy.h>
 #include <server/registry/messages.h>
 
 namespace velia::server {
@@ -20,6 +21,14 @@ uv_stdio_container_t descriptor(int fd) {
     container.flags = fd < 0 ? UV_IGNORE : UV_INHERIT_FD;
     container.data.fd = fd;
     return container;
+}
+
+std::vector<char *> environment_with(std::string &variable) {
+    std::vector<char *> variables = {variable.data()};
+    for (char **other = environ; *other != nullptr; ++other)
+        variables.push_back(*other);
+    variables.push_back(nullptr);
+    return variables;
 }
 
 } // namespace
@@ -61,6 +70,9 @@ void Copier::stop() {
     interval_s_ = 0;
     is_failure_told_ = false;
     interval_timer_.stop();
+    deadline_timer_.stop();
+    is_another_due_ = false;
+    done_ = nullptr;
     is_stopped_ = process_ != nullptr;
     kill_process();
 }
@@ -82,7 +94,10 @@ void Copier::copy() {
     std::string name = "rvzd_server";
     std::string option = "--copy-registry";
     std::array<char *, 3> arguments = {name.data(), option.data(), nullptr};
+    std::string daemon = copying_daemon_variable + ("=" + std::to_string(getpid()));
+    auto variables = environment_with(daemon);
     uv_process_options_t options = {};
+    options.env = variables.data();
     options.file = this_program;
     options.args = arguments.data();
     options.stdio = descriptors.data();
@@ -106,8 +121,7 @@ void Copier::copy() {
 void Copier::ended(bool is_success) {
     is_failure_told_ = !is_success && !is_stopped_;
     is_stopped_ = false;
-    if (is_success)
-        on_copy_();
+    on_copy_();
     if (is_another_due_) {
         is_another_due_ = false;
         return copy();

@@ -12,7 +12,7 @@ namespace velia::server {
 
 class Copier {
 public:
-    // `on_copy` is called after each process that succeeded.
+    // `on_copy` is called after each process, also one that failed, as it may have come half way.
     Copier(uv_loop_t *loop, std::function<void()> on_copy);
     ~Copier();
     Copier(const Copier &) = delete;
@@ -21,7 +21,7 @@ public:
     // Copies now, unless it did already, and from then on in this interval.
     void start(uint32_t interval_s);
 
-    // Ends it, and kills the process that runs.
+    // Ends it, and kills the process that runs. A `done` that waits is not called.
     void stop();
 
     // One more copy, and then no more: `done` is called when it has ended, in whatever way. After the deadline what

@@ -2,10 +2,13 @@
 
 #include <algorithm>
 #include <array>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <strings.h>
+#include <sys/prctl.h>
+#include <unistd.h>
 
 #include <server/registry/messages.h>
 #include <server/registry/remote_source.h>
@@ -81,6 +84,16 @@ void copy_from(const std::string &master) {
         print_registry(IMSG_PLAIN, MSG_BACKUP_FINISHED, now().c_str());
 }
 
+// A copying process that outlived its daemon would write over the registry of the next one, the master by then.
+void end_with_daemon() {
+    const char *daemon = getenv(copying_daemon_variable);
+    if (daemon == nullptr)
+        return;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (std::to_string(getppid()) != daemon)
+        throw CopyError("the daemon that wanted the copy has ended");
+}
+
 } // namespace
 
 bool is_listed(const std::string &list, const std::string &host) {
@@ -123,6 +136,7 @@ bool copy_registry(Source &source, Store &store, const std::function<void()> &ke
 int run_copy() {
     std::string master;
     try {
+        end_with_daemon();
         const int32_t type = rgy_get_svr_type();
         if (type == RGY_SVR_NONE || type == RGY_SVR_MASTER)
             throw CopyError("this host is no standby, backup or slave");

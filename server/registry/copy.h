@@ -48,6 +48,9 @@ bool is_listed(const std::string &list, const std::string &host);
 bool copy_registry(Source &source, Store &store, const std::function<void()> &keep_former,
                    const std::function<void()> &tell_start);
 
+// In the environment of a copying process: the number of the daemon that started it, and with which it ends.
+constexpr const char *copying_daemon_variable = "VELIA_COPYING_DAEMON";
+
 // Copies the registry of the master that this host's hosts file names, and tells what it did. The process's exit
 // status.
 int run_copy();

@@ -4,7 +4,11 @@
 
 #include <atomic>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <thread>
+
+#include <sqlite3.h>
 
 #include <tests/system/support/daemon.h>
 #include <tests/system/support/registry_calls.h>
@@ -222,6 +226,80 @@ TEST_F(Standby, FormerRegistryOfAHostIsKeptBesideTheCopy) {
     site.write("beta/host/config/rgy_svr.conf", "master");
     start_standby();
     EXPECT_EQ(names_of(RGY_DB_REGIONS, 100, "beta"), Names{"mine"});
+}
+
+// What only a damaged disk could have put there: the copying of this database fails.
+void spoil_database(const std::string &file_name, rgy_db_t db) {
+    sqlite3 *database = nullptr;
+    ASSERT_EQ(sqlite3_open(file_name.c_str(), &database), SQLITE_OK);
+    const std::string record = "INSERT INTO entry (db, region, identity, text) VALUES (" + std::to_string(db) +
+                               ", x'', x'', CAST('no item' AS BLOB))";
+    EXPECT_EQ(sqlite3_exec(database, record.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(database);
+    sqlite3_close(database);
+}
+
+TEST_F(Standby, ACopyOfAnotherRegistryThatFailsHalfWayIsNotServed) {
+    ASSERT_EQ(add(RGY_DB_REGIONS, name_entry("one")), TBS_ST_OK);
+    prepare_standby();
+    start_standby();
+    ASSERT_TRUE(standby_comes_to_have({"one"})) << standby->output();
+    kill_master();
+    const std::string file_name = site.path("host/priv/registry.db");
+    for (const char *end : {"", "-wal", "-shm"})
+        std::filesystem::remove(file_name + end);
+    standby->signal(SIGSTOP); // until the new registry is as it should be
+    start_master();
+    spoil_database(file_name, RGY_DB_ALL - 1);
+    standby->signal(SIGCONT);
+    EXPECT_TRUE(standby->says("a malformed record")) << standby->output();
+    EXPECT_TRUE(eventually([&] { return names_of(RGY_DB_REGIONS, 100, "beta") == std::nullopt; }));
+    EXPECT_EQ(change_standby(PROMOTE), TBS_ST_NOT_SET);
+}
+
+// The processes that a process has started and not yet seen the end of.
+std::vector<pid_t> children_of(pid_t pid) {
+    const std::string task = "/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children";
+    std::ifstream file(task);
+    return {std::istream_iterator<pid_t>(file), {}};
+}
+
+struct SilentMaster : Standby {
+    void SetUp() override {
+        Standby::SetUp();
+        prepare_standby();
+        master->signal(SIGSTOP);
+        start_standby();
+        ASSERT_TRUE(eventually([&] { return children_of(standby->pid()).size() == 1; })) << standby->output();
+        copier = children_of(standby->pid()).front();
+    }
+    void TearDown() override { master->signal(SIGCONT); }
+
+    pid_t copier = 0;
+};
+
+// It would go on writing into the registry of a daemon that is the master by then.
+TEST_F(SilentMaster, ACopyingProcessDoesNotOutliveItsDaemon) {
+    standby->signal(SIGKILL);
+    EXPECT_EQ(standby->wait(), 128 + SIGKILL);
+    EXPECT_TRUE(eventually([&] { return !is_alive(copier); }));
+}
+
+TEST_F(Standby, ThatIsStoppedAmidItsPromotionEndsAtOnceAndStaysOne) {
+    prepare_standby();
+    start_standby();
+    ASSERT_TRUE(standby_comes_to_have({})) << standby->output();
+    const auto handle = own_handle("beta", 0);
+    master->signal(SIGSTOP);
+    handle->tv_sec = 1; // the last copy takes longer from a master that is silent
+    EXPECT_EQ(rvzd_rgy_svr_conf_change(handle.get(), RGY_PROTOCOL_VERSION, PROMOTE, ""), TBS_ST_RPC_FAILED);
+    const auto copiers = children_of(standby->pid());
+    EXPECT_EQ(copiers.size(), 1u);
+    standby->signal(SIGTERM);
+    EXPECT_EQ(standby->wait(2), 0);
+    for (const pid_t copier : copiers)
+        EXPECT_TRUE(eventually([&] { return !is_alive(copier); }));
+    EXPECT_EQ(site.read("beta/host/config/rgy_svr.conf"), "standby");
+    master->signal(SIGCONT);
 }
 
 TEST_F(Standby, CopiesOnlyWhenItIsOnTheMastersList) {
