@@ -8,6 +8,7 @@
 #include <mutex>
 #include <thread>
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <support/date.h>
@@ -18,8 +19,12 @@ namespace {
 
 constexpr size_t state_column = 4;
 
+// How long an interrupt lets a writer finish. A reader that takes nothing, as a stopped pager, must not make the watch
+// immortal.
+constexpr std::chrono::seconds finishing_max{1};
+
 // Held while results are written, so that none is cut in the middle.
-std::mutex writing;
+std::timed_mutex writing;
 
 // The RPC library holds off all signals while it waits for an answer, and a silent broker gives none. So a thread of
 // its own takes them, and ends the process at once: all results are written out, and nothing else is to be done at the
@@ -33,7 +38,7 @@ void end_on_signals() {
     std::thread([signals] {
         int signal_number = 0;
         sigwait(&signals, &signal_number);
-        const std::lock_guard lock(writing);
+        const std::unique_lock lock(writing, finishing_max);
         _exit(exit_done);
     }).detach();
 }
@@ -55,6 +60,12 @@ bool write_changes(const std::vector<ServerChange> &changes, bool with_headers, 
     results.print(settings.format, with_headers, std::cout);
     std::cout.flush();
     return std::cout.good();
+}
+
+// False as soon as the reader goes: a watch of a host where nothing happens writes nothing by which it would notice.
+bool wait_while_read(int interval_s) {
+    pollfd output = {STDOUT_FILENO, 0, 0};
+    return poll(&output, 1, interval_s * 1000) <= 0;
 }
 
 std::vector<ServerChange> all_present(const Servers &servers) {
@@ -102,9 +113,8 @@ int watch_servers(const ServerFilter &filter, int interval_s, const Settings &se
         return status;
     bool with_headers = settings.with_headers;
     auto changes = all_present(before);
-    while (write_changes(changes, with_headers, settings)) {
+    while (write_changes(changes, with_headers, settings) && wait_while_read(interval_s)) {
         with_headers = with_headers && changes.empty(); // once
-        std::this_thread::sleep_for(std::chrono::seconds(interval_s));
         changes.clear();
         Servers now;
         if (list_servers(filter, settings, now) != exit_done)

@@ -1,11 +1,16 @@
 // Listing and watching the servers of a host.
 #include <tests/system/support/veliactl.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <fstream>
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 using namespace velia::system_test;
 using testing::Each;
@@ -37,8 +42,10 @@ struct VeliactlList : VeliactlTest {
 class Watch {
 public:
     explicit Watch(const Site &site, const Words &further = {}) : site_(site) {
-        Words words = {VELIACTL, "server", "list", "alpha", "--watch", "--interval", "1"};
+        Words words = {VELIACTL, "server", "list", "alpha", "--watch"};
         words.insert(words.end(), further.begin(), further.end());
+        if (std::find(words.begin(), words.end(), "--interval") == words.end())
+            words.insert(words.end(), {"--interval", "1"});
         Child::Options options;
         options.output_file = site.path("watch.out");
         options.error_file = site.path("watch.err");
@@ -51,12 +58,61 @@ public:
     }
     int end(int signal_number) {
         child_->signal(signal_number);
-        return child_->wait();
+        return wait();
+    }
+    int wait() { return child_->wait(); }
+    // Whether its first thread hangs in a write to its standard output.
+    bool is_held_up_in_writing() const {
+        std::ifstream file("/proc/" + std::to_string(child_->pid()) + "/syscall");
+        long number = -1;
+        std::string descriptor;
+        return file >> number >> descriptor && number == SYS_write && descriptor == "0x1";
     }
 
 private:
     const Site &site_;
     std::unique_ptr<Child> child_;
+};
+
+// The reading end of a watch whose output goes into a pipe.
+class Reader {
+public:
+    explicit Reader(const Site &site) : path_(site.path("watch.out")) {
+        EXPECT_EQ(mkfifo(path_.c_str(), 0600), 0);
+        fd_ = open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        EXPECT_GE(fd_, 0);
+    }
+    ~Reader() { go(); }
+    Reader(const Reader &) = delete;
+    Reader &operator=(const Reader &) = delete;
+
+    bool comes_to_read(const std::string &text) {
+        return eventually([&] {
+            char some[512];
+            const auto length = read(fd_, some, sizeof some);
+            if (length > 0)
+                read_.append(some, static_cast<size_t>(length));
+            return read_.find(text) != std::string::npos;
+        });
+    }
+    // Leaves no room for what others write.
+    void fill() const {
+        const int fd = open(path_.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        while (write(fd, "", 1) == 1)
+            ;
+        EXPECT_EQ(errno, EAGAIN);
+        close(fd);
+    }
+    void go() {
+        if (fd_ >= 0)
+            close(fd_);
+        fd_ = -1;
+    }
+
+private:
+    std::string path_;
+    std::string read_;
+    int fd_ = -1;
 };
 
 // Whether a datagram waits for a process that does not read, at a port of IPv4 or IPv6: the system's table has it as
@@ -212,4 +268,22 @@ TEST_F(VeliactlList, WatchingEndsAtOnceThoughTheBrokerIsSilent) {
     ASSERT_TRUE(eventually([&] { return has_waiting_datagram(site.port()); })) << "it is asked, and does not answer";
     EXPECT_EQ(watch.end(SIGINT), DONE);
     daemon->signal(SIGCONT);
+}
+
+TEST_F(VeliactlList, WatchingEndsWhenTheReaderGoesThoughNothingHappens) {
+    start_server(second_program);
+    Reader reader(site);
+    Watch watch(site, {"--interval", "3600"});
+    ASSERT_TRUE(reader.comes_to_read("present")) << watch.errors();
+    reader.go();
+    EXPECT_EQ(watch.wait(), FAILED);
+}
+
+TEST_F(VeliactlList, WatchingEndsOnAnInterruptThoughTheReaderTakesNothing) {
+    start_server(second_program);
+    const Reader reader(site);
+    reader.fill();
+    Watch watch(site);
+    ASSERT_TRUE(eventually([&] { return watch.is_held_up_in_writing(); })) << watch.errors();
+    EXPECT_EQ(watch.end(SIGTERM), DONE);
 }
