@@ -2,6 +2,7 @@
 // that is silent holds up nobody.
 #include <cli/commands.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <iostream>
@@ -12,6 +13,7 @@
 
 #include <fmt/format.h>
 #include <netdb.h>
+#include <sys/resource.h>
 
 #include <cli/parallel.h>
 #include <support/imsg.h>
@@ -23,7 +25,9 @@ namespace velia::cli {
 
 namespace {
 
-constexpr size_t threads_max = 512; // each has a descriptor open
+constexpr size_t threads_max = 512;
+constexpr size_t descriptors_a_thread = 2; // its socket; the resolver's have come and gone before, two at a time
+constexpr size_t other_descriptors = 16;
 constexpr const char *footer = R"(Examples:
   veliactl probe build7 build8 pluto
   veliactl probe --output json $(cat hosts) | jq -r 'select(.state != "up").host'
@@ -31,7 +35,7 @@ constexpr const char *footer = R"(Examples:
 A host is up if it accepts a TCP connection on port 371, the well-known port of brokers, at one of its addresses.
 Nothing is sent, and whatever listens there counts; a broker that the site keeps on another port is not found, ask it
 with "veliactl contact". A host that is silent is down after 0.9 seconds, whatever --timeout says; 512 addresses are tried
-at once.
+at once, fewer where "ulimit -n" is below 1040.
 
 States: up; down (silent, or it refuses); unknown (no such name). With any host that is not up the exit status is 3.
 )";
@@ -61,9 +65,18 @@ std::vector<std::string> addresses_of(const std::string &host) {
     return addresses;
 }
 
+// A host for which no descriptor is left would pass for down.
+size_t threads_allowed() {
+    rlimit limit = {};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY)
+        return threads_max;
+    const size_t spare = limit.rlim_cur > other_descriptors ? limit.rlim_cur - other_descriptors : 0;
+    return std::clamp<size_t>(spare / descriptors_a_thread, 1, threads_max);
+}
+
 std::vector<Trial> trials_of(const std::vector<std::string> &hosts) {
     std::vector<std::vector<std::string>> addresses(hosts.size());
-    for_each_at_once(hosts.size(), threads_max, [&](size_t i) { addresses[i] = addresses_of(hosts[i]); });
+    for_each_at_once(hosts.size(), threads_allowed(), [&](size_t i) { addresses[i] = addresses_of(hosts[i]); });
     std::vector<Trial> trials;
     for (size_t i = 0; i < hosts.size(); ++i)
         for (const auto &address : addresses[i])
@@ -95,7 +108,7 @@ void add_host(const std::string &host, const std::optional<Trial> &trial, Result
 
 int probe_hosts(const std::vector<std::string> &hosts, const Settings &settings) {
     auto trials = trials_of(hosts);
-    for_each_at_once(trials.size(), threads_max, [&](size_t i) { probe(trials[i]); });
+    for_each_at_once(trials.size(), threads_allowed(), [&](size_t i) { probe(trials[i]); });
     std::vector<std::optional<Trial>> best(hosts.size());
     for (const auto &trial : trials)
         if (!best[trial.host] || tells_more(trial, *best[trial.host]))

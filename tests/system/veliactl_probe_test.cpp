@@ -113,6 +113,24 @@ TEST_F(VeliactlProbe, OfSilentHostsCostsTheTimeOfOne) {
     EXPECT_LT(elapsed.count(), host_count * silence_ms / 2) << "one after the other takes twice that";
 }
 
+TEST_F(VeliactlProbe, FewDescriptorsMakeItSlowerAndNotWrong) {
+    serve("", {"--listen", "127.0.0.1"});
+    const Silent silent("127.0.0.9", site.port());
+    Words words = {"/bin/sh", "-c", R"(ulimit -n 40 && exec "$@")", "sh", "/usr/bin/env"};
+    const Words variables = environment();
+    words.insert(words.end(), variables.begin(), variables.end());
+    words.insert(words.end(), {VELIACTL, "probe", "--output", "json"});
+    words.insert(words.end(), 30, "127.0.0.9");
+    words.insert(words.end(), 30, "alpha");
+    const auto outcome = run_apart(site, words);
+    EXPECT_EQ(outcome.status, UNREACHABLE);
+    EXPECT_EQ(outcome.errors, "");
+    const auto found = objects_of(outcome.output);
+    ASSERT_EQ(found.size(), 60u);
+    for (const auto &host : found)
+        EXPECT_EQ(host["state"], host["host"] == "alpha" ? "up" : "down");
+}
+
 TEST_F(VeliactlProbe, HelpTellsOfThePort) {
     EXPECT_THAT(veliactl({"probe", "--help"}).output, HasSubstr("TCP connection on port 371"));
     EXPECT_EQ(veliactl({"probe"}).status, WRONG_USE);
