@@ -55,6 +55,10 @@ bool take_format_of_environment(Settings &settings) {
 
 } // namespace
 
+std::string examples(const std::string &lines) {
+    return "Examples:\n  " + lines + "\n\n" + exit_status_help;
+}
+
 void add_common_options(CLI::App &command, Settings &settings) {
     command
         .add_option_function<std::string>(

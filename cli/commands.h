@@ -16,6 +16,9 @@ enum ExitStatus { exit_done = 0, exit_failed = 1, exit_usage = 2, exit_unreachab
 
 extern const char exit_status_help[];
 
+// The foot of a command's help: examples, the first behind no blanks and the others each behind "\n  ".
+std::string examples(const std::string &lines);
+
 struct Settings {
     Format format = Format::plain;
     bool has_format = false; // by the switch

@@ -142,7 +142,7 @@ CLI::App *add_verb(CLI::App &group, const char *name, const char *help, const ch
     CLI::App *command = group.add_subcommand(name, help);
     command->add_option("HOST", arguments.host, "host of the broker")->type_name("")->required();
     add_common_options(*command, settings);
-    command->footer(std::string("Examples:\n  ") + example + "\n\n" + exit_status_help);
+    command->footer(examples(example));
     return command;
 }
 

@@ -149,14 +149,6 @@ int list(const Kind &kind, const Search &search, const Settings &settings) {
     return exit_done;
 }
 
-std::string examples(const std::string &line) {
-    return "Examples:\n  " + line + "\n\n" + exit_status_help;
-}
-
-void add_registry_host(CLI::App &command, std::string &host) {
-    command.add_option("--host", host, "registry host (default: the configured one)")->type_name("HOST");
-}
-
 void add_adding(CLI::App &group, const Kind &kind, Settings &settings, Command &chosen) {
     auto object = std::make_shared<Object>();
     CLI::App *command = group.add_subcommand("add", std::string("Register a ") + kind.name);

@@ -157,7 +157,7 @@ void add_verb(CLI::App &group, const Verb &verb, Settings &settings, Command &ch
     if (verb.searches)
         add_search_options(*command, *search);
     command->add_option("--region", search->region, "entries of this region and of none")->type_name("REGION");
-    command->add_option("--host", search->host, "registry host (default: the configured one)")->type_name("HOST");
+    add_registry_host(*command, search->host);
     command->add_option("--batch", search->batch, "entries fetched at a time")
         ->type_name("COUNT")
         ->capture_default_str()
@@ -211,6 +211,10 @@ std::string check_item_uuid(const std::string &word) {
     return key && tbs_str_to_uuid(key->value.c_str(), &uuid) == TBS_ST_OK
                ? ""
                : "'" + word + "' is not ITEM=UUID with a known item";
+}
+
+void add_registry_host(CLI::App &command, std::string &host) {
+    command.add_option("--host", host, "registry host (default: the configured one)")->type_name("HOST");
 }
 
 void add_search_options(CLI::App &command, Search &search) {

@@ -40,6 +40,7 @@ struct Search {
     int64_t batch = 100;
 };
 
+void add_registry_host(CLI::App &command, std::string &host);
 void add_search_options(CLI::App &command, Search &search);
 
 // Calls `take` for each entry found, batch by batch; the entry is deleted afterwards. The first status that is not

@@ -216,10 +216,6 @@ int set_password(const Passwd &passwd, const Settings &settings) {
     return exit_done;
 }
 
-std::string examples(const std::string &lines) {
-    return "Examples:\n  " + lines + "\n\n" + exit_status_help;
-}
-
 void add_password_file(CLI::App &command, std::string &file) {
     command
         .add_option("--password-file", file,
@@ -254,7 +250,7 @@ void add_check(CLI::App &group, Settings &settings, Command &chosen) {
     command->add_option("DB", check->db, "database, by name or number (default: privileged changes of tags)")
         ->type_name("")
         ->check(offering(db_names(), check_db));
-    command->add_option("--host", check->host, "registry host (default: the configured one)")->type_name("HOST");
+    add_registry_host(*command, check->host);
     add_password_file(*command, check->password_file);
     add_common_options(*command, settings);
     command->footer(examples("veliactl registry check\n  "

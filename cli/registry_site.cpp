@@ -166,16 +166,12 @@ constexpr std::array local_verbs = {
     LocalVerb{"region", "Tell the default region of this host", "veliactl registry region --no-headers", print_region},
 };
 
-std::string examples(const std::string &lines) {
-    return "Examples:\n  " + lines + "\n\n" + exit_status_help;
-}
-
 } // namespace
 
 void add_registry_site(CLI::App &group, Settings &settings, Command &chosen) {
     auto host = std::make_shared<std::string>();
     CLI::App *dbs = group.add_subcommand("dbs", "List the databases of a registry");
-    dbs->add_option("--host", *host, "registry host (default: the configured one)")->type_name("HOST");
+    add_registry_host(*dbs, *host);
     add_common_options(*dbs, settings);
     dbs->footer(examples("veliactl registry dbs\n  veliactl registry dbs --host build7 --output table"));
     dbs->callback([host, &chosen] { chosen = [host](const Settings &given) { return print_dbs(*host, given); }; });
@@ -193,8 +189,7 @@ void add_registry_site(CLI::App &group, Settings &settings, Command &chosen) {
         ->type_name("COUNT")
         ->capture_default_str()
         ->check(CLI::Range(int64_t{1}, int64_t{1000000}).description(""));
-    stats->add_option("--host", repetition->search.host, "registry host (default: the configured one)")
-        ->type_name("HOST");
+    add_registry_host(*stats, repetition->search.host);
     add_common_options(*stats, settings);
     stats->footer(examples("veliactl registry stats regions --string name=east --times 100"));
     stats->callback([repetition, &chosen] {

@@ -134,7 +134,7 @@ void add_registry_updates(CLI::App &group, Settings &settings, Command &chosen) 
         ->type_name("")
         ->required()
         ->check(CLI::Validator(check_item_value, ""));
-    adding->add_option("--host", addition->host, "registry host (default: the configured one)")->type_name("HOST");
+    add_registry_host(*adding, addition->host);
     adding->add_flag("--dry-run", addition->is_dry_run, "tell what would be done, and do nothing");
     add_common_options(*adding, settings);
     adding->footer(std::string(add_footer) + "\n" + exit_status_help);
@@ -146,8 +146,7 @@ void add_registry_updates(CLI::App &group, Settings &settings, Command &chosen) 
     add_db_argument(*removing, removal->search.db);
     add_search_options(*removing, removal->search);
     removing->add_option("--region", removal->search.region, "entries of this region and of none")->type_name("REGION");
-    removing->add_option("--host", removal->search.host, "registry host (default: the configured one)")
-        ->type_name("HOST");
+    add_registry_host(*removing, removal->search.host);
     removing->add_flag("--dry-run", removal->is_dry_run, "tell what would be done, and do nothing");
     add_common_options(*removing, settings);
     removing->footer(std::string(remove_footer) + "\n" + exit_status_help);

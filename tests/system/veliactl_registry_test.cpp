@@ -1,10 +1,7 @@
 // The administrator's tool on a registry: what is added is found, changed and removed, and how a host is turned to one.
+#include <tests/system/support/veliactl.h>
+
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <nlohmann/json.hpp>
-
-#include <tests/system/support/daemon.h>
 
 using namespace velia::system_test;
 using testing::HasSubstr;
@@ -13,37 +10,9 @@ using testing::StartsWith;
 
 namespace {
 
-enum ExitStatus { DONE = 0, FAILED = 1, WRONG_USE = 2, UNREACHABLE = 3 };
+struct VeliactlRegistry : VeliactlTest {
+    void SetUp() override { serve_registry(); }
 
-using Words = std::vector<std::string>;
-
-struct VeliactlRegistry : testing::Test {
-    Site site;
-    std::unique_ptr<Daemon> daemon;
-
-    void SetUp() override {
-        site.write("host/config/rgy_svr.conf", "master");
-        site.write("host/config/rgy_hosts.conf", "alpha\n\n");
-        site.configure("");
-        daemon = std::make_unique<Daemon>(site);
-        ASSERT_TRUE(daemon->is_ready()) << daemon->output();
-    }
-
-    Outcome veliactl(Words words) const {
-        words.insert(words.begin(), VELIACTL);
-        return run_apart(site, words);
-    }
-    // The objects that the command prints, one a line.
-    std::vector<nlohmann::json> objects(Words words) const {
-        words.insert(words.end(), {"--output", "json"});
-        const auto outcome = veliactl(words);
-        EXPECT_EQ(outcome.status, DONE) << outcome.errors;
-        std::vector<nlohmann::json> found;
-        std::istringstream lines(outcome.output);
-        for (std::string line; std::getline(lines, line);)
-            found.push_back(nlohmann::json::parse(line));
-        return found;
-    }
     void add(const Words &items) const {
         Words words = {"registry", "add"};
         words.insert(words.end(), items.begin(), items.end());
