@@ -113,7 +113,18 @@ const char *access_of(tbs_status_t status) {
     }
 }
 
+// Not found is what a registry without a password says, and what an unknown host is. Why is told by the library.
+bool is_reached(const std::string &host) {
+    rgy_timestamp_t *stamp = nullptr;
+    const auto status = rgy_create_timestamp(RGY_DB_VAULT_TAG, host.empty() ? nullptr : host.c_str(), &stamp);
+    if (stamp != nullptr)
+        rgy_destroy_timestamp(&stamp);
+    return status == TBS_ST_OK;
+}
+
 int check_access(const Check &check, const Settings &settings) {
+    if (!is_reached(check.host))
+        return exit_unreachable;
     Password password;
     if (!get_password(check, password))
         return exit_failed;

@@ -6,12 +6,14 @@
 #include <memory>
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <cli/choices.h>
 #include <support/imsg.h>
 #include <support/sysutl.h>
 #include <veliaxdr/rgy_role.h>
+#include <veliaxdr/rvzd_wire.h>
 
 namespace velia::cli {
 
@@ -51,6 +53,14 @@ public:
 private:
     int output_;
 };
+
+// What this host could not write into its own hosts file afterwards is not promoted.
+std::string check_host_word(const std::string &host) {
+    const bool is_word = !host.empty() && host.find_first_of(" \t\r\n\v\f") == std::string::npos;
+    return is_word && host.size() <= RVZD_HOST_NAME_MAX
+               ? ""
+               : fmt::format("a host is one word of {} characters at most", int{RVZD_HOST_NAME_MAX});
+}
 
 std::vector<std::string> servers_that_are_no_master() {
     std::vector<std::string> names;
@@ -112,7 +122,9 @@ int demote(const std::string &role, const Settings &settings) {
 void add_registry_role(CLI::App &group, Settings &settings, Command &chosen) {
     auto host = std::make_shared<std::string>();
     CLI::App *promoting = group.add_subcommand("promote", "Make a standby registry server the master");
-    promoting->add_option("HOST", *host, "the standby (default: this host)")->type_name("");
+    promoting->add_option("HOST", *host, "the standby (default: this host)")
+        ->type_name("")
+        ->check(CLI::Validator(check_host_word, ""));
     add_common_options(*promoting, settings);
     promoting->footer(std::string(promote_footer) + "\n" + exit_status_help);
     promoting->callback([host, &chosen] { chosen = [host](const Settings &given) { return promote(*host, given); }; });

@@ -64,8 +64,17 @@ std::string now() {
     return date_fmt_token_date_time(time(nullptr));
 }
 
+// Beside those that were kept before.
+std::string free_name_for_former() {
+    const std::string name = registry_file() + ".old";
+    std::string found = name;
+    for (int i = 2; access(found.c_str(), F_OK) == 0; ++i)
+        found = name + "." + std::to_string(i);
+    return found;
+}
+
 void keep_former_registry(Store &store) {
-    const std::string kept = registry_file() + ".old";
+    const std::string kept = free_name_for_former();
     store.save_to(kept);
     imsg_print(IMSG_PLAIN, "The former registry of this host is kept in \"%s\".\n", IMSG_FORMAT, kept.c_str());
 }

@@ -78,11 +78,10 @@ private:
             [&service = service_, work](const Request &request, const Caller &caller, const Answer<Reply> &answer) {
                 Reply reply = {};
                 reply.header = reply_header(request.header, TBS_ST_NO_SERVER);
-                Registry *registry = service.registry();
-                if (registry == nullptr)
-                    return answer(reply);
                 try {
-                    reply.header.status = work(*registry, request, caller, reply);
+                    Registry *registry = service.registry();
+                    if (registry != nullptr)
+                        reply.header.status = work(*registry, request, caller, reply);
                 } catch (const StoreError &error) {
                     reply = {};
                     reply.header = reply_header(request.header, RegistryService::tell_failure(error.what()));

@@ -42,7 +42,6 @@ bool RegistryService::open() {
 void RegistryService::close() {
     registry_.reset();
     store_.reset();
-    is_filled_ = false;
 }
 
 void RegistryService::take_role() {
@@ -59,7 +58,6 @@ void RegistryService::take_role() {
     try {
         if (is_master_)
             store_->set_setting(origin_setting, origin_master);
-        is_filled_ = registry_->is_filled();
     } catch (const StoreError &error) {
         tell_failure(error.what());
     }
@@ -67,12 +65,18 @@ void RegistryService::take_role() {
         copier_.start(copy_interval_s_);
 }
 
+Registry *RegistryService::registry() {
+    if (is_master_ || registry_ == nullptr)
+        return registry_.get();
+    store_->reread();
+    return registry_->is_filled() ? registry_.get() : nullptr;
+}
+
 void RegistryService::follow_copy() {
     if (store_ == nullptr)
         return;
     try {
         store_->reread();
-        is_filled_ = registry_->is_filled();
     } catch (const StoreError &error) {
         tell_failure(error.what());
     }
@@ -101,7 +105,10 @@ tbs_status_t RegistryService::become_master() {
             return TBS_ST_NOT_SET;
         }
         registry_->become_master();
-        return rgy_set_svr_type(RGY_SVR_MASTER);
+        const auto status = rgy_set_svr_type(RGY_SVR_MASTER);
+        if (status != TBS_ST_OK)
+            store_->set_setting(origin_setting, origin_copy);
+        return status;
     } catch (const StoreError &error) {
         return tell_failure(error.what());
     }

@@ -26,8 +26,9 @@ public:
 
     void stop_copying() { copier_.stop(); }
 
-    // Null while this host is no registry server, or one that has nothing to tell yet.
-    Registry *registry() { return is_filled_ ? registry_.get() : nullptr; }
+    // Null while this host is no registry server, or one that has nothing to tell yet. A copy is asked each time: the
+    // copying process takes it out of service before it makes it another registry's. Throws StoreError.
+    Registry *registry();
 
     // Only a master takes updates: what others hold is a copy.
     bool is_master() const { return is_master_; }
@@ -55,7 +56,6 @@ private:
     Copier copier_;
     uint32_t copy_interval_s_ = 0;
     bool is_master_ = false;
-    bool is_filled_ = false;
     bool is_in_promotion_ = false;
     std::unique_ptr<Store> store_;
     std::unique_ptr<Registry> registry_;

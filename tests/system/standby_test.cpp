@@ -302,6 +302,21 @@ TEST_F(Standby, ThatIsStoppedAmidItsPromotionEndsAtOnceAndStaysOne) {
     master->signal(SIGCONT);
 }
 
+TEST_F(Standby, KeepsEachFormerRegistryUnderANameOfItsOwn) {
+    ASSERT_EQ(add(RGY_DB_REGIONS, name_entry("theirs")), TBS_ST_OK);
+    prepare_standby("master");
+    start_standby();
+    ASSERT_EQ(add(RGY_DB_REGIONS, name_entry("mine"), "beta"), TBS_ST_OK);
+    site.write("beta/host/config/rgy_svr.conf", "standby");
+    ASSERT_TRUE(standby_comes_to_have({"theirs"})) << standby->output();
+    site.write("beta/host/config/rgy_svr.conf", "master");
+    ASSERT_TRUE(eventually([] { return add(RGY_DB_REGIONS, name_entry("mine again"), "beta") == TBS_ST_OK; }));
+    site.write("beta/host/config/rgy_svr.conf", "standby");
+    ASSERT_TRUE(standby_comes_to_have({"theirs"})) << standby->output();
+    EXPECT_TRUE(std::filesystem::exists(site.path("beta/host/priv/registry.db.old")));
+    EXPECT_TRUE(std::filesystem::exists(site.path("beta/host/priv/registry.db.old.2")));
+}
+
 TEST_F(Standby, CopiesOnlyWhenItIsOnTheMastersList) {
     ASSERT_EQ(rvzd_rgy_set_backup(own_handle("alpha").get(), RGY_PROTOCOL_VERSION, "gamma"), TBS_ST_OK);
     prepare_standby();

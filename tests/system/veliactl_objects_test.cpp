@@ -215,6 +215,14 @@ TEST_F(VeliactlPassword, WithoutOneIsToldAsSuch) {
     EXPECT_EQ(access("secret", {}, FAILED), "no password");
 }
 
+TEST_F(VeliactlPassword, OfAHostThatIsNotKnownIsNoAnswer) {
+    const auto outcome = veliactl({"registry", "check", "vault_tag", "--host", "nowhere.invalid", "--password-file",
+                                   site.write("password", "secret\n")});
+    EXPECT_EQ(outcome.status, UNREACHABLE);
+    EXPECT_THAT(outcome.errors, HasSubstr("nowhere.invalid"));
+    EXPECT_EQ(outcome.output, "");
+}
+
 TEST_F(VeliactlPassword, IsCheckedForADatabaseAndForTags) {
     EXPECT_EQ(set_password("secret\n").status, DONE);
     for (const Words &what : {Words{}, Words{"vault_tag"}}) {
@@ -336,6 +344,8 @@ TEST_F(VeliactlRole, WhatIsNoStandbyIsNotPromotedAndWhatIsNoMasterNotDemoted) {
     EXPECT_EQ(demoted.status, FAILED);
     EXPECT_THAT(demoted.errors, HasSubstr("Host 'beta' is not the master registry server"));
     EXPECT_EQ(veliactl({"registry", "demote", "--to", "master"}).status, WRONG_USE);
+    EXPECT_EQ(veliactl({"registry", "promote", std::string(64, 'h')}).status, WRONG_USE);
+    EXPECT_EQ(veliactl({"registry", "promote", "two words"}).status, WRONG_USE);
 }
 
 TEST_F(VeliactlRole, AHostThatCannotBeReachedIsNotPromoted) {

@@ -163,6 +163,15 @@ TEST_F(PoolMapPoolname, WhoseTargetDoesNotFitKeepsWhatFitsAndIsLogged) {
     EXPECT_EQ(world.take_messages(), (Messages{logged, logged}));
 }
 
+// Logs are searched for this place, which stays when the code moves.
+TEST_F(PoolMapPoolname, WhoseTargetDoesNotFitIsLoggedUnderItsPlace) {
+    use_map("/a/=/long/");
+    imsg_set_sink(nullptr, nullptr);
+    testing::internal::CaptureStderr();
+    poolname("/a", 6);
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), testing::HasSubstr("internal error at poolmap, line 302: "));
+}
+
 TEST_F(PoolMapPoolname, GoesOnBehindATargetThatDoesNotFit) {
     use_map("/a/=/b/too/long/|/b/t/=/c/|/x/=/y/");
     EXPECT_EQ(poolname("/a", 6), (Answer{TBS_ST_NAME_TOO_LONG, "/b/to"}));

@@ -140,6 +140,8 @@ TEST_F(Timestamp, NullsAreRefused) {
     EXPECT_EQ(rgy_create_timestamp(3, nullptr, nullptr), TBS_ST_INVALID_ARG);
     EXPECT_EQ(rgy_check_timestamp(3, nullptr, nullptr, &changed), TBS_ST_INVALID_ARG);
     EXPECT_EQ(rgy_check_timestamp(3, nullptr, stamp, nullptr), TBS_ST_INVALID_ARG);
+    rgy_timestamp_t without_host = {};
+    EXPECT_EQ(rgy_check_timestamp(3, "h1", &without_host, &changed), TBS_ST_INVALID_ARG);
     EXPECT_EQ(rgy_destroy_timestamp(&stamp), TBS_ST_OK);
     EXPECT_EQ(rgy_destroy_timestamp(&stamp), TBS_ST_INVALID_ARG);
     EXPECT_EQ(rgy_destroy_timestamp(nullptr), TBS_ST_INVALID_ARG);

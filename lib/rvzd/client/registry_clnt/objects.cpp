@@ -86,11 +86,15 @@ Try set_uuids(const Object &object, rgy_entry_t &entry) {
 
 // An attribute that does not fit is left out whole, with its comma; a shorter one behind it may still fit.
 void join_attributes(const Object &object, char (&joined)[RGY_ITEM_TEXT_SIZE]) {
-    *joined = '\0';
+    size_t used = 0;
     const char *comma = "";
-    for (int32_t i = 0; i < object.attribute_count; ++i)
-        if (strutl_concat(joined, sizeof joined, 3, joined, comma, object.attributes[i]) == 0)
-            comma = ",";
+    for (int32_t i = 0; i < object.attribute_count; ++i) {
+        if (strutl_concat(joined + used, sizeof joined - used, 2, comma, object.attributes[i]) != 0)
+            continue;
+        used += strlen(joined + used);
+        comma = ",";
+    }
+    joined[used] = '\0';
 }
 
 // A failure goes by the name of the step before, though this is a text: that is how users know it.

@@ -68,7 +68,8 @@ tbs_status_t rgy_create_timestamp(rgy_db_t db, const char *host, rgy_timestamp_t
 }
 
 tbs_status_t rgy_check_timestamp(rgy_db_t db, const char *host, rgy_timestamp_t *stamp, int32_t *changed) {
-    if (stamp == nullptr || changed == nullptr || (host != nullptr && strcmp(host, stamp->host) != 0))
+    if (stamp == nullptr || changed == nullptr || stamp->host == nullptr ||
+        (host != nullptr && strcmp(host, stamp->host) != 0))
         return TBS_ST_INVALID_ARG;
     rgy_timestamp_t stamps = {};
     bool is_changed = false;
