@@ -108,7 +108,8 @@ tbs_status_t rgy_create_timestamp(rgy_db_t db, const char *host, rgy_timestamp_t
 /*
  * Asks the snapshot's host whether `db` has changed since: *changed is then 1, else 0. A change moves the snapshot
  * forward and voids what this process has cached of the database. TBS_ST_INVALID_ARG for a null argument or a snapshot
- * without a host, and for a host other than the snapshot's (null is that one); TBS_ST_ERROR (printed), with the snapshot as it was, for any failure.
+ * without a host, and for a host other than the snapshot's (null is that one); TBS_ST_ERROR (printed), with the
+ * snapshot as it was, for any failure.
  */
 tbs_status_t rgy_check_timestamp(rgy_db_t db, const char *host, rgy_timestamp_t *stamp, int32_t *changed);
 
