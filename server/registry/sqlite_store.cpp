@@ -50,7 +50,7 @@ public:
         database_.run("PRAGMA synchronous = FULL");
         is_new = prepare_schema();
         statements_ = std::make_unique<Statements>(database_);
-        reread();
+        registry_ = named_uuid("registry");
         copy_ = named_uuid("copy");
     }
 
