@@ -32,24 +32,6 @@ extern "C" {
 /* The `version` of every request: the registry layer's own, independent of the RPC version. */
 enum { RGY_PROTOCOL_VERSION = 3 };
 
-enum {
-    RVZD_PROC_RGY_GET_ID = 13,
-    RVZD_PROC_RGY_FINDBYSTRING_ENTRY = 14,
-    RVZD_PROC_RGY_FINDBYUUID_ENTRY = 15,
-    RVZD_PROC_RGY_GET_ENTRY = 16,
-    RVZD_PROC_RGY_ADD_ENTRY = 17,
-    RVZD_PROC_RGY_REMOVE_ENTRY = 18,
-    RVZD_PROC_RGY_CHK_ACCESS = 20,
-    RVZD_PROC_RGY_GET_DTM = 21,
-    RVZD_PROC_RGY_GET_DB_LIST = 29,
-    RVZD_PROC_RGY_CLNT_CONF_CHANGE = 30,
-    RVZD_PROC_RGY_SVR_CONF_CHANGE = 31,
-    RVZD_PROC_RGY_GET_BACKUP = 32,
-    RVZD_PROC_RGY_SET_BACKUP = 33,
-    RVZD_PROC_RGY_FINDBYATTR_ENTRY = 34,
-    RVZD_PROC_RGY_GET_PATTERN_ENTRY = 76,
-};
-
 /* Longest texts on the wire, without terminator. */
 enum {
     RGY_WIRE_REGION_MAX = 32,

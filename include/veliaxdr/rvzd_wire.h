@@ -1,5 +1,6 @@
 /*
- * The broker's wire protocol: program identity, procedures, and the record of each request and reply.
+ * The broker's wire protocol: program identity, and the record of each request and reply. The procedures that carry
+ * them are in <veliaxdr/rvzd_procedures.h>.
  *
  * Every record has one XDR routine, xdr_<record>, used in all three directions: it encodes, decodes or frees by the
  * x_op of its stream and returns false as soon as one field fails. A record that is decoded into must be cleared
@@ -21,6 +22,7 @@
 #include <support/sysutl.h>
 #include <support/tbs.h>
 #include <support/xdr_prims.h>
+#include <veliaxdr/rvzd_procedures.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -35,30 +37,6 @@ enum {
 
 /* Protocol versions: 5 carries one IPv4 address where 6 carries port lists and addresses of both families. */
 enum { RVZD_PROTOCOL_V70 = 5, RVZD_PROTOCOL_CURRENT = 6 };
-
-/* Procedure numbers. A pair that differs by protocol version has two; the older is called v70. */
-enum {
-    RVZD_PROC_CONTACT = 1,
-    RVZD_PROC_REGISTER_SERVER = 2,
-    RVZD_PROC_FIND_SERVER_V70 = 3,
-    RVZD_PROC_SERVER_IDLE = 4,
-    RVZD_PROC_SERVER_BUSY = 5,
-    RVZD_PROC_SCHED_INFO = 11,
-    RVZD_PROC_SERVER_ALTERNATE_UUID = 19,
-    RVZD_PROC_LIST_SERVERS_V70 = 22,
-    RVZD_PROC_GET_LOCAL_PATH = 23,
-    RVZD_PROC_CLNT_LIST_LOOKUP_V70 = 24,
-    RVZD_PROC_CLNT_LIST_GET_V70 = 26,
-    RVZD_PROC_HOSTINFO = 27,
-    RVZD_PROC_CLNT_LIST_REGISTER = 28,
-    RVZD_PROC_REMOTE_BUILD_HI = 60,
-    RVZD_PROC_TZ_INFO = 66,
-    RVZD_PROC_TOGGLE_SERVER_RESTART = 67,
-    RVZD_PROC_FIND_SERVER = 71,
-    RVZD_PROC_LIST_SERVERS = 73,
-    RVZD_PROC_CLNT_LIST_LOOKUP = 74,
-    RVZD_PROC_CLNT_LIST_GET = 75,
-};
 
 /*
  * Transports, the index into rvzd_protocol_names. 3 marks a name that is in no table. The cell is a plain word, not an

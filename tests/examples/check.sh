@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Compiles the example at the top of each public header, as C11.
+# Compiles the example at the top of each public header: of a .h as C11, of a .hpp as C++20.
 #
 # usage: check.sh SOURCE_FOLDER COMPILER_FLAGS...
 set -uo pipefail
@@ -8,7 +8,7 @@ shift
 examples=0 failed=0
 
 example_of() { # the indented lines of the comment that opens the header
-    awk '/^\/\*/ { within = 1 } within && /^ \*     / { print substr($0, 8) } /^#ifndef/ { exit }' "$1"
+    awk '/^\/\*/ { within = 1 } within && /^ \*     / { print substr($0, 8) } /^#(ifndef|pragma once)/ { exit }' "$1"
 }
 
 # What each example finds around it; the names that it does not use are nobody's concern.
@@ -19,13 +19,17 @@ surroundings='
     struct timeval time_out = {5, 0}; entry_t *record = NULL;
     XDR stream; XDR *xdrs = &stream; CLIENT *client = NULL; struct sockaddr *address = NULL; stg_area_t area = NULL;'
 
-for header in "$source"/include/veliaxdr/*.h "$source"/include/support/*.h; do
+for header in "$source"/include/veliaxdr/*.h "$source"/include/veliaxdr/*.hpp "$source"/include/support/*.h; do
     example=$(example_of "$header")
     [ -n "$example" ] || { echo "no example: $header"; failed=1; continue; }
     examples=$((examples + 1))
+    case $header in
+    *.hpp) language=(-std=gnu++20 -x c++) ;;
+    *) language=(-std=gnu11 -x c) ;;
+    esac
     printf '#include "%s"\n#include "%s/tests/examples/prelude.h"\n#include <veliaxdr/rvzd_svr.h>\ntbs_status_t example(int argc, char **argv);\ntbs_status_t example(int argc, char **argv) {\n%s\n    {\n%s\n    }\n    return status;\n}\n' \
         "$header" "$source" "$surroundings" "$example" |
-        "${CC:-cc}" -std=gnu11 -fsyntax-only -Wall -Werror -Wno-unused -Wno-maybe-uninitialized -x c "$@" - ||
+        "${CC:-cc}" "${language[@]}" -fsyntax-only -Wall -Werror -Wno-unused -Wno-maybe-uninitialized "$@" - ||
         { echo "the example does not compile: $header"; failed=1; }
 done
 echo "$examples examples"

@@ -1,0 +1,57 @@
+/*
+ * The rows of <veliaxdr/rvzd_procedures.h> as C++ has them: typed by their records, each under its own name, and to be
+ * walked as a whole.
+ *
+ *     #include <veliaxdr/rvzd_procedure_rows.hpp>
+ *
+ *     rvzd_contact_req_t request = {};
+ *     xdr_free(velia::procedures::contact.request_routine(), &request);
+ *
+ * Nothing here is code of the library's, and nothing has state.
+ */
+#pragma once
+
+#include <veliaxdr/rgy_wire.h>
+#include <veliaxdr/rvzd_hosts.h>
+#include <veliaxdr/rvzd_procedures.h>
+#include <veliaxdr/rvzd_wire.h>
+
+namespace velia {
+
+enum class Runs { REPEATABLE, ONCE };
+enum class Over { ANY, TCP };
+
+template <class Request, class Reply>
+struct Procedure {
+    uint32_t number;
+    const char *name;        /* "rvzd_contact" */
+    const char *failed_text; /* "rvzd_contact call failed" */
+    bool_t (*xdr_request)(XDR *, Request *);
+    bool_t (*xdr_reply)(XDR *, Reply *);
+    Runs runs;
+    Over over;
+
+    static constexpr Request empty_request() { return {}; }
+    xdrproc_t request_routine() const { return reinterpret_cast<xdrproc_t>(xdr_request); }
+    xdrproc_t reply_routine() const { return reinterpret_cast<xdrproc_t>(xdr_reply); }
+};
+
+namespace procedures {
+
+#define VELIA_PROCEDURE_ROW(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER)                                        \
+    inline constexpr Procedure<REQUEST, REPLY> NAME = {                                                                \
+        NUMBER, "rvzd_" #NAME, "rvzd_" #NAME " call failed", xdr_##REQUEST, xdr_##REPLY, Runs::RUNS, Over::OVER};
+RVZD_PROCEDURES(VELIA_PROCEDURE_ROW)
+#undef VELIA_PROCEDURE_ROW
+
+} // namespace procedures
+
+/* Calls `visit(row)` for each procedure. */
+template <class Visit>
+void for_each_procedure(Visit &&visit) {
+#define VELIA_VISIT_ROW(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER) visit(procedures::NAME);
+    RVZD_PROCEDURES(VELIA_VISIT_ROW)
+#undef VELIA_VISIT_ROW
+}
+
+} // namespace velia
