@@ -137,11 +137,5 @@ tbs_status_t clnt_list_write_file(const char *path, uint32_t count, const clnt_e
             stream = nullptr;
         });
     };
-    return with_cleanup(
-        [&] {
-            const auto status = write_file(path, count, entries, stream);
-            close_stream();
-            return status;
-        },
-        close_stream);
+    return with_release([&] { return write_file(path, count, entries, stream); }, close_stream);
 }

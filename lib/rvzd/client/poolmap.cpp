@@ -63,13 +63,12 @@ bool count_pairs(const char *map_text, size_t &count) {
             copy = nullptr;
         });
     };
-    return with_cleanup(
+    return with_release(
         [&] {
             with_inhibit([&] { copy = stg_strdup(map_text); });
             if (copy == nullptr)
                 return false;
             count = count_tokens(copy);
-            free_copy();
             return true;
         },
         free_copy);

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <common/require.h>
+#include <support/imsg.h>
 #include <tests/sim/sweeps.h>
 #include <tests/sim/world.h>
 
@@ -52,17 +54,201 @@ TEST(WithCleanup, UndoesNestedFramesFromTheInnermostOut) {
     EXPECT_EQ(order, (std::vector<int>{1, 2}));
 }
 
-TEST(WithLock, ARaiseLeavesTheLockHeld) {
+TEST(WithRelease, GivesBackOnceBehindTheBody) {
+    std::vector<int> order;
+    EXPECT_EQ(with_release(
+                  [&] {
+                      order.push_back(1);
+                      return 5;
+                  },
+                  [&] { order.push_back(2); }),
+              5);
+    EXPECT_EQ(order, (std::vector<int>{1, 2}));
+}
+
+TEST(WithRelease, GivesBackWhenARaiseLandsAndRaisesTheSameCodeAgain) {
+    int released = 0;
+    auto operation = [&] {
+        with_release(
+            [&] {
+                pfm_raise(42);
+                return 0;
+            },
+            [&] { ++released; });
+    };
+    EXPECT_EQ(sim::run_and_catch(operation), 42);
+    EXPECT_EQ(released, 1);
+}
+
+TEST(WithRelease, IsBegunAgainWhenARaiseLandsInIt) {
+    int begun = 0;
+    auto operation = [&] {
+        with_release([] { return 0; },
+                     [&] {
+                         if (++begun == 1)
+                             pfm_raise(7);
+                     });
+    };
+    EXPECT_EQ(sim::run_and_catch(operation), 7);
+    EXPECT_EQ(begun, 2);
+}
+
+// One lock of each rank, as the modules have them.
+template <LockRank rank>
+class OfRank {
+public:
     static ivlthread_mutex_t mutex;
-    auto operation = [&] { with_lock(mutex, [] { pfm_raise(3); }); };
+    static constexpr Lock<rank> lock = {mutex};
+};
+template <LockRank rank>
+ivlthread_mutex_t OfRank<rank>::mutex;
+
+using Settings = OfRank<LockRank::settings>;
+using RegistryCache = OfRank<LockRank::registry_cache>;
+using BrokerCall = OfRank<LockRank::broker_call>;
+using RegistryHost = OfRank<LockRank::registry_host>;
+using LocalFiles = OfRank<LockRank::local_files>;
+
+TEST(WithLock, ARaiseLeavesTheLockOfBrokerCallsHeld) {
+    auto operation = [&] { with_lock(BrokerCall::lock, [] { pfm_raise(3); }); };
     EXPECT_EQ(sim::run_and_catch(operation), 3);
-    EXPECT_EQ(sim::release_lock(mutex), 1);
+    EXPECT_EQ(sim::release_lock(BrokerCall::mutex), 1);
+}
+
+TEST(WithLock, ARaiseLeavesTheLockOfBrokerCallsHeldAlsoWhereSomethingIsReleased) {
+    int released = 0;
+    auto operation = [&] {
+        with_lock(
+            BrokerCall::lock,
+            [] {
+                pfm_raise(3);
+                return 0;
+            },
+            [&] { ++released; });
+    };
+    EXPECT_EQ(sim::run_and_catch(operation), 3);
+    EXPECT_EQ(released, 1);
+    EXPECT_EQ(sim::release_lock(BrokerCall::mutex), 1);
+}
+
+template <class Rank>
+void expect_given_back_by_a_raise() {
+    auto operation = [&] {
+        with_lock(Rank::lock, [] {
+            pfm_raise(3);
+            return 0;
+        });
+    };
+    EXPECT_EQ(sim::run_and_catch(operation), 3);
+    EXPECT_EQ(sim::release_lock(Rank::mutex), 0);
+}
+
+TEST(WithLock, ARaiseGivesTheLocksAboveItBack) {
+    expect_given_back_by_a_raise<Settings>();
+    expect_given_back_by_a_raise<RegistryCache>();
+}
+
+template <class Rank>
+void expect_no_landing_under() {
+    bool landed_under = true;
+    auto operation = [&] {
+        with_lock(Rank::lock, [&] {
+            pfm_post_raise(4);
+            landed_under = false;
+        });
+    };
+    EXPECT_EQ(sim::run_and_catch(operation), 4);
+    EXPECT_FALSE(landed_under);
+    EXPECT_EQ(sim::release_lock(Rank::mutex), 0);
+}
+
+TEST(WithLock, NoRaiseLandsUnderALeaf) {
+    expect_no_landing_under<RegistryHost>();
+    expect_no_landing_under<LocalFiles>();
+}
+
+TEST(WithLock, ARaiseIsUndoneBeforeWhatIsHeldIsReleased) {
+    std::vector<int> order;
+    order.reserve(2);
+    auto operation = [&] {
+        with_lock(
+            RegistryCache::lock,
+            [] {
+                pfm_raise(9);
+                return 0;
+            },
+            [&] { order.push_back(2); }, [&] { order.push_back(1); });
+    };
+    EXPECT_EQ(sim::run_and_catch(operation), 9);
+    EXPECT_EQ(order, (std::vector<int>{1, 2}));
+}
+
+TEST(WithLock, NothingIsUndoneWithoutARaise) {
+    int undone = 0;
+    int released = 0;
+    EXPECT_EQ(with_lock(
+                  RegistryCache::lock, [] { return 4; }, [&] { ++released; }, [&] { ++undone; }),
+              4);
+    EXPECT_EQ(released, 1);
+    EXPECT_EQ(undone, 0);
 }
 
 TEST(WithLock, IsReentrantAndFreeAtTheEnd) {
-    static ivlthread_mutex_t mutex;
-    EXPECT_EQ(with_lock(mutex, [&] { return with_lock(mutex, [] { return 8; }); }), 8);
-    EXPECT_EQ(sim::release_lock(mutex), 0);
+    EXPECT_EQ(with_lock(BrokerCall::lock, [&] { return with_lock(BrokerCall::lock, [] { return 8; }); }), 8);
+    EXPECT_EQ(sim::release_lock(BrokerCall::mutex), 0);
+}
+
+template <class Outer, class Inner>
+int take_in_order() {
+    return with_lock(Outer::lock, [] { return with_lock(Inner::lock, [] { return 6; }); });
+}
+
+TEST(LockOrder, EachLockMayBeTakenUnderThoseOfLowerRank) {
+    EXPECT_EQ((take_in_order<Settings, RegistryCache>()), 6);
+    EXPECT_EQ((take_in_order<RegistryCache, BrokerCall>()), 6);
+    EXPECT_EQ((take_in_order<BrokerCall, RegistryHost>()), 6);
+    EXPECT_EQ((take_in_order<RegistryHost, LocalFiles>()), 6);
+}
+
+TEST(LockOrder, ALockTakenAgainMayComeAfterOthers) {
+    EXPECT_EQ(with_lock(Settings::lock, [] { return take_in_order<RegistryCache, Settings>(); }), 6);
+}
+
+TEST(LockOrderDeathTest, TheOtherWayRoundEndsTheProcess) {
+    const sim::World world;
+    imsg_set_sink(nullptr, nullptr);
+    EXPECT_DEATH((take_in_order<RegistryCache, Settings>()), "note_taken");
+    EXPECT_DEATH((take_in_order<BrokerCall, RegistryCache>()), "note_taken");
+    EXPECT_DEATH((take_in_order<RegistryHost, BrokerCall>()), "note_taken");
+    EXPECT_DEATH((take_in_order<LocalFiles, RegistryHost>()), "note_taken");
+}
+
+TEST(LockOrderDeathTest, ALeafTakenTwiceEndsTheProcess) {
+    const sim::World world;
+    imsg_set_sink(nullptr, nullptr);
+    EXPECT_DEATH((take_in_order<RegistryHost, RegistryHost>()), "note_taken");
+}
+
+TEST(LockOrder, WhatARaiseLeftAndWasGivenBackDoesNotCount) {
+    auto operation = [&] { with_lock(BrokerCall::lock, [] { pfm_raise(3); }); };
+    EXPECT_EQ(sim::run_and_catch(operation), 3);
+    sim::release_lock(BrokerCall::mutex);
+    EXPECT_EQ((take_in_order<RegistryCache, BrokerCall>()), 6);
+}
+
+TEST(LockOrderDeathTest, WhatARaiseLeftHeldStillCounts) {
+    const sim::World world;
+    imsg_set_sink(nullptr, nullptr);
+    auto operation = [&] { with_lock(BrokerCall::lock, [] { pfm_raise(3); }); };
+    EXPECT_EQ(sim::run_and_catch(operation), 3);
+    EXPECT_DEATH(with_lock(RegistryCache::lock, [] { return 0; }), "note_taken");
+    sim::release_lock(BrokerCall::mutex);
+}
+
+TEST(RequireDeathTest, NamesTheFunctionTheFileAndTheLine) {
+    const sim::World world;
+    imsg_set_sink(nullptr, nullptr);
+    EXPECT_DEATH(require(1 + 1 == 3), "assertion failed: .*TestBody.* at with_test.cpp, line [0-9]+");
 }
 
 TEST(WithInhibit, ARaiseThatArrivesInsideLandsAtTheOutermostEnd) {

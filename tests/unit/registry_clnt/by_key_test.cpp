@@ -372,8 +372,8 @@ TEST_P(RemoveByKey, ARaiseLeaksNothing) {
     auto operation = [&] { remove(); };
     const int raises = sim::sweep_raises(world, operation, [&](int number) {
         sim::release_lock(rvzd_call_lock);
-        sim::release_lock(registry_cache_lock);
-        sim::release_lock(rgy_hostname_mutex);
+        EXPECT_EQ(registry_cache_lock.depth, 0u);
+        EXPECT_EQ(rgy_hostname_mutex.depth, 0u);
         EXPECT_EQ(sim::Holdings::now(world), before) << number;
     });
     EXPECT_GE(raises, 10);
@@ -405,8 +405,8 @@ TEST_F(ByKey, ARaiseInAReaderLeaksNothing) {
         auto operation = [&] { reader.read("alpha", text, nullptr); };
         const int raises = sim::sweep_raises(world, operation, [&](int number) {
             sim::release_lock(rvzd_call_lock);
-            sim::release_lock(registry_cache_lock);
-            sim::release_lock(rgy_hostname_mutex);
+            EXPECT_EQ(registry_cache_lock.depth, 0u);
+            EXPECT_EQ(rgy_hostname_mutex.depth, 0u);
             EXPECT_EQ(sim::Holdings::now(world), before) << reader.name << number;
         });
         EXPECT_GE(raises, 10);

@@ -211,8 +211,8 @@ TEST_P(Manage, ARaiseLeaksNothing) {
     auto operation = [&] { run(); };
     const int raises = sim::sweep_raises(world, operation, [&](int number) {
         sim::release_lock(rvzd_call_lock);
-        sim::release_lock(registry_cache_lock);
-        sim::release_lock(rgy_hostname_mutex);
+        EXPECT_EQ(registry_cache_lock.depth, 0u);
+        EXPECT_EQ(rgy_hostname_mutex.depth, 0u);
         EXPECT_EQ(call.entry, nullptr) << number;
         EXPECT_EQ(call.stamp, nullptr) << number;
         for (auto &db : call.dbs)

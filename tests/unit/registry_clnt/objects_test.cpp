@@ -384,8 +384,8 @@ TEST_F(Objects, ARaiseLeaksNothing) {
     auto operation = [&] { add_full(); };
     const int raises = sim::sweep_raises(world, operation, [&](int number) {
         sim::release_lock(rvzd_call_lock);
-        sim::release_lock(registry_cache_lock);
-        sim::release_lock(rgy_hostname_mutex);
+        EXPECT_EQ(registry_cache_lock.depth, 0u);
+        EXPECT_EQ(rgy_hostname_mutex.depth, 0u);
         drop_cached_answers();
         EXPECT_EQ(sim::Holdings::now(world), before) << number;
     });

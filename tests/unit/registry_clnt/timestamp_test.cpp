@@ -173,8 +173,8 @@ TEST_F(Timestamp, ARaiseLeaksNothing) {
     const auto before = sim::Holdings::now(world);
     const auto check_holdings = [&](int number) {
         sim::release_lock(rvzd_call_lock);
-        sim::release_lock(registry_cache_lock);
-        sim::release_lock(rgy_hostname_mutex);
+        EXPECT_EQ(registry_cache_lock.depth, 0u);
+        EXPECT_EQ(rgy_hostname_mutex.depth, 0u);
         EXPECT_EQ(other, nullptr);
         EXPECT_EQ(rpc_binding[0].ref_count, 0);
         EXPECT_EQ(sim::Holdings::now(world), before) << number;

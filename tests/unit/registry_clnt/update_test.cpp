@@ -143,7 +143,7 @@ TEST_F(Update, ARaiseLeaksNothingAndGivesTheBindingBack) {
         auto operation = [&] { change.run(3, entry); };
         const int raises = sim::sweep_raises(world, operation, [&](int number) {
             sim::release_lock(rvzd_call_lock);
-            sim::release_lock(registry_cache_lock);
+            EXPECT_EQ(registry_cache_lock.depth, 0u);
             EXPECT_EQ(rpc_binding[0].ref_count, 0);
             EXPECT_EQ(sim::Holdings::now(world), before) << number;
         });

@@ -72,16 +72,20 @@ clnt_tz_status_t clnt_tz_get_info(int year, clnt_tz_info_t **info) {
     if (year < CLNT_TZ_YEAR_FIRST || year > CLNT_TZ_YEAR_LAST)
         return CLNT_TZ_INVALID;
     ivlthread_mutex_lock(&rvzd_tz_mutex);
-    *info = clnt_tz_new_info();
-    // The lock stays taken here: that is the rule of this operation, and other threads wait from now on.
-    if (*info == nullptr)
-        return CLNT_TZ_ERROR;
     const auto status = with_cleanup(
         [&] {
+            *info = clnt_tz_new_info();
+            if (*info == nullptr)
+                return CLNT_TZ_ERROR;
             fill(year, **info);
             return CLNT_TZ_OK;
         },
-        [&] { clnt_tz_free_info(info); });
-    ivlthread_mutex_unlock(&rvzd_tz_mutex);
+        [&] {
+            clnt_tz_free_info(info);
+            ivlthread_mutex_unlock(&rvzd_tz_mutex);
+        });
+    // Without a record the lock stays taken: that is the rule of this operation, and other threads wait from now on.
+    if (status == CLNT_TZ_OK)
+        ivlthread_mutex_unlock(&rvzd_tz_mutex);
     return status;
 }

@@ -120,24 +120,25 @@ bool is_unreachable(tbs_status_t status) {
 
 tbs_status_t bind_to_backup(Binding &binding, uint32_t authenticated, rgy_db_t db) {
     char *list = nullptr;
-    return with_cleanup(
-        [&] {
-            tbs_status_t status = rgy_get_cached_backup_list(&list);
+    return with_release(
+        [&]() -> tbs_status_t {
+            const auto status = rgy_get_cached_backup_list(&list);
             if (status != TBS_ST_OK)
                 return status;
-            status = TBS_ST_ERROR;
             for (char *host = strutl_tokenize(list, separators); host != nullptr;
                  host = strutl_tokenize(nullptr, separators)) {
                 const auto result = rgy_bind_handle(host, binding, authenticated, db);
-                if (!is_unreachable(result)) {
-                    status = result;
-                    break;
-                }
+                if (!is_unreachable(result))
+                    return result;
             }
-            stg_free(list);
-            return status;
+            return TBS_ST_ERROR;
         },
-        [&] { stg_free(list); });
+        [&] {
+            with_inhibit([&] {
+                stg_free(list);
+                list = nullptr;
+            });
+        });
 }
 
 } // namespace

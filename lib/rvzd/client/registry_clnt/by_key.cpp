@@ -55,13 +55,7 @@ struct Results {
 template <int64_t Slots, class Body>
 tbs_status_t with_results(Body &&body) {
     Results<Slots> results;
-    return with_cleanup(
-        [&] {
-            const tbs_status_t status = body(results);
-            results.give_back();
-            return status;
-        },
-        [&] { results.give_back(); });
+    return with_release([&]() -> tbs_status_t { return body(results); }, [&] { results.give_back(); });
 }
 
 struct Output {

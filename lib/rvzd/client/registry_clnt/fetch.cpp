@@ -1,5 +1,4 @@
-// Fetches: one batch of a search or a scan. The six differ in what they ask and in whether the read cache is asked
-// first; the rest is one road.
+// Fetches: one batch of a search or a scan. The six differ in the question, which is data; the rest is one road.
 #include <veliaxdr/rgy_fetch.h>
 
 #include <cstddef>
@@ -17,23 +16,38 @@ static_assert(offsetof(rgy_cursor_t, done) == 48 && offsetof(rgy_cursor_t, host)
 
 namespace {
 
-// What all fetches are given. `entries` is null in the one that leaves them raw.
+// What is searched for. The fields that a kind of search does not have are null.
+struct Question {
+    enum class By { nothing, string, uuid, attribute, pattern };
+    By by = By::nothing;
+    uint32_t item = 0;
+    const char *string = nullptr;
+    const tbs_uuid_t *uuid = nullptr;
+    const char *attr_name = nullptr;
+    const char *attr_value = nullptr;
+    const char *const *patterns = nullptr;
+    int32_t pattern_count = 0;
+};
+
+// What all fetches are given.
 struct Fetch {
     rgy_db_t db;
     const char *host;
     const char *region;
     rgy_cursor_t **cursor;
     int64_t max_entries;
-    rgy_entry_t **entries;
     int64_t *count;
+    Question question;
 
     rgy_cursor_t &at() const { return **cursor; }
 };
 
 // A batch on its way to the caller. The list is this side's own, unless it is lent by the cache.
 struct Batch {
+    rgy_entry_t **entries; // the caller's array
     int64_t count;
     rgy_elist_t elist;
+    Lookup lookup;          // as it was sent, since the cursor moves on
     rgy_rpc_cache_t *cache; // that will keep the answer; null for none
     bool is_from_cache;
     int64_t made; // entries in the caller's array, to be taken back when a raise lands
@@ -120,10 +134,10 @@ tbs_status_t rgy_process_fetch_reply(const Fetch &fetch, Batch &batch) {
         return status;
     return with_inhibit([&] {
         for (int64_t i = 0; i < batch.count; ++i) {
-            fetch.entries[i] = make_entry(fetch.at(), batch.elist[i], status);
+            batch.entries[i] = make_entry(fetch.at(), batch.elist[i], status);
             if (status == TBS_ST_OK)
                 continue;
-            delete_entries(fetch.entries, i);
+            delete_entries(batch.entries, i);
             return status;
         }
         batch.made = batch.count;
@@ -131,16 +145,60 @@ tbs_status_t rgy_process_fetch_reply(const Fetch &fetch, Batch &batch) {
     });
 }
 
-// Calls the proxy, by way of `ask`, with a list to fill.
-template <class Ask>
-tbs_status_t ask_server(const Fetch &fetch, Binding binding, Batch &batch, Ask &&ask) {
-    batch.elist = rgy_elist_alloc(fetch.max_entries);
-    if (batch.elist == nullptr)
-        return TBS_ST_NO_MEMORY;
-    const tbs_status_t status = ask(rgy_rvzd_handle(binding), batch.elist, &batch.count);
-    if (status == TBS_ST_OK)
-        *fetch.count = batch.count;
-    return status;
+tbs_status_t call_proxy(const Fetch &fetch, rvzd_handle_t *handle, rgy_elist_t elist, int64_t *count) {
+    using enum Question::By;
+    const Question &asked = fetch.question;
+    const char *region = or_empty(fetch.region);
+    rgy_dtm_pair_t *pair = &fetch.at().dtm;
+    uint64_t *cursor = &fetch.at().cursor;
+    switch (asked.by) {
+    case string:
+        return rvzd_rgy_findbystring_entry(handle, fetch.db, RGY_PROTOCOL_VERSION, region, item_key(asked.item),
+                                           asked.string, pair, cursor, fetch.max_entries, elist, count);
+    case uuid:
+        return rvzd_rgy_findbyuuid_entry(handle, fetch.db, RGY_PROTOCOL_VERSION, region, item_key(asked.item),
+                                         asked.uuid, pair, cursor, fetch.max_entries, elist, count);
+    case attribute:
+        return rvzd_rgy_findbyattr_entry(handle, fetch.db, RGY_PROTOCOL_VERSION, region, item_key(asked.item),
+                                         or_empty(asked.attr_name), or_empty(asked.attr_value), pair, cursor,
+                                         fetch.max_entries, elist, count);
+    case pattern:
+        return rvzd_rgy_get_pattern_entry(handle, fetch.db, RGY_PROTOCOL_VERSION, region, pair, cursor, asked.patterns,
+                                          asked.pattern_count, fetch.max_entries, elist, count);
+    case nothing:
+        break;
+    }
+    return rvzd_rgy_get_entry(handle, fetch.db, RGY_PROTOCOL_VERSION, region, pair, cursor, fetch.max_entries, elist,
+                              count);
+}
+
+// Searches by string and by uuid ask the read cache first.
+bool is_cached(const Question &asked) {
+    return asked.by == Question::By::string || asked.by == Question::By::uuid;
+}
+
+const rgy_rpc_cache_ent_t *find_in_cache(const Question &asked, const Batch &batch) {
+    if (batch.cache == nullptr)
+        return nullptr;
+    return asked.string != nullptr ? find_answer(*batch.cache, asked.string, batch.lookup)
+                                   : find_answer(*batch.cache, *asked.uuid, batch.lookup);
+}
+
+bool take_from_cache(const Fetch &fetch, Binding binding, Batch &batch) {
+    if (!is_cached(fetch.question))
+        return false;
+    rgy_cursor_t &cursor = fetch.at();
+    batch.lookup = {fetch.question.item, fetch.region, fetch.max_entries, cursor.cursor, cursor.dtm};
+    batch.cache = rgy_rpc_get_cache(binding, fetch.db);
+    const auto *answer = find_in_cache(fetch.question, batch);
+    if (answer == nullptr)
+        return false;
+    batch.count = *fetch.count = answer->count;
+    batch.elist = answer->elist;
+    batch.is_from_cache = true;
+    cursor.cursor = answer->cursor_out;
+    cursor.dtm = answer->dtm_out;
+    return true;
 }
 
 void give_up_list(const Fetch &fetch, Batch &batch) {
@@ -149,76 +207,60 @@ void give_up_list(const Fetch &fetch, Batch &batch) {
     batch.elist = nullptr;
 }
 
-// Searches that are not cached.
-struct NoCache {
-    static bool find(const Fetch & /*fetch*/, Binding /*binding*/, Batch & /*batch*/) { return false; }
-    static void keep(const Fetch &fetch, Batch &batch) { give_up_list(fetch, batch); }
-};
-
-// Searches that ask the read cache first. What is sent is noted, since the cursor moves on.
-template <class Key>
-struct Cached {
-    Key key;
-    uint32_t item;
-    Lookup lookup = {};
-
-    bool find(const Fetch &fetch, Binding binding, Batch &batch) {
-        rgy_cursor_t &cursor = fetch.at();
-        lookup = {item, fetch.region, fetch.max_entries, cursor.cursor, cursor.dtm};
-        batch.cache = rgy_rpc_get_cache(binding, fetch.db);
-        const auto *answer = batch.cache != nullptr ? find_answer(*batch.cache, key, lookup) : nullptr;
-        if (answer == nullptr)
-            return false;
-        batch.count = *fetch.count = answer->count;
-        batch.elist = answer->elist;
-        batch.is_from_cache = true;
-        cursor.cursor = answer->cursor_out;
-        cursor.dtm = answer->dtm_out;
-        return true;
-    }
-
-    // The list is the cache's from here on, or gone.
-    void keep(const Fetch &fetch, Batch &batch) {
-        if (!batch.is_from_cache)
-            with_inhibit([&] {
-                keep_answer(batch.cache, key, lookup, {batch.count, fetch.at().cursor, fetch.at().dtm, batch.elist});
-                batch.elist = nullptr;
-            });
-    }
-};
-
-constexpr auto no_status_apart = [](tbs_status_t) { return false; };
-
-// Bind, ask cache or server, and make entries. `is_apart` names a status that is no failure of the contact.
-template <class Cache, class Ask, class IsApart>
-tbs_status_t fetch_batch(const Fetch &fetch, Cache &cache, Ask &&ask, IsApart &&is_apart) {
-    Batch batch = {};
-    const auto work = [&](Binding &binding) -> tbs_status_t {
-        auto status = tbs_status_t{TBS_ST_OK};
-        if (!cache.find(fetch, binding, batch))
-            status = ask_server(fetch, binding, batch, ask);
-        release_binding(binding);
-        if (status != TBS_ST_OK) {
-            if (!is_apart(status))
-                tell_trouble_contacting(fetch.at().host, status);
-            give_up_list(fetch, batch);
-            return is_apart(status) ? status : tbs_status_t{TBS_ST_ERROR};
-        }
-        status = rgy_process_fetch_reply(fetch, batch);
-        cache.keep(fetch, batch);
-        if (status == TBS_ST_OK)
-            settle_end(fetch, batch.count);
-        return status;
-    };
-    return with_binding(fetch.at().host, anonymous, fetch.db, work, [&] {
-        give_up_list(fetch, batch);
-        delete_entries(fetch.entries, batch.made);
+// The list is the cache's from here on, or gone.
+void keep_in_cache(const Fetch &fetch, Batch &batch) {
+    if (batch.is_from_cache)
+        return;
+    if (!is_cached(fetch.question))
+        return give_up_list(fetch, batch);
+    const Question &asked = fetch.question;
+    const LookupAnswer answer = {batch.count, fetch.at().cursor, fetch.at().dtm, batch.elist};
+    with_inhibit([&] {
+        if (asked.string != nullptr)
+            keep_answer(batch.cache, asked.string, batch.lookup, answer);
+        else
+            keep_answer(batch.cache, *asked.uuid, batch.lookup, answer);
+        batch.elist = nullptr;
     });
 }
 
-// The road of a fetch but for its batch: the end of one that is done, the cursor and the host.
-template <class FetchBatch>
-tbs_status_t run_fetch(const Fetch &fetch, FetchBatch &&take_batch) {
+tbs_status_t ask_server(const Fetch &fetch, Binding binding, Batch &batch) {
+    batch.elist = rgy_elist_alloc(fetch.max_entries);
+    if (batch.elist == nullptr)
+        return TBS_ST_NO_MEMORY;
+    const auto status = call_proxy(fetch, rgy_rvzd_handle(binding), batch.elist, &batch.count);
+    if (status == TBS_ST_OK)
+        *fetch.count = batch.count;
+    return status;
+}
+
+// A daemon that predates patterns is no trouble.
+tbs_status_t status_of_trouble(const Fetch &fetch, tbs_status_t status) {
+    if (fetch.question.by == Question::By::pattern && status == TBS_ST_UNSUPPORTED)
+        return status;
+    tell_trouble_contacting(fetch.at().host, status);
+    return TBS_ST_ERROR;
+}
+
+// Asks cache or server, and makes entries.
+tbs_status_t take_batch(const Fetch &fetch, Binding &binding, Batch &batch) {
+    auto status = take_from_cache(fetch, binding, batch) ? tbs_status_t{TBS_ST_OK} : ask_server(fetch, binding, batch);
+    release_binding(binding);
+    if (status != TBS_ST_OK) {
+        status = status_of_trouble(fetch, status);
+        give_up_list(fetch, batch);
+        return status;
+    }
+    status = rgy_process_fetch_reply(fetch, batch);
+    keep_in_cache(fetch, batch);
+    if (status == TBS_ST_OK)
+        settle_end(fetch, batch.count);
+    return status;
+}
+
+// The end of a fetch that is done, else its cursor and host. `is_over` set: the status is the result.
+tbs_status_t begin_fetch(const Fetch &fetch, bool &is_over) {
+    is_over = true;
     if (fetch.cursor == nullptr || fetch.count == nullptr)
         return TBS_ST_INVALID_ARG;
     if (*fetch.cursor != nullptr && fetch.at().done != 0) {
@@ -228,14 +270,27 @@ tbs_status_t run_fetch(const Fetch &fetch, FetchBatch &&take_batch) {
     auto status = open_cursor(*fetch.cursor);
     if (status == TBS_ST_OK)
         status = settle_host(fetch.at(), fetch.host);
-    return status == TBS_ST_OK ? take_batch() : status;
+    is_over = status != TBS_ST_OK;
+    return status;
 }
 
-template <class Cache, class Ask, class IsApart = decltype(no_status_apart)>
-tbs_status_t fetch_entries(const Fetch &fetch, Cache cache, Ask &&ask, IsApart &&is_apart = IsApart{}) {
-    if (fetch.entries == nullptr)
+tbs_status_t fetch_entries(const Fetch &fetch, rgy_entry_t **entries) {
+    if (entries == nullptr)
         return TBS_ST_INVALID_ARG;
-    return run_fetch(fetch, [&] { return fetch_batch(fetch, cache, ask, is_apart); });
+    bool is_over;
+    const auto status = begin_fetch(fetch, is_over);
+    if (is_over)
+        return status;
+    Batch batch = {};
+    batch.entries = entries;
+    const auto take_back = [&] {
+        give_up_list(fetch, batch);
+        delete_entries(entries, batch.made);
+    };
+    return with_binding(
+               fetch.at().host, anonymous, fetch.db,
+               [&](Binding &binding) { return take_batch(fetch, binding, batch); }, [&] { with_inhibit(take_back); })
+        .status;
 }
 
 } // namespace
@@ -245,12 +300,8 @@ tbs_status_t rgy_findbystring_entry(rgy_db_t db, const char *host, const char *r
                                     rgy_entry_t **entries, int64_t *count) {
     if (string == nullptr)
         return TBS_ST_INVALID_ARG;
-    return fetch_entries({db, host, region, cursor, max_entries, entries, count}, Cached<const char *>{string, item},
-                         [&](rvzd_handle_t *handle, rgy_elist_t elist, int64_t *delivered) {
-                             return rvzd_rgy_findbystring_entry(handle, db, RGY_PROTOCOL_VERSION, or_empty(region),
-                                                                item_key(item), string, &(*cursor)->dtm,
-                                                                &(*cursor)->cursor, max_entries, elist, delivered);
-                         });
+    const Question asked = {.by = Question::By::string, .item = item, .string = string};
+    return fetch_entries({db, host, region, cursor, max_entries, count, asked}, entries);
 }
 
 tbs_status_t rgy_findbyuuid_entry(rgy_db_t db, const char *host, const char *region, uint32_t item,
@@ -258,76 +309,47 @@ tbs_status_t rgy_findbyuuid_entry(rgy_db_t db, const char *host, const char *reg
                                   rgy_entry_t **entries, int64_t *count) {
     if (uuid == nullptr)
         return TBS_ST_INVALID_ARG;
-    return fetch_entries(
-        {db, host, region, cursor, max_entries, entries, count}, Cached<const tbs_uuid_t &>{*uuid, item},
-        [&](rvzd_handle_t *handle, rgy_elist_t elist, int64_t *delivered) {
-            return rvzd_rgy_findbyuuid_entry(handle, db, RGY_PROTOCOL_VERSION, or_empty(region), item_key(item), uuid,
-                                             &(*cursor)->dtm, &(*cursor)->cursor, max_entries, elist, delivered);
-        });
+    const Question asked = {.by = Question::By::uuid, .item = item, .uuid = uuid};
+    return fetch_entries({db, host, region, cursor, max_entries, count, asked}, entries);
 }
 
 tbs_status_t rgy_findbyattr_entry(rgy_db_t db, const char *host, const char *region, uint32_t item,
                                   const char *attr_name, const char *attr_value, rgy_cursor_t **cursor,
                                   int64_t max_entries, rgy_entry_t **entries, int64_t *count) {
-    return fetch_entries({db, host, region, cursor, max_entries, entries, count}, NoCache{},
-                         [&](rvzd_handle_t *handle, rgy_elist_t elist, int64_t *delivered) {
-                             return rvzd_rgy_findbyattr_entry(handle, db, RGY_PROTOCOL_VERSION, or_empty(region),
-                                                              item_key(item), or_empty(attr_name), or_empty(attr_value),
-                                                              &(*cursor)->dtm, &(*cursor)->cursor, max_entries, elist,
-                                                              delivered);
-                         });
+    const Question asked = {
+        .by = Question::By::attribute, .item = item, .attr_name = attr_name, .attr_value = attr_value};
+    return fetch_entries({db, host, region, cursor, max_entries, count, asked}, entries);
 }
 
 tbs_status_t rgy_get_entry(rgy_db_t db, const char *host, const char *region, rgy_cursor_t **cursor,
                            int64_t max_entries, rgy_entry_t **entries, int64_t *count) {
-    return fetch_entries({db, host, region, cursor, max_entries, entries, count}, NoCache{},
-                         [&](rvzd_handle_t *handle, rgy_elist_t elist, int64_t *delivered) {
-                             return rvzd_rgy_get_entry(handle, db, RGY_PROTOCOL_VERSION, or_empty(region),
-                                                       &(*cursor)->dtm, &(*cursor)->cursor, max_entries, elist,
-                                                       delivered);
-                         });
+    return fetch_entries({db, host, region, cursor, max_entries, count, {}}, entries);
 }
 
-// A daemon that predates patterns is no trouble.
 tbs_status_t rgy_get_pattern_entry(rgy_db_t db, const char *host, const char *region, const char *const *patterns,
                                    int32_t pattern_count, rgy_cursor_t **cursor, int64_t max_entries,
                                    rgy_entry_t **entries, int64_t *count) {
     if (pattern_count < 0 || (patterns == nullptr && pattern_count > 0))
         return TBS_ST_INVALID_ARG;
-    return fetch_entries(
-        {db, host, region, cursor, max_entries, entries, count}, NoCache{},
-        [&](rvzd_handle_t *handle, rgy_elist_t elist, int64_t *delivered) {
-            return rvzd_rgy_get_pattern_entry(handle, db, RGY_PROTOCOL_VERSION, or_empty(region), &(*cursor)->dtm,
-                                              &(*cursor)->cursor, patterns, pattern_count, max_entries, elist,
-                                              delivered);
-        },
-        [](tbs_status_t status) { return status == TBS_ST_UNSUPPORTED; });
+    const Question asked = {.by = Question::By::pattern, .patterns = patterns, .pattern_count = pattern_count};
+    return fetch_entries({db, host, region, cursor, max_entries, count, asked}, entries);
 }
 
 tbs_status_t rgy_get_entry_unexpanded(rgy_db_t db, const char *host, const char *region, rgy_cursor_t **cursor,
                                       int64_t max_entries, rgy_elist_t elist, int64_t *count) {
     if (elist == nullptr)
         return TBS_ST_INVALID_ARG;
-    const Fetch fetch = {db, host, region, cursor, max_entries, nullptr, count};
-    return run_fetch(fetch, [&] {
-        bool is_bound = false;
-        const auto status = with_binding(
-            fetch.at().host, anonymous, db,
-            [&](Binding binding) {
-                is_bound = true;
-                return rvzd_rgy_get_entry(rgy_rvzd_handle(binding), db, RGY_PROTOCOL_VERSION, or_empty(region),
-                                          &fetch.at().dtm, &fetch.at().cursor, max_entries, elist, count);
-            },
-            [] {});
-        if (status == TBS_ST_OK) {
-            settle_end(fetch, *count);
-            return status;
-        }
-        if (!is_bound)
-            return status;
-        tell_trouble_contacting(fetch.at().host, status);
-        return tbs_status_t{TBS_ST_ERROR};
+    const Fetch fetch = {db, host, region, cursor, max_entries, count, {}};
+    bool is_over;
+    const auto begun = begin_fetch(fetch, is_over);
+    if (is_over)
+        return begun;
+    const auto [is_bound, status] = with_binding(fetch.at().host, anonymous, db, [&](Binding binding) {
+        return call_proxy(fetch, rgy_rvzd_handle(binding), elist, count);
     });
+    if (status == TBS_ST_OK)
+        settle_end(fetch, *count);
+    return is_bound && status != TBS_ST_OK ? status_of_trouble(fetch, status) : status;
 }
 
 tbs_status_t rgy_close_cursor(rgy_cursor_t **cursor) {

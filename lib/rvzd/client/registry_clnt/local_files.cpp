@@ -26,7 +26,7 @@ char *registry_process_default_region;
 
 // A path is made once and stays.
 const char *path_once(char *path, const char *name) {
-    return with_lock(rgy_prop_local_mutex, [&]() -> const char * {
+    return with_lock(prop_local_lock, [&]() -> const char * {
         if (*path == '\0')
             tbs_product_host_config_dir(path, name);
         return path;
@@ -149,7 +149,7 @@ tbs_status_t registry_prop_get_region_names_local(size_t size1, size_t size2, si
     const auto status = read_words(path_once(region_path, region_file), region_word_size, words);
     if (status != TBS_ST_OK)
         return status;
-    return with_lock(rgy_prop_local_mutex, [&] {
+    return with_lock(prop_local_lock, [&] {
         const char *own = registry_process_default_region;
         return hand_out(own != nullptr ? own : words.first, words.second,
                         {size1, size2, length1, length2, buffer1, buffer2});
@@ -162,7 +162,7 @@ tbs_status_t registry_prop_set_region_names_local(size_t /*length1*/, size_t /*l
 }
 
 tbs_status_t registry_prop_set_process_default_region_local(const char *region) {
-    return with_lock(rgy_prop_local_mutex, [&]() -> tbs_status_t {
+    return with_lock(prop_local_lock, [&]() -> tbs_status_t {
         const bool is_set = region != nullptr && *region != '\0';
         const bool done = with_inhibit([&] {
             stg_free(registry_process_default_region);

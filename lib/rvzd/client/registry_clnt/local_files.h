@@ -3,7 +3,7 @@
 
 #include <cstddef>
 
-#include <support/ivlthread.h>
+#include <common/lock.h>
 #include <support/tbs.h>
 
 namespace velia::registry_clnt {
@@ -12,6 +12,7 @@ constexpr size_t path_size = TBS_PATH_SIZE;
 
 // Guards the cached paths and the process's default region. Never taken twice.
 extern ivlthread_mutex_t rgy_prop_local_mutex;
+inline constexpr Lock<LockRank::local_files> prop_local_lock = {rgy_prop_local_mutex};
 
 // `path` with ".old" behind it, in a buffer of path_size bytes; TBS_ST_ERROR if that does not fit.
 tbs_status_t generate_backup_pathname(const char *path, char *out);

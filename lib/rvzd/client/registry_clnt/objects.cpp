@@ -140,34 +140,32 @@ void drop_stale(rgy_entry_t *&entry) {
         tell_failed("rgy_delete_entry", status);
 }
 
-// Keeps the lock from the first create to the last add, so that no other thread of this process comes between the look
-// for a duplicate and the add. Between processes the stamps see to that.
 Try try_until_not_stale(const Object &object, rgy_entry_t *&entry) {
-    return with_lock(registry_cache_lock, [&] {
-        Try result = done;
-        for (int tries = 0; tries < tries_max; ++tries) {
-            result = try_once(object, entry);
-            if (result.status != TBS_ST_STALE_ID || entry == nullptr)
-                break;
-            drop_stale(entry);
-        }
-        return result;
-    });
+    Try result = done;
+    for (int tries = 0; tries < tries_max; ++tries) {
+        result = try_once(object, entry);
+        if (result.status != TBS_ST_STALE_ID || entry == nullptr)
+            break;
+        drop_stale(entry);
+    }
+    return result;
 }
 
-// The entry in hand goes on every way out, also where a duplicate was found: no caller ever sees it.
+// Keeps the lock from the first create to the last add, so that no other thread of this process comes between the look
+// for a duplicate and the add. Between processes the stamps see to that. The entry in hand goes on every way out, also
+// where a duplicate was found: no caller ever sees it.
 tbs_status_t add_object(const Object &object) {
     rgy_entry_t *entry = nullptr;
     const auto give_back = [&] {
         if (entry != nullptr)
             rgy_delete_entry(&entry);
     };
-    return with_cleanup(
+    return with_release(
         [&] {
-            const auto result = try_until_not_stale(object, entry);
+            const auto result = with_lock(
+                cache_lock, [&] { return try_until_not_stale(object, entry); }, nothing);
             if (result.step != nullptr)
                 tell_failed(result.step, result.status);
-            give_back();
             return result.status;
         },
         give_back);

@@ -13,38 +13,6 @@ using namespace velia::rvzd_clnt;
 
 namespace {
 
-constexpr Procedure get_id = {RVZD_PROC_RGY_GET_ID, "rvzd_rgy_get_id call failed", xdr_rvzd_registry_get_id_req_t,
-                              xdr_rvzd_registry_get_id_reply_t};
-constexpr Procedure get_dtm = {RVZD_PROC_RGY_GET_DTM, "rvzd_rgy_get_dtm call failed", xdr_rvzd_registry_get_dtm_req_t,
-                               xdr_rvzd_registry_get_dtm_reply_t};
-constexpr Procedure get_entry = {RVZD_PROC_RGY_GET_ENTRY, "rvzd_rgy_get_entry call failed", xdr_rvzd_registry_get_req_t,
-                                 xdr_rvzd_registry_get_reply_t};
-// A broker that does not know this one is no failure, so its outcome is printed only where it is one.
-constexpr Procedure get_pattern_entry = {RVZD_PROC_RGY_GET_PATTERN_ENTRY, nullptr, xdr_rvzd_registry_get_pattern_req_t,
-                                         xdr_rvzd_registry_get_reply_t};
-constexpr Procedure findbystring_entry = {RVZD_PROC_RGY_FINDBYSTRING_ENTRY, "rvzd_rgy_findbystring_entry call failed",
-                                          xdr_rvzd_registry_findbystring_req_t, xdr_rvzd_registry_get_reply_t};
-constexpr Procedure findbyuuid_entry = {RVZD_PROC_RGY_FINDBYUUID_ENTRY, "rvzd_rgy_findbyuuid_entry call failed",
-                                        xdr_rvzd_registry_findbyuuid_req_t, xdr_rvzd_registry_get_reply_t};
-constexpr Procedure findbyattr_entry = {RVZD_PROC_RGY_FINDBYATTR_ENTRY, "rvzd_rgy_findbyattr_entry call failed",
-                                        xdr_rvzd_registry_findbyattr_req_t, xdr_rvzd_registry_get_reply_t};
-constexpr Procedure add_entry = {RVZD_PROC_RGY_ADD_ENTRY, "rvzd_rgy_add_entry call failed", xdr_rvzd_registry_add_req_t,
-                                 xdr_rvzd_registry_add_reply_t};
-constexpr Procedure remove_entry = {RVZD_PROC_RGY_REMOVE_ENTRY, "rvzd_rgy_remove_entry call failed",
-                                    xdr_rvzd_registry_remove_req_t, xdr_rvzd_registry_remove_reply_t};
-constexpr Procedure chk_access = {RVZD_PROC_RGY_CHK_ACCESS, "rvzd_rgy_chk_access call failed",
-                                  xdr_rvzd_registry_chk_access_req_t, xdr_rvzd_registry_chk_access_reply_t};
-constexpr Procedure get_db_list = {RVZD_PROC_RGY_GET_DB_LIST, "rvzd_rgy_get_db_list call failed",
-                                   xdr_rvzd_registry_get_db_req_t, xdr_rvzd_registry_get_db_reply_t};
-constexpr Procedure clnt_conf_change = {RVZD_PROC_RGY_CLNT_CONF_CHANGE, "rvzd_rgy_clnt_conf_change call failed",
-                                        xdr_rvzd_registry_clnt_conf_req_t, xdr_rvzd_registry_clnt_conf_reply_t};
-constexpr Procedure svr_conf_change = {RVZD_PROC_RGY_SVR_CONF_CHANGE, "rvzd_rgy_svr_conf_change call failed",
-                                       xdr_rvzd_registry_svr_conf_req_t, xdr_rvzd_registry_svr_conf_reply_t};
-constexpr Procedure get_backup = {RVZD_PROC_RGY_GET_BACKUP, "rvzd_rgy_get_backup call failed",
-                                  xdr_rvzd_registry_get_backup_req_t, xdr_rvzd_registry_get_backup_reply_t};
-constexpr Procedure set_backup = {RVZD_PROC_RGY_SET_BACKUP, "rvzd_rgy_set_backup call failed",
-                                  xdr_rvzd_registry_set_backup_req_t, xdr_rvzd_registry_set_backup_reply_t};
-
 char *as_sent(const char *text) {
     return const_cast<char *>(text);
 }
@@ -60,8 +28,9 @@ tbs_status_t ask(rvzd_handle_t *handle, const Procedure<Request, Reply> &procedu
     });
 }
 
+// A call whose answer is a status.
 template <class Request>
-tbs_status_t tell(rvzd_handle_t *handle, const Procedure<Request, rvzd_null_reply_t> &procedure, Request request) {
+tbs_status_t order(rvzd_handle_t *handle, const Procedure<Request, rvzd_null_reply_t> &procedure, Request request) {
     return ask(handle, procedure, request, [](const rvzd_null_reply_t &) { return tbs_status_t{TBS_ST_OK}; });
 }
 
@@ -89,22 +58,21 @@ tbs_status_t take_batch(const rvzd_registry_get_reply_t &reply, const Batch &bat
     return TBS_ST_OK;
 }
 
-// The registry host learns first that this host is one of its clients.
-template <class Request>
-tbs_status_t fetch(rvzd_handle_t *handle, const Procedure<Request, rvzd_registry_get_reply_t> &procedure,
-                   Request request, const Batch &batch) {
-    return with_lock(rvzd_call_lock, [&] {
-        rvzd_clnt_list_register(handle);
-        return ask(handle, procedure, request,
-                   [&](const rvzd_registry_get_reply_t &reply) { return take_batch(reply, batch); });
-    });
+tbs_status_t rpc_failed(clnt_stat /*outcome*/) {
+    return TBS_ST_RPC_FAILED;
 }
 
-tbs_status_t status_of_pattern_outcome(rvzd_handle_t *handle, clnt_stat outcome) {
-    if (outcome == RPC_PROCUNAVAIL)
-        return TBS_ST_UNSUPPORTED;
-    ks_clnt_perror(rvzd_get_rpc_clnt(handle), "rvzd_rgy_get_pattern_entry call failed");
-    return TBS_ST_RPC_FAILED;
+// The registry host learns first that this host is one of its clients.
+template <class Request, class StatusOfFailure = tbs_status_t(clnt_stat)>
+tbs_status_t fetch(rvzd_handle_t *handle, const Procedure<Request, rvzd_registry_get_reply_t> &procedure,
+                   Request request, const Batch &batch, StatusOfFailure &&status_of_failure = rpc_failed) {
+    rvzd_registry_get_reply_t reply = {};
+    const auto status_of = [&](clnt_stat outcome) -> tbs_status_t {
+        if (outcome != RPC_SUCCESS)
+            return status_of_failure(outcome);
+        return reply.header.status == TBS_ST_OK ? take_batch(reply, batch) : reply.header.status;
+    };
+    return broker_call(handle, procedure, request, reply, status_of, rvzd_clnt_list_register);
 }
 
 // The elements copied so far, for the case that a raise lands.
@@ -135,7 +103,7 @@ tbs_status_t take_db_list(const rvzd_registry_get_db_reply_t &reply, int64_t db_
 
 tbs_status_t rvzd_rgy_get_id(rvzd_handle_t *handle, rgy_db_t db, int64_t version, rgy_dtm_pair_t *out) {
     rvzd_registry_get_id_req_t request = {{}, db, version};
-    return ask(handle, get_id, request, [&](const rvzd_registry_get_id_reply_t &reply) -> tbs_status_t {
+    return ask(handle, procedures::rgy_get_id, request, [&](const rvzd_registry_get_id_reply_t &reply) -> tbs_status_t {
         *out = reply.dtm;
         return TBS_ST_OK;
     });
@@ -144,18 +112,19 @@ tbs_status_t rvzd_rgy_get_id(rvzd_handle_t *handle, rgy_db_t db, int64_t version
 tbs_status_t rvzd_rgy_get_dtm(rvzd_handle_t *handle, rgy_db_t db, int64_t version, rgy_dtm_pair_t *out,
                               tbs_uuid_t *aux_uuid1, tbs_uuid_t *aux_uuid2) {
     rvzd_registry_get_dtm_req_t request = {{}, db, version};
-    return ask(handle, get_dtm, request, [&](const rvzd_registry_get_dtm_reply_t &reply) -> tbs_status_t {
-        *out = reply.dtm;
-        *aux_uuid1 = reply.aux_uuid1;
-        *aux_uuid2 = reply.aux_uuid2;
-        return TBS_ST_OK;
-    });
+    return ask(handle, procedures::rgy_get_dtm, request,
+               [&](const rvzd_registry_get_dtm_reply_t &reply) -> tbs_status_t {
+                   *out = reply.dtm;
+                   *aux_uuid1 = reply.aux_uuid1;
+                   *aux_uuid2 = reply.aux_uuid2;
+                   return TBS_ST_OK;
+               });
 }
 
 tbs_status_t rvzd_rgy_get_entry(rvzd_handle_t *handle, rgy_db_t db, int64_t version, const char *region,
                                 rgy_dtm_pair_t *pair, uint64_t *cursor, int64_t max_entries, rgy_elist_t elist,
                                 int64_t *count) {
-    return fetch(handle, get_entry, {{}, db, version, *pair, as_sent(region), *cursor, max_entries},
+    return fetch(handle, procedures::rgy_get_entry, {{}, db, version, *pair, as_sent(region), *cursor, max_entries},
                  {pair, cursor, max_entries, elist, count});
 }
 
@@ -172,23 +141,22 @@ tbs_status_t rvzd_rgy_get_pattern_entry(rvzd_handle_t *handle, rgy_db_t db, int6
                                                const_cast<char **>(patterns),
                                                pattern_count,
                                                max_entries};
-    const Batch batch = {pair, cursor, max_entries, elist, count};
-    rvzd_registry_get_reply_t reply = {};
-    return with_lock(rvzd_call_lock, [&] {
-        rvzd_clnt_list_register(handle);
-        return broker_call(handle, get_pattern_entry, request, reply, [&](clnt_stat outcome) -> tbs_status_t {
-            if (outcome != RPC_SUCCESS)
-                return status_of_pattern_outcome(handle, outcome);
-            return reply.header.status == TBS_ST_OK ? take_batch(reply, batch) : reply.header.status;
-        });
-    });
+    // A registry that does not know patterns is no failure to print.
+    const auto status_of_failure = [&](clnt_stat outcome) -> tbs_status_t {
+        if (outcome == RPC_PROCUNAVAIL)
+            return TBS_ST_UNSUPPORTED;
+        ks_clnt_perror(rvzd_get_rpc_clnt(handle), procedures::rgy_get_pattern_entry.failed_text);
+        return TBS_ST_RPC_FAILED;
+    };
+    return fetch(handle, quiet(procedures::rgy_get_pattern_entry), request, {pair, cursor, max_entries, elist, count},
+                 status_of_failure);
 }
 
 tbs_status_t rvzd_rgy_findbystring_entry(rvzd_handle_t *handle, rgy_db_t db, int64_t version, const char *region,
                                          const char *item_key, const char *lookup_string, rgy_dtm_pair_t *pair,
                                          uint64_t *cursor, int64_t max_entries, rgy_elist_t elist, int64_t *count) {
     return fetch(
-        handle, findbystring_entry,
+        handle, procedures::rgy_findbystring_entry,
         {{}, db, version, *pair, as_sent(region), *cursor, max_entries, as_sent(item_key), as_sent(lookup_string)},
         {pair, cursor, max_entries, elist, count});
 }
@@ -196,7 +164,7 @@ tbs_status_t rvzd_rgy_findbystring_entry(rvzd_handle_t *handle, rgy_db_t db, int
 tbs_status_t rvzd_rgy_findbyuuid_entry(rvzd_handle_t *handle, rgy_db_t db, int64_t version, const char *region,
                                        const char *item_key, const tbs_uuid_t *lookup_uuid, rgy_dtm_pair_t *pair,
                                        uint64_t *cursor, int64_t max_entries, rgy_elist_t elist, int64_t *count) {
-    return fetch(handle, findbyuuid_entry,
+    return fetch(handle, procedures::rgy_findbyuuid_entry,
                  {{}, db, version, *pair, as_sent(region), *cursor, max_entries, as_sent(item_key), *lookup_uuid},
                  {pair, cursor, max_entries, elist, count});
 }
@@ -205,7 +173,7 @@ tbs_status_t rvzd_rgy_findbyattr_entry(rvzd_handle_t *handle, rgy_db_t db, int64
                                        const char *item_key, const char *attr_name, const char *attr_value,
                                        rgy_dtm_pair_t *pair, uint64_t *cursor, int64_t max_entries, rgy_elist_t elist,
                                        int64_t *count) {
-    return fetch(handle, findbyattr_entry,
+    return fetch(handle, procedures::rgy_findbyattr_entry,
                  {{},
                   db,
                   version,
@@ -221,17 +189,17 @@ tbs_status_t rvzd_rgy_findbyattr_entry(rvzd_handle_t *handle, rgy_db_t db, int64
 
 tbs_status_t rvzd_rgy_add_entry(rvzd_handle_t *handle, rgy_db_t db, int64_t version, const rgy_dtm_pair_t *pair,
                                 const char *flex_text) {
-    return tell(handle, add_entry, {{}, db, version, *pair, as_sent(flex_text)});
+    return order(handle, procedures::rgy_add_entry, {{}, db, version, *pair, as_sent(flex_text)});
 }
 
 tbs_status_t rvzd_rgy_remove_entry(rvzd_handle_t *handle, rgy_db_t db, int64_t version, const rgy_dtm_pair_t *pair,
                                    uint64_t entry_id) {
-    return tell(handle, remove_entry, {{}, db, version, *pair, entry_id});
+    return order(handle, procedures::rgy_remove_entry, {{}, db, version, *pair, entry_id});
 }
 
 tbs_status_t rvzd_rgy_chk_access(rvzd_handle_t *handle, rgy_db_t db, int64_t version, int64_t uid,
                                  const char *password) {
-    return tell(handle, chk_access, {{}, db, version, uid, as_sent(password)});
+    return order(handle, procedures::rgy_chk_access, {{}, db, version, uid, as_sent(password)});
 }
 
 tbs_status_t rvzd_rgy_get_db_list(rvzd_handle_t *handle, int64_t version, int64_t db_max, rgy_db_info_t *dbs,
@@ -240,9 +208,9 @@ tbs_status_t rvzd_rgy_get_db_list(rvzd_handle_t *handle, int64_t version, int64_
     DbList list = {dbs, 0};
     return with_cleanup(
         [&] {
-            const auto status = ask(handle, get_db_list, request, [&](const rvzd_registry_get_db_reply_t &reply) {
-                return take_db_list(reply, db_max, list);
-            });
+            const auto status =
+                ask(handle, procedures::rgy_get_db_list, request,
+                    [&](const rvzd_registry_get_db_reply_t &reply) { return take_db_list(reply, db_max, list); });
             if (status == TBS_ST_OK)
                 *count = list.copied;
             return status;
@@ -251,21 +219,22 @@ tbs_status_t rvzd_rgy_get_db_list(rvzd_handle_t *handle, int64_t version, int64_
 }
 
 tbs_status_t rvzd_rgy_clnt_conf_change(rvzd_handle_t *handle, int64_t version, int64_t op, const char *text) {
-    return tell(handle, clnt_conf_change, {{}, version, op, as_sent(text)});
+    return order(handle, procedures::rgy_clnt_conf_change, {{}, version, op, as_sent(text)});
 }
 
 tbs_status_t rvzd_rgy_svr_conf_change(rvzd_handle_t *handle, int64_t version, int64_t op, const char *text) {
-    return tell(handle, svr_conf_change, {{}, version, op, as_sent(text)});
+    return order(handle, procedures::rgy_svr_conf_change, {{}, version, op, as_sent(text)});
 }
 
 tbs_status_t rvzd_rgy_get_backup(rvzd_handle_t *handle, int64_t version, char **host_list) {
     rvzd_registry_get_backup_req_t request = {{}, version};
-    return ask(handle, get_backup, request, [&](const rvzd_registry_get_backup_reply_t &reply) -> tbs_status_t {
-        *host_list = strutl_ncpy(*host_list, reply.host_list, strlen(reply.host_list));
-        return TBS_ST_OK;
-    });
+    return ask(handle, procedures::rgy_get_backup, request,
+               [&](const rvzd_registry_get_backup_reply_t &reply) -> tbs_status_t {
+                   *host_list = strutl_ncpy(*host_list, reply.host_list, strlen(reply.host_list));
+                   return TBS_ST_OK;
+               });
 }
 
 tbs_status_t rvzd_rgy_set_backup(rvzd_handle_t *handle, int64_t version, const char *host_list) {
-    return tell(handle, set_backup, {{}, version, as_sent(host_list)});
+    return order(handle, procedures::rgy_set_backup, {{}, version, as_sent(host_list)});
 }

@@ -309,7 +309,7 @@ void velia::registry_clnt::print_statistics() {
 }
 
 int32_t rgy_cache_action(int32_t enable) {
-    return with_lock(registry_cache_lock, [&] {
+    return with_lock(cache_lock, [&] {
         const int32_t before = rgy_cache_enabled;
         if (enable == 0)
             state_change_time = now();

@@ -5,8 +5,8 @@
 
 #include <sys/time.h>
 
+#include <common/lock.h>
 #include <support/hash.h>
-#include <support/ivlthread.h>
 #include <veliaxdr/rgy_entry.h>
 
 namespace velia::registry_clnt {
@@ -14,6 +14,7 @@ namespace velia::registry_clnt {
 // Guards the binding table, the caches, the statistics and the switch; held across the call to the registry.
 // Re-entrant.
 extern ivlthread_mutex_t registry_cache_lock;
+inline constexpr Lock<LockRank::registry_cache> cache_lock = {registry_cache_lock};
 
 struct rgy_rpc_cache_ent_t {
     timeval fill_time;

@@ -5,6 +5,7 @@
 #include <rvzd/client/registry_clnt/local_files.h>
 #include <rvzd/client/registry_clnt/registry_clnt.h>
 #include <rvzd/client/registry_clnt/site.h>
+#include <rvzd/client/rvzd_clnt/get_handle.h>
 #include <support/fileutl.h>
 #include <support/strutl.h>
 #include <support/sysutl.h>
@@ -98,21 +99,13 @@ tbs_status_t become_other(int32_t present_type, const char *host, int32_t type) 
 
 tbs_status_t rgy_svr_conf_change(const char *host, int64_t op, const char * /*text*/) {
     rvzd_handle_t *handle = nullptr;
-    const auto give_back = [&] {
-        with_inhibit([&] {
-            rvzd_free_handle(handle);
-            handle = nullptr;
-        });
-    };
-    return with_cleanup(
+    return with_release(
         [&]() -> tbs_status_t {
             if (rvzd_get_handle(host, &handle) != TBS_ST_OK)
                 return TBS_ST_NOT_FOUND;
-            const auto status = rvzd_rgy_svr_conf_change(handle, RGY_PROTOCOL_VERSION, op, "");
-            give_back();
-            return status;
+            return rvzd_rgy_svr_conf_change(handle, RGY_PROTOCOL_VERSION, op, "");
         },
-        give_back);
+        [&] { rvzd_clnt::give_back_handle(handle); });
 }
 
 tbs_status_t rgy_clnt_conf_change(int64_t op, const char *text) {

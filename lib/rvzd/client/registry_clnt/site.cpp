@@ -47,7 +47,7 @@ tbs_status_t duplicate(const char *text, char **out) {
 } // namespace
 
 tbs_status_t velia::registry_clnt::rgy_load_svrloc(const char *&host) {
-    return with_lock(rgy_hostname_mutex, [&] {
+    return with_lock(hostname_lock, [&] {
         const auto status = load_master();
         if (status == TBS_ST_OK) {
             char *own = rvzd_tls_get()->registry_host;
@@ -72,7 +72,7 @@ tbs_status_t rgy_get_server_host_sil(int32_t unused1, int32_t unused2, char **ou
 }
 
 tbs_status_t rgy_hostname_cache_inval(void) {
-    with_lock(rgy_hostname_mutex, [] { registry_hostname_p = nullptr; });
+    with_lock(hostname_lock, [] { registry_hostname_p = nullptr; });
     return TBS_ST_OK;
 }
 

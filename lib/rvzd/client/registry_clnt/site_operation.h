@@ -44,21 +44,17 @@ inline tbs_status_t result_of(Failure failure, const char *host, tbs_status_t st
 template <class Call, class Take, class Undo>
 tbs_status_t ask_site(const SiteOperation &operation, const char *host, rgy_db_t db, Call &&call, Take &&take,
                       Undo &&undo) {
-    bool is_bound = false;
-    const auto status =
-        with_bound([&](Binding &binding) { return bind_with_fail_over(host, binding, operation.authenticated, db); },
-                   [&](Binding &binding) {
-                       is_bound = true;
-                       const tbs_status_t answer = call(rgy_rvzd_handle(binding));
-                       const char *bound_host = slot_of(binding).host;
-                       const tbs_status_t result = answer == TBS_ST_OK
-                                                       ? take(bound_host)
-                                                       : result_of(operation.failed_call, bound_host, answer);
-                       if (operation.keeps_slot)
-                           binding = {};
-                       return result;
-                   },
-                   undo);
+    const auto bind = [&](Binding &binding) { return bind_with_fail_over(host, binding, operation.authenticated, db); };
+    const auto ask = [&](Binding &binding) -> tbs_status_t {
+        const tbs_status_t answer = call(rgy_rvzd_handle(binding));
+        const char *bound_host = slot_of(binding).host;
+        const tbs_status_t result =
+            answer == TBS_ST_OK ? take(bound_host) : result_of(operation.failed_call, bound_host, answer);
+        if (operation.keeps_slot)
+            binding = {};
+        return result;
+    };
+    const auto [is_bound, status] = with_bound(bind, ask, undo);
     return is_bound || status == TBS_ST_OK ? status : result_of(operation.failed_bind, name_of(host), status);
 }
 
@@ -66,7 +62,7 @@ tbs_status_t ask_site(const SiteOperation &operation, const char *host, rgy_db_t
 template <class Call>
 tbs_status_t ask_site(const SiteOperation &operation, const char *host, rgy_db_t db, Call &&call) {
     return ask_site(
-        operation, host, db, call, [](const char * /*bound_host*/) { return tbs_status_t{TBS_ST_OK}; }, [] {});
+        operation, host, db, call, [](const char * /*bound_host*/) { return tbs_status_t{TBS_ST_OK}; }, nothing);
 }
 
 } // namespace velia::registry_clnt

@@ -28,12 +28,11 @@ tbs_status_t ask_user(char *password) {
     if (imsg_sprintf(prompt, &_registry_rvzd_msg_table, REGISTRY_MSG_PASSWORD_PROMPT) < 0)
         return TBS_ST_ERROR;
     Typed typed = {};
-    return with_cleanup(
+    return with_release(
         [&]() -> tbs_status_t {
             const bool is_entered = imsg_prompt_password(prompt, typed.text) == IMSG_PASSWORD_ENTERED;
             if (is_entered)
                 strutl_cpy_buf(password, typed.text, password_size);
-            typed.forget();
             return is_entered ? TBS_ST_OK : TBS_ST_ERROR;
         },
         [&] { typed.forget(); });

@@ -73,16 +73,14 @@ tbs_status_t rgy_check_timestamp(rgy_db_t db, const char *host, rgy_timestamp_t 
         return TBS_ST_INVALID_ARG;
     rgy_timestamp_t stamps = {};
     bool is_changed = false;
-    const auto status = with_binding(
-        stamp->host, anonymous, db,
-        [&](Binding binding) {
-            const auto answer = ask_stamps(rgy_rvzd_handle(binding), db, stamps);
-            is_changed = answer == TBS_ST_OK && differs(stamps, *stamp);
-            if (is_changed)
-                flush_for_change(binding, db);
-            return answer;
-        },
-        [] {});
+    const auto ask = [&](Binding binding) {
+        const auto answer = ask_stamps(rgy_rvzd_handle(binding), db, stamps);
+        is_changed = answer == TBS_ST_OK && differs(stamps, *stamp);
+        if (is_changed)
+            flush_for_change(binding, db);
+        return answer;
+    };
+    const auto status = with_binding(stamp->host, anonymous, db, ask).status;
     if (status != TBS_ST_OK) {
         tell_trouble_contacting(stamp->host, status);
         return TBS_ST_ERROR;

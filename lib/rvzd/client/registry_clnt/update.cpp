@@ -28,14 +28,9 @@ tbs_status_t status_of_add(const rgy_entry_t &entry, tbs_status_t status) {
 }
 
 tbs_status_t send_add(rgy_db_t db, const rgy_entry_t &entry, const char *text) {
-    bool is_bound = false;
-    const auto status = with_binding(
-        entry.host, real, db,
-        [&](Binding binding) {
-            is_bound = true;
-            return rvzd_rgy_add_entry(rgy_rvzd_handle(binding), db, RGY_PROTOCOL_VERSION, &entry.dtm, text);
-        },
-        [] {});
+    const auto [is_bound, status] = with_binding(entry.host, real, db, [&](Binding binding) {
+        return rvzd_rgy_add_entry(rgy_rvzd_handle(binding), db, RGY_PROTOCOL_VERSION, &entry.dtm, text);
+    });
     return is_bound ? status_of_add(entry, status) : status;
 }
 
@@ -45,30 +40,25 @@ tbs_status_t rgy_add_entry(rgy_db_t db, rgy_entry_t *entry) {
     if (!is_sendable(entry))
         return TBS_ST_INVALID_ARG;
     char *text = nullptr;
-    const auto release = [&] { stg_free(text); };
-    return with_cleanup(
+    return with_release(
         [&] {
-            auto status = rgy_gather_flex_entry(&entry->flex, &text);
-            if (status == TBS_ST_OK)
-                status = send_add(db, *entry, text);
-            release();
-            return status;
+            const auto status = rgy_gather_flex_entry(&entry->flex, &text);
+            return status == TBS_ST_OK ? send_add(db, *entry, text) : status;
         },
-        release);
+        [&] {
+            with_inhibit([&] {
+                stg_free(text);
+                text = nullptr;
+            });
+        });
 }
 
 tbs_status_t rgy_remove_entry(rgy_db_t db, rgy_entry_t *entry) {
     if (!is_sendable(entry))
         return TBS_ST_INVALID_ARG;
-    bool is_bound = false;
-    const auto status = with_binding(
-        entry->host, real, db,
-        [&](Binding binding) {
-            is_bound = true;
-            return rvzd_rgy_remove_entry(rgy_rvzd_handle(binding), db, RGY_PROTOCOL_VERSION, &entry->dtm,
-                                         entry->entry_id);
-        },
-        [] {});
+    const auto [is_bound, status] = with_binding(entry->host, real, db, [&](Binding binding) {
+        return rvzd_rgy_remove_entry(rgy_rvzd_handle(binding), db, RGY_PROTOCOL_VERSION, &entry->dtm, entry->entry_id);
+    });
     if (status == TBS_ST_OK || !is_bound)
         return status;
     tell_trouble_contacting(entry->host, status);

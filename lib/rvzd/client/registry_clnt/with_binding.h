@@ -3,9 +3,12 @@
 
 #include <rvzd/client/registry_clnt/bindings.h>
 #include <rvzd/client/registry_clnt/registry_clnt.h>
+#include <rvzd/client/rvzd_clnt/bound.h>
 #include <veliaxdr/rgy_messages.h>
 
 namespace velia::registry_clnt {
+
+using rvzd_clnt::Bound;
 
 inline void tell_trouble_contacting(const char *host, tbs_status_t status) {
     imsg_print(IMSG_ERROR, &_registry_rvzd_msg_table, REGISTRY_MSG_TROUBLE_CONTACTING, host, tbs_strerror(status));
@@ -18,33 +21,23 @@ inline const char *name_of(const char *host) {
     return host;
 }
 
-// Runs `body` with a binding that `bind` makes, under registry_cache_lock. A bind that fails is the result. When a
-// raise lands, the binding is released and `undo` takes back what else was held.
-template <class Bind, class Body, class Undo>
-tbs_status_t with_bound(Bind &&bind, Body &&body, Undo &&undo) {
+// Runs `body` with a binding that `bind` makes, under registry_cache_lock. When a raise lands, `undo` takes back what
+// the body has made.
+template <class Bind, class Body, class Undo = void()>
+Bound with_bound(Bind &&bind, Body &&body, Undo &&undo = nothing) {
     Binding binding;
-    return with_lock(registry_cache_lock, [&] {
-        return with_cleanup(
-            [&]() -> tbs_status_t {
-                const tbs_status_t status = bind(binding);
-                if (status != TBS_ST_OK)
-                    return status;
-                const tbs_status_t result = body(binding);
-                release_binding(binding);
-                return result;
-            },
-            [&] {
-                with_inhibit([&] {
-                    release_binding(binding);
-                    undo();
-                });
-            });
-    });
+    return with_lock(
+        cache_lock,
+        [&]() -> Bound {
+            const tbs_status_t status = bind(binding);
+            return status == TBS_ST_OK ? Bound{true, body(binding)} : Bound{false, status};
+        },
+        [&] { release_binding(binding); }, undo);
 }
 
 // With a binding to `host`.
-template <class Body, class Undo>
-tbs_status_t with_binding(const char *host, uint32_t authenticated, rgy_db_t db, Body &&body, Undo &&undo) {
+template <class Body, class Undo = void()>
+Bound with_binding(const char *host, uint32_t authenticated, rgy_db_t db, Body &&body, Undo &&undo = nothing) {
     return with_bound([&](Binding &binding) { return rgy_bind_handle(host, binding, authenticated, db); }, body, undo);
 }
 

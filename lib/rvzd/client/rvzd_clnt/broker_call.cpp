@@ -4,18 +4,29 @@
 using namespace velia;
 using namespace velia::rvzd_clnt;
 
-clnt_stat velia::rvzd_clnt::call_with_header(rvzd_handle_t *handle, uint32_t procedure_number, const char *failed_text,
-                                             xdrproc_t request_routine, rvzd_hdr_req_t *request,
-                                             xdrproc_t reply_routine, void *reply) {
+clnt_stat velia::rvzd_clnt::make_exchange(CLIENT *client, const Exchange &exchange, const timeval &time_out) {
+    pfm_inhibit();
+    const auto outcome =
+        clnt_call(client, exchange.procedure_number, exchange.request_routine, static_cast<char *>(exchange.request),
+                  exchange.reply_routine, static_cast<char *>(exchange.reply), time_out);
+    pfm_enable();
+    return outcome;
+}
+
+clnt_stat velia::rvzd_clnt::exchange_with_header(rvzd_handle_t *handle, const char *failed_text,
+                                                 const Exchange &exchange) {
     rvzd_cached_handle_t *record = handle->cached;
-    request->uniquifier = record->uniquifier;
-    request->sequence = record->sequence++;
+    auto *header = static_cast<rvzd_hdr_req_t *>(exchange.request);
+    *header = {record->uniquifier, record->sequence++};
     const timeval time_out = {static_cast<time_t>(handle->tv_sec), static_cast<suseconds_t>(handle->tv_usec)};
-    const auto outcome = with_inhibit([&] {
-        return clnt_call(record->client, procedure_number, request_routine, reinterpret_cast<char *>(request),
-                         reply_routine, static_cast<char *>(reply), time_out);
-    });
+    const auto outcome = make_exchange(record->client, exchange, time_out);
     if (outcome != RPC_SUCCESS && failed_text != nullptr)
         ks_clnt_perror(record->client, failed_text);
     return outcome;
+}
+
+void velia::rvzd_clnt::free_reply(CLIENT *client, const Exchange &exchange) {
+    pfm_inhibit();
+    clnt_freeres(client, exchange.reply_routine, static_cast<char *>(exchange.reply));
+    pfm_enable();
 }

@@ -1,44 +1,45 @@
-// The one road of a broker procedure. A procedure is a record; what differs between procedures is how the outcome
-// becomes a status, and that is the caller's lambda.
-//
-// rvzd_call_lock is held from before the header is filled until the reply is freed. A raise that arrives during the
-// exchange lands when it is over: the RPC library keeps a lock of its own on the client meanwhile.
+// The road of a broker procedure: rvzd_call_lock, header words from the shared record, the exchange, and a reply that
+// is released on every way out. What differs between procedures is a row of the table of procedures; how the outcome
+// becomes a status is the caller's lambda.
 #pragma once
 
-#include <cstring>
-
 #include <common/with.h>
+#include <rvzd/client/rvzd_clnt/bound.h>
 #include <rvzd/client/rvzd_clnt/cached_handle.h>
+#include <rvzd/client/rvzd_clnt/get_handle.h>
 #include <support/ks.h>
+#include <veliaxdr/rvzd_procedure_rows.hpp>
 
 namespace velia::rvzd_clnt {
 
+// The row of a procedure whose failure is not printed here: it is no failure, or is told in other words.
 template <class Request, class Reply>
-struct Procedure {
-    uint32_t number;
-    const char *failed_text; // what ks_clnt_perror prints in front of the RPC error; null prints nothing
-    bool_t (*xdr_request)(XDR *, Request *);
-    bool_t (*xdr_reply)(XDR *, Reply *);
+constexpr Procedure<Request, Reply> quiet(Procedure<Request, Reply> procedure) {
+    procedure.failed_text = nullptr;
+    return procedure;
+}
 
-    xdrproc_t request_routine() const { return reinterpret_cast<xdrproc_t>(xdr_request); }
-    xdrproc_t reply_routine() const { return reinterpret_cast<xdrproc_t>(xdr_reply); }
+// One call by any road: routines and records as the RPC library takes them.
+struct Exchange {
+    uint32_t procedure_number;
+    xdrproc_t request_routine;
+    void *request;
+    xdrproc_t reply_routine;
+    void *reply;
 };
 
 template <class Request, class Reply>
-Procedure(uint32_t, const char *, bool_t (*)(XDR *, Request *), bool_t (*)(XDR *, Reply *))
-    -> Procedure<Request, Reply>;
-
-// Fills the header, which the request begins with, and makes the call with the handle's time-out. A failure is printed
-// behind `failed_text`, unless that is null.
-clnt_stat call_with_header(rvzd_handle_t *handle, uint32_t procedure_number, const char *failed_text,
-                           xdrproc_t request_routine, rvzd_hdr_req_t *request, xdrproc_t reply_routine, void *reply);
-
-template <class Request, class Reply>
-clnt_stat call_procedure(rvzd_handle_t *handle, const Procedure<Request, Reply> &procedure, Request &request,
-                         Reply &reply) {
-    return call_with_header(handle, procedure.number, procedure.failed_text, procedure.request_routine(),
-                            &request.header, procedure.reply_routine(), &reply);
+Exchange exchange_of(const Procedure<Request, Reply> &procedure, Request &request, Reply &reply) {
+    return {procedure.number, procedure.request_routine(), &request, procedure.reply_routine(), &reply};
 }
+
+// Makes the call, and no more. A raise that comes meanwhile lands when it is over: the RPC library keeps a lock of its
+// own on the client.
+clnt_stat make_exchange(CLIENT *client, const Exchange &exchange, const timeval &time_out);
+
+// Fills the header, with which every request of the broker begins, and makes the call with the handle's time-out. A
+// failure is printed behind `failed_text`, unless that is null.
+clnt_stat exchange_with_header(rvzd_handle_t *handle, const char *failed_text, const Exchange &exchange);
 
 // Takes storage that is the caller's own out of a reply before the reply is freed.
 template <class Reply>
@@ -55,53 +56,41 @@ template <class Reply>
 void release_undelivered(Reply & /*frees all by itself*/) {}
 void release_undelivered(rvzd_clnt_list_get_reply_t &reply);
 
-// Makes the call into `reply`, which the caller has cleared (but for what it presets), gives the RPC outcome to
-// `outcome_to_status`, and releases what the reply holds, also when a raise lands.
-template <class Request, class Reply, class OutcomeToStatus>
+// Frees the reply of an exchange; as the exchange, it holds a lock of the RPC library.
+void free_reply(CLIENT *client, const Exchange &exchange);
+
+inline void begin_at_once(rvzd_handle_t * /*handle*/) {}
+
+// Makes the call into `reply`, which the caller has cleared (but for what it presets), and gives the RPC outcome to
+// `outcome_to_status`. `first` is run before, under the same lock.
+template <class Request, class Reply, class OutcomeToStatus, class First = void(rvzd_handle_t *)>
 tbs_status_t broker_call(rvzd_handle_t *handle, const Procedure<Request, Reply> &procedure, Request &request,
-                         Reply &reply, OutcomeToStatus &&outcome_to_status) {
-    return with_lock(rvzd_call_lock, [&] {
-        const auto release = [&] {
+                         Reply &reply, OutcomeToStatus &&outcome_to_status, First &&first = begin_at_once) {
+    const Exchange exchange = exchange_of(procedure, request, reply);
+    return with_lock(
+        call_lock,
+        [&]() -> tbs_status_t {
+            first(handle);
+            return outcome_to_status(exchange_with_header(handle, procedure.failed_text, exchange));
+        },
+        [&] {
             detach_caller_storage(reply);
             release_undelivered(reply);
-            // As the exchange, it holds a lock of the RPC library.
-            with_inhibit([&] {
-                clnt_freeres(handle->cached->client, procedure.reply_routine(), reinterpret_cast<char *>(&reply));
-            });
-        };
-        return with_cleanup(
-            [&]() -> tbs_status_t {
-                const auto outcome = call_procedure(handle, procedure, request, reply);
-                const tbs_status_t status = outcome_to_status(outcome);
-                release();
-                return status;
-            },
-            release);
-    });
+            free_reply(handle->cached->client, exchange);
+        });
 }
 
-// Runs `body` with a handle to the broker of `host`, which is given back on every way out.
+// Runs `body` with the handle that is wanted, which is given back on every way out; rvzd_call_lock is held.
 template <class Body>
-tbs_status_t with_handle(const char *host, Body &&body) {
+Bound with_handle(const HandleRequest &wanted, Body &&body) {
     rvzd_handle_t *handle = nullptr;
-    // The variable is cleared before a raise that waits can land.
-    const auto give_back = [&] {
-        with_inhibit([&] {
-            rvzd_free_handle(handle);
-            handle = nullptr;
-        });
-    };
-    return with_lock(rvzd_call_lock, [&] {
-        return with_cleanup(
-            [&]() -> tbs_status_t {
-                auto status = rvzd_get_handle(host, &handle);
-                if (status == TBS_ST_OK)
-                    status = body(handle);
-                give_back();
-                return status;
-            },
-            give_back);
-    });
+    return with_lock(
+        call_lock,
+        [&]() -> Bound {
+            const auto status = rvzd_get_handle_prim_timeout_proto(wanted, &handle);
+            return status == TBS_ST_OK ? Bound{true, body(handle)} : Bound{false, status};
+        },
+        [&] { give_back_handle(handle); });
 }
 
 } // namespace velia::rvzd_clnt

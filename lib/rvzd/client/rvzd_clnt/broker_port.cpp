@@ -7,7 +7,6 @@
 #include <common/with.h>
 #include <rvzd/client/rvzd_clnt/rvzd_clnt.h>
 #include <support/fileutl.h>
-#include <veliaxdr/rvzd_handle.h>
 
 using namespace velia;
 using namespace velia::rvzd_clnt;
@@ -69,7 +68,7 @@ uint16_t find_port() {
 } // namespace
 
 tbs_status_t rvzd_get_port(const char * /*host*/, uint16_t *port, int /*family*/) {
-    return with_lock(rvzd_call_lock, [&] {
+    return with_lock(call_lock, [&] {
         if (rvzd_wk_port == 0)
             rvzd_wk_port = find_port();
         *port = rvzd_wk_port;
@@ -78,7 +77,7 @@ tbs_status_t rvzd_get_port(const char * /*host*/, uint16_t *port, int /*family*/
 }
 
 void rvzdsvr_get_server_socket(const char **service, const char **protocol, const char **file, uint16_t *port) {
-    with_lock(rvzd_call_lock, [&] {
+    with_lock(call_lock, [&] {
         *service = service_name;
         *protocol = protocol_name;
         *file = marker_file_name;
@@ -87,5 +86,5 @@ void rvzdsvr_get_server_socket(const char **service, const char **protocol, cons
 }
 
 int rvzdsvr_get_server_type(void) {
-    return with_lock(rvzd_call_lock, [] { return 0; });
+    return with_lock(call_lock, [] { return 0; });
 }

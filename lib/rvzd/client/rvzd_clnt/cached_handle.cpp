@@ -211,7 +211,7 @@ void rvzd_release_handle(rvzd_cached_handle_t *record) {
 void rvzd_free_handle(rvzd_handle_t *handle) {
     if (handle == nullptr)
         return;
-    with_lock(rvzd_call_lock, [&] {
+    with_lock(call_lock, [&] {
         with_inhibit([&] {
             if (handle->cached != nullptr)
                 drop_reference(handle->cached);
@@ -221,12 +221,12 @@ void rvzd_free_handle(rvzd_handle_t *handle) {
 }
 
 void rvzd_free_cached_handles(void) {
-    with_lock(rvzd_call_lock, [] { with_inhibit([] { evict_aged(now_s()); }); });
+    with_lock(call_lock, [] { with_inhibit([] { evict_aged(now_s()); }); });
 }
 
 void rvzd_cached_handle_close_check(void * /*unused*/) {
     const time_t now = now_s();
-    with_lock(rvzd_call_lock, [&] {
+    with_lock(call_lock, [&] {
         with_inhibit([&] {
             require(rvzd_handle_cache_close_h != nullptr, "rvzd_handle_cache_close_h != NULL", __LINE__);
             rvzd_handle_cache_close_h = nullptr;
@@ -242,9 +242,9 @@ CLIENT *rvzd_get_rpc_clnt(rvzd_handle_t *handle) {
 }
 
 void rvzd_get_addr(rvzd_handle_t *handle, rvzd_server_addr_t *out) {
-    with_lock(rvzd_call_lock, [&] { *out = handle->cached->server_addr; });
+    with_lock(call_lock, [&] { *out = handle->cached->server_addr; });
 }
 
 uint32_t rvzd_get_server_protocol_version(rvzd_handle_t *handle) {
-    return with_lock(rvzd_call_lock, [&] { return handle->cached->protocol_version; });
+    return with_lock(call_lock, [&] { return handle->cached->protocol_version; });
 }

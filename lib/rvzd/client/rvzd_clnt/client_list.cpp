@@ -17,17 +17,6 @@ constexpr int brokers_max = 2;
 constexpr char registration_kind[] = "ClientList";
 constexpr int64_t registration_interval_s = 21600;
 
-constexpr Procedure list_get = {RVZD_PROC_CLNT_LIST_GET, "rvzd_clnt_list_get call failed", xdr_rvzd_clnt_list_get_req_t,
-                                xdr_rvzd_clnt_list_get_reply_t};
-constexpr Procedure list_get_v70 = {RVZD_PROC_CLNT_LIST_GET_V70, "rvzd_clnt_list_get_v70 call failed",
-                                    xdr_rvzd_clnt_list_get_req_t, xdr_rvzd_clnt_list_get_v70_reply_t};
-constexpr Procedure list_lookup = {RVZD_PROC_CLNT_LIST_LOOKUP, nullptr, xdr_rvzd_clnt_list_lookup_req_t,
-                                   xdr_rvzd_clnt_list_lookup_reply_t};
-constexpr Procedure list_lookup_v70 = {RVZD_PROC_CLNT_LIST_LOOKUP_V70, nullptr, xdr_rvzd_clnt_list_lookup_req_t,
-                                       xdr_rvzd_clnt_list_lookup_v70_reply_t};
-constexpr Procedure list_register = {RVZD_PROC_CLNT_LIST_REGISTER, "rvzd_clnt_list_register call failed",
-                                     xdr_rvzd_clnt_list_register_req_t, xdr_rvzd_clnt_list_register_reply_t};
-
 // Only a version above the older one has the newer numbers, whatever it is.
 bool is_current(const rvzd_handle_t *handle) {
     return handle->cached->protocol_version > RVZD_PROTOCOL_V70;
@@ -65,17 +54,15 @@ bool note_on_host(const char *key) {
 
 void send_registration(rvzd_handle_t *handle) {
     rvzd_clnt_list_register_req_t request = {};
-    const auto release = [&] { with_inhibit([&] { release_local_hostinfo(request.hostinfo); }); };
-    with_cleanup(
+    rvzd_clnt_list_register_reply_t reply = {};
+    with_release(
         [&]() -> tbs_status_t {
-            auto status = clnt_list_get_local_hostinfo(&request.hostinfo);
-            rvzd_clnt_list_register_reply_t reply = {};
-            if (status == TBS_ST_OK)
-                status = broker_call(handle, list_register, request, reply, [](clnt_stat) { return TBS_ST_OK; });
-            release();
-            return status;
+            const auto status = clnt_list_get_local_hostinfo(&request.hostinfo);
+            return status == TBS_ST_OK ? broker_call(handle, procedures::clnt_list_register, request, reply,
+                                                     [](clnt_stat) { return TBS_ST_OK; })
+                                       : status;
         },
-        release);
+        [&] { with_inhibit([&] { release_local_hostinfo(request.hostinfo); }); });
 }
 
 } // namespace
@@ -91,11 +78,11 @@ void velia::rvzd_clnt::release_undelivered(rvzd_clnt_list_get_reply_t &reply) {
 
 tbs_status_t rvzd_clnt_list_get(rvzd_handle_t *handle, int32_t first, uint32_t second, int32_t *position,
                                 tbs_boolean_t *finished, uint32_t *count, clnt_entry_t **entries) {
-    return with_lock(rvzd_call_lock, [&] {
+    return with_lock(call_lock, [&] {
         rvzd_clnt_list_get_req_t request = {{}, first, second, *position};
         rvzd_clnt_list_get_reply_t reply = {};
-        return broker_call(handle, is_current(handle) ? list_get : list_get_v70, request, reply,
-                           [&](clnt_stat outcome) -> tbs_status_t {
+        return broker_call(handle, is_current(handle) ? procedures::clnt_list_get : procedures::clnt_list_get_v70,
+                           request, reply, [&](clnt_stat outcome) -> tbs_status_t {
                                if (outcome != RPC_SUCCESS)
                                    return TBS_ST_RPC_FAILED;
                                if (reply.header.status != TBS_ST_OK)
@@ -115,11 +102,12 @@ void rvzd_clnt_list_get_free(rvzd_handle_t * /*unused*/, uint32_t /*unused*/, cl
 }
 
 tbs_status_t rvzd_clnt_list_lookup(rvzd_handle_t *handle, const char *host, clnt_entry_t *entry) {
-    return with_lock(rvzd_call_lock, [&] {
+    return with_lock(call_lock, [&] {
         rvzd_clnt_list_lookup_req_t request = {{}, const_cast<char *>(host)};
         rvzd_clnt_list_lookup_reply_t reply = {};
-        return broker_call(handle, is_current(handle) ? list_lookup : list_lookup_v70, request, reply,
-                           [&](clnt_stat outcome) -> tbs_status_t {
+        return broker_call(handle,
+                           quiet(is_current(handle) ? procedures::clnt_list_lookup : procedures::clnt_list_lookup_v70),
+                           request, reply, [&](clnt_stat outcome) -> tbs_status_t {
                                if (outcome != RPC_SUCCESS)
                                    return outcome == RPC_PROCUNAVAIL ? TBS_ST_UNSUPPORTED : TBS_ST_RPC_FAILED;
                                if (reply.header.status == TBS_ST_OK) {
@@ -137,7 +125,7 @@ void rvzd_clnt_list_lookup_free(rvzd_handle_t * /*unused*/, clnt_entry_t *entry)
 }
 
 void rvzd_clnt_list_register(rvzd_handle_t *handle) {
-    with_lock(rvzd_call_lock, [&] {
+    with_lock(call_lock, [&] {
         char key[key_size];
         const bool is_due =
             with_inhibit([&] { return key_of(handle, key) && note_in_process(key) && note_on_host(key); });

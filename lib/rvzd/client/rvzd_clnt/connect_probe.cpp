@@ -267,14 +267,12 @@ Verdict wait_for_first(Probe &probe) {
 int rvzd_nonblock_connect_ping(const char *host) {
     Probe probe = {};
     probe.host = host;
-    const auto release_all = [&] { release(probe); };
-    return with_cleanup(
+    return with_release(
         [&] {
             auto verdict = with_inhibit([&] { return start_all(probe); });
             if (verdict == Verdict::open)
                 verdict = wait_for_first(probe);
-            release(probe);
             return verdict == Verdict::alive ? 1 : 0;
         },
-        release_all);
+        [&] { release(probe); });
 }

@@ -24,8 +24,6 @@ constexpr time_t contact_skipped_s = 4;
 constexpr int msg_operation_failed = 46;
 constexpr int server_side_component = 1;
 
-constexpr Procedure contact = {RVZD_PROC_CONTACT, nullptr, xdr_rvzd_contact_req_t, xdr_rvzd_contact_reply_t};
-
 char *rvzd_wk_localhost;
 rvzd_server_addr_t rvzd_wk_localaddr;
 
@@ -213,11 +211,12 @@ Outcome contact_peer(const Attempt &attempt) {
         return good;
     rvzd_contact_req_t request = {{}, RVZD_PROTOCOL_CURRENT};
     rvzd_contact_reply_t reply = {};
-    const auto outcome = call_procedure(attempt.handle, contact, request, reply);
+    const auto outcome =
+        exchange_with_header(attempt.handle, nullptr, exchange_of(procedures::contact, request, reply));
     if (outcome == RPC_SUCCESS)
         return judge_contact(record, reply, now);
     if (outcome != RPC_TIMEDOUT && !attempt.wanted.quiet)
-        ks_clnt_perror(record->client, "rvzd_contact call failed");
+        ks_clnt_perror(record->client, procedures::contact.failed_text);
     return record_failed(TBS_ST_RPC_FAILED);
 }
 
@@ -298,8 +297,15 @@ uint32_t velia::rvzd_clnt::default_protocol() {
     pfm_panic(source_file, __LINE__);
 }
 
+void velia::rvzd_clnt::give_back_handle(rvzd_handle_t *&handle) {
+    with_inhibit([&] {
+        rvzd_free_handle(handle);
+        handle = nullptr;
+    });
+}
+
 tbs_status_t velia::rvzd_clnt::rvzd_get_handle_prim_timeout_proto(const HandleRequest &wanted, rvzd_handle_t **out) {
-    return with_lock(rvzd_call_lock, [&] {
+    return with_lock(call_lock, [&] {
         *out = nullptr;
         Attempt attempt = {wanted, *out, nullptr, 0};
         return with_cleanup(

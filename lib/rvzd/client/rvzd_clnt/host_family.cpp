@@ -58,13 +58,7 @@ tbs_status_t rvzd_is_hetero_server(const char *host, tbs_boolean_t *is_hetero) {
             info = {};
         });
     };
-    return with_cleanup(
-        [&] {
-            const auto status = compare_with(host, os_name, info, is_hetero);
-            release();
-            return status;
-        },
-        release);
+    return with_release([&] { return compare_with(host, os_name, info, is_hetero); }, release);
 }
 
 tbs_status_t rvzd_slim_server_is_slim(tbs_boolean_t *is_slim) {

@@ -5,7 +5,6 @@
 #include <cstring>
 
 #include <rvzd/client/rvzd_clnt/broker_call.h>
-#include <rvzd/client/rvzd_clnt/get_handle.h>
 #include <support/fileutl.h>
 #include <support/stg.h>
 #include <support/strutl.h>
@@ -22,27 +21,16 @@ constexpr int server_side_component = 1;
 constexpr size_t checked_host_size = 256;
 constexpr char no_servers_option[] = "-no_servers";
 
-constexpr Procedure hostinfo = {RVZD_PROC_HOSTINFO, nullptr, xdr_rvzd_hostinfo_req_t, xdr_rvzd_hostinfo_reply_t};
-
-// What a question holds, and gives back on every way out.
-struct Question {
-    rvzd_handle_t *handle;
-    clnt_hostinfo_t local;
-};
-
-void give_back(Question &question) {
-    with_inhibit([&] {
-        release_local_hostinfo(question.local);
-        rvzd_free_handle(question.handle);
-        question.handle = nullptr;
-    });
-}
-
-tbs_status_t describe_this_host(Question &question, clnt_hostinfo_t &info) {
-    const auto status = clnt_list_get_local_hostinfo(&question.local);
-    if (status == TBS_ST_OK)
-        with_inhibit([&] { copy_hostinfo(question.local, info); });
-    return status;
+tbs_status_t describe_this_host(clnt_hostinfo_t &info) {
+    clnt_hostinfo_t local = {};
+    return with_release(
+        [&] {
+            const auto status = clnt_list_get_local_hostinfo(&local);
+            if (status == TBS_ST_OK)
+                with_inhibit([&] { copy_hostinfo(local, info); });
+            return status;
+        },
+        [&] { with_inhibit([&] { release_local_hostinfo(local); }); });
 }
 
 // Whatever its status, the reply is what is known of the host from now on: one without information, too.
@@ -59,7 +47,7 @@ tbs_status_t ask_broker(rvzd_handle_t *handle, clnt_hostinfo_t &info) {
     handle->tv_sec = question_timeout_s;
     rvzd_hostinfo_req_t request = {};
     rvzd_hostinfo_reply_t reply = {};
-    return broker_call(handle, hostinfo, request, reply, [&](clnt_stat outcome) -> tbs_status_t {
+    return broker_call(handle, quiet(procedures::hostinfo), request, reply, [&](clnt_stat outcome) -> tbs_status_t {
         if (outcome == RPC_SUCCESS)
             with_inhibit([&] {
                 copy_hostinfo(reply.hostinfo, info);
@@ -69,14 +57,10 @@ tbs_status_t ask_broker(rvzd_handle_t *handle, clnt_hostinfo_t &info) {
     });
 }
 
-tbs_status_t describe_other_host(const char *host, int64_t seconds, Question &question, clnt_hostinfo_t &info) {
-    const HandleRequest wanted = {host, default_protocol(), 0, seconds, true, false, 0};
-    const auto status = rvzd_get_handle_prim_timeout_proto(wanted, &question.handle);
-    if (status != TBS_ST_OK)
-        return status;
-    const clnt_hostinfo_t *known = question.handle->cached->hostinfo;
+tbs_status_t describe_other_host(rvzd_handle_t *handle, clnt_hostinfo_t &info) {
+    const clnt_hostinfo_t *known = handle->cached->hostinfo;
     if (known == nullptr)
-        return ask_broker(question.handle, info);
+        return ask_broker(handle, info);
     with_inhibit([&] { copy_hostinfo(*known, info); });
     return TBS_ST_OK;
 }
@@ -137,16 +121,11 @@ tbs_status_t rvzd_hostinfo(const char *host, clnt_hostinfo_t *info) {
 }
 
 tbs_status_t rvzd_hostinfo_timeout(const char *host, int64_t seconds, clnt_hostinfo_t *info) {
-    return with_lock(rvzd_call_lock, [&] {
-        Question question = {};
-        return with_cleanup(
-            [&]() -> tbs_status_t {
-                const auto status = fileutl_is_localhost(host) ? describe_this_host(question, *info)
-                                                               : describe_other_host(host, seconds, question, *info);
-                give_back(question);
-                return status;
-            },
-            [&] { give_back(question); });
+    return with_lock(call_lock, [&] {
+        if (fileutl_is_localhost(host))
+            return describe_this_host(*info);
+        const auto describe = [&](rvzd_handle_t *handle) { return describe_other_host(handle, *info); };
+        return with_handle(question_request(host, seconds), describe).status;
     });
 }
 
@@ -158,7 +137,7 @@ void rvzd_hostinfo_free(clnt_hostinfo_t info) {
 // A run of equal names succeeds once at most: the last name is remembered, its outcome is not.
 tbs_status_t rvzd_exist_check(const char *host) {
     static char prevhost[checked_host_size];
-    return with_lock(rvzd_call_lock, [&]() -> tbs_status_t {
+    return with_lock(call_lock, [&]() -> tbs_status_t {
         if (strlen(host) >= sizeof prevhost || strcmp(host, prevhost) == 0)
             return TBS_ST_ERROR;
         strutl_cpy_buf(prevhost, host, sizeof prevhost);

@@ -3,11 +3,13 @@
 #include <cstdlib>
 
 #include <common/with.h>
+#include <rvzd/client/rvzd_clnt/rvzd_clnt.h>
 #include <support/env.h>
 #include <veliaxdr/rvzd_handle.h>
 #include <veliaxdr/rvzd_socket.h>
 
 using velia::with_lock;
+using velia::rvzd_clnt::call_lock;
 
 namespace {
 
@@ -134,5 +136,5 @@ int range_of(uint64_t program, const Range &out) {
 } // namespace
 
 int rvzd_bindport_has_port_range(uint64_t program, uint16_t *low, uint16_t *high, int32_t *strict) {
-    return with_lock(rvzd_call_lock, [&] { return range_of(program, {low, high, strict}); });
+    return with_lock(call_lock, [&] { return range_of(program, {low, high, strict}); });
 }

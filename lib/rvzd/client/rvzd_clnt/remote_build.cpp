@@ -18,9 +18,6 @@ constexpr char failure_text[] = ": rvzd_remote_build_hi call failed";
 constexpr int msg_text = 0;
 constexpr int msg_line = 2;
 
-constexpr Procedure remote_build_hi = {RVZD_PROC_REMOTE_BUILD_HI, nullptr, xdr_rvzd_remote_build_hi_req_t,
-                                       xdr_rvzd_remote_build_hi_reply_t};
-
 // The mapped credentials are not sent; what counts is that this process's groups can be had.
 tbs_status_t map_credentials(const rvzd_handle_t *handle, uint32_t user, uint32_t group) {
     credutl_sid_t user_sid;
@@ -65,18 +62,19 @@ tbs_status_t rvzd_remote_build_request_hi(rvzd_handle_t *handle, const char *hos
         return status;
     rvzd_remote_build_hi_req_t request = {{}, const_cast<char *>(host), user, group};
     rvzd_remote_build_hi_reply_t reply = {};
-    return broker_call(handle, remote_build_hi, request, reply, [&](clnt_stat outcome) -> tbs_status_t {
-        if (outcome != RPC_SUCCESS) {
-            tell_failure(handle, host);
-            return TBS_ST_RPC_FAILED;
-        }
-        *first = reply.word1;
-        *second = reply.word2;
-        *when = reply.time;
-        *third = reply.word3;
-        const bool fit1 = hand_out(reply.text1, text1);
-        const bool fit2 = hand_out(reply.text2, text2);
-        const bool fit3 = hand_out(reply.text3, text3);
-        return fit1 && fit2 && fit3 ? reply.header.status : tbs_status_t{TBS_ST_NAME_TOO_LONG};
-    });
+    return broker_call(handle, quiet(procedures::remote_build_hi), request, reply,
+                       [&](clnt_stat outcome) -> tbs_status_t {
+                           if (outcome != RPC_SUCCESS) {
+                               tell_failure(handle, host);
+                               return TBS_ST_RPC_FAILED;
+                           }
+                           *first = reply.word1;
+                           *second = reply.word2;
+                           *when = reply.time;
+                           *third = reply.word3;
+                           const bool fit1 = hand_out(reply.text1, text1);
+                           const bool fit2 = hand_out(reply.text2, text2);
+                           const bool fit3 = hand_out(reply.text3, text3);
+                           return fit1 && fit2 && fit3 ? reply.header.status : tbs_status_t{TBS_ST_NAME_TOO_LONG};
+                       });
 }

@@ -3,8 +3,10 @@
 
 #include <ctime>
 
+#include <common/lock.h>
 #include <support/date.h>
 #include <support/pfm.h>
+#include <veliaxdr/rvzd_handle.h>
 #include <veliaxdr/rvzd_messages.h>
 #include <veliaxdr/rvzd_socket.h>
 
@@ -12,6 +14,8 @@ namespace velia::rvzd_clnt {
 
 inline constexpr char subsystem[] = "xdr/rvzd";
 inline constexpr char source_file[] = "rvzd_clnt";
+
+inline constexpr Lock<LockRank::broker_call> call_lock = {rvzd_call_lock};
 
 inline time_t now_s() {
     timeval now;

@@ -11,16 +11,10 @@ namespace {
 
 constexpr size_t host_size = 64;
 
-constexpr Procedure get_local_path = {RVZD_PROC_GET_LOCAL_PATH, "rvzd_get_local_path call failed",
-                                      xdr_rvzd_get_local_path_req_t, xdr_rvzd_get_local_path_reply_t};
-constexpr Procedure toggle_server_restart = {RVZD_PROC_TOGGLE_SERVER_RESTART, nullptr,
-                                             xdr_rvzd_toggle_server_restart_req_t,
-                                             xdr_rvzd_toggle_server_restart_reply_t};
-
 tbs_status_t ask_local_path(rvzd_handle_t *handle, const char *global_path, uint64_t size, char *buffer) {
     rvzd_get_local_path_req_t request = {{}, const_cast<char *>(global_path), size};
     rvzd_get_local_path_reply_t reply = {{}, buffer, size};
-    return broker_call(handle, get_local_path, request, reply, [&](clnt_stat outcome) -> tbs_status_t {
+    return broker_call(handle, procedures::get_local_path, request, reply, [&](clnt_stat outcome) -> tbs_status_t {
         if (outcome == RPC_SUCCESS)
             return reply.header.status;
         return outcome == RPC_PROCUNAVAIL ? TBS_ST_UNSUPPORTED : TBS_ST_RPC_FAILED;
@@ -50,7 +44,8 @@ tbs_status_t rvzd_get_local_path(const char *host, const char *global_path, uint
             return TBS_ST_ERROR;
         host = path_host;
     }
-    return with_handle(host, [&](rvzd_handle_t *handle) { return ask_local_path(handle, global_path, size, buffer); });
+    const auto ask = [&](rvzd_handle_t *handle) { return ask_local_path(handle, global_path, size, buffer); };
+    return with_handle(usual_request(host), ask).status;
 }
 
 tbs_status_t rvzd_toggle_server_restart(tbs_boolean_t enable, const char *server_name) {
@@ -58,10 +53,11 @@ tbs_status_t rvzd_toggle_server_restart(tbs_boolean_t enable, const char *server
         imsg_print(IMSG_ERROR, &_rvzd_rvzd_msg_table, RVZD_MSG_NOT_PRIVILEGED);
         return TBS_ST_ERROR;
     }
-    return with_handle(nullptr, [&](rvzd_handle_t *handle) {
+    const auto ask = [&](rvzd_handle_t *handle) {
         rvzd_toggle_server_restart_req_t request = {{}, enable, const_cast<char *>(server_name)};
         rvzd_toggle_server_restart_reply_t reply = {};
-        return broker_call(handle, toggle_server_restart, request, reply,
+        return broker_call(handle, quiet(procedures::toggle_server_restart), request, reply,
                            [&](clnt_stat outcome) { return status_of_toggle(outcome, reply); });
-    });
+    };
+    return with_handle(usual_request(nullptr), ask).status;
 }

@@ -175,7 +175,7 @@ tbs_status_t rvzd_connect_to_server(const char *host, rvzd_rpc_trait_t *trait, r
                                     const tbs_uuid_t *uuid, const char *path, const char *server_name) {
     const Target target = {host, trait, uuid, path != nullptr ? path : "", server_name};
     rvzd_handle_t *handle = nullptr;
-    return with_lock(rvzd_call_lock, [&] {
+    return with_lock(call_lock, [&] {
         connection->socket_fd = -1;
         connection->client = nullptr;
         return with_cleanup(

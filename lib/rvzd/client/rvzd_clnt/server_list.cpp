@@ -24,11 +24,6 @@ static_assert((RVZD_SERVER_PATH_SIZE - 1 + 86) / 8 * 8 == RVZD_SERVER_ENTRY_BYTE
 
 namespace {
 
-constexpr Procedure list_servers = {RVZD_PROC_LIST_SERVERS, "rvzd_list_servers call failed",
-                                    xdr_rvzd_list_servers_req_t, xdr_rvzd_list_servers_reply_t};
-constexpr Procedure list_servers_v70 = {RVZD_PROC_LIST_SERVERS_V70, "rvzd_list_servers_v70 call failed",
-                                        xdr_rvzd_list_servers_req_t, xdr_rvzd_list_servers_v70_reply_t};
-
 struct Filter {
     int32_t prog;
     int32_t vers;
@@ -168,11 +163,11 @@ tbs_status_t rvzd_list_servers(rvzd_handle_t *handle, uint64_t cookie, uint64_t 
                                uint64_t *next_cookie, uint64_t *used, tbs_boolean_t *at_end) {
     if (buffer == nullptr)
         return TBS_ST_INVALID_ARG;
-    return with_lock(rvzd_call_lock, [&] {
+    return with_lock(call_lock, [&] {
         const bool is_v70 = rvzd_get_server_protocol_version(handle) == RVZD_PROTOCOL_V70;
         rvzd_list_servers_req_t request = {{}, cookie, std::min<uint64_t>(buffer_size, RVZD_LIST_SERVERS_BYTES_MAX)};
         rvzd_list_servers_reply_t reply = {{}, cookie, buffer_size, 0, buffer};
-        return broker_call(handle, is_v70 ? list_servers_v70 : list_servers, request, reply,
+        return broker_call(handle, is_v70 ? procedures::list_servers_v70 : procedures::list_servers, request, reply,
                            [&](clnt_stat outcome) -> tbs_status_t {
                                if (outcome != RPC_SUCCESS || reply.header.status != TBS_ST_OK)
                                    return TBS_ST_OK;
@@ -191,7 +186,7 @@ tbs_status_t rvzd_list_matching_servers(rvzd_handle_t *handle, int32_t prog, int
     if (servers == nullptr)
         return TBS_ST_ERROR;
     const Filter filter = {prog, vers, proto, port, uuid, pid, name};
-    return with_lock(rvzd_call_lock, [&] {
+    return with_lock(call_lock, [&] {
         servers->next = servers->previous = servers;
         return with_cleanup(
             [&] {

@@ -12,11 +12,6 @@ using namespace velia::rvzd_clnt;
 
 namespace {
 
-constexpr Procedure find_server = {RVZD_PROC_FIND_SERVER, "rvzd_find_server call failed", xdr_rvzd_find_server_req_t,
-                                   xdr_rvzd_find_server_reply_t};
-constexpr Procedure find_server_v70 = {RVZD_PROC_FIND_SERVER_V70, "rvzd_find_server_v70 call failed",
-                                       xdr_rvzd_find_server_req_t, xdr_rvzd_find_server_v70_reply_t};
-
 // The port of the first entry of this family; null if no entry has it. A port that no socket address can hold is none.
 const rvzd_server_port_t *port_of_family(const rvzd_server_port_list_t &list, int family) {
     const uint32_t count = std::min<uint32_t>(list.count, RVZD_SERVER_PORTS_MAX);
@@ -53,7 +48,7 @@ tbs_status_t pair_with_v70_port(const rvzd_server_addr_t &host, uint16_t network
 
 tbs_status_t find_by_ports(rvzd_handle_t *handle, rvzd_find_server_req_t &request, rvzd_server_addr_t &out) {
     rvzd_find_server_reply_t reply = {};
-    return broker_call(handle, find_server, request, reply, [&](clnt_stat outcome) -> tbs_status_t {
+    return broker_call(handle, procedures::find_server, request, reply, [&](clnt_stat outcome) -> tbs_status_t {
         if (outcome != RPC_SUCCESS)
             return TBS_ST_RPC_FAILED;
         if (reply.header.status != TBS_ST_OK)
@@ -66,7 +61,7 @@ tbs_status_t find_by_ports(rvzd_handle_t *handle, rvzd_find_server_req_t &reques
 tbs_status_t find_by_address(rvzd_handle_t *handle, rvzd_find_server_req_t &request, rvzd_server_addr_t &out) {
     rvzd_find_server_v70_reply_t reply = {};
     out.addr_count = 1;
-    return broker_call(handle, find_server_v70, request, reply, [&](clnt_stat outcome) -> tbs_status_t {
+    return broker_call(handle, procedures::find_server_v70, request, reply, [&](clnt_stat outcome) -> tbs_status_t {
         if (outcome != RPC_SUCCESS)
             return TBS_ST_RPC_FAILED;
         if (reply.header.status != TBS_ST_OK)
@@ -79,7 +74,7 @@ tbs_status_t find_by_address(rvzd_handle_t *handle, rvzd_find_server_req_t &requ
 
 tbs_status_t rvzd_find_server(rvzd_handle_t *handle, rvzd_rpc_trait_t *trait, const tbs_uuid_t *uuid, const char *path,
                               rvzd_server_addr_t *out) {
-    return with_lock(rvzd_call_lock, [&]() -> tbs_status_t {
+    return with_lock(call_lock, [&]() -> tbs_status_t {
         if (handle->cached->generic_service && !rvzd_utl_is_generic_service_prog(trait->prog)) {
             tbs_log_int_error(subsystem, &_rvzd_rvzd_msg_table, RVZD_MSG_GENERIC_HANDLE, source_file, __LINE__, 0,
                               static_cast<unsigned long>(trait->prog));

@@ -11,17 +11,6 @@ using namespace velia::rvzd_clnt;
 
 namespace {
 
-constexpr Procedure register_server = {RVZD_PROC_REGISTER_SERVER, "rvzd_register_server call failed",
-                                       xdr_rvzd_register_server_req_t, xdr_rvzd_null_reply_t};
-constexpr Procedure server_idle = {RVZD_PROC_SERVER_IDLE, "rvzd_server_idle call failed", xdr_rvzd_server_idle_req_t,
-                                   xdr_rvzd_null_reply_t};
-constexpr Procedure server_busy = {RVZD_PROC_SERVER_BUSY, "rvzd_server_busy call failed", xdr_rvzd_server_busy_req_t,
-                                   xdr_rvzd_null_reply_t};
-constexpr Procedure server_alternate_uuid = {RVZD_PROC_SERVER_ALTERNATE_UUID, "rvzd_server_alternate_uuid call failed",
-                                             xdr_rvzd_server_alternate_uuid_req_t, xdr_rvzd_null_reply_t};
-constexpr Procedure sched_info = {RVZD_PROC_SCHED_INFO, "rvzd_sched_info call failed", xdr_rvzd_sched_info_req_t,
-                                  xdr_rvzd_null_reply_t};
-
 template <class Request>
 using Report = Procedure<Request, rvzd_null_reply_t>;
 
@@ -38,7 +27,8 @@ template <class Request>
 tbs_status_t report(rvzd_handle_t *handle, const Report<Request> &procedure, Request request) {
     if (handle != nullptr)
         return send_report(handle, procedure, request);
-    return with_handle(nullptr, [&](rvzd_handle_t *own) { return send_report(own, procedure, request); });
+    const auto send = [&](rvzd_handle_t *own) { return send_report(own, procedure, request); };
+    return with_handle(usual_request(nullptr), send).status;
 }
 
 int32_t own_pid() {
@@ -79,22 +69,22 @@ tbs_status_t rvzd_register_server(rvzd_handle_t *handle, const rvzd_rpc_trait_t 
         return status;
     for (uint32_t i = 0; i < ports.count; ++i)
         ports.ports[i].port = ntohs(static_cast<uint16_t>(ports.ports[i].port));
-    return report(handle, register_server,
+    return report(handle, procedures::register_server,
                   rvzd_register_server_req_t{{}, *trait, *uuid, const_cast<char *>(path), ports, own_pid()});
 }
 
 tbs_status_t rvzd_server_idle(rvzd_handle_t *handle, tbs_boolean_t flag) {
-    return report(handle, server_idle, rvzd_server_idle_req_t{{}, own_pid(), flag});
+    return report(handle, procedures::server_idle, rvzd_server_idle_req_t{{}, own_pid(), flag});
 }
 
 tbs_status_t rvzd_server_busy(rvzd_handle_t *handle, const tbs_uuid_t *uuid) {
-    return report(handle, server_busy, rvzd_server_busy_req_t{{}, own_pid(), *uuid});
+    return report(handle, procedures::server_busy, rvzd_server_busy_req_t{{}, own_pid(), *uuid});
 }
 
 tbs_status_t rvzd_server_alternate_uuid(rvzd_handle_t *handle, const tbs_uuid_t *uuid) {
-    return report(handle, server_alternate_uuid, rvzd_server_alternate_uuid_req_t{{}, own_pid(), *uuid});
+    return report(handle, procedures::server_alternate_uuid, rvzd_server_alternate_uuid_req_t{{}, own_pid(), *uuid});
 }
 
 tbs_status_t rvzd_sched_info(rvzd_handle_t *handle, const tbs_uuid_t *uuid, const rvzd_sched_info_pair_t *pair) {
-    return report(handle, sched_info, rvzd_sched_info_req_t{{}, own_pid(), *uuid, *pair});
+    return report(handle, procedures::sched_info, rvzd_sched_info_req_t{{}, own_pid(), *uuid, *pair});
 }

@@ -112,7 +112,7 @@ tbs_status_t rvzd_bindport(int fd, struct sockaddr *address, socklen_t length, u
     uint16_t high = 0;
     int error_number = 0;
     // The lock is given back before anything is printed.
-    const auto result = with_lock(rvzd_call_lock, [&] {
+    const auto result = with_lock(call_lock, [&] {
         return bind_by_rule({fd, address, length, program, use_range}, low, high, error_number);
     });
     switch (result) {

@@ -1,6 +1,5 @@
 // The time zone of another host, asked of its broker.
 #include <rvzd/client/rvzd_clnt/broker_call.h>
-#include <rvzd/client/rvzd_clnt/get_handle.h>
 #include <rvzd/client/rvzd_clnt/host_info.h>
 #include <veliaxdr/rvzd_hosts.h>
 
@@ -11,12 +10,10 @@ namespace {
 
 constexpr int64_t timeout_s = 4;
 
-constexpr Procedure tz_info = {RVZD_PROC_TZ_INFO, nullptr, xdr_rvzd_tz_info_req_t, xdr_rvzd_tz_info_reply_t};
-
 tbs_status_t ask_broker(rvzd_handle_t *handle, int32_t year, clnt_tz_info_t *info) {
     rvzd_tz_info_req_t request = {{}, year};
     rvzd_tz_info_reply_t reply = {};
-    return broker_call(handle, tz_info, request, reply, [&](clnt_stat outcome) {
+    return broker_call(handle, quiet(procedures::tz_info), request, reply, [&](clnt_stat outcome) {
         if (outcome == RPC_SUCCESS && reply.header.status == TBS_ST_OK && info != nullptr)
             clnt_tz_copy(&reply.info, info);
         return status_of_question(outcome, reply.header.status);
@@ -26,23 +23,6 @@ tbs_status_t ask_broker(rvzd_handle_t *handle, int32_t year, clnt_tz_info_t *inf
 } // namespace
 
 tbs_status_t rvzd_tzinfo(int32_t year, const char *host, clnt_tz_info_t **info) {
-    return with_lock(rvzd_call_lock, [&] {
-        rvzd_handle_t *handle = nullptr;
-        const auto give_back = [&] {
-            with_inhibit([&] {
-                rvzd_free_handle(handle);
-                handle = nullptr;
-            });
-        };
-        return with_cleanup(
-            [&] {
-                auto status = rvzd_get_handle_prim_timeout_proto(
-                    {host, default_protocol(), 0, timeout_s, true, false, 0}, &handle);
-                if (status == TBS_ST_OK)
-                    status = ask_broker(handle, year, *info);
-                give_back();
-                return status;
-            },
-            give_back);
-    });
+    const auto ask = [&](rvzd_handle_t *handle) { return ask_broker(handle, year, *info); };
+    return with_handle(question_request(host, timeout_s), ask).status;
 }
