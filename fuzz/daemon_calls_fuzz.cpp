@@ -98,7 +98,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     ServerTable table(launcher);
     table.configure(services(), monotonic_ms());
     const uint32_t protocol = (circumstances & OLDER_PROTOCOL) != 0 ? RVZD_PROTOCOL_V70 : RVZD_PROTOCOL_CURRENT;
-    const Dispatcher dispatcher(RVZD_PROGRAM, RVZD_VERSION, broker_procedures(table, protocol, [] {}));
+    BrokerProcedures procedures(table, [] {});
+    const Dispatcher dispatcher(RVZD_PROGRAM, RVZD_VERSION, procedures.rows(protocol));
     const Caller from = caller((circumstances & FROM_ELSEWHERE) != 0);
     Calls calls;
     RecordAssembler assembler;

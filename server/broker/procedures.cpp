@@ -1,4 +1,4 @@
-// Between wire records and the server table. Reports are taken from this host only: they are told of by process number.
+// Each procedure of the broker: what its record asks of the server table, and what the table's answer is as a record.
 #include <server/broker/procedures.h>
 
 #include <algorithm>
@@ -9,55 +9,35 @@
 #include <server/broker/server_list.h>
 #include <server/loop/handles.h>
 #include <server/messages.h>
-#include <server/rpc/records.h>
 #include <support/fileutl.h>
 
 namespace velia::server {
 
 namespace {
 
-bool_t xdr_nothing(XDR * /*stream*/, char * /*record*/) {
-    return TRUE;
-}
-
-rvzd_contact_reply_t contact(const rvzd_contact_req_t &request, uint32_t protocol) {
-    const uint64_t offered = request.protocol_version;
-    // A client that would rather speak another version is told which one is spoken here.
-    if (offered < RVZD_PROTOCOL_V70 || (protocol == RVZD_PROTOCOL_V70 && offered > protocol))
-        return {reply_header(request.header, TBS_ST_UNSUPPORTED), RVZD_PROTOCOL_V70};
-    return {reply_header(request.header, TBS_ST_OK), std::min<uint64_t>(offered, protocol)};
-}
-
 FindRequest find_request(const rvzd_find_server_req_t &request, const Caller &caller) {
     return {request.trait, request.uuid, request.path != nullptr ? request.path : "", address_text(caller.peer)};
 }
 
-rvzd_find_server_reply_t find_reply(const rvzd_hdr_req_t &header, const FindAnswer &answer) {
-    return {reply_header(header, answer.status), 0, answer.uuid, unowned(answer.path), answer.ports};
+void fill(const FindAnswer &answer, tbs_status_t & /*status*/, rvzd_find_server_reply_t &reply) {
+    reply.uuid = answer.uuid;
+    reply.path = unowned(answer.path);
+    reply.ports = answer.ports;
 }
 
 // One IPv4 address is all that this form can tell; a server without one is not there for its caller.
-rvzd_find_server_v70_reply_t find_v70_reply(const rvzd_hdr_req_t &header, const FindAnswer &answer) {
-    rvzd_find_server_v70_reply_t reply = {
-        reply_header(header, answer.status), 0, answer.uuid, unowned(answer.path), {}};
-    if (answer.status != TBS_ST_OK)
-        return reply;
-    reply.header.status = TBS_ST_UNSUPPORTED;
+void fill(const FindAnswer &answer, tbs_status_t &status, rvzd_find_server_v70_reply_t &reply) {
+    reply.uuid = answer.uuid;
+    reply.path = unowned(answer.path);
+    if (status != TBS_ST_OK)
+        return;
     for (uint32_t i = 0; i < answer.ports.count; ++i)
         if (answer.ports.ports[i].family == AF_INET) {
-            reply.header.status = TBS_ST_OK;
             reply.address.sin_family = AF_INET;
             reply.address.sin_port = htons(static_cast<uint16_t>(answer.ports.ports[i].port));
-            break;
+            return;
         }
-    return reply;
-}
-
-rvzd_list_servers_reply_t list(const ServerTable &table, const rvzd_list_servers_req_t &request) {
-    static ServerListPiece piece; // lives until the reply is encoded, which is before the next one is made
-    piece = list_servers(table.processes(), request.cookie, request.size);
-    return {reply_header(request.header, TBS_ST_OK), request.cookie, piece.records.size(),
-            static_cast<tbs_boolean_t>(piece.at_end), piece.records.data()};
+    status = TBS_ST_UNSUPPORTED;
 }
 
 // "//host/rest" of this host is "/rest" here.
@@ -72,132 +52,119 @@ tbs_status_t local_path(const rvzd_get_local_path_req_t &request, std::string &p
     return path.size() < request.size ? TBS_ST_OK : TBS_ST_NAME_TOO_LONG;
 }
 
-class Rows {
-public:
-    Rows(ServerTable &table, uint32_t protocol, std::function<void()> on_change)
-        : table_(table), protocol_(protocol), on_change_(std::move(on_change)) {}
-
-    std::vector<Procedure> take() {
-        add_plain();
-        add_finds();
-        add_reports();
-        add_administration();
-        return std::move(rows_);
-    }
-
-private:
-    // A row whose answer is known at once.
-    template <class Request, class Reply, class Work>
-    void add(uint32_t number, bool_t (*request_routine)(XDR *, Request *), bool_t (*reply_routine)(XDR *, Reply *),
-             Work work) {
-        rows_.push_back(make_prompt_procedure(number, request_routine, reply_routine, work));
-    }
-
-    // A server's report: a status in an empty reply.
-    template <class Request, class Work>
-    void add_report(uint32_t number, bool_t (*request_routine)(XDR *, Request *), Work work) {
-        const auto judged = [work, on_change = on_change_](const Request &request, const Caller &caller) {
-            const tbs_status_t status = is_from_this_host(caller) ? work(request) : tbs_status_t{TBS_ST_NO_ACCESS};
-            on_change();
-            return rvzd_null_reply_t{reply_header(request.header, status)};
-        };
-        add(number, request_routine, xdr_rvzd_null_reply_t, judged);
-    }
-
-    // A find, whose answer may have to wait; `make_reply` turns it into the record of its form.
-    template <class Reply, class MakeReply>
-    void add_find(uint32_t number, bool_t (*reply_routine)(XDR *, Reply *), MakeReply make_reply) {
-        rows_.push_back(make_procedure<rvzd_find_server_req_t, Reply>(
-            number, true, xdr_rvzd_find_server_req_t, reply_routine,
-            [&table = table_, make_reply, on_change = on_change_](const rvzd_find_server_req_t &request,
-                                                                  const Caller &caller, const Answer<Reply> &answer) {
-                table.find(find_request(request, caller), monotonic_ms(),
-                           [header = request.header, make_reply, answer](const FindAnswer &found) {
-                               answer(make_reply(header, found));
-                           });
-                on_change();
-            }));
-    }
-
-    void add_plain() {
-        rows_.push_back(
-            make_procedure<char, char>(NULLPROC, false, xdr_nothing, xdr_nothing,
-                                       [](const char &, const Caller &, const Answer<char> &answer) { answer('\0'); }));
-        add(RVZD_PROC_CONTACT, xdr_rvzd_contact_req_t, xdr_rvzd_contact_reply_t,
-            [protocol = protocol_](const rvzd_contact_req_t &request, const Caller &) {
-                return contact(request, protocol);
-            });
-        const auto lister = [&table = table_](const rvzd_list_servers_req_t &request, const Caller &) {
-            return list(table, request);
-        };
-        add(RVZD_PROC_LIST_SERVERS_V70, xdr_rvzd_list_servers_req_t, xdr_rvzd_list_servers_v70_reply_t, lister);
-        if (protocol_ == RVZD_PROTOCOL_CURRENT)
-            add(RVZD_PROC_LIST_SERVERS, xdr_rvzd_list_servers_req_t, xdr_rvzd_list_servers_reply_t, lister);
-    }
-
-    void add_finds() {
-        add_find(RVZD_PROC_FIND_SERVER_V70, xdr_rvzd_find_server_v70_reply_t, find_v70_reply);
-        if (protocol_ == RVZD_PROTOCOL_CURRENT)
-            add_find(RVZD_PROC_FIND_SERVER, xdr_rvzd_find_server_reply_t, find_reply);
-    }
-
-    void add_reports() {
-        ServerTable &table = table_;
-        add_report(RVZD_PROC_REGISTER_SERVER, xdr_rvzd_register_server_req_t,
-                   [&table](const rvzd_register_server_req_t &request) {
-                       const std::string path = request.path != nullptr ? request.path : "";
-                       return table.register_server({request.trait, request.uuid, path, request.ports, request.pid},
-                                                    monotonic_ms());
-                   });
-        add_report(RVZD_PROC_SERVER_IDLE, xdr_rvzd_server_idle_req_t, [&table](const rvzd_server_idle_req_t &request) {
-            return table.report_idle(request.pid, request.flag != 0, monotonic_ms());
-        });
-        add_report(RVZD_PROC_SERVER_BUSY, xdr_rvzd_server_busy_req_t, [&table](const rvzd_server_busy_req_t &request) {
-            return table.report_busy(request.pid, monotonic_ms());
-        });
-        add_report(RVZD_PROC_SERVER_ALTERNATE_UUID, xdr_rvzd_server_alternate_uuid_req_t,
-                   [&table](const rvzd_server_alternate_uuid_req_t &request) {
-                       return table.add_alternate_uuid(request.pid, request.uuid);
-                   });
-        add_report(RVZD_PROC_SCHED_INFO, xdr_rvzd_sched_info_req_t, [&table](const rvzd_sched_info_req_t &request) {
-            return table.keep_sched_info(request.pid, {request.uuid, request.pair});
-        });
-    }
-
-    void add_administration() {
-        add(RVZD_PROC_GET_LOCAL_PATH, xdr_rvzd_get_local_path_req_t, xdr_rvzd_get_local_path_reply_t,
-            [](const rvzd_get_local_path_req_t &request, const Caller &) {
-                static std::string path; // as the list above
-                const auto status = local_path(request, path);
-                return rvzd_get_local_path_reply_t{reply_header(request.header, status), unowned(path),
-                                                   path.size() + 1};
-            });
-        // A refusal is the toggling's own status: clients are told nothing of the header's.
-        add(RVZD_PROC_TOGGLE_SERVER_RESTART, xdr_rvzd_toggle_server_restart_req_t,
-            xdr_rvzd_toggle_server_restart_reply_t,
-            [&table = table_, on_change = on_change_](const rvzd_toggle_server_restart_req_t &request,
-                                                      const Caller &caller) {
-                tbs_status_t status = TBS_ST_NO_ACCESS;
-                if (is_privileged(caller))
-                    status = table.toggle_restart(request.name, request.enable != 0, monotonic_ms());
-                else
-                    print(IMSG_WARNING, RVZD_MSG_NOT_PRIVILEGED);
-                on_change();
-                return rvzd_toggle_server_restart_reply_t{reply_header(request.header, TBS_ST_OK), {status}};
-            });
-    }
-
-    ServerTable &table_;
-    uint32_t protocol_;
-    std::function<void()> on_change_;
-    std::vector<Procedure> rows_;
-};
+// Reports are taken from this host only: they tell of a server by its process number.
+template <class Take>
+tbs_status_t status_of_report(const Caller &caller, const std::function<void()> &on_change, Take &&take) {
+    const tbs_status_t status = is_from_this_host(caller) ? take() : tbs_status_t{TBS_ST_NO_ACCESS};
+    on_change();
+    return status;
+}
 
 } // namespace
 
-std::vector<Procedure> broker_procedures(ServerTable &table, uint32_t protocol,
-                                         const std::function<void()> &on_change) {
-    return Rows(table, protocol, on_change).take();
+std::vector<ServedProcedure> BrokerProcedures::rows(uint32_t protocol) {
+    using P = BrokerProcedures;
+    protocol_ = protocol;
+    std::vector<ServedProcedure> rows = {
+        serve<procedures::contact, &P::contact>(*this),
+        serve<procedures::list_servers_v70, &P::list_servers>(*this),
+        serve<procedures::find_server_v70, &P::find<rvzd_find_server_v70_reply_t>>(*this),
+        serve<procedures::register_server, &P::register_server>(*this),
+        serve<procedures::server_idle, &P::server_idle>(*this),
+        serve<procedures::server_busy, &P::server_busy>(*this),
+        serve<procedures::server_alternate_uuid, &P::add_uuid>(*this),
+        serve<procedures::sched_info, &P::sched_info>(*this),
+        serve<procedures::get_local_path, &P::get_local_path>(*this),
+        serve<procedures::toggle_server_restart, &P::toggle_server_restart>(*this),
+    };
+    if (protocol == RVZD_PROTOCOL_CURRENT) {
+        rows.push_back(serve<procedures::list_servers, &P::list_servers>(*this));
+        rows.push_back(serve<procedures::find_server, &P::find<rvzd_find_server_reply_t>>(*this));
+    }
+    return rows;
+}
+
+// A client that would rather speak another version is told which one is spoken here.
+tbs_status_t BrokerProcedures::contact(const rvzd_contact_req_t &request, const Caller & /*caller*/,
+                                       Reply<rvzd_contact_reply_t> &reply) {
+    const uint64_t offered = request.protocol_version;
+    const bool is_spoken = offered >= RVZD_PROTOCOL_V70 && (protocol_ != RVZD_PROTOCOL_V70 || offered <= protocol_);
+    reply.record.protocol_version = is_spoken ? std::min<uint64_t>(offered, protocol_) : uint64_t{RVZD_PROTOCOL_V70};
+    return is_spoken ? TBS_ST_OK : TBS_ST_UNSUPPORTED;
+}
+
+tbs_status_t BrokerProcedures::list_servers(const rvzd_list_servers_req_t &request, const Caller & /*caller*/,
+                                            Reply<rvzd_list_servers_reply_t> &reply) {
+    auto &piece = reply.arena.keep(velia::server::list_servers(table_.processes(), request.cookie, request.size));
+    reply.record.cookie = request.cookie;
+    reply.record.size = piece.records.size();
+    reply.record.at_end = static_cast<tbs_boolean_t>(piece.at_end);
+    reply.record.buffer = piece.records.data();
+    return TBS_ST_OK;
+}
+
+template <class Record>
+void BrokerProcedures::find(const rvzd_find_server_req_t &request, const Caller &caller, Answer<Record> answer) {
+    table_.find(find_request(request, caller), monotonic_ms(), [answer](const FindAnswer &found) {
+        Record reply = {};
+        tbs_status_t status = found.status;
+        fill(found, status, reply);
+        answer(status, reply);
+    });
+    on_change_();
+}
+
+tbs_status_t BrokerProcedures::register_server(const rvzd_register_server_req_t &request, const Caller &caller,
+                                               EmptyReply & /*reply*/) {
+    return status_of_report(caller, on_change_, [&] {
+        const std::string path = request.path != nullptr ? request.path : "";
+        return table_.register_server({request.trait, request.uuid, path, request.ports, request.pid}, monotonic_ms());
+    });
+}
+
+tbs_status_t BrokerProcedures::server_idle(const rvzd_server_idle_req_t &request, const Caller &caller,
+                                           EmptyReply & /*reply*/) {
+    return status_of_report(caller, on_change_,
+                            [&] { return table_.report_idle(request.pid, request.flag != 0, monotonic_ms()); });
+}
+
+tbs_status_t BrokerProcedures::server_busy(const rvzd_server_busy_req_t &request, const Caller &caller,
+                                           EmptyReply & /*reply*/) {
+    return status_of_report(caller, on_change_, [&] { return table_.report_busy(request.pid, monotonic_ms()); });
+}
+
+tbs_status_t BrokerProcedures::add_uuid(const rvzd_server_alternate_uuid_req_t &request, const Caller &caller,
+                                        EmptyReply & /*reply*/) {
+    return status_of_report(caller, on_change_, [&] { return table_.add_alternate_uuid(request.pid, request.uuid); });
+}
+
+tbs_status_t BrokerProcedures::sched_info(const rvzd_sched_info_req_t &request, const Caller &caller,
+                                          EmptyReply & /*reply*/) {
+    return status_of_report(caller, on_change_, [&] {
+        return table_.keep_sched_info(request.pid, {request.uuid, request.pair});
+    });
+}
+
+tbs_status_t BrokerProcedures::get_local_path(const rvzd_get_local_path_req_t &request, const Caller & /*caller*/,
+                                              Reply<rvzd_get_local_path_reply_t> &reply) {
+    std::string path;
+    const auto status = local_path(request, path);
+    reply.record.size = path.size() + 1;
+    reply.record.path = reply.arena.text(std::move(path));
+    return status;
+}
+
+// A refusal is the toggling's own status: clients are told nothing of the header's.
+tbs_status_t BrokerProcedures::toggle_server_restart(const rvzd_toggle_server_restart_req_t &request,
+                                                     const Caller &caller,
+                                                     Reply<rvzd_toggle_server_restart_reply_t> &reply) {
+    reply.record.toggle.status = TBS_ST_NO_ACCESS;
+    if (is_privileged(caller))
+        reply.record.toggle.status = table_.toggle_restart(request.name, request.enable != 0, monotonic_ms());
+    else
+        print(IMSG_WARNING, RVZD_MSG_NOT_PRIVILEGED);
+    on_change_();
+    return TBS_ST_OK;
 }
 
 } // namespace velia::server

@@ -7,11 +7,8 @@
 #include <csignal>
 #include <cstring>
 
-#include <server/broker/procedures.h>
 #include <server/clients/client_file.h>
-#include <server/clients/procedures.h>
 #include <server/messages.h>
-#include <server/registry/procedures.h>
 #include <support/tbs.h>
 
 namespace velia::server {
@@ -47,9 +44,10 @@ Daemon::Daemon(uv_loop_t *loop, Listeners listeners, std::string config_file, co
       launcher_(loop, listeners.server_addresses,
                 [this](int32_t pid, const ServerTable::ExitStatus &status) { process_exited(pid, status); }),
       table_(launcher_), registry_(loop), client_file_(private_file(client_file_name)),
-      dispatcher_(RVZD_PROGRAM, RVZD_VERSION, {}), due_timer_(loop, [this] { run_due(); }),
-      stop_timer_(loop, [this] { stop(); }), save_timer_(loop, [this] { save_clients(); }),
-      role_timer_(loop, [this] { registry_.take_role(); }) {
+      broker_procedures_(table_, [this] { schedule(); }), client_procedures_(clients_, [this] { save_clients_soon(); }),
+      registry_procedures_(registry_), dispatcher_(RVZD_PROGRAM, RVZD_VERSION, {}),
+      due_timer_(loop, [this] { run_due(); }), stop_timer_(loop, [this] { stop(); }),
+      save_timer_(loop, [this] { save_clients(); }), role_timer_(loop, [this] { registry_.take_role(); }) {
     read_client_file(client_file_, clients_);
     for (auto &fd : listeners.udp)
         udp_endpoints_.push_back(std::make_unique<UdpEndpoint>(loop, std::move(fd), dispatcher_));
@@ -77,9 +75,8 @@ void Daemon::apply(const Configuration &configuration) {
     registry_.set_copy_interval(configuration.options.registry_copy_s);
     registry_.take_role();
     const uint32_t protocol = configuration.options.protocol;
-    auto procedures = broker_procedures(table_, protocol, [this] { schedule(); });
-    for (auto &&more :
-         {client_procedures(clients_, protocol, [this] { save_clients_soon(); }), registry_procedures(registry_)})
+    auto procedures = broker_procedures_.rows(protocol);
+    for (const auto &more : {client_procedures_.rows(protocol), registry_procedures_.rows()})
         procedures.insert(procedures.end(), more.begin(), more.end());
     dispatcher_.set_procedures(std::move(procedures));
     for (const auto &endpoint : tcp_endpoints_)

@@ -5,12 +5,15 @@
 #include <string>
 #include <vector>
 
+#include <server/broker/procedures.h>
 #include <server/broker/process_launcher.h>
 #include <server/broker/server_table.h>
 #include <server/clients/client_list.h>
+#include <server/clients/procedures.h>
 #include <server/config/configuration.h>
 #include <server/daemon/listeners.h>
 #include <server/daemon/readiness.h>
+#include <server/registry/procedures.h>
 #include <server/registry/service.h>
 #include <server/rpc/tcp_endpoint.h>
 #include <server/rpc/udp_endpoint.h>
@@ -45,6 +48,9 @@ private:
     RegistryService registry_;
     ClientList clients_;
     std::string client_file_;
+    BrokerProcedures broker_procedures_;
+    ClientProcedures client_procedures_;
+    RegistryProcedures registry_procedures_;
     Dispatcher dispatcher_;
     std::vector<std::unique_ptr<UdpEndpoint>> udp_endpoints_;
     std::vector<std::unique_ptr<TcpEndpoint>> tcp_endpoints_;

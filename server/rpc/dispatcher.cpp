@@ -5,16 +5,24 @@
 
 namespace velia::server {
 
-Dispatcher::Dispatcher(uint32_t program, uint32_t version, std::vector<Procedure> procedures)
+namespace {
+
+bool_t xdr_nothing(XDR * /*stream*/, void * /*record*/) {
+    return TRUE;
+}
+
+} // namespace
+
+Dispatcher::Dispatcher(uint32_t program, uint32_t version, std::vector<ServedProcedure> procedures)
     : program_(program), version_(version), procedures_(std::move(procedures)) {}
 
-void Dispatcher::set_procedures(std::vector<Procedure> procedures) {
+void Dispatcher::set_procedures(std::vector<ServedProcedure> procedures) {
     procedures_ = std::move(procedures);
 }
 
-const Procedure *Dispatcher::find(const CallHeader &header) const {
+const ServedProcedure *Dispatcher::find(uint32_t number) const {
     const auto row = std::find_if(procedures_.begin(), procedures_.end(),
-                                  [&](const Procedure &procedure) { return procedure.number == header.procedure; });
+                                  [&](const ServedProcedure &procedure) { return procedure.number == number; });
     return row != procedures_.end() ? &*row : nullptr;
 }
 
@@ -22,7 +30,7 @@ bool Dispatcher::must_run_once(Bytes message) const {
     const CallHeader header = read_call_header(message);
     if (header.fault != CallFault::none || header.program != program_ || header.version != version_)
         return false;
-    const Procedure *procedure = find(header);
+    const ServedProcedure *procedure = find(header.procedure);
     return procedure != nullptr && procedure->runs_once;
 }
 
@@ -47,15 +55,17 @@ void Dispatcher::run(const CallHeader &header, const Caller &caller, const Reply
         return sink(encode_refusal(header.xid, PROG_UNAVAIL));
     if (header.version != version_)
         return sink(encode_refusal(header.xid, PROG_MISMATCH, version_, version_));
-    const Procedure *procedure = find(header);
-    if (procedure == nullptr)
+    if (header.procedure == NULLPROC)
+        return sink(encode_success(header.xid, reinterpret_cast<xdrproc_t>(xdr_nothing), nullptr));
+    const ServedProcedure *procedure = find(header.procedure);
+    if (procedure == nullptr || (procedure->over_tcp_only && caller.transport != RVZD_PROTOCOL_TCP))
         return sink(encode_refusal(header.xid, PROC_UNAVAIL));
     XDR arguments;
     auto *bytes = const_cast<unsigned char *>(header.arguments.data()); // only read
     xdrmem_create(&arguments, reinterpret_cast<char *>(bytes), static_cast<u_int>(header.arguments.size()), XDR_DECODE);
     Caller known = caller;
     known.credentials = header.credentials;
-    const bool is_decoded = procedure->run(arguments, header.xid, known, sink);
+    const bool is_decoded = procedure->run(procedure->owner, arguments, {header.xid, known, sink});
     xdr_destroy(&arguments);
     if (!is_decoded)
         sink(encode_refusal(header.xid, GARBAGE_ARGS));

@@ -3,8 +3,6 @@
 #pragma once
 
 #include <functional>
-#include <memory>
-#include <type_traits>
 #include <vector>
 
 #include <server/rpc/call_header.h>
@@ -16,41 +14,30 @@ namespace velia::server {
 // Where the reply of one call goes.
 using ReplySink = std::function<void(MessageBytes)>;
 
-// Gives a procedure's results; the record need only live for the call.
-template <class Reply>
-using Answer = std::function<void(Reply)>;
-
-// A row of a program's table: the work takes the arguments off the stream, false when they are garbage.
-struct Procedure {
-    uint32_t number;
-    bool runs_once; // a call that is sent again must not be run again
-    std::function<bool(XDR &arguments, uint32_t xid, const Caller &caller, const ReplySink &sink)> run;
+// One call that is being answered.
+struct Call {
+    uint32_t xid;
+    const Caller &caller;
+    const ReplySink &sink;
 };
 
-// The row of a procedure with a request record and a reply record. `work(request, caller, answer)` runs it.
-template <class Request, class Reply>
-Procedure
-make_procedure(uint32_t number, bool runs_once, bool_t (*request_routine)(XDR *, Request *),
-               bool_t (*reply_routine)(XDR *, Reply *),
-               std::type_identity_t<std::function<void(const Request &, const Caller &, const Answer<Reply> &)>> work) {
-    return {number, runs_once, [=](XDR &arguments, uint32_t xid, const Caller &caller, const ReplySink &sink) {
-                Request request = {};
-                const bool is_decoded = request_routine(&arguments, &request) != FALSE;
-                if (is_decoded)
-                    work(request, caller, [xid, sink, reply_routine](Reply reply) {
-                        sink(encode_success(xid, reinterpret_cast<xdrproc_t>(reply_routine), &reply));
-                    });
-                xdr_free(reinterpret_cast<xdrproc_t>(request_routine), &request);
-                return is_decoded;
-            }};
-}
+// A row of a program's table; serve.h makes it of a procedure and who does its work.
+struct ServedProcedure {
+    uint32_t number;
+    bool runs_once; // a call that is sent again must not be run again
+    bool over_tcp_only;
+    void *owner; // has to outlive the table
+    // Takes the arguments off the stream and runs the work; false when they are garbage.
+    bool (*run)(void *owner, XDR &arguments, const Call &call);
+};
 
+// Procedure 0 of the program, which answers nothing to nothing, needs no row.
 class Dispatcher {
 public:
-    Dispatcher(uint32_t program, uint32_t version, std::vector<Procedure> procedures);
+    Dispatcher(uint32_t program, uint32_t version, std::vector<ServedProcedure> procedures);
 
     // Replaces the table, for the calls to come.
-    void set_procedures(std::vector<Procedure> procedures);
+    void set_procedures(std::vector<ServedProcedure> procedures);
 
     // Runs one call message. The sink is called at once, later, or, for what is no call, never.
     void dispatch(Bytes message, const Caller &caller, const ReplySink &sink) const;
@@ -59,12 +46,12 @@ public:
     bool must_run_once(Bytes message) const;
 
 private:
-    const Procedure *find(const CallHeader &header) const;
+    const ServedProcedure *find(uint32_t number) const;
     void run(const CallHeader &header, const Caller &caller, const ReplySink &sink) const;
 
     uint32_t program_;
     uint32_t version_;
-    std::vector<Procedure> procedures_;
+    std::vector<ServedProcedure> procedures_;
 };
 
 } // namespace velia::server

@@ -44,9 +44,11 @@ protected:
         Caller caller;
         caller.transport = RVZD_PROTOCOL_UDP;
         MessageBytes reply;
-        for (const Procedure &procedure : client_procedures(list, RVZD_PROTOCOL_CURRENT, [] {}))
+        const ReplySink keep_reply = [&](MessageBytes message) { reply = message; };
+        ClientProcedures procedures(list, [] {});
+        for (const ServedProcedure &procedure : procedures.rows(RVZD_PROTOCOL_CURRENT))
             if (procedure.number == RVZD_PROC_CLNT_LIST_GET) {
-                EXPECT_TRUE(procedure.run(stream, 1, caller, [&](MessageBytes message) { reply = message; }));
+                EXPECT_TRUE(procedure.run(procedure.owner, stream, {1, caller, keep_reply}));
             }
         return reply;
     }

@@ -112,17 +112,16 @@ protected:
     sockaddr_in address = {};
     UniqueFd listener;
     std::vector<ReplySink> unanswered;
-    Dispatcher dispatcher{program,
-                          3,
-                          {{ping, false,
-                            [](XDR &, uint32_t xid, const Caller &, const ReplySink &sink) {
-                                sink(encode_refusal(xid, GARBAGE_ARGS));
-                                return true;
-                            }},
-                           {long_work, false, [this](XDR &, uint32_t, const Caller &, const ReplySink &sink) {
-                                unanswered.push_back(sink);
-                                return true;
-                            }}}};
+    static bool refuse(void * /*owner*/, XDR & /*arguments*/, const Call &call) {
+        call.sink(encode_refusal(call.xid, GARBAGE_ARGS));
+        return true;
+    }
+    static bool leave_unanswered(void *owner, XDR & /*arguments*/, const Call &call) {
+        static_cast<Connections *>(owner)->unanswered.push_back(call.sink);
+        return true;
+    }
+    Dispatcher dispatcher{
+        program, 3, {{ping, false, false, this, refuse}, {long_work, false, false, this, leave_unanswered}}};
     std::optional<TcpEndpoint> endpoint;
 };
 

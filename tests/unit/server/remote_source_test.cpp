@@ -11,11 +11,12 @@
 #include <sys/socket.h>
 
 #include <server/registry/remote_source.h>
-#include <server/rpc/records.h>
+#include <server/rpc/serve.h>
 #include <server/rpc/tcp_endpoint.h>
 #include <veliaxdr/rgy_wire.h>
 
 using namespace velia::server;
+namespace procedures = velia::procedures;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
@@ -86,64 +87,56 @@ private:
         std::ofstream(root_ / name) << text;
     }
 
-    std::vector<Procedure> procedures() {
-        return {make_prompt_procedure<rvzd_contact_req_t, rvzd_contact_reply_t>(
-                    RVZD_PROC_CONTACT, xdr_rvzd_contact_req_t, xdr_rvzd_contact_reply_t,
-                    [](const rvzd_contact_req_t &request, const Caller &) {
-                        rvzd_contact_reply_t reply = {};
-                        reply.header = reply_header(request.header, TBS_ST_OK);
-                        reply.protocol_version = RVZD_PROTOCOL_CURRENT;
-                        return reply;
-                    }),
-                make_prompt_procedure<rvzd_registry_get_dtm_req_t, rvzd_registry_get_dtm_reply_t>(
-                    RVZD_PROC_RGY_GET_DTM, xdr_rvzd_registry_get_dtm_req_t, xdr_rvzd_registry_get_dtm_reply_t,
-                    [this](const rvzd_registry_get_dtm_req_t &request, const Caller &) {
-                        rvzd_registry_get_dtm_reply_t reply = {};
-                        reply.header = reply_header(request.header, other_status);
-                        reply.dtm = pair_of(9);
-                        reply.aux_uuid1.bytes[0] = 8;
-                        return reply;
-                    }),
-                make_prompt_procedure<rvzd_registry_get_backup_req_t, rvzd_registry_get_backup_reply_t>(
-                    RVZD_PROC_RGY_GET_BACKUP, xdr_rvzd_registry_get_backup_req_t, xdr_rvzd_registry_get_backup_reply_t,
-                    [this](const rvzd_registry_get_backup_req_t &request, const Caller &) {
-                        rvzd_registry_get_backup_reply_t reply = {};
-                        reply.header = reply_header(request.header, other_status);
-                        static const std::string hosts(RGY_WIRE_HOST_LIST_MAX, 'h');
-                        reply.host_list = unowned(hosts);
-                        return reply;
-                    }),
-                make_prompt_procedure<rvzd_registry_get_req_t, rvzd_registry_get_reply_t>(
-                    RVZD_PROC_RGY_GET_ENTRY, xdr_rvzd_registry_get_req_t, xdr_rvzd_registry_get_reply_t,
-                    [this](const rvzd_registry_get_req_t &request, const Caller &) { return listing(request); })};
+    using Master = RemoteSourceTest;
+
+    std::vector<ServedProcedure> rows() {
+        return {serve<procedures::contact, &Master::contact>(*this),
+                serve<procedures::rgy_get_dtm, &Master::get_dtm>(*this),
+                serve<procedures::rgy_get_backup, &Master::get_backup>(*this),
+                serve<procedures::rgy_get_entry, &Master::listing>(*this)};
     }
 
-    rvzd_registry_get_reply_t listing(const rvzd_registry_get_req_t &request) {
+    tbs_status_t contact(const rvzd_contact_req_t &, const Caller &, Reply<rvzd_contact_reply_t> &reply) {
+        reply.record.protocol_version = RVZD_PROTOCOL_CURRENT;
+        return TBS_ST_OK;
+    }
+
+    tbs_status_t get_dtm(const rvzd_registry_get_dtm_req_t &, const Caller &,
+                         Reply<rvzd_registry_get_dtm_reply_t> &reply) {
+        reply.record.dtm = pair_of(9);
+        reply.record.aux_uuid1.bytes[0] = 8;
+        return other_status;
+    }
+
+    tbs_status_t get_backup(const rvzd_registry_get_backup_req_t &, const Caller &,
+                            Reply<rvzd_registry_get_backup_reply_t> &reply) {
+        reply.record.host_list = reply.arena.text(std::string(RGY_WIRE_HOST_LIST_MAX, 'h'));
+        return other_status;
+    }
+
+    tbs_status_t listing(const rvzd_registry_get_req_t &request, const Caller &,
+                         Reply<rvzd_registry_get_reply_t> &reply) {
         if (request.cursor == 0)
             ++listings;
-        page_ = page_at(request.cursor);
-        entries_.clear();
-        for (const auto &record : page_.records)
-            entries_.push_back({record.id, unowned(record.flex_text)});
-        rvzd_registry_get_reply_t reply = {};
-        reply.header = reply_header(request.header, page_.status);
-        reply.version = RGY_PROTOCOL_VERSION;
-        reply.dtm = pair_of(page_.stamp);
-        reply.cursor = page_.cursor;
-        reply.count = static_cast<int64_t>(entries_.size());
-        reply.entries = entries_.data();
-        return reply;
+        auto &page = reply.arena.keep(page_at(request.cursor));
+        auto &entries = reply.arena.keep(std::vector<rgy_svr_entry_t>());
+        for (const auto &record : page.records)
+            entries.push_back({record.id, unowned(record.flex_text)});
+        reply.record.version = RGY_PROTOCOL_VERSION;
+        reply.record.dtm = pair_of(page.stamp);
+        reply.record.cursor = page.cursor;
+        reply.record.count = static_cast<int64_t>(entries.size());
+        reply.record.entries = entries.data();
+        return page.status;
     }
 
     std::filesystem::path root_;
     uint16_t port_ = 0;
     uv_loop_t loop_ = {};
     uv_async_t end_ = {};
-    Dispatcher dispatcher_{RVZD_PROGRAM, RVZD_VERSION, procedures()};
+    Dispatcher dispatcher_{RVZD_PROGRAM, RVZD_VERSION, rows()};
     std::unique_ptr<TcpEndpoint> endpoint_;
     std::thread thread_;
-    Page page_;
-    std::vector<rgy_svr_entry_t> entries_;
 };
 
 TEST_F(RemoteSourceTest, PagesAreReadToTheEnd) {

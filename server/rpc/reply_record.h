@@ -1,0 +1,38 @@
+// A reply on its way out: the record that is encoded, and an arena for what the record only points to.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace velia::server {
+
+// Owns what was given to it, until it goes itself.
+class Arena {
+public:
+    template <class Held>
+    Held &keep(Held value) {
+        const auto held = std::make_shared<Held>(std::move(value));
+        held_.push_back(held);
+        return *held;
+    }
+
+    // A text as records hold it; encoding only reads it.
+    char *text(std::string value) { return keep(std::move(value)).data(); }
+
+private:
+    std::vector<std::shared_ptr<void>> held_;
+};
+
+template <class Record>
+struct Reply {
+    Record record = {};
+    Arena arena;
+};
+
+// A text that outlives the reply, as records hold it.
+inline char *unowned(const std::string &text) {
+    return const_cast<char *>(text.c_str());
+}
+
+} // namespace velia::server

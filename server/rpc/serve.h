@@ -1,0 +1,102 @@
+// Rows of the daemon's table: a procedure, and the member function that does its work.
+//
+//     serve<procedures::contact, &BrokerProcedures::contact>(*this)
+//
+// There are three kinds of work, told apart by what they take:
+//
+//     tbs_status_t (const Request &, const Caller &, Reply<Record> &)             answers at once
+//     tbs_status_t (Subject &, const Request &, const Caller &, Reply<Record> &)  the same, with what the owner's
+//                                                                                 subject() has; null: none is served
+//     void (const Request &, const Caller &, Answer<Record>)                      answers at once or later
+//
+// The status goes into the reply's header. An owner that may throw has tell_failure(), which gives the status for it.
+#pragma once
+
+#include <exception>
+
+#include <server/rpc/dispatcher.h>
+#include <server/rpc/reply_record.h>
+#include <veliaxdr/rvzd_procedure_rows.hpp>
+
+namespace velia::server {
+
+// Gives the answer of one call, once.
+template <class Record>
+class Answer {
+public:
+    template <class Request>
+    Answer(const Procedure<Request, Record> &procedure, const Request &request, const Call &call)
+        : reply_routine_(procedure.reply_routine()), xid_(call.xid), sink_(call.sink) {
+        if constexpr (requires { request.header; })
+            sequence_ = request.header.sequence;
+    }
+
+    // The client never looks at the reply's header word; it gets its own sequence number back, which helps whoever
+    // reads a capture.
+    void operator()(tbs_status_t status, Record record) const {
+        if constexpr (requires { record.header; })
+            record.header = {sequence_, status};
+        sink_(encode_success(xid_, reply_routine_, &record));
+    }
+
+private:
+    xdrproc_t reply_routine_;
+    uint32_t xid_;
+    uint64_t sequence_ = 0;
+    ReplySink sink_;
+};
+
+template <class Owner, class Request, class Record>
+using Work = tbs_status_t (Owner::*)(const Request &, const Caller &, Reply<Record> &);
+
+template <class Owner, class Subject, class Request, class Record>
+using WorkOnSubject = tbs_status_t (Owner::*)(Subject &, const Request &, const Caller &, Reply<Record> &);
+
+template <class Owner, class Request, class Record>
+using LaterWork = void (Owner::*)(const Request &, const Caller &, Answer<Record>);
+
+template <class Owner, class Request, class Record>
+void work_and_answer(Owner &owner, Work<Owner, Request, Record> work, const Request &request, const Caller &caller,
+                     const Answer<Record> &answer) {
+    Reply<Record> reply;
+    const auto status = (owner.*work)(request, caller, reply);
+    answer(status, reply.record);
+}
+
+template <class Owner, class Subject, class Request, class Record>
+void work_and_answer(Owner &owner, WorkOnSubject<Owner, Subject, Request, Record> work, const Request &request,
+                     const Caller &caller, const Answer<Record> &answer) {
+    try {
+        Reply<Record> reply;
+        Subject *subject = owner.subject();
+        const auto status =
+            subject != nullptr ? (owner.*work)(*subject, request, caller, reply) : tbs_status_t{TBS_ST_NO_SERVER};
+        answer(status, reply.record);
+    } catch (const std::exception &error) {
+        answer(owner.tell_failure(error.what()), Record{});
+    }
+}
+
+template <class Owner, class Request, class Record>
+void work_and_answer(Owner &owner, LaterWork<Owner, Request, Record> work, const Request &request, const Caller &caller,
+                     const Answer<Record> &answer) {
+    (owner.*work)(request, caller, answer);
+}
+
+template <const auto &procedure, auto work, class Owner>
+bool run_work(void *owner, XDR &arguments, const Call &call) {
+    auto request = procedure.empty_request();
+    const bool is_decoded = procedure.xdr_request(&arguments, &request) != FALSE;
+    if (is_decoded)
+        work_and_answer(*static_cast<Owner *>(owner), work, request, call.caller, Answer(procedure, request, call));
+    xdr_free(procedure.request_routine(), &request);
+    return is_decoded;
+}
+
+template <const auto &procedure, auto work, class Owner>
+ServedProcedure serve(Owner &owner) {
+    return {procedure.number, procedure.runs == Runs::ONCE, procedure.over == Over::TCP, &owner,
+            run_work<procedure, work, Owner>};
+}
+
+} // namespace velia::server
