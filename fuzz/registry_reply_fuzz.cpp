@@ -4,6 +4,7 @@
 
 #include <tests/unit/xdr/samples.h>
 #include <veliaxdr/rgy_wire.h>
+#include <veliaxdr/rvzd_procedures.h>
 
 using namespace wire_tests;
 
@@ -31,19 +32,11 @@ void try_record(const Bytes &input) {
     FUZZ_REQUIRE(first == second);
 }
 
-#define REGISTRY_RECORD(NAME) try_record<NAME, xdr_##NAME>
-
-constexpr void (*records[])(const Bytes &) = {
-    REGISTRY_RECORD(rvzd_registry_get_reply_t),        REGISTRY_RECORD(rvzd_registry_get_db_reply_t),
-    REGISTRY_RECORD(rvzd_registry_get_id_reply_t),     REGISTRY_RECORD(rvzd_registry_get_dtm_reply_t),
-    REGISTRY_RECORD(rvzd_registry_get_backup_reply_t), REGISTRY_RECORD(rvzd_registry_add_reply_t),
-    REGISTRY_RECORD(rvzd_registry_get_req_t),          REGISTRY_RECORD(rvzd_registry_get_pattern_req_t),
-    REGISTRY_RECORD(rvzd_registry_findbystring_req_t), REGISTRY_RECORD(rvzd_registry_findbyattr_req_t),
-    REGISTRY_RECORD(rvzd_registry_findbyuuid_req_t),   REGISTRY_RECORD(rvzd_registry_add_req_t),
-    REGISTRY_RECORD(rvzd_registry_remove_req_t),       REGISTRY_RECORD(rvzd_registry_chk_access_req_t),
-    REGISTRY_RECORD(rvzd_registry_get_db_req_t),       REGISTRY_RECORD(rvzd_registry_clnt_conf_req_t),
-    REGISTRY_RECORD(rvzd_registry_set_backup_req_t),   REGISTRY_RECORD(rgy_svr_entry_t),
-};
+#define RECORDS(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER)                                                    \
+    try_record<REQUEST, xdr_##REQUEST>, try_record<REPLY, xdr_##REPLY>,
+constexpr void (*records[])(const Bytes &) = {RVZD_REGISTRY_PROCEDURES(RECORDS)
+                                                  try_record<rgy_svr_entry_t, xdr_rgy_svr_entry_t>};
+#undef RECORDS
 
 } // namespace
 

@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <support/stg.h>
+#include <tests/wire/stub_records.h>
+#include <veliaxdr/rvzd_procedure_rows.hpp>
 
 using namespace wire_tests;
 
@@ -12,6 +14,26 @@ namespace {
 
 constexpr int samples_of_a_kind = 100;
 constexpr int samples_cut = 4;
+
+// Both records of a procedure with what its description makes of them.
+template <class Stub, class Visit, class Request, class Reply>
+void visit_records(Visit &&visit, const velia::Procedure<Request, Reply> &procedure) {
+    using Twins = StubRecords<Stub>;
+    visit(procedure.name, procedure.xdr_request, routine_of_twin<typename Twins::Request>());
+    visit(procedure.name, procedure.xdr_reply, routine_of_twin<typename Twins::Reply>());
+}
+
+// The language names only the header of a server list's reply.
+template <class Stub, class Visit>
+void visit_records(Visit &&visit,
+                   const velia::Procedure<rvzd_list_servers_req_t, rvzd_list_servers_reply_t> &procedure) {
+    visit(procedure.name, procedure.xdr_request, routine_of_twin<typename StubRecords<Stub>::Request>());
+    if (procedure.number == RVZD_PROC_LIST_SERVERS)
+        visit(procedure.name, procedure.xdr_reply, code_server_list<broker_server_record, xdr_broker_server_record>);
+    else
+        visit(procedure.name, procedure.xdr_reply,
+              code_server_list<broker_server_record_v70, xdr_broker_server_record_v70>);
+}
 
 // Every kind as visit(name, our routine, the routine of its twin).
 template <class Visit>
@@ -24,43 +46,15 @@ void for_each_pair(Visit &&visit) {
     PAIR(clnt_hostinfo_t, hostinfo);
     PAIR(clnt_entry_t, clnt_entry);
     PAIR(clnt_entry_v70_t, clnt_entry_v70);
+    PAIR(clnt_tz_info_t, tz);
     PAIR(rvzd_hdr_req_t, hdr_req);
     PAIR(rvzd_hdr_reply_t, hdr_reply);
-    PAIR(rvzd_null_req_t, null_req);
-    PAIR(rvzd_null_reply_t, null_reply);
-    PAIR(rvzd_contact_req_t, contact_req);
-    PAIR(rvzd_contact_reply_t, contact_reply);
-    PAIR(rvzd_register_server_req_t, register_server_req);
-    PAIR(rvzd_server_idle_req_t, server_idle_req);
-    PAIR(rvzd_server_busy_req_t, server_busy_req);
-    PAIR(rvzd_server_alternate_uuid_req_t, server_alternate_uuid_req);
-    PAIR(rvzd_sched_info_req_t, sched_info_req);
-    PAIR(rvzd_find_server_req_t, find_server_req);
-    PAIR(rvzd_find_server_reply_t, find_server_reply);
-    PAIR(rvzd_find_server_v70_reply_t, find_server_v70_reply);
-    PAIR(rvzd_get_local_path_req_t, get_local_path_req);
-    PAIR(rvzd_get_local_path_reply_t, get_local_path_reply);
-    PAIR(rvzd_clnt_list_get_req_t, clnt_list_get_req);
-    PAIR(rvzd_clnt_list_get_reply_t, clnt_list_get_reply);
-    PAIR(rvzd_clnt_list_get_v70_reply_t, clnt_list_get_v70_reply);
-    PAIR(rvzd_clnt_list_lookup_req_t, clnt_list_lookup_req);
-    PAIR(rvzd_clnt_list_lookup_reply_t, clnt_list_lookup_reply);
-    PAIR(rvzd_clnt_list_lookup_v70_reply_t, clnt_list_lookup_v70_reply);
-    PAIR(rvzd_clnt_list_register_req_t, clnt_list_register_req);
-    PAIR(rvzd_clnt_list_register_reply_t, null_reply);
-    PAIR(rvzd_hostinfo_req_t, null_req);
-    PAIR(rvzd_hostinfo_reply_t, hostinfo_reply);
-    PAIR(rvzd_toggle_server_restart_req_t, toggle_server_restart_req);
-    PAIR(rvzd_toggle_server_restart_reply_t, toggle_server_restart_reply);
-    PAIR(rvzd_remote_build_hi_req_t, remote_build_hi_req);
-    PAIR(rvzd_remote_build_hi_reply_t, remote_build_hi_reply);
-    PAIR(rvzd_list_servers_req_t, list_servers_req);
     PAIR(rvzd_slim_is_slim_reply_t, slim_is_slim_reply);
 #undef PAIR
-    visit("rvzd_list_servers_reply_t", xdr_rvzd_list_servers_reply_t,
-          code_server_list<broker_server_record, xdr_broker_server_record>);
-    visit("rvzd_list_servers_v70_reply_t", xdr_rvzd_list_servers_v70_reply_t,
-          code_server_list<broker_server_record_v70, xdr_broker_server_record_v70>);
+#define PROCEDURE(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER)                                                  \
+    visit_records<decltype(broker_##NAME##_3)>(visit, velia::procedures::NAME);
+    RVZD_BROKER_PROCEDURES(PROCEDURE)
+#undef PROCEDURE
 }
 
 // A port list in a server list comes back changed where the older form had no IPv4 port to send.
@@ -128,25 +122,10 @@ protected:
 TEST_F(Agreement, OfTheProgramsNumbers) {
     EXPECT_EQ(BROKER_PROGRAM, uint32_t{RVZD_PROGRAM});
     EXPECT_EQ(BROKER_VERSION, uint32_t{RVZD_VERSION});
-    EXPECT_EQ(BROKER_CONTACT, uint32_t{RVZD_PROC_CONTACT});
-    EXPECT_EQ(BROKER_REGISTER_SERVER, uint32_t{RVZD_PROC_REGISTER_SERVER});
-    EXPECT_EQ(BROKER_FIND_SERVER_V70, uint32_t{RVZD_PROC_FIND_SERVER_V70});
-    EXPECT_EQ(BROKER_SERVER_IDLE, uint32_t{RVZD_PROC_SERVER_IDLE});
-    EXPECT_EQ(BROKER_SERVER_BUSY, uint32_t{RVZD_PROC_SERVER_BUSY});
-    EXPECT_EQ(BROKER_SCHED_INFO, uint32_t{RVZD_PROC_SCHED_INFO});
-    EXPECT_EQ(BROKER_SERVER_ALTERNATE_UUID, uint32_t{RVZD_PROC_SERVER_ALTERNATE_UUID});
-    EXPECT_EQ(BROKER_LIST_SERVERS_V70, uint32_t{RVZD_PROC_LIST_SERVERS_V70});
-    EXPECT_EQ(BROKER_GET_LOCAL_PATH, uint32_t{RVZD_PROC_GET_LOCAL_PATH});
-    EXPECT_EQ(BROKER_CLNT_LIST_LOOKUP_V70, uint32_t{RVZD_PROC_CLNT_LIST_LOOKUP_V70});
-    EXPECT_EQ(BROKER_CLNT_LIST_GET_V70, uint32_t{RVZD_PROC_CLNT_LIST_GET_V70});
-    EXPECT_EQ(BROKER_HOSTINFO, uint32_t{RVZD_PROC_HOSTINFO});
-    EXPECT_EQ(BROKER_CLNT_LIST_REGISTER, uint32_t{RVZD_PROC_CLNT_LIST_REGISTER});
-    EXPECT_EQ(BROKER_REMOTE_BUILD_HI, uint32_t{RVZD_PROC_REMOTE_BUILD_HI});
-    EXPECT_EQ(BROKER_TOGGLE_SERVER_RESTART, uint32_t{RVZD_PROC_TOGGLE_SERVER_RESTART});
-    EXPECT_EQ(BROKER_FIND_SERVER, uint32_t{RVZD_PROC_FIND_SERVER});
-    EXPECT_EQ(BROKER_LIST_SERVERS, uint32_t{RVZD_PROC_LIST_SERVERS});
-    EXPECT_EQ(BROKER_CLNT_LIST_LOOKUP, uint32_t{RVZD_PROC_CLNT_LIST_LOOKUP});
-    EXPECT_EQ(BROKER_CLNT_LIST_GET, uint32_t{RVZD_PROC_CLNT_LIST_GET});
+#define EXPECT_NUMBER(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER)                                              \
+    EXPECT_EQ(BROKER_##CONSTANT, uint32_t{NUMBER}) << #NAME;
+    RVZD_BROKER_PROCEDURES(EXPECT_NUMBER)
+#undef EXPECT_NUMBER
 }
 
 TEST_F(Agreement, BothSidesProduceTheSameBytesForTheSameRecord) {

@@ -1,11 +1,14 @@
 // The registry's routines against code that rpcgen made of doc/protocol/registry.x: what the one sends the other takes
 // whole and sends again as it was, and both refuse it cut anywhere.
 #include <registry.h>
+#include <registry_routines.h>
 
 #include <gtest/gtest.h>
 
 #include <tests/unit/xdr/samples.h>
+#include <tests/wire/stub_records.h>
 #include <veliaxdr/rgy_wire.h>
+#include <veliaxdr/rvzd_procedures.h>
 
 using namespace wire_tests;
 
@@ -117,34 +120,14 @@ void fill_record(Sampler &s, Record &r) {
 // Every kind as visit(name, our routine, the routine of its twin).
 template <class Visit>
 void for_each_pair(Visit &&visit) {
-#define PAIR(RECORD, TWIN) visit(#RECORD, xdr_rvzd_registry_##RECORD##_t, xdr_registry_##TWIN)
-    PAIR(get_id_req, db_req);
-    PAIR(get_dtm_req, db_req);
-    PAIR(get_req, get_req);
-    PAIR(findbystring_req, findbystring_req);
-    PAIR(findbyattr_req, findbyattr_req);
-    PAIR(findbyuuid_req, findbyuuid_req);
-    PAIR(get_pattern_req, get_pattern_req);
-    PAIR(add_req, add_req);
-    PAIR(remove_req, remove_req);
-    PAIR(chk_access_req, chk_access_req);
-    PAIR(get_db_req, get_db_req);
-    PAIR(clnt_conf_req, clnt_conf_req);
-    PAIR(svr_conf_req, svr_conf_req);
-    PAIR(get_backup_req, get_backup_req);
-    PAIR(set_backup_req, set_backup_req);
-    PAIR(get_id_reply, get_id_reply);
-    PAIR(get_dtm_reply, get_dtm_reply);
-    PAIR(get_reply, get_reply);
-    PAIR(get_db_reply, get_db_reply);
-    PAIR(get_backup_reply, get_backup_reply);
-    PAIR(add_reply, null_reply);
-    PAIR(remove_reply, null_reply);
-    PAIR(chk_access_reply, null_reply);
-    PAIR(clnt_conf_reply, null_reply);
-    PAIR(svr_conf_reply, null_reply);
-    PAIR(set_backup_reply, null_reply);
-#undef PAIR
+#define PROCEDURE(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER)                                                  \
+    {                                                                                                                  \
+        using Twins = StubRecords<decltype(NAME##_3)>;                                                                 \
+        visit(#NAME " request", xdr_##REQUEST, routine_of_twin<Twins::Request>());                                     \
+        visit(#NAME " reply", xdr_##REPLY, routine_of_twin<Twins::Reply>());                                           \
+    }
+    RVZD_REGISTRY_PROCEDURES(PROCEDURE)
+#undef PROCEDURE
 }
 
 template <class Record>
@@ -184,21 +167,10 @@ protected:
 TEST_F(RegistryAgreement, OfTheProgramsNumbers) {
     EXPECT_EQ(REGISTRY_PROGRAM, uint32_t{RVZD_PROGRAM});
     EXPECT_EQ(REGISTRY_VERSION, uint32_t{RVZD_VERSION});
-    EXPECT_EQ(REGISTRY_GET_ID, uint32_t{RVZD_PROC_RGY_GET_ID});
-    EXPECT_EQ(REGISTRY_FINDBYSTRING_ENTRY, uint32_t{RVZD_PROC_RGY_FINDBYSTRING_ENTRY});
-    EXPECT_EQ(REGISTRY_FINDBYUUID_ENTRY, uint32_t{RVZD_PROC_RGY_FINDBYUUID_ENTRY});
-    EXPECT_EQ(REGISTRY_GET_ENTRY, uint32_t{RVZD_PROC_RGY_GET_ENTRY});
-    EXPECT_EQ(REGISTRY_ADD_ENTRY, uint32_t{RVZD_PROC_RGY_ADD_ENTRY});
-    EXPECT_EQ(REGISTRY_REMOVE_ENTRY, uint32_t{RVZD_PROC_RGY_REMOVE_ENTRY});
-    EXPECT_EQ(REGISTRY_CHK_ACCESS, uint32_t{RVZD_PROC_RGY_CHK_ACCESS});
-    EXPECT_EQ(REGISTRY_GET_DTM, uint32_t{RVZD_PROC_RGY_GET_DTM});
-    EXPECT_EQ(REGISTRY_GET_DB_LIST, uint32_t{RVZD_PROC_RGY_GET_DB_LIST});
-    EXPECT_EQ(REGISTRY_CLNT_CONF_CHANGE, uint32_t{RVZD_PROC_RGY_CLNT_CONF_CHANGE});
-    EXPECT_EQ(REGISTRY_SVR_CONF_CHANGE, uint32_t{RVZD_PROC_RGY_SVR_CONF_CHANGE});
-    EXPECT_EQ(REGISTRY_GET_BACKUP, uint32_t{RVZD_PROC_RGY_GET_BACKUP});
-    EXPECT_EQ(REGISTRY_SET_BACKUP, uint32_t{RVZD_PROC_RGY_SET_BACKUP});
-    EXPECT_EQ(REGISTRY_FINDBYATTR_ENTRY, uint32_t{RVZD_PROC_RGY_FINDBYATTR_ENTRY});
-    EXPECT_EQ(REGISTRY_GET_PATTERN_ENTRY, uint32_t{RVZD_PROC_RGY_GET_PATTERN_ENTRY});
+#define EXPECT_NUMBER(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER)                                              \
+    EXPECT_EQ(CONSTANT, uint32_t{NUMBER}) << #NAME;
+    RVZD_REGISTRY_PROCEDURES(EXPECT_NUMBER)
+#undef EXPECT_NUMBER
 }
 
 TEST_F(RegistryAgreement, BothSidesTakeTheBytesWholeAndSendThemAgainAsTheyWere) {

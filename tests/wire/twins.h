@@ -5,6 +5,7 @@
 #include <vector>
 
 #include <broker.h>
+#include <broker_routines.h>
 
 #include <tests/unit/xdr/samples.h>
 
@@ -242,6 +243,28 @@ inline void assign(broker_hostinfo_reply &to, const rvzd_hostinfo_reply_t &from)
 inline void assign(broker_toggle_server_restart_reply &to, const rvzd_toggle_server_restart_reply_t &from) {
     assign_status(to, from);
     to.result.broker_toggle_server_restart_result_u.toggle_status = from.toggle.status;
+}
+
+inline void assign(broker_tz_date &to, const clnt_tz_date_t &from) {
+    to = {from.year, from.month, from.mday, from.wday, from.hour, from.min, from.sec};
+}
+inline void assign(broker_tz &to, const clnt_tz_info_t &from) {
+    to.record_version = from.version;
+    to.flags = from.flags;
+    to.offset = from.offset;
+    to.bias = from.bias;
+    to.st_name = const_cast<char *>(from.st_name);
+    to.dt_name = const_cast<char *>(from.dt_name);
+    assign(to.st_trans, from.st_trans);
+    assign(to.dt_trans, from.dt_trans);
+}
+inline void assign(broker_tz_info_req &to, const rvzd_tz_info_req_t &from) {
+    assign(to.header, from.header);
+    to.year = from.year;
+}
+inline void assign(broker_tz_info_reply &to, const rvzd_tz_info_reply_t &from) {
+    assign_status(to, from);
+    assign(to.result.broker_tz_info_result_u.tz, from.info);
 }
 
 template <class List>

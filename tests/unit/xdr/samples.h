@@ -11,6 +11,8 @@
 
 #include <arpa/inet.h>
 
+#include <veliaxdr/rvzd_hosts.h>
+#include <veliaxdr/rvzd_procedures.h>
 #include <veliaxdr/rvzd_wire.h>
 
 namespace wire_tests {
@@ -279,6 +281,31 @@ inline void fill(Sampler &s, rvzd_list_servers_req_t &r) {
     r.cookie = s.word();
     r.size = s.hyper();
 }
+inline void fill(Sampler &s, clnt_tz_date_t &r) {
+    for (int32_t clnt_tz_date_t::*field :
+         {&clnt_tz_date_t::year, &clnt_tz_date_t::month, &clnt_tz_date_t::mday, &clnt_tz_date_t::wday,
+          &clnt_tz_date_t::hour, &clnt_tz_date_t::min, &clnt_tz_date_t::sec})
+        r.*field = s.signed_word();
+}
+inline void fill(Sampler &s, clnt_tz_info_t &r) {
+    r = {};
+    r.version = s.signed_word();
+    r.flags = static_cast<uint32_t>(s.word());
+    r.offset = s.time();
+    r.bias = s.time();
+    strcpy(r.st_name, s.text(sizeof r.st_name - 1));
+    strcpy(r.dt_name, s.text(sizeof r.dt_name - 1));
+    fill(s, r.st_trans);
+    fill(s, r.dt_trans);
+}
+inline void fill(Sampler &s, rvzd_tz_info_req_t &r) {
+    fill(s, r.header);
+    r.year = s.signed_word();
+}
+inline void fill(Sampler &s, rvzd_tz_info_reply_t &r) {
+    fill(s, r.header);
+    fill(s, r.info);
+}
 inline void fill(Sampler &s, rvzd_slim_is_slim_reply_t &r) {
     fill(s, r.header);
     r.is_slim = s.coin();
@@ -345,41 +372,18 @@ void for_each_kind(Visit &&visit) {
     VISIT(clnt_entry_t);
     VISIT(clnt_entry_v70_t);
     VISIT(clnt_toggle_server_restart_t);
+    VISIT(clnt_tz_info_t);
     VISIT(rvzd_hdr_req_t);
     VISIT(rvzd_hdr_reply_t);
     VISIT(rvzd_null_req_t);
     VISIT(rvzd_null_reply_t);
-    VISIT(rvzd_contact_req_t);
-    VISIT(rvzd_contact_reply_t);
-    VISIT(rvzd_register_server_req_t);
-    VISIT(rvzd_server_idle_req_t);
-    VISIT(rvzd_server_busy_req_t);
-    VISIT(rvzd_server_alternate_uuid_req_t);
-    VISIT(rvzd_sched_info_req_t);
-    VISIT(rvzd_find_server_req_t);
-    VISIT(rvzd_find_server_reply_t);
-    VISIT(rvzd_find_server_v70_reply_t);
-    VISIT(rvzd_get_local_path_req_t);
-    VISIT(rvzd_get_local_path_reply_t);
-    VISIT(rvzd_clnt_list_get_req_t);
-    VISIT(rvzd_clnt_list_get_reply_t);
-    VISIT(rvzd_clnt_list_get_v70_reply_t);
-    VISIT(rvzd_clnt_list_lookup_req_t);
-    VISIT(rvzd_clnt_list_lookup_reply_t);
-    VISIT(rvzd_clnt_list_lookup_v70_reply_t);
-    VISIT(rvzd_clnt_list_register_req_t);
-    VISIT(rvzd_clnt_list_register_reply_t);
-    VISIT(rvzd_hostinfo_req_t);
-    VISIT(rvzd_hostinfo_reply_t);
-    VISIT(rvzd_toggle_server_restart_req_t);
-    VISIT(rvzd_toggle_server_restart_reply_t);
-    VISIT(rvzd_remote_build_hi_req_t);
-    VISIT(rvzd_remote_build_hi_reply_t);
-    VISIT(rvzd_list_servers_req_t);
-    VISIT(rvzd_list_servers_reply_t);
-    VISIT(rvzd_list_servers_v70_reply_t);
     VISIT(rvzd_slim_is_slim_reply_t);
 #undef VISIT
+#define VISIT_PROCEDURE(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER)                                            \
+    visit(#NAME " request", xdr_##REQUEST);                                                                            \
+    visit(#NAME " reply", xdr_##REPLY);
+    RVZD_BROKER_PROCEDURES(VISIT_PROCEDURE)
+#undef VISIT_PROCEDURE
 }
 
 } // namespace wire_tests

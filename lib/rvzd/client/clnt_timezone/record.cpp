@@ -1,4 +1,4 @@
-// The time-zone record: making, copying and reading one, and its wire form.
+// The time-zone record: making, copying and reading one.
 #include "timezone.h"
 
 #include <cstddef>
@@ -6,7 +6,6 @@
 
 #include <support/stg.h>
 #include <support/strutl.h>
-#include <support/xdr_prims.h>
 
 static_assert(sizeof(clnt_tz_date_t) == 28);
 static_assert(sizeof(clnt_tz_info_t) == 208);
@@ -54,18 +53,6 @@ clnt_tz_status_t give_date(const clnt_tz_info_t *info, uint32_t flag, clnt_tz_da
         return CLNT_TZ_INVALID;
     *out = info->*field;
     return CLNT_TZ_OK;
-}
-
-// The longest name on the wire has 64 characters, the field room for 63 of them.
-bool_t xdr_name(XDR *xdrs, char (&name)[CLNT_TZ_NAME_SIZE]) {
-    char *text = name;
-    if (xdrs->x_op == XDR_ENCODE && memchr(name, '\0', sizeof name) == nullptr)
-        return FALSE;
-    return xdr_string(xdrs, &text, CLNT_TZ_NAME_SIZE - 1);
-}
-
-bool_t xdr_field(XDR *xdrs, int32_t *field) {
-    return xdr_ks_uint32_t(xdrs, reinterpret_cast<uint32_t *>(field));
 }
 
 } // namespace
@@ -147,18 +134,4 @@ void clnt_tz_status_msg(clnt_tz_status_t status) {
         return;
     }
     imsg_print(IMSG_ERROR, &_clnt_timezone_rvzd_msg_table, CLNT_TZ_MSG_UNKNOWN_STATUS, static_cast<int>(status));
-}
-
-bool_t xdr_clnt_tz_date_t(XDR *xdrs, clnt_tz_date_t *date) {
-    return xdr_field(xdrs, &date->year) && xdr_field(xdrs, &date->month) && xdr_field(xdrs, &date->mday) &&
-           xdr_field(xdrs, &date->wday) && xdr_field(xdrs, &date->hour) && xdr_field(xdrs, &date->min) &&
-           xdr_field(xdrs, &date->sec);
-}
-
-bool_t xdr_clnt_tz_info_t(XDR *xdrs, clnt_tz_info_t *info) {
-    if (xdrs->x_op == XDR_FREE)
-        return TRUE;
-    return xdr_enum(xdrs, &info->version) && xdr_ks_uint32_t(xdrs, &info->flags) && xdr_time_t(xdrs, &info->offset) &&
-           xdr_time_t(xdrs, &info->bias) && xdr_name(xdrs, info->st_name) && xdr_name(xdrs, info->dt_name) &&
-           xdr_clnt_tz_date_t(xdrs, &info->st_trans) && xdr_clnt_tz_date_t(xdrs, &info->dt_trans);
 }
