@@ -50,8 +50,7 @@ public:
 
 private:
     void tell_failure() const {
-        constexpr int msg_path_failed = 18; // of the support layer's table
-        imsg_print_shared(IMSG_ERROR, "xdr/rvzd", &_tbs_cmsg_tbs_msg_table, msg_path_failed, name_.c_str(),
+        imsg_print_shared(IMSG_ERROR, "xdr/rvzd", &_tbs_cmsg_tbs_msg_table, TBS_MSG_CANNOT_OPEN, name_.c_str(),
                           imsg_strerror(errno));
     }
 

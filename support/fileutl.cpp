@@ -13,14 +13,13 @@
 
 namespace {
 
-constexpr int message_operation_failed = 46;
 constexpr size_t copy_size = 64 * 1024;
 
 int told(const char *operation, int error_number, int flags) {
     if (error_number == 0)
         return 0;
     if ((flags & FILEUTL_QUIET) == 0)
-        imsg_print(IMSG_ERROR, &_tbs_cmsg_tbs_msg_table, message_operation_failed, operation,
+        imsg_print(IMSG_ERROR, &_tbs_cmsg_tbs_msg_table, TBS_MSG_OPERATION_FAILED, operation,
                    imsg_strerror(error_number));
     errno = error_number;
     return error_number;

@@ -3,7 +3,7 @@
 
 namespace {
 
-constexpr size_t message_count = 101;
+constexpr size_t message_count = TBS_MSG_NO_OPTION_HANDLER + 1;
 
 struct Texts {
     const char *rows[message_count];
@@ -17,15 +17,15 @@ constexpr Texts make_texts() {
     Texts texts = {};
     for (const char *&row : texts.rows)
         row = "";
-    texts.rows[0] = "%s";
-    texts.rows[1] = "%s\n";
-    texts.rows[2] = "%s\n";
-    texts.rows[18] = "Unable to open file \"%s\": %s.\n";
-    texts.rows[20] = "Error reading from \"%s\": %s.\n";
-    texts.rows[45] = "Internal error.\n";
-    texts.rows[46] = "Operation \"%s\" failed: %s.\n";
-    texts.rows[47] = "Operation \"%s\" on host \"%s\" failed: %s.\n";
-    texts.rows[100] = "Internal error: an option was recognized but has no handler.\n";
+    texts.rows[TBS_MSG_TEXT] = "%s";
+    texts.rows[TBS_MSG_LINE] = "%s\n";
+    texts.rows[TBS_MSG_FURTHER_LINE] = "%s\n";
+    texts.rows[TBS_MSG_CANNOT_OPEN] = "Unable to open file \"%s\": %s.\n";
+    texts.rows[TBS_MSG_CANNOT_READ] = "Error reading from \"%s\": %s.\n";
+    texts.rows[TBS_MSG_INTERNAL_ERROR] = "Internal error.\n";
+    texts.rows[TBS_MSG_OPERATION_FAILED] = "Operation \"%s\" failed: %s.\n";
+    texts.rows[TBS_MSG_HOST_OPERATION_FAILED] = "Operation \"%s\" on host \"%s\" failed: %s.\n";
+    texts.rows[TBS_MSG_NO_OPTION_HANDLER] = "Internal error: an option was recognized but has no handler.\n";
     return texts;
 }
 

@@ -6,7 +6,8 @@
  *     char path[TBS_PATH_SIZE];
  *     tbs_status_t status = tbs_product_config_dir(path, "hosts.conf");
  *     if (status != TBS_ST_OK)
- *         imsg_print(IMSG_ERROR, &_tbs_cmsg_tbs_msg_table, 46, "config dir", tbs_strerror(status));
+ *         imsg_print(IMSG_ERROR, &_tbs_cmsg_tbs_msg_table, TBS_MSG_OPERATION_FAILED, "config dir",
+ * tbs_strerror(status));
  *
  * An installation lives below one root directory, VELIA_ROOT or else /var/lib/velia: config/ is shared by the site,
  * host/config, host/priv and host/data are this host's, log/ is for logs. All operations may be called from any thread.
@@ -54,8 +55,21 @@ typedef struct tbs_uuid {
 /* Least size of a buffer for tbs_uuid_to_str, the terminator included. */
 enum { TBS_UUID_STR_SIZE = 48 };
 
-/* The support layer's own message table; positions 0, 1, 2, 18, 20, 45, 46, 47 and 100 are in use. */
+/* The support layer's own message table. */
 extern const imsg_table_t _tbs_cmsg_tbs_msg_table;
+
+/* Its positions in use; each names the arguments of its text, all of them strings. */
+enum {
+    TBS_MSG_TEXT = 0,                   /* text, without a line's end */
+    TBS_MSG_LINE = 1,                   /* text */
+    TBS_MSG_FURTHER_LINE = 2,           /* text that goes on with what was printed before */
+    TBS_MSG_CANNOT_OPEN = 18,           /* path, error */
+    TBS_MSG_CANNOT_READ = 20,           /* path, error */
+    TBS_MSG_INTERNAL_ERROR = 45,        /* none */
+    TBS_MSG_OPERATION_FAILED = 46,      /* operation, error */
+    TBS_MSG_HOST_OPERATION_FAILED = 47, /* operation, host, error */
+    TBS_MSG_NO_OPTION_HANDLER = 100,    /* none */
+};
 
 /* The text of a status, never null, not to be freed. Of an unknown one it lives until the same thread asks again. */
 const char *tbs_strerror(tbs_status_t status);

@@ -76,8 +76,7 @@ bool redirect_to_log(const std::string &name) {
     const auto path = log_path(name);
     const UniqueFd fd(open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, log_mode));
     if (!fd || imsg_init_daemon(path.c_str()) != 0) {
-        constexpr int msg_path_failed = 18; // of the support layer's table
-        imsg_print_shared(IMSG_ERROR, "xdr/rvzd", &_tbs_cmsg_tbs_msg_table, msg_path_failed, path.c_str(),
+        imsg_print_shared(IMSG_ERROR, "xdr/rvzd", &_tbs_cmsg_tbs_msg_table, TBS_MSG_CANNOT_OPEN, path.c_str(),
                           imsg_strerror(errno));
         return false;
     }

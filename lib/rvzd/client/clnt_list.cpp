@@ -19,8 +19,6 @@ constexpr char version[] = "1.0";
 constexpr size_t address_size = 1025; // as the resolver's longest name
 constexpr int entering_level = 3;
 constexpr int lines_level = 4;
-constexpr int msg_path_failed = 18;
-constexpr int msg_operation_failed = 46;
 
 struct TextItem {
     const char *key;
@@ -55,8 +53,8 @@ void write_address(FILE *stream, const ks_sockaddr_storage_t &address) {
     char text[address_size] = "";
     if (sysutl_host_numeric(&plain.base, sizeof text, text, 0, 0) != 0) {
         text[0] = '\0';
-        imsg_print_shared(IMSG_ERROR, subsystem, &_tbs_cmsg_tbs_msg_table, msg_operation_failed, "sysutl_host_numeric",
-                          "Unable to resolve numeric hostname and port");
+        imsg_print_shared(IMSG_ERROR, subsystem, &_tbs_cmsg_tbs_msg_table, TBS_MSG_OPERATION_FAILED,
+                          "sysutl_host_numeric", "Unable to resolve numeric hostname and port");
     }
     write_item(stream, "-address", text);
 }
@@ -77,7 +75,7 @@ FILE *open_file(const char *path, tbs_status_t &status) {
     if (stream == nullptr) {
         const int error_number = errno;
         status = tbs_errno2status(error_number);
-        imsg_print_shared(IMSG_ERROR, subsystem, &_tbs_cmsg_tbs_msg_table, msg_path_failed, path,
+        imsg_print_shared(IMSG_ERROR, subsystem, &_tbs_cmsg_tbs_msg_table, TBS_MSG_CANNOT_OPEN, path,
                           imsg_strerror(error_number));
     }
     return stream;

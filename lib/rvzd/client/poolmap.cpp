@@ -18,7 +18,6 @@ constexpr char subsystem[] = "poolmap";
 constexpr char option_name[] = "poolmap";
 constexpr char pair_separator[] = "|";
 constexpr char separator = '/';
-constexpr int msg_internal_error = 45;
 // The place by which a target that does not fit is known in logs, wherever the code moves to.
 constexpr char source_name[] = "poolmap";
 constexpr int source_line = 302;
@@ -168,7 +167,7 @@ bool walk_pairs(const MapInUse &map, size_t size, char *name, tbs_status_t &stat
         if (strutl_cpy_buf(name, map.targets[i].text, size) == 0)
             continue;
         status = TBS_ST_NAME_TOO_LONG;
-        tbs_log_int_error(subsystem, &_tbs_cmsg_tbs_msg_table, msg_internal_error, source_name, source_line, 0);
+        tbs_log_int_error(subsystem, &_tbs_cmsg_tbs_msg_table, TBS_MSG_INTERNAL_ERROR, source_name, source_line, 0);
     }
     return is_matched;
 }

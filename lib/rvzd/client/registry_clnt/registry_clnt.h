@@ -18,8 +18,7 @@ inline constexpr char white_space[] = " \t\n\v\f\r";
 
 // Says that an operation failed, in the support layer's words.
 inline void tell_failed(const char *operation, tbs_status_t status) {
-    constexpr int operation_failed = 46;
-    imsg_print_shared(IMSG_ERROR, subsystem, &_tbs_cmsg_tbs_msg_table, operation_failed, operation,
+    imsg_print_shared(IMSG_ERROR, subsystem, &_tbs_cmsg_tbs_msg_table, TBS_MSG_OPERATION_FAILED, operation,
                       tbs_strerror(status));
 }
 

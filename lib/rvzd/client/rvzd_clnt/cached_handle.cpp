@@ -22,7 +22,6 @@ constexpr int32_t idle_handles_full = 6;
 constexpr int32_t idle_sockets_full = 3;
 constexpr time_t idle_age_max_s = 60;
 constexpr int close_delay_s = 61;
-constexpr int msg_operation_failed = 46;
 
 rvzd_cached_handle_t *rvzd_handle_hash_tb[hash_buckets];
 llist_d_head_t rvzd_handle_lru = {&rvzd_handle_lru, &rvzd_handle_lru};
@@ -110,7 +109,7 @@ void enforce_socket_limit() {
 void arm_close_timer(int delay_s) {
     rvzd_handle_cache_close_h = rt_sched(rvzd_cached_handle_close_check, nullptr, delay_s);
     if (rvzd_handle_cache_close_h == nullptr)
-        tbs_log_int_error(subsystem, &_tbs_cmsg_tbs_msg_table, msg_operation_failed, source_file, __LINE__, 0,
+        tbs_log_int_error(subsystem, &_tbs_cmsg_tbs_msg_table, TBS_MSG_OPERATION_FAILED, source_file, __LINE__, 0,
                           "rt_sched", tbs_strerror(TBS_ST_ERROR));
 }
 

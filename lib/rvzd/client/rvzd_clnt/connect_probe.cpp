@@ -33,8 +33,6 @@ constexpr int tries = 1;
 constexpr int failed_conversion = 1; // what is told of any failed conversion
 
 // Positions in the support layer's own table.
-constexpr int msg_operation_failed = 46;
-constexpr int msg_host_operation_failed = 47;
 
 class DescriptorSet {
 public:
@@ -80,7 +78,8 @@ void trace_line(int severity, const char *format, Arguments... arguments) {
 
 void trace_failure(int severity, const char *operation, const char *error_text) {
     if (is_traced(subsystem, trace_level_probe))
-        imsg_print_shared(severity, subsystem, &_tbs_cmsg_tbs_msg_table, msg_operation_failed, operation, error_text);
+        imsg_print_shared(severity, subsystem, &_tbs_cmsg_tbs_msg_table, TBS_MSG_OPERATION_FAILED, operation,
+                          error_text);
 }
 
 void trace_trying(const Probe &probe, const addrinfo &address, int fd) {
@@ -126,16 +125,16 @@ bool make_room(Probe &probe) {
 int open_socket(Probe &probe, const addrinfo &address) {
     const int fd = socket(address.ai_family, address.ai_socktype, 0);
     if (fd < 0) {
-        report(msg_operation_failed, "socket()", imsg_strerror(errno));
+        report(TBS_MSG_OPERATION_FAILED, "socket()", imsg_strerror(errno));
         return -1;
     }
     if (!DescriptorSet::holds(fd)) {
-        report(msg_operation_failed, "socket()", imsg_strerror(EMFILE));
+        report(TBS_MSG_OPERATION_FAILED, "socket()", imsg_strerror(EMFILE));
         close(fd);
         return -1;
     }
     if (!make_room(probe)) {
-        report(msg_operation_failed, "stg_alloc()", tbs_strerror(TBS_ST_NO_MEMORY));
+        report(TBS_MSG_OPERATION_FAILED, "stg_alloc()", tbs_strerror(TBS_ST_NO_MEMORY));
         close(fd);
         return -1;
     }
@@ -150,7 +149,7 @@ Verdict start_connecting(Probe &probe, const addrinfo &address) {
     trace_trying(probe, address, fd);
     const auto status = sysutl_set_socket_nonblocking(fd, 1);
     if (status != TBS_ST_OK) {
-        report(msg_operation_failed, "sysutl_set_socket_nonblocking()", tbs_strerror(status));
+        report(TBS_MSG_OPERATION_FAILED, "sysutl_set_socket_nonblocking()", tbs_strerror(status));
         close(fd);
         return Verdict::open;
     }
@@ -180,7 +179,7 @@ bool look_up(Probe &probe) {
     // The text is that of errno read as a code of the resolver; people know the message by it.
     const char *error_text = gai_strerror(errno);
     probe.addresses = nullptr;
-    report(msg_host_operation_failed, "getaddrinfo()", probe.host, error_text);
+    report(TBS_MSG_HOST_OPERATION_FAILED, "getaddrinfo()", probe.host, error_text);
     return false;
 }
 

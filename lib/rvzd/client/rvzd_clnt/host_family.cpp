@@ -16,7 +16,6 @@ constexpr int64_t contact_timeout_s = 40;
 constexpr char other_family[] = "Windows";
 
 // Position in the support layer's own table.
-constexpr int msg_internal_text = 0;
 
 bool is_of_other_family(const char *os_name) {
     return strncmp(os_name, other_family, sizeof other_family - 1) == 0;
@@ -67,7 +66,7 @@ tbs_status_t rvzd_slim_server_is_slim(tbs_boolean_t *is_slim) {
 }
 
 tbs_status_t rvzd_slim_server_hostname() {
-    tbs_log_int_error(subsystem, &_tbs_cmsg_tbs_msg_table, msg_internal_text, source_file, __LINE__, 0,
+    tbs_log_int_error(subsystem, &_tbs_cmsg_tbs_msg_table, TBS_MSG_TEXT, source_file, __LINE__, 0,
                       "rvzd_slim_server_hostname");
     return TBS_ST_ERROR;
 }

@@ -14,12 +14,11 @@ namespace {
 constexpr size_t first_block_size = 1024;
 constexpr size_t flag_name_size = 256;
 constexpr int no_servers_flag = 0;
-constexpr int msg_no_option_handler = 100;
 
 constexpr clp_flag_t hostinfo_flags[] = {{"-no_servers"}, {nullptr}};
 
 void tell_no_handler(clp_hdl_t parser) {
-    imsg_print_shared(IMSG_ERROR, subsystem, &_tbs_cmsg_tbs_msg_table, msg_no_option_handler);
+    imsg_print_shared(IMSG_ERROR, subsystem, &_tbs_cmsg_tbs_msg_table, TBS_MSG_NO_OPTION_HANDLER);
     char name[flag_name_size];
     if (clp_get_last_flag_name(parser, 1, sizeof name, name) == 0)
         imsg_print(IMSG_CONTINUATION, &_rvzd_rvzd_msg_table, RVZD_MSG_NO_OPTION_HANDLER, name);

@@ -15,8 +15,6 @@ namespace {
 
 constexpr size_t failure_text_size = 256;
 constexpr char failure_text[] = ": rvzd_remote_build_hi call failed";
-constexpr int msg_text = 0;
-constexpr int msg_line = 2;
 
 // The mapped credentials are not sent; what counts is that this process's groups can be had.
 tbs_status_t map_credentials(const rvzd_handle_t *handle, uint32_t user, uint32_t group) {
@@ -28,8 +26,8 @@ tbs_status_t map_credentials(const rvzd_handle_t *handle, uint32_t user, uint32_
     const int group_count = credutl_getgroups(CREDUTL_GROUPS_MAX, groups);
     if (group_count < 0) {
         const int error_number = errno;
-        imsg_print_shared(IMSG_ERROR, subsystem, &_tbs_cmsg_tbs_msg_table, msg_text, "getgroups failed: ");
-        imsg_print_shared(IMSG_CONTINUATION, subsystem, &_tbs_cmsg_tbs_msg_table, msg_line,
+        imsg_print_shared(IMSG_ERROR, subsystem, &_tbs_cmsg_tbs_msg_table, TBS_MSG_TEXT, "getgroups failed: ");
+        imsg_print_shared(IMSG_CONTINUATION, subsystem, &_tbs_cmsg_tbs_msg_table, TBS_MSG_FURTHER_LINE,
                           imsg_strerror(error_number));
         return TBS_ST_ERROR;
     }

@@ -18,7 +18,6 @@ namespace {
 
 constexpr char lifeline_prefix[] = "-S";
 constexpr int lifeline_raise_code = 4;
-constexpr int msg_path_failed = 18;
 
 // The lifeline is readable: the broker is gone, or wants this server to go.
 void rvzd_handle_lifeline(void * /*unused*/) {
@@ -88,9 +87,11 @@ void rvzd_setup_server_log_file(const char *name) {
     char path[TBS_PATH_SIZE];
     const auto status = tbs_product_log_dir(path, name);
     if (status != TBS_ST_OK)
-        imsg_print_shared(IMSG_ERROR, subsystem, &_tbs_cmsg_tbs_msg_table, msg_path_failed, name, tbs_strerror(status));
+        imsg_print_shared(IMSG_ERROR, subsystem, &_tbs_cmsg_tbs_msg_table, TBS_MSG_CANNOT_OPEN, name,
+                          tbs_strerror(status));
     else if (imsg_init_daemon(path) != 0)
-        imsg_print_shared(IMSG_ERROR, subsystem, &_tbs_cmsg_tbs_msg_table, msg_path_failed, path, imsg_strerror(errno));
+        imsg_print_shared(IMSG_ERROR, subsystem, &_tbs_cmsg_tbs_msg_table, TBS_MSG_CANNOT_OPEN, path,
+                          imsg_strerror(errno));
 }
 
 tbs_status_t rvzd_server_get_sockets(int *argc, char **argv, rvzd_socket_desc_t *descs, uint32_t *count) {

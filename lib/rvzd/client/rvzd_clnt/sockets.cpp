@@ -22,7 +22,6 @@ namespace {
 constexpr size_t env_size = 256;
 
 // Positions in the support layer's own table.
-constexpr int msg_operation_failed = 46;
 
 enum class BindResult { bound, failed, exhausted };
 
@@ -124,7 +123,7 @@ tbs_status_t rvzd_bindport(int fd, struct sockaddr *address, socklen_t length, u
         return TBS_ST_NO_PORT;
     default:
         if (report)
-            imsg_print_shared(IMSG_ERROR, subsystem, &_tbs_cmsg_tbs_msg_table, msg_operation_failed, "bind",
+            imsg_print_shared(IMSG_ERROR, subsystem, &_tbs_cmsg_tbs_msg_table, TBS_MSG_OPERATION_FAILED, "bind",
                               imsg_strerror(error_number));
         return TBS_ST_ERROR;
     }
