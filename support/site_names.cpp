@@ -1,20 +1,24 @@
 // Reads config/hosts.conf and config/services.conf. They are small and read afresh at each question, so that a change
-// counts at once.
+// counts at once. A raise may land while a message is printed, so that comes when nothing is held any more.
 #include "site_names.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include <strings.h>
 #include <sys/socket.h>
 
+#include <common/text_file.h>
 #include <support/tbs.h>
+
+#include "refused_file.h"
+
+using namespace velia;
 
 namespace {
 
-constexpr size_t line_size = 1024;
+constexpr FileBounds site_file_bounds = {list_file.file_bytes, 1023};
 constexpr char blanks[] = " \t\r\n";
 constexpr unsigned port_max = 65535;
 
@@ -29,42 +33,57 @@ char *next_word(char **at) {
     return word;
 }
 
-void skip_rest_of_line(FILE *file) {
-    for (int byte = getc(file); byte != EOF && byte != '\n';)
-        byte = getc(file);
-}
-
-// One line without its comment. A line that is longer than any sensible one is passed over.
-bool next_line(FILE *file, char (&line)[line_size]) {
-    while (fgets(line, sizeof line, file) != nullptr) {
-        const bool is_whole = strchr(line, '\n') != nullptr || feof(file);
-        if (is_whole) {
-            line[strcspn(line, "#")] = '\0';
-            return true;
-        }
-        skip_rest_of_line(file);
-    }
-    return false;
+// The next line without its comment. A line that is longer than any sensible one is passed over.
+FileOutcome next_line(TextFile &file, TextLine &line) {
+    FileOutcome outcome = file.next_line(line);
+    while (outcome == FileOutcome::line_too_long)
+        outcome = file.skip_line() == FileOutcome::ok ? file.next_line(line) : FileOutcome::end;
+    if (outcome == FileOutcome::ok)
+        line.text[strcspn(line.text, "#")] = '\0';
+    return outcome;
 }
 
 // Calls `take(words)` with what follows the name on each line that begins with it, until it says that it has enough.
 template <class Take>
-void for_each_line_of(const char *file_name, const char *name, Take &&take) {
-    char path[TBS_PATH_SIZE];
-    if (tbs_product_config_dir(path, file_name) != TBS_ST_OK)
-        return;
-    FILE *file = fopen(path, "re");
-    if (file == nullptr)
-        return;
-    char line[line_size];
-    bool enough = false;
-    while (!enough && next_line(file, line)) {
-        char *at = line;
+FileOutcome take_lines_of(TextFile &file, const char *name, Take &&take) {
+    FileOutcome outcome;
+    for (TextLine line; (outcome = next_line(file, line)) == FileOutcome::ok;) {
+        char *at = line.text;
         const char *line_name = next_word(&at);
-        if (line_name != nullptr && strcasecmp(line_name, name) == 0)
-            enough = take(at);
+        if (line_name != nullptr && strcasecmp(line_name, name) == 0 && take(at))
+            break;
     }
-    fclose(file);
+    return outcome;
+}
+
+// One of the two files. It is read so often that a refusal is printed once, and again after it could be read.
+struct SiteFile {
+    const char *name;
+    bool is_refusal_printed;
+};
+
+SiteFile hosts_file = {"hosts.conf", false};
+SiteFile services_file = {"services.conf", false};
+
+// Gives the lines of `name` to `take`. If the file is refused, also half-way, calls `forget()` and says so.
+template <class Take, class Forget>
+void read_site_file(SiteFile &site_file, const char *name, Take &&take, Forget &&forget) {
+    char path[TBS_PATH_SIZE];
+    if (tbs_product_config_dir(path, site_file.name) != TBS_ST_OK)
+        return;
+    TextFile file;
+    FileOutcome outcome = file.open(path, site_file_bounds);
+    if (outcome == FileOutcome::ok) {
+        outcome = take_lines_of(file, name, take);
+        file.close();
+    }
+    if (!is_refused(outcome)) {
+        __atomic_store_n(&site_file.is_refusal_printed, false, __ATOMIC_RELAXED);
+        return;
+    }
+    forget();
+    if (!__atomic_exchange_n(&site_file.is_refusal_printed, true, __ATOMIC_RELAXED))
+        support::print_refused_file(path, file, outcome);
 }
 
 // The nodes come from the system's resolver, so that freeaddrinfo releases the joined list as it would its own.
@@ -105,24 +124,32 @@ unsigned port_of_word(char *word, int socket_type) {
 
 int velia::support::find_site_host(const char *host, const char *port, int socket_type, addrinfo **result) {
     int error = 0;
-    for_each_line_of("hosts.conf", host, [&](char *words) {
+    const auto take = [&](char *words) {
         while (char *address = next_word(&words)) {
             error = append_address(address, port, socket_type, result);
             if (error != 0)
                 return true;
         }
         return false;
-    });
+    };
+    const auto forget = [&] {
+        if (*result != nullptr)
+            freeaddrinfo(*result);
+        *result = nullptr;
+        error = 0;
+    };
+    read_site_file(hosts_file, host, take, forget);
     return error;
 }
 
 unsigned velia::support::find_site_service(const char *service, int socket_type) {
     unsigned port = 0;
-    for_each_line_of("services.conf", service, [&](char *words) {
+    const auto take = [&](char *words) {
         char *word = next_word(&words);
         if (word != nullptr)
             port = port_of_word(word, socket_type);
         return port != 0;
-    });
+    };
+    read_site_file(services_file, service, take, [&] { port = 0; });
     return port;
 }

@@ -50,8 +50,10 @@ enum { SYSUTL_ADDRESS_TEXT_SIZE = 80 };
  *
  * The site's own files come before the system's resolver. config/hosts.conf has lines "name address [address...]",
  * config/services.conf lines "name port[/protocol]"; "#" starts a comment, names are compared without case, a host's
- * addresses are given in the order of the file and its lines add up. Malformed lines and addresses are passed over.
- * With VELIA_HOSTNAME set, the machine's own name stands for the host that it names.
+ * addresses are given in the order of the file and its lines add up. Malformed lines and addresses, and lines of more
+ * than 1023 bytes, are passed over. A file that is not a regular one, or has more than 16 MiB, counts as missing, which
+ * is printed as an error: once, and again when it could be read in between. With VELIA_HOSTNAME set, the machine's own
+ * name stands for the host that it names.
  * The system's resolver may wait for the network; the files never do.
  */
 int sysutl_host_addr(const char *host, const char *service, int socket_type, struct addrinfo **result);

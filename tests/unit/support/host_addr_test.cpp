@@ -4,8 +4,11 @@
 
 #include <unistd.h>
 
+#include <tests/bad_files.h>
+
 #include "address_list.h"
 #include "alloc_probe.h"
+#include "message_recorder.h"
 #include "test_site.h"
 
 namespace {
@@ -19,6 +22,16 @@ std::string machine_name() {
     char name[256] = {};
     gethostname(name, sizeof name - 1);
     return name;
+}
+
+constexpr uint64_t bytes_max = 16 << 20;
+
+// Expects that `file` was refused once with these words since the last time.
+void expect_refusal(MessageRecorder &recorder, const std::string &file, const std::string &words) {
+    ASSERT_EQ(recorder.messages.size(), 1u);
+    EXPECT_EQ(recorder.messages[0].severity, IMSG_ERROR);
+    EXPECT_EQ(recorder.messages[0].text, "Error reading from \"" + file + "\": " + words + ".\n");
+    recorder.messages.clear();
 }
 
 } // namespace
@@ -141,6 +154,62 @@ TEST(HostLookUp, FailsCleanlyWithoutMemory) {
         if (!has_failed)
             break;
     }
+}
+
+TEST(HostLookUp, FileThatIsNoneIsRefusedAndTheSystemAsked) {
+    TestSite site;
+    const std::string file = site.path("config/hosts.conf");
+    MessageRecorder recorder;
+    bad_files::for_each(file, bytes_max, [&](const std::string &words) {
+        EXPECT_EQ(look_up("127.0.0.77", nullptr).addresses, Addresses{"127.0.0.77:0"});
+        expect_refusal(recorder, file, words);
+        EXPECT_EQ(look_up("127.0.0.78", nullptr).addresses, Addresses{"127.0.0.78:0"});
+        EXPECT_THAT(recorder.messages, IsEmpty()) << "one message, however often the file is asked";
+        std::filesystem::remove(file);
+        look_up("127.0.0.77", nullptr);
+    });
+}
+
+TEST(HostLookUp, FileUpToItsBoundIsReadAndNoneBehindIt) {
+    TestSite site;
+    std::string text = "pluto 127.0.0.9\n";
+    while (text.size() < bytes_max)
+        text += std::string(std::min<size_t>(1000, bytes_max - text.size() - 1), '#') + "\n";
+    const std::string file = site.write("config/hosts.conf", text);
+    MessageRecorder recorder;
+    EXPECT_EQ(look_up("pluto", nullptr).addresses, Addresses{"127.0.0.9:0"});
+    EXPECT_THAT(recorder.messages, IsEmpty());
+    site.write("config/hosts.conf", text + "#");
+    EXPECT_EQ(look_up("127.0.0.77", nullptr).addresses, Addresses{"127.0.0.77:0"});
+    expect_refusal(recorder, file, bad_files::words(bad_files::Kind::sparse, bytes_max));
+}
+
+TEST(HostLookUp, FileThatMayNotBeReadCountsAsMissing) {
+    TestSite site;
+    const std::string file = site.write("config/hosts.conf", "127.0.0.77 127.0.0.9\n");
+    MessageRecorder recorder;
+    const bad_files::WithoutRight guard(file);
+    EXPECT_EQ(look_up("127.0.0.77", nullptr).addresses, Addresses{"127.0.0.77:0"});
+    EXPECT_THAT(recorder.messages, IsEmpty());
+}
+
+TEST(HostLookUp, ZeroByteEndsItsLineAndNoOther) {
+    TestSite site;
+    site.write("config/hosts.conf", "pluto 127.0.0.9" + std::string(1, '\0') + " 127.0.0.8\npluto 127.0.0.3");
+    EXPECT_EQ(look_up("pluto", nullptr).addresses, (Addresses{"127.0.0.9:0", "127.0.0.3:0"}));
+}
+
+TEST(ServiceLookUp, FileThatIsNoneIsRefusedAndTheSystemAsked) {
+    TestSite site;
+    const std::string file = site.path("config/services.conf");
+    site.write("config/hosts.conf", "pluto 127.0.0.9\n");
+    MessageRecorder recorder;
+    bad_files::for_each(file, bytes_max, [&](const std::string &words) {
+        EXPECT_EQ(look_up("pluto", "371").addresses, Addresses{"127.0.0.9:371"});
+        expect_refusal(recorder, file, words);
+        std::filesystem::remove(file);
+        look_up("pluto", "371");
+    });
 }
 
 TEST(ServiceLookUp, GivesTheSitesPort) {
