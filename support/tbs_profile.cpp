@@ -5,9 +5,16 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <support/pfm.h>
 #include <support/stg.h>
 
+#include "refused_file.h"
+
+using namespace velia;
+
 namespace {
+
+constexpr FileBounds profile_bounds = {configuration_file.file_bytes, text_line_bytes_max};
 
 constexpr char blanks[] = " \t\r\n";
 
@@ -56,6 +63,18 @@ bool line_gives(char *line, const char *command, const char *option, char **argu
     return true;
 }
 
+// A line that is too long is passed over whole.
+FileOutcome find_line(TextFile &file, const char *command, const char *option, char **argument) {
+    FileOutcome outcome;
+    for (TextLine line; (outcome = file.next_line(line)) == FileOutcome::ok || outcome == FileOutcome::line_too_long;) {
+        if (outcome == FileOutcome::line_too_long)
+            file.skip_line();
+        else if (line_gives(line.text, command, option, argument))
+            return FileOutcome::ok;
+    }
+    return outcome;
+}
+
 } // namespace
 
 int tbs_check_profile(const char *command, const char *option, char **argument) {
@@ -63,15 +82,15 @@ int tbs_check_profile(const char *command, const char *option, char **argument) 
     char path[TBS_PATH_SIZE];
     if (!profile_path(path, sizeof path))
         return 0;
-    FILE *profile = fopen(path, "re");
-    if (profile == nullptr)
-        return 0;
-    char *line = nullptr;
-    size_t line_size = 0;
-    bool found = false;
-    while (!found && getline(&line, &line_size, profile) >= 0)
-        found = line_gives(line, command, option, argument);
-    free(line);
-    fclose(profile);
-    return found ? 1 : 0;
+    TextFile profile;
+    pfm_inhibit();
+    FileOutcome outcome = profile.open(path, profile_bounds);
+    if (outcome == FileOutcome::ok) {
+        outcome = find_line(profile, command, option, argument);
+        profile.close();
+    }
+    if (is_refused(outcome))
+        support::print_refused_file(path, profile, outcome);
+    pfm_enable();
+    return outcome == FileOutcome::ok ? 1 : 0;
 }

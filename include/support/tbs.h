@@ -125,7 +125,9 @@ int tbs_platform_info(const char **os_name, const char **os_version, const char 
  * Non-zero if the user's profile gives `option` to `command`, both compared with case. `*argument` (out, never left
  * unset) is then the option's argument as a heap text that the caller frees with stg_free, or null if it has none or
  * without memory. The profile is the file VELIA_PROFILE, or else .velia_profile in the directory HOME: a line is
- * "command option [argument...]", "#" starts a comment line, the first match counts. Prints nothing.
+ * "command option [argument...]", "#" starts a comment line, the first match counts. Lines of more than
+ * 8192 bytes are passed over. Prints nothing, unless the profile is no regular file or has more than 1 MiB: that is an
+ * error, and no such profile is read.
  */
 int tbs_check_profile(const char *command, const char *option, char **argument);
 

@@ -7,6 +7,8 @@
 #include <support/stg.h>
 #include <support/tbs.h>
 
+#include <tests/bad_files.h>
+
 #include "alloc_probe.h"
 #include "message_recorder.h"
 #include "test_site.h"
@@ -194,6 +196,44 @@ TEST_F(Profile, IsLookedForInTheHomeDirectory) {
     EXPECT_EQ(asked("a", "-b"), "no");
     site.write("home/.velia_profile", "a -b c\n");
     EXPECT_EQ(asked("a", "-b"), "c");
+}
+
+TEST_F(Profile, ThatIsNoFileIsNotWaitedForAndGivesNothing) {
+    MessageRecorder recorder;
+    const std::string path = site.path("profile");
+    bad_files::for_each(path, 1 << 20, [&](const std::string &words) {
+        EXPECT_EQ(asked("checkin", "-c"), "no");
+        ASSERT_EQ(recorder.messages.size(), 1u);
+        EXPECT_EQ(recorder.messages[0].severity, IMSG_ERROR);
+        EXPECT_EQ(recorder.messages[0].text, "Error reading from \"" + path + "\": " + words + ".\n");
+        recorder.messages.clear();
+    });
+}
+
+TEST_F(Profile, ThatIsNotThereOrMayNotBeReadGivesNothingWithoutAWord) {
+    MessageRecorder recorder;
+    {
+        const bad_files::WithoutRight guard(site.path("profile"));
+        EXPECT_EQ(asked("checkin", "-c"), "no");
+    }
+    std::filesystem::remove(site.path("profile"));
+    EXPECT_EQ(asked("checkin", "-c"), "no");
+    EXPECT_EQ(recorder.messages.size(), 0u);
+}
+
+TEST_F(Profile, LineThatIsTooLongIsPassedOverWhole) {
+    const std::string longest = "checkin -c " + std::string(8192 - 11, 'x');
+    site.write("profile", longest + "x\ncheckin -c last\n");
+    EXPECT_EQ(asked("checkin", "-c"), "last");
+    site.write("profile", std::string(8192, 'x') + "checkin -c x\ncheckin -c last\n");
+    EXPECT_EQ(asked("checkin", "-c"), "last");
+    site.write("profile", longest + "\n");
+    EXPECT_EQ(asked("checkin", "-c"), longest.substr(11));
+}
+
+TEST_F(Profile, ZeroByteEndsItsLineAndNoOther) {
+    site.write("profile", std::string("checkin\0 -c x\ncheckin -c last\n", 31));
+    EXPECT_EQ(asked("checkin", "-c"), "last");
 }
 
 TEST_F(Profile, WithoutMemoryTheArgumentIsNone) {
