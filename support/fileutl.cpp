@@ -9,13 +9,19 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <support/tbs.h>
+#include <support/pfm.h>
+
+#include "refused_file.h"
+
+using namespace velia;
 
 namespace {
 
+constexpr FileBounds copy_bounds = {FILEUTL_COPY_MAX, text_line_bytes_max};
 constexpr size_t copy_size = 64 * 1024;
 
-int told(const char *operation, int error_number, int flags) {
+// Prints and keeps what an operation came to.
+int finish(const char *operation, int error_number, int flags) {
     if (error_number == 0)
         return 0;
     if ((flags & FILEUTL_QUIET) == 0)
@@ -25,64 +31,81 @@ int told(const char *operation, int error_number, int flags) {
     return error_number;
 }
 
-// 0 once the file has been read to its end, else the errno value.
-int copy_bytes(int from, int to) {
+// 0, or the errno value.
+int write_all(int to, const char *bytes, size_t size) {
+    while (size > 0) {
+        const ssize_t step = write(to, bytes, size);
+        if (step < 0 && errno != EINTR)
+            return errno;
+        if (step > 0) {
+            bytes += step;
+            size -= static_cast<size_t>(step);
+        }
+    }
+    return 0;
+}
+
+// What a copy came to: an errno value, 0 for success, and how its reading went.
+struct CopyResult {
+    int error_number;
+    FileOutcome outcome;
+};
+
+// Until the file has been read to its end.
+CopyResult copy_bytes(TextFile &from, int to) {
     char bytes[copy_size];
     for (;;) {
-        const ssize_t taken = read(from, bytes, sizeof bytes);
-        if (taken == 0)
-            return 0;
-        if (taken < 0 && errno != EINTR)
-            return errno;
-        for (ssize_t given = 0; given < taken;) {
-            const ssize_t step = write(to, bytes + given, static_cast<size_t>(taken - given));
-            if (step < 0 && errno != EINTR)
-                return errno;
-            given += step > 0 ? step : 0;
-        }
+        size_t count;
+        const FileOutcome outcome = from.next_bytes(bytes, sizeof bytes, count);
+        if (outcome != FileOutcome::ok)
+            return {from.error_number(), outcome};
+        if (count == 0)
+            return {0, FileOutcome::ok};
+        const int error_number = write_all(to, bytes, count);
+        if (error_number != 0)
+            return {error_number, FileOutcome::ok};
     }
 }
 
-int copy_contents(int from, int to) {
-    constexpr mode_t permissions = 07777;
-    struct stat status;
-    if (fstat(from, &status) != 0)
-        return errno;
-    if (!S_ISREG(status.st_mode))
-        return EINVAL;
-    if (fchmod(to, status.st_mode & permissions) != 0)
-        return errno;
-    const int error_number = copy_bytes(from, to);
-    if (error_number != 0)
-        return error_number;
-    return fsync(to) == 0 ? 0 : errno;
+CopyResult copy_contents(TextFile &from, int to) {
+    if (fchmod(to, from.permissions()) != 0)
+        return {errno, FileOutcome::ok};
+    const CopyResult result = copy_bytes(from, to);
+    if (result.error_number != 0)
+        return result;
+    return {fsync(to) == 0 ? 0 : errno, FileOutcome::ok};
 }
 
-int copy_by_way_of(char *new_path, int from, const char *to) {
+CopyResult copy_by_way_of(char *new_path, TextFile &from, const char *to) {
     const int made = mkostemp(new_path, O_CLOEXEC);
     if (made < 0)
-        return errno;
-    int error_number = copy_contents(from, made);
-    if (close(made) != 0 && error_number == 0)
-        error_number = errno;
-    if (error_number == 0 && rename(new_path, to) != 0)
-        error_number = errno;
-    if (error_number != 0)
+        return {errno, FileOutcome::ok};
+    CopyResult result = copy_contents(from, made);
+    if (close(made) != 0 && result.error_number == 0)
+        result.error_number = errno;
+    if (result.error_number == 0 && rename(new_path, to) != 0)
+        result.error_number = errno;
+    if (result.error_number != 0)
         unlink(new_path);
-    return error_number;
+    return result;
 }
 
-int copy_file(const char *from, const char *to) {
+// A source that is refused is printed as such, and needs no further words.
+int copy_file(TextFile &source, const char *from, const char *to, int flags) {
     char new_path[4096];
     const int length = snprintf(new_path, sizeof new_path, "%s.XXXXXX", to);
     if (length < 0 || static_cast<size_t>(length) >= sizeof new_path)
-        return ENAMETOOLONG;
-    const int source = open(from, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-    if (source < 0)
-        return errno;
-    const int error_number = copy_by_way_of(new_path, source, to);
-    close(source);
-    return error_number;
+        return finish("copy", ENAMETOOLONG, flags);
+    const FileOutcome outcome = source.open(from, copy_bounds);
+    CopyResult result = {outcome == FileOutcome::not_regular ? EINVAL : source.error_number(), outcome};
+    if (outcome == FileOutcome::ok) {
+        result = copy_by_way_of(new_path, source, to);
+        source.close();
+    }
+    const bool is_said = is_refused(result.outcome) && (flags & FILEUTL_QUIET) == 0;
+    if (is_said)
+        support::print_refused_file(from, source, result.outcome);
+    return finish("copy", result.error_number, is_said ? FILEUTL_QUIET : flags);
 }
 
 } // namespace
@@ -105,9 +128,15 @@ int fileutl_rename(const char *from, const char *to) {
 }
 
 int fileutl_cp(const char *from, const char *to, int flags) {
-    return told("copy", copy_file(from, to), flags);
+    TextFile source;
+    pfm_inhibit();
+    const int error_number = copy_file(source, from, to, flags);
+    pfm_enable();
+    if (error_number != 0)
+        errno = error_number;
+    return error_number;
 }
 
 int fileutl_rm(const char *path, int flags) {
-    return told("remove", unlink(path) == 0 ? 0 : errno, flags);
+    return finish("remove", unlink(path) == 0 ? 0 : errno, flags);
 }

@@ -7,18 +7,16 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <support/pfm.h>
+
+#include "refused_file.h"
+
+using namespace velia;
+
 namespace {
 
+constexpr FileBounds read_bounds = {STRUTL_READ_MAX, text_line_bytes_max};
 constexpr size_t first_size = 4096;
-
-// Reads up to `size` bytes, fewer at the end of the file; negative with errno set.
-ssize_t read_some(int descriptor, char *bytes, size_t size) {
-    for (;;) {
-        const ssize_t step = read(descriptor, bytes, size);
-        if (step >= 0 || errno != EINTR)
-            return step;
-    }
-}
 
 struct Contents {
     char *bytes;
@@ -39,22 +37,41 @@ struct Contents {
     }
 };
 
-// 0, or the errno value. The file may grow while it is read, and need not say how large it is.
-int read_all(int descriptor, Contents &contents) {
-    for (;;) {
+// What comes of reading a file whole: an errno value, 0 for success, and whether the file was refused.
+struct ReadResult {
+    int error_number;
+    FileOutcome outcome;
+};
+
+// The file may grow while it is read, and need not say how large it is.
+ReadResult read_all(TextFile &file, Contents &contents) {
+    for (size_t step = 1; step > 0; contents.length += step) {
         const int error_number = contents.make_room();
         if (error_number != 0)
-            return error_number;
-        const ssize_t step =
-            read_some(descriptor, contents.bytes + contents.length, contents.size - contents.length - 1);
-        if (step < 0)
-            return errno;
-        if (step == 0)
-            return 0;
-        contents.length += static_cast<size_t>(step);
-        if (contents.length > STRUTL_READ_MAX)
-            return EFBIG;
+            return {error_number, FileOutcome::ok};
+        const FileOutcome outcome =
+            file.next_bytes(contents.bytes + contents.length, contents.size - contents.length - 1, step);
+        if (outcome != FileOutcome::ok)
+            return {file.error_number(), outcome};
     }
+    return {0, FileOutcome::ok};
+}
+
+ReadResult read_path(const char *path, Contents &contents) {
+    TextFile file;
+    const FileOutcome outcome = file.open(path, read_bounds);
+    ReadResult result = {file.error_number(), outcome};
+    if (outcome == FileOutcome::ok) {
+        result = read_all(file, contents);
+        file.close();
+    }
+    if (result.error_number != 0) {
+        stg_free(contents.bytes);
+        contents = {};
+    }
+    if (is_refused(result.outcome))
+        support::print_refused_file(path, file, result.outcome);
+    return result;
 }
 
 int write_all(int descriptor, const char *text, size_t length) {
@@ -82,14 +99,11 @@ char *strutl_read(int file_count, const char *path, int reserved, int as_one_tex
         failed(EINVAL);
         return nullptr;
     }
-    const int descriptor = open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY);
-    if (descriptor < 0)
-        return nullptr;
     Contents contents = {};
-    const int error_number = read_all(descriptor, contents);
-    close(descriptor);
+    pfm_inhibit();
+    const int error_number = read_path(path, contents).error_number;
+    pfm_enable();
     if (error_number != 0) {
-        stg_free(contents.bytes);
         failed(error_number);
         return nullptr;
     }
@@ -99,9 +113,10 @@ char *strutl_read(int file_count, const char *path, int reserved, int as_one_tex
     return contents.bytes;
 }
 
+// A pipe that nobody reads from is not waited for.
 int strutl_write(const char *text, const char *path, int, int) {
     constexpr mode_t mode = 0666;
-    const int descriptor = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY, mode);
+    const int descriptor = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, mode);
     if (descriptor < 0)
         return failed(errno);
     int error_number = write_all(descriptor, text, strlen(text));

@@ -24,6 +24,9 @@ enum { FILEUTL_HOST_SIZE = 64 };
 /* Flag of the file operations: a failure prints nothing. */
 enum { FILEUTL_QUIET = 16 };
 
+/* What fileutl_cp copies at most. */
+enum { FILEUTL_COPY_MAX = 64 * 1024 * 1024 };
+
 /*
  * Non-zero if `host` (without case) is this host: its name, "localhost", or the text of an address that is this
  * host's. With VELIA_HOSTNAME set these are the name it gives, the machine's own name, and the addresses that
@@ -53,7 +56,9 @@ int fileutl_stat(const char *path, int follow, struct stat *result);
 /*
  * Rename or move a file over another; copy a regular file with its permissions, by way of a new file in the same
  * directory that takes the place of `to` at the end; remove a file. `flags` is FILEUTL_QUIET or 0. Return 0, or the
- * errno value, which errno holds, too. Without FILEUTL_QUIET a failed copy or removal is printed as an error.
+ * errno value, which errno holds, too: EFBIG for a copy of more than FILEUTL_COPY_MAX bytes, EINVAL for one of
+ * what is no regular file, which is never waited for. Without FILEUTL_QUIET a failed copy or removal is printed as an
+ * error.
  */
 int fileutl_rename(const char *from, const char *to);
 int fileutl_cp(const char *from, const char *to, int flags);

@@ -6,7 +6,8 @@
  *         return TBS_ST_NAME_TOO_LONG;
  *
  * Positions are byte offsets from the start of the text; `position` arguments are out, may be null, and are written
- * only when something was found. All operations may be called from any thread, and print nothing.
+ * only when something was found. All operations may be called from any thread, and print nothing but what is told
+ * below.
  */
 #ifndef VELIA_SUPPORT_STRUTL_H
 #define VELIA_SUPPORT_STRUTL_H
@@ -106,18 +107,21 @@ const char *strutl_flags_to_str(uint32_t mask, const char *separator, const stru
 int strutl_kstr_or_str_to_long(const char *text, int64_t *result, int flag);
 
 /* What strutl_read reads at most. */
-enum { STRUTL_READ_MAX = 64 * 1024 * 1024 };
+enum { STRUTL_READ_MAX = 1024 * 1024 };
 
 /*
  * The contents of the file `path` as one heap text (stg_free), null with errno set on failure, which is EFBIG for a
- * file of more than STRUTL_READ_MAX bytes. `file_count` is 1, `reserved` 0, `as_one_text` 1; anything else is EINVAL.
+ * file of more than STRUTL_READ_MAX bytes, EISDIR for a directory and EINVAL for what else is no regular file, which is
+ * never waited for; these are printed as errors, too. `file_count` is 1, `reserved` 0, `as_one_text` 1; anything else
+ * is EINVAL.
  * `*length` (out, may be null) is the number of bytes, which tells of zero bytes inside.
  */
 char *strutl_read(int file_count, const char *path, int reserved, int as_one_text, size_t *length);
 
 /*
  * Makes `text` the contents of the file `path`, which is made if need be and else rewritten in place, with nothing
- * added. 0, or the errno value, which errno holds, too. `reserved1` and `reserved2` are 0.
+ * added. 0, or the errno value, which errno holds, too: ENXIO for a pipe that nobody reads from. `reserved1` and
+ * `reserved2` are 0.
  */
 int strutl_write(const char *text, const char *path, int reserved1, int reserved2);
 

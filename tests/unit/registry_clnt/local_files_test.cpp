@@ -78,12 +78,42 @@ TEST_P(TwoWordFile, AMissingWordReadsAsEmpty) {
     EXPECT_STREQ(first, "");
 }
 
-TEST_P(TwoWordFile, AMissingFileAndADirectoryAreErrors) {
+TEST_P(TwoWordFile, AMissingFileAndOneThatMayNotBeReadAreErrorsWithoutAMessage) {
     EXPECT_EQ(get(), TBS_ST_ERROR);
-    std::filesystem::create_directory(path_of(GetParam().file));
+    std::filesystem::create_symlink("nowhere", path_of(GetParam().file));
+    EXPECT_EQ(get(), TBS_ST_ERROR);
+    std::filesystem::remove(path_of(GetParam().file));
+    write_words("alpha beta");
+    const bad_files::WithoutRight guard(path_of(GetParam().file));
     EXPECT_EQ(get(), TBS_ST_ERROR);
     expect_nothing_copied();
     EXPECT_THAT(world.take_messages(), IsEmpty());
+}
+
+TEST_P(TwoWordFile, WhatIsNoFileIsNotWaitedForAndIsAnError) {
+    const std::string path = path_of(GetParam().file);
+    bad_files::for_each(path, 1 << 20, [&](const std::string &words) {
+        EXPECT_EQ(get(), TBS_ST_ERROR);
+        expect_nothing_copied();
+        EXPECT_THAT(world.take_messages(), testing::ElementsAre(refusal(path, words)));
+    });
+}
+
+TEST_P(TwoWordFile, WhatIsNoFileIsReplacedByOneAndNotWaitedFor) {
+    const std::string path = path_of(GetParam().file);
+    for (const auto kind : {bad_files::Kind::pipe, bad_files::Kind::written_pipe, bad_files::Kind::endless_link,
+                            bad_files::Kind::socket, bad_files::Kind::sparse}) {
+        const bad_files::BadFile file(kind, path);
+        ASSERT_EQ(GetParam().set(0, 0, "alpha", "beta"), TBS_ST_OK);
+        EXPECT_EQ(contents(path), "alpha\nbeta\n");
+    }
+}
+
+TEST_P(TwoWordFile, AZeroByteEndsTheFile) {
+    write_words(std::string("alpha\0 beta", 11));
+    ASSERT_EQ(get(), TBS_ST_OK);
+    EXPECT_STREQ(first, "alpha");
+    EXPECT_STREQ(second, "");
 }
 
 TEST_P(TwoWordFile, AWordThatDoesNotFitItsBufferIsRefusedAndNothingCopied) {

@@ -11,6 +11,7 @@
 
 #include <rvzd/client/registry_clnt/local_files.h>
 #include <support/stg.h>
+#include <tests/bad_files.h>
 #include <tests/sim/sweeps.h>
 #include <tests/sim/world.h>
 #include <veliaxdr/rgy_local.h>
@@ -38,6 +39,11 @@ protected:
         if (!file)
             return std::nullopt;
         return std::string(std::istreambuf_iterator<char>(file), {});
+    }
+
+    // How a file of the host configuration directory, or any other, is refused.
+    static sim::Message refusal(const std::string &path, const std::string &words) {
+        return {IMSG_ERROR, &_tbs_cmsg_tbs_msg_table, 20, "Error reading from \"" + path + "\": " + words + ".\n"};
     }
 
     sim::World world;

@@ -9,6 +9,8 @@
 #include <support/fileutl.h>
 #include <support/tbs.h>
 
+#include <tests/bad_files.h>
+
 #include "message_recorder.h"
 #include "test_site.h"
 
@@ -201,11 +203,22 @@ TEST(File, FailedCopyLeavesTheTargetAndNothingElse) {
     EXPECT_EQ(fileutl_cp(site.path("to").c_str(), std::string(5000, 'x').c_str(), FILEUTL_QUIET), ENAMETOOLONG);
 }
 
-TEST(File, CopyOfAPipeIsRefusedWithoutWaitingForIt) {
+TEST(File, CopyOfWhatIsNoFileOrTooLargeIsRefusedWithoutWaitingForIt) {
     TestSite site;
-    ASSERT_EQ(mkfifo(site.path("pipe").c_str(), 0600), 0);
-    EXPECT_EQ(fileutl_cp(site.path("pipe").c_str(), site.path("to").c_str(), FILEUTL_QUIET), EINVAL);
-    EXPECT_EQ(fileutl_exists(site.path("to").c_str(), 0), 0);
+    MessageRecorder recorder;
+    const std::string from = site.path("from");
+    const std::string to = site.path("to");
+    bad_files::for_each(from, FILEUTL_COPY_MAX, [&](const std::string &words) {
+        const int error_number = words.starts_with("File is larger") ? EFBIG : EINVAL;
+        EXPECT_EQ(fileutl_cp(from.c_str(), to.c_str(), FILEUTL_QUIET), error_number);
+        EXPECT_EQ(recorder.messages.size(), 0u) << "as it was asked";
+        EXPECT_EQ(fileutl_cp(from.c_str(), to.c_str(), 0), error_number);
+        EXPECT_EQ(errno, error_number);
+        ASSERT_EQ(recorder.messages.size(), 1u);
+        EXPECT_EQ(recorder.messages[0].text, "Error reading from \"" + from + "\": " + words + ".\n");
+        recorder.messages.clear();
+        EXPECT_EQ(files_in(site.path("")), 1u);
+    });
 }
 
 TEST(File, IsRemoved) {

@@ -1,4 +1,5 @@
 // Whole files as texts.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -9,7 +10,10 @@
 
 #include <support/strutl.h>
 
+#include <tests/bad_files.h>
+
 #include "alloc_probe.h"
+#include "message_recorder.h"
 #include "test_site.h"
 
 namespace {
@@ -65,8 +69,36 @@ TEST(ReadFile, TakesFilesOfAnySizeUpToTheBound) {
 
 TEST(ReadFile, FailsWithErrno) {
     TestSite site;
+    MessageRecorder recorder;
     EXPECT_EQ(read_file(site.path("none")), (Read{ENOENT, "", not_told}));
-    EXPECT_EQ(read_file(site.path("")), (Read{EISDIR, "", not_told}));
+    const std::string secret = site.write("secret", "text");
+    const bad_files::WithoutRight guard(secret);
+    EXPECT_EQ(read_file(secret), (Read{EACCES, "", not_told}));
+    EXPECT_THAT(recorder.messages, testing::IsEmpty());
+}
+
+TEST(ReadFile, WhatIsNoFileOrTooLargeIsNotWaitedForAndIsPrinted) {
+    TestSite site;
+    MessageRecorder recorder;
+    const std::string path = site.path("file");
+    bad_files::for_each(path, STRUTL_READ_MAX, [&](const std::string &words) {
+        const int expected = words == "Is a directory" ? EISDIR : words == "Not a regular file" ? EINVAL : EFBIG;
+        EXPECT_EQ(read_file(path), (Read{expected, "", not_told}));
+        ASSERT_EQ(recorder.messages.size(), 1u);
+        EXPECT_EQ(recorder.messages[0].severity, IMSG_ERROR);
+        EXPECT_EQ(recorder.messages[0].text, "Error reading from \"" + path + "\": " + words + ".\n");
+        recorder.messages.clear();
+    });
+}
+
+TEST(ReadFile, KeepsNothingOpen) {
+    TestSite site;
+    const size_t descriptors = bad_files::open_descriptors();
+    read_file(site.write("file", "text"));
+    probe::fail_request(1);
+    read_file(site.path("file"));
+    probe::fail_request(0);
+    EXPECT_EQ(bad_files::open_descriptors(), descriptors);
 }
 
 TEST(ReadFile, RefusesOtherArguments) {
@@ -118,6 +150,17 @@ TEST(WriteFile, KeepsTheFileItself) {
     stat(path.c_str(), &after);
     EXPECT_EQ(after.st_ino, before.st_ino);
     EXPECT_EQ(after.st_mode, before.st_mode);
+}
+
+TEST(WriteFile, PipeIsNotWaitedFor) {
+    TestSite site;
+    const std::string path = site.path("pipe");
+    {
+        const bad_files::BadFile pipe(bad_files::Kind::pipe, path);
+        EXPECT_EQ(strutl_write("text", path.c_str(), 0, 0), ENXIO);
+    }
+    const bad_files::BadFile full(bad_files::Kind::written_pipe, path);
+    EXPECT_EQ(strutl_write(std::string(1 << 20, 'x').c_str(), path.c_str(), 0, 0), EAGAIN);
 }
 
 TEST(WriteFile, FailsWithErrno) {
