@@ -84,8 +84,9 @@ void rvzd_print_socket_info(const rvzd_socket_desc_t *desc);
 /*
  * Value of a run-time parameter from "services/rvzd_rt_params.conf"; the file is read at each call. The first line that
  * holds the key, in whatever word, decides; "#" begins a comment; a line without a newline at the end of the file is
- * not seen. *value is 0 unless the result is TBS_ST_OK. TBS_ST_NOT_SET: no file or no such key. TBS_ST_ERROR: no such
- * parameter, or no number behind the key.
+ * not seen; one of more than 255 bytes counts as several. *value is 0 unless the result is TBS_ST_OK. TBS_ST_NOT_SET:
+ * no file or no such key. TBS_ST_ERROR: no such parameter, or no number behind the key. A file that is not a regular
+ * one, or has more than 1 MiB, is none, which is printed as an error; the call never waits for it.
  */
 tbs_status_t rvzd_get_rt_param(uint32_t index, int32_t *value);
 

@@ -2,6 +2,8 @@
 
 #include <filesystem>
 
+#include <tests/bad_files.h>
+
 namespace {
 
 class RunTimeParams : public BrokerTest {
@@ -14,6 +16,12 @@ protected:
         return {status, value};
     }
 
+    std::string path() const { return world.root() + "/config/services/rvzd_rt_params.conf"; }
+    sim::Message refusal(const std::string &words) const {
+        return message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 20, path().c_str(), words.c_str());
+    }
+
+    static constexpr uint64_t bytes_max = 1 << 20;
     using Result = std::pair<tbs_status_t, int32_t>;
 };
 
@@ -54,9 +62,38 @@ TEST_F(RunTimeParams, AnEmptyFileMeansNotSet) {
     EXPECT_EQ(read(RVZD_RT_IDLE_SLOPE), Result(TBS_ST_NOT_SET, 0));
 }
 
-TEST_F(RunTimeParams, AFolderInPlaceOfTheFileMeansNotSet) {
-    std::filesystem::create_directories(world.root() + "/config/services/rvzd_rt_params.conf");
+TEST_F(RunTimeParams, AFileThatIsNoneIsNotWaitedForAndMeansNotSet) {
+    bad_files::for_each(path(), bytes_max, [&](const std::string &words) {
+        EXPECT_EQ(read(RVZD_RT_IDLE_SLOPE), Result(TBS_ST_NOT_SET, 0));
+        EXPECT_THAT(world.take_messages(), testing::ElementsAre(refusal(words)));
+    });
+}
+
+TEST_F(RunTimeParams, AFileIsReadUpToItsBoundAndNotBehindIt) {
+    const std::string line = "IDLE_SLOPE = 7\n";
+    const std::string padding = std::string(bytes_max - line.size() - 1, 'x') + "\n";
+    file(padding + line);
+    EXPECT_EQ(read(RVZD_RT_IDLE_SLOPE), Result(TBS_ST_OK, 7));
+    EXPECT_THAT(world.take_messages(), testing::IsEmpty());
+    file(line + padding + "x");
     EXPECT_EQ(read(RVZD_RT_IDLE_SLOPE), Result(TBS_ST_NOT_SET, 0));
+    EXPECT_THAT(world.take_messages(),
+                testing::ElementsAre(refusal(bad_files::words(bad_files::Kind::sparse, bytes_max))));
+}
+
+TEST_F(RunTimeParams, AFileThatMayNotBeReadMeansNotSetAndNoMessage) {
+    file("IDLE_SLOPE = 7\n");
+    const bad_files::WithoutRight guard(path());
+    EXPECT_EQ(read(RVZD_RT_IDLE_SLOPE), Result(TBS_ST_NOT_SET, 0));
+    EXPECT_THAT(world.take_messages(), testing::IsEmpty());
+}
+
+TEST_F(RunTimeParams, ARaiseKeepsNoFileOpen) {
+    file("IDLE_SLOPE = 7\n");
+    const size_t descriptors = bad_files::open_descriptors();
+    const int raises = sim::sweep_raises(
+        world, [&] { read(RVZD_RT_IDLE_SLOPE); }, [&](int) { EXPECT_EQ(bad_files::open_descriptors(), descriptors); });
+    EXPECT_GT(raises, 0);
 }
 
 TEST_F(RunTimeParams, ACommentBehindTheValueIsCutOff) {
