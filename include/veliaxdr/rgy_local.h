@@ -11,7 +11,8 @@
  *             printf("%s, then %s\n", master, backup);
  *     }
  *
- * Files only, no network. All operations may be called from any thread. A file that is replaced keeps its former
+ * Files only, no network. What stands in the place of a file but is none, such as a pipe, is never waited for. All
+ * operations may be called from any thread. A file that is replaced keeps its former
  * version under its name with ".old" behind it, and a reader sees the one or the other; a change of the server type
  * rewrites its file in place.
  */
@@ -47,7 +48,8 @@ extern const rgy_svrtype_t rgy_svrtype_table[6];
 /*
  * The word in the file of the server type as a new text of 32 bytes, released with free; "" if there is none, and null
  * without storage. A file that is there but cannot be opened for reading and writing prints message 11 of
- * _registry_rvzd_msg_table, one without a word message 12.
+ * _registry_rvzd_msg_table, one without a word message 12. What is no regular file, or has more than 1 MiB, is not read
+ * or waited for, and is message 11 with the reason behind it.
  */
 char *rgy_get_svr_type_str(void);
 
@@ -67,7 +69,8 @@ const char *registry_configuration_pathname(void);
  * Read the two words of the hosts file and of the region file. Sizes are those of the buffers; the lengths include the
  * terminators and may be null. A word that is not there reads as empty. The process's default region stands in for the
  * first word of the region file. TBS_ST_ERROR, with nothing copied, for a file that cannot be read, and for a word that
- * does not fit its buffer or is longer than 63 characters (regions: 47).
+ * does not fit its buffer or is longer than 63 characters (regions: 47). A file that is not a regular one, or has more
+ * than 1 MiB, cannot be read, and the support layer prints that as an error.
  */
 tbs_status_t registry_prop_get_hostnames_local(size_t size1, size_t size2, size_t *length1, size_t *length2,
                                                char *buffer1, char *buffer2);
@@ -96,7 +99,8 @@ tbs_status_t registry_prop_set_process_default_region_local(const char *region);
  *
  * TBS_ST_ERROR if no block is for this user, for a malformed map (a "}" where a region should stand, a line of more
  * than 1,022 characters, a longer region), one that cannot be read, and a region that does not fit the buffer. Nothing
- * is printed. May ask the system's user database.
+ * is printed, unless the map is not a regular file or has more than 16 MiB: that is an error. May ask the system's user
+ * database.
  */
 tbs_status_t registry_prop_get_user_region(const char *map_path, size_t size, char *buffer);
 

@@ -43,6 +43,46 @@ TEST_F(ServerRole, AFileThatCannotBeOpenedIsToldAndNoServer) {
     EXPECT_THAT(world.take_messages(), testing::ElementsAre(told(REGISTRY_MSG_TROUBLE_LOADING_SERVER_FILE)));
 }
 
+TEST_F(ServerRole, WhatIsNoFileIsNotWaitedForAndNoServer) {
+    bad_files::for_each(role_path(), 1 << 20, [&](const std::string &words) {
+        EXPECT_EQ(rgy_get_svr_type(), RGY_SVR_NONE);
+        const auto messages = world.take_messages();
+        ASSERT_FALSE(messages.empty());
+        EXPECT_EQ(messages[0], told(REGISTRY_MSG_TROUBLE_LOADING_SERVER_FILE));
+        if (std::filesystem::is_directory(role_path())) {
+            EXPECT_EQ(messages.size(), 1u);
+            return;
+        }
+        ASSERT_EQ(messages.size(), 2u);
+        sim::Message why = refusal(role_path(), words);
+        why.severity = IMSG_CONTINUATION;
+        EXPECT_EQ(messages[1], why);
+    });
+}
+
+TEST_F(ServerRole, APipeIsNotWaitedForWhenItIsWritten) {
+    const bad_files::BadFile file(bad_files::Kind::pipe, role_path());
+    EXPECT_EQ(rgy_set_svr_type(RGY_SVR_MASTER), tbs_errno2status(ENXIO));
+}
+
+TEST_F(ServerRole, AFileThatMayBeReadButNotWrittenIsToldAndNoServer) {
+    write("rgy_svr.conf", "master");
+    constexpr auto for_all = std::filesystem::perms::owner_read | std::filesystem::perms::others_read;
+    const bad_files::WithoutRight guard(role_path(), for_all);
+    EXPECT_EQ(rgy_get_svr_type(), RGY_SVR_NONE);
+    EXPECT_THAT(world.take_messages(), testing::ElementsAre(told(REGISTRY_MSG_TROUBLE_LOADING_SERVER_FILE)));
+}
+
+TEST_F(ServerRole, TheWordMayStandAnywhereBehindWhiteSpace) {
+    write("rgy_svr.conf", std::string(20000, ' ') + "\n\t\v\f\r\n\n standby\n");
+    EXPECT_EQ(rgy_get_svr_type(), RGY_SVR_STANDBY);
+    write("rgy_svr.conf", std::string(20000, '\n') + "standby");
+    EXPECT_EQ(rgy_get_svr_type(), RGY_SVR_STANDBY);
+    write("rgy_svr.conf", std::string(3, '\0') + "\n");
+    EXPECT_EQ(rgy_get_svr_type(), RGY_SVR_NONE);
+    EXPECT_THAT(world.take_messages(), testing::ElementsAre(told(REGISTRY_MSG_INVALID_CONFIG_FILE)));
+}
+
 TEST_F(ServerRole, AnEmptyFileIsToldAndNoServer) {
     write("rgy_svr.conf", " \n");
     EXPECT_EQ(rgy_get_svr_type(), RGY_SVR_NONE);

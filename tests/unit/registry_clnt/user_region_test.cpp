@@ -113,12 +113,28 @@ TEST_F(UserRegion, ALineHas1022CharactersAtMost) {
     EXPECT_EQ(region_by("#" + std::string(5000, 'x') + " r1 { USER }\n"), "none");
 }
 
+TEST_F(UserRegion, AMapThatIsNoFileIsNotWaitedForAndAnError) {
+    const std::string path = path_of("map");
+    bad_files::for_each(path, 16 << 20, [&](const std::string &words) {
+        char buffer[33] = "untouched";
+        EXPECT_EQ(registry_prop_get_user_region(path.c_str(), 33, buffer), TBS_ST_ERROR);
+        EXPECT_STREQ(buffer, "untouched");
+        EXPECT_THAT(world.take_messages(), testing::ElementsAre(refusal(path, words)));
+    });
+}
+
+TEST_F(UserRegion, AZeroByteEndsItsLineAndNoOther) {
+    EXPECT_EQ(region_by("r1 { nobody_else" + std::string(1, '\0') + "USER }\n}\nr2 { USER }\n"), "r2");
+}
+
 TEST_F(UserRegion, AMapThatCannotBeReadIsAnError) {
     char buffer[33];
     EXPECT_EQ(registry_prop_get_user_region(path_of("missing").c_str(), 33, buffer), TBS_ST_ERROR);
-    EXPECT_EQ(registry_prop_get_user_region(path_of("").c_str(), 33, buffer), TBS_ST_ERROR);
     EXPECT_EQ(registry_prop_get_user_region(nullptr, 33, buffer), TBS_ST_ERROR);
     EXPECT_EQ(registry_prop_get_user_region(path_of("missing").c_str(), 33, nullptr), TBS_ST_ERROR);
+    write("secret", "r1 { %DEFAULT% }\n");
+    const bad_files::WithoutRight guard(path_of("secret"));
+    EXPECT_EQ(registry_prop_get_user_region(path_of("secret").c_str(), 33, buffer), TBS_ST_ERROR);
     EXPECT_THAT(world.take_messages(), IsEmpty());
 }
 

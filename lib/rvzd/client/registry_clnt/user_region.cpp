@@ -2,8 +2,7 @@
 // remembered on the way, the last of each, for a map that does not name him.
 #include <veliaxdr/rgy_local.h>
 
-#include <cstdio>
-
+#include <common/refused_file.h>
 #include <rvzd/client/registry_clnt/local_files.h>
 #include <rvzd/client/registry_clnt/registry_clnt.h>
 #include <support/credutl.h>
@@ -16,7 +15,7 @@ namespace {
 
 constexpr size_t region_size = 33;
 constexpr size_t name_size = 256;
-constexpr size_t line_size = 1024; // 1,022 characters, the line end and a terminator
+constexpr FileBounds map_bounds = {list_file.file_bytes, 1022};
 constexpr char separators[] = "= \t{\n";
 constexpr char unknown_domain[] = "<unknown>";
 
@@ -74,19 +73,14 @@ struct MapReader {
     }
 };
 
-bool is_overlong(const char *line) {
-    const size_t length = strlen(line);
-    return length == line_size - 1 && line[length - 1] != '\n';
-}
-
-Found read_map(FILE *file, MapReader &reader) {
-    char line[line_size];
-    while (fgets(line, sizeof line, file) != nullptr) {
-        const Found found = is_overlong(line) ? Found::malformed : reader.take_line(line);
+Found read_map(TextFile &file, MapReader &reader, FileOutcome &outcome) {
+    TextLine line;
+    while ((outcome = file.next_line(line)) == FileOutcome::ok) {
+        const Found found = reader.take_line(line.text);
         if (found != Found::nothing_yet)
             return found;
     }
-    return ferror(file) == 0 ? Found::nothing_yet : Found::malformed;
+    return outcome == FileOutcome::end ? Found::nothing_yet : Found::malformed;
 }
 
 // The region that counts; null if there is none for this user. No region has an empty name.
@@ -126,12 +120,17 @@ tbs_status_t registry_prop_get_user_region(const char *map_path, size_t size, ch
     if (map_path == nullptr || buffer == nullptr || !get_process_names(names))
         return TBS_ST_ERROR;
     return with_inhibit([&]() -> tbs_status_t {
-        FILE *file = fopen(map_path, "r");
-        if (file == nullptr)
-            return TBS_ST_ERROR;
+        TextFile file;
+        FileOutcome outcome = file.open(map_path, map_bounds);
         MapReader reader = {names, false, "", "", "", ""};
-        const char *region = region_of(reader, read_map(file, reader));
-        fclose(file);
+        Found found = Found::malformed;
+        if (outcome == FileOutcome::ok) {
+            found = read_map(file, reader, outcome);
+            file.close();
+        }
+        if (is_refused(outcome))
+            print_refused_file(subsystem, map_path, file, outcome);
+        const char *region = region_of(reader, found);
         if (region == nullptr || strlen(region) >= size)
             return TBS_ST_ERROR;
         return strutl_cpy_buf(buffer, region, size) == 0 ? TBS_ST_OK : TBS_ST_ERROR;
