@@ -98,9 +98,10 @@ typedef struct clnt_tz_info {
  * that call this wait for ever.
  *
  * A zone whose moments cannot be had is no failure: the record comes without them. Warnings are printed (severity 4) if
- * TZ is not set, once until it is set again, if its zone file cannot be read, or without memory; that a zone file or
- * rule has been read is printed, too (severity 0). Both happen only when the value of TZ or the file's modification
- * time has changed; else a call costs one stat of the file, and never waits for the network.
+ * TZ is not set, once until it is set again, if its zone file cannot be read, is not a regular file or has more than 16
+ * MiB, or without memory; that a zone file or rule has been read is printed, too (severity 0). Both happen only when
+ * the value of TZ or the file's modification time has changed; else a call costs one stat of the file, and never waits
+ * for the network or at a pipe.
  */
 clnt_tz_status_t clnt_tz_get_info(int year, clnt_tz_info_t **info);
 

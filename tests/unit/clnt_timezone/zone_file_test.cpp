@@ -3,6 +3,8 @@
 
 #include <cstring>
 
+#include <tests/bad_files.h>
+
 #include "zone_bytes.h"
 
 #include <rvzd/client/clnt_timezone/timezone.h>
@@ -188,11 +190,24 @@ TEST(ZoneFile, WithoutMemoryIsNotReadAndLosesNothing) {
     }
 }
 
-TEST(ZoneFile, PipeIsNoneAndIsNotWaitedFor) {
+TEST(ZoneFile, WhatIsNoFileIsNoneAndIsNotWaitedFor) {
     TimeZone zone;
-    ASSERT_EQ(mkfifo(zone.path("pipe").c_str(), 0600), 0);
+    bad_files::for_each(zone.path("bad"), 16 << 20, [&](const std::string &) {
+        Zone read;
+        EXPECT_EQ(read_zone_file(zone.path("bad").c_str(), read), ReadOutcome::unusable);
+        EXPECT_TRUE(has_nothing(read));
+    });
+}
+
+TEST(ZoneFile, CountsOfALargeFileAreBoundedByItsSizeAndTheReaders) {
+    TimeZone zone;
+    const std::string header = ZoneBytes::header(0, 0, 0, INT32_MAX, 1, 1);
+    zone.file(header);
+    ASSERT_EQ(truncate(zone.path().c_str(), 16 << 20), 0);
+    zone.world.fail_allocation(1);
     Zone read;
-    EXPECT_EQ(read_zone_file(zone.path("pipe").c_str(), read), ReadOutcome::unusable);
+    EXPECT_EQ(read_zone_file(zone.path().c_str(), read), ReadOutcome::unusable);
+    EXPECT_FALSE(zone.world.allocation_failed()) << "nothing was asked for";
 }
 
 TEST(ZoneFile, DeviceIsNone) {

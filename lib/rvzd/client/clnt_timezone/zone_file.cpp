@@ -2,18 +2,17 @@
 // is cut off, or whose parts do not fit together, is no zone file. Memory is asked for what the file really holds.
 #include "timezone.h"
 
-#include <cerrno>
 #include <cstring>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
+#include <common/text_file.h>
 #include <support/stg.h>
 
+using namespace velia;
 using namespace velia::tz;
 
 namespace {
+
+constexpr FileBounds zone_bounds = {list_file.file_bytes, text_line_bytes_max};
 
 // Numbers stand in a zone file with their highest byte first. The reader's bytes have been counted before.
 class ZoneReader {
@@ -119,39 +118,30 @@ bool all_types_exist(const Zone &zone) {
     return true;
 }
 
-bool read_bytes(int descriptor, char *bytes, size_t size) {
-    while (size > 0) {
-        const ssize_t taken = read(descriptor, bytes, size);
-        if (taken == 0 || (taken < 0 && errno != EINTR))
-            return false;
-        if (taken > 0) {
-            bytes += taken;
-            size -= static_cast<size_t>(taken);
-        }
-    }
-    return true;
+bool read_bytes(TextFile &file, char *bytes, size_t size) {
+    size_t count;
+    return file.next_bytes(bytes, size, count) == FileOutcome::ok && count == size;
 }
 
-ReadOutcome read_body(int descriptor, char *bytes, size_t size, Zone &zone) {
+ReadOutcome read_body(TextFile &file, char *bytes, size_t size, Zone &zone) {
     constexpr size_t head_size = sizeof(ZoneHeader);
-    return read_bytes(descriptor, bytes + head_size, size - head_size) ? decode_zone({bytes, size}, zone)
-                                                                       : ReadOutcome::unusable;
+    return read_bytes(file, bytes + head_size, size - head_size) ? decode_zone({bytes, size}, zone)
+                                                                 : ReadOutcome::unusable;
 }
 
-ReadOutcome read_open_file(int descriptor, Zone &zone) {
+ReadOutcome read_open_file(TextFile &file, Zone &zone) {
     char head[sizeof(ZoneHeader)];
-    struct stat status;
-    if (fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode) || !read_bytes(descriptor, head, sizeof head))
+    if (!read_bytes(file, head, sizeof head))
         return ReadOutcome::unusable;
     ZoneReader reader({head, sizeof head});
     const uint64_t size = block_size(decode_header(reader));
-    if (size > static_cast<uint64_t>(status.st_size))
+    if (size > file.size_bytes())
         return ReadOutcome::unusable;
     auto *bytes = static_cast<char *>(stg_malloc(size));
     if (bytes == nullptr)
         return ReadOutcome::no_memory;
     memcpy(bytes, head, sizeof head);
-    const ReadOutcome outcome = read_body(descriptor, bytes, size, zone);
+    const ReadOutcome outcome = read_body(file, bytes, size, zone);
     stg_free(bytes);
     return outcome;
 }
@@ -185,13 +175,12 @@ void velia::tz::release_zone(Zone &zone) {
     zone = {};
 }
 
-// What is no plain file, such as a pipe that somebody put there, must not make the caller wait.
 ReadOutcome velia::tz::read_zone_file(const char *path, Zone &zone) {
     zone = {};
-    const int descriptor = open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-    if (descriptor < 0)
+    TextFile file;
+    if (file.open(path, zone_bounds) != FileOutcome::ok)
         return ReadOutcome::unusable;
-    const ReadOutcome outcome = read_open_file(descriptor, zone);
-    close(descriptor);
+    const ReadOutcome outcome = read_open_file(file, zone);
+    file.close();
     return outcome;
 }
