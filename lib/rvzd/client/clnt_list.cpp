@@ -2,7 +2,9 @@
 // making a new file the current one is for the daemon.
 #include <cerrno>
 #include <cstdio>
+#include <fcntl.h>
 #include <netdb.h>
+#include <unistd.h>
 
 #include <common/trace.h>
 #include <common/with.h>
@@ -70,8 +72,18 @@ tbs_status_t failed(int position, const char *path, int error_number) {
     return tbs_errno2status(error_number);
 }
 
+// A pipe that nobody reads from is not waited for.
+FILE *open_stream(const char *path) {
+    constexpr mode_t mode = 0666;
+    const int descriptor = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, mode);
+    FILE *stream = descriptor >= 0 ? fdopen(descriptor, "w") : nullptr;
+    if (stream == nullptr && descriptor >= 0)
+        close(descriptor);
+    return stream;
+}
+
 FILE *open_file(const char *path, tbs_status_t &status) {
-    FILE *stream = fopen(path, "we");
+    FILE *stream = open_stream(path);
     if (stream == nullptr) {
         const int error_number = errno;
         status = tbs_errno2status(error_number);

@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include <support/date.h>
+#include <tests/bad_files.h>
 #include <veliaxdr/rvzd_hosts.h>
 
 namespace {
@@ -98,6 +99,15 @@ TEST_F(ClientListFile, APathThatCannotBeOpenedIsToldWithItsName) {
     EXPECT_EQ(clnt_list_write_file(missing.c_str(), 1, &entry), TBS_ST_NOT_SET);
     EXPECT_EQ(world.take_messages().at(0),
               message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 18, missing.c_str(), imsg_strerror(ENOENT)));
+}
+
+TEST_F(ClientListFile, APipeThatNobodyReadsFromIsNotWaitedFor) {
+    const clnt_entry_t entry = entry_at("10.0.0.1");
+    const std::string pipe = world.root() + "/pipe";
+    const bad_files::BadFile file(bad_files::Kind::pipe, pipe);
+    EXPECT_EQ(clnt_list_write_file(pipe.c_str(), 1, &entry), tbs_errno2status(ENXIO));
+    EXPECT_EQ(world.take_messages().at(0),
+              message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 18, pipe.c_str(), imsg_strerror(ENXIO)));
 }
 
 TEST_F(ClientListFile, AFullDeviceIsToldAndNoDescriptorStaysOpen) {
