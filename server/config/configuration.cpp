@@ -4,13 +4,11 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <charconv>
-#include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
-#include <unistd.h>
 
+#include <common/text_file.h>
 #include <server/config/words.h>
 #include <server/messages.h>
 
@@ -241,23 +239,22 @@ private:
     unsigned long line_ = 0;
 };
 
-// errno, or 0.
-int read_whole(int fd, std::string &text) {
+// The lines' lengths are judged by the parser.
+constexpr FileBounds file_bounds = {CONFIG_FILE_BYTES_MAX, text_line_bytes_max};
+
+// At most what the bound allows, so that memory is asked for what there is.
+FileOutcome read_whole(TextFile &file, std::string &text) {
     std::array<char, 16384> piece;
-    while (true) {
-        const ssize_t count = read(fd, piece.data(), piece.size());
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count <= 0)
-            return count < 0 ? errno : 0;
-        text.append(piece.data(), static_cast<size_t>(count));
-        if (text.size() > CONFIG_FILE_BYTES_MAX)
-            return EFBIG;
-    }
+    size_t count = 0;
+    FileOutcome outcome;
+    while ((outcome = file.next_bytes(piece.data(), piece.size(), count)) == FileOutcome::ok && count > 0)
+        text.append(piece.data(), count);
+    return outcome;
 }
 
-ConfigurationResult failed_result(int message, unsigned long line, int error_number) {
-    return {{}, {{message, line, imsg_strerror(error_number)}}};
+ConfigurationResult failed_result(int message, unsigned long line, const TextFile &file, FileOutcome outcome) {
+    char words[file_words_size];
+    return {{}, {{message, line, file.why(outcome, words)}}};
 }
 
 } // namespace
@@ -290,15 +287,18 @@ ConfigurationResult parse_configuration(std::string_view text, const NameLookup 
 }
 
 ConfigurationResult read_configuration(const std::string &file_name, const NameLookup &names) {
-    const int fd = open(file_name.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
-    if (fd < 0)
-        return failed_result(MSG_CONFIG_UNREADABLE, 0, errno);
+    TextFile file;
+    FileOutcome outcome = file.open(file_name.c_str(), file_bounds);
+    if (outcome != FileOutcome::ok && !is_refused(outcome))
+        return failed_result(MSG_CONFIG_UNREADABLE, 0, file, outcome);
     std::string text;
-    const int error_number = read_whole(fd, text);
-    close(fd);
-    if (error_number != 0) {
+    if (outcome == FileOutcome::ok) {
+        outcome = read_whole(file, text);
+        file.close();
+    }
+    if (outcome != FileOutcome::ok) {
         const auto lines = std::count(text.begin(), text.end(), '\n');
-        return failed_result(MSG_CONFIG_READ_ERROR, static_cast<unsigned long>(lines) + 1, error_number);
+        return failed_result(MSG_CONFIG_READ_ERROR, static_cast<unsigned long>(lines) + 1, file, outcome);
     }
     return parse_configuration(text, names);
 }

@@ -6,6 +6,7 @@
 #include <fstream>
 
 #include <server/config/configuration.h>
+#include <tests/bad_files.h>
 
 using namespace velia::server;
 
@@ -235,10 +236,24 @@ TEST_F(ConfigurationOnDisk, ThatIsNotThereIsTold) {
                 ElementsAre(row(IMSG_ERROR, MSG_CONFIG_UNREADABLE, path.c_str(), imsg_strerror(ENOENT))));
 }
 
-TEST_F(ConfigurationOnDisk, ThatIsADirectoryIsToldAsAReadError) {
-    std::filesystem::create_directory(path);
+TEST_F(ConfigurationOnDisk, ThatIsNoFileIsNotWaitedForAndToldAsAReadError) {
+    bad_files::for_each(path, CONFIG_FILE_BYTES_MAX, [&](const std::string &words) {
+        EXPECT_THAT(told_of_file(),
+                    ElementsAre(row(IMSG_ERROR, MSG_CONFIG_READ_ERROR, path.c_str(), 1ul, words.c_str())));
+    });
+}
+
+TEST_F(ConfigurationOnDisk, ThatMayNotBeReadIsTold) {
+    std::ofstream(path) << "udp shared 1 1 - - - /a\n";
+    const bad_files::WithoutRight guard(path);
     EXPECT_THAT(told_of_file(),
-                ElementsAre(row(IMSG_ERROR, MSG_CONFIG_READ_ERROR, path.c_str(), 1ul, imsg_strerror(EISDIR))));
+                ElementsAre(row(IMSG_ERROR, MSG_CONFIG_UNREADABLE, path.c_str(), imsg_strerror(EACCES))));
+}
+
+TEST_F(ConfigurationOnDisk, OfExactlyTheBoundIsRead) {
+    const std::string line = "udp shared 1 1 - - - /a\n";
+    std::ofstream(path) << std::string(CONFIG_FILE_BYTES_MAX - line.size(), '\n') << line;
+    EXPECT_EQ(read_configuration(path.string(), names).configuration.services.size(), 1u);
 }
 
 TEST_F(ConfigurationOnDisk, ThatIsTooLargeIsToldAndNotTakenInPart) {
@@ -247,7 +262,7 @@ TEST_F(ConfigurationOnDisk, ThatIsTooLargeIsToldAndNotTakenInPart) {
     EXPECT_THAT(result.configuration.services, IsEmpty());
     ASSERT_EQ(result.errors.size(), 1u);
     EXPECT_EQ(result.errors[0].message, MSG_CONFIG_READ_ERROR);
-    EXPECT_EQ(result.errors[0].detail, imsg_strerror(EFBIG));
+    EXPECT_EQ(result.errors[0].detail, "File is larger than 1048576 bytes");
 }
 
 TEST(SystemNames, TakeNumbersAsTheyAreAndKnowRoot) {
