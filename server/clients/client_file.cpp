@@ -4,11 +4,12 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
+#include <memory>
 #include <unistd.h>
 
 #include <arpa/inet.h>
 
+#include <common/text_file.h>
 #include <support/date.h>
 #include <support/imsg.h>
 #include <veliaxdr/rvzd_hosts.h>
@@ -17,7 +18,8 @@ namespace velia::server {
 
 namespace {
 
-constexpr size_t line_length_max = 8192;
+// A full list at its longest: each client has ten texts of at most 255 bytes.
+constexpr FileBounds file_bounds = {64 << 20, text_line_bytes_max};
 constexpr std::string_view version_line = "-dbversion=";
 constexpr std::string_view known_version = "1.0";
 
@@ -77,27 +79,72 @@ bool take_known_item(std::string_view key, std::string_view value, Client &clien
     return known != text_keys.end();
 }
 
-void read_lines(std::istream &file, const std::string &file_name, ClientList &list) {
-    std::string line;
+// A line that is too long is one that is not understood.
+LineFault take_line(TextFile &file, FileOutcome outcome, const TextLine &line, ClientList &list) {
+    Client client;
+    if (outcome == FileOutcome::line_too_long) {
+        file.skip_line();
+        return LineFault::invalid_entry;
+    }
+    const LineFault fault = parse_client_line({line.text, line.length}, client);
+    if (fault == LineFault::none && !list.restore(std::move(client)))
+        return LineFault::duplicate_address;
+    return fault;
+}
+
+void print_fault(LineFault fault, const std::string &file_name, int line_number) {
+    print(IMSG_WARNING,
+          fault == LineFault::invalid_entry     ? CLNT_LIST_MSG_INVALID_ENTRY
+          : fault == LineFault::invalid_address ? CLNT_LIST_MSG_INVALID_ADDRESS
+                                                : CLNT_LIST_MSG_DUPLICATE_ADDRESS,
+          file_name.c_str(), line_number);
+}
+
+bool print_failed_read(const std::string &file_name, const TextFile &file, FileOutcome outcome) {
+    char words[file_words_size];
+    print(IMSG_ERROR, CLNT_LIST_MSG_CANNOT_OPEN, file_name.c_str(), file.why(outcome, words));
+    return false;
+}
+
+void read_lines(TextFile &file, const std::string &file_name, ClientList &list) {
     int line_number = 1;
     int entries = 0;
-    while (std::getline(file, line)) {
+    TextLine line;
+    FileOutcome outcome;
+    while ((outcome = file.next_line(line)) == FileOutcome::ok || outcome == FileOutcome::line_too_long) {
         ++line_number;
-        Client client;
-        const LineFault fault = parse_client_line(line, client);
-        if (fault == LineFault::none && list.restore(std::move(client)))
+        const LineFault fault = take_line(file, outcome, line, list);
+        if (fault == LineFault::none)
             ++entries;
         else
-            print(IMSG_WARNING,
-                  fault == LineFault::invalid_entry     ? CLNT_LIST_MSG_INVALID_ENTRY
-                  : fault == LineFault::invalid_address ? CLNT_LIST_MSG_INVALID_ADDRESS
-                                                        : CLNT_LIST_MSG_DUPLICATE_ADDRESS,
-                  file_name.c_str(), line_number);
+            print_fault(fault, file_name, line_number);
     }
+    if (outcome != FileOutcome::end)
+        print_failed_read(file_name, file, outcome);
     print(IMSG_PLAIN, CLNT_LIST_MSG_READ_LINES, entries, file_name.c_str());
 }
 
-bool tell_failure(int position, const std::string &name) {
+// The first line; false, and said, for a version that is not known.
+bool read_version(TextFile &file, const std::string &file_name) {
+    TextLine line = {};
+    const FileOutcome outcome = file.next_line(line);
+    if (outcome == FileOutcome::too_large || outcome == FileOutcome::unreadable)
+        return print_failed_read(file_name, file, outcome);
+    std::string_view version(line.text, line.length);
+    const bool has_version = version.starts_with(version_line) && version.ends_with(';');
+    version = has_version ? version.substr(version_line.size(), version.size() - version_line.size() - 1)
+                          : std::string_view("none");
+    if (version != known_version)
+        print(IMSG_ERROR, CLNT_LIST_MSG_UNKNOWN_VERSION, std::string(version).c_str());
+    return version == known_version;
+}
+
+// Closed also when memory runs out on the way.
+struct FileCloser {
+    void operator()(TextFile *file) const { file->close(); }
+};
+
+bool print_failure(int position, const std::string &name) {
     print(IMSG_ERROR, position, name.c_str(), imsg_strerror(errno));
     return false;
 }
@@ -107,7 +154,7 @@ bool tell_failure(int position, const std::string &name) {
 LineFault parse_client_line(std::string_view line, Client &client) {
     std::string_view key;
     std::string_view value;
-    if (line.size() > line_length_max || !take_item(line, key, value) || key != "-address")
+    if (line.size() > file_bounds.line_bytes || !take_item(line, key, value) || key != "-address")
         return LineFault::invalid_entry;
     if (!parse_address(value, client.address))
         return LineFault::invalid_address;
@@ -119,21 +166,16 @@ LineFault parse_client_line(std::string_view line, Client &client) {
 }
 
 void read_client_file(const std::string &file_name, ClientList &list) {
-    std::ifstream file(file_name);
-    if (!file.is_open()) {
-        if (errno != ENOENT)
-            tell_failure(CLNT_LIST_MSG_CANNOT_OPEN, file_name);
+    TextFile file;
+    const FileOutcome outcome = file.open(file_name.c_str(), file_bounds);
+    if (outcome != FileOutcome::ok) {
+        if (outcome != FileOutcome::absent)
+            print_failed_read(file_name, file, outcome);
         return;
     }
-    std::string line;
-    std::getline(file, line);
-    std::string_view version = line;
-    const bool has_version = version.starts_with(version_line) && version.ends_with(';');
-    version = has_version ? version.substr(version_line.size(), version.size() - version_line.size() - 1)
-                          : std::string_view("none");
-    if (version != known_version)
-        return print(IMSG_ERROR, CLNT_LIST_MSG_UNKNOWN_VERSION, std::string(version).c_str());
-    read_lines(file, file_name, list);
+    const std::unique_ptr<TextFile, FileCloser> closer(&file);
+    if (read_version(file, file_name))
+        read_lines(file, file_name, list);
 }
 
 bool write_client_file(const std::string &file_name, ClientList &list) {
@@ -148,9 +190,9 @@ bool write_client_file(const std::string &file_name, ClientList &list) {
         return false; // told by the writer
     unlink(old_name.c_str());
     if (link(file_name.c_str(), old_name.c_str()) != 0 && errno != ENOENT)
-        tell_failure(CLNT_LIST_MSG_CANNOT_BACK_UP, file_name); // no reason to lose the new one
+        print_failure(CLNT_LIST_MSG_CANNOT_BACK_UP, file_name); // no reason to lose the new one
     if (rename(new_name.c_str(), file_name.c_str()) != 0)
-        return tell_failure(CLNT_LIST_MSG_CANNOT_REPLACE, new_name);
+        return print_failure(CLNT_LIST_MSG_CANNOT_REPLACE, new_name);
     list.note_saved();
     return true;
 }

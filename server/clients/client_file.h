@@ -10,11 +10,12 @@
 namespace velia::server {
 
 // What is wrong with a line, if anything.
-enum class LineFault { none, invalid_entry, invalid_address };
+enum class LineFault { none, invalid_entry, invalid_address, duplicate_address };
 
 LineFault parse_client_line(std::string_view line, Client &client);
 
-// Enters what the file says. A missing file is an empty list, and one of another version is not read.
+// Enters what the file says. A missing file is an empty list, and one of another version is not read; nor is one that
+// is no regular file, or larger than any that is written, which is told and never waited for.
 void read_client_file(const std::string &file_name, ClientList &list);
 
 // Writes the list if it has changed, and keeps the file before it with ".old" behind its name. False, and told, when

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <server/clients/client_file.h>
+#include <tests/bad_files.h>
 
 using namespace velia::server;
 using testing::HasSubstr;
@@ -179,6 +180,59 @@ TEST_F(ClientFile, OfAnUnknownVersionIsNotRead) {
         EXPECT_THAT(read(list), HasSubstr("unknown, not reading")) << first;
         EXPECT_THAT(list.clients(), IsEmpty());
     }
+}
+
+TEST_F(ClientFile, ThatIsNoFileIsNotWaitedForAndAnEmptyList) {
+    bad_files::for_each(name(), 64 << 20, [&](const std::string &words) {
+        ClientList list;
+        EXPECT_THAT(read(list), HasSubstr("Unable to open client list file \"" + name() + "\": " + words + "."));
+        EXPECT_THAT(list.clients(), IsEmpty());
+    });
+}
+
+TEST_F(ClientFile, ThatIsNoFileIsReplacedByTheNextWrite) {
+    const bad_files::BadFile file(bad_files::Kind::pipe, name());
+    ClientList list;
+    list.enter(client_at("10.0.0.1", "one"));
+    ASSERT_TRUE(write_client_file(name(), list));
+    ClientList again;
+    EXPECT_EQ(read(again), "");
+    EXPECT_THAT(again.clients(), SizeIs(1));
+}
+
+TEST_F(ClientFile, LineThatIsTooLongIsOneThatIsNotUnderstood) {
+    const std::string start = "-address=10.0.0.1;-hostname=one;";
+    const std::string longest = start + std::string(8192 - start.size(), 'x');
+    for (const std::string &more : {std::string("x"), std::string(1 << 20, 'x')}) {
+        write("-dbversion=1.0;\n" + longest + more + "\n-address=10.0.0.2;-hostname=two;\n");
+        ClientList list;
+        EXPECT_THAT(read(list), HasSubstr("Invalid entry, file \"" + name() + "\", line 2"));
+        ASSERT_THAT(list.clients(), SizeIs(1));
+        EXPECT_EQ(list.clients()[0].texts[CLIENT_HOSTNAME], "two");
+    }
+    write("-dbversion=1.0;\n" + longest);
+    ClientList list;
+    EXPECT_EQ(read(list), "");
+    EXPECT_THAT(list.clients(), SizeIs(1));
+}
+
+TEST_F(ClientFile, FullListAtItsLongestIsReadBack) {
+    ClientList list;
+    Client client;
+    client.address.ipv6.sin6_family = AF_INET6;
+    for (auto &byte : client.address.ipv6.sin6_addr.s6_addr)
+        byte = 0xfd;
+    client.registry_time = 1'700'000'000;
+    for (std::string &text : client.texts)
+        text = std::string(255, 'x');
+    for (uint32_t i = 0; i < CLIENTS_MAX; ++i) {
+        client.address.ipv6.sin6_addr.s6_addr32[3] = 0xfdfd0000 + i;
+        ASSERT_TRUE(list.enter(client));
+    }
+    ASSERT_TRUE(write_client_file(name(), list));
+    ClientList again;
+    EXPECT_EQ(read(again), "");
+    EXPECT_THAT(again.clients(), SizeIs(CLIENTS_MAX));
 }
 
 TEST_F(ClientFile, ThatIsMissingIsAnEmptyList) {
