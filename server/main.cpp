@@ -18,6 +18,7 @@
 #include <server/registry/copy.h>
 #include <server/registry/service.h>
 #include <support/ks.h>
+#include <veliaxdr/rgy_manage.h>
 #include <veliaxdr/rvzd_socket.h>
 
 using namespace velia::server;
@@ -112,18 +113,18 @@ void make_absolute(std::string &path) {
 
 // The running daemon looks at the database for each question, so the new password counts at once.
 int set_registry_password() {
-    std::string password;
+    std::array<char, RGY_PASSWORD_SIZE> password = {};
+    static_assert(int{IMSG_PASSWORD_SIZE} <= int{RGY_PASSWORD_SIZE});
     if (isatty(STDIN_FILENO) != 0) {
-        std::array<char, IMSG_PASSWORD_SIZE> typed;
-        if (imsg_prompt_password("Registry password: ", typed.data()) != IMSG_PASSWORD_ENTERED)
+        if (imsg_prompt_password("Registry password: ", password.data()) != IMSG_PASSWORD_ENTERED)
             return EXIT_FAILURE;
-        password = typed.data();
-    } else {
-        std::getline(std::cin, password);
+    } else if (!std::cin.getline(password.data(), password.size()) && !std::cin.eof()) {
+        imsg_print(IMSG_ERROR, "The password is longer than %d bytes\n", IMSG_FORMAT, RGY_PASSWORD_SIZE - 1);
+        return EXIT_FAILURE;
     }
     bool is_new = false;
     const auto store = open_sqlite_store(registry_file(), is_new);
-    Registry(*store).set_password(password);
+    Registry(*store).set_password(password.data());
     return EXIT_SUCCESS;
 }
 
