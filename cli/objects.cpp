@@ -99,7 +99,7 @@ bool do_attributes_fit(const std::vector<std::string> &attributes) {
     return fmt::format("{}", fmt::join(attributes, ",")).size() <= text_max;
 }
 
-int tell_failure(const Kind &kind, const Object &object, tbs_status_t status) {
+int print_failure(const Kind &kind, const Object &object, tbs_status_t status) {
     if (status == TBS_ST_ALREADY_EXISTS)
         imsg_print(IMSG_ERROR, "A %s with the uuid %s is registered already\n", IMSG_FORMAT, kind.name,
                    object.uuid_text.c_str());
@@ -119,7 +119,7 @@ int add(const Kind &kind, const Object &object, const Settings &settings) {
         attributes.push_back(attribute.c_str());
     const auto status = kind.add(object, attributes);
     if (status != TBS_ST_OK)
-        return tell_failure(kind, object, status);
+        return print_failure(kind, object, status);
     Results results({"action", "object", "uuid", "hostname", "path"});
     results.add({"added", kind.name, object.uuid_text, object.hostname, object.path});
     results.print(settings.format, settings.with_headers, std::cout);

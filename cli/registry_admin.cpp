@@ -43,7 +43,7 @@ Cell list_cell(const std::string &text) {
     return hosts;
 }
 
-int tell_failure(const char *what, tbs_status_t status) {
+int print_failure(const char *what, tbs_status_t status) {
     imsg_print(IMSG_ERROR, "%s: %s\n", IMSG_FORMAT, what, tbs_strerror(status));
     return exit_status_of(status);
 }
@@ -63,13 +63,13 @@ int show_or_set_backup(const Backup &backup, const Settings &settings) {
     if (backup.is_given) {
         const auto set = rgy_set_current_backup(backup.hosts.c_str());
         if (set != TBS_ST_OK)
-            return tell_failure("The list of backup hosts was not changed", set);
+            return print_failure("The list of backup hosts was not changed", set);
     }
     std::array<char, RGY_WIRE_HOST_LIST_MAX + 1> hosts = {};
     char *place = hosts.data();
     const auto status = rgy_get_current_backup(&place);
     if (status != TBS_ST_OK)
-        return tell_failure("The list of backup hosts could not be had", status);
+        return print_failure("The list of backup hosts could not be had", status);
     Results results({"backup"});
     results.add({list_cell(hosts.data())});
     results.print(settings.format, settings.with_headers, std::cout);
@@ -131,7 +131,7 @@ int check_access(const Check &check, const Settings &settings) {
     const auto status = ask_registry(check, password);
     const char *access = access_of(status);
     if (access == nullptr)
-        return tell_failure("The access could not be checked", status);
+        return print_failure("The access could not be checked", status);
     Results results({"change", "access"});
     results.add({check.db.empty() ? "tags" : check.db, access});
     results.print(settings.format, settings.with_headers, std::cout);

@@ -85,7 +85,7 @@ int print_role_of(const std::string &host, const std::string &role, const Settin
 }
 
 // Why is told by the library.
-int tell_unchanged(const std::string &host, tbs_status_t status) {
+int print_unchanged(const std::string &host, tbs_status_t status) {
     imsg_print(IMSG_ERROR, "The role of host '%s' was not changed: %s\n", IMSG_FORMAT, host.c_str(),
                tbs_strerror(status));
     return status == TBS_ST_NOT_FOUND ? exit_unreachable : exit_status_of(status);
@@ -98,7 +98,7 @@ int change_role(const std::string &host, const std::string &role, const Settings
         const MessagesAside aside;
         status = change();
     }
-    return status == TBS_ST_OK ? print_role_of(host, role, settings) : tell_unchanged(host, status);
+    return status == TBS_ST_OK ? print_role_of(host, role, settings) : print_unchanged(host, status);
 }
 
 int promote(const std::string &host, const Settings &settings) {

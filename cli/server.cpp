@@ -45,7 +45,7 @@ struct Arguments {
     }
 };
 
-void tell_not_found(const Arguments &arguments, tbs_status_t status) {
+void print_not_found(const Arguments &arguments, tbs_status_t status) {
     imsg_print(IMSG_ERROR, "No server of program %lu version %lu on host '%s': %s\n", IMSG_FORMAT, arguments.program,
                arguments.version, arguments.host.c_str(), tbs_strerror(status));
 }
@@ -63,7 +63,7 @@ int find_server(const Arguments &arguments, const Settings &settings) {
     const auto status = rvzd_find_server(handle, &trait, &uuid, arguments.path.c_str(), &addresses);
     rvzd_free_handle(handle);
     if (status != TBS_ST_OK) {
-        tell_not_found(arguments, status);
+        print_not_found(arguments, status);
         return status == TBS_ST_RPC_FAILED ? exit_unreachable : exit_failed;
     }
     Results results({"host", "prog", "vers", "proto", "address"});

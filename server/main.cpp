@@ -35,12 +35,12 @@ public:
             return;
         FILE *file = fopen(name_.c_str(), "we");
         if (file == nullptr) {
-            tell_failure();
+            print_failure();
             return;
         }
         fprintf(file, "%d\n", static_cast<int>(getpid()));
         if (fclose(file) != 0)
-            tell_failure();
+            print_failure();
     }
     ~PidFile() {
         if (!name_.empty())
@@ -50,7 +50,7 @@ public:
     PidFile &operator=(const PidFile &) = delete;
 
 private:
-    void tell_failure() const {
+    void print_failure() const {
         imsg_print_shared(IMSG_ERROR, "xdr/rvzd", &_tbs_cmsg_tbs_msg_table, TBS_MSG_CANNOT_OPEN, name_.c_str(),
                           imsg_strerror(errno));
     }
@@ -93,8 +93,8 @@ void serve(const CommandLine &line, Listeners listeners, const Configuration &co
         Daemon daemon(loop.get(), std::move(listeners), line.config_file, configuration, manager);
         print(IMSG_PLAIN, MSG_UP_AND_RUNNING);
         background.came_up();
-        tell_ready_fd(line.ready_fd);
-        manager.tell_ready();
+        send_ready_fd(line.ready_fd);
+        manager.send_ready();
         daemon.run();
     }
     if (line.rpcbind)

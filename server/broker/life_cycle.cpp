@@ -24,7 +24,7 @@ int64_t down_time_ms(uint32_t failures) {
     return std::min(time_ms, down_most_ms);
 }
 
-void tell_exit(const Process &process, const ServerTable::ExitStatus &status) {
+void print_exit(const Process &process, const ServerTable::ExitStatus &status) {
     const auto name = process.name();
     const int pid = process.pid;
     if (status.signal_number != 0)
@@ -102,7 +102,7 @@ void ServerTable::process_exited(int32_t pid, const ExitStatus &status, Moment n
         return;
     Process process = std::move(found->second);
     processes_.erase(found);
-    tell_exit(process, status);
+    print_exit(process, status);
     if (process.state == ProcessState::starting) {
         print(IMSG_ERROR, MSG_DIED_ON_STARTUP, process.name().c_str(), static_cast<int>(pid), process.place().c_str());
         mark_down(*process.service, now);

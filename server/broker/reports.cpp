@@ -17,7 +17,7 @@ std::string ports_text(const rvzd_server_port_list_t &ports) {
     return text;
 }
 
-void tell_invalid(const ServerTable::RegisterRequest &request) {
+void print_invalid(const ServerTable::RegisterRequest &request) {
     std::array<char, TBS_UUID_STR_SIZE> uuid;
     print(IMSG_WARNING, MSG_INVALID_REGISTER, static_cast<unsigned>(request.trait.prog),
           static_cast<int>(request.trait.vers), static_cast<int>(request.trait.proto),
@@ -68,7 +68,7 @@ bool ServerTable::is_welcome(const RegisterRequest &request, const Process *proc
 tbs_status_t ServerTable::register_server(const RegisterRequest &request, Moment now) {
     Process *process = find_process(request.pid);
     if (!is_welcome(request, process)) {
-        tell_invalid(request);
+        print_invalid(request);
         return TBS_ST_ERROR;
     }
     if (process == nullptr) {

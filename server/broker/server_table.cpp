@@ -17,7 +17,7 @@ void answer_status(const FindDone &done, tbs_status_t status) {
     done(answer);
 }
 
-void tell_unknown(const FindRequest &request) {
+void print_unknown(const FindRequest &request) {
     std::array<char, TBS_UUID_STR_SIZE> uuid;
     print(IMSG_WARNING, MSG_UNKNOWN_SERVER, static_cast<unsigned>(request.trait.prog),
           static_cast<int>(request.trait.vers), static_cast<int>(request.trait.proto),
@@ -43,7 +43,7 @@ Match match_of(const Process &process, const Registration &registration, const F
     return uuid_fits ? Match::wrong_path : Match::wrong_uuid;
 }
 
-void tell_mismatch(Match match, const Process &process, const FindRequest &request) {
+void print_mismatch(Match match, const Process &process, const FindRequest &request) {
     std::array<char, TBS_UUID_STR_SIZE> uuid;
     tbs_uuid_to_str(&request.uuid, uuid.data());
     const auto name = process.name();
@@ -93,7 +93,7 @@ Process *ServerTable::self_started_for(const FindRequest &request) {
         }
     }
     if (nearest_process != nullptr && service_of(request.trait) == nullptr)
-        tell_mismatch(nearest, *nearest_process, request);
+        print_mismatch(nearest, *nearest_process, request);
     return nullptr;
 }
 
@@ -137,7 +137,7 @@ void ServerTable::find(const FindRequest &request, Moment now, const FindDone &d
         return serve(*process, request, now, done);
     const auto service = service_of(request.trait);
     if (service == nullptr) {
-        tell_unknown(request);
+        print_unknown(request);
         return answer_status(done, TBS_ST_NOT_FOUND);
     }
     find_in_service(service, request, now, done);

@@ -100,13 +100,13 @@ void Daemon::save_clients() {
 void Daemon::reload() {
     if (stop_requests_ > 0)
         return;
-    manager_.tell_reloading();
+    manager_.send_reloading();
     const auto result = read_configuration(config_file_, system_names());
     if (result.errors.empty())
         apply(result.configuration);
     else
         print_configuration_errors(config_file_, result.errors);
-    manager_.tell_ready();
+    manager_.send_ready();
 }
 
 void Daemon::schedule() {
@@ -139,7 +139,7 @@ void Daemon::finish_if_idle() {
 void Daemon::stop() {
     ++stop_requests_;
     if (stop_requests_ == 1) {
-        manager_.tell_stopping();
+        manager_.send_stopping();
         table_.shut_down(monotonic_ms());
         udp_endpoints_.clear();
         tcp_endpoints_.clear();

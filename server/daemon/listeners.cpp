@@ -20,7 +20,7 @@ namespace {
 
 constexpr int ipv4_only = 4;
 
-void tell_fault(const SocketFault &fault) {
+void print_fault(const SocketFault &fault) {
     if (fault.message == MSG_BIND_FAILED && fault.error_number == EADDRINUSE)
         print(IMSG_ERROR, MSG_ALREADY_RUNNING);
     else
@@ -60,7 +60,7 @@ bool open_wildcard(uint16_t port, Listeners &listeners) {
         if (open_pair(ipv6, true, listeners, &fault))
             return true;
         if (!is_missing_family(fault)) {
-            tell_fault(fault);
+            print_fault(fault);
             return false;
         }
     }
@@ -70,7 +70,7 @@ bool open_wildcard(uint16_t port, Listeners &listeners) {
     if (is_missing_family(fault))
         print(IMSG_ERROR, MSG_CANNOT_BIND_ANY);
     else
-        tell_fault(fault);
+        print_fault(fault);
     return false;
 }
 
@@ -88,7 +88,7 @@ bool open_named(const std::string &name, uint16_t port, Listeners &listeners) {
     SocketFault fault;
     if (open_pair(*address, false, listeners, &fault))
         return true;
-    tell_fault(fault);
+    print_fault(fault);
     return false;
 }
 

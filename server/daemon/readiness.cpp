@@ -26,7 +26,7 @@ ServiceManager::ServiceManager() {
     unsetenv("NOTIFY_SOCKET");
 }
 
-void ServiceManager::tell_reloading() const {
+void ServiceManager::send_reloading() const {
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
     const auto now_us = static_cast<long long>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
@@ -48,7 +48,7 @@ void ServiceManager::send(const std::string &state) const {
            length);
 }
 
-void tell_ready_fd(int fd) {
+void send_ready_fd(int fd) {
     if (fd < 0)
         return;
     std::string_view rest = "READY=1\n";

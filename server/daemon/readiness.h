@@ -11,9 +11,9 @@ namespace velia::server {
 class ServiceManager {
 public:
     ServiceManager();
-    void tell_ready() const { send("READY=1"); }
-    void tell_reloading() const;
-    void tell_stopping() const { send("STOPPING=1"); }
+    void send_ready() const { send("READY=1"); }
+    void send_reloading() const;
+    void send_stopping() const { send("STOPPING=1"); }
 
 private:
     void send(const std::string &state) const;
@@ -21,6 +21,6 @@ private:
 };
 
 // Writes "READY=1\n" and closes, whoever may or may not be reading. Negative: nobody asked.
-void tell_ready_fd(int fd);
+void send_ready_fd(int fd);
 
 } // namespace velia::server

@@ -118,12 +118,12 @@ bool is_listed(const std::string &list, const std::string &host) {
 }
 
 bool copy_registry(Source &source, Store &store, const std::function<void()> &keep_former,
-                   const std::function<void()> &tell_start) {
+                   const std::function<void()> &print_start) {
     bool is_changed = false;
     const auto begin = [&](const Stamps &stamps) {
         if (is_changed)
             return;
-        tell_start();
+        print_start();
         prepare(stamps, store, keep_former);
         is_changed = true;
     };

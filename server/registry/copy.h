@@ -43,10 +43,10 @@ class CopyError : public std::runtime_error {
 bool is_listed(const std::string &list, const std::string &host);
 
 // Makes the store like the source, database by database, each in one transaction. `keep_former` is called before a
-// registry is overwritten that is not a copy of this one, and `tell_start` before the first change. False: nothing was
+// registry is overwritten that is not a copy of this one, and `print_start` before the first change. False: nothing was
 // to be done.
 bool copy_registry(Source &source, Store &store, const std::function<void()> &keep_former,
-                   const std::function<void()> &tell_start);
+                   const std::function<void()> &print_start);
 
 // In the environment of a copying process: the number of the daemon that started it, and with which it ends.
 constexpr const char *copying_daemon_variable = "VELIA_COPYING_DAEMON";
