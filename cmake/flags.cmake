@@ -21,6 +21,11 @@ if(VELIA_FUZZ)
   target_link_options(velia_flags INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
+# A target with the property VELIA_TEST_BODY holds tests, not what they test: it is compiled as cheaply as it can be.
+set(VELIA_IS_TEST_BODY $<BOOL:$<TARGET_PROPERTY:VELIA_TEST_BODY>>)
+separate_arguments(VELIA_TEST_FLAGS)
+target_compile_options(velia_flags INTERFACE "$<${VELIA_IS_TEST_BODY}:${VELIA_TEST_FLAGS}>")
+
 add_library(velia_library_flags INTERFACE)
 target_link_libraries(velia_library_flags INTERFACE velia_flags)
 target_compile_options(velia_library_flags INTERFACE
