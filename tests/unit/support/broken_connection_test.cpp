@@ -37,6 +37,7 @@ class BrokenConnection : public testing::Test {
 protected:
     void SetUp() override {
         signal(SIGPIPE, SIG_DFL);
+        pthread_sigmask(SIG_SETMASK, nullptr, &mask_before_);
         client_ = ks_clnttcp_create_sockaddr(server_.address(), program, 1, &socket_fd_, 0, 0);
         ASSERT_NE(client_, nullptr);
         uint32_t reply = 0;
@@ -46,11 +47,13 @@ protected:
     void TearDown() override {
         clnt_destroy(client_);
         close(socket_fd_);
+        pthread_sigmask(SIG_SETMASK, &mask_before_, nullptr);
     }
 
     RpcServer server_{AF_INET, SOCK_STREAM};
     int socket_fd_ = -1;
     CLIENT *client_ = nullptr;
+    sigset_t mask_before_ = {};
 };
 
 } // namespace

@@ -50,19 +50,21 @@ TEST(MutexDeathTest, UnlockingWhatIsNotHeldIsAFailedAssertion) {
 }
 
 TEST(Once, RunsItsFunctionOnceForAllThreads) {
-    static ivlthread_once_t control;
+    ivlthread_once_t control = {};
     static std::atomic<int> runs;
+    runs = 0;
     std::vector<std::thread> threads;
     for (int i = 0; i < 8; ++i)
-        threads.emplace_back([] { ivlthread_once(&control, [] { return ++runs, 0; }); });
+        threads.emplace_back([&] { ivlthread_once(&control, [] { return ++runs, 0; }); });
     for (std::thread &thread : threads)
         thread.join();
     EXPECT_EQ(runs, 1);
 }
 
 TEST(Once, AFunctionLeftByARaiseHasNotRun) {
-    static ivlthread_once_t control;
+    ivlthread_once_t control = {};
     static int runs;
+    runs = 0;
     pfm_frame_t frame;
     frame.code = sigsetjmp(frame.jump, 1);
     if (!pfm_cleanup_start(&frame, 0)) {
@@ -80,6 +82,7 @@ TEST(Once, AFunctionLeftByARaiseHasNotRun) {
 
 TEST(Key, EachThreadHasItsValueAndItsDestructorRuns) {
     static std::atomic<int> destroyed;
+    destroyed = 0;
     ivlthread_key_t key = 0;
     ASSERT_EQ(ivlthread_key_create(&key, [](void *) { ++destroyed; }), 0);
     EXPECT_NE(key, 0u);

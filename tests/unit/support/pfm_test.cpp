@@ -85,10 +85,10 @@ TEST(Raise, WithoutAFrameEndsTheProcessThroughItsExitActions) {
     });
     EXPECT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 4);
+    close(pipe_ends[1]); // so that a read of what the child did not write ends
     char byte = 0;
     EXPECT_EQ(read(pipe_ends[0], &byte, 1), 1);
     close(pipe_ends[0]);
-    close(pipe_ends[1]);
 }
 
 TEST(Raise, WithoutAFrameNeverLooksLikeSuccess) {
@@ -217,9 +217,9 @@ TEST(OnExit, RunsTheLastRegisteredFirst) {
             pfm_on_exit([](void *text) { (void)!write(out, text, 1); }, const_cast<char *>(letter));
         exit(0);
     });
+    close(pipe_ends[1]);
     char order[4] = {};
     EXPECT_EQ(read(pipe_ends[0], order, 3), 3);
     EXPECT_STREQ(order, "cba");
     close(pipe_ends[0]);
-    close(pipe_ends[1]);
 }
