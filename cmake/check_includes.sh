@@ -28,7 +28,7 @@ refuse lib/rvzd/xdr '(rvzd/client)/' 'XDR routines stand below the clients'
 refuse "$foundation_files" '(support|veliaxdr|rvzd|common|lib|server|cli|tests|rpc)/' \
     'the foundation stands below all else of ours' "$foundation"
 refuse server '(common|rvzd|lib|cli|tests)/' 'the daemon uses the public headers, as any outsider would, and the foundation' \
-    "$foundation"
+    "$foundation|common/require\.h"
 refuse cli '(common|rvzd|lib|server|tests)/' 'the tool uses the public headers, as any outsider would'
 refuse samples '(common|rvzd|lib|server|cli|tests)/' 'samples use the public headers, as any outsider would'
 

@@ -5,7 +5,7 @@ target_compile_options(velia_flags INTERFACE -Wall -Wextra -Wconversion -Wshadow
 target_compile_definitions(velia_flags INTERFACE _GNU_SOURCE)
 target_include_directories(velia_flags INTERFACE ${PROJECT_SOURCE_DIR}/include)
 if(VELIA_TESTS)
-  target_compile_definitions(velia_flags INTERFACE VELIA_CHECK_LOCK_ORDER)
+  target_compile_definitions(velia_flags INTERFACE VELIA_CHECK_INVARIANTS)
 endif()
 if(VELIA_WERROR)
   target_compile_options(velia_flags INTERFACE -Werror)

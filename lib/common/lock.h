@@ -35,7 +35,7 @@ void note_given_back(const ivlthread_mutex_t &mutex);
 
 template <LockRank rank>
 inline void take(Lock<rank> lock) {
-#ifdef VELIA_CHECK_LOCK_ORDER
+#ifdef VELIA_CHECK_INVARIANTS
     note_taken(lock.mutex, rank);
 #endif
     ivlthread_mutex_lock(&lock.mutex);
@@ -43,7 +43,7 @@ inline void take(Lock<rank> lock) {
 
 template <LockRank rank>
 inline void give_back(Lock<rank> lock) {
-#ifdef VELIA_CHECK_LOCK_ORDER
+#ifdef VELIA_CHECK_INVARIANTS
     note_given_back(lock.mutex);
 #endif
     ivlthread_mutex_unlock(&lock.mutex);

@@ -4,7 +4,7 @@
 // really holds the lock, and giving one back forgets what was noted after it.
 #include <common/lock.h>
 
-#ifdef VELIA_CHECK_LOCK_ORDER
+#ifdef VELIA_CHECK_INVARIANTS
 
 #include <algorithm>
 #include <cstddef>

@@ -42,6 +42,7 @@ std::string last_component(const std::string &path) {
 } // namespace
 
 void ServerTable::configure(const std::vector<Service> &services, Moment now) {
+    const Step step(*this);
     std::vector<ServicePointer> taken;
     for (const auto &service : services) {
         const auto kept = std::find_if(services_.begin(), services_.end(),
@@ -97,6 +98,7 @@ void ServerTable::fail_waiters(Process &process) {
 }
 
 void ServerTable::process_exited(int32_t pid, const ExitStatus &status, Moment now) {
+    const Step step(*this);
     const auto found = processes_.find(pid);
     if (found == processes_.end())
         return;
@@ -137,6 +139,7 @@ void ServerTable::start_residents(Moment now) {
 }
 
 tbs_status_t ServerTable::toggle_restart(const std::string &name, bool enable, Moment now) {
+    const Step step(*this);
     bool is_known = false;
     for (const auto &service : services_) {
         if (service->service.path != name && last_component(service->service.path) != name)
@@ -225,6 +228,7 @@ void ServerTable::scrub(Moment now) {
 }
 
 void ServerTable::run_due(Moment now) {
+    const Step step(*this);
     for (auto &[pid, process] : processes_)
         if (const auto due = due_of(process); due && *due <= now)
             run_due(process, now);
@@ -252,6 +256,7 @@ std::optional<Moment> ServerTable::next_due() const {
 }
 
 void ServerTable::shut_down(Moment now) {
+    const Step step(*this);
     is_shutting_down_ = true;
     for (auto &[pid, process] : processes_)
         end(process, now);

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include <common/require.h>
 #include <support/sysutl.h>
 
 namespace velia::server {
@@ -46,6 +47,21 @@ std::string printable(const std::string &text) {
     std::replace_if(
         shown.begin(), shown.end(), [](unsigned char c) { return c < ' ' || c == 0x7f; }, '?');
     return shown;
+}
+
+// A server of ours is known before it has registered and after it was told to end; another only while it is registered.
+void Process::require_sound() const {
+    const bool is_ours = service != nullptr;
+    const bool is_registered = state != ProcessState::starting && state != ProcessState::ending;
+    require(is_ours || is_registered);
+    require(!is_registered || !registrations.empty());
+    require(state != ProcessState::starting || registrations.empty());
+    require(state != ProcessState::ending || waiters.empty());
+    require(is_ours || waiters.empty());
+    require(state != ProcessState::offered || (is_ours && offers > 0));
+    require(registrations.size() <= REGISTRATIONS_MAX);
+    require(alternate_uuids.size() <= ALTERNATE_UUIDS_MAX);
+    require(sched_infos.size() <= SCHED_INFOS_MAX);
 }
 
 } // namespace velia::server

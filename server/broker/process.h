@@ -14,6 +14,12 @@ namespace velia::server {
 // Milliseconds of a clock that only goes forward; always handed in, so that tests own the time.
 using Moment = int64_t;
 
+enum {
+    ALTERNATE_UUIDS_MAX = 16,
+    REGISTRATIONS_MAX = 8, // of one process
+    SCHED_INFOS_MAX = 32,  // of one process
+};
+
 // As it travels in a server list.
 enum class ProcessState : int32_t {
     starting = 1, // started by the daemon, not registered yet
@@ -93,6 +99,9 @@ struct Process {
     std::string name() const;
     // What it serves, for messages: its path, or this host where it serves any.
     std::string place() const;
+
+    // Ends the daemon if the parts contradict each other.
+    void require_sound() const;
 };
 
 // A stranger's text as it may stand in a message: bounded, and without control characters that would forge log lines.

@@ -66,6 +66,7 @@ bool ServerTable::is_welcome(const RegisterRequest &request, const Process *proc
 }
 
 tbs_status_t ServerTable::register_server(const RegisterRequest &request, Moment now) {
+    const Step step(*this);
     Process *process = find_process(request.pid);
     if (!is_welcome(request, process)) {
         print_invalid(request);
@@ -110,6 +111,7 @@ void ServerTable::answer_waiters(Process &process, const Registration &registrat
 }
 
 tbs_status_t ServerTable::report_idle(int32_t pid, bool may_end, Moment now) {
+    const Step step(*this);
     Process *process = find_process(pid);
     if (process == nullptr) {
         print(IMSG_WARNING, MSG_IDLE_FROM_UNKNOWN, static_cast<int>(pid));
@@ -127,6 +129,7 @@ tbs_status_t ServerTable::report_idle(int32_t pid, bool may_end, Moment now) {
 }
 
 tbs_status_t ServerTable::report_busy(int32_t pid, Moment now) {
+    const Step step(*this);
     Process *process = find_process(pid);
     if (process == nullptr) {
         print(IMSG_WARNING, MSG_BUSY_FROM_UNKNOWN, static_cast<int>(pid));
@@ -143,6 +146,7 @@ tbs_status_t ServerTable::report_busy(int32_t pid, Moment now) {
 }
 
 tbs_status_t ServerTable::add_alternate_uuid(int32_t pid, const tbs_uuid_t &uuid) {
+    const Step step(*this);
     Process *process = find_process(pid);
     if (process == nullptr)
         return TBS_ST_NOT_FOUND;
@@ -159,6 +163,7 @@ tbs_status_t ServerTable::add_alternate_uuid(int32_t pid, const tbs_uuid_t &uuid
 
 // The latest pair of each uuid and kind is kept; the oldest gives way when there are too many.
 tbs_status_t ServerTable::keep_sched_info(int32_t pid, const SchedInfo &info) {
+    const Step step(*this);
     Process *process = find_process(pid);
     if (process == nullptr)
         return TBS_ST_NOT_FOUND;

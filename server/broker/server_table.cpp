@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 
+#include <common/require.h>
 #include <server/messages.h>
 
 namespace velia::server {
@@ -132,7 +133,19 @@ Process *ServerTable::process_for(const ServicePointer &service, const FindReque
     return best;
 }
 
+void ServerTable::require_sound() const {
+    require(processes_.size() <= PROCESSES_MAX);
+    require(waiter_count() <= WAITERS_MAX);
+    for (const auto &[pid, process] : processes_) {
+        require(pid == process.pid);
+        process.require_sound();
+        for (const Registration &registration : process.registrations)
+            require(registration.cookie > 0 && registration.cookie <= last_cookie_);
+    }
+}
+
 void ServerTable::find(const FindRequest &request, Moment now, const FindDone &done) {
+    const Step step(*this);
     if (Process *process = self_started_for(request))
         return serve(*process, request, now, done);
     const auto service = service_of(request.trait);

@@ -12,9 +12,6 @@
 namespace velia::server {
 
 enum {
-    ALTERNATE_UUIDS_MAX = 16,
-    REGISTRATIONS_MAX = 8, // of one process
-    SCHED_INFOS_MAX = 32,  // of one process
     PROCESSES_MAX = 4096,
     WAITERS_MAX = 1024,     // of all processes; beyond it a find is answered with TBS_ST_TRY_AGAIN
     SERVER_PATH_MAX = 1023, // a longer one would not fit the records of a server list
@@ -66,6 +63,21 @@ public:
     const std::map<int32_t, Process> &processes() const { return processes_; }
 
 private:
+    // One step of the table: when it has ended, the table has to be sound.
+    class Step {
+    public:
+        explicit Step(const ServerTable &table) : table_(table) {}
+        ~Step() { table_.require_sound(); }
+        Step(const Step &) = delete;
+        Step &operator=(const Step &) = delete;
+
+    private:
+        const ServerTable &table_;
+    };
+
+    // Ends the daemon if the parts contradict each other. It costs what every find costs: a look at each process.
+    void require_sound() const;
+
     using ServicePointer = std::shared_ptr<ServiceState>;
 
     // Look-up, in server_table.cpp.

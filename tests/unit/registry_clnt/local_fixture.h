@@ -9,7 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <rvzd/client/registry_clnt/local_files.h>
+#include <rvzd/client/registry_clnt/local/local_files.h>
 #include <support/stg.h>
 #include <tests/bad_files.h>
 #include <tests/sim/sweeps.h>

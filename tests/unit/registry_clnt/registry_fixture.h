@@ -6,7 +6,7 @@
 #include <vector>
 
 #include <rvzd/client/registry_clnt/bindings.h>
-#include <rvzd/client/registry_clnt/local_files.h>
+#include <rvzd/client/registry_clnt/local/local_files.h>
 #include <support/stg.h>
 #include <tests/unit/rvzd_clnt/broker_fixture.h>
 #include <veliaxdr/rgy_fetch.h>

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstddef>
 
+#include <common/require.h>
 #include <rvzd/client/registry_clnt/registry_clnt.h>
 #include <support/strutl.h>
 
@@ -40,6 +41,16 @@ bool is_at(const rgy_rpc_binding_t &slot, const char *host) {
 void destroy_caches(rgy_rpc_binding_t &slot) {
     for (auto &cache : slot.cache)
         rgy_destroy_cache(cache);
+}
+
+// A free slot has nobody and nothing.
+void require_sound(const rgy_rpc_binding_t &slot) {
+    require(slot.ref_count >= 0);
+    if (slot.handle != nullptr)
+        return;
+    require(slot.ref_count == 0);
+    for (const auto &cache : slot.cache)
+        require(cache == nullptr);
 }
 
 // A reader may use a writer's handle, but not the reverse.
@@ -82,8 +93,10 @@ int64_t rgy_allocate_more_bindings() {
 // A slot without a handle: a free one, the lowest idle one emptied, or a new one.
 int64_t take_empty_slot() {
     const int64_t empty = find_slot([](const rgy_rpc_binding_t &slot) { return slot.handle == nullptr; });
-    if (empty != no_slot)
+    if (empty != no_slot) {
+        require_sound(rpc_binding[empty]);
         return empty;
+    }
     const int64_t idle = find_slot([](const rgy_rpc_binding_t &slot) { return slot.ref_count == 0; });
     if (idle == no_slot)
         return rgy_allocate_more_bindings();
@@ -156,6 +169,7 @@ tbs_status_t velia::registry_clnt::rgy_bind_handle(const char *host, Binding &bi
         if (status != TBS_ST_OK)
             return status;
     }
+    require(rpc_binding[index].handle != nullptr);
     with_inhibit([&] {
         ++rpc_binding[index].ref_count;
         binding.index = index;
@@ -193,6 +207,7 @@ void velia::registry_clnt::release_binding(Binding &binding) {
     if (binding.index < 0)
         return;
     rgy_rpc_binding_t &slot = slot_of(binding);
+    require_sound(slot);
     if (slot.handle != nullptr && slot.ref_count > 0)
         --slot.ref_count;
     binding.index = no_slot;

@@ -2,8 +2,8 @@
 // credentials, in a table that lasts as long as the process. Guarded by registry_cache_lock.
 #pragma once
 
+#include <rvzd/client/registry_clnt/local/site.h>
 #include <rvzd/client/registry_clnt/read_cache.h>
-#include <rvzd/client/registry_clnt/site.h>
 #include <veliaxdr/rvzd_handle.h>
 
 namespace velia::registry_clnt {

@@ -2,9 +2,9 @@
 // it and puts it back.
 #include <veliaxdr/rgy_role.h>
 
-#include <rvzd/client/registry_clnt/local_files.h>
+#include <rvzd/client/registry_clnt/local/local_files.h>
+#include <rvzd/client/registry_clnt/local/site.h>
 #include <rvzd/client/registry_clnt/registry_clnt.h>
-#include <rvzd/client/registry_clnt/site.h>
 #include <rvzd/client/rvzd_clnt/get_handle.h>
 #include <support/fileutl.h>
 #include <support/strutl.h>

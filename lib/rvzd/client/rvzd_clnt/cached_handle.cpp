@@ -7,6 +7,7 @@
 #include <strings.h>
 #include <unistd.h>
 
+#include <common/require.h>
 #include <common/with.h>
 #include <support/rt.h>
 #include <support/stg.h>
@@ -39,9 +40,43 @@ rvzd_cached_handle_t *owner_of(llist_d_head_t *element) {
 }
 
 rvzd_cached_handle_t *oldest_idle() {
-    require(!lru_is_empty(), "!llist_d_empty(&rvzd_handle_lru)", __LINE__);
+    require_as(!lru_is_empty(), "!llist_d_empty(&rvzd_handle_lru)", __LINE__);
     return owner_of(rvzd_handle_lru.next);
 }
+
+// Of one record: no more is looked at than what is at hand.
+void require_sound(const rvzd_cached_handle_t *record) {
+    const bool is_in_table = record->hash_bucket != no_bucket;
+    require(record->reference_count >= 0);
+    require(record->hash_bucket >= no_bucket && record->hash_bucket < hash_buckets);
+    require(!is_in_table || record->host_name != nullptr);
+    require(record->client == nullptr || record->host_name != nullptr);
+}
+
+#ifdef VELIA_CHECK_INVARIANTS
+size_t idle_in_bucket(int32_t bucket) {
+    size_t idle = 0;
+    for (const rvzd_cached_handle_t *at = rvzd_handle_hash_tb[bucket]; at != nullptr; at = at->hash_next) {
+        require_sound(at);
+        require(at->hash_bucket == bucket);
+        idle += at->reference_count == 0;
+    }
+    return idle;
+}
+
+// Of the table and the idle list: in the list is exactly what is in the table without a reference.
+void require_sound_cache() {
+    size_t idle = 0;
+    for (int32_t bucket = 0; bucket < hash_buckets; ++bucket)
+        idle += idle_in_bucket(bucket);
+    size_t listed = 0;
+    for (llist_d_head_t *at = rvzd_handle_lru.next; at != &rvzd_handle_lru; at = at->next, ++listed)
+        require(owner_of(at)->reference_count == 0 && owner_of(at)->hash_bucket != no_bucket);
+    require(idle == listed);
+}
+#else
+void require_sound_cache() {}
+#endif
 
 void leave_idle_list(rvzd_cached_handle_t *record) {
     llist_d_remove(&record->lru_elem);
@@ -95,7 +130,7 @@ void evict_oldest_idle() {
 void enforce_socket_limit() {
     llist_d_head_t *element = rvzd_handle_lru.next;
     while (rvzd_num_cached_sockets >= idle_sockets_full) {
-        require(element != &rvzd_handle_lru, "!llist_d_end(&rvzd_handle_lru, lru_elem)", __LINE__);
+        require_as(element != &rvzd_handle_lru, "!llist_d_end(&rvzd_handle_lru, lru_elem)", __LINE__);
         rvzd_cached_handle_t *record = owner_of(element);
         if (record->client != nullptr) {
             --rvzd_num_cached_sockets;
@@ -128,15 +163,18 @@ void drop_reference(rvzd_cached_handle_t *record) {
         return;
     if (record->reference_count < 0)
         pfm_panic(source_file, __LINE__);
+    require_sound(record);
     if (record->hash_bucket == no_bucket)
         rvzd_release_handle(record);
     else
         put_to_rest(record);
+    require_sound_cache();
 }
 
 void evict_aged(time_t now) {
     while (rvzd_num_cached_handles > 0 && now - idle_age_max_s > oldest_idle()->released_at)
         evict_oldest_idle();
+    require_sound_cache();
 }
 
 } // namespace
@@ -171,14 +209,18 @@ rvzd_cached_handle_t *velia::rvzd_clnt::make_record(const RecordKey &key, bool g
 }
 
 void velia::rvzd_clnt::enter_record(rvzd_cached_handle_t *record, uint32_t bucket) {
+    require(record->hash_bucket == no_bucket && record->reference_count > 0);
     with_inhibit([&] {
         record->hash_next = rvzd_handle_hash_tb[bucket];
         rvzd_handle_hash_tb[bucket] = record;
         record->hash_bucket = static_cast<int32_t>(bucket);
+        require_sound_cache();
     });
 }
 
 void velia::rvzd_clnt::take_reference(rvzd_cached_handle_t *record) {
+    require_sound(record);
+    require(record->hash_bucket != no_bucket);
     if (record->reference_count++ == 0)
         leave_idle_list(record);
 }
@@ -227,7 +269,7 @@ void rvzd_cached_handle_close_check(void * /*unused*/) {
     const time_t now = now_s();
     with_lock(call_lock, [&] {
         with_inhibit([&] {
-            require(rvzd_handle_cache_close_h != nullptr, "rvzd_handle_cache_close_h != NULL", __LINE__);
+            require_as(rvzd_handle_cache_close_h != nullptr, "rvzd_handle_cache_close_h != NULL", __LINE__);
             rvzd_handle_cache_close_h = nullptr;
             evict_aged(now);
             if (!lru_is_empty())

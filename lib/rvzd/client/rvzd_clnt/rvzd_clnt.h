@@ -23,7 +23,8 @@ inline time_t now_s() {
     return now.tv_sec;
 }
 
-inline void require(bool holds, const char *expression, int line) {
+// An invariant whose breach is known by these words and this line.
+inline void require_as(bool holds, const char *expression, int line) {
     if (!holds)
         pfm_assert_fail(expression, source_file, line);
 }

@@ -132,7 +132,7 @@ tbs_status_t connect_by_handle(const Target &target, rvzd_handle_t *handle, rvzd
     auto status = look_up(target, handle, connection);
     if (status != TBS_ST_OK)
         return status;
-    require(connection.server_addr.addr_count > 0, "handle->server_addr.addr_count > 0", __LINE__);
+    require_as(connection.server_addr.addr_count > 0, "handle->server_addr.addr_count > 0", __LINE__);
     status = open_client(target, connection);
     if (status != TBS_ST_OK) {
         imsg_print_shared(IMSG_ERROR, subsystem, &_rvzd_rvzd_msg_table, RVZD_MSG_NO_CONNECTION, target.server_name,

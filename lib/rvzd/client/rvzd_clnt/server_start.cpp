@@ -104,7 +104,7 @@ tbs_status_t rvzd_server_get_sockets(int *argc, char **argv, rvzd_socket_desc_t 
     if (!take_lifeline(argument, cursor, lifeline_fd))
         return TBS_ST_NOT_FOUND;
     --*argc;
-    require(rt_handle_fd(RT_READ, rvzd_handle_lifeline, lifeline_fd, nullptr) != 0,
-            "rt_handle_fd(RT_READ, rvzd_handle_lifeline, lifeline_fd, NULL)", 2027);
+    require_as(rt_handle_fd(RT_READ, rvzd_handle_lifeline, lifeline_fd, nullptr) != 0,
+               "rt_handle_fd(RT_READ, rvzd_handle_lifeline, lifeline_fd, NULL)", 2027);
     return take_sockets(argument, cursor, descs, *count);
 }

@@ -131,9 +131,9 @@ tbs_status_t rvzd_bindport(int fd, struct sockaddr *address, socklen_t length, u
 
 tbs_status_t velia::rvzd_clnt::rvzd_alloc_one_socket(int family, int socket_type, uint64_t program, int use_range,
                                                      int report, rvzd_socket_desc_t &desc) {
-    require(family == AF_INET || family == AF_INET6, "family == AF_INET || family == AF_INET6", 5847);
-    require(socket_type == SOCK_STREAM || socket_type == SOCK_DGRAM,
-            "protocol == SOCK_STREAM || protocol == SOCK_DGRAM", 5848);
+    require_as(family == AF_INET || family == AF_INET6, "family == AF_INET || family == AF_INET6", 5847);
+    require_as(socket_type == SOCK_STREAM || socket_type == SOCK_DGRAM,
+               "protocol == SOCK_STREAM || protocol == SOCK_DGRAM", 5848);
     desc.fd = -1;
     if (family_is_forbidden(family))
         return TBS_ST_ERROR;

@@ -2,7 +2,7 @@
 #include <veliaxdr/rgy_local.h>
 
 #include <common/text_file.h>
-#include <rvzd/client/registry_clnt/local_files.h>
+#include <rvzd/client/registry_clnt/local/local_files.h>
 #include <rvzd/client/registry_clnt/registry_clnt.h>
 #include <support/strutl.h>
 #include <veliaxdr/rgy_messages.h>

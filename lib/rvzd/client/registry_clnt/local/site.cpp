@@ -1,5 +1,5 @@
 // Where the registry is, and the default region. The master host is read from its file once a process.
-#include <rvzd/client/registry_clnt/site.h>
+#include <rvzd/client/registry_clnt/local/site.h>
 
 #include <rvzd/client/registry_clnt/registry_clnt.h>
 #include <support/env.h>

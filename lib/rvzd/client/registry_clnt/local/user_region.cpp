@@ -3,7 +3,7 @@
 #include <veliaxdr/rgy_local.h>
 
 #include <common/refused_file.h>
-#include <rvzd/client/registry_clnt/local_files.h>
+#include <rvzd/client/registry_clnt/local/local_files.h>
 #include <rvzd/client/registry_clnt/registry_clnt.h>
 #include <support/credutl.h>
 #include <support/strutl.h>

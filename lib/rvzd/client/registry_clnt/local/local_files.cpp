@@ -1,5 +1,5 @@
 // The two files of two words each: the registry hosts and the regions of this host.
-#include <rvzd/client/registry_clnt/local_files.h>
+#include <rvzd/client/registry_clnt/local/local_files.h>
 
 #include <rvzd/client/registry_clnt/registry_clnt.h>
 #include <support/fileutl.h>
