@@ -4,8 +4,6 @@
 #include <iostream>
 #include <memory>
 
-#include <fmt/format.h>
-
 #include <cli/broker.h>
 #include <cli/choices.h>
 #include <support/imsg.h>
@@ -36,12 +34,11 @@ bool contact_host(const std::string &host, const Arguments &arguments, const Set
         return false;
     rvzd_server_addr_t addresses;
     rvzd_get_addr(handle, &addresses);
-    Cell texts = Cell::array();
+    Cells texts;
     for (uint32_t i = 0; i < addresses.addr_count; ++i)
-        texts.push_back(text_of_address(addresses.addrs[i]));
-    const std::string round_trip_ms = fmt::format("{:.3f}", reach.round_trip_ms);
-    results.add(
-        {host, arguments.transport, rvzd_get_server_protocol_version(handle), Cell::parse(round_trip_ms), texts});
+        texts.emplace_back(text_of_address(addresses.addrs[i]));
+    results.add({host, arguments.transport, rvzd_get_server_protocol_version(handle),
+                 Cell::milliseconds(reach.round_trip_ms), texts});
     rvzd_free_handle(handle);
     return true;
 }

@@ -30,7 +30,7 @@ Cell text_cell(const char *text) {
 const std::vector<std::string> info_columns = {"host",    "product",       "version", "os",     "os_version",
                                                "machine", "registry_host", "region",  "options"};
 
-std::vector<Cell> cells_of(const clnt_hostinfo_t &info) {
+Cells cells_of(const clnt_hostinfo_t &info) {
     return {text_cell(info.hostname),      text_cell(info.product),   text_cell(info.version),
             text_cell(info.osname),        text_cell(info.osversion), text_cell(info.machine),
             text_cell(info.registry_host), text_cell(info.region),    text_cell(info.options)};
@@ -76,8 +76,8 @@ std::vector<std::string> client_columns() {
 void add_client(const clnt_entry_t &entry, Results &results) {
     std::array<char, SYSUTL_ADDRESS_TEXT_SIZE> address = {};
     sysutl_host_numeric(&entry.address.base, address.size(), address.data(), 0, 0);
-    std::vector<Cell> cells = {text_cell(address.data()),
-                               entry.registry_time != 0 ? Cell(date_fmt_token_date_time(entry.registry_time)) : Cell()};
+    Cells cells = {text_cell(address.data()),
+                   entry.registry_time != 0 ? Cell(date_fmt_token_date_time(entry.registry_time)) : Cell()};
     for (auto &cell : cells_of(entry.hostinfo))
         cells.push_back(std::move(cell));
     results.add(std::move(cells));

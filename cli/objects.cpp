@@ -137,7 +137,7 @@ int list(const Kind &kind, const Search &search, const Settings &settings) {
         names.emplace_back(column.name);
     Results results(names);
     const auto status = each_entry(search, [&](rgy_entry_t *entry) {
-        std::vector<Cell> cells = {entry->entry_id};
+        Cells cells = {entry->entry_id};
         for (const auto &column : kind.columns)
             cells.push_back(cell_of(entry, column.item));
         results.add(std::move(cells));

@@ -1,4 +1,4 @@
-// The output forms.
+// Cells and the output forms. Nothing else of the program knows how JSON is written.
 #include <cli/output.h>
 
 #include <algorithm>
@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 namespace velia::cli {
 
@@ -14,22 +15,51 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-std::string text_of(const Cell &cell) {
-    if (cell.is_null())
-        return "-";
-    if (cell.is_string()) {
-        const auto text = cell.get<std::string>();
-        return text.empty() ? "-" : text;
+using Json = nlohmann::ordered_json;
+
+// A number is read and written again, which leaves out the zeros at its end.
+Json json_of(const Cell &cell) {
+    switch (cell.kind()) {
+    case Cell::Kind::boolean:
+    case Cell::Kind::number:
+        return Json::parse(cell.text());
+    case Cell::Kind::text:
+        return cell.text();
+    case Cell::Kind::list: {
+        Json list = Json::array();
+        for (const auto &member : cell.list())
+            list.push_back(json_of(member));
+        return list;
     }
-    if (!cell.is_array())
-        return cell.dump();
+    default:
+        return nullptr;
+    }
+}
+
+std::string text_of_list(const Cells &list);
+
+std::string text_of(const Cell &cell) {
+    switch (cell.kind()) {
+    case Cell::Kind::boolean:
+    case Cell::Kind::number:
+        return json_of(cell).dump();
+    case Cell::Kind::text:
+        return cell.text().empty() ? "-" : cell.text();
+    case Cell::Kind::list:
+        return text_of_list(cell.list());
+    default:
+        return "-";
+    }
+}
+
+std::string text_of_list(const Cells &list) {
     std::string joined;
-    for (const auto &member : cell)
+    for (const auto &member : list)
         joined += (joined.empty() ? "" : ",") + text_of(member);
     return joined.empty() ? "-" : joined;
 }
 
-Texts texts_of(const std::vector<Cell> &cells) {
+Texts texts_of(const Cells &cells) {
     Texts texts;
     std::transform(cells.begin(), cells.end(), std::back_inserter(texts), text_of);
     return texts;
@@ -72,6 +102,31 @@ std::string bordered(const Texts &line, const std::vector<size_t> &widths) {
 
 } // namespace
 
+Cell::Cell(Kind kind, std::string text) : kind_(kind), text_(std::move(text)) {}
+Cell::Cell() = default;
+Cell::Cell(std::nullptr_t) {}
+Cell::Cell(bool value) : Cell(Kind::boolean, value ? "true" : "false") {}
+Cell::Cell(int32_t number) : Cell(Kind::number, std::to_string(number)) {}
+Cell::Cell(uint32_t number) : Cell(Kind::number, std::to_string(number)) {}
+Cell::Cell(int64_t number) : Cell(Kind::number, std::to_string(number)) {}
+Cell::Cell(uint64_t number) : Cell(Kind::number, std::to_string(number)) {}
+Cell::Cell(const char *text) : Cell(Kind::text, text) {}
+Cell::Cell(std::string text) : Cell(Kind::text, std::move(text)) {}
+Cell::Cell(std::vector<Cell> list) : kind_(Kind::list), list_(std::move(list)) {}
+Cell::Cell(const Cell &other) = default;
+Cell::Cell(Cell &&other) noexcept = default;
+Cell &Cell::operator=(const Cell &other) = default;
+Cell &Cell::operator=(Cell &&other) noexcept = default;
+Cell::~Cell() = default;
+
+bool Cell::operator==(const Cell &other) const {
+    return kind_ == other.kind_ && text_ == other.text_ && list_ == other.list_;
+}
+
+Cell Cell::milliseconds(double value) {
+    return {Kind::number, fmt::format("{:.3f}", value)};
+}
+
 bool format_of_name(const std::string &name, Format &format) {
     if (name == "plain")
         format = Format::plain;
@@ -84,7 +139,10 @@ bool format_of_name(const std::string &name, Format &format) {
     return true;
 }
 
-void Results::add(std::vector<Cell> cells) {
+Results::Results(std::vector<std::string> columns) : columns_(std::move(columns)) {}
+Results::~Results() = default;
+
+void Results::add(Cells cells) {
     if (cells.size() != columns_.size())
         throw std::logic_error("a row has another number of cells than there are columns");
     rows_.push_back(std::move(cells));
@@ -103,10 +161,10 @@ void Results::print(Format format, bool with_headers, std::ostream &out) const {
 
 void Results::print_json(std::ostream &out) const {
     for (const auto &row : rows_) {
-        Cell object = Cell::object();
+        Json object = Json::object();
         for (size_t i = 0; i < columns_.size(); ++i)
-            object[columns_[i]] = row[i];
-        out << object.dump(-1, ' ', false, Cell::error_handler_t::replace) << '\n';
+            object[columns_[i]] = json_of(row[i]);
+        out << object.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
     }
 }
 

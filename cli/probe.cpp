@@ -11,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include <fmt/format.h>
 #include <netdb.h>
 #include <sys/resource.h>
 
@@ -102,8 +101,7 @@ void add_host(const std::string &host, const std::optional<Trial> &trial, Result
     if (!trial)
         results.add({host, "unknown", nullptr, nullptr});
     else
-        results.add({host, trial->is_up ? "up" : "down", Cell::parse(fmt::format("{:.3f}", trial->elapsed_ms)),
-                     trial->address});
+        results.add({host, trial->is_up ? "up" : "down", Cell::milliseconds(trial->elapsed_ms), trial->address});
 }
 
 int probe_hosts(const std::vector<std::string> &hosts, const Settings &settings) {

@@ -257,9 +257,9 @@ Results new_entry_results() {
 }
 
 void add_entry(const rgy_entry_t &entry, Results &results) {
-    Cell items = Cell::array();
+    Cells items;
     for (int32_t i = 0; i < entry.flex.count; ++i)
-        items.push_back(std::string(entry.flex.items[i].name) + "=" + entry.flex.items[i].value);
+        items.emplace_back(std::string(entry.flex.items[i].name) + "=" + entry.flex.items[i].value);
     results.add({entry.entry_id, entry.host, items});
 }
 

@@ -31,15 +31,15 @@ namespace {
 constexpr const char *prompt = "Registry password: ";
 constexpr const char *daemon_name = "rvzd_server";
 
-Cell list_cell(const std::string &text) {
-    Cell hosts = Cell::array();
+Cells list_cell(const std::string &text) {
+    Cells hosts;
     std::string words = text;
     for (char &c : words)
         if (c == ',')
             c = ' ';
     std::istringstream stream(words);
     for (std::string host; stream >> host;)
-        hosts.push_back(host);
+        hosts.emplace_back(host);
     return hosts;
 }
 

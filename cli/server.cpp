@@ -114,7 +114,7 @@ int connect_server(const Arguments &arguments, const Settings &settings) {
     if (answered) {
         Results results({"host", "prog", "vers", "proto", "address", "round_trip_ms"});
         results.add({arguments.host, arguments.program, arguments.version, arguments.transport,
-                     peer_of(connection.client), Cell::parse(fmt::format("{:.3f}", round_trip_ms))});
+                     peer_of(connection.client), Cell::milliseconds(round_trip_ms)});
         results.print(settings.format, settings.with_headers, std::cout);
     }
     clnt_destroy(connection.client);

@@ -28,14 +28,14 @@ struct ServerFilter {
 extern const std::vector<std::string> server_columns;
 
 // The servers in the broker's order; each has cells for the columns.
-using Servers = std::vector<std::vector<Cell>>;
+using Servers = std::vector<Cells>;
 
 // What fails is printed; the exit status of it, or exit_done with the servers.
 int list_servers(const ServerFilter &filter, const Settings &settings, Servers &servers);
 
 struct ServerChange {
     const char *what; // "present" in the beginning; then "started", "ended", "changed"
-    std::vector<Cell> server;
+    Cells server;
 };
 
 // What became of the servers that were there: those that are gone first, then the others in their order.

@@ -40,7 +40,7 @@ struct FreeInfo {
     void operator()(rvzd_server_info_t *info) const { stg_free(info); }
 };
 
-std::vector<Cell> cells_of(rvzd_handle_t *handle, rvzd_server_entry_elem_t &node) {
+Cells cells_of(rvzd_handle_t *handle, rvzd_server_entry_elem_t &node) {
     const rvzd_server_entry_t &entry = node.entry;
     const std::unique_ptr<rvzd_server_info_t, FreeInfo> info(rvzd_get_server_entry(handle, &node, STG_HEAP_AREA));
     std::array<char, TBS_UUID_STR_SIZE> uuid;

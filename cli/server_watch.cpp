@@ -52,7 +52,7 @@ bool write_changes(const std::vector<ServerChange> &changes, bool with_headers, 
     Results results(columns);
     const std::string now = date_fmt_token_date_time(time(nullptr));
     for (const auto &[what, server] : changes) {
-        std::vector<Cell> cells = {now, what};
+        Cells cells = {now, what};
         cells.insert(cells.end(), server.begin(), server.end());
         results.add(std::move(cells));
     }
@@ -76,14 +76,14 @@ std::vector<ServerChange> all_present(const Servers &servers) {
 }
 
 // All but its state tells which server it is.
-bool is_same_server(const std::vector<Cell> &left, const std::vector<Cell> &right) {
+bool is_same_server(const Cells &left, const Cells &right) {
     for (size_t i = 0; i < left.size(); ++i)
         if (i != state_column && left[i] != right[i])
             return false;
     return true;
 }
 
-Servers::const_iterator find_server(const Servers &servers, const std::vector<Cell> &wanted) {
+Servers::const_iterator find_server(const Servers &servers, const Cells &wanted) {
     return std::find_if(servers.begin(), servers.end(),
                         [&](const auto &server) { return is_same_server(server, wanted); });
 }

@@ -6,6 +6,7 @@
 #include <cli/output.h>
 
 using velia::cli::Cell;
+using velia::cli::Cells;
 using velia::cli::Format;
 using velia::cli::Results;
 
@@ -19,8 +20,8 @@ std::string printed(const Results &results, Format format, bool with_headers = t
 
 Results two_hosts() {
     Results results({"host", "round_trip_ms", "addresses"});
-    results.add({"a", 1.5, Cell::array({"10.0.0.1", "fd00::1"})});
-    results.add({"longer", nullptr, Cell::array()});
+    results.add({"a", Cell::milliseconds(1.5), Cells{"10.0.0.1", "fd00::1"}});
+    results.add({"longer", nullptr, Cells{}});
     return results;
 }
 
@@ -48,7 +49,39 @@ TEST(Output, JsonIsOneObjectALineWithTheColumnsInOrder) {
 TEST(Output, JsonOfATextThatIsNoUtf8IsStillJson) {
     Results results({"host"});
     results.add({"a\xff"});
-    EXPECT_TRUE(nlohmann::json::accept(printed(results, Format::json)));
+    EXPECT_EQ(printed(results, Format::json), "{\"host\":\"a\xef\xbf\xbd\"}\n") << "with the sign for what is none";
+}
+
+TEST(Output, NumbersAreWrittenInFull) {
+    Results results({"a", "b", "c", "d", "e"});
+    results.add({INT32_MIN, UINT32_MAX, INT64_MIN, UINT64_MAX, true});
+    EXPECT_EQ(printed(results, Format::json),
+              R"({"a":-2147483648,"b":4294967295,"c":-9223372036854775808,"d":18446744073709551615,"e":true})"
+              "\n");
+    EXPECT_EQ(printed(results, Format::plain, false),
+              "-2147483648  4294967295  -9223372036854775808  18446744073709551615  true\n");
+}
+
+TEST(Output, MillisecondsHaveThreeDecimalsWithoutZerosAtTheEnd) {
+    Results results({"a", "b", "c"});
+    results.add({Cell::milliseconds(0.12349), Cell::milliseconds(2), Cell::milliseconds(900.5)});
+    EXPECT_EQ(printed(results, Format::json), R"({"a":0.123,"b":2.0,"c":900.5})"
+                                              "\n");
+    EXPECT_EQ(printed(results, Format::plain, false), "0.123  2.0  900.5\n");
+}
+
+TEST(Output, TextsAreQuotedInJsonAlone) {
+    Results results({"a", "b"});
+    results.add({"say \"x\"\n", "\xc3\xa9"});
+    EXPECT_EQ(printed(results, Format::json), "{\"a\":\"say \\\"x\\\"\\n\",\"b\":\"\xc3\xa9\"}\n");
+}
+
+TEST(Output, CellsAreEqualByKindAndValue) {
+    EXPECT_EQ(Cell(1), Cell(uint64_t{1}));
+    EXPECT_NE(Cell(1), Cell("1"));
+    EXPECT_NE(Cell(), Cell(""));
+    EXPECT_NE(Cell(Cells{"a"}), Cell(Cells{"b"}));
+    EXPECT_EQ(Cell(Cells{"a", nullptr}), Cell(Cells{"a", nullptr}));
 }
 
 TEST(Output, TableHasBordersAndOneWidth) {

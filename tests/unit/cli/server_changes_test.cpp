@@ -9,11 +9,11 @@ using testing::IsEmpty;
 
 namespace {
 
-std::vector<Cell> server(int prog, const char *state, int pid) {
+Cells server(int prog, const char *state, int pid) {
     return {prog, 1, "udp", "127.0.0.1:4000", state, pid, "uuid", "/path"};
 }
 
-using Told = std::vector<std::pair<std::string, std::vector<Cell>>>;
+using Told = std::vector<std::pair<std::string, Cells>>;
 
 Told told(const Servers &before, const Servers &now) {
     Told result;
