@@ -6,7 +6,7 @@
 #include <iterator>
 #include <stdexcept>
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <nlohmann/json.hpp>
 
 namespace velia::cli {
@@ -15,25 +15,32 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-using Json = nlohmann::ordered_json;
+// Bytes that are no UTF-8 become the sign for what cannot be shown, so that it is JSON all the same.
+std::string quoted(const std::string &text) {
+    return nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
 
-// A number is read and written again, which leaves out the zeros at its end.
-Json json_of(const Cell &cell) {
+std::string json_of_list(const Cells &list);
+
+std::string json_of(const Cell &cell) {
     switch (cell.kind()) {
     case Cell::Kind::boolean:
     case Cell::Kind::number:
-        return Json::parse(cell.text());
-    case Cell::Kind::text:
         return cell.text();
-    case Cell::Kind::list: {
-        Json list = Json::array();
-        for (const auto &member : cell.list())
-            list.push_back(json_of(member));
-        return list;
-    }
+    case Cell::Kind::text:
+        return quoted(cell.text());
+    case Cell::Kind::list:
+        return json_of_list(cell.list());
     default:
-        return nullptr;
+        return "null";
     }
+}
+
+std::string json_of_list(const Cells &list) {
+    std::string members;
+    for (const auto &member : list)
+        members += (members.empty() ? "" : ",") + json_of(member);
+    return "[" + members + "]";
 }
 
 std::string text_of_list(const Cells &list);
@@ -42,7 +49,6 @@ std::string text_of(const Cell &cell) {
     switch (cell.kind()) {
     case Cell::Kind::boolean:
     case Cell::Kind::number:
-        return json_of(cell).dump();
     case Cell::Kind::text:
         return cell.text().empty() ? "-" : cell.text();
     case Cell::Kind::list:
@@ -124,7 +130,9 @@ bool Cell::operator==(const Cell &other) const {
 }
 
 Cell Cell::milliseconds(double value) {
-    return {Kind::number, fmt::format("{:.3f}", value)};
+    std::string text = fmt::format("{:.3f}", value);
+    text.erase(std::max(text.find_last_not_of('0'), text.find('.') + 1) + 1);
+    return {Kind::number, text};
 }
 
 bool format_of_name(const std::string &name, Format &format) {
@@ -161,10 +169,10 @@ void Results::print(Format format, bool with_headers, std::ostream &out) const {
 
 void Results::print_json(std::ostream &out) const {
     for (const auto &row : rows_) {
-        Json object = Json::object();
+        std::string members;
         for (size_t i = 0; i < columns_.size(); ++i)
-            object[columns_[i]] = json_of(row[i]);
-        out << object.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
+            members += (i == 0 ? "" : ",") + quoted(columns_[i]) + ":" + json_of(row[i]);
+        out << "{" << members << "}\n";
     }
 }
 

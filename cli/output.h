@@ -36,7 +36,7 @@ public:
     Cell &operator=(Cell &&other) noexcept;
     ~Cell();
 
-    // A number of milliseconds, to three decimals.
+    // To three decimals, without zeros behind them but one.
     static Cell milliseconds(double value);
 
     bool operator==(const Cell &other) const;
