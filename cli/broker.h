@@ -21,7 +21,8 @@ Reach reach_broker(const std::string &host, uint32_t protocol, int timeout_s);
 
 std::string text_of_address(const ks_sockaddr_storage_t &address);
 
-// "udp" or "tcp" as an index of rvzd_protocol_names.
+// The names of the two that a server may be asked for by, and each as an index of rvzd_protocol_names.
+inline constexpr const char *transports[] = {"udp", "tcp"};
 uint32_t protocol_of_name(const std::string &name);
 
 } // namespace velia::cli

@@ -1,75 +1,75 @@
-// Reads the parser's own tree, so that no list of commands has to be kept beside it.
+// The same rows that the parser works from, so that no list of commands has to be kept beside them.
 #include <cli/command_tree.h>
 
-#include <cli/choices.h>
+#include <cstring>
 
 namespace velia::cli {
 
 namespace {
 
 // The name under which an option's value goes says what may stand there.
-Value value_of(CLI::Option &option, const std::string &name) {
-    if (option.get_items_expected_max() == 0)
+Value value_of(const Option &option) {
+    const char *name = option.is_place() ? option.name : option.type;
+    if (is_switch(option))
         return {};
-    const auto words = choices_of(option);
-    if (!words.empty())
-        return {Value::Kind::words, words};
-    if (name == "HOST")
+    if (!option.words.empty())
+        return {Value::Kind::words, {option.words.begin(), option.words.end()}};
+    if (strcmp(name, "HOST") == 0)
         return {Value::Kind::hosts, {}};
-    return {name == "FILE" ? Value::Kind::files : Value::Kind::anything, {}};
+    return {strcmp(name, "FILE") == 0 ? Value::Kind::files : Value::Kind::anything, {}};
 }
 
-std::string first_line(const std::string &text) {
-    return text.substr(0, text.find('\n'));
-}
-
-OptionWords words_of_option(CLI::Option &option) {
-    OptionWords words;
-    for (const auto &name : option.get_snames())
-        words.names.push_back("-" + name);
-    for (const auto &name : option.get_lnames())
-        words.names.push_back("--" + name);
-    words.help = first_line(option.get_description());
-    words.value = value_of(option, option.get_type_name());
-    return words;
-}
-
-// The options of a group of options are those of the command that it is in, but for its own --help.
-void add_options(CLI::App &app, CommandWords &command) {
-    for (CLI::Option *option : app.get_options([](CLI::Option *) { return true; })) {
-        const bool is_of_group = app.get_name().empty() && option == app.get_help_ptr();
-        if (is_of_group || option->get_group().empty())
-            continue;
-        if (!option->get_positional()) {
-            command.options.push_back(words_of_option(*option));
-            continue;
-        }
-        command.positionals.push_back(value_of(*option, option->get_name(true)));
-        command.repeats_last = option->get_items_expected_max() > 1;
+void add_option(const Option &option, CommandWords &command) {
+    if (option.is_place()) {
+        command.positionals.push_back(value_of(option));
+        command.repeats_last = std::holds_alternative<std::vector<std::string> *>(option.target);
+    } else {
+        command.options.push_back({names_of(option), option.help, value_of(option)});
     }
-    for (CLI::App *below : app.get_subcommands([](CLI::App *) { return true; }))
-        if (below->get_name().empty())
-            add_options(*below, command);
 }
 
-void add_command(CLI::App &app, const std::string &path, std::vector<CommandWords> &commands) {
+// Those of which one is to be chosen stand behind the others, as in the help.
+void add_options(const Options &options, CommandWords &command) {
+    for (const bool is_choice : {false, true})
+        for (const auto &option : options)
+            if ((option.one_of != nullptr) == is_choice)
+                add_option(option, command);
+}
+
+CommandWords words_of_command(const Command &row, const Options &common) {
     CommandWords command;
-    command.path = path;
-    add_options(app, command);
-    const auto subcommands =
-        app.get_subcommands([](CLI::App *below) { return !below->get_name().empty() && !below->get_group().empty(); });
-    for (CLI::App *below : subcommands)
-        command.subcommands.push_back({below->get_name(), first_line(below->get_description())});
-    commands.push_back(std::move(command));
-    for (CLI::App *below : subcommands)
-        add_command(*below, path.empty() ? below->get_name() : path + " " + below->get_name(), commands);
+    command.path = row.path;
+    Options options = {help_option};
+    if (row.make != nullptr) {
+        const auto call = row.make();
+        options = joined({options, call->options(), row.has_common_options ? common : Options()});
+    }
+    add_options(options, command);
+    return command;
+}
+
+CommandWords words_of_root() {
+    CommandWords root;
+    add_options({help_option, version_option}, root);
+    return root;
+}
+
+CommandWords &command_of_path(std::vector<CommandWords> &commands, const std::string &path) {
+    for (auto &command : commands)
+        if (command.path == path)
+            return command;
+    return commands.front();
 }
 
 } // namespace
 
-std::vector<CommandWords> words_of_tree(CLI::App &app) {
-    std::vector<CommandWords> commands;
-    add_command(app, "", commands);
+std::vector<CommandWords> words_of_program(const Program &program) {
+    std::vector<CommandWords> commands = {words_of_root()};
+    for (const auto &row : program.commands) {
+        const auto [group, name] = group_and_name(row);
+        command_of_path(commands, group).subcommands.push_back({name, row.help});
+        commands.push_back(words_of_command(row, program.common));
+    }
     return commands;
 }
 

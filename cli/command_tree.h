@@ -1,10 +1,10 @@
-// The tree of commands as a flat list that can be written into a shell's script.
+// The commands as a flat list of words that can be written into a shell's script.
 #pragma once
 
 #include <string>
 #include <vector>
 
-#include <CLI/CLI.hpp>
+#include <cli/parser.h>
 
 namespace velia::cli {
 
@@ -34,7 +34,7 @@ struct CommandWords {
     bool repeats_last = false; // the last positional may be given again and again
 };
 
-// The command and all below it, each before what is below it.
-std::vector<CommandWords> words_of_tree(CLI::App &app);
+// The program and all its commands, with the common options and those that the parser answers by itself.
+std::vector<CommandWords> words_of_program(const Program &program);
 
 } // namespace velia::cli

@@ -1,24 +1,22 @@
 // The command line as a whole.
 #include <cli/commands.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <iostream>
 
-#include <cli/choices.h>
 #include <support/imsg.h>
 #include <veliaxdr/libveliaxdr.h>
 
 namespace velia::cli {
 
-const char exit_status_help[] = "Exit status: 0 done, 1 failed, 2 wrong use, 3 peer unreachable.\n"
-                                "Results go to standard output, messages to standard error.\n";
-
 namespace {
 
-constexpr int timeout_max_s = 3600;
+constexpr Range timeout_range = {1, 3600};
 constexpr const char *format_variable = "VELIACTL_OUTPUT";
+constexpr const char *format_names[] = {"plain", "json", "table"};
 
-std::string check_format(const std::string &name) {
+std::string fault_of_format(const std::string &name) {
     Format format;
     return format_of_name(name, format) ? "" : "must be plain, json or table, not '" + name + "'";
 }
@@ -33,70 +31,62 @@ std::string version_line() {
     return text;
 }
 
-// A wrong use has one exit status, whatever CLI11 calls it; asking for help is none.
-int end_of_parse(const CLI::App &app, const CLI::ParseError &error) {
-    const int status = app.exit(error, std::cout, std::cerr);
-    return status == 0 ? exit_done : exit_usage;
+// The environment has the default of --output, whatever the command; what it has is told as wrong if it is.
+bool settle_format(const std::string &given, Format &format) {
+    if (!given.empty())
+        return format_of_name(given, format); // checked with the command line
+    const char *name = std::getenv(format_variable);
+    if (name == nullptr || *name == '\0')
+        return true;
+    const std::string fault = fault_of_format(name);
+    if (!fault.empty())
+        std::cerr << format_variable << ": " << fault << '\n';
+    return fault.empty() && format_of_name(name, format);
 }
 
-// The default of --output. The parser could look there itself, but it would do so for each command that has the option,
-// whichever was called.
-bool take_format_of_environment(Settings &settings) {
-    const char *name = std::getenv(format_variable);
-    if (settings.has_format || name == nullptr || *name == '\0')
-        return true;
-    const std::string error = check_format(name);
-    if (!error.empty()) {
-        std::cerr << format_variable << ": " << error << '\n';
-        return false;
-    }
-    return format_of_name(name, settings.format);
+std::vector<Command> all_commands() {
+    std::vector<Command> all;
+    for (const Commands &rows :
+         {contact_commands, probe_commands, server_commands, server_list_commands, registry_commands,
+          registry_update_commands, registry_admin_commands, registry_role_commands, registry_site_commands,
+          object_commands, host_commands, time_zone_commands, pool_map_commands, completion_commands})
+        all.insert(all.end(), rows.begin(), rows.end());
+    return all;
+}
+
+Options common_options(CommonArguments &arguments) {
+    return {
+        {.name = "-o,--output",
+         .type = "FORM",
+         .help = "form of the results: plain, json or table (default plain, or what VELIACTL_OUTPUT says)",
+         .target = &arguments.format,
+         .words = format_names,
+         .fault = fault_of_format},
+        {.name = "--no-headers", .help = "leave the line of column names out", .target = &arguments.leaves_headers_out},
+        {.name = "--timeout",
+         .type = "SECONDS",
+         .help = "seconds to wait for each answer",
+         .target = &arguments.timeout_s,
+         .range = timeout_range,
+         .shows_default = true},
+    };
 }
 
 } // namespace
 
-std::string examples(const std::string &lines) {
-    return "Examples:\n  " + lines + "\n\n" + exit_status_help;
-}
-
-void add_common_options(CLI::App &command, Settings &settings) {
-    command
-        .add_option_function<std::string>(
-            "-o,--output",
-            [&](const std::string &name) { settings.has_format = format_of_name(name, settings.format); },
-            "form of the results: plain, json or table (default plain, or what VELIACTL_OUTPUT says)")
-        ->type_name("FORM")
-        ->check(offering({"plain", "json", "table"}, check_format));
-    command.add_flag_callback(
-        "--no-headers", [&] { settings.with_headers = false; }, "leave the line of column names out");
-    command.add_option("--timeout", settings.timeout_s, "seconds to wait for each answer")
-        ->type_name("SECONDS")
-        ->capture_default_str()
-        ->check(CLI::Range(1, timeout_max_s).description(""));
-}
-
-void add_commands(CLI::App &app, Settings &settings, Command &chosen) {
-    app.set_version_flag("--version", version_line());
-    app.require_subcommand(1);
-    app.footer(exit_status_help);
-    for (const auto add :
-         {add_contact_command, add_probe_command, add_server_commands, add_registry_commands, add_object_commands,
-          add_host_commands, add_client_commands, add_time_zone_command, add_pool_map_commands, add_completion_command})
-        add(app, settings, chosen);
+Program whole_program(CommonArguments &common) {
+    return {"veliactl", "Asks and administers the services of a site.", version_line(), all_commands(),
+            common_options(common)};
 }
 
 int run(int argc, char **argv) {
     imsg_set_app_name("veliactl");
-    CLI::App app("Asks and administers the services of a site.", "veliactl");
-    Settings settings;
-    Command chosen;
-    add_commands(app, settings, chosen);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError &error) {
-        return end_of_parse(app, error);
-    }
-    return take_format_of_environment(settings) ? chosen(settings) : exit_usage;
+    CommonArguments common;
+    const Line line = parse(whole_program(common), {argv + std::min(argc, 1), argv + argc}, std::cout, std::cerr);
+    if (line.call == nullptr)
+        return line.status;
+    Settings settings = {Format::plain, !common.leaves_headers_out, common.timeout_s};
+    return settle_format(common.format, settings.format) ? line.call->run(settings) : exit_usage;
 }
 
 } // namespace velia::cli

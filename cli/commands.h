@@ -1,52 +1,38 @@
-// What the command groups share: the settings of every command, and how a command ends.
+// All commands of the program. Each file of commands has its rows here.
 #pragma once
 
-#include <cstdint>
-#include <functional>
 #include <string>
 
-#include <CLI/CLI.hpp>
-
-#include <cli/output.h>
+#include <cli/parser.h>
 
 namespace velia::cli {
 
-// Exit statuses, told in every command's help.
-enum ExitStatus { exit_done = 0, exit_failed = 1, exit_usage = 2, exit_unreachable = 3 };
+extern const Commands contact_commands;
+extern const Commands probe_commands;
+extern const Commands server_commands;
+extern const Commands server_list_commands;
+extern const Commands registry_commands;
+extern const Commands registry_update_commands;
+extern const Commands registry_admin_commands;
+extern const Commands registry_role_commands;
+extern const Commands registry_site_commands;
+extern const Commands object_commands;
+extern const Commands host_commands;
+extern const Commands time_zone_commands;
+extern const Commands pool_map_commands;
+extern const Commands completion_commands;
 
-extern const char exit_status_help[];
-
-// The foot of a command's help: examples, the first behind no blanks and the others each behind "\n  ".
-std::string examples(const std::string &lines);
-
-struct Settings {
-    Format format = Format::plain;
-    bool has_format = false; // by the switch
-    bool with_headers = true;
-    int timeout_s = 25;
+// What the common options set.
+struct CommonArguments {
+    std::string format;
+    bool leaves_headers_out = false;
+    int32_t timeout_s = Settings().timeout_s;
 };
 
-// The command that the line names; run once the whole line is parsed.
-using Command = std::function<int(const Settings &)>;
+// All of them, in the order of the help.
+Program whole_program(CommonArguments &common);
 
-// Options that every command has.
-void add_common_options(CLI::App &command, Settings &settings);
-
-void add_contact_command(CLI::App &app, Settings &settings, Command &chosen);
-void add_probe_command(CLI::App &app, Settings &settings, Command &chosen);
-void add_server_commands(CLI::App &app, Settings &settings, Command &chosen);
-void add_registry_commands(CLI::App &app, Settings &settings, Command &chosen);
-void add_object_commands(CLI::App &app, Settings &settings, Command &chosen);
-void add_host_commands(CLI::App &app, Settings &settings, Command &chosen);
-void add_client_commands(CLI::App &app, Settings &settings, Command &chosen);
-void add_time_zone_command(CLI::App &app, Settings &settings, Command &chosen);
-void add_pool_map_commands(CLI::App &app, Settings &settings, Command &chosen);
-void add_completion_command(CLI::App &app, Settings &settings, Command &chosen);
-
-// All of them.
-void add_commands(CLI::App &app, Settings &settings, Command &chosen);
-
-// Parses the line and runs its command.
+// Takes the line apart and runs its command.
 int run(int argc, char **argv);
 
 } // namespace velia::cli

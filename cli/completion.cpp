@@ -2,38 +2,46 @@
 #include <cli/completion.h>
 
 #include <iostream>
-#include <memory>
 
-#include <cli/choices.h>
 #include <cli/commands.h>
 
 namespace velia::cli {
 
 namespace {
 
-constexpr const char *footer = R"(Examples:
-  source <(veliactl completion bash)
-  veliactl completion bash > ~/.local/share/bash-completion/completions/veliactl
-  veliactl completion zsh > ~/.zfunc/_veliactl   # with ~/.zfunc in $fpath
+struct Arguments {
+    std::string shell;
+};
 
-An installed package has both scripts where the shells look for them.
-)";
+constexpr const char *shells[] = {"bash", "zsh"};
+
+Options options_of(Arguments &arguments) {
+    return {{.name = "SHELL", .help = "bash or zsh", .target = &arguments.shell, .words = shells, .is_required = true}};
+}
+
+int print_script(const Arguments &arguments, const Settings &settings);
+
+// It has none of the common options: what it prints is a script, in whatever form results are wanted otherwise.
+constexpr Command commands[] = {
+    {.path = "completion",
+     .help = "Print the script by which a shell completes these commands",
+     .examples = {"source <(veliactl completion bash)",
+                  "veliactl completion bash > ~/.local/share/bash-completion/completions/veliactl",
+                  "veliactl completion zsh > ~/.zfunc/_veliactl   # with ~/.zfunc in $fpath"},
+     .notes = "An installed package has both scripts where the shells look for them.\n",
+     .make = call_of<print_script, options_of>,
+     .has_common_options = false},
+};
+
+int print_script(const Arguments &arguments, const Settings & /*settings*/) {
+    CommonArguments common;
+    const auto words = words_of_program(whole_program(common));
+    std::cout << (arguments.shell == "bash" ? bash_script(words) : zsh_script(words));
+    return std::cout.flush() ? exit_done : exit_failed;
+}
 
 } // namespace
 
-// It has none of the common options: what it prints is a script, in whatever form results are wanted otherwise.
-void add_completion_command(CLI::App &app, Settings & /*settings*/, Command &chosen) {
-    auto shell = std::make_shared<std::string>();
-    CLI::App *command = app.add_subcommand("completion", "Print the script by which a shell completes these commands");
-    command->add_option("SHELL", *shell, "bash or zsh")->type_name("")->required()->check(one_of({"bash", "zsh"}));
-    command->footer(std::string(footer) + "\n" + exit_status_help);
-    command->callback([&app, shell, &chosen] {
-        chosen = [&app, shell](const Settings &) {
-            const auto commands = words_of_tree(app);
-            std::cout << (*shell == "bash" ? bash_script(commands) : zsh_script(commands));
-            return std::cout.flush() ? exit_done : exit_failed;
-        };
-    });
-}
+const Commands completion_commands = commands;
 
 } // namespace velia::cli

@@ -2,7 +2,7 @@
 // through them. It does not run the program: completing must be quick, and work where nothing else does.
 #include <cli/completion.h>
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 namespace velia::cli {
 
@@ -141,14 +141,14 @@ std::string bash_list(const std::vector<Subcommand> &words) {
     Texts names;
     for (const auto &word : words)
         names.push_back(word.name);
-    return quoted(fmt::format("{}", fmt::join(names, " ")));
+    return quoted(joined(names, " "));
 }
 
 std::string zsh_list(const std::vector<Subcommand> &words) {
     Texts entries;
     for (const auto &word : words)
         entries.push_back(quoted(word.name + ":" + word.help));
-    return fmt::format("({})", fmt::join(entries, " "));
+    return "(" + joined(entries, " ") + ")";
 }
 
 std::vector<Subcommand> options_of(const CommandWords &command, bool takes_value) {
@@ -176,11 +176,11 @@ std::string value_case(const std::string &command, const Texts &names, const Val
     Texts patterns;
     for (const auto &name : names)
         patterns.push_back(quoted(fmt::format("{}|{}", command, name)));
-    const std::string pattern = fmt::format("{}", fmt::join(patterns, " | "));
+    const std::string pattern = joined(patterns, " | ");
     switch (value.kind) {
     case Value::Kind::words:
         return fmt::format("    {}) kind=words offered={} ;;\n", pattern,
-                           fmt::format(fmt::runtime(words_form), fmt::join(value.words, " ")));
+                           fmt::format(fmt::runtime(words_form), joined(value.words, " ")));
     case Value::Kind::files:
         return fmt::format("    {}) kind=files ;;\n", pattern);
     case Value::Kind::hosts:

@@ -1,26 +1,37 @@
 // veliactl contact: who answers, where, in which protocol version, and how fast.
-#include <cli/commands.h>
-
-#include <iostream>
-#include <memory>
-
 #include <cli/broker.h>
-#include <cli/choices.h>
+#include <cli/commands.h>
 #include <support/imsg.h>
 
 namespace velia::cli {
 
 namespace {
 
-constexpr const char *footer = R"(Examples:
-  veliactl contact build7
-  veliactl contact --transport tcp --timeout 2 build7 build8
-  veliactl contact --output json build7 | jq .protocol
-)";
-
 struct Arguments {
     std::vector<std::string> hosts;
     std::string transport = "udp";
+};
+
+Options options_of(Arguments &arguments) {
+    return {
+        {.name = "HOST", .help = "host names", .target = &arguments.hosts, .is_required = true},
+        {.name = "--transport",
+         .type = "udp|tcp",
+         .help = "transport",
+         .target = &arguments.transport,
+         .words = transports,
+         .shows_default = true},
+    };
+}
+
+int contact_hosts(const Arguments &arguments, const Settings &settings);
+
+constexpr Command commands[] = {
+    {.path = "contact",
+     .help = "Ask the brokers of hosts whether they answer, and what they speak",
+     .examples = {"veliactl contact build7", "veliactl contact --transport tcp --timeout 2 build7 build8",
+                  "veliactl contact --output json build7 | jq .protocol"},
+     .make = call_of<contact_hosts, options_of>},
 };
 
 // True when the host answered and its protocol version is known.
@@ -49,26 +60,12 @@ int contact_hosts(const Arguments &arguments, const Settings &settings) {
     for (const auto &host : arguments.hosts)
         if (!contact_host(host, arguments, settings, results))
             status = exit_unreachable;
-    results.print(settings.format, settings.with_headers, std::cout);
+    print(results, settings);
     return status;
 }
 
 } // namespace
 
-void add_contact_command(CLI::App &app, Settings &settings, Command &chosen) {
-    auto arguments = std::make_shared<Arguments>();
-    CLI::App *command =
-        app.add_subcommand("contact", "Ask the brokers of hosts whether they answer, and what they speak");
-    command->add_option("HOST", arguments->hosts, "host names")->type_name("")->required();
-    command->add_option("--transport", arguments->transport, "transport")
-        ->type_name("udp|tcp")
-        ->capture_default_str()
-        ->check(one_of({"udp", "tcp"}));
-    add_common_options(*command, settings);
-    command->footer(std::string(footer) + "\n" + exit_status_help);
-    command->callback([arguments, &chosen] {
-        chosen = [arguments](const Settings &given) { return contact_hosts(*arguments, given); };
-    });
-}
+const Commands contact_commands = commands;
 
 } // namespace velia::cli

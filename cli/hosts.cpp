@@ -2,10 +2,7 @@
 #include <cli/commands.h>
 
 #include <array>
-#include <iostream>
 #include <memory>
-
-#include <fmt/format.h>
 
 #include <cli/time_zone.h>
 #include <support/date.h>
@@ -16,6 +13,51 @@
 namespace velia::cli {
 
 namespace {
+
+struct Arguments {
+    std::string host;
+    std::string name;
+    int32_t year = 0;
+};
+
+Options host_options(Arguments &arguments) {
+    return {{.name = "HOST", .help = "host of the broker", .target = &arguments.host, .is_required = true}};
+}
+
+Options zone_options(Arguments &arguments) {
+    return joined({host_options(arguments), {year_option(arguments.year)}});
+}
+
+Options lookup_options(Arguments &arguments) {
+    return joined({host_options(arguments),
+                   {{.name = "NAME", .help = "host name", .target = &arguments.name, .is_required = true}}});
+}
+
+int print_info(const Arguments &arguments, const Settings &settings);
+int print_time_zone(const Arguments &arguments, const Settings &settings);
+int list_clients(const Arguments &arguments, const Settings &settings);
+int look_up_client(const Arguments &arguments, const Settings &settings);
+
+constexpr Command commands[] = {
+    {.path = "host", .help = "What a host tells of itself"},
+    {.path = "host info",
+     .help = "Tell what a host is and runs",
+     .examples = {"veliactl host info build7 --output json"},
+     .make = call_of<print_info, host_options>},
+    {.path = "host tz",
+     .help = "Tell the time zone of a host",
+     .examples = {"veliactl host tz build7 2026"},
+     .make = call_of<print_time_zone, zone_options>},
+    {.path = "clients", .help = "The hosts that have used a broker"},
+    {.path = "clients list",
+     .help = "List them all",
+     .examples = {"veliactl clients list build7 --output table"},
+     .make = call_of<list_clients, host_options>},
+    {.path = "clients lookup",
+     .help = "Look one up by its name",
+     .examples = {"veliactl clients lookup build7 pluto"},
+     .make = call_of<look_up_client, lookup_options>},
+};
 
 int fail(const char *what, const std::string &host, tbs_status_t status) {
     imsg_print(IMSG_ERROR, "%s of host '%s' could not be had: %s\n", IMSG_FORMAT, what, host.c_str(),
@@ -36,7 +78,8 @@ Cells cells_of(const clnt_hostinfo_t &info) {
             text_cell(info.registry_host), text_cell(info.region),    text_cell(info.options)};
 }
 
-int print_info(const std::string &host, const Settings &settings) {
+int print_info(const Arguments &arguments, const Settings &settings) {
+    const std::string &host = arguments.host;
     clnt_hostinfo_t info = {};
     const auto status = rvzd_hostinfo_timeout(host.c_str(), settings.timeout_s, &info);
     if (status != TBS_ST_OK)
@@ -44,16 +87,17 @@ int print_info(const std::string &host, const Settings &settings) {
     Results results(info_columns);
     results.add(cells_of(info));
     rvzd_hostinfo_free(info);
-    results.print(settings.format, settings.with_headers, std::cout);
+    print(results, settings);
     return exit_done;
 }
 
-int print_time_zone(const std::string &host, int32_t year, const Settings &settings) {
+int print_time_zone(const Arguments &arguments, const Settings &settings) {
+    const int32_t year = year_or_current(arguments.year);
     clnt_tz_info_t record = {};
     clnt_tz_info_t *info = &record;
-    const auto status = rvzd_tzinfo(year, host.c_str(), &info);
+    const auto status = rvzd_tzinfo(year, arguments.host.c_str(), &info);
     if (status != TBS_ST_OK)
-        return fail("The time zone", host, status);
+        return fail("The time zone", arguments.host, status);
     print_zone(record, year, settings);
     return exit_done;
 }
@@ -83,7 +127,8 @@ void add_client(const clnt_entry_t &entry, Results &results) {
     results.add(std::move(cells));
 }
 
-int list_clients(const std::string &host, const Settings &settings) {
+int list_clients(const Arguments &arguments, const Settings &settings) {
+    const std::string &host = arguments.host;
     rvzd_handle_t *handle = nullptr;
     if (rvzd_get_handle(host.c_str(), &handle) != TBS_ST_OK)
         return exit_unreachable;
@@ -106,11 +151,12 @@ int list_clients(const std::string &host, const Settings &settings) {
     rvzd_free_handle(handle);
     if (status != TBS_ST_OK)
         return fail("The client list", host, status);
-    results.print(settings.format, settings.with_headers, std::cout);
+    print(results, settings);
     return exit_done;
 }
 
-int look_up_client(const std::string &host, const std::string &name, const Settings &settings) {
+int look_up_client(const Arguments &arguments, const Settings &settings) {
+    const auto &[host, name, year] = arguments;
     rvzd_handle_t *handle = nullptr;
     if (rvzd_get_handle(host.c_str(), &handle) != TBS_ST_OK)
         return exit_unreachable;
@@ -121,7 +167,7 @@ int look_up_client(const std::string &host, const std::string &name, const Setti
         Results results(client_columns());
         add_client(entry, results);
         rvzd_clnt_list_lookup_free(handle, &entry);
-        results.print(settings.format, settings.with_headers, std::cout);
+        print(results, settings);
     }
     rvzd_free_handle(handle);
     if (status == TBS_ST_OK)
@@ -131,58 +177,8 @@ int look_up_client(const std::string &host, const std::string &name, const Setti
     return status == TBS_ST_RPC_FAILED ? exit_unreachable : exit_failed;
 }
 
-struct Arguments {
-    std::string host;
-    std::string name;
-    int32_t year = 0;
-};
-
-CLI::App *add_verb(CLI::App &group, const char *name, const char *help, const char *example, Arguments &arguments,
-                   Settings &settings) {
-    CLI::App *command = group.add_subcommand(name, help);
-    command->add_option("HOST", arguments.host, "host of the broker")->type_name("")->required();
-    add_common_options(*command, settings);
-    command->footer(examples(example));
-    return command;
-}
-
 } // namespace
 
-void add_host_commands(CLI::App &app, Settings &settings, Command &chosen) {
-    CLI::App *group = app.add_subcommand("host", "What a host tells of itself");
-    group->require_subcommand(1);
-    group->footer(exit_status_help);
-    auto arguments = std::make_shared<Arguments>();
-    add_verb(*group, "info", "Tell what a host is and runs", "veliactl host info build7 --output json", *arguments,
-             settings)
-        ->callback([arguments, &chosen] {
-            chosen = [arguments](const Settings &given) { return print_info(arguments->host, given); };
-        });
-    CLI::App *zone =
-        add_verb(*group, "tz", "Tell the time zone of a host", "veliactl host tz build7 2026", *arguments, settings);
-    zone->add_option("YEAR", arguments->year, "year of the changes (default: this one)")->type_name("");
-    zone->callback([arguments, &chosen] {
-        chosen = [arguments](const Settings &given) {
-            return print_time_zone(arguments->host, year_or_current(arguments->year), given);
-        };
-    });
-}
-
-void add_client_commands(CLI::App &app, Settings &settings, Command &chosen) {
-    CLI::App *group = app.add_subcommand("clients", "The hosts that have used a broker");
-    group->require_subcommand(1);
-    group->footer(exit_status_help);
-    auto arguments = std::make_shared<Arguments>();
-    add_verb(*group, "list", "List them all", "veliactl clients list build7 --output table", *arguments, settings)
-        ->callback([arguments, &chosen] {
-            chosen = [arguments](const Settings &given) { return list_clients(arguments->host, given); };
-        });
-    CLI::App *lookup = add_verb(*group, "lookup", "Look one up by its name", "veliactl clients lookup build7 pluto",
-                                *arguments, settings);
-    lookup->add_option("NAME", arguments->name, "host name")->type_name("")->required();
-    lookup->callback([arguments, &chosen] {
-        chosen = [arguments](const Settings &given) { return look_up_client(arguments->host, arguments->name, given); };
-    });
-}
+const Commands host_commands = commands;
 
 } // namespace velia::cli

@@ -1,7 +1,6 @@
 // veliactl poolmap: what a pool map says, and what becomes of a path by it.
 #include <cli/commands.h>
 
-#include <iostream>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -14,22 +13,44 @@ namespace velia::cli {
 
 namespace {
 
-constexpr const char *footer = R"(Examples:
-  veliactl poolmap explain '/vaults/=/net/pluto/vaults/|/old/=/net/moon/old/'
-  veliactl poolmap explain '/vaults/=/net/pluto/vaults/' /vaults/src
-  veliactl poolmap explain --mount-options 'ro,poolmap=/a/=/b/' /a/x --output json
-
-PATH is translated as a pathname, by the first prefix that it begins with, and as the name of a pool, by every pair
-that has all of it as its prefix, one after the other. What a pair made of it stands beside the pair. With a PATH that
-no prefix matches the command fails.
-)";
-
 constexpr size_t first_block_size = 4096;
 
 struct Arguments {
     std::string text;
     std::string path;
     bool is_mount_options = false;
+};
+
+Options options_of(Arguments &arguments) {
+    return {
+        {.name = "TEXT",
+         .help = "the map: prefix=target|prefix=target...",
+         .target = &arguments.text,
+         .is_required = true},
+        {.name = "PATH", .help = "a path to translate", .target = &arguments.path},
+        {.name = "--mount-options",
+         .help = "TEXT is mount options that hold the map",
+         .target = &arguments.is_mount_options},
+    };
+}
+
+int explain(const Arguments &arguments, const Settings &settings);
+
+constexpr const char *notes =
+    R"(PATH is translated as a pathname, by the first prefix that it begins with, and as the name of a pool, by every pair
+that has all of it as its prefix, one after the other. What a pair made of it stands beside the pair. With a PATH that
+no prefix matches the command fails.
+)";
+
+constexpr Command commands[] = {
+    {.path = "poolmap", .help = "Pool maps: where the storage pools of a vault are reached"},
+    {.path = "poolmap explain",
+     .help = "Take a pool map apart, and translate a path by it",
+     .examples = {"veliactl poolmap explain '/vaults/=/net/pluto/vaults/|/old/=/net/moon/old/'",
+                  "veliactl poolmap explain '/vaults/=/net/pluto/vaults/' /vaults/src",
+                  "veliactl poolmap explain --mount-options 'ro,poolmap=/a/=/b/' /a/x --output json"},
+     .notes = notes,
+     .make = call_of<explain, options_of>},
 };
 
 struct DeleteArea {
@@ -107,7 +128,7 @@ int explain(const Arguments &arguments, const Settings &settings) {
     for (size_t i = 0; i < map.count; ++i)
         results.add({i + 1, map.prefixes[i].text, map.targets[i].text, pathname.of_pair(arguments, map, i),
                      poolname.of_pair(arguments, map, i)});
-    results.print(settings.format, settings.with_headers, std::cout);
+    print(results, settings);
     if (arguments.path.empty() || pathname.is_translated() || poolname.is_translated())
         return exit_done;
     imsg_print(IMSG_ERROR, "No prefix of the map matches '%s'\n", IMSG_FORMAT, arguments.path.c_str());
@@ -116,19 +137,6 @@ int explain(const Arguments &arguments, const Settings &settings) {
 
 } // namespace
 
-void add_pool_map_commands(CLI::App &app, Settings &settings, Command &chosen) {
-    CLI::App *group = app.add_subcommand("poolmap", "Pool maps: where the storage pools of a vault are reached");
-    group->require_subcommand(1);
-    group->footer(exit_status_help);
-    auto arguments = std::make_shared<Arguments>();
-    CLI::App *command = group->add_subcommand("explain", "Take a pool map apart, and translate a path by it");
-    command->add_option("TEXT", arguments->text, "the map: prefix=target|prefix=target...")->type_name("")->required();
-    command->add_option("PATH", arguments->path, "a path to translate")->type_name("");
-    command->add_flag("--mount-options", arguments->is_mount_options, "TEXT is mount options that hold the map");
-    add_common_options(*command, settings);
-    command->footer(std::string(footer) + "\n" + exit_status_help);
-    command->callback(
-        [arguments, &chosen] { chosen = [arguments](const Settings &given) { return explain(*arguments, given); }; });
-}
+const Commands pool_map_commands = commands;
 
 } // namespace velia::cli

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <iostream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -27,17 +26,32 @@ namespace {
 constexpr size_t threads_max = 512;
 constexpr size_t descriptors_a_thread = 2; // its socket; the resolver's have come and gone before, two at a time
 constexpr size_t other_descriptors = 16;
-constexpr const char *footer = R"(Examples:
-  veliactl probe build7 build8 pluto
-  veliactl probe --output json $(cat hosts) | jq -r 'select(.state != "up").host'
 
-A host is up if it accepts a TCP connection on port 371, the well-known port of brokers, at one of its addresses.
+using Hosts = std::vector<std::string>;
+
+Options options_of(Hosts &hosts) {
+    return {{.name = "HOST", .help = "host names", .target = &hosts, .is_required = true}};
+}
+
+int probe_hosts(const Hosts &hosts, const Settings &settings);
+
+constexpr const char *notes =
+    R"(A host is up if it accepts a TCP connection on port 371, the well-known port of brokers, at one of its addresses.
 Nothing is sent, and whatever listens there counts; a broker that the site keeps on another port is not found, ask it
 with "veliactl contact". A host that is silent is down after 0.9 seconds, whatever --timeout says; 512 addresses are tried
 at once, fewer where "ulimit -n" is below 1040.
 
 States: up; down (silent, or it refuses); unknown (no such name). With any host that is not up the exit status is 3.
 )";
+
+constexpr Command commands[] = {
+    {.path = "probe",
+     .help = "Tell within a second which of many hosts are up, by TCP port 371",
+     .examples = {"veliactl probe build7 build8 pluto",
+                  "veliactl probe --output json $(cat hosts) | jq -r 'select(.state != \"up\").host'"},
+     .notes = notes,
+     .make = call_of<probe_hosts, options_of>},
+};
 
 // One address of one host.
 struct Trial {
@@ -73,7 +87,7 @@ size_t threads_allowed() {
     return std::clamp<size_t>(spare / descriptors_a_thread, 1, threads_max);
 }
 
-std::vector<Trial> trials_of(const std::vector<std::string> &hosts) {
+std::vector<Trial> trials_of(const Hosts &hosts) {
     std::vector<std::vector<std::string>> addresses(hosts.size());
     for_each_at_once(hosts.size(), threads_allowed(), [&](size_t i) { addresses[i] = addresses_of(hosts[i]); });
     std::vector<Trial> trials;
@@ -104,7 +118,7 @@ void add_host(const std::string &host, const std::optional<Trial> &trial, Result
         results.add({host, trial->is_up ? "up" : "down", Cell::milliseconds(trial->elapsed_ms), trial->address});
 }
 
-int probe_hosts(const std::vector<std::string> &hosts, const Settings &settings) {
+int probe_hosts(const Hosts &hosts, const Settings &settings) {
     auto trials = trials_of(hosts);
     for_each_at_once(trials.size(), threads_allowed(), [&](size_t i) { probe(trials[i]); });
     std::vector<std::optional<Trial>> best(hosts.size());
@@ -117,20 +131,12 @@ int probe_hosts(const std::vector<std::string> &hosts, const Settings &settings)
         add_host(hosts[i], best[i], results);
         are_all_up = are_all_up && best[i] && best[i]->is_up;
     }
-    results.print(settings.format, settings.with_headers, std::cout);
+    print(results, settings);
     return are_all_up ? exit_done : exit_unreachable;
 }
 
 } // namespace
 
-void add_probe_command(CLI::App &app, Settings &settings, Command &chosen) {
-    auto hosts = std::make_shared<std::vector<std::string>>();
-    CLI::App *command = app.add_subcommand("probe", "Tell within a second which of many hosts are up, by TCP port 371");
-    command->add_option("HOST", *hosts, "host names")->type_name("")->required();
-    add_common_options(*command, settings);
-    command->footer(std::string(footer) + "\n" + exit_status_help);
-    command->callback(
-        [hosts, &chosen] { chosen = [hosts](const Settings &given) { return probe_hosts(*hosts, given); }; });
-}
+const Commands probe_commands = commands;
 
 } // namespace velia::cli

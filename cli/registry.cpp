@@ -1,36 +1,60 @@
 // veliactl registry: finding and listing entries.
 #include <cli/registry.h>
 
-#include <algorithm>
 #include <array>
 #include <iostream>
-#include <memory>
 
-#include <fmt/format.h>
 #include <unistd.h>
 
-#include <cli/choices.h>
+#include <cli/commands.h>
 #include <support/imsg.h>
+#include <support/stg.h>
+#include <veliaxdr/rgy_site.h>
 
 namespace velia::cli {
 
 namespace {
 
-constexpr int64_t batch_max = 1000;
 constexpr uint64_t progress_entries = 1000; // a scan that is longer shows how far it is
 
-constexpr const char *find_footer = R"(Examples:
-  veliactl registry find vault_tag --string tag=/vaults/src --region east
-  veliactl registry find view_object --uuid view_uuid=0b5f8a52-7d1a-4c39-9d54-1a2b3c4d5e6f
-  veliactl registry find vault_tag --attr attributes:poolmap=/x
-  veliactl registry find vault_tag --pattern '/vaults/*' --pattern '-owner=alice' --output json
+Option batch_option(Search &search) {
+    return {.name = "--batch",
+            .type = "COUNT",
+            .help = "entries fetched at a time",
+            .target = &search.batch,
+            .range = Range{1, 1000},
+            .shows_default = true};
+}
 
-A pattern is -ITEM=GLOB, or a GLOB for what names an entry, its tag or its name; one that matches is enough.
+Options list_options(Search &search) {
+    return {db_place(search.db), region_option(search.region), registry_host_option(search.host), batch_option(search)};
+}
+
+Options find_options(Search &search) {
+    return joined({list_options(search), ways_to_search(search)});
+}
+
+int print_entries(const Search &search, const Settings &settings);
+
+constexpr const char *patterns_note =
+    R"(A pattern is -ITEM=GLOB, or a GLOB for what names an entry, its tag or its name; one that matches is enough.
 )";
-constexpr const char *list_footer = R"(Examples:
-  veliactl registry list regions
-  veliactl registry list vault_tag --batch 500 --output json
-)";
+
+constexpr Command commands[] = {
+    {.path = "registry", .help = "The tag registry"},
+    {.path = "registry find",
+     .help = "Find entries by a string, a uuid, an attribute or patterns",
+     .examples = {"veliactl registry find vault_tag --string tag=/vaults/src --region east",
+                  "veliactl registry find view_object --uuid view_uuid=0b5f8a52-7d1a-4c39-9d54-1a2b3c4d5e6f",
+                  "veliactl registry find vault_tag --attr attributes:poolmap=/x",
+                  "veliactl registry find vault_tag --pattern '/vaults/*' --pattern '-owner=alice' --output json"},
+     .notes = patterns_note,
+     .make = call_of<print_entries, find_options>},
+    {.path = "registry list",
+     .help = "List all entries of a database",
+     .examples = {"veliactl registry list regions", "veliactl registry list vault_tag --batch 500 --output json"},
+     .make = call_of<print_entries, list_options>},
+};
 
 // A line on the terminal that is written over as the scan goes on.
 class Progress {
@@ -81,7 +105,7 @@ std::optional<Attribute> attribute_of(const std::string &word) {
     return Attribute{*item, rest.substr(0, equals), equals != std::string::npos ? rest.substr(equals + 1) : ""};
 }
 
-std::string check_attribute(const std::string &word) {
+std::string fault_of_attribute(const std::string &word) {
     return attribute_of(word) ? "" : "'" + word + "' is not ITEM:NAME or ITEM:NAME=VALUE";
 }
 
@@ -123,49 +147,42 @@ tbs_status_t take_batch(std::vector<rgy_entry_t *> &entries, int64_t count, Prog
     return status;
 }
 
+// Number, and the items as they came.
+void add_entry(const rgy_entry_t &entry, Results &results) {
+    Cells items;
+    for (int32_t i = 0; i < entry.flex.count; ++i)
+        items.emplace_back(std::string(entry.flex.items[i].name) + "=" + entry.flex.items[i].value);
+    results.add({entry.entry_id, entry.host, items});
+}
+
 int print_entries(const Search &search, const Settings &settings) {
-    Results results = new_entry_results();
+    Results results({"id", "registry", "items"});
     const auto status = each_entry(search, [&](rgy_entry_t *entry) {
         add_entry(*entry, results);
         return TBS_ST_OK;
     });
     if (status != TBS_ST_OK)
         return exit_status_of(status);
-    results.print(settings.format, settings.with_headers, std::cout);
+    print(results, settings);
     return exit_done;
 }
 
-struct Verb {
-    const char *name;
-    const char *help;
-    const char *footer;
-    bool searches;
-};
+std::string fault_of_item_uuid(const std::string &word) {
+    const auto key = item_value_of(word);
+    tbs_uuid_t uuid;
+    return key && tbs_str_to_uuid(key->value.c_str(), &uuid) == TBS_ST_OK
+               ? ""
+               : "'" + word + "' is not ITEM=UUID with a known item";
+}
 
-constexpr std::array verbs = {
-    Verb{"find", "Find entries by a string, a uuid, an attribute or patterns", find_footer, true},
-    Verb{"list", "List all entries of a database", list_footer, false},
-};
-
-void add_verb(CLI::App &group, const Verb &verb, Settings &settings, Command &chosen) {
-    auto search = std::make_shared<Search>();
-    CLI::App *command = group.add_subcommand(verb.name, verb.help);
-    command->add_option("DB", search->db, "database, by name or number")
-        ->type_name("")
-        ->required()
-        ->check(offering(db_names(), check_db));
-    if (verb.searches)
-        add_search_options(*command, *search);
-    command->add_option("--region", search->region, "entries of this region and of none")->type_name("REGION");
-    add_registry_host(*command, search->host);
-    command->add_option("--batch", search->batch, "entries fetched at a time")
-        ->type_name("COUNT")
-        ->capture_default_str()
-        ->check(CLI::Range(int64_t{1}, batch_max).description(""));
-    add_common_options(*command, settings);
-    command->footer(std::string(verb.footer) + "\n" + exit_status_help);
-    command->callback(
-        [search, &chosen] { chosen = [search](const Settings &given) { return print_entries(*search, given); }; });
+Choices db_names() {
+    static const auto names = [] {
+        std::array<const char *, RGY_DB_ALL> all = {};
+        for (rgy_db_t db = 0; db < RGY_DB_ALL; ++db)
+            all[db] = registry_db_name(db);
+        return all;
+    }();
+    return names;
 }
 
 } // namespace
@@ -180,15 +197,10 @@ std::optional<uint32_t> item_of_name(const std::string &name) {
     return index_of_name(name.starts_with('-') ? name : "-" + name, RGY_ITEM_COUNT, registry_item_name);
 }
 
-std::vector<std::string> db_names() {
-    std::vector<std::string> names;
-    for (rgy_db_t db = 0; db < RGY_DB_ALL; ++db)
-        names.emplace_back(registry_db_name(db));
-    return names;
-}
-
-std::string check_db(const std::string &name) {
-    return db_of_name(name) ? "" : fmt::format("'{}' is no database; there are {}", name, fmt::join(db_names(), ", "));
+std::string fault_of_db(const std::string &name) {
+    return db_of_name(name)
+               ? ""
+               : "'" + name + "' is no database; there are " + joined({db_names().begin(), db_names().end()}, ", ");
 }
 
 std::optional<ItemValue> item_value_of(const std::string &word) {
@@ -197,7 +209,7 @@ std::optional<ItemValue> item_value_of(const std::string &word) {
     return item ? std::optional(ItemValue{*item, word.substr(equals + 1)}) : std::nullopt;
 }
 
-std::string check_item_value(const std::string &word) {
+std::string fault_of_item_value(const std::string &word) {
     const auto key = item_value_of(word);
     if (!key)
         return "'" + word + "' is not ITEM=VALUE with a known item";
@@ -205,33 +217,68 @@ std::string check_item_value(const std::string &word) {
                                                                 : "a value holds neither a semicolon nor a line feed";
 }
 
-std::string check_item_uuid(const std::string &word) {
-    const auto key = item_value_of(word);
-    tbs_uuid_t uuid;
-    return key && tbs_str_to_uuid(key->value.c_str(), &uuid) == TBS_ST_OK
-               ? ""
-               : "'" + word + "' is not ITEM=UUID with a known item";
+Option db_place(std::string &db) {
+    return {.name = "DB",
+            .help = "database, by name or number",
+            .target = &db,
+            .words = db_names(),
+            .fault = fault_of_db,
+            .is_required = true};
 }
 
-void add_registry_host(CLI::App &command, std::string &host) {
-    command.add_option("--host", host, "registry host (default: the configured one)")->type_name("HOST");
+Option registry_host_option(std::string &host) {
+    return {.name = "--host", .type = "HOST", .help = "registry host (default: the configured one)", .target = &host};
 }
 
-void add_search_options(CLI::App &command, Search &search) {
-    CLI::App *ways = command.add_option_group("Search", "one of");
-    ways->require_option(1);
-    ways->add_option("--string", search.string, "entries whose item is this")
-        ->type_name("ITEM=VALUE")
-        ->check(CLI::Validator(check_item_value, ""));
-    ways->add_option("--uuid", search.uuid, "entries whose item is this uuid")
-        ->type_name("ITEM=UUID")
-        ->check(CLI::Validator(check_item_uuid, ""));
-    ways->add_option("--attr", search.attribute, "entries whose item has this attribute")
-        ->type_name("ITEM:NAME[=VALUE]")
-        ->check(CLI::Validator(check_attribute, ""));
-    ways->add_option("--pattern", search.patterns, "entries that match; may be repeated")
-        ->type_name("PATTERN")
-        ->allow_extra_args(false);
+Option region_option(std::string &region) {
+    return {.name = "--region", .type = "REGION", .help = "entries of this region and of none", .target = &region};
+}
+
+Option dry_run_option(bool &is_dry_run) {
+    return {.name = "--dry-run", .help = "tell what would be done, and do nothing", .target = &is_dry_run};
+}
+
+Options ways_to_search(Search &search) {
+    constexpr const char *group = "Search";
+    return {
+        {.name = "--string",
+         .type = "ITEM=VALUE",
+         .help = "entries whose item is this",
+         .target = &search.string,
+         .fault = fault_of_item_value,
+         .one_of = group},
+        {.name = "--uuid",
+         .type = "ITEM=UUID",
+         .help = "entries whose item is this uuid",
+         .target = &search.uuid,
+         .fault = fault_of_item_uuid,
+         .one_of = group},
+        {.name = "--attr",
+         .type = "ITEM:NAME[=VALUE]",
+         .help = "entries whose item has this attribute",
+         .target = &search.attribute,
+         .fault = fault_of_attribute,
+         .one_of = group},
+        {.name = "--pattern",
+         .type = "PATTERN",
+         .help = "entries that match; may be repeated",
+         .target = &search.patterns,
+         .one_of = group},
+    };
+}
+
+std::optional<std::string> settled_host(const std::string &given) {
+    if (!given.empty())
+        return given;
+    char *host = nullptr;
+    const auto status = rgy_get_server_host(1, 0, &host);
+    if (status != TBS_ST_OK) {
+        imsg_print(IMSG_ERROR, "No registry host is configured: %s\n", IMSG_FORMAT, tbs_strerror(status));
+        return std::nullopt;
+    }
+    const std::string configured = host;
+    stg_free(host);
+    return configured;
 }
 
 tbs_status_t each_entry(const Search &search, const std::function<tbs_status_t(rgy_entry_t *)> &take) {
@@ -252,17 +299,6 @@ tbs_status_t each_entry(const Search &search, const std::function<tbs_status_t(r
     return status;
 }
 
-Results new_entry_results() {
-    return Results({"id", "registry", "items"});
-}
-
-void add_entry(const rgy_entry_t &entry, Results &results) {
-    Cells items;
-    for (int32_t i = 0; i < entry.flex.count; ++i)
-        items.emplace_back(std::string(entry.flex.items[i].name) + "=" + entry.flex.items[i].value);
-    results.add({entry.entry_id, entry.host, items});
-}
-
 int exit_status_of(tbs_status_t status) {
     switch (status) {
     case TBS_ST_OK:
@@ -276,16 +312,6 @@ int exit_status_of(tbs_status_t status) {
     }
 }
 
-void add_registry_commands(CLI::App &app, Settings &settings, Command &chosen) {
-    CLI::App *group = app.add_subcommand("registry", "The tag registry");
-    group->require_subcommand(1);
-    group->footer(exit_status_help);
-    for (const Verb &verb : verbs)
-        add_verb(*group, verb, settings, chosen);
-    add_registry_updates(*group, settings, chosen);
-    add_registry_admin(*group, settings, chosen);
-    add_registry_role(*group, settings, chosen);
-    add_registry_site(*group, settings, chosen);
-}
+const Commands registry_commands = commands;
 
 } // namespace velia::cli

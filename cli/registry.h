@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include <cli/commands.h>
+#include <cli/command.h>
 #include <veliaxdr/rgy_fetch.h>
 
 namespace velia::cli {
@@ -16,8 +16,8 @@ namespace velia::cli {
 std::optional<rgy_db_t> db_of_name(const std::string &name);
 std::optional<uint32_t> item_of_name(const std::string &name);
 
-std::vector<std::string> db_names();
-std::string check_db(const std::string &name);
+// What is wrong with the name of a database.
+std::string fault_of_db(const std::string &name);
 
 // "item=value" taken apart; nothing for an unknown item or a missing "=".
 struct ItemValue {
@@ -25,8 +25,7 @@ struct ItemValue {
     std::string value;
 };
 std::optional<ItemValue> item_value_of(const std::string &word);
-std::string check_item_value(const std::string &word);
-std::string check_item_uuid(const std::string &word);
+std::string fault_of_item_value(const std::string &word);
 
 // What a command looks for; all of a database if nothing is given.
 struct Search {
@@ -40,23 +39,21 @@ struct Search {
     int64_t batch = 100;
 };
 
-void add_registry_host(CLI::App &command, std::string &host);
-void add_search_options(CLI::App &command, Search &search);
+// The options that several commands have.
+Option db_place(std::string &db);
+Option registry_host_option(std::string &host);
+Option region_option(std::string &region);
+Option dry_run_option(bool &is_dry_run);
+Options ways_to_search(Search &search); // of which one is chosen
+
+// The host that was given, or the configured one; nothing, and told, when there is none.
+std::optional<std::string> settled_host(const std::string &given);
 
 // Calls `take` for each entry found, batch by batch; the entry is deleted afterwards. The first status that is not
 // TBS_ST_OK ends it, and is told.
 tbs_status_t each_entry(const Search &search, const std::function<tbs_status_t(rgy_entry_t *)> &take);
 
-// Rows of entries: number, and the items as they came.
-Results new_entry_results();
-void add_entry(const rgy_entry_t &entry, Results &results);
-
 // The exit status that goes with a library status.
 int exit_status_of(tbs_status_t status);
-
-void add_registry_updates(CLI::App &group, Settings &settings, Command &chosen);
-void add_registry_admin(CLI::App &group, Settings &settings, Command &chosen);
-void add_registry_role(CLI::App &group, Settings &settings, Command &chosen);
-void add_registry_site(CLI::App &group, Settings &settings, Command &chosen);
 
 } // namespace velia::cli

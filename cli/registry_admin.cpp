@@ -6,17 +6,14 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
-#include <iostream>
-#include <memory>
 #include <sstream>
 
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cli/choices.h>
+#include <cli/commands.h>
 #include <cli/password.h>
 #include <support/imsg.h>
 #include <veliaxdr/rgy_manage.h>
@@ -30,6 +27,77 @@ namespace {
 
 constexpr const char *prompt = "Registry password: ";
 constexpr const char *daemon_name = "rvzd_server";
+
+struct Backup {
+    std::optional<std::string> hosts; // an empty list is one, too
+};
+
+std::string fault_of_host_list(const std::string &hosts) {
+    return hosts.size() <= RGY_WIRE_HOST_LIST_MAX
+               ? ""
+               : "a list of backup hosts has " + std::to_string(RGY_WIRE_HOST_LIST_MAX) + " characters at most";
+}
+
+Options backup_options(Backup &backup) {
+    return {{.name = "HOSTS",
+             .help = "the new list, with commas between the hosts; '' for none",
+             .target = &backup.hosts,
+             .fault = fault_of_host_list}};
+}
+
+Option password_file_option(std::string &file) {
+    return {.name = "--password-file",
+            .type = "FILE",
+            .help = "file whose first line is the password; - for standard input (default: the terminal, or standard "
+                    "input if that is none)",
+            .target = &file};
+}
+
+struct Check {
+    std::string db;
+    std::string host;
+    std::string password_file;
+};
+
+Options check_options(Check &check) {
+    Option db = db_place(check.db);
+    db.help = "database, by name or number (default: privileged changes of tags)";
+    db.is_required = false;
+    return {db, registry_host_option(check.host), password_file_option(check.password_file)};
+}
+
+struct Passwd {
+    std::string daemon;
+    std::string password_file;
+};
+
+Options passwd_options(Passwd &passwd) {
+    return {
+        password_file_option(passwd.password_file),
+        {.name = "--server",
+         .type = "FILE",
+         .help = "the daemon's program, which keeps the password (default: rvzd_server beside veliactl, or on PATH)",
+         .target = &passwd.daemon}};
+}
+
+int show_or_set_backup(const Backup &backup, const Settings &settings);
+int check_access(const Check &check, const Settings &settings);
+int set_password(const Passwd &passwd, const Settings &settings);
+
+constexpr Command commands[] = {
+    {.path = "registry backup",
+     .help = "Show the site's list of backup hosts, or set it",
+     .examples = {"veliactl registry backup", "veliactl registry backup build8,build9"},
+     .make = call_of<show_or_set_backup, backup_options>},
+    {.path = "registry check",
+     .help = "Tell whether the registry lets you change tags, or a database, with a password",
+     .examples = {"veliactl registry check", "veliactl registry check vault_tag --password-file secret --output json"},
+     .make = call_of<check_access, check_options>},
+    {.path = "registry passwd",
+     .help = "Set the registry password of this host's daemon; an empty one removes it. Typed twice, or read once",
+     .examples = {"veliactl registry passwd", "veliactl registry passwd < secret"},
+     .make = call_of<set_password, passwd_options>},
+};
 
 Cells list_cell(const std::string &text) {
     Cells hosts;
@@ -48,20 +116,9 @@ int print_failure(const char *what, tbs_status_t status) {
     return exit_status_of(status);
 }
 
-struct Backup {
-    std::string hosts;
-    bool is_given = false;
-};
-
-std::string check_host_list(const std::string &hosts) {
-    return hosts.size() <= RGY_WIRE_HOST_LIST_MAX
-               ? ""
-               : fmt::format("a list of backup hosts has {} characters at most", int{RGY_WIRE_HOST_LIST_MAX});
-}
-
 int show_or_set_backup(const Backup &backup, const Settings &settings) {
-    if (backup.is_given) {
-        const auto set = rgy_set_current_backup(backup.hosts.c_str());
+    if (backup.hosts) {
+        const auto set = rgy_set_current_backup(backup.hosts->c_str());
         if (set != TBS_ST_OK)
             return print_failure("The list of backup hosts was not changed", set);
     }
@@ -72,15 +129,9 @@ int show_or_set_backup(const Backup &backup, const Settings &settings) {
         return print_failure("The list of backup hosts could not be had", status);
     Results results({"backup"});
     results.add({list_cell(hosts.data())});
-    results.print(settings.format, settings.with_headers, std::cout);
+    print(results, settings);
     return exit_done;
 }
-
-struct Check {
-    std::string db;
-    std::string host;
-    std::string password_file;
-};
 
 // A typed password for tags is asked for by the library itself, to which an empty one means just that.
 bool get_password(const Check &check, Password &password) {
@@ -134,7 +185,7 @@ int check_access(const Check &check, const Settings &settings) {
         return print_failure("The access could not be checked", status);
     Results results({"change", "access"});
     results.add({check.db.empty() ? "tags" : check.db, access});
-    results.print(settings.format, settings.with_headers, std::cout);
+    print(results, settings);
     return status == TBS_ST_OK ? exit_done : exit_failed;
 }
 
@@ -200,11 +251,6 @@ int run_daemon(const std::string &program, Password &password, int &error_number
     return is_written && WIFEXITED(state) ? WEXITSTATUS(state) : exit_failed;
 }
 
-struct Passwd {
-    std::string daemon;
-    std::string password_file;
-};
-
 int set_password(const Passwd &passwd, const Settings &settings) {
     Password password;
     const bool has_password = is_typed(passwd.password_file)
@@ -216,83 +262,19 @@ int set_password(const Passwd &passwd, const Settings &settings) {
     int error_number = 0;
     const int status = run_daemon(program, password, error_number);
     if (status != 0) {
-        const std::string why = status < 0 ? imsg_strerror(error_number) : fmt::format("exit status {}", status);
+        const std::string why = status < 0 ? imsg_strerror(error_number) : "exit status " + std::to_string(status);
         imsg_print(IMSG_ERROR, "The registry password was not changed: %s: %s\n", IMSG_FORMAT, program.c_str(),
                    why.c_str());
         return exit_failed;
     }
     Results results({"action"});
     results.add({password.is_empty() ? "password removed" : "password set"});
-    results.print(settings.format, settings.with_headers, std::cout);
+    print(results, settings);
     return exit_done;
-}
-
-void add_password_file(CLI::App &command, std::string &file) {
-    command
-        .add_option("--password-file", file,
-                    "file whose first line is the password; - for standard input (default: the terminal, or standard "
-                    "input if that is none)")
-        ->type_name("FILE");
-}
-
-void add_backup(CLI::App &group, Settings &settings, Command &chosen) {
-    auto backup = std::make_shared<Backup>();
-    CLI::App *command = group.add_subcommand("backup", "Show the site's list of backup hosts, or set it");
-    command
-        ->add_option_function<std::string>(
-            "HOSTS",
-            [backup](const std::string &hosts) {
-                backup->hosts = hosts;
-                backup->is_given = true;
-            },
-            "the new list, with commas between the hosts; '' for none")
-        ->type_name("")
-        ->check(CLI::Validator(check_host_list, ""));
-    add_common_options(*command, settings);
-    command->footer(examples("veliactl registry backup\n  veliactl registry backup build8,build9"));
-    command->callback(
-        [backup, &chosen] { chosen = [backup](const Settings &given) { return show_or_set_backup(*backup, given); }; });
-}
-
-void add_check(CLI::App &group, Settings &settings, Command &chosen) {
-    auto check = std::make_shared<Check>();
-    CLI::App *command =
-        group.add_subcommand("check", "Tell whether the registry lets you change tags, or a database, with a password");
-    command->add_option("DB", check->db, "database, by name or number (default: privileged changes of tags)")
-        ->type_name("")
-        ->check(offering(db_names(), check_db));
-    add_registry_host(*command, check->host);
-    add_password_file(*command, check->password_file);
-    add_common_options(*command, settings);
-    command->footer(examples("veliactl registry check\n  "
-                             "veliactl registry check vault_tag --password-file secret --output json"));
-    command->callback(
-        [check, &chosen] { chosen = [check](const Settings &given) { return check_access(*check, given); }; });
-}
-
-void add_passwd(CLI::App &group, Settings &settings, Command &chosen) {
-    auto passwd = std::make_shared<Passwd>();
-    CLI::App *command = group.add_subcommand(
-        "passwd",
-        "Set the registry password of this host's daemon; an empty one removes it. Typed twice, or read once");
-    add_password_file(*command, passwd->password_file);
-    command
-        ->add_option(
-            "--server", passwd->daemon,
-            "the daemon's program, which keeps the password (default: rvzd_server beside veliactl, or on PATH)")
-        ->type_name("FILE");
-    add_common_options(*command, settings);
-    command->footer(examples("veliactl registry passwd\n  veliactl registry passwd < secret"));
-    command->callback(
-        [passwd, &chosen] { chosen = [passwd](const Settings &given) { return set_password(*passwd, given); }; });
 }
 
 } // namespace
 
-void add_registry_admin(CLI::App &group, Settings &settings, Command &chosen) {
-    add_backup(group, settings, chosen);
-    add_check(group, settings, chosen);
-    add_passwd(group, settings, chosen);
-}
+const Commands registry_admin_commands = commands;
 
 } // namespace velia::cli

@@ -1,16 +1,18 @@
 // What the commands about servers share.
 #pragma once
 
-#include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
-#include <cli/commands.h>
+#include <cli/command.h>
 #include <veliaxdr/rvzd_servers.h>
 
 namespace velia::cli {
 
-std::string check_uuid(const std::string &text);
+// Of an option that takes a uuid.
+std::string fault_of_uuid(const std::string &text);
+tbs_uuid_t uuid_of(const std::string &text);
 
 // Which servers of a host are wanted; what is not set takes any.
 struct ServerFilter {
@@ -21,8 +23,7 @@ struct ServerFilter {
     int32_t pid = RVZD_SERVER_ANY;
     std::string transport;
     std::string uuid_text;
-    std::string name;
-    bool has_name = false; // the empty one is a name, too
+    std::optional<std::string> name; // the empty one is a name, too
 };
 
 extern const std::vector<std::string> server_columns;
@@ -43,7 +44,5 @@ std::vector<ServerChange> changes_of(const Servers &before, const Servers &now);
 
 // Lists them again and again and prints what has changed, until the user has enough.
 int watch_servers(const ServerFilter &filter, int interval_s, const Settings &settings);
-
-void add_server_list(CLI::App &group, Settings &settings, Command &chosen);
 
 } // namespace velia::cli

@@ -2,11 +2,10 @@
 #include <cli/server.h>
 
 #include <array>
-#include <iostream>
 #include <memory>
 
 #include <cli/broker.h>
-#include <cli/choices.h>
+#include <cli/commands.h>
 #include <support/imsg.h>
 #include <veliaxdr/rvzd_socket.h>
 
@@ -14,15 +13,71 @@ namespace velia::cli {
 
 namespace {
 
-constexpr const char *footer = R"(Examples:
-  veliactl server list build7
-  veliactl server list build7 --prog 390600 --proto tcp --output table
-  veliactl server list build7 --watch --interval 1
-  veliactl server list build7 --watch --output json | jq -r 'select(.change == "ended").pid'
+struct Arguments {
+    ServerFilter filter;
+    bool watches = false;
+    int32_t interval_s = 2;
+};
 
-With --watch all servers are shown first, as "present", and then what changes: "started", "ended", "changed". A broker
+Options filter_options(ServerFilter &filter) {
+    constexpr Range number = {0, INT32_MAX};
+    return {
+        {.name = "--prog",
+         .type = "NUMBER",
+         .help = "RPC program number, decimal or 0x...",
+         .target = &filter.program,
+         .range = number},
+        {.name = "--vers", .type = "NUMBER", .help = "RPC version number", .target = &filter.version, .range = number},
+        {.name = "--port",
+         .type = "NUMBER",
+         .help = "port that the server listens on",
+         .target = &filter.port,
+         .range = Range{0, UINT16_MAX}},
+        {.name = "--pid", .type = "NUMBER", .help = "process number", .target = &filter.pid, .range = number},
+        {.name = "--proto", .type = "udp|tcp", .help = "transport", .target = &filter.transport, .words = transports},
+        {.name = "--uuid",
+         .type = "UUID",
+         .help = "the server's uuid",
+         .target = &filter.uuid_text,
+         .fault = fault_of_uuid},
+        {.name = "--name",
+         .type = "PATH",
+         .help = "the whole path under which the server is registered",
+         .target = &filter.name},
+    };
+}
+
+Options options_of(Arguments &arguments) {
+    return joined({
+        {{.name = "HOST", .help = "host name", .target = &arguments.filter.host, .is_required = true}},
+        filter_options(arguments.filter),
+        {{.name = "--watch", .help = "go on, and show what changes, until interrupted", .target = &arguments.watches},
+         {.name = "--interval",
+          .type = "SECONDS",
+          .help = "seconds between two looks",
+          .target = &arguments.interval_s,
+          .range = Range{1, 3600},
+          .needs = "--watch",
+          .shows_default = true}},
+    });
+}
+
+int run_list(const Arguments &arguments, const Settings &settings);
+
+constexpr const char *notes =
+    R"(With --watch all servers are shown first, as "present", and then what changes: "started", "ended", "changed". A broker
 that does not answer for a while is told, and asked again. An interrupt (Ctrl-C) ends it with exit status 0.
 )";
+
+constexpr Command commands[] = {
+    {.path = "server list",
+     .help = "List the servers of a host, all or those that pass every filter",
+     .examples = {"veliactl server list build7", "veliactl server list build7 --prog 390600 --proto tcp --output table",
+                  "veliactl server list build7 --watch --interval 1",
+                  "veliactl server list build7 --watch --output json | jq -r 'select(.change == \"ended\").pid'"},
+     .notes = notes,
+     .make = call_of<run_list, options_of>},
+};
 
 constexpr std::array<const char *, 6> states = {"", "starting", "idle", "offered", "busy", "ending"};
 
@@ -65,16 +120,14 @@ public:
 };
 
 tbs_status_t fill(rvzd_handle_t *handle, const ServerFilter &filter, Servers &servers) {
-    tbs_uuid_t uuid = {};
     const bool has_uuid = !filter.uuid_text.empty();
-    if (has_uuid)
-        tbs_str_to_uuid(filter.uuid_text.c_str(), &uuid); // checked with the command line
+    const tbs_uuid_t uuid = uuid_of(filter.uuid_text);
     const int32_t transport =
         filter.transport.empty() ? RVZD_SERVER_ANY : static_cast<int32_t>(protocol_of_name(filter.transport));
     List list;
     const auto status = rvzd_list_matching_servers(handle, filter.program, filter.version, transport, filter.port,
                                                    has_uuid ? &uuid : nullptr, filter.pid,
-                                                   filter.has_name ? filter.name.c_str() : nullptr, &list.head);
+                                                   filter.name ? filter.name->c_str() : nullptr, &list.head);
     if (status != TBS_ST_OK)
         return status;
     for (llist_d_head_t *at = list.head.next; at != &list.head; at = at->next)
@@ -82,12 +135,6 @@ tbs_status_t fill(rvzd_handle_t *handle, const ServerFilter &filter, Servers &se
             cells_of(handle, *static_cast<rvzd_server_entry_elem_t *>(reinterpret_cast<llist_d_elem_t *>(at)->owner)));
     return TBS_ST_OK;
 }
-
-struct Arguments {
-    ServerFilter filter;
-    bool watches = false;
-    int interval_s = 2;
-};
 
 int run_list(const Arguments &arguments, const Settings &settings) {
     if (arguments.watches)
@@ -99,38 +146,8 @@ int run_list(const Arguments &arguments, const Settings &settings) {
     Results results(server_columns);
     for (auto &server : servers)
         results.add(std::move(server));
-    results.print(settings.format, settings.with_headers, std::cout);
+    print(results, settings);
     return exit_done;
-}
-
-void add_filters(CLI::App &command, ServerFilter &filter) {
-    struct Number {
-        const char *name;
-        const char *help;
-        int32_t &value;
-        int32_t most;
-    };
-    const std::array numbers = {
-        Number{"--prog", "RPC program number, decimal or 0x...", filter.program, INT32_MAX},
-        Number{"--vers", "RPC version number", filter.version, INT32_MAX},
-        Number{"--port", "port that the server listens on", filter.port, UINT16_MAX},
-        Number{"--pid", "process number", filter.pid, INT32_MAX},
-    };
-    for (const auto &[name, help, value, most] : numbers)
-        command.add_option(name, value, help)->type_name("NUMBER")->check(CLI::Range(0, most).description(""));
-    command.add_option("--proto", filter.transport, "transport")->type_name("udp|tcp")->check(one_of({"udp", "tcp"}));
-    command.add_option("--uuid", filter.uuid_text, "the server's uuid")
-        ->type_name("UUID")
-        ->check(CLI::Validator(check_uuid, ""));
-    command
-        .add_option_function<std::string>(
-            "--name",
-            [&filter](const std::string &name) {
-                filter.name = name;
-                filter.has_name = true;
-            },
-            "the whole path under which the server is registered")
-        ->type_name("PATH");
 }
 
 } // namespace
@@ -153,22 +170,6 @@ int list_servers(const ServerFilter &filter, const Settings &settings, Servers &
     return exit_failed;
 }
 
-void add_server_list(CLI::App &group, Settings &settings, Command &chosen) {
-    auto arguments = std::make_shared<Arguments>();
-    CLI::App *command = group.add_subcommand("list", "List the servers of a host, all or those that pass every filter");
-    command->add_option("HOST", arguments->filter.host, "host name")->type_name("")->required();
-    add_filters(*command, arguments->filter);
-    CLI::Option *watch =
-        command->add_flag("--watch", arguments->watches, "go on, and show what changes, until interrupted");
-    command->add_option("--interval", arguments->interval_s, "seconds between two looks")
-        ->type_name("SECONDS")
-        ->capture_default_str()
-        ->needs(watch)
-        ->check(CLI::Range(1, 3600).description(""));
-    add_common_options(*command, settings);
-    command->footer(std::string(footer) + "\n" + exit_status_help);
-    command->callback(
-        [arguments, &chosen] { chosen = [arguments](const Settings &given) { return run_list(*arguments, given); }; });
-}
+const Commands server_list_commands = commands;
 
 } // namespace velia::cli

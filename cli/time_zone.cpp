@@ -2,11 +2,10 @@
 #include <cli/time_zone.h>
 
 #include <ctime>
-#include <iostream>
-#include <memory>
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
+#include <cli/commands.h>
 #include <support/imsg.h>
 
 namespace velia::cli {
@@ -15,10 +14,22 @@ namespace {
 
 constexpr int year_base = 1900;
 
-constexpr const char *footer = R"(Examples:
-  veliactl tz 2026
-  TZ=Europe/Berlin veliactl tz 2026 --output json
-)";
+struct Arguments {
+    int32_t year = 0;
+};
+
+Options options_of(Arguments &arguments) {
+    return {year_option(arguments.year)};
+}
+
+int print_own_zone(const Arguments &arguments, const Settings &settings);
+
+constexpr Command commands[] = {
+    {.path = "tz",
+     .help = "Tell the time zone of this process",
+     .examples = {"veliactl tz 2026", "TZ=Europe/Berlin veliactl tz 2026 --output json"},
+     .make = call_of<print_own_zone, options_of>},
+};
 
 Cell date_cell(const clnt_tz_date_t &date, bool is_known) {
     if (!is_known)
@@ -27,7 +38,8 @@ Cell date_cell(const clnt_tz_date_t &date, bool is_known) {
                        date.hour, date.min, date.sec);
 }
 
-int print_own_zone(int32_t year, const Settings &settings) {
+int print_own_zone(const Arguments &arguments, const Settings &settings) {
+    const int32_t year = year_or_current(arguments.year);
     clnt_tz_info_t *info = nullptr;
     const auto status = clnt_tz_get_info(year, &info);
     if (status != CLNT_TZ_OK) {
@@ -48,7 +60,11 @@ void print_zone(const clnt_tz_info_t &info, int32_t year, const Settings &settin
                  knows(CLNT_TZ_DT_NAME) && info.dt_name[0] != '\0' ? Cell(info.dt_name) : Cell(),
                  knows(CLNT_TZ_OFFSET) ? Cell(info.offset) : Cell(), knows(CLNT_TZ_BIAS) ? Cell(info.bias) : Cell(),
                  date_cell(info.dt_trans, knows(CLNT_TZ_DT_TRANS)), date_cell(info.st_trans, knows(CLNT_TZ_ST_TRANS))});
-    results.print(settings.format, settings.with_headers, std::cout);
+    print(results, settings);
+}
+
+Option year_option(int32_t &year) {
+    return {.name = "YEAR", .help = "year of the changes (default: this one)", .target = &year};
 }
 
 int32_t year_or_current(int32_t year) {
@@ -60,15 +76,6 @@ int32_t year_or_current(int32_t year) {
     return parts.tm_year + year_base;
 }
 
-void add_time_zone_command(CLI::App &app, Settings &settings, Command &chosen) {
-    auto year = std::make_shared<int32_t>(0);
-    CLI::App *command = app.add_subcommand("tz", "Tell the time zone of this process");
-    command->add_option("YEAR", *year, "year of the changes (default: this one)")->type_name("");
-    add_common_options(*command, settings);
-    command->footer(std::string(footer) + "\n" + exit_status_help);
-    command->callback([year, &chosen] {
-        chosen = [year](const Settings &given) { return print_own_zone(year_or_current(*year), given); };
-    });
-}
+const Commands time_zone_commands = commands;
 
 } // namespace velia::cli

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <sstream>
 
 #include <gmock/gmock.h>
@@ -12,6 +13,7 @@
 
 #include <cli/commands.h>
 #include <cli/completion.h>
+#include <tests/unit/cli/lines.h>
 
 namespace {
 
@@ -21,24 +23,17 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::IsSupersetOf;
 using testing::UnorderedElementsAre;
+using velia::cli::test::help_of;
 
 using Words = std::vector<std::string>;
-
-// The whole tree, as the program has it.
-struct Tree {
-    CLI::App app{"", "veliactl"};
-    Settings settings;
-    Command chosen;
-    Tree() { add_commands(app, settings, chosen); }
-};
 
 // What the help of a command lists: its own subcommands, and its options in every spelling.
 struct Help {
     Words subcommands;
     Words options;
 
-    explicit Help(const CLI::App &command) {
-        std::istringstream text(command.help());
+    explicit Help(const std::string &help) {
+        std::istringstream text(help);
         bool is_in_subcommands = false;
         for (std::string line; std::getline(text, line);) {
             if (!line.empty() && line.front() != ' ')
@@ -86,9 +81,9 @@ public:
 
     // One shell answers all.
     void ask(std::vector<Query> &queries) const {
-        Tree tree;
+        CommonArguments common;
         const auto driver = folder_ / "driver";
-        std::ofstream(folder_ / "script") << script(words_of_tree(tree.app));
+        std::ofstream(folder_ / "script") << script(words_of_program(whole_program(common)));
         std::string text = prologue(folder_ / "script");
         for (const auto &query : queries)
             text += question(query.words) + "print_end\n";
@@ -194,13 +189,14 @@ using Shells = testing::Types<Bash, Zsh>;
 TYPED_TEST_SUITE(Completion, Shells);
 
 // Every command of the tree, with the words that lead to it.
-void each_command(CLI::App &command, const Words &path, const std::function<void(const Words &, const Help &)> &take) {
-    const Help help(command);
+void each_command(const Program &program, const Words &path,
+                  const std::function<void(const Words &, const Help &)> &take) {
+    const Help help(help_of(program, path));
     take(path, help);
     for (const auto &name : help.subcommands) {
         Words longer = path;
         longer.push_back(name);
-        each_command(*command.get_subcommand(name), longer, take);
+        each_command(program, longer, take);
     }
 }
 
@@ -209,13 +205,21 @@ Words with(Words words, const std::string &last) {
     return words;
 }
 
+Options mood_options(std::string &mood) {
+    return {{.name = "--mood", .type = "MOOD", .help = "a mood", .target = &mood}};
+}
+
+int feel(const std::string & /*mood*/, const Settings & /*settings*/) {
+    return exit_done;
+}
+
 } // namespace
 
 TYPED_TEST(Completion, OffersEveryCommandAndEveryOptionThatTheHelpTellsOf) {
-    Tree tree;
+    CommonArguments common;
     std::vector<Query> queries;
     std::vector<Words> wanted;
-    each_command(tree.app, {}, [&](const Words &path, const Help &help) {
+    each_command(whole_program(common), {}, [&](const Words &path, const Help &help) {
         EXPECT_THAT(help.options, Contains("--help")) << testing::PrintToString(path);
         queries.push_back({with(path, "-")});
         wanted.push_back(help.options);
@@ -265,12 +269,16 @@ TYPED_TEST(Completion, OffersTheOptionsWhereNothingElseIsKnown) {
 }
 
 TEST(CompletionScripts, StandOnNoWordsOfTheirOwn) {
-    CLI::App app("", "veliactl");
-    app.add_subcommand("other", "It's another's: help")->add_option("--mood", "a mood")->expected(1);
-    const auto commands = words_of_tree(app);
+    const Program program = {"veliactl",
+                             "",
+                             "",
+                             {{.path = "other", .help = "It's another's: help", .make = call_of<feel, mood_options>}},
+                             {}};
+    const auto commands = words_of_program(program);
     for (const auto &script : {bash_script(commands), zsh_script(commands)}) {
         EXPECT_THAT(script, testing::HasSubstr("other"));
         EXPECT_THAT(script, testing::Not(testing::HasSubstr("registry")));
     }
+    EXPECT_THAT(zsh_script(commands), testing::HasSubstr("'--mood:a mood'"));
     EXPECT_THAT(zsh_script(commands), testing::HasSubstr(R"('other:It'\''s another'\''s: help')"));
 }

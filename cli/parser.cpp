@@ -1,0 +1,157 @@
+// Rows made into what the parser's library wants. That library is large and its templates dear, so no other file of the
+// program includes it.
+#include <cli/parser.h>
+
+#include <algorithm>
+#include <map>
+
+#include <CLI/CLI.hpp>
+
+namespace velia::cli {
+
+namespace {
+
+constexpr const char *exit_status_help = "Exit status: 0 done, 1 failed, 2 wrong use, 3 peer unreachable.\n"
+                                         "Results go to standard output, messages to standard error.\n";
+
+CLI::Option *add_value(CLI::App &app, const Option &option, bool *value) {
+    return app.add_flag(option.name, *value, option.help);
+}
+
+CLI::Option *add_value(CLI::App &app, const Option &option, std::optional<std::string> *value) {
+    return app
+        .add_option_function<std::string>(
+            option.name, [value](const std::string &text) { *value = text; }, option.help)
+        ->type_name(option.type);
+}
+
+// One value for each time that the option is given, so that what follows is a place again.
+CLI::Option *add_value(CLI::App &app, const Option &option, std::vector<std::string> *values) {
+    CLI::Option *added = app.add_option(option.name, *values, option.help)->type_name(option.type);
+    return option.is_place() ? added : added->allow_extra_args(false);
+}
+
+template <class Value>
+CLI::Option *add_value(CLI::App &app, const Option &option, Value *value) {
+    CLI::Option *added = app.add_option(option.name, *value, option.help)->type_name(option.type);
+    if constexpr (std::is_integral_v<Value>)
+        if (option.range)
+            added->check(CLI::Range(static_cast<Value>(option.range->least), static_cast<Value>(option.range->most))
+                             .description(""));
+    return added;
+}
+
+std::string fault_of_words(const std::string &value, Choices words) {
+    if (std::find(words.begin(), words.end(), value) != words.end())
+        return "";
+    std::string all;
+    for (const char *word : words)
+        all += (all.empty() ? "" : ", ") + std::string(word);
+    return "'" + value + "' is none of " + all;
+}
+
+void add_checks(CLI::Option &added, const Option &option) {
+    if (option.fault != nullptr)
+        added.check(CLI::Validator([fault = option.fault](std::string &value) { return fault(value); }, ""));
+    else if (!option.words.empty())
+        added.check(
+            CLI::Validator([words = option.words](std::string &value) { return fault_of_words(value, words); }, ""));
+}
+
+void add_option(CLI::App &app, const Option &option) {
+    CLI::Option *added = std::visit([&](auto *value) { return add_value(app, option, value); }, option.target);
+    add_checks(*added, option);
+    added->required(option.is_required);
+    if (option.shows_default)
+        added->capture_default_str();
+}
+
+// The group of that name in the command, made with its first option.
+CLI::App &group_of(CLI::App &command, std::map<std::string, CLI::App *> &groups, const char *name) {
+    CLI::App *&group = groups[name];
+    if (group == nullptr) {
+        group = command.add_option_group(name, "one of");
+        group->require_option(1);
+    }
+    return *group;
+}
+
+void add_options(CLI::App &command, const Options &options) {
+    std::map<std::string, CLI::App *> groups;
+    for (const auto &option : options)
+        add_option(option.one_of != nullptr ? group_of(command, groups, option.one_of) : command, option);
+    for (const auto &option : options)
+        if (option.needs != nullptr)
+            command.get_option(option.name)->needs(command.get_option(option.needs));
+}
+
+std::string foot_of(const Command &row) {
+    std::string foot;
+    for (const char *example : row.examples)
+        if (example != nullptr)
+            foot += "  " + std::string(example) + "\n";
+    if (foot.empty())
+        return exit_status_help;
+    const std::string notes = *row.notes != '\0' ? std::string("\n") + row.notes : "";
+    return "Examples:\n" + foot + notes + "\n" + exit_status_help;
+}
+
+// Below the group that its path leads to, which stands there by now.
+CLI::App &add_subcommand(CLI::App &program, const Command &row) {
+    const auto [group_name, name] = group_and_name(row);
+    CLI::App *group = group_name.empty() ? &program : program.get_subcommand(group_name);
+    CLI::App *command = group->add_subcommand(name, row.help);
+    command->footer(foot_of(row));
+    return *command;
+}
+
+// The library's tree of one program, whose leaves have a call each.
+class Tree {
+public:
+    explicit Tree(const Program &program) : app_(program.help, program.name) {
+        app_.set_help_flag(help_option.name, help_option.help);
+        app_.set_version_flag(version_option.name, program.version, version_option.help);
+        app_.require_subcommand(1);
+        app_.footer(exit_status_help);
+        for (const auto &row : program.commands)
+            add(row, program.common);
+    }
+
+    Line parse(std::vector<std::string> words, std::ostream &out, std::ostream &errors) {
+        std::reverse(words.begin(), words.end()); // as the library wants them
+        try {
+            app_.parse(std::move(words));
+        } catch (const CLI::ParseError &error) {
+            // A wrong use has one exit status, whatever the library calls it; asking for help is none.
+            const int status = app_.exit(error, out, errors);
+            return {nullptr, status == 0 ? exit_done : exit_usage};
+        }
+        return {std::move(calls_[chosen_]), exit_done};
+    }
+
+private:
+    void add(const Command &row, const Options &common) {
+        CLI::App &command = add_subcommand(app_, row);
+        if (row.make == nullptr) {
+            command.require_subcommand(1);
+            return;
+        }
+        calls_.push_back(row.make());
+        add_options(command, calls_.back()->options());
+        if (row.has_common_options)
+            add_options(command, common);
+        command.callback([this, index = calls_.size() - 1] { chosen_ = index; });
+    }
+
+    CLI::App app_;
+    std::vector<std::unique_ptr<Call>> calls_;
+    size_t chosen_ = 0;
+};
+
+} // namespace
+
+Line parse(const Program &program, const std::vector<std::string> &words, std::ostream &out, std::ostream &errors) {
+    return Tree(program).parse(words, out, errors);
+}
+
+} // namespace velia::cli

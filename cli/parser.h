@@ -1,0 +1,34 @@
+// A command line taken apart by the rows of the commands. What stands behind this is the one place that knows the
+// parser's library.
+#pragma once
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include <cli/command.h>
+
+namespace velia::cli {
+
+// What the parser answers by itself: the first of every command, the other of the program.
+inline constexpr Option help_option = {.name = "-h,--help", .help = "Print this help message and exit"};
+inline constexpr Option version_option = {.name = "--version", .help = "Display program version information and exit"};
+
+struct Program {
+    const char *name = "";
+    const char *help = "";
+    std::string version;
+    std::vector<Command> commands;
+    Options common; // of every command that has them
+};
+
+// What becomes of a line.
+struct Line {
+    std::unique_ptr<Call> call; // to be run; null if all has been said
+    int status = exit_done;     // then
+};
+
+// The words behind the program's name. Help goes to `out`, what is wrong with the line to `errors`.
+Line parse(const Program &program, const std::vector<std::string> &words, std::ostream &out, std::ostream &errors);
+
+} // namespace velia::cli
