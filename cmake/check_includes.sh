@@ -13,6 +13,17 @@ refuse() { # folder, forbidden include pattern, why, headers that may be include
     fi
 }
 
+only() { # include pattern, why, the files that may
+    local pattern=$1 why=$2 hits
+    shift 2
+    hits=$(grep -rlE "^#include <($pattern)" include lib support server cli samples tests bench fuzz |
+        grep -vxF "$(printf '%s\n' "$@")" || true)
+    if [ -n "$hits" ]; then
+        printf '<%s>: %s\n%s\n' "$pattern" "$why" "$hits" >&2
+        failed=1
+    fi
+}
+
 # The foundation stands below all and uses only the C library.
 foundation='common/(text_file|text_cursor)\.h'
 foundation_files='lib/common/text_file.h lib/common/text_file.cpp lib/common/text_cursor.h'
@@ -31,6 +42,10 @@ refuse server '(common|rvzd|lib|cli|tests)/' 'the daemon uses the public headers
     "$foundation|common/require\.h"
 refuse cli '(common|rvzd|lib|server|tests)/' 'the tool uses the public headers, as any outsider would'
 refuse samples '(common|rvzd|lib|server|cli|tests)/' 'samples use the public headers, as any outsider would'
+
+dear='a file that includes it takes ten seconds to compile'
+only CLI/ "$dear" cli/parser.cpp server/daemon/command_line.cpp
+only nlohmann/ "$dear" cli/output.cpp tests/system/support/json.cpp
 
 [ "$failed" -eq 0 ] && echo "Directions of includes are as they should be."
 exit "$failed"
