@@ -135,10 +135,10 @@ bool has_waiting_datagram(uint16_t port) {
 // The program of the first server of which this change is told; 0 for none, and for a line that is no object.
 uint32_t first_program_that(const Objects &told, const std::string &change) {
     for (const auto &object : told) {
-        if (!object.is_object() || !object.contains("time"))
+        if (!object.is_object() || !object["time"].is_valid())
             return 0;
         if (object["change"] == change)
-            return object["prog"];
+            return static_cast<uint32_t>(object["prog"].number());
     }
     return 0;
 }
@@ -156,7 +156,7 @@ TEST_F(VeliactlList, TellsAllOfAServer) {
     EXPECT_EQ(found[0]["prog"], second_program);
     EXPECT_EQ(found[0]["vers"], 1);
     EXPECT_EQ(found[0]["proto"], "udp");
-    EXPECT_THAT(found[0]["address"].get<std::string>(), StartsWith("127.0.0.1:"));
+    EXPECT_THAT(found[0]["address"].text(), StartsWith("127.0.0.1:"));
     EXPECT_EQ(found[0]["state"], "offered");
     EXPECT_EQ(found[0]["pid"], daemon->started().at(0));
     EXPECT_EQ(found[0]["uuid"], "00000000-0000-0000-0000-000000000000");
@@ -167,7 +167,7 @@ TEST_F(VeliactlList, PassesThroughEachFilter) {
     start_server(second_program);
     const auto all = list();
     ASSERT_EQ(all.size(), 3u);
-    const std::string address = all[0]["address"];
+    const std::string address = all[0]["address"].text();
     const std::string port = address.substr(address.rfind(':') + 1);
     const struct {
         Words filter;

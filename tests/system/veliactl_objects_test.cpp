@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 using namespace velia::system_test;
-using nlohmann::json;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -47,7 +46,7 @@ struct VeliactlPassword : VeliactlTest {
         Words words = {"registry", "check", "--password-file", site.path("tried")};
         words.insert(words.end(), what.begin(), what.end());
         const auto answer = objects(words, status);
-        return answer.empty() ? "" : answer[0]["access"].get<std::string>();
+        return answer.empty() ? "" : answer[0]["access"].text();
     }
 };
 
@@ -133,11 +132,11 @@ struct VeliactlRole : VeliactlTest {
 
 TEST_F(VeliactlObjects, AViewThatIsAddedIsListed) {
     const auto added = objects(view(uuid, {"--owner", "lab/ann", "--attribute", "snapshot", "--attribute", "ucm=no"}));
-    EXPECT_EQ(added, (Objects{{{"action", "added"},
-                               {"object", "view"},
-                               {"uuid", uuid},
-                               {"hostname", "build7"},
-                               {"path", "/views/a.vws"}}}));
+    EXPECT_EQ(added, (Objects{Json::object({{"action", "added"},
+                                            {"object", "view"},
+                                            {"uuid", uuid},
+                                            {"hostname", "build7"},
+                                            {"path", "/views/a.vws"}})}));
     const auto listed = objects({"view", "list"});
     ASSERT_THAT(listed, SizeIs(1));
     EXPECT_EQ(listed[0]["uuid"], uuid);
@@ -203,10 +202,10 @@ TEST_F(VeliactlObjects, BackupHostsAreShownSetAndCleared) {
         words.insert(words.end(), further.begin(), further.end());
         return objects(words).at(0)["backup"];
     };
-    EXPECT_EQ(backup({}), json::array());
-    EXPECT_EQ(backup({"beta,six"}), (json{"beta", "six"}));
-    EXPECT_EQ(backup({}), (json{"beta", "six"}));
-    EXPECT_EQ(backup({""}), json::array());
+    EXPECT_EQ(backup({}), Json::list({}));
+    EXPECT_EQ(backup({"beta,six"}), Json::list({"beta", "six"}));
+    EXPECT_EQ(backup({}), Json::list({"beta", "six"}));
+    EXPECT_EQ(backup({""}), Json::list({}));
     EXPECT_EQ(veliactl({"registry", "backup", std::string(513, 'h')}).status, WRONG_USE);
 }
 
@@ -315,7 +314,8 @@ TEST_F(VeliactlRole, AStandbyIsPromotedFromAClient) {
     ASSERT_TRUE(has_copy());
     daemon->signal(SIGKILL);
     daemon->wait();
-    EXPECT_EQ(objects({"registry", "promote", "beta"}), (Objects{{{"host", "beta"}, {"role", "master"}}}));
+    EXPECT_EQ(objects({"registry", "promote", "beta"}),
+              (Objects{Json::object({{"host", "beta"}, {"role", "master"}})}));
     EXPECT_EQ(objects({"registry", "hosts"})[0]["master"], "beta");
     EXPECT_EQ(objects({"registry", "role"}, DONE, on_beta())[0]["role"], "master");
     EXPECT_EQ(veliactl({"registry", "add", "regions", "name=west"}).status, DONE);
@@ -327,10 +327,10 @@ TEST_F(VeliactlRole, AStandbyPromotesItselfAndStepsDownAgain) {
     ASSERT_TRUE(has_copy());
     const auto promoted = veliactl({"registry", "promote", "-o", "json"}, on_beta());
     EXPECT_EQ(promoted.status, DONE) << promoted.errors;
-    EXPECT_EQ(objects_of(promoted.output), (Objects{{{"host", "beta"}, {"role", "master"}}}));
+    EXPECT_EQ(objects_of(promoted.output), (Objects{Json::object({{"host", "beta"}, {"role", "master"}})}));
     const auto demoted = veliactl({"registry", "demote", "--to", "backup", "-o", "json"}, on_beta());
     EXPECT_EQ(demoted.status, DONE) << demoted.errors;
-    EXPECT_EQ(objects_of(demoted.output), (Objects{{{"host", "beta"}, {"role", "backup"}}}));
+    EXPECT_EQ(objects_of(demoted.output), (Objects{Json::object({{"host", "beta"}, {"role", "backup"}})}));
     EXPECT_EQ(objects({"registry", "role"}, DONE, on_beta())[0]["role"], "backup");
 }
 

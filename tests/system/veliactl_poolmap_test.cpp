@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 
 using namespace velia::system_test;
-using nlohmann::json;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -15,9 +14,10 @@ namespace {
 using VeliactlPoolMap = VeliactlTest;
 using VeliactlCompletion = VeliactlTest;
 
-json pair_object(int pair, const std::string &prefix, const std::string &target, const json &pathname,
-                 const json &poolname) {
-    return {{"pair", pair}, {"prefix", prefix}, {"target", target}, {"pathname", pathname}, {"poolname", poolname}};
+Json pair_object(int pair, const std::string &prefix, const std::string &target, const Json &pathname,
+                 const Json &poolname) {
+    return Json::object(
+        {{"pair", pair}, {"prefix", prefix}, {"target", target}, {"pathname", pathname}, {"poolname", poolname}});
 }
 
 } // namespace

@@ -78,9 +78,9 @@ TEST_F(VeliactlRegistry, ARegistryThatDoesNotAnswerIsTold) {
 
 TEST_F(VeliactlRegistry, ThisHostIsTurnedToAnotherMasterAndBackup) {
     auto hosts = objects({"registry", "hosts", "--master", "beta"});
-    EXPECT_EQ(hosts[0], (nlohmann::json{{"master", "beta"}, {"backup", ""}}));
+    EXPECT_EQ(hosts[0], Json::object({{"master", "beta"}, {"backup", ""}}));
     hosts = objects({"registry", "hosts", "--backup", "six", "--master", "alpha"});
-    EXPECT_EQ(hosts[0], (nlohmann::json{{"master", "alpha"}, {"backup", "six"}}));
+    EXPECT_EQ(hosts[0], Json::object({{"master", "alpha"}, {"backup", "six"}}));
     EXPECT_EQ(site.read("host/config/rgy_hosts.conf"), "alpha\nsix\n");
     const auto refused = veliactl({"registry", "hosts", "--master", std::string(64, 'h')});
     EXPECT_EQ(refused.status, FAILED);

@@ -5,20 +5,19 @@
 
 #include <gtest/gtest.h>
 
-#include <nlohmann/json.hpp>
-
 #include <tests/system/support/daemon.h>
+#include <tests/system/support/json.h>
 
 namespace velia::system_test {
 
 using Words = std::vector<std::string>;
-using Objects = std::vector<nlohmann::json>;
+using Objects = std::vector<Json>;
 
 inline Objects objects_of(const std::string &output) {
     Objects objects;
     std::istringstream lines(output);
     for (std::string line; std::getline(lines, line);)
-        objects.push_back(nlohmann::json::parse(line, nullptr, false));
+        objects.push_back(Json::parse(line));
     return objects;
 }
 
