@@ -123,8 +123,12 @@ struct VeliactlRole : VeliactlTest {
         ASSERT_TRUE(standby->is_ready()) << standby->output();
     }
     Words on_beta() const { return {"VELIA_ROOT=" + site.path("beta"), "VELIA_HOSTNAME=beta"}; }
+    // Until it has one, the standby serves none, and says so.
     bool has_copy() const {
-        return eventually([&] { return objects({"registry", "list", "regions", "--host", "beta"}).size() == 1; });
+        return eventually([&] {
+            const auto listed = veliactl({"registry", "list", "regions", "--host", "beta", "--output", "json"});
+            return objects_of(listed.output).size() == 1;
+        });
     }
 };
 
