@@ -7,7 +7,7 @@
  *     tbs_status_t status = tbs_product_config_dir(path, "hosts.conf");
  *     if (status != TBS_ST_OK)
  *         imsg_print(IMSG_ERROR, &_tbs_cmsg_tbs_msg_table, TBS_MSG_OPERATION_FAILED, "config dir",
- * tbs_strerror(status));
+ *                    tbs_strerror(status));
  *
  * An installation lives below one root directory, VELIA_ROOT or else /var/lib/velia: config/ is shared by the site,
  * host/config, host/priv and host/data are this host's, log/ is for logs. All operations may be called from any thread.
