@@ -13,22 +13,26 @@ void require_ok(int code, const char *what) {
 }
 
 template <class State>
-void close_state(State *state) {
-    state->function = nullptr;
+void close(State *state) {
     state->handle.data = state;
     uv_close(reinterpret_cast<uv_handle_t *>(&state->handle),
              [](uv_handle_t *handle) { delete static_cast<State *>(handle->data); });
+}
+
+template <class State>
+void close_state(State *state) {
+    state->function = nullptr;
+    close(state);
 }
 
 } // namespace
 
 struct PollHandle::State {
     uv_poll_t handle;
-    std::function<void(int)> function;
+    EventTarget target;
 };
 
-PollHandle::PollHandle(uv_loop_t *loop, int fd, std::function<void(int)> on_event)
-    : state_(new State{{}, std::move(on_event)}) {
+PollHandle::PollHandle(uv_loop_t *loop, int fd, EventTarget target) : state_(new State{{}, target}) {
     const int code = uv_poll_init(loop, &state_->handle, fd);
     if (code != 0) {
         delete state_;
@@ -38,7 +42,8 @@ PollHandle::PollHandle(uv_loop_t *loop, int fd, std::function<void(int)> on_even
 }
 
 PollHandle::~PollHandle() {
-    close_state(state_);
+    state_->target = {};
+    close(state_);
 }
 
 void PollHandle::watch(int events) {
@@ -48,9 +53,8 @@ void PollHandle::watch(int events) {
     }
     uv_poll_start(&state_->handle, events, [](uv_poll_t *handle, int status, int ready) {
         auto *state = static_cast<State *>(handle->data);
-        // The function may end its own owner, and with it the one in the record.
-        if (const auto function = state->function)
-            function(status < 0 ? UV_READABLE : ready);
+        if (state->target.call != nullptr)
+            state->target.call(state->target.owner, status < 0 ? UV_READABLE : ready);
     });
 }
 

@@ -8,10 +8,28 @@
 
 namespace velia::server {
 
+// Whom the events of a descriptor are for: a member function that takes them, or nothing. It is on the road of every
+// call, and so no more than two pointers.
+struct EventTarget {
+    void *owner;
+    void (*call)(void *owner, int events);
+};
+
+template <auto member, class Owner>
+EventTarget event_target(Owner &owner) {
+    return {&owner, [](void *object, int events) {
+                auto *receiver = static_cast<Owner *>(object);
+                if constexpr (requires { (receiver->*member)(events); })
+                    (receiver->*member)(events);
+                else
+                    (receiver->*member)();
+            }};
+}
+
 // Watches a descriptor, which has to outlive it.
 class PollHandle {
 public:
-    PollHandle(uv_loop_t *loop, int fd, std::function<void(int events)> on_event);
+    PollHandle(uv_loop_t *loop, int fd, EventTarget target);
     ~PollHandle();
     PollHandle(const PollHandle &) = delete;
     PollHandle &operator=(const PollHandle &) = delete;

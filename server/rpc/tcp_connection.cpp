@@ -20,7 +20,7 @@ TcpConnection::TcpConnection(uv_loop_t *loop, UniqueFd fd, const Caller &caller,
                              std::function<void()> on_end)
     : fd_(std::move(fd)), caller_(caller), dispatcher_(dispatcher), on_end_(std::move(on_end)),
       request_begun_ms_(monotonic_ms()), active_ms_(request_begun_ms_),
-      poll_(loop, fd_.get(), [this](int events) { on_ready(events); }) {}
+      poll_(loop, fd_.get(), event_target<&TcpConnection::on_ready>(*this)) {}
 
 void TcpConnection::begin() {
     watch();

@@ -22,7 +22,7 @@ constexpr int rank_kept = 3; // peers of this rank and above are not dropped for
 
 TcpEndpoint::TcpEndpoint(uv_loop_t *loop, UniqueFd fd, const Dispatcher &dispatcher, const ConnectionLimits &limits)
     : loop_(loop), fd_(std::move(fd)), dispatcher_(dispatcher), limits_(limits),
-      poll_(loop, fd_.get(), [this](int) { accept_some(); }), sweep_timer_(loop, [this] { sweep(); }) {
+      poll_(loop, fd_.get(), event_target<&TcpEndpoint::accept_some>(*this)), sweep_timer_(loop, [this] { sweep(); }) {
     poll_.watch(UV_READABLE);
 }
 

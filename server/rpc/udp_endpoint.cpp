@@ -79,7 +79,7 @@ struct UdpEndpoint::Channel {
 
 UdpEndpoint::UdpEndpoint(uv_loop_t *loop, UniqueFd fd, const Dispatcher &dispatcher)
     : channel_(std::make_shared<Channel>(Channel{std::move(fd), {}})), dispatcher_(dispatcher),
-      poll_(loop, channel_->fd.get(), [this](int) { receive(); }) {
+      poll_(loop, channel_->fd.get(), event_target<&UdpEndpoint::receive>(*this)) {
     poll_.watch(UV_READABLE);
 }
 

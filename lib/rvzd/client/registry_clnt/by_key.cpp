@@ -46,17 +46,10 @@ struct Results {
 
     static bool tell_if_failed(const char *operation, tbs_status_t status) {
         if (status != TBS_ST_OK)
-            tell_failed(operation, status);
+            print_failed(operation, status);
         return status == TBS_ST_OK;
     }
 };
-
-// Runs `body` with results that are given back behind it, or when a raise lands.
-template <int64_t Slots, class Body>
-tbs_status_t with_results(Body &&body) {
-    Results<Slots> results;
-    return with_release([&]() -> tbs_status_t { return body(results); }, [&] { results.give_back(); });
-}
 
 struct Output {
     uint32_t item;
@@ -74,7 +67,7 @@ tbs_status_t copy_outputs(const rgy_entry_t *entry, const Output (&outputs)[Coun
         const auto status = rgy_getstring_from_entry(entry, output.item, output.size, output.buffer);
         if (status == TBS_ST_OK)
             continue;
-        tell_failed("rgy_getstring_from_entry", status);
+        print_failed("rgy_getstring_from_entry", status);
         return status;
     }
     return TBS_ST_OK;
@@ -84,17 +77,20 @@ tbs_status_t copy_outputs(const rgy_entry_t *entry, const Output (&outputs)[Coun
 // failure under the name of the search by uuid, which is kept.
 template <class StatusOfFailure, class Use>
 tbs_status_t use_one_entry(const Search &search, StatusOfFailure &&status_of_failure, Use &&use) {
-    return with_results<1>([&](Results<1> &results) -> tbs_status_t {
-        int64_t count = 0;
-        const auto status = search(results.cursor, 1, results.entries, count);
-        if (status != TBS_ST_OK) {
-            tell_failed("rgy_findbyuuid_entry", status);
-            return status_of_failure(status);
-        }
-        if (results.cursor == nullptr || results.entries[0] == nullptr)
-            return TBS_ST_NOT_FOUND;
-        return use(results.entries[0]);
-    });
+    Results<1> results;
+    return with_release(
+        [&]() -> tbs_status_t {
+            int64_t count = 0;
+            const auto status = search(results.cursor, 1, results.entries, count);
+            if (status != TBS_ST_OK) {
+                print_failed("rgy_findbyuuid_entry", status);
+                return status_of_failure(status);
+            }
+            if (results.cursor == nullptr || results.entries[0] == nullptr)
+                return TBS_ST_NOT_FOUND;
+            return use(results.entries[0]);
+        },
+        [&] { results.give_back(); });
 }
 
 constexpr int64_t ambiguous_count = 2;
@@ -105,7 +101,7 @@ tbs_status_t find_up_to_two(const Search &search, Results<ambiguous_count> &resu
         int64_t count = 0;
         const auto status = search(results.cursor, 1, &results.entries[found], count);
         if (status != TBS_ST_OK) {
-            tell_failed(search.name(), status);
+            print_failed(search.name(), status);
             return TBS_ST_ERROR;
         }
         if (results.cursor == nullptr)
@@ -120,7 +116,7 @@ tbs_status_t find_two_at_once(const Search &search, Results<ambiguous_count> &re
     int64_t count = 0;
     const auto status = search(results.cursor, ambiguous_count, results.entries, count);
     if (status != TBS_ST_OK) {
-        tell_failed(search.name(), status);
+        print_failed(search.name(), status);
         return TBS_ST_ERROR;
     }
     found = count;
@@ -133,10 +129,13 @@ using FindTwo = tbs_status_t (*)(const Search &, Results<ambiguous_count> &, int
 template <class Read>
 tbs_status_t read_value(const Search &search, FindTwo find, int32_t *ambiguous, Read &&read) {
     int64_t found = 0;
-    const auto status = with_results<ambiguous_count>([&](Results<ambiguous_count> &results) {
-        const auto search_status = find(search, results, found);
-        return search_status == TBS_ST_OK ? read(results.entries[0]) : search_status;
-    });
+    Results<ambiguous_count> results;
+    const auto status = with_release(
+        [&] {
+            const auto search_status = find(search, results, found);
+            return search_status == TBS_ST_OK ? read(results.entries[0]) : search_status;
+        },
+        [&] { results.give_back(); });
     if (ambiguous != nullptr)
         *ambiguous = found >= ambiguous_count ? 1 : 0;
     return status;
@@ -148,36 +147,39 @@ tbs_status_t remove_batch(rgy_db_t db, rgy_entry_t **entries, int64_t count) {
     for (int64_t i = 0; i < count; ++i) {
         auto status = rgy_remove_entry(db, entries[i]);
         if (status != TBS_ST_OK) {
-            tell_failed("rgy_remove_entry", status);
+            print_failed("rgy_remove_entry", status);
             return status;
         }
         status = rgy_delete_entry(&entries[i]);
         if (status != TBS_ST_OK) {
-            tell_failed("rgy_delete_entry", status);
+            print_failed("rgy_delete_entry", status);
             return status;
         }
     }
     return TBS_ST_OK;
 }
 
-tbs_status_t remove_found(const Search &search) {
-    return with_results<removal_batch>([&](Results<removal_batch> &results) -> tbs_status_t {
-        bool is_any_removed = false;
-        for (;;) {
-            int64_t count = 0;
-            auto status = search(results.cursor, removal_batch, results.entries, count);
-            if (status != TBS_ST_OK) {
-                tell_failed(search.name(), status);
-                return status;
-            }
-            if (results.cursor == nullptr)
-                return is_any_removed ? TBS_ST_OK : TBS_ST_NOT_FOUND;
-            status = remove_batch(search.db, results.entries, count);
-            if (status != TBS_ST_OK)
-                return status;
-            is_any_removed = is_any_removed || count > 0;
+tbs_status_t remove_batches(const Search &search, Results<removal_batch> &results) {
+    bool is_any_removed = false;
+    for (;;) {
+        int64_t count = 0;
+        auto status = search(results.cursor, removal_batch, results.entries, count);
+        if (status != TBS_ST_OK) {
+            print_failed(search.name(), status);
+            return status;
         }
-    });
+        if (results.cursor == nullptr)
+            return is_any_removed ? TBS_ST_OK : TBS_ST_NOT_FOUND;
+        status = remove_batch(search.db, results.entries, count);
+        if (status != TBS_ST_OK)
+            return status;
+        is_any_removed = is_any_removed || count > 0;
+    }
+}
+
+tbs_status_t remove_found(const Search &search) {
+    Results<removal_batch> results;
+    return with_release([&] { return remove_batches(search, results); }, [&] { results.give_back(); });
 }
 
 } // namespace

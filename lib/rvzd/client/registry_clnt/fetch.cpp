@@ -121,7 +121,7 @@ void delete_entries(rgy_entry_t **entries, int64_t count) {
         const auto status = rgy_delete_entry(&entries[--count]);
         if (status == TBS_ST_OK)
             continue;
-        tell_failed("rgy_delete_entry", status);
+        print_failed("rgy_delete_entry", status);
         return;
     }
 }
@@ -238,7 +238,7 @@ tbs_status_t ask_server(const Fetch &fetch, Binding binding, Batch &batch) {
 tbs_status_t status_of_trouble(const Fetch &fetch, tbs_status_t status) {
     if (fetch.question.by == Question::By::pattern && status == TBS_ST_UNSUPPORTED)
         return status;
-    tell_trouble_contacting(fetch.at().host, status);
+    print_trouble_contacting(fetch.at().host, status);
     return TBS_ST_ERROR;
 }
 
@@ -287,10 +287,8 @@ tbs_status_t fetch_entries(const Fetch &fetch, rgy_entry_t **entries) {
         give_up_list(fetch, batch);
         delete_entries(entries, batch.made);
     };
-    return with_binding(
-               fetch.at().host, anonymous, fetch.db,
-               [&](Binding &binding) { return take_batch(fetch, binding, batch); }, [&] { with_inhibit(take_back); })
-        .status;
+    const auto take = [&](Binding &binding) { return take_batch(fetch, binding, batch); };
+    return with_binding({fetch.at().host, anonymous, fetch.db}, take, [&] { with_inhibit(take_back); }).status;
 }
 
 } // namespace
@@ -344,7 +342,7 @@ tbs_status_t rgy_get_entry_unexpanded(rgy_db_t db, const char *host, const char 
     const auto begun = begin_fetch(fetch, is_over);
     if (is_over)
         return begun;
-    const auto [is_bound, status] = with_binding(fetch.at().host, anonymous, db, [&](Binding binding) {
+    const auto [is_bound, status] = with_binding({fetch.at().host, anonymous, db}, [&](Binding binding) {
         return call_proxy(fetch, rgy_rvzd_handle(binding), elist, count);
     });
     if (status == TBS_ST_OK)

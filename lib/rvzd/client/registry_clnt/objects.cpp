@@ -114,12 +114,6 @@ Try fill(const Object &object, rgy_entry_t &entry) {
     return result.status == TBS_ST_OK ? set_attributes(object, entry) : result;
 }
 
-// Anything but a found entry lets the add go on: if the registry is out of reach, the add tells so.
-bool stands_already(const Object &object) {
-    return rgy_getinfo_by_uuid(object.db, object.host, object.region, object.key_item, object.key_uuid, 0, nullptr, 0,
-                               nullptr, 0, nullptr, 0, nullptr) == TBS_ST_OK;
-}
-
 Try try_once(const Object &object, rgy_entry_t *&entry) {
     const auto created = rgy_create_entry(object.db, object.host, &entry);
     if (created != TBS_ST_OK)
@@ -127,7 +121,10 @@ Try try_once(const Object &object, rgy_entry_t *&entry) {
     const auto filled = fill(object, *entry);
     if (filled.status != TBS_ST_OK)
         return filled;
-    if (stands_already(object))
+    // Anything but a found entry lets the add go on: if the registry is out of reach, the add tells so.
+    const auto found = rgy_getinfo_by_uuid(object.db, object.host, object.region, object.key_item, object.key_uuid, 0,
+                                           nullptr, 0, nullptr, 0, nullptr, 0, nullptr);
+    if (found == TBS_ST_OK)
         return {TBS_ST_ALREADY_EXISTS, nullptr};
     const auto added = rgy_add_entry(object.db, entry);
     return added == TBS_ST_OK ? done : Try{added, "rgy_add_entry"};
@@ -137,7 +134,7 @@ Try try_once(const Object &object, rgy_entry_t *&entry) {
 void drop_stale(rgy_entry_t *&entry) {
     const auto status = rgy_delete_entry(&entry);
     if (status != TBS_ST_OK)
-        tell_failed("rgy_delete_entry", status);
+        print_failed("rgy_delete_entry", status);
 }
 
 Try try_until_not_stale(const Object &object, rgy_entry_t *&entry) {
@@ -165,7 +162,7 @@ tbs_status_t add_object(const Object &object) {
             const auto result = with_lock(
                 cache_lock, [&] { return try_until_not_stale(object, entry); }, nothing);
             if (result.step != nullptr)
-                tell_failed(result.step, result.status);
+                print_failed(result.step, result.status);
             return result.status;
         },
         give_back);

@@ -17,7 +17,7 @@ inline constexpr char source_file[] = "registry_clnt";
 inline constexpr char white_space[] = " \t\n\v\f\r";
 
 // Says that an operation failed, in the support layer's words.
-inline void tell_failed(const char *operation, tbs_status_t status) {
+inline void print_failed(const char *operation, tbs_status_t status) {
     imsg_print_shared(IMSG_ERROR, subsystem, &_tbs_cmsg_tbs_msg_table, TBS_MSG_OPERATION_FAILED, operation,
                       tbs_strerror(status));
 }

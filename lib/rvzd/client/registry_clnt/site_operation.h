@@ -34,7 +34,7 @@ inline bool is_denial(tbs_status_t status) {
 inline tbs_status_t result_of(Failure failure, const char *host, tbs_status_t status) {
     if (failure == Failure::passed_on || (failure == Failure::told_but_denials && is_denial(status)))
         return status;
-    tell_trouble_contacting(host, status);
+    print_trouble_contacting(host, status);
     return TBS_ST_ERROR;
 }
 
@@ -44,7 +44,6 @@ inline tbs_status_t result_of(Failure failure, const char *host, tbs_status_t st
 template <class Call, class Take, class Undo>
 tbs_status_t ask_site(const SiteOperation &operation, const char *host, rgy_db_t db, Call &&call, Take &&take,
                       Undo &&undo) {
-    const auto bind = [&](Binding &binding) { return bind_with_fail_over(host, binding, operation.authenticated, db); };
     const auto ask = [&](Binding &binding) -> tbs_status_t {
         const tbs_status_t answer = call(rgy_rvzd_handle(binding));
         const char *bound_host = slot_of(binding).host;
@@ -54,7 +53,7 @@ tbs_status_t ask_site(const SiteOperation &operation, const char *host, rgy_db_t
             binding = {};
         return result;
     };
-    const auto [is_bound, status] = with_bound(bind, ask, undo);
+    const auto [is_bound, status] = with_binding({host, operation.authenticated, db, true}, ask, undo);
     return is_bound || status == TBS_ST_OK ? status : result_of(operation.failed_bind, name_of(host), status);
 }
 

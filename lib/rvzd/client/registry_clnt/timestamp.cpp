@@ -80,9 +80,9 @@ tbs_status_t rgy_check_timestamp(rgy_db_t db, const char *host, rgy_timestamp_t 
             flush_for_change(binding, db);
         return answer;
     };
-    const auto status = with_binding(stamp->host, anonymous, db, ask).status;
+    const auto status = with_binding({stamp->host, anonymous, db}, ask).status;
     if (status != TBS_ST_OK) {
-        tell_trouble_contacting(stamp->host, status);
+        print_trouble_contacting(stamp->host, status);
         return TBS_ST_ERROR;
     }
     stamps.host = stamp->host;

@@ -19,16 +19,16 @@ tbs_status_t status_of_add(const rgy_entry_t &entry, tbs_status_t status) {
     case TBS_ST_STALE_ID:
         return status;
     case TBS_ST_NO_ACCESS:
-        tell_failed("rgy_add_entry", status);
+        print_failed("rgy_add_entry", status);
         return status;
     default:
-        tell_trouble_contacting(entry.host, status);
+        print_trouble_contacting(entry.host, status);
         return TBS_ST_ERROR;
     }
 }
 
 tbs_status_t send_add(rgy_db_t db, const rgy_entry_t &entry, const char *text) {
-    const auto [is_bound, status] = with_binding(entry.host, real, db, [&](Binding binding) {
+    const auto [is_bound, status] = with_binding({entry.host, real, db}, [&](Binding binding) {
         return rvzd_rgy_add_entry(rgy_rvzd_handle(binding), db, RGY_PROTOCOL_VERSION, &entry.dtm, text);
     });
     return is_bound ? status_of_add(entry, status) : status;
@@ -56,11 +56,11 @@ tbs_status_t rgy_add_entry(rgy_db_t db, rgy_entry_t *entry) {
 tbs_status_t rgy_remove_entry(rgy_db_t db, rgy_entry_t *entry) {
     if (!is_sendable(entry))
         return TBS_ST_INVALID_ARG;
-    const auto [is_bound, status] = with_binding(entry->host, real, db, [&](Binding binding) {
+    const auto [is_bound, status] = with_binding({entry->host, real, db}, [&](Binding binding) {
         return rvzd_rgy_remove_entry(rgy_rvzd_handle(binding), db, RGY_PROTOCOL_VERSION, &entry->dtm, entry->entry_id);
     });
     if (status == TBS_ST_OK || !is_bound)
         return status;
-    tell_trouble_contacting(entry->host, status);
+    print_trouble_contacting(entry->host, status);
     return TBS_ST_ERROR;
 }

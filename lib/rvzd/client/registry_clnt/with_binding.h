@@ -10,7 +10,7 @@ namespace velia::registry_clnt {
 
 using rvzd_clnt::Bound;
 
-inline void tell_trouble_contacting(const char *host, tbs_status_t status) {
+inline void print_trouble_contacting(const char *host, tbs_status_t status) {
     imsg_print(IMSG_ERROR, &_registry_rvzd_msg_table, REGISTRY_MSG_TROUBLE_CONTACTING, host, tbs_strerror(status));
 }
 
@@ -21,24 +21,26 @@ inline const char *name_of(const char *host) {
     return host;
 }
 
-// Runs `body` with a binding that `bind` makes, under registry_cache_lock. When a raise lands, `undo` takes back what
-// the body has made.
-template <class Bind, class Body, class Undo = void()>
-Bound with_bound(Bind &&bind, Body &&body, Undo &&undo = nothing) {
+// What is to be bound. Without a host it is the site's registry: the master or, where it does not answer, its backups.
+struct BindRequest {
+    const char *host;
+    uint32_t authenticated;
+    rgy_db_t db; // whose caches are flushed where the credentials are the caller's own
+    bool falls_over = false;
+};
+
+// Runs `body` with a binding, under registry_cache_lock. When a raise lands, `undo` takes back what the body has made.
+template <class Body, class Undo = void()>
+Bound with_binding(const BindRequest &wanted, Body &&body, Undo &&undo = nothing) {
     Binding binding;
     return with_lock(
         cache_lock,
         [&]() -> Bound {
-            const tbs_status_t status = bind(binding);
+            const auto bind = wanted.falls_over ? bind_with_fail_over : rgy_bind_handle;
+            const tbs_status_t status = bind(wanted.host, binding, wanted.authenticated, wanted.db);
             return status == TBS_ST_OK ? Bound{true, body(binding)} : Bound{false, status};
         },
         [&] { release_binding(binding); }, undo);
-}
-
-// With a binding to `host`.
-template <class Body, class Undo = void()>
-Bound with_binding(const char *host, uint32_t authenticated, rgy_db_t db, Body &&body, Undo &&undo = nothing) {
-    return with_bound([&](Binding &binding) { return rgy_bind_handle(host, binding, authenticated, db); }, body, undo);
 }
 
 } // namespace velia::registry_clnt

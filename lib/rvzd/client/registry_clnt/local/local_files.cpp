@@ -171,7 +171,7 @@ tbs_status_t registry_prop_set_process_default_region_local(const char *region) 
         });
         if (done)
             return TBS_ST_OK;
-        tell_failed("registry_prop_set_process_default_region_local", TBS_ST_NO_STORAGE);
+        print_failed("registry_prop_set_process_default_region_local", TBS_ST_NO_STORAGE);
         return TBS_ST_NO_STORAGE;
     });
 }
