@@ -167,7 +167,7 @@ tbs_status_t RegistryProcedures::add_entry(Registry &registry, const rvzd_regist
     const std::string text = text_of(request.flex_text);
     const auto status = registry.add(db, request.dtm, text, caller);
     if (status == TBS_ST_OK)
-        RegistryService::tell_change(db, true, printable(text), caller);
+        RegistryService::print_change(db, true, printable(text), caller);
     return status;
 }
 
@@ -180,7 +180,7 @@ tbs_status_t RegistryProcedures::remove_entry(Registry &registry, const rvzd_reg
     const auto db = static_cast<rgy_db_t>(request.db);
     const auto status = registry.remove(db, request.entry_id, caller);
     if (status == TBS_ST_OK)
-        RegistryService::tell_change(db, false, std::to_string(request.entry_id), caller);
+        RegistryService::print_change(db, false, std::to_string(request.entry_id), caller);
     return status;
 }
 

@@ -19,7 +19,7 @@ public:
 
     // What the work is on, and what becomes of a database that fails.
     Registry *subject() { return service_.registry(); }
-    static tbs_status_t tell_failure(const char *what) { return RegistryService::tell_failure(what); }
+    static tbs_status_t print_failure(const char *what) { return RegistryService::print_failure(what); }
 
 private:
     using EmptyReply = Reply<rvzd_null_reply_t>;

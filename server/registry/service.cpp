@@ -59,7 +59,7 @@ void RegistryService::take_role() {
         if (is_master_)
             store_->set_setting(origin_setting, origin_master);
     } catch (const StoreError &error) {
-        tell_failure(error.what());
+        print_failure(error.what());
     }
     if (!is_master_)
         copier_.start(copy_interval_s_);
@@ -78,7 +78,7 @@ void RegistryService::follow_copy() {
     try {
         store_->reread();
     } catch (const StoreError &error) {
-        tell_failure(error.what());
+        print_failure(error.what());
     }
 }
 
@@ -110,7 +110,7 @@ tbs_status_t RegistryService::become_master() {
             store_->set_setting(origin_setting, origin_copy);
         return status;
     } catch (const StoreError &error) {
-        return tell_failure(error.what());
+        return print_failure(error.what());
     }
 }
 
@@ -122,14 +122,14 @@ tbs_status_t RegistryService::step_down() {
     return TBS_ST_OK;
 }
 
-void RegistryService::tell_change(rgy_db_t db, bool is_added, const std::string &what, const Caller &caller) {
+void RegistryService::print_change(rgy_db_t db, bool is_added, const std::string &what, const Caller &caller) {
     const int uid = caller.credentials ? static_cast<int>(caller.credentials->uid) : -1;
     print_registry(IMSG_PLAIN, is_added ? MSG_ADDED : MSG_REMOVED, registry_db_name(db), uid,
                    address_text(caller.peer).c_str(), date_fmt_token_date_time(time(nullptr)));
     print_registry(IMSG_PLAIN, MSG_WHAT, what.c_str());
 }
 
-tbs_status_t RegistryService::tell_failure(const char *what) {
+tbs_status_t RegistryService::print_failure(const char *what) {
     print_registry(IMSG_ERROR, MSG_INTERNAL_ERROR, what);
     return TBS_ST_ERROR;
 }

@@ -42,10 +42,10 @@ public:
     tbs_status_t step_down();
 
     // Tells of an update, who made it and what it was.
-    static void tell_change(rgy_db_t db, bool is_added, const std::string &what, const Caller &caller);
+    static void print_change(rgy_db_t db, bool is_added, const std::string &what, const Caller &caller);
 
     // Tells what the database said, and gives the status for the client.
-    static tbs_status_t tell_failure(const char *what);
+    static tbs_status_t print_failure(const char *what);
 
 private:
     bool open();

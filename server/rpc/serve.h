@@ -9,7 +9,7 @@
 //                                                                                 subject() has; null: none is served
 //     void (const Request &, const Caller &, Answer<Record>)                      answers at once or later
 //
-// The status goes into the reply's header. An owner that may throw has tell_failure(), which gives the status for it.
+// The status goes into the reply's header. An owner that may throw has print_failure(), which gives the status for it.
 #pragma once
 
 #include <exception>
@@ -73,7 +73,7 @@ void work_and_answer(Owner &owner, WorkOnSubject<Owner, Subject, Request, Record
             subject != nullptr ? (owner.*work)(*subject, request, caller, reply) : tbs_status_t{TBS_ST_NO_SERVER};
         answer(status, reply.record);
     } catch (const std::exception &error) {
-        answer(owner.tell_failure(error.what()), Record{});
+        answer(owner.print_failure(error.what()), Record{});
     }
 }
 

@@ -47,7 +47,7 @@ public:
     }
 
     Subject *subject() { return subject_; }
-    tbs_status_t tell_failure(const char *what) {
+    tbs_status_t print_failure(const char *what) {
         told = what;
         return TBS_ST_ERROR;
     }

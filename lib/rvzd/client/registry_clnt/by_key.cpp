@@ -37,14 +37,14 @@ struct Results {
     void give_back() {
         with_inhibit([&] {
             for (auto *&entry : entries)
-                if (entry != nullptr && !tell_if_failed("rgy_delete_entry", rgy_delete_entry(&entry)))
+                if (entry != nullptr && !print_if_failed("rgy_delete_entry", rgy_delete_entry(&entry)))
                     break;
             if (cursor != nullptr)
-                tell_if_failed("rgy_close_cursor", rgy_close_cursor(&cursor));
+                print_if_failed("rgy_close_cursor", rgy_close_cursor(&cursor));
         });
     }
 
-    static bool tell_if_failed(const char *operation, tbs_status_t status) {
+    static bool print_if_failed(const char *operation, tbs_status_t status) {
         if (status != TBS_ST_OK)
             print_failed(operation, status);
         return status == TBS_ST_OK;

@@ -20,11 +20,11 @@ namespace {
 
 constexpr size_t own_name_size = 256;
 
-void tell(int position) {
+void print(int position) {
     imsg_print(IMSG_ERROR, &_registry_rvzd_msg_table, position);
 }
 
-void tell(int position, const char *name) {
+void print(int position, const char *name) {
     imsg_print(IMSG_ERROR, &_registry_rvzd_msg_table, position, name);
 }
 
@@ -76,7 +76,7 @@ tbs_status_t set_host(int64_t op, const char *text) {
 // Only a standby is promoted: it alone has the data.
 tbs_status_t become_master(int32_t present_type, const char *host) {
     if (present_type != RGY_SVR_STANDBY) {
-        tell(REGISTRY_MSG_NOT_STANDBY, host);
+        print(REGISTRY_MSG_NOT_STANDBY, host);
         return TBS_ST_ERROR;
     }
     const auto status = rgy_promote_standby_svr(host);
@@ -91,7 +91,7 @@ tbs_status_t become_other(int32_t present_type, const char *host, int32_t type) 
         return rgy_set_svr_type(type);
     if (rgy_demote_master_svr(host, type) == TBS_ST_OK)
         return TBS_ST_OK;
-    tell(REGISTRY_MSG_CANNOT_DEMOTE_MASTER, host);
+    print(REGISTRY_MSG_CANNOT_DEMOTE_MASTER, host);
     return TBS_ST_ERROR;
 }
 
@@ -112,7 +112,7 @@ tbs_status_t rgy_clnt_conf_change(int64_t op, const char *text) {
     const char *name = text != nullptr ? text : "";
     const auto status = set_host(op, name);
     if (status != TBS_ST_OK)
-        tell(REGISTRY_MSG_BAD_REQUEST, name);
+        print(REGISTRY_MSG_BAD_REQUEST, name);
     return status;
 }
 
@@ -142,7 +142,7 @@ tbs_status_t rgy_change_server_type(int32_t type) {
     case RGY_SVR_STANDBY:
         return become_other(present_type, host, type);
     default:
-        tell(REGISTRY_MSG_UNRECOGNIZED_SERVER_TYPE);
+        print(REGISTRY_MSG_UNRECOGNIZED_SERVER_TYPE);
         return TBS_ST_ERROR;
     }
 }
@@ -155,14 +155,14 @@ tbs_status_t rgy_demote_master_svr(const char *host, int32_t type) {
     if (generate_backup_pathname(current, former) != TBS_ST_OK)
         return TBS_ST_ERROR;
     if (fileutl_exists(former, 0) == 0) {
-        tell(REGISTRY_MSG_CANNOT_DEMOTE_MASTER, host);
-        tell(REGISTRY_MSG_NOT_PROMOTED);
+        print(REGISTRY_MSG_CANNOT_DEMOTE_MASTER, host);
+        print(REGISTRY_MSG_NOT_PROMOTED);
         return TBS_ST_NOT_SET;
     }
     rgy_svr_conf_change(host, RGY_CONF_DEMOTE, "");
     if (rgy_set_svr_type(type) != TBS_ST_OK) {
-        tell(REGISTRY_MSG_CANNOT_DEMOTE_MASTER, host);
-        tell(REGISTRY_MSG_UNRECOVERABLE);
+        print(REGISTRY_MSG_CANNOT_DEMOTE_MASTER, host);
+        print(REGISTRY_MSG_UNRECOVERABLE);
         return TBS_ST_ERROR;
     }
     fileutl_rename(former, current);

@@ -38,7 +38,7 @@ tbs_status_t ask_user(char *password) {
         [&] { typed.forget(); });
 }
 
-void tell_denial(tbs_status_t status) {
+void print_denial(tbs_status_t status) {
     imsg_print(IMSG_ERROR, &_registry_rvzd_msg_table, REGISTRY_MSG_ACCESS_FOR_MODIFICATION);
     imsg_print(IMSG_CONTINUATION, &_registry_rvzd_msg_table, REGISTRY_MSG_ACCESS_DENIED);
     if (status == TBS_ST_NOT_FOUND)
@@ -57,6 +57,6 @@ tbs_status_t rgy_chk_tag_priv(const char *host, char *password) {
     }
     const auto status = rgy_chk_access(RGY_DB_VAULT_TAG, host, password);
     if (status != TBS_ST_OK)
-        tell_denial(status);
+        print_denial(status);
     return status;
 }

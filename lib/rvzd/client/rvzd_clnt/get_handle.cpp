@@ -241,7 +241,7 @@ void discard_stale_record(const Attempt &attempt) {
     });
 }
 
-void tell_failure(const Attempt &attempt, const Outcome &outcome) {
+void print_failure(const Attempt &attempt, const Outcome &outcome) {
     if (attempt.wanted.quiet)
         return;
     imsg_print(IMSG_ERROR, &_rvzd_rvzd_msg_table,
@@ -265,7 +265,7 @@ tbs_status_t obtain(Attempt &attempt) {
         outcome = ready_record(attempt);
     }
     if (outcome.verdict == Verdict::record_failed)
-        tell_failure(attempt, outcome);
+        print_failure(attempt, outcome);
     if (outcome.verdict == Verdict::good && attempt.record()->hash_bucket == no_bucket)
         enter_record(attempt.record(), attempt.bucket);
     return outcome.status;

@@ -17,7 +17,7 @@ constexpr int no_servers_flag = 0;
 
 constexpr clp_flag_t hostinfo_flags[] = {{"-no_servers"}, {nullptr}};
 
-void tell_no_handler(clp_hdl_t parser) {
+void print_no_handler(clp_hdl_t parser) {
     imsg_print_shared(IMSG_ERROR, subsystem, &_tbs_cmsg_tbs_msg_table, TBS_MSG_NO_OPTION_HANDLER);
     char name[flag_name_size];
     if (clp_get_last_flag_name(parser, 1, sizeof name, name) == 0)
@@ -45,7 +45,7 @@ tbs_status_t read_options(clp_hdl_t parser, stg_area_t area, rvzd_hostinfo_opts_
         const int found = clp_get_next_flag_value(parser, 1, &flag);
         if (found == CLP_FLAG) {
             if (flag != no_servers_flag) {
-                tell_no_handler(parser);
+                print_no_handler(parser);
                 return TBS_ST_ERROR;
             }
             options.no_servers = 1;

@@ -37,7 +37,7 @@ tbs_status_t map_credentials(const rvzd_handle_t *handle, uint32_t user, uint32_
     return TBS_ST_OK;
 }
 
-void tell_failure(const rvzd_handle_t *handle, const char *host) {
+void print_failure(const rvzd_handle_t *handle, const char *host) {
     char text[failure_text_size];
     strutl_snprintf(text, sizeof text, "%s%s", host, failure_text);
     ks_clnt_perror(handle->cached->client, text);
@@ -63,7 +63,7 @@ tbs_status_t rvzd_remote_build_request_hi(rvzd_handle_t *handle, const char *hos
     return broker_call(handle, quiet(procedures::remote_build_hi), request, reply,
                        [&](clnt_stat outcome) -> tbs_status_t {
                            if (outcome != RPC_SUCCESS) {
-                               tell_failure(handle, host);
+                               print_failure(handle, host);
                                return TBS_ST_RPC_FAILED;
                            }
                            *first = reply.word1;
