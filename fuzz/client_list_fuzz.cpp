@@ -1,14 +1,14 @@
 // A line of the daemon's client list file: whatever it says, what is taken of it is within bounds and entered once.
 #include <fuzz/harness.h>
 
-#include <server/clients/client_file.h>
+#include <server/hosts/client_file.h>
 
 using namespace velia::server;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     static fuzz::Messages messages;
     const std::string_view line(reinterpret_cast<const char *>(data), size);
-    Client client;
+    ListedHost client;
     const LineFault fault = parse_client_line(line, client);
     if (fault != LineFault::none)
         return 0;

@@ -7,7 +7,7 @@
 #include <csignal>
 #include <cstring>
 
-#include <server/clients/client_file.h>
+#include <server/hosts/client_file.h>
 #include <server/messages.h>
 #include <support/tbs.h>
 
@@ -44,7 +44,7 @@ Daemon::Daemon(uv_loop_t *loop, Listeners listeners, std::string config_file, co
       launcher_(loop, listeners.server_addresses,
                 [this](int32_t pid, const ServerTable::ExitStatus &status) { process_exited(pid, status); }),
       table_(launcher_), registry_(loop), client_file_(private_file(client_file_name)),
-      broker_procedures_(table_, [this] { schedule(); }), client_procedures_(clients_, [this] { save_clients_soon(); }),
+      broker_procedures_(table_, [this] { schedule(); }), host_procedures_(clients_, [this] { save_clients_soon(); }),
       registry_procedures_(registry_), dispatcher_(RVZD_PROGRAM, RVZD_VERSION, {}),
       due_timer_(loop, [this] { run_due(); }), stop_timer_(loop, [this] { stop(); }),
       save_timer_(loop, [this] { save_clients(); }), role_timer_(loop, [this] { registry_.take_role(); }) {
@@ -76,7 +76,7 @@ void Daemon::apply(const Configuration &configuration) {
     registry_.take_role();
     const uint32_t protocol = configuration.options.protocol;
     auto procedures = broker_procedures_.rows(protocol);
-    for (const auto &more : {client_procedures_.rows(protocol), registry_procedures_.rows()})
+    for (const auto &more : {host_procedures_.rows(protocol), registry_procedures_.rows()})
         procedures.insert(procedures.end(), more.begin(), more.end());
     dispatcher_.set_procedures(std::move(procedures));
     for (const auto &endpoint : tcp_endpoints_)

@@ -8,8 +8,8 @@
 #include <server/broker/procedures.h>
 #include <server/broker/process_launcher.h>
 #include <server/broker/server_table.h>
-#include <server/clients/client_list.h>
-#include <server/clients/procedures.h>
+#include <server/hosts/client_list.h>
+#include <server/hosts/procedures.h>
 #include <server/config/configuration.h>
 #include <server/daemon/listeners.h>
 #include <server/daemon/readiness.h>
@@ -49,7 +49,7 @@ private:
     ClientList clients_;
     std::string client_file_;
     BrokerProcedures broker_procedures_;
-    ClientProcedures client_procedures_;
+    HostProcedures host_procedures_;
     RegistryProcedures registry_procedures_;
     Dispatcher dispatcher_;
     std::vector<std::unique_ptr<UdpEndpoint>> udp_endpoints_;

@@ -7,7 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <server/clients/client_file.h>
+#include <server/hosts/client_file.h>
 #include <tests/bad_files.h>
 
 using namespace velia::server;
@@ -17,8 +17,8 @@ using testing::SizeIs;
 
 namespace {
 
-Client client_at(const char *ipv4, const std::string &name) {
-    Client client;
+ListedHost client_at(const char *ipv4, const std::string &name) {
+    ListedHost client;
     client.address.ipv4.sin_family = AF_INET;
     inet_pton(AF_INET, ipv4, &client.address.ipv4.sin_addr);
     client.texts[CLIENT_HOSTNAME] = name;
@@ -68,7 +68,7 @@ TEST(ClientTable, AnAddressThatComesAgainIsUpdatedInItsPlace) {
 TEST(ClientTable, IsBounded) {
     ClientList list;
     for (uint32_t i = 0; i < CLIENTS_MAX; ++i) {
-        Client client = client_at("10.0.0.0", "x");
+        ListedHost client = client_at("10.0.0.0", "x");
         client.address.ipv4.sin_addr.s_addr = htonl(0x0a000000 + i);
         ASSERT_TRUE(list.enter(client));
     }
@@ -92,7 +92,7 @@ TEST(ClientTable, WhatAStrangerSaysFitsALineOfTheFile) {
     info.options = options;
     const std::string long_text(1000, 'x');
     info.region = const_cast<char *>(long_text.c_str());
-    Client client;
+    ListedHost client;
     take_texts(info, client);
     EXPECT_EQ(client.texts[CLIENT_HOSTNAME], "a?b?c=d");
     EXPECT_EQ(client.texts[CLIENT_OPTIONS], "-no_servers;x?y");
@@ -102,13 +102,13 @@ TEST(ClientTable, WhatAStrangerSaysFitsALineOfTheFile) {
 
 TEST_F(ClientFile, WhatWasWrittenIsReadBack) {
     ClientList list;
-    Client whole = client_at("10.0.0.1", "one");
+    ListedHost whole = client_at("10.0.0.1", "one");
     for (size_t i = CLIENT_PRODUCT; i <= CLIENT_REGION; ++i)
         whole.texts[i] = "text" + std::to_string(i);
     whole.texts[CLIENT_OPTIONS] = "-no_servers two=words; more";
     whole.registry_time = 1'700'000'000;
     list.enter(whole);
-    Client six;
+    ListedHost six;
     six.address.ipv6.sin6_family = AF_INET6;
     inet_pton(AF_INET6, "fd00::7", &six.address.ipv6.sin6_addr);
     list.enter(six);
@@ -218,7 +218,7 @@ TEST_F(ClientFile, LineThatIsTooLongIsOneThatIsNotUnderstood) {
 
 TEST_F(ClientFile, FullListAtItsLongestIsReadBack) {
     ClientList list;
-    Client client;
+    ListedHost client;
     client.address.ipv6.sin6_family = AF_INET6;
     for (auto &byte : client.address.ipv6.sin6_addr.s6_addr)
         byte = 0xfd;

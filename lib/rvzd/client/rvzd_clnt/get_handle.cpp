@@ -10,7 +10,7 @@
 
 #include <common/with.h>
 #include <rvzd/client/rvzd_clnt/broker_call.h>
-#include <rvzd/client/rvzd_clnt/client_making.h>
+#include <rvzd/client/rvzd_clnt/rpc_client.h>
 #include <support/fileutl.h>
 #include <support/stg.h>
 

@@ -5,14 +5,14 @@
 #include <string>
 #include <string_view>
 
-#include <server/clients/client_list.h>
+#include <server/hosts/client_list.h>
 
 namespace velia::server {
 
 // What is wrong with a line, if anything.
 enum class LineFault { none, invalid_entry, invalid_address, duplicate_address };
 
-LineFault parse_client_line(std::string_view line, Client &client);
+LineFault parse_client_line(std::string_view line, ListedHost &client);
 
 // Enters what the file says. A missing file is an empty list, and one of another version is not read; nor is one that
 // is no regular file, or larger than any that is written, which is told and never waited for.

@@ -1,4 +1,4 @@
-#include <server/clients/client_list.h>
+#include <server/hosts/client_list.h>
 
 #include <algorithm>
 #include <array>
@@ -27,7 +27,7 @@ std::string storable(const char *text, bool may_hold_semicolons) {
 
 } // namespace
 
-clnt_entry_t Client::lend(bool empty_as_null) const {
+clnt_entry_t ListedHost::lend(bool empty_as_null) const {
     clnt_entry_t entry = {};
     entry.address = address;
     entry.registry_time = registry_time;
@@ -37,12 +37,12 @@ clnt_entry_t Client::lend(bool empty_as_null) const {
     return entry;
 }
 
-void take_texts(const clnt_hostinfo_t &info, Client &client) {
+void take_texts(const clnt_hostinfo_t &info, ListedHost &client) {
     for (size_t i = 0; i < fields.size(); ++i)
         client.texts[i] = storable(info.*fields[i], i == CLIENT_OPTIONS);
 }
 
-bool ClientList::enter(Client client) {
+bool ClientList::enter(ListedHost client) {
     const auto known = by_address_.find(numeric_address(client.address));
     if (known == by_address_.end()) {
         const bool has_room = restore(std::move(client));
@@ -54,15 +54,15 @@ bool ClientList::enter(Client client) {
     return true;
 }
 
-bool ClientList::restore(Client client) {
+bool ClientList::restore(ListedHost client) {
     if (clients_.size() >= CLIENTS_MAX || !by_address_.emplace(numeric_address(client.address), clients_.size()).second)
         return false;
     clients_.push_back(std::move(client));
     return true;
 }
 
-const Client *ClientList::find(const std::string &hostname) const {
-    const auto found = std::find_if(clients_.begin(), clients_.end(), [&](const Client &client) {
+const ListedHost *ClientList::find(const std::string &hostname) const {
+    const auto found = std::find_if(clients_.begin(), clients_.end(), [&](const ListedHost &client) {
         return strcasecmp(client.texts[CLIENT_HOSTNAME].c_str(), hostname.c_str()) == 0;
     });
     return found != clients_.end() ? &*found : nullptr;

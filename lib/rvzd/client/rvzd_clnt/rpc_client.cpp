@@ -1,6 +1,6 @@
 // Socket, RPC client and authenticator of a shared record. The first address for which a socket can be had carries the
 // traffic; no later step falls back to the other address.
-#include <rvzd/client/rvzd_clnt/client_making.h>
+#include <rvzd/client/rvzd_clnt/rpc_client.h>
 
 #include <arpa/inet.h>
 #include <cerrno>

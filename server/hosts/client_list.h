@@ -30,7 +30,7 @@ enum ClientText : size_t {
     CLIENT_TEXT_COUNT,
 };
 
-struct Client {
+struct ListedHost {
     ks_sockaddr_storage_t address = {}; // without its port; plain IPv4 where it is that
     std::string texts[CLIENT_TEXT_COUNT];
     time_t registry_time = 0; // of the last registry contact
@@ -40,23 +40,23 @@ struct Client {
 };
 
 // The texts of a record, control characters replaced, and without what would end an item of the file.
-void take_texts(const clnt_hostinfo_t &info, Client &client);
+void take_texts(const clnt_hostinfo_t &info, ListedHost &client);
 
 class ClientList {
 public:
     // Enters the client, or takes over what it says now. False when the list is full.
-    bool enter(Client client);
+    bool enter(ListedHost client);
 
     // False, and nothing entered, for an address that is there.
-    bool restore(Client client);
+    bool restore(ListedHost client);
 
-    const std::vector<Client> &clients() const { return clients_; }
-    const Client *find(const std::string &hostname) const; // by its name, in any case
+    const std::vector<ListedHost> &clients() const { return clients_; }
+    const ListedHost *find(const std::string &hostname) const; // by its name, in any case
     bool has_changed() const { return has_changed_; }
     void note_saved() { has_changed_ = false; }
 
 private:
-    std::vector<Client> clients_;
+    std::vector<ListedHost> clients_;
     std::map<std::string, size_t> by_address_;
     bool has_changed_ = false;
 };

@@ -4,17 +4,16 @@
 #include <functional>
 #include <vector>
 
-#include <server/clients/client_list.h>
+#include <server/hosts/client_list.h>
 #include <server/rpc/serve.h>
 #include <veliaxdr/rvzd_hosts.h>
 
 namespace velia::server {
 
-class ClientProcedures {
+class HostProcedures {
 public:
     // The list has to outlive them. `on_change` is called when the list has changed.
-    ClientProcedures(ClientList &list, std::function<void()> on_change)
-        : list_(list), on_change_(std::move(on_change)) {}
+    HostProcedures(ClientList &list, std::function<void()> on_change) : list_(list), on_change_(std::move(on_change)) {}
 
     // The rows that a broker of `protocol` (5 or 6) offers.
     std::vector<ServedProcedure> rows(uint32_t protocol);

@@ -1,6 +1,6 @@
 // A piece of the list is cut to what a reply carries; the position is how many clients have been delivered, which stays
 // true since none ever leaves the list.
-#include <server/clients/procedures.h>
+#include <server/hosts/procedures.h>
 
 #include <cstdlib>
 #include <ctime>
@@ -20,7 +20,7 @@ constexpr size_t tcp_piece_bytes_max = 50000;
 // The largest address, two times, the lengths of the texts, and the fill behind each.
 constexpr size_t entry_bytes_without_texts = 8 * 4 + 2 * 8 + CLIENT_TEXT_COUNT * (4 + 3);
 
-size_t encoded_bytes(const Client &client) {
+size_t encoded_bytes(const ListedHost &client) {
     size_t bytes = entry_bytes_without_texts;
     for (const std::string &text : client.texts)
         bytes += text.size();
@@ -28,12 +28,12 @@ size_t encoded_bytes(const Client &client) {
 }
 
 // The older form has room for IPv4 addresses alone.
-bool can_tell(const Client &client, bool is_v70) {
+bool can_tell(const ListedHost &client, bool is_v70) {
     return !is_v70 || client.address.base.sa_family == AF_INET;
 }
 
 // The older form sends the IPv4 part of an address in the IPv6 form.
-clnt_entry_t lend(const Client &client, bool is_v70) {
+clnt_entry_t lend(const ListedHost &client, bool is_v70) {
     clnt_entry_t entry = client.lend(false);
     if (is_v70)
         sysutl_set_ipv4_as_ipv6mapped(&client.address.ipv4, &entry.address);
@@ -41,7 +41,7 @@ clnt_entry_t lend(const Client &client, bool is_v70) {
 }
 
 void take_registration(ClientList &list, const rvzd_clnt_list_register_req_t &request, const Caller &caller) {
-    Client client;
+    ListedHost client;
     client.address = unmapped(caller.peer);
     sysutl_sockaddr_set_port(&client.address.base, 0);
     take_texts(request.hostinfo, client);
@@ -69,8 +69,8 @@ struct LocalHostinfo {
 
 } // namespace
 
-std::vector<ServedProcedure> ClientProcedures::rows(uint32_t protocol) {
-    using P = ClientProcedures;
+std::vector<ServedProcedure> HostProcedures::rows(uint32_t protocol) {
+    using P = HostProcedures;
     std::vector<ServedProcedure> rows = {
         serve<procedures::clnt_list_get_v70, &P::get<true>>(*this),
         serve<procedures::clnt_list_lookup_v70, &P::look_up<true>>(*this),
@@ -87,8 +87,8 @@ std::vector<ServedProcedure> ClientProcedures::rows(uint32_t protocol) {
 }
 
 template <bool is_v70>
-tbs_status_t ClientProcedures::get(const rvzd_clnt_list_get_req_t &request, const Caller &caller,
-                                   Reply<rvzd_clnt_list_get_reply_t> &reply) {
+tbs_status_t HostProcedures::get(const rvzd_clnt_list_get_req_t &request, const Caller &caller,
+                                 Reply<rvzd_clnt_list_get_reply_t> &reply) {
     auto &entries = reply.arena.keep(std::vector<clnt_entry_t>());
     const auto &clients = list_.clients();
     const size_t bytes_max = caller.transport == RVZD_PROTOCOL_UDP ? udp_piece_bytes_max : tcp_piece_bytes_max;
@@ -110,24 +110,24 @@ tbs_status_t ClientProcedures::get(const rvzd_clnt_list_get_req_t &request, cons
 }
 
 template <bool is_v70>
-tbs_status_t ClientProcedures::look_up(const rvzd_clnt_list_lookup_req_t &request, const Caller & /*caller*/,
-                                       Reply<rvzd_clnt_list_lookup_reply_t> &reply) {
-    const Client *client = list_.find(request.hostname != nullptr ? request.hostname : "");
+tbs_status_t HostProcedures::look_up(const rvzd_clnt_list_lookup_req_t &request, const Caller & /*caller*/,
+                                     Reply<rvzd_clnt_list_lookup_reply_t> &reply) {
+    const ListedHost *client = list_.find(request.hostname != nullptr ? request.hostname : "");
     if (client == nullptr || !can_tell(*client, is_v70))
         return TBS_ST_NOT_FOUND;
     reply.record.entry = lend(*client, is_v70);
     return TBS_ST_OK;
 }
 
-tbs_status_t ClientProcedures::enter(const rvzd_clnt_list_register_req_t &request, const Caller &caller,
-                                     Reply<rvzd_clnt_list_register_reply_t> & /*reply*/) {
+tbs_status_t HostProcedures::enter(const rvzd_clnt_list_register_req_t &request, const Caller &caller,
+                                   Reply<rvzd_clnt_list_register_reply_t> & /*reply*/) {
     take_registration(list_, request, caller);
     on_change_();
     return TBS_ST_OK;
 }
 
-tbs_status_t ClientProcedures::hostinfo(const rvzd_hostinfo_req_t & /*request*/, const Caller & /*caller*/,
-                                        Reply<rvzd_hostinfo_reply_t> &reply) {
+tbs_status_t HostProcedures::hostinfo(const rvzd_hostinfo_req_t & /*request*/, const Caller & /*caller*/,
+                                      Reply<rvzd_hostinfo_reply_t> &reply) {
     auto &local = reply.arena.keep(LocalHostinfo());
     const auto status = clnt_list_get_local_hostinfo(&local.info);
     if (status != TBS_ST_OK)
@@ -137,8 +137,8 @@ tbs_status_t ClientProcedures::hostinfo(const rvzd_hostinfo_req_t & /*request*/,
 }
 
 // Whether to build here: processors, the load of the last minute in hundredths, and what the host is.
-tbs_status_t ClientProcedures::remote_build(const rvzd_remote_build_hi_req_t & /*request*/, const Caller & /*caller*/,
-                                            Reply<rvzd_remote_build_hi_reply_t> &reply) {
+tbs_status_t HostProcedures::remote_build(const rvzd_remote_build_hi_req_t & /*request*/, const Caller & /*caller*/,
+                                          Reply<rvzd_remote_build_hi_reply_t> &reply) {
     const char *os_name = "";
     const char *os_version = "";
     const char *machine = "";
@@ -156,8 +156,8 @@ tbs_status_t ClientProcedures::remote_build(const rvzd_remote_build_hi_req_t & /
 }
 
 // Of this process's zone, which is the host's.
-tbs_status_t ClientProcedures::time_zone(const rvzd_tz_info_req_t &request, const Caller & /*caller*/,
-                                         Reply<rvzd_tz_info_reply_t> &reply) {
+tbs_status_t HostProcedures::time_zone(const rvzd_tz_info_req_t &request, const Caller & /*caller*/,
+                                       Reply<rvzd_tz_info_reply_t> &reply) {
     clnt_tz_info_t *info = nullptr;
     const auto status = clnt_tz_get_info(request.year, &info);
     if (status != CLNT_TZ_OK)

@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include <server/clients/procedures.h>
+#include <server/hosts/procedures.h>
 
 using namespace velia::server;
 
@@ -16,8 +16,8 @@ namespace {
 constexpr size_t datagram_bytes_max = 8800; // what the RPC library's clients take
 constexpr size_t reply_message_bytes = 24;  // in front of the results
 
-Client client_at(uint8_t number, bool is_ipv6) {
-    Client client;
+ListedHost client_at(uint8_t number, bool is_ipv6) {
+    ListedHost client;
     if (is_ipv6) {
         client.address.ipv6.sin6_family = AF_INET6;
         client.address.ipv6.sin6_addr.s6_addr[15] = number;
@@ -45,7 +45,7 @@ protected:
         caller.transport = RVZD_PROTOCOL_UDP;
         MessageBytes reply;
         const ReplySink keep_reply = [&](MessageBytes message) { reply = message; };
-        ClientProcedures procedures(list, [] {});
+        HostProcedures procedures(list, [] {});
         for (const ServedProcedure &procedure : procedures.rows(RVZD_PROTOCOL_CURRENT))
             if (procedure.number == RVZD_PROC_CLNT_LIST_GET) {
                 EXPECT_TRUE(procedure.run(procedure.owner, stream, {1, caller, keep_reply}));

@@ -1,4 +1,4 @@
-#include <server/clients/client_file.h>
+#include <server/hosts/client_file.h>
 
 #include <algorithm>
 #include <array>
@@ -69,7 +69,7 @@ bool parse_address(std::string_view value, ks_sockaddr_storage_t &address) {
     return true;
 }
 
-bool take_known_item(std::string_view key, std::string_view value, Client &client) {
+bool take_known_item(std::string_view key, std::string_view value, ListedHost &client) {
     if (key == "-registry")
         return date_str_to_time(std::string(value).c_str(), &client.registry_time) != 0;
     const auto known =
@@ -81,7 +81,7 @@ bool take_known_item(std::string_view key, std::string_view value, Client &clien
 
 // A line that is too long is one that is not understood.
 LineFault take_line(TextFile &file, FileOutcome outcome, const TextLine &line, ClientList &list) {
-    Client client;
+    ListedHost client;
     if (outcome == FileOutcome::line_too_long) {
         file.skip_line();
         return LineFault::invalid_entry;
@@ -151,7 +151,7 @@ bool print_failure(int position, const std::string &name) {
 
 } // namespace
 
-LineFault parse_client_line(std::string_view line, Client &client) {
+LineFault parse_client_line(std::string_view line, ListedHost &client) {
     std::string_view key;
     std::string_view value;
     if (line.size() > file_bounds.line_bytes || !take_item(line, key, value) || key != "-address")
@@ -184,7 +184,7 @@ bool write_client_file(const std::string &file_name, ClientList &list) {
     const std::string new_name = file_name + ".new";
     const std::string old_name = file_name + ".old";
     std::vector<clnt_entry_t> entries;
-    for (const Client &client : list.clients())
+    for (const ListedHost &client : list.clients())
         entries.push_back(client.lend(true));
     if (clnt_list_write_file(new_name.c_str(), static_cast<uint32_t>(entries.size()), entries.data()) != TBS_ST_OK)
         return false; // told by the writer
