@@ -10,9 +10,25 @@ endif()
 if(VELIA_WERROR)
   target_compile_options(velia_flags INTERFACE -Werror)
 endif()
+
+# A target with the property VELIA_TEST_BODY holds tests, not what they test: it is compiled as cheaply as it can be, and
+# with the same flags in every preset that can, so that a cache of objects has it already.
+set(VELIA_IS_TEST_BODY $<BOOL:$<TARGET_PROPERTY:VELIA_TEST_BODY>>)
+set(VELIA_IS_PRODUCT $<NOT:${VELIA_IS_TEST_BODY}>)
+separate_arguments(VELIA_PRODUCT_FLAGS)
+separate_arguments(VELIA_TEST_FLAGS)
+target_compile_options(velia_flags INTERFACE "$<IF:${VELIA_IS_TEST_BODY},${VELIA_TEST_FLAGS},${VELIA_PRODUCT_FLAGS}>")
+target_link_options(velia_flags INTERFACE "$<${VELIA_IS_TEST_BODY}:${VELIA_TEST_FLAGS}>")
 if(VELIA_SANITIZE)
-  target_compile_options(velia_flags INTERFACE -fsanitize=${VELIA_SANITIZE} -fno-sanitize-recover=all)
+  target_compile_options(velia_flags INTERFACE
+    "$<${VELIA_IS_PRODUCT}:-fsanitize=${VELIA_SANITIZE};-fno-sanitize-recover=all>")
   target_link_options(velia_flags INTERFACE -fsanitize=${VELIA_SANITIZE})
+endif()
+
+# Product code counts which of its lines and branches run, in whichever process and thread.
+if(VELIA_COVERAGE)
+  target_compile_options(velia_flags INTERFACE "$<${VELIA_IS_PRODUCT}:--coverage;-fprofile-update=atomic>")
+  target_link_options(velia_flags INTERFACE --coverage)
 endif()
 
 # All code tells a fuzz harness which of its branches an input takes.
@@ -20,11 +36,6 @@ if(VELIA_FUZZ)
   target_compile_options(velia_flags INTERFACE -fsanitize=fuzzer-no-link)
   target_link_options(velia_flags INTERFACE -fsanitize=fuzzer-no-link)
 endif()
-
-# A target with the property VELIA_TEST_BODY holds tests, not what they test: it is compiled as cheaply as it can be.
-set(VELIA_IS_TEST_BODY $<BOOL:$<TARGET_PROPERTY:VELIA_TEST_BODY>>)
-separate_arguments(VELIA_TEST_FLAGS)
-target_compile_options(velia_flags INTERFACE "$<${VELIA_IS_TEST_BODY}:${VELIA_TEST_FLAGS}>")
 
 add_library(velia_library_flags INTERFACE)
 target_link_libraries(velia_library_flags INTERFACE velia_flags)
