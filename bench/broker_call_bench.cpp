@@ -1,5 +1,6 @@
 // What a call through a handle costs over a bare call of the RPC library with the same bytes, and over a bare exchange
 // of datagrams of the same size.
+#include <bench/support/placement.h>
 #include <bench/support/ratio.h>
 #include <bench/support/site.h>
 
@@ -96,6 +97,7 @@ struct Echo {
 
     [[noreturn]] static void serve(int server) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
+        bench::pin(bench::End::server);
         char bytes[request_bytes];
         for (;;) {
             sockaddr_in from;

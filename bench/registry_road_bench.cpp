@@ -1,30 +1,17 @@
 // The registry from a client to the database and back: one look-up against a bare call with the same bytes and against
 // a well-known server's GET, a scan of many entries, and acknowledged updates against bare commits.
+#include <bench/comparisons/other_servers.h>
 #include <bench/support/ratio.h>
 #include <bench/support/site.h>
 
 #include <array>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <filesystem>
 #include <string>
 #include <vector>
 
-#include <arpa/inet.h>
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
-#include <netinet/tcp.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#ifdef BENCH_WITH_ZOOKEEPER
-#include <zookeeper/zookeeper.h>
-#endif
 
 #include <server/registry/service.h>
 #include <server/registry/sqlite.h>
@@ -169,126 +156,13 @@ void BareCommit(benchmark::State &state) {
     }
 }
 
-// Another server to compare with, as a silent child of this process.
-class OtherServer {
-public:
-    explicit OtherServer(std::vector<std::string> words) : child_(fork()) {
-        if (child_ != 0)
-            return;
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        const int null = open("/dev/null", O_RDWR);
-        dup2(null, STDOUT_FILENO);
-        dup2(null, STDERR_FILENO);
-        std::vector<char *> arguments;
-        for (auto &word : words)
-            arguments.push_back(word.data());
-        arguments.push_back(nullptr);
-        execvp(arguments.front(), arguments.data());
-        _exit(1);
-    }
-    ~OtherServer() {
-        kill(child_, SIGKILL);
-        waitpid(child_, nullptr, 0);
-    }
-    OtherServer(const OtherServer &) = delete;
-    OtherServer &operator=(const OtherServer &) = delete;
-
-private:
-    pid_t child_;
-};
-
-// A key-value server that everybody knows, spoken to in its own plain protocol.
-class KeyValueServer {
-public:
-    KeyValueServer()
-        : port_(static_cast<uint16_t>(site->port() + 1)),
-          server_({"redis-server", "--port", std::to_string(port_), "--bind", "127.0.0.1", "--save", "", "--appendonly",
-                   "no"}) {
-        connect_to_it();
-        ask("*3\r\n$3\r\nSET\r\n$8\r\nentry777\r\n$54\r\n-name=entry777;-hostname=build7;-region=east;-owner="
-            "someb\r\n");
-    }
-    ~KeyValueServer() { close(fd_); }
-    KeyValueServer(const KeyValueServer &) = delete;
-    KeyValueServer &operator=(const KeyValueServer &) = delete;
-
-    void get() { check(ask("*2\r\n$3\r\nGET\r\n$8\r\nentry777\r\n") > 50, "GET"); }
-
-private:
-    void connect_to_it() {
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(port_);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        for (int tries = 0; tries < 500; ++tries) {
-            fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-            if (connect(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0)
-                break;
-            close(fd_);
-            usleep(10000);
-        }
-        const int on = 1;
-        check(setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) == 0, "the key-value server");
-    }
-    ssize_t ask(const std::string &request) const {
-        char reply[256];
-        check(send(fd_, request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size()), "send");
-        return recv(fd_, reply, sizeof reply, 0);
-    }
-
-    uint16_t port_;
-    OtherServer server_;
-    int fd_ = -1;
-};
-
-void RedisGet(benchmark::State &state) {
-    KeyValueServer server;
-    for (auto _ : state)
-        server.get();
+template <class Server>
+void register_get(const char *name, const Server &server) {
+    benchmark::RegisterBenchmark(name, [name, &server](benchmark::State &state) {
+        for (auto _ : state)
+            check(server.get(), name);
+    })->UseRealTime();
 }
-
-#ifdef BENCH_WITH_ZOOKEEPER
-
-// A coordination service in its own process, through its own C client.
-class Coordinator {
-public:
-    Coordinator()
-        : port_(std::to_string(site->port() + 2)),
-          server_({"java", "-cp", "/usr/share/java/zookeeper.jar", "org.apache.zookeeper.server.ZooKeeperServerMain",
-                   port_, site->root() + "/coordinator"}) {
-        zoo_set_debug_level(ZOO_LOG_LEVEL_ERROR);
-        zoo_set_log_stream(fopen("/dev/null", "we"));
-        handle_ = zookeeper_init(("127.0.0.1:" + port_).c_str(), nullptr, 30000, nullptr, nullptr, 0);
-        check(handle_ != nullptr, "the coordinator's client");
-        for (int tries = 0; tries < 3000 && zoo_state(handle_) != ZOO_CONNECTED_STATE; ++tries)
-            usleep(10000);
-        check(zoo_create(handle_, "/entry777", some_text, static_cast<int>(strlen(some_text)), &ZOO_OPEN_ACL_UNSAFE, 0,
-                         nullptr, 0) == ZOK,
-              "the coordinator's node");
-    }
-    ~Coordinator() { zookeeper_close(handle_); }
-    Coordinator(const Coordinator &) = delete;
-    Coordinator &operator=(const Coordinator &) = delete;
-
-    void get() {
-        char bytes[256];
-        int length = sizeof bytes;
-        check(zoo_get(handle_, "/entry777", 0, bytes, &length, nullptr) == ZOK && length > 40, "get");
-    }
-
-private:
-    std::string port_;
-    OtherServer server_;
-    zhandle_t *handle_;
-};
-
-void ZooKeeperGet(benchmark::State &state) {
-    static Coordinator coordinator; // slow to start
-    for (auto _ : state)
-        coordinator.get();
-}
-
-#endif
 
 BENCHMARK(BareLookup)->UseRealTime();
 BENCHMARK(UncachedLookup)->UseRealTime();
@@ -303,17 +177,15 @@ int main(int argc, char **argv) {
     site = &own_site;
     fill_database();
     std::vector<bench::Ratio> ratios = {{"UncachedLookup", "BareLookup", 1.10}, {"AcknowledgedAdd", "BareCommit", 0}};
-    if (std::filesystem::exists("/usr/bin/redis-server")) {
-        benchmark::RegisterBenchmark("RedisGet", RedisGet)->UseRealTime();
+    const auto key_value_server = bench::KeyValueServer::start();
+    const auto coordinator = bench::Coordinator::start(site->root() + "/coordinator");
+    if (key_value_server != nullptr) {
+        register_get("RedisGet", *key_value_server);
         ratios.push_back({"UncachedLookup", "RedisGet", 1.3});
-    } else {
-        printf("redis-server is not installed, so there is no comparison with it.\n");
     }
-#ifdef BENCH_WITH_ZOOKEEPER
-    benchmark::RegisterBenchmark("ZooKeeperGet", ZooKeeperGet)->UseRealTime();
-    ratios.push_back({"UncachedLookup", "ZooKeeperGet", 0.25});
-#else
-    printf("The client of ZooKeeper is not installed, so there is no comparison with it.\n");
-#endif
+    if (coordinator != nullptr) {
+        register_get("ZooKeeperGet", *coordinator);
+        ratios.push_back({"UncachedLookup", "ZooKeeperGet", 0.25});
+    }
     return bench::run(argc, argv, ratios);
 }

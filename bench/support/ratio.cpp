@@ -1,6 +1,8 @@
 // The runner: Google Benchmark's own console output, then the ratios.
 #include <bench/support/ratio.h>
 
+#include <bench/support/placement.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <map>
@@ -17,11 +19,13 @@ constexpr const char *defaults[] = {"--benchmark_repetitions=15", "--benchmark_m
 struct Times {
     std::vector<double> ns; // real time of one iteration, one for each repetition
 
-    double at(double share) {
-        std::sort(ns.begin(), ns.end());
-        return ns[std::min(ns.size() - 1, static_cast<size_t>(share * static_cast<double>(ns.size())))];
+    double at(double share) const {
+        std::vector<double> sorted = ns;
+        std::sort(sorted.begin(), sorted.end());
+        return sorted[std::min(sorted.size() - 1, static_cast<size_t>(share * static_cast<double>(sorted.size())))];
     }
-    double median() { return at(0.5); }
+    double median() const { return at(0.5); }
+    double spread_percent() const { return 100 * (at(0.75) - at(0.25)) / median(); }
 };
 
 class Collector : public benchmark::BenchmarkReporter {
@@ -37,21 +41,35 @@ public:
     std::map<std::string, Times> times;
 };
 
-void print_times(Collector &collector) {
-    printf("%-44s %12s %12s %12s\n", "benchmark", "median ns", "10% ns", "90% ns");
-    for (auto &[name, times] : collector.times)
-        printf("%-44s %12.1f %12.1f %12.1f\n", name.c_str(), times.median(), times.at(0.1), times.at(0.9));
-}
-
 void print_verdict(double value, double target) {
     if (target > 0)
         printf("   (target at most %.2f: %s)", target, value <= target ? "met" : "MISSED");
     printf("\n");
 }
 
+// The spread is the distance of the quartiles in percent of the median.
+void print_times(const Collector &collector) {
+    printf("%-36s %14s %14s %14s %8s\n", "benchmark", "median ns", "25% ns", "75% ns", "spread");
+    for (const auto &[name, times] : collector.times)
+        printf("%-36s %14.1f %14.1f %14.1f %6.1f %%\n", name.c_str(), times.median(), times.at(0.25), times.at(0.75),
+               times.spread_percent());
+}
+
+// Of repetition by repetition, what their quartiles are.
+void print_ratio(const Ratio &ratio, const Times &measured, const Times &baseline) {
+    Times ratios;
+    for (size_t i = 0; i < std::min(measured.ns.size(), baseline.ns.size()); ++i)
+        ratios.ns.push_back(measured.ns[i] / baseline.ns[i]);
+    const double value = measured.median() / baseline.median();
+    printf("%s / %s = %.3f   (%.3f .. %.3f)", ratio.measured.c_str(), ratio.baseline.c_str(), value, ratios.at(0.25),
+           ratios.at(0.75));
+    print_verdict(value, ratio.target);
+}
+
 } // namespace
 
 int run(int argc, char **argv, const std::vector<Ratio> &ratios, const std::vector<Limit> &limits) {
+    pin(End::client);
     std::vector<char *> arguments = {argv[0]};
     for (const char *argument : defaults)
         arguments.push_back(const_cast<char *>(argument));
@@ -61,13 +79,9 @@ int run(int argc, char **argv, const std::vector<Ratio> &ratios, const std::vect
     Collector collector;
     benchmark::RunSpecifiedBenchmarks(&collector);
     print_times(collector);
-    for (const auto &[measured, baseline, target] : ratios) {
-        if (!collector.times.contains(measured) || !collector.times.contains(baseline))
-            continue;
-        const double ratio = collector.times[measured].median() / collector.times[baseline].median();
-        printf("%s / %s = %.3f", measured.c_str(), baseline.c_str(), ratio);
-        print_verdict(ratio, target);
-    }
+    for (const Ratio &ratio : ratios)
+        if (collector.times.contains(ratio.measured) && collector.times.contains(ratio.baseline))
+            print_ratio(ratio, collector.times[ratio.measured], collector.times[ratio.baseline]);
     for (const auto &[measured, most_ns] : limits) {
         if (!collector.times.contains(measured))
             continue;

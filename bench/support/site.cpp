@@ -1,11 +1,14 @@
 // The daemon of a benchmark as a child process.
 #include <bench/support/site.h>
 
+#include <bench/support/placement.h>
+
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <random>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -30,17 +33,14 @@ std::string make_root() {
     return path;
 }
 
-// A port that the system gave and that is free again.
-uint16_t free_port() {
-    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    socklen_t length = sizeof address;
-    if (bind(fd, reinterpret_cast<sockaddr *>(&address), length) != 0 ||
-        getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length) != 0)
-        give_up("no free port");
+bool can_bind(int type, uint16_t port) {
+    const int fd = socket(AF_INET6, type | SOCK_CLOEXEC, 0);
+    sockaddr_in6 address = {};
+    address.sin6_family = AF_INET6;
+    address.sin6_port = htons(port);
+    const bool bound = bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
     close(fd);
-    return ntohs(address.sin_port);
+    return bound;
 }
 
 void write_file(const std::string &path, const std::string &text) {
@@ -50,6 +50,7 @@ void write_file(const std::string &path, const std::string &text) {
 
 void run_daemon(const std::string &daemon, const std::string &config, int ready_fd) {
     prctl(PR_SET_PDEATHSIG, SIGTERM);
+    pin(End::server);
     const int null = open("/dev/null", O_RDWR);
     dup2(null, STDOUT_FILENO);
     const std::string ready = std::to_string(ready_fd);
@@ -59,8 +60,20 @@ void run_daemon(const std::string &daemon, const std::string &config, int ready_
 
 } // namespace
 
-Site::Site(const std::string &daemon, const std::string &sample_server) : root_(make_root()), port_(free_port()) {
-    write_file(root_ + "/config/services.conf", "rvzd " + std::to_string(port_) + "\n");
+uint16_t free_port() {
+    constexpr int port_least = 20000; // below those that the system gives to clients
+    constexpr int port_most = 32000;
+    static std::mt19937 random(std::random_device{}());
+    for (int tries = 0; tries < 1000; ++tries) {
+        const auto port = static_cast<uint16_t>(std::uniform_int_distribution(port_least, port_most)(random));
+        if (can_bind(SOCK_DGRAM, port) && can_bind(SOCK_STREAM, port))
+            return port;
+    }
+    give_up("no free port");
+}
+
+Site::Site(const std::string &daemon, const std::string &sample_server) : root_(make_root()) {
+    pin(End::client);
     write_file(root_ + "/config/hosts.conf", std::string(host) + " 127.0.0.1\n");
     const std::string config = root_ + "/host/config/rvzd_server.conf";
     write_file(config, "udp,tcp shared " + std::to_string(sample_program) + " 1 max=1,idle=0 - - " + sample_server +
@@ -70,6 +83,16 @@ Site::Site(const std::string &daemon, const std::string &sample_server) : root_(
     write_file(root_ + "/host/priv/.keep", "");
     setenv("VELIA_ROOT", root_.c_str(), 1);
     setenv("VELIA_HOSTNAME", host, 1);
+    for (int tries = 0; tries < 5; ++tries)
+        if (start_on_free_port(daemon, config))
+            return;
+    fprintf(stderr, "the daemon did not come up\n");
+    exit(1);
+}
+
+bool Site::start_on_free_port(const std::string &daemon, const std::string &config) {
+    port_ = free_port();
+    write_file(root_ + "/config/services.conf", "rvzd " + std::to_string(port_) + "\n");
     int ready[2];
     if (pipe(ready) != 0)
         give_up("pipe");
@@ -80,11 +103,11 @@ Site::Site(const std::string &daemon, const std::string &sample_server) : root_(
     }
     close(ready[1]);
     char answer = '\0';
-    if (read(ready[0], &answer, 1) != 1 || answer != 'R') {
-        fprintf(stderr, "the daemon did not come up\n");
-        exit(1);
-    }
+    const bool serves = read(ready[0], &answer, 1) == 1 && answer == 'R';
     close(ready[0]);
+    if (!serves)
+        waitpid(daemon_, nullptr, 0);
+    return serves;
 }
 
 Site::~Site() {

@@ -9,9 +9,14 @@
 
 namespace bench {
 
+// A port on which a server can listen over UDP and over TCP. Not one of those that clients are given: of these,
+// thousands may be in use by connections that have ended.
+uint16_t free_port();
+
 class Site {
 public:
-    // Starts the daemon and waits until it serves; ends the program with words when it does not.
+    // Starts the daemon and waits until it serves; on another port if one is taken meanwhile. Ends the program with
+    // words when it does not come up.
     Site(const std::string &daemon, const std::string &sample_server);
     ~Site();
     Site(const Site &) = delete;
@@ -23,8 +28,10 @@ public:
     static constexpr uint32_t sample_program = 390600;
 
 private:
+    bool start_on_free_port(const std::string &daemon, const std::string &config);
+
     std::string root_;
-    uint16_t port_;
+    uint16_t port_ = 0;
     pid_t daemon_ = -1;
 };
 
