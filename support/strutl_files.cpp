@@ -57,6 +57,7 @@ ReadResult read_all(TextFile &file, Contents &contents) {
     return {0, FileOutcome::ok};
 }
 
+// Without success there are no bytes.
 ReadResult read_path(const char *path, Contents &contents) {
     TextFile file;
     const FileOutcome outcome = file.open(path, read_bounds);
@@ -103,7 +104,7 @@ char *strutl_read(int file_count, const char *path, int reserved, int as_one_tex
     pfm_inhibit();
     const int error_number = read_path(path, contents).error_number;
     pfm_enable();
-    if (error_number != 0) {
+    if (contents.bytes == nullptr) {
         failed(error_number);
         return nullptr;
     }

@@ -69,6 +69,29 @@ TEST_F(BadFiles, InPlaceOfTheSitesHostsAreToldAndTheSystemIsAsked) {
     }
 }
 
+TEST_F(BadFiles, InPlaceOfTheSitesHostsDoNotKeepADaemonFromServing) {
+    site.configure("");
+    const BadFile hosts(Kind::pipe, site.path("config/hosts.conf"));
+    Daemon daemon(site);
+    ASSERT_TRUE(daemon.is_ready()) << daemon.output();
+    EXPECT_EQ(Handle("127.0.0.1").status(), TBS_ST_OK) << daemon.output();
+}
+
+TEST_F(BadFiles, InPlaceOfTheRoleAreToldAndTheHostIsNoRegistryServer) {
+    site.configure("");
+    for (const Kind kind : no_files) {
+        const std::string path = site.path("host/config/rgy_svr.conf");
+        const BadFile file(kind, path);
+        Daemon daemon(site);
+        ASSERT_TRUE(daemon.is_ready()) << daemon.output();
+        EXPECT_TRUE(daemon.says("Trouble loading registry server config file, \"" + path + "\".\n")) << daemon.output();
+        EXPECT_THAT(daemon.output(),
+                    HasSubstr("Error reading from \"" + path + "\": " + bad_files::words(kind, 1 << 20)));
+        EXPECT_EQ(Handle().status(), TBS_ST_OK);
+        EXPECT_FALSE(std::filesystem::exists(site.path("host/priv/registry.db")));
+    }
+}
+
 TEST_F(BadFiles, InPlaceOfTheClientListAreToldAndTheListBeginsEmpty) {
     site.configure("");
     const BadFile file(Kind::pipe, site.path("host/priv/clients"));

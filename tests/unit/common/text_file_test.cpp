@@ -284,6 +284,30 @@ TEST_F(TextFileTest, OfTheKernelThatDoesNotSayHowLargeItIsIsMeasuredAsItIsRead) 
     file.close();
 }
 
+TEST_F(TextFileTest, OfTheKernelThatComesPieceByPieceFillsTheRoomThereIs) {
+    ASSERT_EQ(file.open("/proc/self/smaps", {16 << 20, 1000}), FileOutcome::ok);
+    std::vector<char> bytes(16 << 20);
+    size_t count = 0;
+    EXPECT_EQ(file.next_bytes(bytes.data(), bytes.size(), count), FileOutcome::ok);
+    EXPECT_GT(count, 8192u) << "more than comes at a time";
+    EXPECT_EQ(file.next_bytes(bytes.data(), bytes.size(), count), FileOutcome::ok);
+    EXPECT_EQ(count, 0u);
+    file.close();
+}
+
+TEST_F(TextFileTest, ThatFailsToBeReadIsUnreadableWithItsError) {
+    for (const bool by_lines : {true, false}) {
+        ASSERT_EQ(file.open("/proc/self/mem", {1 << 20, 1000}), FileOutcome::ok);
+        TextLine given;
+        char byte;
+        size_t count;
+        EXPECT_EQ(by_lines ? file.next_line(given) : file.next_bytes(&byte, 1, count), FileOutcome::unreadable);
+        EXPECT_EQ(file.error_number(), EIO);
+        EXPECT_EQ(why(FileOutcome::unreadable), strerror(EIO));
+        file.close();
+    }
+}
+
 TEST_F(TextFileTest, IsClosedOnExec) {
     write("x\n");
     const int next_descriptor = dup(0);
