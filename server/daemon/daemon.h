@@ -8,11 +8,11 @@
 #include <server/broker/procedures.h>
 #include <server/broker/process_launcher.h>
 #include <server/broker/server_table.h>
-#include <server/hosts/client_list.h>
-#include <server/hosts/procedures.h>
 #include <server/config/configuration.h>
 #include <server/daemon/listeners.h>
 #include <server/daemon/readiness.h>
+#include <server/hosts/client_list.h>
+#include <server/hosts/procedures.h>
 #include <server/registry/procedures.h>
 #include <server/registry/service.h>
 #include <server/rpc/tcp_endpoint.h>
