@@ -4,8 +4,6 @@
 // This is a foundation: it stands below all, for the library and the daemon alike.
 #pragma once
 
-#include <source_location>
-
 #include <support/pfm.h>
 
 namespace velia {
@@ -19,9 +17,11 @@ constexpr const char *file_without_folders(const char *path) {
     return name;
 }
 
-inline void require(bool holds, const std::source_location &at = std::source_location::current()) {
+// The compiler's own names of the place, since not every compiler of ours has the standard's.
+inline void require(bool holds, const char *function = __builtin_FUNCTION(), const char *file = __builtin_FILE(),
+                    int line = __builtin_LINE()) {
     if (!holds) [[unlikely]]
-        pfm_assert_fail(at.function_name(), file_without_folders(at.file_name()), static_cast<int>(at.line()));
+        pfm_assert_fail(function, file_without_folders(file), line);
 }
 
 } // namespace velia

@@ -345,9 +345,12 @@ tbs_status_t rgy_get_entry_unexpanded(rgy_db_t db, const char *host, const char 
     const auto [is_bound, status] = with_binding({fetch.at().host, anonymous, db}, [&](Binding binding) {
         return call_proxy(fetch, rgy_rvzd_handle(binding), elist, count);
     });
-    if (status == TBS_ST_OK)
-        settle_end(fetch, *count);
-    return is_bound && status != TBS_ST_OK ? status_of_trouble(fetch, status) : status;
+    if (!is_bound)
+        return status;
+    if (status != TBS_ST_OK)
+        return status_of_trouble(fetch, status);
+    settle_end(fetch, *count);
+    return TBS_ST_OK;
 }
 
 tbs_status_t rgy_close_cursor(rgy_cursor_t **cursor) {
