@@ -3,10 +3,21 @@
 
 #include <iostream>
 
+#include <cli/streams.h>
+
 namespace velia::cli {
 
 void print(const Results &results, const Settings &settings) {
     results.print(settings.format, settings.with_headers, std::cout);
+    flush_results();
+}
+
+void print_change(const Results &results, const Settings &settings) {
+    results.print(settings.format, settings.with_headers, std::cout);
+    if (flush_results())
+        return;
+    std::cerr << "This has been done all the same:\n";
+    results.print(Format::plain, settings.with_headers, std::cerr);
 }
 
 bool is_switch(const Option &option) {

@@ -27,6 +27,9 @@ struct Settings {
 // To standard output, in the form that is set.
 void print(const Results &results, const Settings &settings);
 
+// The same for what a command has changed: who cannot be told on standard output is told on standard error.
+void print_change(const Results &results, const Settings &settings);
+
 // The member of a command's arguments that an option sets. A bool makes it a switch, an optional text tells an empty
 // one from none, and a list takes the option again and again.
 using Target = std::variant<bool *, int32_t *, int64_t *, uint64_t *, std::string *, std::optional<std::string> *,

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <iostream>
 
+#include <cli/streams.h>
 #include <support/imsg.h>
 #include <veliaxdr/libveliaxdr.h>
 
@@ -72,6 +73,15 @@ Options common_options(CommonArguments &arguments) {
     };
 }
 
+int run_line(const std::vector<std::string> &words) {
+    CommonArguments common;
+    const Line line = parse(whole_program(common), words, std::cout, std::cerr);
+    if (line.call == nullptr)
+        return line.status;
+    Settings settings = {Format::plain, !common.leaves_headers_out, common.timeout_s};
+    return settle_format(common.format, settings.format) ? line.call->run(settings) : exit_usage;
+}
+
 } // namespace
 
 Program whole_program(CommonArguments &common) {
@@ -81,12 +91,9 @@ Program whole_program(CommonArguments &common) {
 
 int run(int argc, char **argv) {
     imsg_set_app_name("veliactl");
-    CommonArguments common;
-    const Line line = parse(whole_program(common), {argv + std::min(argc, 1), argv + argc}, std::cout, std::cerr);
-    if (line.call == nullptr)
-        return line.status;
-    Settings settings = {Format::plain, !common.leaves_headers_out, common.timeout_s};
-    return settle_format(common.format, settings.format) ? line.call->run(settings) : exit_usage;
+    const ResultsStream results;
+    const int status = run_line({argv + std::min(argc, 1), argv + argc});
+    return flush_results() ? status : exit_failed;
 }
 
 } // namespace velia::cli

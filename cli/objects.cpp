@@ -208,7 +208,7 @@ int add_object(const Kind &kind, const Object &object, const Settings &settings)
         return print_failure(kind, object, status);
     Results results({"action", "object", "uuid", "hostname", "path"});
     results.add({"added", kind.name, object.uuid_text, object.hostname, object.path});
-    print(results, settings);
+    print_change(results, settings);
     return exit_done;
 }
 

@@ -3,7 +3,6 @@
 
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <sstream>
@@ -129,7 +128,7 @@ int show_or_set_backup(const Backup &backup, const Settings &settings) {
         return print_failure("The list of backup hosts could not be had", status);
     Results results({"backup"});
     results.add({list_cell(hosts.data())});
-    print(results, settings);
+    (backup.hosts ? print_change : print)(results, settings);
     return exit_done;
 }
 
@@ -213,13 +212,9 @@ bool ask_twice(Password &password) {
     return false;
 }
 
-// A child that ends early must not end this process by SIGPIPE.
 bool write_line(int fd, const char *text) {
-    const auto before = signal(SIGPIPE, SIG_IGN);
     const auto length = static_cast<ssize_t>(strlen(text));
-    const bool is_written = write(fd, text, strlen(text)) == length && write(fd, "\n", 1) == 1;
-    signal(SIGPIPE, before);
-    return is_written;
+    return write(fd, text, strlen(text)) == length && write(fd, "\n", 1) == 1;
 }
 
 // Its exit status; -1 for one that could not be started, with `error_number`.
@@ -269,7 +264,7 @@ int set_password(const Passwd &passwd, const Settings &settings) {
     }
     Results results({"action"});
     results.add({password.is_empty() ? "password removed" : "password set"});
-    print(results, settings);
+    print_change(results, settings);
     return exit_done;
 }
 

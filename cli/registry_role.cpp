@@ -1,11 +1,6 @@
 // veliactl registry promote and demote: which host is the site's master registry.
 #include <cli/registry.h>
 
-#include <iostream>
-
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cli/commands.h>
 #include <support/imsg.h>
 #include <support/sysutl.h>
@@ -84,27 +79,6 @@ constexpr Command commands[] = {
      .make = call_of<demote, demotion_options>},
 };
 
-// Keeps what the library says on standard output out of the results: it goes where messages go.
-class MessagesAside {
-public:
-    MessagesAside() : output_(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0)) {
-        std::cout.flush();
-        if (output_ >= 0)
-            dup2(STDERR_FILENO, STDOUT_FILENO);
-    }
-    ~MessagesAside() {
-        if (output_ < 0)
-            return;
-        dup2(output_, STDOUT_FILENO);
-        close(output_);
-    }
-    MessagesAside(const MessagesAside &) = delete;
-    MessagesAside &operator=(const MessagesAside &) = delete;
-
-private:
-    int output_;
-};
-
 int32_t type_of_name(const std::string &name) {
     for (const auto *type = rgy_svrtype_table; type->text != nullptr; ++type)
         if (name == type->text)
@@ -115,7 +89,7 @@ int32_t type_of_name(const std::string &name) {
 int print_role_of(const std::string &host, const std::string &role, const Settings &settings) {
     Results results({"host", "role"});
     results.add({host, role});
-    print(results, settings);
+    print_change(results, settings);
     return exit_done;
 }
 
@@ -128,11 +102,7 @@ int print_unchanged(const std::string &host, tbs_status_t status) {
 
 template <class Change>
 int change_role(const std::string &host, const std::string &role, const Settings &settings, Change &&change) {
-    tbs_status_t status = TBS_ST_OK;
-    {
-        const MessagesAside aside;
-        status = change();
-    }
+    const tbs_status_t status = change();
     return status == TBS_ST_OK ? print_role_of(host, role, settings) : print_unchanged(host, status);
 }
 

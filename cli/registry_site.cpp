@@ -156,7 +156,7 @@ int print_role(const NoArguments & /*arguments*/, const Settings &settings) {
     return exit_done;
 }
 
-int print_hosts(const Settings &settings) {
+int print_hosts(const Settings &settings, void (*print_them)(const Results &, const Settings &)) {
     std::array<char, host_size> master = {};
     std::array<char, host_size> backup = {};
     size_t length = 0;
@@ -168,7 +168,7 @@ int print_hosts(const Settings &settings) {
     }
     Results results({"master", "backup"});
     results.add({master.data(), backup.data()});
-    print(results, settings);
+    print_them(results, settings);
     return exit_done;
 }
 
@@ -176,7 +176,7 @@ int change_hosts(const HostsChange &change, const Settings &settings) {
     for (const auto &[op, name] : {std::pair(RGY_CONF_SET_HOST, &change.master), {RGY_CONF_SET_BACKUP, &change.backup}})
         if (*name && rgy_clnt_conf_change(op, (*name)->c_str()) != TBS_ST_OK)
             return exit_failed;
-    return print_hosts(settings);
+    return print_hosts(settings, change.master || change.backup ? print_change : print);
 }
 
 int print_region(const NoArguments & /*arguments*/, const Settings &settings) {

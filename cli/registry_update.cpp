@@ -102,7 +102,7 @@ int add(const Addition &addition, const Settings &settings) {
         return exit_status_of(status);
     Results results({"action", "db", "registry", "entry"});
     results.add({addition.is_dry_run ? "would add" : "added", addition.db, *host, text});
-    print(results, settings);
+    (addition.is_dry_run ? print : print_change)(results, settings);
     return exit_done;
 }
 
@@ -117,7 +117,7 @@ int remove(const Removal &removal, const Settings &settings) {
         return removed;
     });
     // What was removed before a failure is gone, and told.
-    print(results, settings);
+    (removal.is_dry_run ? print : print_change)(results, settings);
     if (status != TBS_ST_OK)
         return exit_status_of(status);
     if (results.empty())

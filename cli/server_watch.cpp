@@ -8,9 +8,9 @@
 #include <mutex>
 #include <thread>
 
-#include <poll.h>
 #include <unistd.h>
 
+#include <cli/streams.h>
 #include <support/date.h>
 
 namespace velia::cli {
@@ -58,14 +58,7 @@ bool write_changes(const std::vector<ServerChange> &changes, bool with_headers, 
     }
     const std::lock_guard lock(writing);
     results.print(settings.format, with_headers, std::cout);
-    std::cout.flush();
-    return std::cout.good();
-}
-
-// False as soon as the reader goes: a watch of a host where nothing happens writes nothing by which it would notice.
-bool wait_while_read(int interval_s) {
-    pollfd output = {STDOUT_FILENO, 0, 0};
-    return poll(&output, 1, interval_s * 1000) <= 0;
+    return flush_results();
 }
 
 std::vector<ServerChange> all_present(const Servers &servers) {
@@ -113,6 +106,7 @@ int watch_servers(const ServerFilter &filter, int interval_s, const Settings &se
         return status;
     bool with_headers = settings.with_headers;
     auto changes = all_present(before);
+    // A watch of a host where nothing happens writes nothing by which it would notice that its reader has gone.
     while (write_changes(changes, with_headers, settings) && wait_while_read(interval_s)) {
         with_headers = with_headers && changes.empty(); // once
         changes.clear();

@@ -61,12 +61,17 @@ public:
         return wait();
     }
     int wait() { return child_->wait(); }
-    // Whether its first thread hangs in a write to its standard output.
+    // Whether its first thread hangs in a write of its results.
     bool is_held_up_in_writing() const {
         std::ifstream file("/proc/" + std::to_string(child_->pid()) + "/syscall");
         long number = -1;
         std::string descriptor;
-        return file >> number >> descriptor && number == SYS_write && descriptor == "0x1";
+        if (!(file >> number >> descriptor) || number != SYS_write)
+            return false;
+        const auto link =
+            "/proc/" + std::to_string(child_->pid()) + "/fd/" + std::to_string(std::stoi(descriptor, nullptr, 16));
+        std::error_code error;
+        return std::filesystem::read_symlink(link, error) == site_.path("watch.out");
     }
 
 private:
@@ -277,6 +282,7 @@ TEST_F(VeliactlList, WatchingEndsWhenTheReaderGoesThoughNothingHappens) {
     ASSERT_TRUE(reader.comes_to_read("present")) << watch.errors();
     reader.go();
     EXPECT_EQ(watch.wait(), FAILED);
+    EXPECT_THAT(watch.errors(), HasSubstr("Standard output cannot be written: Broken pipe"));
 }
 
 TEST_F(VeliactlList, WatchingEndsOnAnInterruptThoughTheReaderTakesNothing) {
