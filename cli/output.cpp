@@ -9,15 +9,33 @@
 #include <fmt/core.h>
 #include <nlohmann/json.hpp>
 
+#include <cli/text.h>
+
 namespace velia::cli {
 
 namespace {
 
 using Texts = std::vector<std::string>;
 
+// JSON leaves DEL and the control characters U+0080 to U+009F as they are; a terminal may obey those, too.
+std::string without_controls(const std::string &json) {
+    std::string text;
+    for (size_t i = 0; i < json.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(json[i]);
+        const auto next = static_cast<unsigned char>(i + 1 < json.size() ? json[i + 1] : 0);
+        if (byte == 0x7f)
+            text += "\\u007f";
+        else if (byte == 0xc2 && next < 0xa0)
+            text += fmt::format("\\u{:04x}", static_cast<unsigned char>(json[++i]));
+        else
+            text += json[i];
+    }
+    return text;
+}
+
 // Bytes that are no UTF-8 become the sign for what cannot be shown, so that it is JSON all the same.
 std::string quoted(const std::string &text) {
-    return nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    return without_controls(nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
 }
 
 std::string json_of_list(const Cells &list);
@@ -50,7 +68,7 @@ std::string text_of(const Cell &cell) {
     case Cell::Kind::boolean:
     case Cell::Kind::number:
     case Cell::Kind::text:
-        return cell.text().empty() ? "-" : cell.text();
+        return cell.text().empty() ? "-" : escaped(cell.text());
     case Cell::Kind::list:
         return text_of_list(cell.list());
     default:
@@ -87,7 +105,7 @@ std::vector<size_t> widths_of(const std::vector<Texts> &lines) {
     for (const auto &line : lines) {
         widths.resize(std::max(widths.size(), line.size()));
         for (size_t i = 0; i < line.size(); ++i)
-            widths[i] = std::max(widths[i], line[i].size());
+            widths[i] = std::max(widths[i], width_of(line[i]));
     }
     return widths;
 }
@@ -99,10 +117,15 @@ std::string rule_of(const std::vector<size_t> &widths) {
     return rule + "\n";
 }
 
+// With blanks up to the width.
+std::string padded(const std::string &text, size_t width) {
+    return text + std::string(width - width_of(text), ' ');
+}
+
 std::string bordered(const Texts &line, const std::vector<size_t> &widths) {
     std::string text = "|";
     for (size_t i = 0; i < line.size(); ++i)
-        text += fmt::format(" {:<{}} |", line[i], widths[i]);
+        text += " " + padded(line[i], widths[i]) + " |";
     return text + "\n";
 }
 
@@ -188,7 +211,7 @@ void Results::print_plain(bool with_headers, std::ostream &out) const {
         std::string text;
         // The last column ends its line without blanks behind it.
         for (size_t i = 0; i + 1 < line.size(); ++i)
-            text += fmt::format("{:<{}}  ", line[i], widths[i]);
+            text += padded(line[i], widths[i]) + "  ";
         out << text << line.back() << '\n';
     }
 }

@@ -1,5 +1,5 @@
 // The three forms in which every command gives its results: plain (aligned columns that awk and grep can take), json
-// (one object a line) and table (with borders).
+// (one object a line) and table (with borders). None of them holds a control character of a value.
 #pragma once
 
 #include <cstddef>

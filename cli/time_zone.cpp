@@ -31,8 +31,13 @@ constexpr Command commands[] = {
      .make = call_of<print_own_zone, options_of>},
 };
 
+// A zone without daylight time has a rule all the same, whose date is all zeros; and a peer may send anything.
+bool is_date(const clnt_tz_date_t &date) {
+    return date.mday >= 1 && date.mday <= 31 && date.month >= 0 && date.month < 12;
+}
+
 Cell date_cell(const clnt_tz_date_t &date, bool is_known) {
-    if (!is_known)
+    if (!is_known || !is_date(date))
         return {};
     return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}", date.year + year_base, date.month + 1, date.mday,
                        date.hour, date.min, date.sec);

@@ -174,3 +174,30 @@ TEST_F(VeliactlOutput, HoldsNoMessageThoughStandardErrorIsClosed) {
     EXPECT_EQ(outcome.status, DONE);
     EXPECT_THAT(objects_of(outcome.output), testing::SizeIs(1)) << outcome.output;
 }
+
+TEST_F(VeliactlOutput, LetsNoTitleColourTheTerminal) {
+    serve_all();
+    ASSERT_EQ(veliactl({"registry", "add", "regions", "name=red", "title=\x1b[31mred\xff"}).status, DONE);
+    const Words find = {"registry", "find", "regions", "--string", "name=red"};
+    for (const char *form : {"plain", "table"}) {
+        auto words = find;
+        words.insert(words.end(), {"-o", form});
+        const auto outcome = veliactl(words);
+        EXPECT_THAT(outcome.output, HasSubstr(R"(-title=\x1b[31mred\xff)"));
+        EXPECT_THAT(outcome.output, Not(HasSubstr("\x1b")));
+    }
+    const auto found = objects(find);
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_THAT(found[0].dump(), HasSubstr(R"(-title=\u001b[31mred)"
+                                           "\xef\xbf\xbd"))
+        << "and it is JSON";
+}
+
+TEST_F(VeliactlOutput, ShowsADateThatIsNotThereAsNone) {
+    const Words environment = {"TZ=EST5"};
+    const auto zone = objects({"tz", "2026"}, DONE, environment).at(0);
+    EXPECT_EQ(zone["to_daylight"], nullptr);
+    EXPECT_EQ(zone["to_standard"], nullptr);
+    for (const char *form : {"plain", "table"})
+        EXPECT_THAT(veliactl({"tz", "2026", "-o", form}, environment).output, Not(HasSubstr("1900")));
+}

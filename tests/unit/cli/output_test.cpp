@@ -76,6 +76,52 @@ TEST(Output, TextsAreQuotedInJsonAlone) {
     EXPECT_EQ(printed(results, Format::json), "{\"a\":\"say \\\"x\\\"\\n\",\"b\":\"\xc3\xa9\"}\n");
 }
 
+TEST(Output, ControlsAndBytesThatAreNoUtf8AreEscapedInPlainAndTable) {
+    Results results({"title", "b"});
+    results.add({"\x1b[31mred\x07\r\n\t\x7f\\", std::string("\0", 1)});
+    results.add({"\xc2\x9b"
+                 "2J",
+                 "a\xff\xc3"});
+    results.add({Cells{"\xe2\x80\xae"
+                       "txt",
+                       "\xed\xa0\x80"},
+                 "\xe2\x80\xa8"});
+    EXPECT_EQ(printed(results, Format::plain, false), R"(\x1b[31mred\x07\r\n\t\x7f\\   \x00
+\xc2\x9b2J                    a\xff\xc3
+\xe2\x80\xaetxt,\xed\xa0\x80  \xe2\x80\xa8
+)");
+    EXPECT_EQ(printed(results, Format::table, false), R"(+------------------------------+--------------+
+| \x1b[31mred\x07\r\n\t\x7f\\  | \x00         |
+| \xc2\x9b2J                   | a\xff\xc3    |
+| \xe2\x80\xaetxt,\xed\xa0\x80 | \xe2\x80\xa8 |
++------------------------------+--------------+
+)");
+}
+
+TEST(Output, ColumnsAreAsWideAsTheyShow) {
+    Results results({"a", "b"});
+    results.add({"\xc3\xa9", "x"});     // one letter of two bytes
+    results.add({"e\xcc\x81", "x"});    // the same of two characters
+    results.add({"\xe6\xbc\xa2", "x"}); // a wide one
+    results.add({"ab", "x"});
+    EXPECT_EQ(printed(results, Format::plain, false), "\xc3\xa9   x\n"
+                                                      "e\xcc\x81   x\n"
+                                                      "\xe6\xbc\xa2  x\n"
+                                                      "ab  x\n");
+    EXPECT_EQ(printed(results, Format::table, false), "+----+---+\n"
+                                                      "| \xc3\xa9  | x |\n"
+                                                      "| e\xcc\x81  | x |\n"
+                                                      "| \xe6\xbc\xa2 | x |\n"
+                                                      "| ab | x |\n"
+                                                      "+----+---+\n");
+}
+
+TEST(Output, ControlsAreEscapedByTheRulesOfJson) {
+    Results results({"a"});
+    results.add({"\x1b\x7f\xc2\x80\xc2\x9f\xc2\xa0"});
+    EXPECT_EQ(printed(results, Format::json), "{\"a\":\"\\u001b\\u007f\\u0080\\u009f\xc2\xa0\"}\n");
+}
+
 TEST(Output, CellsAreEqualByKindAndValue) {
     EXPECT_EQ(Cell(1), Cell(uint64_t{1}));
     EXPECT_NE(Cell(1), Cell("1"));
