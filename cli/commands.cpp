@@ -41,7 +41,7 @@ bool settle_format(const std::string &given, Format &format) {
         return true;
     const std::string fault = fault_of_format(name);
     if (!fault.empty())
-        std::cerr << format_variable << ": " << fault << '\n';
+        std::cerr << "veliactl: Error: " << format_variable << ": " << fault << '\n';
     return fault.empty() && format_of_name(name, format);
 }
 

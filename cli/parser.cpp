@@ -7,6 +7,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cli/misspelling.h>
+
 namespace velia::cli {
 
 namespace {
@@ -105,6 +107,10 @@ CLI::App &add_subcommand(CLI::App &program, const Command &row) {
     return *command;
 }
 
+std::string failure_text(const std::string &program, const std::string &fault) {
+    return program + ": Error: " + fault + "\nRun with --help for more information.\n";
+}
+
 // The library's tree of one program, whose leaves have a call each.
 class Tree {
 public:
@@ -113,6 +119,9 @@ public:
         app_.set_version_flag(version_option.name, program.version, version_option.help);
         app_.require_subcommand(1);
         app_.footer(exit_status_help);
+        app_.failure_message([name = program.name](const CLI::App *, const CLI::Error &error) {
+            return failure_text(name, error.what());
+        });
         for (const auto &row : program.commands)
             add(row, program.common);
     }
@@ -151,7 +160,12 @@ private:
 } // namespace
 
 Line parse(const Program &program, const std::vector<std::string> &words, std::ostream &out, std::ostream &errors) {
-    return Tree(program).parse(words, out, errors);
+    // The library's own words would be that a command is missing.
+    const std::string fault = fault_of_command(program.commands, words);
+    if (fault.empty())
+        return Tree(program).parse(words, out, errors);
+    errors << failure_text(program.name, fault);
+    return {nullptr, exit_usage};
 }
 
 } // namespace velia::cli

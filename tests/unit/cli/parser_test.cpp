@@ -9,6 +9,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
+using testing::StartsWith;
 using velia::cli::test::help_of;
 using velia::cli::test::parsed;
 
@@ -122,6 +123,7 @@ struct Parser : testing::Test {
         EXPECT_EQ(result.call, nullptr);
         EXPECT_EQ(result.status, exit_usage);
         EXPECT_THAT(result.output, IsEmpty());
+        EXPECT_THAT(result.errors, StartsWith("made_up: Error: "));
         return result.errors;
     }
 };
@@ -162,7 +164,7 @@ TEST_F(Parser, TakesOneValueForEachTimeThatAListIsNamed) {
 
 TEST_F(Parser, RefusesWhatIsMissingUnknownOrOutOfBounds) {
     EXPECT_THAT(refusal({"one"}), HasSubstr("HOST is required"));
-    EXPECT_THAT(refusal({"none"}), HasSubstr("A subcommand is required"));
+    EXPECT_THAT(refusal({}), HasSubstr("A subcommand is required"));
     EXPECT_THAT(refusal({"group"}), HasSubstr("A subcommand is required"));
     EXPECT_THAT(refusal({"one", "host", "--nothing"}), HasSubstr("--nothing"));
     EXPECT_THAT(refusal({"one", "host", "--small", "0"}), HasSubstr("--small: Value 0 not in range 1 to 10"));
@@ -171,6 +173,16 @@ TEST_F(Parser, RefusesWhatIsMissingUnknownOrOutOfBounds) {
     EXPECT_THAT(refusal({"one", "host", "--color", "blue"}), HasSubstr("--color: 'blue' is none of red, green"));
     EXPECT_THAT(refusal({"one", "host", "--even", "a"}), HasSubstr("--even: 'a' is odd"));
     EXPECT_THAT(refusal({"one", "host", "--name", "x"}), HasSubstr("--name requires --dry-run"));
+}
+
+TEST_F(Parser, NamesAMisspeltCommandAndOffersTheNearest) {
+    EXPECT_EQ(refusal({"oen", "host"}), "made_up: Error: There is no command 'oen'; did you mean 'one'?\n"
+                                        "Run with --help for more information.\n");
+    EXPECT_THAT(refusal({"--what", "gorup", "two"}), HasSubstr("no command 'gorup'; did you mean 'group'?"));
+    EXPECT_THAT(refusal({"group", "-n", "tree"}), HasSubstr("no command 'group tree'; did you mean 'group three'?"));
+    EXPECT_THAT(refusal({"group", "one"}), HasSubstr("There is no command 'group one'\n")) << "nothing is like it";
+    EXPECT_THAT(refusal({"nonsense"}), HasSubstr("There is no command 'nonsense'\n"));
+    EXPECT_EQ(parsed(program, {"--help", "oen"}).status, exit_done);
 }
 
 TEST_F(Parser, WantsExactlyOneOfAGroup) {
