@@ -191,7 +191,7 @@ int print_failure(const Kind &kind, const Object &object, tbs_status_t status) {
                    object.uuid_text.c_str());
     else
         imsg_print(IMSG_ERROR, "The %s was not registered: %s\n", IMSG_FORMAT, kind.name, tbs_strerror(status));
-    return exit_status_of(status);
+    return exit_status_of_request(status);
 }
 
 int add_object(const Kind &kind, const Object &object, const Settings &settings) {
@@ -240,7 +240,7 @@ int list_objects(const Kind &kind, const Listing &listing, const Settings &setti
         return TBS_ST_OK;
     });
     if (status != TBS_ST_OK)
-        return exit_status_of(status);
+        return exit_status_of_request(status);
     print(results, settings);
     return exit_done;
 }

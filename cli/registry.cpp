@@ -162,7 +162,7 @@ int print_entries(const Search &search, const Settings &settings) {
         return TBS_ST_OK;
     });
     if (status != TBS_ST_OK)
-        return exit_status_of(status);
+        return exit_status_of_request(status);
     print(results, settings);
     return exit_done;
 }
@@ -297,6 +297,10 @@ tbs_status_t each_entry(const Search &search, const std::function<tbs_status_t(r
     if (status != TBS_ST_OK)
         imsg_print(IMSG_ERROR, "The registry could not be read: %s\n", IMSG_FORMAT, tbs_strerror(status));
     return status;
+}
+
+int exit_status_of_request(tbs_status_t status) {
+    return status == TBS_ST_NOT_FOUND ? exit_unreachable : exit_status_of(status);
 }
 
 int exit_status_of(tbs_status_t status) {

@@ -56,4 +56,8 @@ tbs_status_t each_entry(const Search &search, const std::function<tbs_status_t(r
 // The exit status that goes with a library status.
 int exit_status_of(tbs_status_t status);
 
+// The same for a request in which nothing but the registry's host can be not found; so is a search, since one that
+// finds nothing does not fail.
+int exit_status_of_request(tbs_status_t status);
+
 } // namespace velia::cli

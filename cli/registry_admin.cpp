@@ -112,7 +112,7 @@ Cells list_cell(const std::string &text) {
 
 int print_failure(const char *what, tbs_status_t status) {
     imsg_print(IMSG_ERROR, "%s: %s\n", IMSG_FORMAT, what, tbs_strerror(status));
-    return exit_status_of(status);
+    return exit_status_of_request(status);
 }
 
 int show_or_set_backup(const Backup &backup, const Settings &settings) {

@@ -137,7 +137,7 @@ int look_up_repeatedly(const Repetition &repetition, const Settings &settings) {
             return TBS_ST_OK;
         });
         if (status != TBS_ST_OK)
-            return exit_status_of(status);
+            return exit_status_of_request(status);
     }
     Results results({"lookups", "entries"});
     results.add({repetition.times, entries});

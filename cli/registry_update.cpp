@@ -109,7 +109,9 @@ int add(const Addition &addition, const Settings &settings) {
 int remove(const Removal &removal, const Settings &settings) {
     const rgy_db_t db = *db_of_name(removal.search.db);
     Results results({"action", "db", "id", "registry"});
+    bool is_found = false; // an entry, so that a later "not found" means one that somebody else has removed
     const auto status = each_entry(removal.search, [&](rgy_entry_t *entry) -> tbs_status_t {
+        is_found = true;
         const auto removed = removal.is_dry_run ? tbs_status_t{TBS_ST_OK} : rgy_remove_entry(db, entry);
         if (removed == TBS_ST_OK)
             results.add(
@@ -117,9 +119,10 @@ int remove(const Removal &removal, const Settings &settings) {
         return removed;
     });
     // What was removed before a failure is gone, and told.
-    (removal.is_dry_run ? print : print_change)(results, settings);
+    if (!results.empty())
+        (removal.is_dry_run ? print : print_change)(results, settings);
     if (status != TBS_ST_OK)
-        return exit_status_of(status);
+        return is_found ? exit_status_of(status) : exit_status_of_request(status);
     if (results.empty())
         imsg_print(IMSG_ERROR, "No such entry\n", IMSG_FORMAT);
     return results.empty() ? exit_failed : exit_done;

@@ -84,6 +84,47 @@ TEST_F(Veliactl, ContactOfAnUnknownHostNamesIt) {
     EXPECT_THAT(outcome.errors, HasSubstr("nobody.invalid"));
 }
 
+TEST_F(Veliactl, AnUnknownHostIsUnreachableInEveryCommand) {
+    const std::string nobody = "nobody.invalid";
+    const std::string uuid = "0b5f8a52-7d1a-4c39-9d54-1a2b3c4d5e6f";
+    const std::vector<std::vector<std::string>> of_a_host = {{"contact", nobody},
+                                                             {"probe", nobody},
+                                                             {"server", "list", nobody},
+                                                             {"server", "find", nobody, "--prog", "1"},
+                                                             {"server", "connect", nobody, "--prog", "1"},
+                                                             {"host", "info", nobody},
+                                                             {"host", "tz", nobody},
+                                                             {"clients", "list", nobody},
+                                                             {"clients", "lookup", nobody, "x"},
+                                                             {"registry", "promote", nobody}};
+    const std::vector<std::vector<std::string>> of_the_registry = {
+        {"registry", "list", "regions"},
+        {"registry", "find", "regions", "--string", "name=x"},
+        {"registry", "stats", "regions", "--string", "name=x"},
+        {"registry", "add", "regions", "name=x"},
+        {"registry", "remove", "regions", "--string", "name=x"},
+        {"registry", "dbs"},
+        {"registry", "check"},
+        {"view", "list"},
+        {"vault", "list"},
+        {"view", "add", uuid, "--hostname", "h", "--path", "/v"},
+        {"vault", "add", uuid, "--family", uuid, "--hostname", "h", "--path", "/v"}};
+    const auto expect_unreachable = [&](const std::vector<std::string> &words) {
+        const auto outcome = veliactl(words);
+        EXPECT_EQ(outcome.status, UNREACHABLE) << testing::PrintToString(words) << outcome.errors;
+        EXPECT_THAT(outcome.errors, HasSubstr(nobody)) << testing::PrintToString(words);
+    };
+    for (const auto &words : of_a_host)
+        expect_unreachable(words);
+    for (auto words : of_the_registry) {
+        words.insert(words.end(), {"--host", nobody});
+        expect_unreachable(words);
+    }
+    site.write("host/config/rgy_hosts.conf", nobody + "\n\n");
+    expect_unreachable({"registry", "list", "regions"});
+    expect_unreachable({"registry", "backup"});
+}
+
 TEST_F(Veliactl, ContactOfSeveralTellsTheGoodAndFailsForTheOthers) {
     serve();
     const auto outcome = veliactl({"contact", "--no-headers", "nobody.invalid", "alpha"});
