@@ -3,13 +3,17 @@
 
 #include <iostream>
 
+#include <unistd.h>
+
 #include <cli/streams.h>
 
 namespace velia::cli {
 
+// Programs know an empty result when they see it; a person wonders whether anything has been done.
 void print(const Results &results, const Settings &settings) {
     results.print(settings.format, settings.with_headers, std::cout);
-    flush_results();
+    if (flush_results() && results.empty() && isatty(STDERR_FILENO) != 0)
+        std::cerr << "Nothing found\n";
 }
 
 void print_change(const Results &results, const Settings &settings) {

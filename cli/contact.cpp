@@ -60,7 +60,8 @@ int contact_hosts(const Arguments &arguments, const Settings &settings) {
     for (const auto &host : arguments.hosts)
         if (!contact_host(host, arguments, settings, results))
             status = exit_unreachable;
-    print(results, settings);
+    if (!results.empty())
+        print(results, settings);
     return status;
 }
 

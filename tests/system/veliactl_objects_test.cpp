@@ -105,6 +105,29 @@ private:
     size_t answered_ = 0;
 };
 
+TEST_F(VeliactlObjects, ThatAreNoneAreToldToAPersonAlone) {
+    for (const char *form : {"plain", "json", "table"}) {
+        OnTerminal terminal({VELIACTL, "view", "list", "-o", form});
+        EXPECT_EQ(terminal.end(), DONE);
+        EXPECT_EQ(terminal.shown(), "Nothing found\r\n");
+        const auto outcome = veliactl({"view", "list", "-o", form});
+        EXPECT_EQ(outcome.status, DONE);
+        EXPECT_EQ(outcome.output + outcome.errors, "");
+    }
+}
+
+TEST_F(VeliactlObjects, ThatAreNoneAreNotToldBesideAFailure) {
+    for (const Words &words :
+         {Words{"contact", "nobody.invalid"}, {"registry", "remove", "regions", "--string", "name=x"}}) {
+        Words line = {VELIACTL};
+        line.insert(line.end(), words.begin(), words.end());
+        OnTerminal terminal(line);
+        EXPECT_NE(terminal.end(), DONE);
+        EXPECT_THAT(terminal.shown(), Not(IsEmpty()));
+        EXPECT_THAT(terminal.shown(), Not(HasSubstr("Nothing found")));
+    }
+}
+
 struct VeliactlRole : VeliactlTest {
     std::unique_ptr<Daemon> standby;
 
