@@ -8,12 +8,14 @@
 #include <support/imsg.h>
 #include <support/stg.h>
 #include <veliaxdr/poolmap.h>
+#include <veliaxdr/rgy_entry.h>
 
 namespace velia::cli {
 
 namespace {
 
 constexpr size_t first_block_size = 4096;
+constexpr int option_size_max = 1024; // of a name or a value
 
 struct Arguments {
     std::string text;
@@ -65,10 +67,21 @@ struct Map {
     poolmap_elem_t *targets = nullptr;
 };
 
+// The library takes options that it cannot read for options without a map. Who asks what a map says wants to know.
+bool can_be_read(std::string mount_options) { // is cut up
+    char *map_text = nullptr;
+    return rgy_find_attrval(mount_options.data(), "poolmap", &map_text) != TBS_ST_INVALID_ARG;
+}
+
 tbs_status_t crack(const Arguments &arguments, Map &map) {
     std::string text = arguments.text; // is cut up
     if (map.area == nullptr)
         return TBS_ST_NO_MEMORY;
+    if (arguments.is_mount_options && !can_be_read(text)) {
+        imsg_print(IMSG_ERROR, "Mount options with a name or a value of %d characters or more cannot be read\n",
+                   IMSG_FORMAT, option_size_max);
+        return TBS_ST_INVALID_ARG;
+    }
     if (arguments.is_mount_options)
         return poolmap_crack_mntopts(text.data(), map.area.get(), &map.count, &map.prefixes, &map.targets);
     return poolmap_crack_mapstring(text.data(), map.area.get(), &map.count, &map.prefixes, &map.targets);

@@ -47,6 +47,17 @@ TEST_F(VeliactlPoolMap, OfMountOptionsIsTheirOption) {
     EXPECT_THAT(objects({"poolmap", "explain", "--mount-options", "ro"}), IsEmpty());
 }
 
+TEST_F(VeliactlPoolMap, OfMountOptionsThatIsTooLongToBeReadIsTold) {
+    const auto map_of = [](size_t size) { return "/" + std::string(size - 6, 'p') + "/=/b/"; };
+    const auto too_long = veliactl({"poolmap", "explain", "--mount-options", "ro,poolmap=" + map_of(1024)});
+    EXPECT_EQ(too_long.status, FAILED);
+    EXPECT_THAT(too_long.output, IsEmpty());
+    EXPECT_THAT(too_long.errors,
+                HasSubstr("Mount options with a name or a value of 1024 characters or more cannot be read"));
+    EXPECT_THAT(too_long.errors, HasSubstr("The pool map cannot be used"));
+    EXPECT_THAT(objects({"poolmap", "explain", "--mount-options", "ro,poolmap=" + map_of(1023)}), SizeIs(1));
+}
+
 TEST_F(VeliactlPoolMap, ThatMatchesNothingFailsAndShowsThePairs) {
     const auto outcome = veliactl({"poolmap", "explain", "/a/=/b/", "/ab", "-o", "json"});
     EXPECT_EQ(outcome.status, FAILED);
