@@ -66,7 +66,8 @@ std::string fault_of_command(Commands commands, const std::vector<std::string> &
             return "";
         if (word.starts_with('-'))
             continue;
-        const std::string path = group.empty() ? word : group + " " + word;
+        std::string path = group;
+        path += (group.empty() ? "" : " ") + word;
         const auto found = std::find_if(commands.begin(), commands.end(),
                                         [&](const Command &command) { return command.path == path; });
         if (found == commands.end())
