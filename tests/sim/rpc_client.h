@@ -7,7 +7,7 @@
 
 namespace sim {
 
-// `owned_fd` is closed with the client when it was told to (CLSET_FD_CLOSE) or made the socket itself.
+// `socket_fd` is closed with the client where it owns it, or was given it since (CLSET_FD_CLOSE).
 CLIENT *make_client(const sockaddr *address, uint32_t program, uint32_t version, int socket_fd, bool tcp,
                     bool owns_socket);
 

@@ -184,24 +184,26 @@ CLIENT *__wrap_ks_clntudp_create_sockaddr(const sockaddr *address, uint32_t prog
     return sim::make_client(address, program, version, *socket_fd, false, false);
 }
 
-static CLIENT *open_tcp_client(const sockaddr *address, uint32_t program, uint32_t version, int *socket_fd) {
+static CLIENT *open_tcp_client(const sockaddr *address, uint32_t program, uint32_t version, int *socket_fd,
+                               bool owns_socket) {
     World::current().support_call();
     if (fails(&Faults::tcp_client) || is_unreachable(address))
         return creation_error(RPC_SYSTEMERROR);
-    const bool opens = *socket_fd < 0;
-    if (opens)
+    if (*socket_fd < 0)
         *socket_fd = socket(address->sa_family, SOCK_STREAM, 0);
-    return sim::make_client(address, program, version, *socket_fd, true, opens);
+    return sim::make_client(address, program, version, *socket_fd, true, owns_socket);
 }
 
+// As the real ones: a client made in the first way leaves its socket to the caller, one made in the second closes it.
 CLIENT *__wrap_ks_clnttcp_create_sockaddr(const sockaddr *address, uint32_t program, uint32_t version, int *socket_fd,
                                           uint32_t, uint32_t) {
-    return open_tcp_client(address, program, version, socket_fd);
+    return open_tcp_client(address, program, version, socket_fd, false);
 }
 
 CLIENT *__wrap_sysutl_clnttcp_create_ext(const sockaddr *address, uint32_t program, uint32_t version, int *socket_fd,
                                          uint32_t, uint32_t) {
-    return open_tcp_client(address, program, version, socket_fd);
+    *socket_fd = -1;
+    return open_tcp_client(address, program, version, socket_fd, true);
 }
 
 int __wrap_imsg_get_desired_verbosity() {

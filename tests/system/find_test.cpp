@@ -4,7 +4,9 @@
 #include <ostream>
 
 #include <arpa/inet.h>
+#include <filesystem>
 #include <set>
+#include <string>
 
 #include <tests/system/support/client.h>
 #include <tests/system/support/daemon.h>
@@ -18,6 +20,14 @@ constexpr size_t clients = 12;
 
 uint16_t port_in(const Found &found) {
     return ntohs(found.address.addrs[0].ipv4.sin_port);
+}
+
+// The numbers of this process's descriptors; that of the listing itself is always the same one.
+std::set<std::string> open_descriptors() {
+    std::set<std::string> numbers;
+    for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd"))
+        numbers.insert(entry.path().filename());
+    return numbers;
 }
 
 struct Road {
@@ -54,6 +64,18 @@ TEST_P(ConnectBy, StartsTheServerAndGetsItsAnswer) {
     EXPECT_EQ(echo(GetParam().host, program, GetParam().transport, "good day"), "good day") << daemon.output();
     EXPECT_EQ(echo(GetParam().host, program, GetParam().transport, "and again"), "and again");
     EXPECT_EQ(daemon.started().size(), 1u);
+}
+
+TEST_P(ConnectBy, LeavesNoDescriptorBehindItsClient) {
+    Site site;
+    site.configure(GetParam().daemon_option + sample_line(program, "shared", "-"));
+    Daemon daemon(site);
+    ASSERT_TRUE(daemon.is_ready()) << daemon.output();
+    // The first connection also makes the handle to the broker, which stays.
+    ASSERT_EQ(echo(GetParam().host, program, GetParam().transport, "first"), "first") << daemon.output();
+    const auto before = open_descriptors();
+    ASSERT_EQ(echo(GetParam().host, program, GetParam().transport, "again"), "again") << daemon.output();
+    EXPECT_EQ(open_descriptors(), before);
 }
 
 TEST(Find, GivesBothFamiliesWhereHostAndServerHaveThem) {

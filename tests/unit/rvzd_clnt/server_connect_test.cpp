@@ -55,16 +55,18 @@ protected:
     rvzd_connection_t connection = {};
 };
 
-TEST_F(ServerConnect, UdpGivesAClientThatOwnsItsSocket) {
-    ASSERT_EQ(connect_to("alpha"), TBS_ST_OK);
-    ASSERT_NE(connection.client, nullptr);
-    EXPECT_GE(connection.socket_fd, 0);
-    EXPECT_EQ(connection.server_addr.addr_count, 1u);
-    EXPECT_EQ(world.live_descriptors(), 2u); // the broker's and the server's
-    clnt_destroy(connection.client);
-    connection.client = nullptr;
-    EXPECT_EQ(world.live_descriptors(), 1u);
-    EXPECT_THAT(world.take_messages(), IsEmpty());
+TEST_F(ServerConnect, GivesAClientThatOwnsItsSocket) {
+    for (const bool tcp : {false, true}) {
+        ASSERT_EQ(connect_to("alpha", tcp), TBS_ST_OK);
+        ASSERT_NE(connection.client, nullptr);
+        EXPECT_GE(connection.socket_fd, 0);
+        EXPECT_EQ(connection.server_addr.addr_count, 1u);
+        EXPECT_EQ(world.live_descriptors(), 2u); // the broker's and the server's
+        clnt_destroy(connection.client);
+        connection.client = nullptr;
+        EXPECT_EQ(world.live_descriptors(), 1u) << (tcp ? "TCP" : "UDP");
+        EXPECT_THAT(world.take_messages(), IsEmpty());
+    }
 }
 
 TEST_F(ServerConnect, TheClientCallsTheServersProgram) {

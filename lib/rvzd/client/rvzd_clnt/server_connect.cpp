@@ -60,10 +60,8 @@ Trial try_udp(const Target &target, rvzd_connection_t &connection, const ks_sock
     connection.client = ks_clntudp_create_sockaddr(&address.base, static_cast<uint32_t>(target.trait->prog),
                                                    static_cast<uint32_t>(target.trait->vers), connection.wait_s, 0,
                                                    &connection.socket_fd);
-    if (connection.client != nullptr) {
-        clnt_control(connection.client, CLSET_FD_CLOSE, nullptr);
+    if (connection.client != nullptr)
         return {TBS_ST_OK, nullptr};
-    }
     const Trial failed = failed_creation("ks_clntudp_create");
     close(connection.socket_fd);
     connection.socket_fd = -1;
@@ -89,6 +87,9 @@ tbs_status_t open_client(const Target &target, rvzd_connection_t &connection) {
         if (status == TBS_ST_OK)
             break;
     }
+    // The caller destroys the client and nothing else, so the client has its socket, whoever opened it.
+    if (connection.client != nullptr)
+        clnt_control(connection.client, CLSET_FD_CLOSE, nullptr);
     if (status != TBS_ST_OK)
         status = trials[0].status;
     else if (trials[0].error_text != nullptr)
