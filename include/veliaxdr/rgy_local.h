@@ -79,7 +79,7 @@ tbs_status_t registry_prop_get_region_names_local(size_t size1, size_t size2, si
 
 /*
  * Replace the two files, keeping the former one as ".old". The lengths are not looked at; a null text is empty.
- * TBS_ST_ERROR, with the file as it was, when the new one cannot be put in place.
+ * TBS_ST_ERROR, with the file as it was, when the new one cannot be put in place, which is printed.
  */
 tbs_status_t registry_prop_set_hostnames_local(size_t length1, size_t length2, const char *host1, const char *host2);
 tbs_status_t registry_prop_set_region_names_local(size_t length1, size_t length2, const char *name1, const char *name2);

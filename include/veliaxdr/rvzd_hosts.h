@@ -39,6 +39,7 @@ enum {
     CLNT_LIST_MSG_DUPLICATE_ADDRESS = 4,
     CLNT_LIST_MSG_CANNOT_CREATE = 5,
     CLNT_LIST_MSG_CREATED = 6,
+    CLNT_LIST_MSG_CANNOT_WRITE = 7,
     CLNT_LIST_MSG_CANNOT_SYNC = 8,
     CLNT_LIST_MSG_CANNOT_CLOSE = 9,
     CLNT_LIST_MSG_CANNOT_BACK_UP = 10,
@@ -168,7 +169,8 @@ tbs_status_t rvzd_exist_check(const char *host);
 /*
  * Writers of the client list file: its first line, one line for an entry, and a whole file. Values are written as they
  * stand. clnt_list_write_file truncates or makes the file at `path` and has it on disk when it returns; what makes a
- * new file the current one is for its caller.
+ * new file the current one is for its caller. One write that fails fails it, whatever the later ones do, and leaves a
+ * file that is short. The first two end at a write that fails; the stream's error indicator tells.
  *
  *   TBS_ST_INVALID_ARG  no path, no entries, or a count of 0: the file is not touched
  *   else                the status of the system's error, printed

@@ -186,8 +186,10 @@ bool write_client_file(const std::string &file_name, ClientList &list) {
     std::vector<clnt_entry_t> entries;
     for (const ListedHost &client : list.clients())
         entries.push_back(client.lend(true));
-    if (clnt_list_write_file(new_name.c_str(), static_cast<uint32_t>(entries.size()), entries.data()) != TBS_ST_OK)
-        return false; // told by the writer
+    if (clnt_list_write_file(new_name.c_str(), static_cast<uint32_t>(entries.size()), entries.data()) != TBS_ST_OK) {
+        unlink(new_name.c_str()); // is short, and the disk may be full
+        return false;             // told by the writer
+    }
     unlink(old_name.c_str());
     if (link(file_name.c_str(), old_name.c_str()) != 0 && errno != ENOENT)
         print_failure(CLNT_LIST_MSG_CANNOT_BACK_UP, file_name); // no reason to lose the new one

@@ -36,8 +36,10 @@ constexpr TextItem text_items[] = {{"-hostname", &clnt_hostinfo_t::hostname},
                                    {"-registry_host", &clnt_hostinfo_t::registry_host},
                                    {"-region", &clnt_hostinfo_t::region}};
 
-void write_item(FILE *stream, const char *key, const char *value) {
-    fprintf(stream, "%s=%s;", key, value);
+// The writers give 0, or the errno value of the first write that failed. The stream forgets what it could not write and
+// takes more, so that a later write that succeeds proves nothing.
+int write_item(FILE *stream, const char *key, const char *value) {
+    return fprintf(stream, "%s=%s;", key, value) < 0 ? errno : 0;
 }
 
 ks_sockaddr_storage_t plain_address(const ks_sockaddr_storage_t &address) {
@@ -50,7 +52,7 @@ ks_sockaddr_storage_t plain_address(const ks_sockaddr_storage_t &address) {
 }
 
 // An address that cannot be written leaves an empty value, and the line is written all the same.
-void write_address(FILE *stream, const ks_sockaddr_storage_t &address) {
+int write_address(FILE *stream, const ks_sockaddr_storage_t &address) {
     const ks_sockaddr_storage_t plain = plain_address(address);
     char text[address_size] = "";
     if (sysutl_host_numeric(&plain.base, sizeof text, text, 0, 0) != 0) {
@@ -58,7 +60,31 @@ void write_address(FILE *stream, const ks_sockaddr_storage_t &address) {
         imsg_print_shared(IMSG_ERROR, subsystem, &_tbs_cmsg_tbs_msg_table, TBS_MSG_OPERATION_FAILED,
                           "sysutl_host_numeric", "Unable to resolve numeric hostname and port");
     }
-    write_item(stream, "-address", text);
+    return write_item(stream, "-address", text);
+}
+
+int write_header(FILE *stream) {
+    return fprintf(stream, "%s=%s;\n", version_key, version) < 0 ? errno : 0;
+}
+
+int write_entry(FILE *stream, const clnt_entry_t &entry) {
+    int error_number = write_address(stream, entry.address);
+    for (const auto &[key, text] : text_items)
+        if (error_number == 0 && entry.hostinfo.*text != nullptr)
+            error_number = write_item(stream, key, entry.hostinfo.*text);
+    if (error_number == 0 && entry.registry_time != 0)
+        error_number = write_item(stream, "-registry", date_fmt_token_date_time(entry.registry_time));
+    if (error_number != 0)
+        return error_number;
+    const char *options = entry.hostinfo.options != nullptr ? entry.hostinfo.options : "";
+    return fprintf(stream, "%s\n", options) < 0 ? errno : 0;
+}
+
+int write_lines(FILE *stream, uint32_t count, const clnt_entry_t *entries) {
+    int error_number = write_header(stream);
+    for (uint32_t i = 0; i < count && error_number == 0; ++i)
+        error_number = write_entry(stream, entries[i]);
+    return error_number;
 }
 
 template <class... Arguments>
@@ -93,18 +119,14 @@ FILE *open_file(const char *path, tbs_status_t &status) {
     return stream;
 }
 
-void write_lines(FILE *stream, uint32_t count, const clnt_entry_t *entries) {
-    clnt_list_write_header(stream);
-    for (uint32_t i = 0; i < count; ++i)
-        clnt_list_write_entry(stream, &entries[i]);
-}
-
 tbs_status_t write_file(const char *path, uint32_t count, const clnt_entry_t *entries, FILE *&stream) {
     tbs_status_t status = TBS_ST_OK;
     with_inhibit([&] { stream = open_file(path, status); });
     if (stream == nullptr)
         return status;
-    write_lines(stream, count, entries);
+    const int lost = write_lines(stream, count, entries);
+    if (lost != 0)
+        return failed(CLNT_LIST_MSG_CANNOT_WRITE, path, lost);
     if (sysutl_fsync_fptr(stream) != 0)
         return failed(CLNT_LIST_MSG_CANNOT_SYNC, path, errno);
     const int error_number = with_inhibit([&] {
@@ -121,17 +143,11 @@ tbs_status_t write_file(const char *path, uint32_t count, const clnt_entry_t *en
 } // namespace
 
 void clnt_list_write_header(FILE *stream) {
-    fprintf(stream, "%s=%s;\n", version_key, version);
+    write_header(stream);
 }
 
 void clnt_list_write_entry(FILE *stream, const clnt_entry_t *entry) {
-    write_address(stream, entry->address);
-    for (const auto &[key, text] : text_items)
-        if (entry->hostinfo.*text != nullptr)
-            write_item(stream, key, entry->hostinfo.*text);
-    if (entry->registry_time != 0)
-        write_item(stream, "-registry", date_fmt_token_date_time(entry->registry_time));
-    fprintf(stream, "%s\n", entry->hostinfo.options != nullptr ? entry->hostinfo.options : "");
+    write_entry(stream, *entry);
 }
 
 tbs_status_t clnt_list_write_file(const char *path, uint32_t count, const clnt_entry_t *entries) {

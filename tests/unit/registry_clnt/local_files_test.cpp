@@ -220,6 +220,19 @@ TEST_F(ConfigurationFile, WhatCannotBePutInPlaceIsAnErrorAndTheFileStays) {
     EXPECT_EQ(write_file((world.root() + "/nowhere/file").c_str(), "two"), TBS_ST_ERROR);
 }
 
+TEST_F(ConfigurationFile, WhatCannotBeWrittenToItsEndIsToldAndTheFileStays) {
+    const std::string path = path_of("file");
+    write("file", "one");
+    std::filesystem::create_symlink("/dev/full", path + ".new");
+    EXPECT_EQ(write_file(path.c_str(), "two"), TBS_ST_ERROR);
+    EXPECT_THAT(world.take_messages(), testing::ElementsAre(sim::Message{IMSG_ERROR, nullptr, IMSG_FORMAT,
+                                                                         "Unable to write file \"" + path +
+                                                                             ".new\": " + strerror(ENOSPC) + ".\n"}));
+    EXPECT_EQ(contents(path), "one");
+    EXPECT_EQ(contents(path + ".old"), std::nullopt);
+    EXPECT_FALSE(std::filesystem::is_symlink(path + ".new"));
+}
+
 TEST_F(ConfigurationFile, ABackupsNameHas1023CharactersAtMost) {
     char out[1024];
     const std::string fits(1019, 'p');

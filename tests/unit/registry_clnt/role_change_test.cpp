@@ -180,7 +180,10 @@ TEST_F(ClientChange, AnyOtherOperationIsRefused) {
 TEST_F(ClientChange, AFileThatCannotBeWrittenIsTold) {
     std::filesystem::remove_all(path_of(""));
     EXPECT_EQ(rgy_clnt_conf_change(RGY_CONF_SET_HOST, "gamma"), TBS_ST_ERROR);
-    EXPECT_THAT(world.take_messages(), ElementsAre(error(REGISTRY_MSG_BAD_REQUEST, "gamma")));
+    const std::string why =
+        "Unable to write file \"" + path_of("rgy_hosts.conf.new") + "\": " + strerror(ENOENT) + ".\n";
+    EXPECT_THAT(world.take_messages(), ElementsAre(sim::Message{IMSG_ERROR, nullptr, IMSG_FORMAT, why},
+                                                   error(REGISTRY_MSG_BAD_REQUEST, "gamma")));
 }
 
 TEST_F(ClientChange, LeavesTheHostInUseUntilItsCacheIsInvalidated) {

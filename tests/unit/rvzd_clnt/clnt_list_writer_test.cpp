@@ -2,8 +2,10 @@
 #include <tests/unit/rvzd_clnt/broker_fixture.h>
 
 #include <arpa/inet.h>
+#include <csignal>
 #include <fstream>
 #include <sstream>
+#include <sys/resource.h>
 
 #include <support/date.h>
 #include <tests/bad_files.h>
@@ -115,6 +117,53 @@ TEST_F(ClientListFile, AFullDeviceIsToldAndNoDescriptorStaysOpen) {
     EXPECT_NE(clnt_list_write_file("/dev/full", 1, &entry), TBS_ST_OK);
     EXPECT_EQ(world.take_messages().at(0),
               message_of(IMSG_ERROR, _clnt_list_rvzd_msg_table, 8, "/dev/full", imsg_strerror(ENOSPC)));
+}
+
+// A disk that is full for a while: the messages that the writer prints on its way make room again.
+class ShortDisk {
+public:
+    explicit ShortDisk(rlim_t bytes) {
+        signal(SIGXFSZ, SIG_IGN); // a write beyond it fails with EFBIG
+        getrlimit(RLIMIT_FSIZE, &usual);
+        rlimit limit = usual;
+        limit.rlim_cur = bytes;
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~ShortDisk() { make_room(this, 0, nullptr, nullptr, 0, nullptr); }
+    ShortDisk(const ShortDisk &) = delete;
+    ShortDisk &operator=(const ShortDisk &) = delete;
+
+    static void make_room(void *disk, int, const char *, const imsg_table_t *, int, const char *) {
+        setrlimit(RLIMIT_FSIZE, &static_cast<ShortDisk *>(disk)->usual);
+    }
+
+private:
+    rlimit usual;
+};
+
+TEST_F(ClientListFile, OneWriteThatFailsFailsTheCallWhateverTheLaterOnesDo) {
+    std::vector<clnt_entry_t> entries(2000, entry_at("10.0.0.1"));
+    entries[1000] = {}; // of no family: told in words when its line comes
+    tbs_status_t status;
+    {
+        ShortDisk disk(4096);
+        imsg_set_sink(ShortDisk::make_room, &disk);
+        status = clnt_list_write_file(path().c_str(), static_cast<uint32_t>(entries.size()), entries.data());
+    }
+    EXPECT_EQ(status, tbs_errno2status(EFBIG));
+    EXPECT_EQ(world.live_descriptors(), 0u);
+}
+
+TEST_F(ClientListFile, AWriteThatFailsIsToldWithTheNameOfTheFile) {
+    const std::vector<clnt_entry_t> entries(2000, entry_at("10.0.0.1"));
+    for (const std::string &full : {path(), std::string("/dev/full")}) {
+        const ShortDisk disk(4096);
+        const int error_number = full == path() ? EFBIG : ENOSPC;
+        EXPECT_EQ(clnt_list_write_file(full.c_str(), static_cast<uint32_t>(entries.size()), entries.data()),
+                  tbs_errno2status(error_number));
+        EXPECT_THAT(world.take_messages(), testing::ElementsAre(message_of(IMSG_ERROR, _clnt_list_rvzd_msg_table, 7,
+                                                                           full.c_str(), imsg_strerror(error_number))));
+    }
 }
 
 TEST_F(ClientListFile, TracesTellOfTheStartAndOfTheLines) {

@@ -1,8 +1,10 @@
 // The daemon's client list: what is entered, what a file says, and what is left of a bad one.
 #include <arpa/inet.h>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <sys/resource.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -151,6 +153,28 @@ TEST_F(ClientFile, AWriteThatFailsLeavesTheFileAndTheChange) {
     EXPECT_FALSE(write_client_file(name(), list));
     EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr(name()));
     EXPECT_TRUE(list.has_changed());
+}
+
+TEST_F(ClientFile, AListThatWasNotWrittenToItsEndDoesNotReplaceTheGoodOne) {
+    ClientList list;
+    for (const char *address : {"10.0.0.1", "10.0.0.2", "10.0.0.3"}) // longer than what is said of it
+        list.enter(client_at(address, std::string(200, 'x')));
+    ASSERT_TRUE(write_client_file(name(), list));
+    const std::string good = text_of(name());
+    list.enter(client_at("10.0.0.4", "four"));
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit usual;
+    getrlimit(RLIMIT_FSIZE, &usual);
+    const rlimit short_disk = {good.size() + 10, usual.rlim_max};
+    testing::internal::CaptureStderr();
+    setrlimit(RLIMIT_FSIZE, &short_disk);
+    const bool is_written = write_client_file(name(), list);
+    setrlimit(RLIMIT_FSIZE, &usual);
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr(name() + ".new"));
+    EXPECT_FALSE(is_written);
+    EXPECT_TRUE(list.has_changed());
+    EXPECT_EQ(text_of(name()), good);
+    EXPECT_FALSE(std::filesystem::exists(name() + ".new"));
 }
 
 TEST_F(ClientFile, BadLinesAreToldAndTheOthersCount) {

@@ -1,6 +1,8 @@
 // The two files of two words each: the registry hosts and the regions of this host.
 #include <rvzd/client/registry_clnt/local/local_files.h>
 
+#include <cerrno>
+
 #include <rvzd/client/registry_clnt/registry_clnt.h>
 #include <support/fileutl.h>
 #include <support/imsg.h>
@@ -106,6 +108,11 @@ bool suffixed(const char *path, const char *suffix, char *out) {
     return strutl_concat(out, path_size, 2, path, suffix) == 0;
 }
 
+tbs_status_t not_replaced(const char *path, int error_number) {
+    imsg_print(IMSG_ERROR, "Unable to write file \"%s\": %s.\n", IMSG_FORMAT, path, imsg_strerror(error_number));
+    return TBS_ST_ERROR;
+}
+
 } // namespace
 
 tbs_status_t velia::registry_clnt::generate_backup_pathname(const char *path, char *out) {
@@ -116,13 +123,19 @@ tbs_status_t velia::registry_clnt::generate_backup_pathname(const char *path, ch
 tbs_status_t velia::registry_clnt::write_file(const char *path, const char *text) {
     char new_path[path_size];
     char old_path[path_size];
-    if (!suffixed(path, ".new", new_path) || strutl_write(text, new_path, 0, 0) != 0)
-        return TBS_ST_ERROR;
+    if (!suffixed(path, ".new", new_path))
+        return not_replaced(path, ENAMETOOLONG);
+    const int error_number = strutl_write(text, new_path, 0, 0);
+    if (error_number != 0) {
+        fileutl_rm(new_path, FILEUTL_QUIET); // may be there in part
+        return not_replaced(new_path, error_number);
+    }
     if (generate_backup_pathname(path, old_path) == TBS_ST_OK) {
         fileutl_rm(old_path, FILEUTL_QUIET);
         fileutl_cp(path, old_path, FILEUTL_QUIET);
     }
-    return fileutl_rename(new_path, path) == 0 ? TBS_ST_OK : TBS_ST_ERROR;
+    const int rename_error = fileutl_rename(new_path, path);
+    return rename_error == 0 ? TBS_ST_OK : not_replaced(path, rename_error);
 }
 
 const char *registry_configuration_pathname(void) {

@@ -17,7 +17,8 @@ inline constexpr Lock<LockRank::local_files> prop_local_lock = {rgy_prop_local_m
 // `path` with ".old" behind it, in a buffer of path_size bytes; TBS_ST_ERROR if that does not fit.
 tbs_status_t generate_backup_pathname(const char *path, char *out);
 
-// Makes `text` the contents of the file by way of a ".new" one, and keeps the file that was there as ".old".
+// Makes `text` the contents of the file by way of a ".new" one, and keeps the file that was there as ".old". A failure
+// is printed, and leaves the file as it was.
 tbs_status_t write_file(const char *path, const char *text);
 
 // Whether `user`, which may have a domain, is the one that `pattern` names. A pattern without a domain fits any.
