@@ -55,6 +55,9 @@ addrinfo *numeric_address(const std::string &text, uint16_t port, int socket_typ
 }
 
 int resolve_service(World &world, const char *service, int socket_type, addrinfo **result) {
+    const auto error = world.resolver_errors.find(service);
+    if (error != world.resolver_errors.end())
+        return error->second;
     const auto found = world.services.find(service);
     if (found == world.services.end())
         return EAI_SERVICE;

@@ -66,6 +66,33 @@ TEST_F(BrokerPort, IsKeptForTheLifeOfTheProcess) {
     EXPECT_THAT(world.lookups, ElementsAre("rvzd"));
 }
 
+TEST_F(BrokerPort, ALookUpThatFailsIsToldAndAskedAgain) {
+    for (const int code : {EAI_MEMORY, EAI_SYSTEM, EAI_AGAIN}) {
+        world.resolver_errors = {{"rvzd", code}, {"ironvale", code}};
+        EXPECT_EQ(port(), 371);
+        EXPECT_THAT(world.take_messages(), ElementsAre(message_of(IMSG_WARNING, _rvzd_rvzd_msg_table, 25, "rvzd", "udp",
+                                                                  gai_strerror(code), 371)));
+    }
+    world.resolver_errors.clear();
+    EXPECT_EQ(port(), 3710);
+}
+
+TEST_F(BrokerPort, AnEntryForIronvaleIsNotKeptWhileTheOneForRvzdCannotBeRead) {
+    world.services = {{"rvzd", 4000}, {"ironvale", 5000}};
+    world.resolver_errors = {{"rvzd", EAI_MEMORY}};
+    EXPECT_EQ(port(), 5000);
+    world.resolver_errors.clear();
+    EXPECT_EQ(port(), 4000);
+}
+
+TEST_F(BrokerPort, ThatNoEntryStandsIsAnAnswerAndKept) {
+    world.services.clear();
+    EXPECT_EQ(port(), 371);
+    world.services = {{"rvzd", 4000}};
+    EXPECT_EQ(port(), 371);
+    EXPECT_THAT(world.lookups, ElementsAre("rvzd", "ironvale"));
+}
+
 TEST_F(BrokerPort, ARaiseLeavesNothingBehindButTheLock) {
     const auto before = sim::Holdings::now(world);
     uint16_t network_port;

@@ -19,7 +19,8 @@ constexpr char protocol_name[] = "udp";
 constexpr char marker_file_name[] = ".rvzd_well_known_port";
 constexpr uint16_t well_known_port = 371;
 
-uint16_t rvzd_wk_port; // network order, 0 until found
+// Network order; 0 until something answered. A look-up that failed, for want of memory or descriptors, is no answer.
+uint16_t rvzd_wk_port;
 
 int look_up_socket_type(const char *protocol) {
     if (strcmp(protocol, "tcp") == 0)
@@ -45,7 +46,14 @@ int port_of_service(const char *service, int socket_type, uint16_t &port) {
     return found ? 0 : EAI_SERVICE;
 }
 
-uint16_t find_port() {
+// True if there is no such entry; anything else means that nobody could look.
+bool is_absent(int code) {
+    return code == EAI_SERVICE || code == EAI_NONAME;
+}
+
+// `is_answer` says whether asking again would bring the same.
+uint16_t find_port(bool &is_answer) {
+    is_answer = true;
     const char *service;
     const char *protocol;
     const char *marker;
@@ -55,11 +63,14 @@ uint16_t find_port() {
         return htons(fallback);
     const int socket_type = look_up_socket_type(protocol);
     uint16_t port;
-    if (port_of_service(service, socket_type, port) == 0)
-        return port;
-    const int code = port_of_service(fallback_service_name, socket_type, port);
+    int code = port_of_service(service, socket_type, port);
     if (code == 0)
         return port;
+    is_answer = is_absent(code);
+    code = port_of_service(fallback_service_name, socket_type, port);
+    if (code == 0)
+        return port;
+    is_answer = is_answer && is_absent(code);
     imsg_print(IMSG_WARNING, &_rvzd_rvzd_msg_table, RVZD_MSG_NO_SERVICE_PORT, service, protocol, gai_strerror(code),
                static_cast<int>(fallback));
     return htons(fallback);
@@ -69,9 +80,10 @@ uint16_t find_port() {
 
 tbs_status_t rvzd_get_port(const char * /*host*/, uint16_t *port, int /*family*/) {
     return with_lock(call_lock, [&] {
-        if (rvzd_wk_port == 0)
-            rvzd_wk_port = find_port();
-        *port = rvzd_wk_port;
+        bool is_answer = false;
+        *port = rvzd_wk_port != 0 ? rvzd_wk_port : find_port(is_answer);
+        if (is_answer)
+            rvzd_wk_port = *port;
         return TBS_ST_OK;
     });
 }
