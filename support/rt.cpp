@@ -10,9 +10,9 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <uv.h>
 
-#include <support/ivlthread.h>
 #include <support/pfm.h>
 
 namespace {
@@ -49,7 +49,6 @@ bool is_running;   // under the lock
 
 uv_loop_t loop;
 uv_async_t waker;
-ivlthread_once_t loop_once;
 int loop_is_ready;
 int stop_is_wanted;
 int raised_code; // of the loop's thread
@@ -189,20 +188,45 @@ void on_wake(uv_async_t *) {
         uv_stop(&loop);
 }
 
-// The waker alone keeps nobody waiting.
-int make_loop() {
-    if (uv_loop_init(&loop) != 0)
-        return 0;
-    if (uv_async_init(&loop, &waker, on_wake) == 0) {
-        uv_unref(reinterpret_cast<uv_handle_t *>(&waker));
-        __atomic_store_n(&loop_is_ready, 1, __ATOMIC_RELEASE);
+// libuv ends the process where it cannot have the descriptors of a first loop, six of them: so they are tried for
+// first.
+bool has_descriptors_for_loop() {
+    constexpr int pipes = 4;
+    int ends[pipes][2];
+    int made = 0;
+    while (made < pipes && pipe2(ends[made], O_CLOEXEC) == 0)
+        ++made;
+    for (int i = 0; i < made; ++i) {
+        close(ends[i][0]);
+        close(ends[i][1]);
     }
-    return 0;
+    return made == pipes;
 }
 
-bool has_loop() {
-    ivlthread_once(&loop_once, make_loop);
+// Under the lock. The waker alone keeps nobody waiting.
+void make_loop() {
+    if (!has_descriptors_for_loop() || uv_loop_init(&loop) != 0)
+        return;
+    if (uv_async_init(&loop, &waker, on_wake) != 0) {
+        uv_loop_close(&loop);
+        return;
+    }
+    uv_unref(reinterpret_cast<uv_handle_t *>(&waker));
+    __atomic_store_n(&loop_is_ready, 1, __ATOMIC_RELEASE);
+}
+
+bool is_loop_ready() {
     return __atomic_load_n(&loop_is_ready, __ATOMIC_ACQUIRE) != 0;
+}
+
+// A loop that cannot be made now is tried for again by the next who needs it.
+bool has_loop() {
+    if (is_loop_ready())
+        return true;
+    const Locked locked;
+    if (!is_loop_ready())
+        make_loop();
+    return is_loop_ready();
 }
 
 // Under the lock.

@@ -24,7 +24,8 @@ typedef struct rt_event *rt_event_t;
 
 /*
  * Arms a timer that calls `function` with `argument` once, in the loop, after `seconds` (negative counts as 0).
- * Returns its handle, which is void once the function has been called; null without memory or a loop.
+ * Returns its handle, which is void once the function has been called; null without memory or a loop. A loop that could
+ * not be made, for want of descriptors, is tried for again by the next call.
  */
 rt_event_t rt_sched(void (*function)(void *), void *argument, int seconds);
 

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -409,6 +410,48 @@ namespace {
 }
 
 } // namespace
+
+// Leaves this many descriptors to the process, of those below a limit, until it goes.
+class FewDescriptors {
+public:
+    explicit FewDescriptors(size_t left) {
+        getrlimit(RLIMIT_NOFILE, &usual_);
+        const rlimit limit = {64, usual_.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &limit);
+        for (int fd; (fd = dup(STDERR_FILENO)) >= 0;)
+            taken_.push_back(fd);
+        for (; left > 0; --left, taken_.pop_back())
+            close(taken_.back());
+    }
+    ~FewDescriptors() {
+        setrlimit(RLIMIT_NOFILE, &usual_);
+        for (const int fd : taken_)
+            close(fd);
+    }
+    FewDescriptors(const FewDescriptors &) = delete;
+    FewDescriptors &operator=(const FewDescriptors &) = delete;
+
+private:
+    rlimit usual_;
+    std::vector<int> taken_;
+};
+
+// A process of its own: the loop lasts as long as the process. The exit status is 0 if there was no timer at first and
+// one in the end.
+[[noreturn]] void arm_with_few_descriptors() {
+    const auto arm = [] { return rt_sched([](void *) {}, nullptr, 1) != nullptr; };
+    bool armed_without = false;
+    for (size_t left = 0; left < 6; ++left) {
+        const FewDescriptors few(left);
+        armed_without = armed_without || arm();
+    }
+    _exit(!armed_without && arm() ? 0 : 1);
+}
+
+TEST(LoopDeathTest, ThatCannotBeMadeForWantOfDescriptorsEndsNoProcessAndIsMadeLater) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(arm_with_few_descriptors(), testing::ExitedWithCode(0), "");
+}
 
 TEST(Loop, RaiseOfAFunctionLeavesIt) {
     int later = 0;
