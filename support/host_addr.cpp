@@ -1,6 +1,7 @@
 // Host and service look-up: the site's files first, then the system's resolver.
 #include <support/sysutl.h>
 
+#include <cerrno>
 #include <cstdio>
 
 #include "site_names.h"
@@ -25,7 +26,11 @@ int type_of_entries(int socket_type) {
 // A service that only the system knows is looked up by itself; its port goes for the site's addresses, too.
 int system_port(const char *service, int socket_type, char (&port)[port_text_size]) {
     addrinfo *found = nullptr;
+    errno = 0;
     const int error = ask_system(nullptr, service, socket_type, &found);
+    // The resolver calls a service unknown, too, when it could not open the list.
+    if (error == EAI_SERVICE && velia::support::lacks_means(errno))
+        return EAI_SYSTEM;
     if (error != 0)
         return error;
     uint16_t network_port = 0;
@@ -40,7 +45,10 @@ int find_port(const char *service, int socket_type, char (&port)[port_text_size]
     snprintf(port, sizeof port, "0");
     if (service == nullptr)
         return 0;
-    const unsigned site_port = velia::support::find_site_service(service, socket_type);
+    unsigned site_port = 0;
+    const int error = velia::support::find_site_service(service, socket_type, site_port);
+    if (error != 0)
+        return error;
     if (site_port == 0)
         return system_port(service, socket_type, port);
     snprintf(port, sizeof port, "%u", site_port);

@@ -65,12 +65,13 @@ struct SiteFile {
 SiteFile hosts_file = {"hosts.conf", false};
 SiteFile services_file = {"services.conf", false};
 
-// Gives the lines of `name` to `take`. If the file is refused, also half-way, calls `forget()` and says so.
+// Gives the lines of `name` to `take`. If the file is refused, also half-way, calls `forget()` and says so. 0, or the
+// errno value of a file that could not be read.
 template <class Take, class Forget>
-void read_site_file(SiteFile &site_file, const char *name, Take &&take, Forget &&forget) {
+int read_site_file(SiteFile &site_file, const char *name, Take &&take, Forget &&forget) {
     char path[TBS_PATH_SIZE];
     if (tbs_product_config_dir(path, site_file.name) != TBS_ST_OK)
-        return;
+        return 0;
     TextFile file;
     FileOutcome outcome = file.open(path, site_file_bounds);
     if (outcome == FileOutcome::ok) {
@@ -79,11 +80,12 @@ void read_site_file(SiteFile &site_file, const char *name, Take &&take, Forget &
     }
     if (!is_refused(outcome)) {
         __atomic_store_n(&site_file.is_refusal_printed, false, __ATOMIC_RELAXED);
-        return;
+        return outcome == FileOutcome::unreadable ? file.error_number() : 0;
     }
     forget();
     if (!__atomic_exchange_n(&site_file.is_refusal_printed, true, __ATOMIC_RELAXED))
         support::print_refused_file(path, file, outcome);
+    return 0;
 }
 
 // The nodes come from the system's resolver, so that freeaddrinfo releases the joined list as it would its own.
@@ -142,14 +144,21 @@ int velia::support::find_site_host(const char *host, const char *port, int socke
     return error;
 }
 
-unsigned velia::support::find_site_service(const char *service, int socket_type) {
-    unsigned port = 0;
+bool velia::support::lacks_means(int error_number) {
+    return error_number == EMFILE || error_number == ENFILE || error_number == ENOMEM;
+}
+
+int velia::support::find_site_service(const char *service, int socket_type, unsigned &port) {
+    port = 0;
     const auto take = [&](char *words) {
         char *word = next_word(&words);
         if (word != nullptr)
             port = port_of_word(word, socket_type);
         return port != 0;
     };
-    read_site_file(services_file, service, take, [&] { port = 0; });
-    return port;
+    const int error_number = read_site_file(services_file, service, take, [&] { port = 0; });
+    if (port != 0 || !lacks_means(error_number))
+        return 0;
+    errno = error_number;
+    return EAI_SYSTEM;
 }

@@ -10,7 +10,11 @@ namespace velia::support {
 // code.
 int find_site_host(const char *host, const char *port, int socket_type, addrinfo **result);
 
-// The port that config/services.conf gives `service` for the transport of `socket_type`; 0 for none.
-unsigned find_site_service(const char *service, int socket_type);
+// Stores the port that config/services.conf gives `service` for the transport of `socket_type` in `port`, 0 for none.
+// Returns 0, or EAI_SYSTEM, with errno, when the file cannot be read for the moment.
+int find_site_service(const char *service, int socket_type, unsigned &port);
+
+// True of the errno values that say nothing about a file: no memory or no descriptor is left to look at it with.
+bool lacks_means(int error_number);
 
 } // namespace velia::support

@@ -56,7 +56,8 @@ enum {
 /*
  * The broker's port, in network order, the same for all hosts of a site and kept for the life of the process: 371 if
  * the host has the marker file ".rvzd_well_known_port", else the service entry "rvzd", else "ironvale", else 371 with a
- * warning. `host` and `family` are not used. Always TBS_ST_OK.
+ * warning. A look-up that fails, for want of memory or descriptors, is not kept: the next call asks again. `host` and
+ * `family` are not used. Always TBS_ST_OK.
  */
 tbs_status_t rvzd_get_port(const char *host, uint16_t *port, int family);
 

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <tests/bad_files.h>
@@ -240,6 +241,24 @@ TEST(ServiceLookUp, NumberIsItsOwnPort) {
     TestSite site;
     site.write("config/hosts.conf", "pluto 127.0.0.9\n");
     EXPECT_EQ(look_up("pluto", "371").addresses, Addresses{"127.0.0.9:371"});
+}
+
+TEST(ServiceLookUp, WithoutADescriptorIsAFailureAndNoAnswer) {
+    TestSite site;
+    site.write("config/services.conf", "velia-sample 4711\n");
+    rlimit usual;
+    getrlimit(RLIMIT_NOFILE, &usual);
+    const rlimit none = {3, usual.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    const auto of_site = look_up(nullptr, "velia-sample");
+    setrlimit(RLIMIT_NOFILE, &usual);
+    std::filesystem::remove(site.path("config/services.conf"));
+    setrlimit(RLIMIT_NOFILE, &none);
+    const auto of_system = look_up(nullptr, "velia-nothing");
+    setrlimit(RLIMIT_NOFILE, &usual);
+    EXPECT_EQ(of_site, (LookUp{EAI_SYSTEM, {}}));
+    EXPECT_EQ(of_system, (LookUp{EAI_SYSTEM, {}}));
+    EXPECT_EQ(look_up(nullptr, "velia-nothing").error, EAI_SERVICE);
 }
 
 TEST(ServiceLookUp, UnknownServiceIsAResolversCode) {
