@@ -181,6 +181,22 @@ TEST_P(RegistryProxy, AFailedCallIsToldUnderTheProxysName) {
     expect_untouched();
 }
 
+// As the RPC library does when the peer sends an empty record: a success, and no reply.
+void answer_with_nothing(CLIENT *client) {
+    static auto operations = *client->cl_ops;
+    operations.cl_call = [](CLIENT *, rpcproc_t, xdrproc_t, void *, xdrproc_t, void *, timeval) { return RPC_SUCCESS; };
+    client->cl_ops = &operations;
+}
+
+TEST_P(RegistryProxy, ASuccessWithoutAReplyIsAFailedCall) {
+    answer_with_nothing(call.handle->cached->client);
+    EXPECT_EQ(proxy().call(call), TBS_ST_RPC_FAILED);
+    const auto errors = world.take_errors();
+    ASSERT_FALSE(errors.empty());
+    EXPECT_EQ(errors.back().text, std::string(proxy().name) + " call failed: the answer was empty\n");
+    expect_untouched();
+}
+
 TEST_P(RegistryProxy, TheRegistrysStatusIsTheResultAndNothingIsPrinted) {
     for (tbs_status_t status :
          std::vector<tbs_status_t>{TBS_ST_NOT_FOUND, TBS_ST_UNSUPPORTED, TBS_ST_STALE_ID, TBS_ST_NO_ACCESS, 4711}) {

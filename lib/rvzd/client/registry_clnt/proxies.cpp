@@ -145,7 +145,7 @@ tbs_status_t rvzd_rgy_get_pattern_entry(rvzd_handle_t *handle, rgy_db_t db, int6
     const auto status_of_failure = [&](clnt_stat outcome) -> tbs_status_t {
         if (outcome == RPC_PROCUNAVAIL)
             return TBS_ST_UNSUPPORTED;
-        ks_clnt_perror(rvzd_get_rpc_clnt(handle), procedures::rgy_get_pattern_entry.failed_text);
+        print_failed_call(rvzd_get_rpc_clnt(handle), procedures::rgy_get_pattern_entry.failed_text);
         return TBS_ST_RPC_FAILED;
     };
     return fetch(handle, quiet(procedures::rgy_get_pattern_entry), request, {pair, cursor, max_entries, elist, count},

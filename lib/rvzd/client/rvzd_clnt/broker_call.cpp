@@ -4,13 +4,41 @@
 using namespace velia;
 using namespace velia::rvzd_clnt;
 
+namespace {
+
+// A reply, and whether its routine was run.
+struct Delivery {
+    const Exchange &exchange;
+    bool came;
+};
+
+bool_t xdr_delivery(XDR *xdrs, Delivery *delivery) {
+    delivery->came = true;
+    return delivery->exchange.reply_routine(xdrs, delivery->exchange.reply);
+}
+
+} // namespace
+
+void velia::rvzd_clnt::print_failed_call(CLIENT *client, const char *failed_text) {
+    rpc_err error = {};
+    clnt_geterr(client, &error);
+    if (error.re_status == RPC_SUCCESS) // the RPC library's own view of it
+        imsg_print(IMSG_ERROR, "%s: the answer was empty\n", IMSG_FORMAT, failed_text);
+    else
+        ks_clnt_perror(client, failed_text);
+}
+
+// The RPC library takes an empty record of a peer's for a success without running the reply's routine, and whoever
+// follows what such a reply should point to follows null.
 clnt_stat velia::rvzd_clnt::make_exchange(CLIENT *client, const Exchange &exchange, const timeval &time_out) {
+    Delivery delivery = {exchange, false};
     pfm_inhibit();
     const auto outcome =
         clnt_call(client, exchange.procedure_number, exchange.request_routine, static_cast<char *>(exchange.request),
-                  exchange.reply_routine, static_cast<char *>(exchange.reply), time_out);
+                  reinterpret_cast<xdrproc_t>(reinterpret_cast<void (*)()>(xdr_delivery)),
+                  reinterpret_cast<char *>(&delivery), time_out);
     pfm_enable();
-    return outcome;
+    return outcome == RPC_SUCCESS && !delivery.came ? RPC_CANTDECODERES : outcome;
 }
 
 clnt_stat velia::rvzd_clnt::exchange_with_header(rvzd_handle_t *handle, const char *failed_text,
@@ -21,7 +49,7 @@ clnt_stat velia::rvzd_clnt::exchange_with_header(rvzd_handle_t *handle, const ch
     const timeval time_out = {static_cast<time_t>(handle->tv_sec), static_cast<suseconds_t>(handle->tv_usec)};
     const auto outcome = make_exchange(record->client, exchange, time_out);
     if (outcome != RPC_SUCCESS && failed_text != nullptr)
-        ks_clnt_perror(record->client, failed_text);
+        print_failed_call(record->client, failed_text);
     return outcome;
 }
 

@@ -33,9 +33,12 @@ Exchange exchange_of(const Procedure<Request, Reply> &procedure, Request &reques
     return {procedure.number, procedure.request_routine(), &request, procedure.reply_routine(), &reply};
 }
 
-// Makes the call, and no more. A raise that comes meanwhile lands when it is over: the RPC library keeps a lock of its
+// Makes the call, and no more; one that brought no reply to its routine has failed. A raise that comes meanwhile lands when it is over: the RPC library keeps a lock of its
 // own on the client.
 clnt_stat make_exchange(CLIENT *client, const Exchange &exchange, const timeval &time_out);
+
+// Prints why the client's last call failed behind the text.
+void print_failed_call(CLIENT *client, const char *failed_text);
 
 // Fills the header, with which every request of the broker begins, and makes the call with the handle's time-out. A
 // failure is printed behind `failed_text`, unless that is null.

@@ -216,7 +216,7 @@ Outcome contact_peer(const Attempt &attempt) {
     if (outcome == RPC_SUCCESS)
         return judge_contact(record, reply, now);
     if (outcome != RPC_TIMEDOUT && !attempt.wanted.quiet)
-        ks_clnt_perror(record->client, procedures::contact.failed_text);
+        print_failed_call(record->client, procedures::contact.failed_text);
     return record_failed(TBS_ST_RPC_FAILED);
 }
 

@@ -40,7 +40,7 @@ tbs_status_t map_credentials(const rvzd_handle_t *handle, uint32_t user, uint32_
 void print_failure(const rvzd_handle_t *handle, const char *host) {
     char text[failure_text_size];
     strutl_snprintf(text, sizeof text, "%s%s", host, failure_text);
-    ks_clnt_perror(handle->cached->client, text);
+    print_failed_call(handle->cached->client, text);
 }
 
 // False, with an empty text, when the caller's buffer cannot hold it.
