@@ -84,7 +84,8 @@ tbs_status_t rvzd_list_servers(rvzd_handle_t *handle, uint64_t cookie, uint64_t 
  * each step of the walk.
  *
  *   TBS_ST_ERROR      no list head; a call failed, which is printed; the broker answers with a failure or makes no
- *                     step, as before a name of RVZD_SERVER_PATH_SIZE bytes and more
+ *                     step, as before a name of RVZD_SERVER_PATH_SIZE bytes and more; or it has more than 131,072
+ *                     servers to tell of, as no host has
  *   TBS_ST_NO_MEMORY  no storage for a node
  */
 tbs_status_t rvzd_list_matching_servers(rvzd_handle_t *handle, int32_t prog, int32_t vers, int32_t proto, int32_t port,

@@ -257,6 +257,20 @@ TEST_F(MatchingServers, ABrokerThatGoesRoundEndsTheWalk) {
     EXPECT_EQ(fail_to_list(), TBS_ST_ERROR);
 }
 
+TEST_F(MatchingServers, ATableWithoutAnEndIsGivenUpAtTheMostThatAHostCanHave) {
+    constexpr uint64_t servers_max = 131'072;
+    constexpr uint64_t in_a_piece = 11;
+    world.peer.on(RVZD_PROC_LIST_SERVERS, [](const sim::Call &call) {
+        const auto sent = call.decode(xdr_rvzd_list_servers_req_t).cookie;
+        std::vector<Server> servers(in_a_piece);
+        for (uint64_t i = 0; i < in_a_piece; ++i)
+            servers[i].cookie = sent + i + 1;
+        return list_reply(servers, false);
+    });
+    EXPECT_EQ(fail_to_list(), TBS_ST_ERROR);
+    EXPECT_EQ(world.peer.count(RVZD_PROC_LIST_SERVERS), servers_max / in_a_piece + 1);
+}
+
 TEST_F(MatchingServers, CookiesMayFall) {
     world.peer.on(RVZD_PROC_LIST_SERVERS, [](const sim::Call &call) {
         const auto sent = call.decode(xdr_rvzd_list_servers_req_t).cookie;

@@ -72,12 +72,16 @@ bool append_copy(const rvzd_server_entry_t *entry, llist_d_head_t *servers) {
     });
 }
 
+// A server has a port of its own in one of two transports, so no host has more of them than that.
+constexpr uint32_t servers_max = 2 * 65536;
+
 // One step of a walk, preset so that a call or an answer that failed shows as no progress.
 struct Piece {
     alignas(rvzd_server_entry_t) char records[RVZD_SERVER_ENTRY_BYTES];
     uint64_t next_cookie;
     uint64_t used = 0;
     tbs_boolean_t at_end = 0;
+    uint32_t count = 0; // of the records
 
     explicit Piece(uint64_t cookie) : next_cookie(cookie) {}
 };
@@ -88,6 +92,7 @@ tbs_status_t collect(Piece &piece, const Filter &filter, llist_d_head_t *servers
         if (entry == nullptr)
             return TBS_ST_ERROR;
         piece.next_cookie = entry->cookie;
+        ++piece.count;
         if (passes(filter, entry) && !append_copy(entry, servers))
             return TBS_ST_NO_MEMORY;
         at += rvzd_server_entry_size(entry->name_length);
@@ -118,6 +123,7 @@ private:
 
 tbs_status_t walk_table(rvzd_handle_t *handle, const Filter &filter, llist_d_head_t *servers) {
     Circle circle;
+    uint32_t seen = 0;
     for (uint64_t cookie = 0;;) {
         Piece piece(cookie);
         auto status = rvzd_list_servers(handle, cookie, sizeof piece.records, piece.records, &piece.next_cookie,
@@ -128,7 +134,8 @@ tbs_status_t walk_table(rvzd_handle_t *handle, const Filter &filter, llist_d_hea
             return status;
         const bool stands_still = piece.next_cookie == cookie;
         cookie = piece.next_cookie;
-        if (stands_still || circle.is_closed_by(cookie))
+        seen += piece.count; // cookies that never come again do not show that a walk has no end
+        if (stands_still || seen > servers_max || circle.is_closed_by(cookie))
             return TBS_ST_ERROR;
     }
 }
