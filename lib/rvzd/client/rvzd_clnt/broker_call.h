@@ -33,8 +33,8 @@ Exchange exchange_of(const Procedure<Request, Reply> &procedure, Request &reques
     return {procedure.number, procedure.request_routine(), &request, procedure.reply_routine(), &reply};
 }
 
-// Makes the call, and no more; one that brought no reply to its routine has failed. A raise that comes meanwhile lands when it is over: the RPC library keeps a lock of its
-// own on the client.
+// Makes the call, and no more; one that brought no reply to its routine has failed. A raise that comes meanwhile lands
+// when it is over: the RPC library keeps a lock of its own on the client.
 clnt_stat make_exchange(CLIENT *client, const Exchange &exchange, const timeval &time_out);
 
 // Prints why the client's last call failed behind the text.
