@@ -27,6 +27,7 @@ protected:
     ~LocalFilesTest() override {
         EXPECT_EQ(velia::registry_clnt::rgy_prop_local_mutex.depth, 0u);
         EXPECT_EQ(world.live_blocks(), 0u);
+        EXPECT_EQ(bad_files::open_descriptors(), descriptors);
     }
 
     std::string path_of(const std::string &name) const { return world.root() + "/host/config/" + name; }
@@ -47,6 +48,7 @@ protected:
     }
 
     sim::World world;
+    const size_t descriptors = bad_files::open_descriptors();
 };
 
 } // namespace

@@ -94,6 +94,7 @@ TEST_F(RunTimeParams, ARaiseKeepsNoFileOpen) {
     const int raises = sim::sweep_raises(
         world, [&] { read(RVZD_RT_IDLE_SLOPE); }, [&](int) { EXPECT_EQ(bad_files::open_descriptors(), descriptors); });
     EXPECT_GT(raises, 0);
+    EXPECT_EQ(bad_files::open_descriptors(), descriptors) << "nor does the run without one";
 }
 
 TEST_F(RunTimeParams, ACommentBehindTheValueIsCutOff) {

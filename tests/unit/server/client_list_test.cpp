@@ -230,7 +230,9 @@ TEST_F(ClientFile, LineThatIsTooLongIsOneThatIsNotUnderstood) {
     for (const std::string &more : {std::string("x"), std::string(1 << 20, 'x')}) {
         write("-dbversion=1.0;\n" + longest + more + "\n-address=10.0.0.2;-hostname=two;\n");
         ClientList list;
-        EXPECT_THAT(read(list), HasSubstr("Invalid entry, file \"" + name() + "\", line 2"));
+        const std::string told = read(list);
+        EXPECT_THAT(told, HasSubstr("Invalid entry, file \"" + name() + "\", line 2"));
+        EXPECT_EQ(told.find("Invalid", told.find("Invalid") + 1), std::string::npos) << "all of it is one line";
         ASSERT_THAT(list.clients(), SizeIs(1));
         EXPECT_EQ(list.clients()[0].texts[CLIENT_HOSTNAME], "two");
     }
