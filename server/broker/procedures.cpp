@@ -104,7 +104,7 @@ tbs_status_t BrokerProcedures::list_servers(const rvzd_list_servers_req_t &reque
 }
 
 template <class Record>
-void BrokerProcedures::find(const rvzd_find_server_req_t &request, const Caller &caller, Answer<Record> answer) {
+void BrokerProcedures::find(const rvzd_find_server_req_t &request, const Caller &caller, const Answer<Record> &answer) {
     table_.find(find_request(request, caller), monotonic_ms(), [answer](const FindAnswer &found) {
         Record reply = {};
         tbs_status_t status = found.status;

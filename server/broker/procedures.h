@@ -31,7 +31,7 @@ private:
 
     // A find, whose answer may have to wait.
     template <class Record>
-    void find(const rvzd_find_server_req_t &request, const Caller &caller, Answer<Record> answer);
+    void find(const rvzd_find_server_req_t &request, const Caller &caller, const Answer<Record> &answer);
 
     // What servers report, with an empty reply.
     tbs_status_t register_server(const rvzd_register_server_req_t &request, const Caller &caller, EmptyReply &reply);

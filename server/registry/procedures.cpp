@@ -227,7 +227,7 @@ tbs_status_t RegistryProcedures::clnt_conf_change(const rvzd_registry_clnt_conf_
 
 // A promotion is answered when it is done.
 void RegistryProcedures::svr_conf_change(const rvzd_registry_svr_conf_req_t &request, const Caller &caller,
-                                         Answer<rvzd_null_reply_t> answer) {
+                                         const Answer<rvzd_null_reply_t> &answer) {
     const auto done = [answer](tbs_status_t status) { answer(status, {}); };
     if (!is_privileged(caller))
         return done(TBS_ST_NO_ACCESS);

@@ -51,7 +51,7 @@ private:
     tbs_status_t clnt_conf_change(const rvzd_registry_clnt_conf_req_t &request, const Caller &caller,
                                   EmptyReply &reply);
     void svr_conf_change(const rvzd_registry_svr_conf_req_t &request, const Caller &caller,
-                         Answer<rvzd_null_reply_t> answer);
+                         const Answer<rvzd_null_reply_t> &answer);
 
     RegistryService &service_;
 };

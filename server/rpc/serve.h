@@ -7,7 +7,7 @@
 //     tbs_status_t (const Request &, const Caller &, Reply<Record> &)             answers at once
 //     tbs_status_t (Subject &, const Request &, const Caller &, Reply<Record> &)  the same, with what the owner's
 //                                                                                 subject() has; null: none is served
-//     void (const Request &, const Caller &, Answer<Record>)                      answers at once or later
+//     void (const Request &, const Caller &, const Answer<Record> &)              answers at once or later
 //
 // The status goes into the reply's header. An owner that may throw has print_failure(), which gives the status for it.
 #pragma once
@@ -53,7 +53,7 @@ template <class Owner, class Subject, class Request, class Record>
 using WorkOnSubject = tbs_status_t (Owner::*)(Subject &, const Request &, const Caller &, Reply<Record> &);
 
 template <class Owner, class Request, class Record>
-using LaterWork = void (Owner::*)(const Request &, const Caller &, Answer<Record>);
+using LaterWork = void (Owner::*)(const Request &, const Caller &, const Answer<Record> &);
 
 template <class Owner, class Request, class Record>
 void work_and_answer(Owner &owner, Work<Owner, Request, Record> work, const Request &request, const Caller &caller,

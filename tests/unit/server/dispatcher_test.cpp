@@ -42,8 +42,8 @@ public:
                          Reply<rvzd_registry_get_dtm_reply_t> &) {
         throw std::runtime_error("the disk is gone");
     }
-    void later(const rvzd_find_server_req_t &, const Caller &, Answer<rvzd_find_server_reply_t> answer) {
-        answers.push_back(std::move(answer));
+    void later(const rvzd_find_server_req_t &, const Caller &, const Answer<rvzd_find_server_reply_t> &answer) {
+        answers.push_back(answer);
     }
 
     Subject *subject() { return subject_; }
