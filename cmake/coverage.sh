@@ -9,10 +9,10 @@ cd "$(dirname "$0")/.."
 
 # Folder, least percent of lines and of branches that the tests have to run.
 floors="
-lib      98.2 94.3
-support  95.5 79.5
-server   86.5 53.0
-cli      85.5 47.0
+lib      98.0 94.3
+support  95.5 79.0
+server   86.5 56.5
+cli      92.0 53.0
 "
 
 options=(--quiet --rc lcov_branch_coverage=1 --rc genhtml_branch_coverage=1 --rc geninfo_no_exception_branch=1)
