@@ -12,7 +12,12 @@ struct Delivery {
     bool came;
 };
 
-bool_t xdr_delivery(XDR *xdrs, Delivery *delivery) {
+// Calls the routine by the RPC library's type of all routines, as that library does.
+#if defined(__clang__)
+[[clang::no_sanitize("function")]]
+#endif
+bool_t
+xdr_delivery(XDR *xdrs, Delivery *delivery) {
     delivery->came = true;
     return delivery->exchange.reply_routine(xdrs, delivery->exchange.reply);
 }
