@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # After the tests of a build that counts: a table of lines and branches for each folder, pages to click through, and
 # failure where a number is below its floor. The branch that an exception would take is left out where it stands at the
-# call; the clean-up behind it is counted, so folders with exceptions have lower numbers. Processes that are killed,
-# among them the daemon in most tests, have written nothing.
+# call; the clean-up behind it is counted, so folders with exceptions have lower numbers. A process that is killed
+# has written nothing; the tests let the daemon end before they kill it.
 set -euo pipefail
 build=$(realpath "$1")
 cd "$(dirname "$0")/.."
@@ -11,7 +11,7 @@ cd "$(dirname "$0")/.."
 floors="
 lib      98.0 94.3
 support  95.5 79.0
-server   86.5 56.5
+server   88.5 57.5
 cli      92.0 53.0
 "
 
