@@ -41,6 +41,23 @@ void ivlthread_mutex_lock(ivlthread_mutex_t *mutex);
 void ivlthread_mutex_unlock(ivlthread_mutex_t *mutex);
 
 /*
+ * Takes the mutex if no other thread holds it, and gives 1; 0 otherwise, without waiting. Part of the header, so that
+ * it asks for no name of the support layer: what the fields mean is the interface.
+ */
+static inline int ivlthread_mutex_trylock(ivlthread_mutex_t *mutex) {
+    const pthread_t self = pthread_self();
+    if (__atomic_load_n(&mutex->owner, __ATOMIC_RELAXED) == self) {
+        ++mutex->depth;
+        return 1;
+    }
+    if (pthread_mutex_trylock(&mutex->mutex) != 0)
+        return 0;
+    __atomic_store_n(&mutex->owner, self, __ATOMIC_RELAXED);
+    mutex->depth = 1;
+    return 1;
+}
+
+/*
  * Runs `function` once in the process; other threads wait until it has returned. Its result is not looked at. When a
  * raise leaves it, it counts as not run. It must not use the same control.
  */

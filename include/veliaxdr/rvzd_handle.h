@@ -12,6 +12,9 @@
  *
  * Every operation may be called from any thread. Those that may reach the network hold rvzd_call_lock while they wait:
  * a process has at most one broker call in flight, and a silent host holds up the others for the time-out.
+ *
+ * A child after fork() shares nothing with its parent: it waits for no call of the parent's threads, and a handle that
+ * it has from before gets a connection of its own with its next call, or fails at once where none can be had.
  */
 #ifndef VELIAXDR_RVZD_HANDLE_H
 #define VELIAXDR_RVZD_HANDLE_H
@@ -87,7 +90,10 @@ void rvzd_free_cached_handles(void);
 /* The timer's callback of the cache; not for callers. */
 void rvzd_cached_handle_close_check(void *unused);
 
-/* The handle's RPC client, without the lock: the caller holds rvzd_call_lock while it uses it. Not to be destroyed. */
+/*
+ * The handle's RPC client, without the lock: the caller holds rvzd_call_lock while it uses it. Not to be destroyed. Null
+ * only in a child after fork(), when the connection could not be made anew.
+ */
 CLIENT *rvzd_get_rpc_clnt(rvzd_handle_t *handle);
 
 /* Copies the addresses of the handle's host. */

@@ -12,6 +12,7 @@
 // taken again by the thread that holds them. Builds with tests check the order at each lock that is taken.
 #pragma once
 
+#include <common/fork.h>
 #include <support/ivlthread.h>
 #include <support/pfm.h>
 
@@ -27,6 +28,7 @@ constexpr bool is_leaf(LockRank rank) {
 template <LockRank rank>
 struct Lock {
     ivlthread_mutex_t &mutex;
+    ForkWatch &watch;
 };
 
 // Ends the process if the calling thread holds a lock that is to be taken after this one.
@@ -35,10 +37,23 @@ void note_given_back(const ivlthread_mutex_t &mutex);
 
 template <LockRank rank>
 inline void take(Lock<rank> lock) {
+    watch_at_forks(lock.watch);
 #ifdef VELIA_CHECK_INVARIANTS
     note_taken(lock.mutex, rank);
 #endif
     ivlthread_mutex_lock(&lock.mutex);
+}
+
+// False, at once, if another thread holds the lock.
+template <LockRank rank>
+inline bool try_take(Lock<rank> lock) {
+    watch_at_forks(lock.watch);
+    if (ivlthread_mutex_trylock(&lock.mutex) == 0)
+        return false;
+#ifdef VELIA_CHECK_INVARIANTS
+    note_taken(lock.mutex, rank);
+#endif
+    return true;
 }
 
 template <LockRank rank>

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include <common/fork.h>
 #include <support/ivlthread.h>
 #include <support/pfm.h>
 
@@ -43,6 +44,11 @@ rvzd_tls_t *make_block() {
 }
 
 } // namespace
+
+void velia::forget_unfinished_key() {
+    if (rvzd_tls_once.done == 0)
+        rvzd_tls_once = {};
+}
 
 rvzd_tls_t *rvzd_tls_get(void) {
     ivlthread_once(&rvzd_tls_once, rvzd_tls_init_tls_key);

@@ -1,9 +1,14 @@
 // The idioms under raises: what is undone, what stays held, and when a raise may land.
 #include <common/with.h>
 
+#include <cstdlib>
+#include <future>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <common/require.h>
 #include <support/imsg.h>
@@ -98,10 +103,16 @@ template <LockRank rank>
 class OfRank {
 public:
     static ivlthread_mutex_t mutex;
-    static constexpr Lock<rank> lock = {mutex};
+    static int times_begun_anew;
+    static ForkWatch watch;
+    static constexpr Lock<rank> lock = {mutex, watch};
 };
 template <LockRank rank>
 ivlthread_mutex_t OfRank<rank>::mutex;
+template <LockRank rank>
+int OfRank<rank>::times_begun_anew;
+template <LockRank rank>
+ForkWatch OfRank<rank>::watch = {mutex, [] { ++times_begun_anew; }};
 
 using Settings = OfRank<LockRank::settings>;
 using RegistryCache = OfRank<LockRank::registry_cache>;
@@ -265,6 +276,72 @@ TEST(WithInhibit, ARaiseThatArrivesInsideLandsAtTheOutermostEnd) {
     };
     EXPECT_EQ(sim::run_and_catch(operation), 6);
     EXPECT_EQ(steps, 2);
+}
+
+// In a child, with `BrokerCall` held by another thread of the parent: what `work` gives.
+template <class Work>
+bool holds_in_child(Work &&work) {
+    std::promise<void> is_taken;
+    std::promise<void> end;
+    std::thread other([&] {
+        with_lock(BrokerCall::lock, [&] {
+            is_taken.set_value();
+            end.get_future().wait();
+        });
+    });
+    is_taken.get_future().wait();
+    const pid_t child = fork();
+    if (child == 0)
+        _exit(work() ? EXIT_SUCCESS : EXIT_FAILURE);
+    end.set_value();
+    other.join();
+    int status = -1;
+    return waitpid(child, &status, 0) == child && status == 0;
+}
+
+TEST(AfterAFork, ALockThatAnotherThreadHeldIsFreeAndItsStateNew) {
+    EXPECT_TRUE(holds_in_child([] {
+        const bool is_free = try_take(BrokerCall::lock);
+        return is_free && BrokerCall::times_begun_anew == 1 && process_generation() == 1;
+    }));
+    EXPECT_EQ(BrokerCall::times_begun_anew, 0);
+    EXPECT_EQ(process_generation(), 0u);
+}
+
+TEST(AfterAFork, ALockOfTheForkingThreadItselfIsStillItsOwn) {
+    with_lock(Settings::lock, [] {
+        EXPECT_TRUE(holds_in_child([] {
+            const uint32_t depth = Settings::mutex.depth;
+            give_back(Settings::lock);
+            return depth == 1 && Settings::times_begun_anew == 0 && try_take(Settings::lock);
+        }));
+        return 0;
+    });
+}
+
+TEST(AfterAFork, AFreeLockKeepsItsState) {
+    with_lock(LocalFiles::lock, [] {});
+    EXPECT_TRUE(holds_in_child([] { return LocalFiles::times_begun_anew == 0 && try_take(LocalFiles::lock); }));
+}
+
+TEST(TryTake, DoesNotWaitForAnotherThread) {
+    EXPECT_TRUE(try_take(RegistryCache::lock));
+    EXPECT_TRUE(try_take(RegistryCache::lock)); // again, by its holder
+    const auto from_another_thread = [] {
+        return std::async(std::launch::async,
+                          [] {
+                              const bool is_taken = try_take(RegistryCache::lock);
+                              if (is_taken)
+                                  give_back(RegistryCache::lock);
+                              return is_taken;
+                          })
+            .get();
+    };
+    EXPECT_FALSE(from_another_thread());
+    give_back(RegistryCache::lock);
+    EXPECT_FALSE(from_another_thread());
+    give_back(RegistryCache::lock);
+    EXPECT_TRUE(from_another_thread());
 }
 
 } // namespace

@@ -15,6 +15,13 @@ ivlthread_mutex_t rvzd_tz_mutex;
 
 namespace {
 
+// What the cache held is lost with the thread that had it in hand.
+void begin_with_empty_cache() {
+    global_tz_cache = {};
+}
+
+ForkWatch tz_watch = {rvzd_tz_mutex, begin_with_empty_cache};
+
 // The C library tells the offset of standard time only; daylight time is taken to be an hour ahead in every zone.
 long altzone;
 bool daylight_observed;
@@ -71,6 +78,7 @@ clnt_tz_status_t clnt_tz_get_info(int year, clnt_tz_info_t **info) {
     *info = nullptr;
     if (year < CLNT_TZ_YEAR_FIRST || year > CLNT_TZ_YEAR_LAST)
         return CLNT_TZ_INVALID;
+    watch_at_forks(tz_watch);
     ivlthread_mutex_lock(&rvzd_tz_mutex);
     const auto status = with_cleanup(
         [&] {

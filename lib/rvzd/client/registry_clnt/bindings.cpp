@@ -25,6 +25,18 @@ constexpr char separators[] = " \n\t:;";
 
 bool is_registered_for_exit;
 
+// Bindings that another thread had in hand are left to the parent.
+void begin_without_bindings() {
+    rpc_binding = nullptr;
+    rpc_binding_count = 0;
+}
+
+} // namespace
+
+ForkWatch velia::registry_clnt::cache_lock_watch = {registry_cache_lock, begin_without_bindings};
+
+namespace {
+
 // The first slot that `wanted` accepts.
 template <class Wanted>
 int64_t find_slot(Wanted &&wanted) {
@@ -131,6 +143,21 @@ bool is_unreachable(tbs_status_t status) {
     return status == TBS_ST_NO_SERVER || status == TBS_ST_RPC_FAILED;
 }
 
+bool is_any_in_use() {
+    return find_slot([](const rgy_rpc_binding_t &slot) { return slot.ref_count > 0; }) != no_slot;
+}
+
+// A process that ends in the middle of an operation still has the binding of that operation.
+void release_table() {
+    if (is_any_in_use())
+        return;
+    for (int64_t i = 0; i < rpc_binding_count; ++i)
+        empty_slot(rpc_binding[i]);
+    stg_free(rpc_binding);
+    rpc_binding = nullptr;
+    rpc_binding_count = 0;
+}
+
 tbs_status_t bind_to_backup(Binding &binding, uint32_t authenticated, rgy_db_t db) {
     char *list = nullptr;
     return with_release(
@@ -227,14 +254,15 @@ rgy_rpc_cache_t *velia::registry_clnt::rgy_rpc_get_cache(Binding binding, rgy_db
     return db < RGY_DB_ALL ? usable_cache(slot_of(binding).cache[db]) : nullptr;
 }
 
-// Other threads are gone or about to be, so the lock is not waited for.
 void velia::registry_clnt::rgy_deallocate_bindings(void * /*unused*/) {
     with_inhibit([] {
-        for (int64_t i = 0; i < rpc_binding_count; ++i)
-            empty_slot(rpc_binding[i]);
-        stg_free(rpc_binding);
-        rpc_binding = nullptr;
-        rpc_binding_count = 0;
+        if (!try_take(cache_lock))
+            return;
+        if (ivlthread_mutex_trylock(&rvzd_call_lock) != 0) {
+            release_table();
+            ivlthread_mutex_unlock(&rvzd_call_lock);
+        }
+        give_back(cache_lock);
     });
     print_statistics();
 }

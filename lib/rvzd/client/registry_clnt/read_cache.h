@@ -14,7 +14,8 @@ namespace velia::registry_clnt {
 // Guards the binding table, the caches, the statistics and the switch; held across the call to the registry.
 // Re-entrant.
 extern ivlthread_mutex_t registry_cache_lock;
-inline constexpr Lock<LockRank::registry_cache> cache_lock = {registry_cache_lock};
+extern ForkWatch cache_lock_watch; // stands beside the table of bindings
+inline constexpr Lock<LockRank::registry_cache> cache_lock = {registry_cache_lock, cache_lock_watch};
 
 struct rgy_rpc_cache_ent_t {
     timeval fill_time;

@@ -1,6 +1,8 @@
 // The exchange itself: header words from the shared record, the call, and the printed failure.
 #include <rvzd/client/rvzd_clnt/broker_call.h>
 
+#include <rvzd/client/rvzd_clnt/rpc_client.h>
+
 using namespace velia;
 using namespace velia::rvzd_clnt;
 
@@ -25,6 +27,8 @@ xdr_delivery(XDR *xdrs, Delivery *delivery) {
 } // namespace
 
 void velia::rvzd_clnt::print_failed_call(CLIENT *client, const char *failed_text) {
+    if (client == nullptr) // told when it could not be made
+        return;
     rpc_err error = {};
     clnt_geterr(client, &error);
     if (error.re_status == RPC_SUCCESS) // the RPC library's own view of it
@@ -49,6 +53,8 @@ clnt_stat velia::rvzd_clnt::make_exchange(CLIENT *client, const Exchange &exchan
 clnt_stat velia::rvzd_clnt::exchange_with_header(rvzd_handle_t *handle, const char *failed_text,
                                                  const Exchange &exchange) {
     rvzd_cached_handle_t *record = handle->cached;
+    if (!is_connected(record) && !renew_connection(record))
+        return RPC_CANTSEND;
     auto *header = static_cast<rvzd_hdr_req_t *>(exchange.request);
     *header = {record->uniquifier, record->sequence++};
     const timeval time_out = {static_cast<time_t>(handle->tv_sec), static_cast<suseconds_t>(handle->tv_usec)};
@@ -59,6 +65,8 @@ clnt_stat velia::rvzd_clnt::exchange_with_header(rvzd_handle_t *handle, const ch
 }
 
 void velia::rvzd_clnt::free_reply(CLIENT *client, const Exchange &exchange) {
+    if (client == nullptr) // there was no call
+        return;
     pfm_inhibit();
     clnt_freeres(client, exchange.reply_routine, static_cast<char *>(exchange.reply));
     pfm_enable();

@@ -40,7 +40,8 @@ clnt_stat make_exchange(CLIENT *client, const Exchange &exchange, const timeval 
 // Prints why the client's last call failed behind the text.
 void print_failed_call(CLIENT *client, const char *failed_text);
 
-// Fills the header, with which every request of the broker begins, and makes the call with the handle's time-out. A
+// Fills the header, with which every request of the broker begins, and makes the call with the handle's time-out, over
+// a connection of this process: one that came with a fork is renewed, or the call fails as one that cannot be sent. A
 // failure is printed behind `failed_text`, unless that is null.
 clnt_stat exchange_with_header(rvzd_handle_t *handle, const char *failed_text, const Exchange &exchange);
 

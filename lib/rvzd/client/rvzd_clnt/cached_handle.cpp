@@ -4,11 +4,13 @@
 #include <rvzd/client/rvzd_clnt/cached_handle.h>
 
 #include <cstring>
+#include <fcntl.h>
 #include <strings.h>
 #include <unistd.h>
 
 #include <common/require.h>
 #include <common/with.h>
+#include <rvzd/client/rvzd_clnt/rpc_client.h>
 #include <support/rt.h>
 #include <support/stg.h>
 
@@ -16,6 +18,14 @@ using namespace velia;
 using namespace velia::rvzd_clnt;
 
 ivlthread_mutex_t rvzd_call_lock;
+
+namespace {
+
+void leave_records_to_parent();
+
+} // namespace
+
+ForkWatch velia::rvzd_clnt::call_lock_watch = {rvzd_call_lock, leave_records_to_parent};
 
 namespace {
 
@@ -30,6 +40,8 @@ llist_d_head_t rvzd_handle_lru = {&rvzd_handle_lru, &rvzd_handle_lru};
 int32_t rvzd_num_cached_handles;
 int32_t rvzd_num_cached_sockets;
 rt_event_t rvzd_handle_cache_close_h;
+// In a child of a process that was in a call: the RPC library's lock on that call's descriptor is held for ever.
+bool parent_was_in_call;
 
 bool lru_is_empty() {
     return rvzd_handle_lru.next == &rvzd_handle_lru;
@@ -172,6 +184,37 @@ void drop_reference(rvzd_cached_handle_t *record) {
     require_sound_cache();
 }
 
+// Handles of the parent that the child has keep their records, which are in no table from now on. Idle records are
+// lost.
+void leave_records_to_parent() {
+    parent_was_in_call = true;
+    for (auto &bucket : rvzd_handle_hash_tb) {
+        for (rvzd_cached_handle_t *record = bucket; record != nullptr; record = record->hash_next)
+            record->hash_bucket = no_bucket;
+        bucket = nullptr;
+    }
+    rvzd_handle_lru = {&rvzd_handle_lru, &rvzd_handle_lru};
+    rvzd_num_cached_handles = 0;
+    rvzd_num_cached_sockets = 0;
+}
+
+// The descriptor's number stays taken, so that no connection of this process meets the lock on it.
+void put_dead_end_in_place_of(int fd) {
+    const int dead_end = open("/dev/null", O_RDWR | O_CLOEXEC);
+    if (dead_end < 0)
+        return;
+    dup3(dead_end, fd, O_CLOEXEC);
+    close(dead_end);
+}
+
+// Client and authenticator are lost with their locks.
+void leave_connection_to_parent(rvzd_cached_handle_t *record) {
+    if (record->socket_fd != no_socket)
+        put_dead_end_in_place_of(record->socket_fd);
+    record->client = nullptr;
+    record->socket_fd = no_socket;
+}
+
 void evict_aged(time_t now) {
     while (rvzd_num_cached_handles > 0 && now - idle_age_max_s > oldest_idle()->released_at)
         evict_oldest_idle();
@@ -226,7 +269,15 @@ void velia::rvzd_clnt::take_reference(rvzd_cached_handle_t *record) {
         leave_idle_list(record);
 }
 
+bool velia::rvzd_clnt::is_connected(const rvzd_cached_handle_t *record) {
+    return record->client != nullptr && record->generation == process_generation();
+}
+
 void velia::rvzd_clnt::drop_connection(rvzd_cached_handle_t *record) {
+    if (parent_was_in_call && record->generation != process_generation()) {
+        leave_connection_to_parent(record);
+        return;
+    }
     if (record->client != nullptr) {
         if (record->client->cl_auth != nullptr)
             auth_destroy(record->client->cl_auth);
@@ -280,7 +331,10 @@ void rvzd_cached_handle_close_check(void * /*unused*/) {
 }
 
 CLIENT *rvzd_get_rpc_clnt(rvzd_handle_t *handle) {
-    return handle->cached->client;
+    rvzd_cached_handle_t *record = handle->cached;
+    if (is_connected(record))
+        return record->client;
+    return with_lock(call_lock, [&]() -> CLIENT * { return renew_connection(record) ? record->client : nullptr; });
 }
 
 void rvzd_get_addr(rvzd_handle_t *handle, rvzd_server_addr_t *out) {

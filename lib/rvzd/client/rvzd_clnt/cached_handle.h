@@ -32,6 +32,8 @@ struct rvzd_cached_handle {
     clnt_hostinfo_t *hostinfo;
     uint32_t generic_service;
     uint32_t protocol_version;
+    uint32_t program;    // by whose port range the connection is made
+    uint32_t generation; // of the process that made the connection
 };
 
 static_assert(sizeof(rvzd_handle_t) == 24);
@@ -69,6 +71,9 @@ void enter_record(rvzd_cached_handle_t *record, uint32_t bucket);
 
 // One more handle on a record of the table; an idle record leaves the idle list.
 void take_reference(rvzd_cached_handle_t *record);
+
+// Whether the record has a connection that this process made: it may have come with a fork.
+bool is_connected(const rvzd_cached_handle_t *record);
 
 // Destroys authenticator and client and closes the socket; the record keeps what it knows of its host.
 void drop_connection(rvzd_cached_handle_t *record);

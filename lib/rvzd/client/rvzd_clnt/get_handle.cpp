@@ -182,6 +182,8 @@ Outcome set_ports(const Attempt &attempt) {
 }
 
 Outcome connect_record(const Attempt &attempt) {
+    if (attempt.record()->client != nullptr) // of the parent of this process
+        with_inhibit([&] { drop_connection(attempt.record()); });
     switch (make_client(attempt.record(), attempt.wanted.program)) {
     case ClientResult::made:
         return good;
@@ -227,7 +229,7 @@ Outcome ready_record(const Attempt &attempt) {
         if (outcome.verdict == Verdict::good)
             outcome = set_ports(attempt);
     }
-    if (outcome.verdict == Verdict::good && attempt.record()->client == nullptr)
+    if (outcome.verdict == Verdict::good && !is_connected(attempt.record()))
         outcome = connect_record(attempt);
     return outcome.verdict == Verdict::good ? contact_peer(attempt) : outcome;
 }

@@ -136,6 +136,8 @@ ClientResult velia::rvzd_clnt::make_client(rvzd_cached_handle_t *record, uint32_
     record->uniquifier = sysutl_sock_port_uniquifier();
     record->last_contact = 0;
     record->sequence = 0;
+    record->program = program;
+    record->generation = process_generation();
     const ks_sockaddr_storage_t *address = open_socket(record);
     if (address == nullptr || !trace_port(record) || !make_rpc_client(record, address, program))
         return ClientResult::failed;
@@ -151,4 +153,15 @@ ClientResult velia::rvzd_clnt::make_client(rvzd_cached_handle_t *record, uint32_
         record->protocol_version = known->protocol_version;
     }
     return ClientResult::made;
+}
+
+bool velia::rvzd_clnt::renew_connection(rvzd_cached_handle_t *record) {
+    const auto drop = [&] { with_inhibit([&] { drop_connection(record); }); };
+    drop();
+    const bool is_made = with_cleanup([&] { return make_client(record, record->program) == ClientResult::made; }, drop);
+    if (!is_made) {
+        drop();
+        imsg_print(IMSG_ERROR, &_rvzd_rvzd_msg_table, RVZD_MSG_CANNOT_CONTACT, record->host_name);
+    }
+    return is_made;
 }

@@ -15,4 +15,8 @@ enum class ClientResult {
 // release closes it.
 ClientResult make_client(rvzd_cached_handle_t *record, uint32_t program);
 
+// Gives a record that is in use another connection: the one it has is of the parent of this process. False, told, with
+// no connection.
+bool renew_connection(rvzd_cached_handle_t *record);
+
 } // namespace velia::rvzd_clnt

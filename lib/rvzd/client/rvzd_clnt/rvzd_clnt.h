@@ -15,7 +15,8 @@ namespace velia::rvzd_clnt {
 inline constexpr char subsystem[] = "xdr/rvzd";
 inline constexpr char source_file[] = "rvzd_clnt";
 
-inline constexpr Lock<LockRank::broker_call> call_lock = {rvzd_call_lock};
+extern ForkWatch call_lock_watch; // stands beside the table of records
+inline constexpr Lock<LockRank::broker_call> call_lock = {rvzd_call_lock, call_lock_watch};
 
 inline time_t now_s() {
     timeval now;

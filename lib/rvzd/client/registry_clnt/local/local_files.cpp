@@ -16,6 +16,14 @@ ivlthread_mutex_t velia::registry_clnt::rgy_prop_local_mutex;
 
 namespace {
 
+void make_paths_anew();
+
+} // namespace
+
+ForkWatch velia::registry_clnt::prop_local_watch = {rgy_prop_local_mutex, make_paths_anew};
+
+namespace {
+
 constexpr char hosts_file[] = "rgy_hosts.conf";
 constexpr char region_file[] = "rgy_region.conf";
 constexpr size_t host_word_size = 64;
@@ -25,6 +33,12 @@ constexpr size_t longest_word_size = host_word_size;
 char hosts_path[path_size];
 char region_path[path_size];
 char *registry_process_default_region;
+
+// The region is exchanged in one step, and so it is whole.
+void make_paths_anew() {
+    *hosts_path = '\0';
+    *region_path = '\0';
+}
 
 // A path is made once and stays.
 const char *path_once(char *path, const char *name) {
@@ -178,8 +192,9 @@ tbs_status_t registry_prop_set_process_default_region_local(const char *region) 
     return with_lock(prop_local_lock, [&]() -> tbs_status_t {
         const bool is_set = region != nullptr && *region != '\0';
         const bool done = with_inhibit([&] {
-            stg_free(registry_process_default_region);
+            char *before = registry_process_default_region;
             registry_process_default_region = is_set ? stg_strdup(region) : nullptr;
+            stg_free(before);
             return !is_set || registry_process_default_region != nullptr;
         });
         if (done)

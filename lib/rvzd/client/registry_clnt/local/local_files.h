@@ -12,7 +12,8 @@ constexpr size_t path_size = TBS_PATH_SIZE;
 
 // Guards the cached paths and the process's default region. Never taken twice.
 extern ivlthread_mutex_t rgy_prop_local_mutex;
-inline constexpr Lock<LockRank::local_files> prop_local_lock = {rgy_prop_local_mutex};
+extern ForkWatch prop_local_watch;
+inline constexpr Lock<LockRank::local_files> prop_local_lock = {rgy_prop_local_mutex, prop_local_watch};
 
 // `path` with ".old" behind it, in a buffer of path_size bytes; TBS_ST_ERROR if that does not fit.
 tbs_status_t generate_backup_pathname(const char *path, char *out);

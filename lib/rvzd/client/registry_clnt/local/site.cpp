@@ -15,6 +15,14 @@ ivlthread_mutex_t velia::registry_clnt::rgy_hostname_mutex;
 
 namespace {
 
+void load_master_anew();
+
+} // namespace
+
+ForkWatch velia::registry_clnt::hostname_watch = {rgy_hostname_mutex, load_master_anew};
+
+namespace {
+
 constexpr char map_variable[] = "IVLWEB_USER_REGION_MAPFILE";
 constexpr size_t map_path_size = 1024;
 
@@ -23,6 +31,10 @@ const char *registry_hostname_p; // null until `master` is loaded
 
 static_assert(sizeof(rvzd_tls_t::registry_host) == host_size);
 static_assert(sizeof(rvzd_tls_t::default_region) == RGY_REGION_SIZE);
+
+void load_master_anew() {
+    registry_hostname_p = nullptr;
+}
 
 tbs_status_t load_master() {
     if (registry_hostname_p != nullptr) {
