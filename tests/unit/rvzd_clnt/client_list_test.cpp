@@ -187,6 +187,8 @@ TEST_F(ClientListOfABroker, FailuresOfTheLookUpAreSilent) {
 
 class Registration : public BrokerTest {
 protected:
+    static constexpr uid_t other_user = 60001;
+
     Registration() {
         world.write_file("host/config/rgy_region.conf", "east\n"); // and so its directory is there
         world.peer.answer(RVZD_PROC_CLNT_LIST_REGISTER,
@@ -198,15 +200,18 @@ protected:
         rvzd_clnt_list_register(handle);
         rvzd_free_handle(handle);
     }
-    std::filesystem::path note_of(const std::string &key) const {
-        return std::filesystem::path(world.root()) / "host/config/cache" / ("ClientList_" + key);
+    static std::string name_of_note(const std::string &key, uid_t user) {
+        return "host/config/cache/ClientList_" + key + "." + std::to_string(user);
+    }
+    std::filesystem::path note_of(const std::string &key, uid_t user = geteuid()) const {
+        return std::filesystem::path(world.root()) / name_of_note(key, user);
     }
     // As another process of this host left it.
-    void leave_note(const std::string &key, int64_t age_s) {
-        world.write_file("host/config/cache/ClientList_" + key, "");
+    void leave_note(const std::string &key, int64_t age_s, uid_t user = geteuid()) {
+        world.write_file(name_of_note(key, user), "");
         const timespec time = {world.now_us / 1'000'000 - age_s, 0};
         const timespec times[] = {time, time};
-        ASSERT_EQ(utimensat(AT_FDCWD, note_of(key).c_str(), times, 0), 0);
+        ASSERT_EQ(utimensat(AT_FDCWD, note_of(key, user).c_str(), times, 0), 0);
     }
 };
 
@@ -249,6 +254,36 @@ TEST_F(Registration, IsNotRepeatedWithinSixHoursByAnotherProcess) {
     EXPECT_EQ(registrations(), 0u);
     leave_note("127.0.0.3", 21601);
     register_with("beta");
+    EXPECT_EQ(registrations(), 1u);
+}
+
+TEST_F(Registration, ANoteOfAnotherUserOfThisHostCounts) {
+    leave_note("127.0.0.2", 21600, other_user);
+    register_with("alpha");
+    EXPECT_EQ(registrations(), 0u);
+}
+
+TEST_F(Registration, AnExpiredNoteOfAnotherUserDoesNotStandInTheWayOfTheNextOne) {
+    leave_note("127.0.0.2", 21601, other_user);
+    const auto directory = note_of("127.0.0.2").parent_path();
+    std::filesystem::permissions(directory, std::filesystem::perms::all | std::filesystem::perms::sticky_bit);
+    if (geteuid() == 0) {
+        std::filesystem::permissions(world.root(), std::filesystem::perms::all); // of the test's own making
+        ASSERT_EQ(seteuid(other_user + 1), 0);
+    }
+    register_with("alpha");
+    EXPECT_EQ(registrations(), 1u);
+    struct stat status = {};
+    ASSERT_EQ(lstat(note_of("127.0.0.2").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mtime, world.now_us / 1'000'000);
+    EXPECT_EQ(seteuid(getuid()), 0);
+}
+
+TEST_F(Registration, AFileThatIsNoUsersNoteCountsForNothing) {
+    for (const char *name : {"ClientList_127.0.0.2", "ClientList_127.0.0.2.", "ClientList_127.0.0.2.0.new5",
+                             "ClientList_127.0.0.20.0", "Other_127.0.0.2.0"})
+        world.write_file(std::string("host/config/cache/") + name, "");
+    register_with("alpha");
     EXPECT_EQ(registrations(), 1u);
 }
 
