@@ -220,6 +220,9 @@ typedef rvzd_clnt_list_get_reply_t rvzd_clnt_list_get_v70_reply_t;
 
 enum { RVZD_HOST_NAME_MAX = 63 };
 
+/* More than any host says of itself, and than any list holds: a record with more is none. */
+enum { RVZD_HOST_TEXT_MAX = 65535, RVZD_CLNT_LIST_ENTRIES_MAX = 65536 };
+
 typedef struct rvzd_clnt_list_lookup_req {
     rvzd_hdr_req_t header;
     char *hostname; /* at most RVZD_HOST_NAME_MAX characters */

@@ -15,6 +15,10 @@ namespace {
 
 constexpr uint32_t hostname_max = 255;
 
+bool_t host_text(XDR *xdrs, char *&cell) {
+    return text(xdrs, cell, RVZD_HOST_TEXT_MAX);
+}
+
 bool_t code_entry_behind_address(XDR *xdrs, clnt_entry_t *record) {
     return xdr_clnt_hostinfo_t(xdrs, &record->hostinfo) && xdr_time_t(xdrs, &record->reserved_time) &&
            xdr_time_t(xdrs, &record->registry_time);
@@ -72,14 +76,16 @@ bool_t code_list_reply(XDR *xdrs, rvzd_clnt_list_get_reply_t *record, xdr_ez_ele
     if (xdrs->x_op == XDR_FREE)
         return TRUE;
     void *entries = record->entries;
-    const bool_t ok = xdr_u_int(xdrs, &record->count) &&
-                      xdr_ez_array(xdrs, &entries, &record->count, no_maximum, sizeof(clnt_entry_t), element, nullptr);
+    const bool_t ok =
+        xdr_u_int(xdrs, &record->count) && xdr_ez_array(xdrs, &entries, &record->count, RVZD_CLNT_LIST_ENTRIES_MAX,
+                                                        sizeof(clnt_entry_t), element, nullptr);
     record->entries = static_cast<clnt_entry_t *>(entries);
     if (!ok && xdrs->x_op == XDR_DECODE) {
         // Nobody else would release what a broken reply brought.
         XDR freeing = {};
         freeing.x_op = XDR_FREE;
-        xdr_ez_array(&freeing, &entries, &record->count, no_maximum, sizeof(clnt_entry_t), element, nullptr);
+        xdr_ez_array(&freeing, &entries, &record->count, RVZD_CLNT_LIST_ENTRIES_MAX, sizeof(clnt_entry_t), element,
+                     nullptr);
         record->entries = nullptr;
         record->count = 0;
     }
@@ -89,10 +95,15 @@ bool_t code_list_reply(XDR *xdrs, rvzd_clnt_list_get_reply_t *record, xdr_ez_ele
 } // namespace
 
 bool_t xdr_clnt_hostinfo_t(XDR *xdrs, clnt_hostinfo_t *record) {
-    return text(xdrs, record->hostname, hostname_max) && text(xdrs, record->product) && text(xdrs, record->version) &&
-           text(xdrs, record->osname) && text(xdrs, record->osversion) && text(xdrs, record->machine) &&
-           text(xdrs, record->registry_host) && text(xdrs, record->region) && text(xdrs, record->reserved) &&
-           text(xdrs, record->options);
+    if (!text(xdrs, record->hostname, hostname_max))
+        return FALSE;
+    char **const others[] = {&record->product,   &record->version,  &record->osname,
+                             &record->osversion, &record->machine,  &record->registry_host,
+                             &record->region,    &record->reserved, &record->options};
+    for (char **cell : others)
+        if (!host_text(xdrs, *cell))
+            return FALSE;
+    return TRUE;
 }
 
 bool_t xdr_clnt_entry_t(XDR *xdrs, clnt_entry_t *record) {
@@ -156,7 +167,7 @@ bool_t xdr_rvzd_remote_build_hi_req_t(XDR *xdrs, rvzd_remote_build_hi_req_t *rec
 bool_t xdr_rvzd_remote_build_hi_reply_t(XDR *xdrs, rvzd_remote_build_hi_reply_t *record) {
     return xdr_rvzd_hdr_reply_t(xdrs, &record->header) && xdr_int(xdrs, &record->word1) &&
            xdr_int(xdrs, &record->word2) && xdr_time_t(xdrs, &record->time) && xdr_int(xdrs, &record->word3) &&
-           text(xdrs, record->text1) && text(xdrs, record->text2) && text(xdrs, record->text3);
+           host_text(xdrs, record->text1) && host_text(xdrs, record->text2) && host_text(xdrs, record->text3);
 }
 
 bool_t xdr_rvzd_slim_is_slim_reply_t(XDR *xdrs, rvzd_slim_is_slim_reply_t *record) {

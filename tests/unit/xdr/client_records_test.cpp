@@ -61,27 +61,28 @@ TEST_F(HostInformation, OfNullTextsGoesOutAsEmptyTexts) {
     EXPECT_EQ(encoded(xdr_clnt_hostinfo_t, cleared<clnt_hostinfo_t>()), WireBytes().repeated(40, '\0'));
 }
 
-TEST_F(HostInformation, BoundsTheHostNameAndNothingElse) {
-    for (const bool decoding : {false, true})
-        for (const size_t length : {size_t{255}, size_t{256}}) {
-            std::string name(length, 'h');
-            const WireBytes wire = WireBytes().text(name).repeated(36, '\0');
-            auto record = cleared<clnt_hostinfo_t>();
-            Bytes bytes;
-            record.hostname = decoding ? nullptr : name.data();
-            EXPECT_EQ(decoding ? decode(xdr_clnt_hostinfo_t, wire, record) : encode(xdr_clnt_hostinfo_t, record, bytes),
-                      length == 255);
-            if (decoding)
-                release(xdr_clnt_hostinfo_t, record);
-        }
-    std::string options(100'000, 'o');
-    auto record = cleared<clnt_hostinfo_t>();
-    record.options = options.data();
+// Whether a record goes out and comes in with a text of this length in one of its ten places.
+void expect_text_passes(size_t place, size_t length, bool expected) {
+    std::string text(length, 'h');
+    const WireBytes wire = WireBytes().repeated(4 * place, '\0').text(text).repeated(4 * (9 - place), '\0');
+    auto sent = cleared<clnt_hostinfo_t>();
+    char **const cells[] = {&sent.hostname, &sent.product,       &sent.version, &sent.osname,   &sent.osversion,
+                            &sent.machine,  &sent.registry_host, &sent.region,  &sent.reserved, &sent.options};
+    *cells[place] = text.data();
     Bytes bytes;
-    ASSERT_TRUE(encode(xdr_clnt_hostinfo_t, record, bytes, 1 << 18));
-    auto received = decoded(xdr_clnt_hostinfo_t, bytes);
-    EXPECT_EQ(received.options, options);
+    EXPECT_EQ(encode(xdr_clnt_hostinfo_t, sent, bytes, 1 << 18), expected) << place;
+    auto received = cleared<clnt_hostinfo_t>();
+    EXPECT_EQ(decode(xdr_clnt_hostinfo_t, wire, received), expected) << place;
     release(xdr_clnt_hostinfo_t, received);
+}
+
+TEST_F(HostInformation, BoundsTheHostNameAndMoreLooselyTheOtherTexts) {
+    expect_text_passes(0, 255, true);
+    expect_text_passes(0, 256, false);
+    for (size_t place = 1; place < 10; ++place) {
+        expect_text_passes(place, RVZD_HOST_TEXT_MAX, true);
+        expect_text_passes(place, RVZD_HOST_TEXT_MAX + 1, false);
+    }
     EXPECT_EQ(world.live_blocks(), 0u);
 }
 
@@ -168,6 +169,15 @@ TEST_F(ClientList, IsReleasedWholeWhenItBreaksOff) {
 TEST_F(ClientList, CostsNoMemoryForACountAlone) {
     expect_refused(xdr_rvzd_clnt_list_get_reply_t, list_of(UINT32_MAX, 1));
     expect_refused(xdr_rvzd_clnt_list_get_v70_reply_t, list_of(UINT32_MAX, 0));
+}
+
+TEST_F(ClientList, HasABoundOnItsEntries) {
+    constexpr uint32_t most = RVZD_CLNT_LIST_ENTRIES_MAX;
+    auto reply = decoded(xdr_rvzd_clnt_list_get_reply_t, list_of(most, most));
+    EXPECT_EQ(reply.count, most);
+    release_entries(reply);
+    expect_refused(xdr_rvzd_clnt_list_get_reply_t, list_of(most + 1, most + 1));
+    EXPECT_EQ(world.live_blocks(), 0u);
 }
 
 TEST_F(HostName, HasAtMost63BytesInLookupsAndBuilds) {

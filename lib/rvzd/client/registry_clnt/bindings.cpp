@@ -143,14 +143,7 @@ bool is_unreachable(tbs_status_t status) {
     return status == TBS_ST_NO_SERVER || status == TBS_ST_RPC_FAILED;
 }
 
-bool is_any_in_use() {
-    return find_slot([](const rgy_rpc_binding_t &slot) { return slot.ref_count > 0; }) != no_slot;
-}
-
-// A process that ends in the middle of an operation still has the binding of that operation.
 void release_table() {
-    if (is_any_in_use())
-        return;
     for (int64_t i = 0; i < rpc_binding_count; ++i)
         empty_slot(rpc_binding[i]);
     stg_free(rpc_binding);

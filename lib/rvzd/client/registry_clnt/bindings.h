@@ -47,7 +47,7 @@ rvzd_handle_t *rgy_rvzd_handle(Binding binding);
 rgy_rpc_cache_t *rgy_rpc_get_cache(Binding binding, rgy_db_t db);
 
 // Releases the whole table and prints the statistics; registered for the end of the process. Other threads may go on
-// until that comes: nothing is waited for, and a table that an operation has in hand, or whose handles the end of a
+// until that comes: nothing is waited for, and a table that another thread has in hand, or whose handles the end of its
 // broker call would have to be waited for, stays as it is.
 void rgy_deallocate_bindings(void *unused);
 
