@@ -23,12 +23,12 @@ namespace {
 using velia::support::write_all;
 
 constexpr size_t usual_text_size = 1024;
-constexpr size_t app_name_size = 64;
+constexpr size_t app_name_size = 1024; // a path and a process number
 
 pthread_mutex_t printer_lock = PTHREAD_MUTEX_INITIALIZER;
 char app_name[app_name_size];
 int log_descriptor = -1;
-bool log_is_inside_a_line;
+bool is_inside_a_line; // the log, or without one standard error, after its last message
 imsg_sink_t message_sink;
 void *sink_context;
 
@@ -117,10 +117,13 @@ struct Output {
     }
 };
 
+// A warning or an error begins a line: not every text before it ended its own.
 void append_heading(Output &output, int severity, bool coloured) {
     const Heading heading = heading_of(severity);
     if (heading.word == nullptr)
         return;
+    if (is_inside_a_line)
+        output.append("\n");
     output.append(app_name[0] != '\0' ? app_name : program_invocation_short_name);
     output.append(": ");
     if (coloured)
@@ -145,12 +148,12 @@ void append_time(Output &output) {
 void write_to_log(const Output &message) {
     Output lines = {};
     for (size_t at = 0; at < message.length;) {
-        if (!log_is_inside_a_line)
+        if (!is_inside_a_line)
             append_time(lines);
         const auto *end = static_cast<const char *>(memchr(message.bytes + at, '\n', message.length - at));
         const size_t stop = end != nullptr ? static_cast<size_t>(end - message.bytes) + 1 : message.length;
         lines.append(message.bytes + at, stop - at);
-        log_is_inside_a_line = end == nullptr;
+        is_inside_a_line = end == nullptr;
         at = stop;
     }
     write_all(log_descriptor, lines.bytes, lines.length);
@@ -160,7 +163,10 @@ void write_to_log(const Output &message) {
 // What the program itself has put into its stream comes before the message.
 void write_to_stream(int severity, const Output &message) {
     fflush(severity == IMSG_PLAIN || severity == IMSG_PROGRESS ? stdout : stderr);
-    write_all(stream_descriptor(severity), message.bytes, message.length);
+    const int descriptor = stream_descriptor(severity);
+    write_all(descriptor, message.bytes, message.length);
+    if (descriptor == STDERR_FILENO && message.length > 0)
+        is_inside_a_line = message.bytes[message.length - 1] != '\n';
 }
 
 void write_message(int severity, const char *origin, const Text &text) {
@@ -305,7 +311,7 @@ int imsg_init_daemon(const char *log_path) {
         dup3(opened, log_descriptor, O_CLOEXEC);
         close(opened);
     }
-    log_is_inside_a_line = false;
+    is_inside_a_line = false;
     pthread_mutex_unlock(&printer_lock);
     return 0;
 }

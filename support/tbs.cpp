@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "imsg_internal.h"
@@ -79,6 +80,46 @@ int digit_value(char digit) {
     return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
 }
 
+// Texts of unknown statuses, kept for ever: as many as a process will meet.
+struct UnknownStatus {
+    UnknownStatus *next;
+    tbs_status_t status;
+    char text[32];
+};
+UnknownStatus *unknown_statuses;
+uint32_t unknown_status_count;
+constexpr uint32_t unknown_statuses_max = 1024;
+
+const UnknownStatus *find_unknown(const UnknownStatus *list, tbs_status_t status) {
+    while (list != nullptr && list->status != status)
+        list = list->next;
+    return list;
+}
+
+const char *keep_unknown(tbs_status_t status) {
+    auto *made = static_cast<UnknownStatus *>(malloc(sizeof(UnknownStatus)));
+    if (made == nullptr)
+        return "Unknown status";
+    made->status = status;
+    snprintf(made->text, sizeof made->text, "Unknown status %d", status);
+    made->next = __atomic_load_n(&unknown_statuses, __ATOMIC_ACQUIRE);
+    while (
+        !__atomic_compare_exchange_n(&unknown_statuses, &made->next, made, false, __ATOMIC_RELEASE, __ATOMIC_ACQUIRE)) {
+    }
+    return made->text;
+}
+
+const char *text_of_unknown(tbs_status_t status) {
+    const UnknownStatus *known = find_unknown(__atomic_load_n(&unknown_statuses, __ATOMIC_ACQUIRE), status);
+    if (known != nullptr)
+        return known->text;
+    if (__atomic_fetch_add(&unknown_status_count, 1, __ATOMIC_RELAXED) >= unknown_statuses_max) {
+        __atomic_store_n(&unknown_status_count, unknown_statuses_max, __ATOMIC_RELAXED);
+        return "Unknown status";
+    }
+    return keep_unknown(status);
+}
+
 } // namespace
 
 const char *tbs_strerror(tbs_status_t status) {
@@ -86,9 +127,7 @@ const char *tbs_strerror(tbs_status_t status) {
         if (row.status == status)
             return row.text;
     }
-    static thread_local char unknown[48];
-    snprintf(unknown, sizeof unknown, "Unknown status %d", status);
-    return unknown;
+    return text_of_unknown(status);
 }
 
 tbs_status_t tbs_errno2status(int error_number) {

@@ -71,7 +71,10 @@ enum {
     TBS_MSG_NO_OPTION_HANDLER = 100,    /* none */
 };
 
-/* The text of a status, never null, not to be freed. Of an unknown one it lives until the same thread asks again. */
+/*
+ * The text of a status, never null, not to be freed; it stays as long as the process. An unknown one is shown by its
+ * number, unless more than a thousand of them have been asked for.
+ */
 const char *tbs_strerror(tbs_status_t status);
 
 /* The status that matches an errno value; 0 gives TBS_ST_OK, a missing file TBS_ST_NOT_SET, the odd ones TBS_ST_ERROR.

@@ -98,10 +98,13 @@ typedef struct clnt_tz_info {
  * that call this wait for ever.
  *
  * A zone whose moments cannot be had is no failure: the record comes without them. Warnings are printed (severity 4) if
- * TZ is not set, once until it is set again, if its zone file cannot be read, is not a regular file or has more than 16
- * MiB, or without memory; that a zone file or rule has been read is printed, too (severity 0). Both happen only when
- * the value of TZ or the file's modification time has changed; else a call costs one stat of the file, and never waits
- * for the network or at a pipe.
+ * TZ is not set or without memory, each once until that is cured; and, at each call, if its zone file cannot be read,
+ * is not a regular file or has more than 16 MiB. That a zone file or rule has been read is printed, too (severity 0),
+ * and happens only when the value of TZ or the file's modification time has changed; else a call costs one stat of the
+ * file, and never waits for the network or at a pipe.
+ *
+ * Of a zone file the part with 32-bit times is read. One that has its changes only behind it, with 64-bit times, as
+ * "slim" zone files have, is read as one without changes, and that is told with the reading (severity 4).
  */
 clnt_tz_status_t clnt_tz_get_info(int year, clnt_tz_info_t **info);
 

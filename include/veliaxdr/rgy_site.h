@@ -58,9 +58,9 @@ tbs_status_t rgy_get_cached_backup_list(char **out);
 
 /*
  * The default region of this process in *out: of its user's, by the map that IVLWEB_USER_REGION_MAPFILE names, if it is
- * the web interface and there is one; else what rgy_set_process_default_region set; else the first word of
- * "rgy_region.conf". The text lives until the same thread asks again. TBS_ST_ERROR without one, TBS_ST_INVALID_ARG for
- * a null `out`.
+ * the web interface and there is one; else the first word of "rgy_region.conf", in whose place what
+ * rgy_set_process_default_region set stands. The text lives until the same thread asks again. TBS_ST_ERROR if there is
+ * no such file, also where a region is set, TBS_ST_INVALID_ARG for a null `out`.
  */
 tbs_status_t rgy_get_default_region(const char **out);
 

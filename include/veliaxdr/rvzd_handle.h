@@ -91,8 +91,8 @@ void rvzd_free_cached_handles(void);
 void rvzd_cached_handle_close_check(void *unused);
 
 /*
- * The handle's RPC client, without the lock: the caller holds rvzd_call_lock while it uses it. Not to be destroyed. Null
- * only in a child after fork(), when the connection could not be made anew.
+ * The handle's RPC client, without the lock: the caller holds rvzd_call_lock while it uses it. Not to be destroyed.
+ * Null only in a child after fork(), when the connection could not be made anew.
  */
 CLIENT *rvzd_get_rpc_clnt(rvzd_handle_t *handle);
 

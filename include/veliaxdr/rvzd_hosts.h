@@ -147,12 +147,13 @@ void rvzd_clnt_list_register(rvzd_handle_t *handle);
 
 /*
  * Asks for the data of a remote build host for this user. `host` has at most RVZD_HOST_NAME_MAX characters. The numbers
- * are the broker's. The three texts are copied to the caller's buffers of RVZD_REMOTE_BUILD_TEXT_SIZE bytes each and
- * cut to them. The outs are written whenever there was an answer, whatever its status.
+ * are the broker's. The three texts are copied to the caller's buffers of RVZD_REMOTE_BUILD_TEXT_SIZE bytes each; one
+ * that does not fit is not cut but left empty. The outs are written whenever there was an answer, whatever its status.
  *
- *   TBS_ST_ERROR       the groups of this process cannot be read; printed
- *   TBS_ST_RPC_FAILED  the call failed; printed
- *   else               the broker's status
+ *   TBS_ST_ERROR          the groups of this process cannot be read; printed
+ *   TBS_ST_RPC_FAILED     the call failed; printed
+ *   TBS_ST_NAME_TOO_LONG  a text does not fit; the others are there
+ *   else                  the broker's status
  */
 enum { RVZD_REMOTE_BUILD_TEXT_SIZE = 1024 };
 tbs_status_t rvzd_remote_build_request_hi(rvzd_handle_t *handle, const char *host, uint32_t user, uint32_t group,

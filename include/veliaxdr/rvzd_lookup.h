@@ -43,7 +43,8 @@ tbs_status_t rvzd_find_server(rvzd_handle_t *handle, rvzd_rpc_trait_t *trait, co
 
 /*
  * Looks the server up through the broker of `host` and opens a client to the first address that works. `path` may be
- * null; `server_name` is for messages. What fails is printed. The client belongs to the caller.
+ * null; `server_name` is for messages. What fails is printed. The client belongs to the caller. A raise that comes
+ * meanwhile lands when all is done: whoever catches it finds the client in *connection, or null there if none was made.
  *
  *   TBS_ST_NOT_FOUND  the broker of the host cannot be reached, for whatever reason
  *   else              the status of the look-up, or of the first address tried

@@ -51,9 +51,10 @@ tbs_status_t rvzd_port_list_from_socket_vec(const rvzd_socket_desc_t *descs, int
                                             rvzd_server_port_list_t *list);
 
 /*
- * Reports to the broker. `handle` null: a handle to the local broker is taken for the one call. Each blocks for the
- * handle's time-out at most. TBS_ST_RPC_FAILED: the call failed, printed; else the broker's answer or the status with
- * which no handle could be had.
+ * Report to the broker, each with rvzd_call_lock held, which guards the record that handles share. `handle` null: a
+ * handle to the local broker is taken for the one call. Each blocks for the handle's time-out at most.
+ * TBS_ST_RPC_FAILED: the call failed, printed; else the broker's answer or the status with which no handle could be
+ * had.
  */
 tbs_status_t rvzd_register_server(rvzd_handle_t *handle, const rvzd_rpc_trait_t *trait, const tbs_uuid_t *uuid,
                                   const char *path, const rvzd_socket_desc_t *descs, int32_t count);

@@ -35,6 +35,22 @@ public:
             rest_.remove_prefix(1);
     }
 
+    // Takes a number as scanf's "%d" does: behind white space, with a sign. The rest as for take_number.
+    constexpr bool take_signed_number(int32_t &value) {
+        const auto before = rest_;
+        while (!rest_.empty() && is_space(rest_.front()))
+            rest_.remove_prefix(1);
+        const bool is_negative = consume("-");
+        if (!is_negative)
+            consume("+");
+        if (!take_number(value)) {
+            rest_ = before;
+            return false;
+        }
+        value = is_negative ? -value : value;
+        return true;
+    }
+
     // Takes the text up to, and without, the next `end`, or all that is left.
     constexpr std::string_view take_until(char end) {
         const auto taken = rest_.substr(0, rest_.find(end));
@@ -61,6 +77,7 @@ public:
 
 private:
     static constexpr bool is_digit(char c) { return c >= '0' && c <= '9'; }
+    static constexpr bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
     std::string_view rest_;
 };

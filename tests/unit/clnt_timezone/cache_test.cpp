@@ -1,4 +1,5 @@
 // The cache of what TZ says: what fills it, what empties it, and what is told of that.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "zone_bytes.h"
@@ -46,6 +47,34 @@ TEST(TimeZoneCache, ValueThatCouldBeARuleButExistsAsAFileIsAFile) {
     EXPECT_EQ(global_tz_cache.state, 2);
     EXPECT_EQ(global_tz_cache.tz_kind, 2);
     EXPECT_EQ(record->flags & change_flags, change_flags);
+}
+
+TEST(TimeZoneCache, AFileWhoseChangesHave64BitTimesOnlyIsToldOnce) {
+    TimeZone zone;
+    ZoneBytes empty;
+    empty.types = {{-18000, 0, 0}};
+    const std::string value = zone.file(empty.bytes() + usual_zone().bytes());
+    zone.set(value);
+    EXPECT_EQ(Record(2026)->flags & change_flags, 0u);
+    const auto messages = zone.world.take_messages();
+    ASSERT_EQ(messages.size(), 2u);
+    EXPECT_EQ(messages[0].severity, IMSG_WARNING);
+    EXPECT_THAT(messages[0].text, testing::AllOf(testing::HasSubstr(value), testing::HasSubstr("64-bit")));
+    EXPECT_EQ(messages[1], refreshed_from_data());
+    { const Record record(2026); }
+    EXPECT_EQ(zone.world.take_messages(), Messages{});
+}
+
+TEST(TimeZoneCache, AFileThatHasNoChangesAtAllIsNotTold) {
+    ZoneBytes empty;
+    empty.types = {{0, 0, 0}};
+    for (const std::string &rest :
+         {empty.bytes(), usual_zone().bytes().substr(0, 40), std::string(60, 'x'), std::string()}) {
+        TimeZone zone;
+        zone.set(zone.file(empty.bytes() + rest));
+        { const Record record(2026); }
+        EXPECT_EQ(zone.world.take_messages(), Messages{refreshed_from_data()});
+    }
 }
 
 TEST(TimeZoneCache, RuleIsState3) {

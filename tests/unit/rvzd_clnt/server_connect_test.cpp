@@ -286,7 +286,7 @@ TEST_F(ServerConnect, AnErrorTextWithoutStorageIsLeftOut) {
     EXPECT_EQ(sim::Holdings::now(world), before);
 }
 
-TEST_F(ServerConnect, ARaiseAnywhereTakesTheConnectionBack) {
+TEST_F(ServerConnect, ARaiseWaitsUntilTheConnectionIsTheCallers) {
     for (const bool tcp : {false, true}) {
         rvzd_free_handle(handle_to("alpha"));
         const auto before = sim::Holdings::now(world);
@@ -297,8 +297,10 @@ TEST_F(ServerConnect, ARaiseAnywhereTakesTheConnectionBack) {
                 rvzd_connect_to_server("alpha", &trait, &connection, &uuid, nullptr, "test server");
             },
             [&](int number) {
-                EXPECT_EQ(connection.client, nullptr) << number;
-                EXPECT_EQ(connection.socket_fd, -1) << number;
+                ASSERT_NE(connection.client, nullptr) << number;
+                EXPECT_NE(connection.socket_fd, -1) << number;
+                clnt_destroy(connection.client);
+                connection.client = nullptr;
                 EXPECT_EQ(sim::Holdings::now(world), before) << number;
                 EXPECT_GE(sim::release_lock(rvzd_call_lock), 1);
             });

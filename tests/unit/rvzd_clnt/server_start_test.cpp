@@ -82,13 +82,33 @@ TEST_F(StartSwitch, FewerThanTwoArgumentsAreNotFoundAndTouchNothing) {
 }
 
 TEST_F(StartSwitch, ALastArgumentThatIsNotTheSwitchIsLeftAlone) {
-    for (const char *text : {"", "-s9:", "-S", "-Sx:", "-S:3,udp", "S9:", "--S9:", "-S-1:", "-S99999999999:"}) {
+    for (const char *text :
+         {"", "-s9:", "-S", "-Sx:", "-S:3,udp", "S9:", "--S9:", "-S+ 9:", "-S- 9:", "-S+-9:", "-S99999999999:"}) {
         EXPECT_EQ(take(text), TBS_ST_NOT_FOUND) << text;
         EXPECT_EQ(argc, 2) << text;
         EXPECT_EQ(count, 0u) << text;
     }
     EXPECT_THAT(world.watches, IsEmpty());
     EXPECT_THAT(world.take_messages(), IsEmpty());
+}
+
+TEST_F(StartSwitch, NumbersHaveTheBlanksAndSignsThatAScanAccepts) {
+    const std::string fd = std::to_string(open_socket(AF_INET, SOCK_DGRAM));
+    for (const std::string &text : {"-S+11:" + fd + ",udp", "-S \t\n11:\r " + fd + ",udp", "-S11:+" + fd + ",udp",
+                                    "-S11 anything:" + fd + ",udp"}) {
+        world.watches.clear();
+        EXPECT_EQ(take(text), TBS_ST_OK) << text;
+        EXPECT_EQ(count, 1u) << text;
+        EXPECT_EQ(descs[0].fd, std::stoi(fd)) << text;
+        ASSERT_THAT(world.watches, testing::SizeIs(1));
+        EXPECT_EQ(world.watches[0].descriptor, 11) << text;
+    }
+}
+
+TEST_F(StartSwitch, ANegativeDescriptorIsNoSocket) {
+    EXPECT_EQ(take("-S9:-1,udp"), TBS_ST_ERROR);
+    EXPECT_THAT(world.take_messages(),
+                ElementsAre(message_of(IMSG_ERROR, _rvzd_rvzd_msg_table, 22, imsg_strerror(EBADF))));
 }
 
 TEST_F(StartSwitch, OnlyTheLastArgumentIsLookedAt) {
@@ -103,9 +123,10 @@ TEST_F(StartSwitch, OnlyTheLastArgumentIsLookedAt) {
 
 TEST_F(StartSwitch, EachMalformationIsABadSwitchWithItsText) {
     const std::string fd = std::to_string(open_socket(AF_INET, SOCK_DGRAM));
-    for (const std::string &rest : std::vector<std::string>{
-             ":", ":" + fd, ":" + fd + ",", ":" + fd + ",sctp", ":" + fd + ",UDP", ":,udp", ":x,udp", ":" + fd + " udp",
-             ":-1,udp", ":99999999999,udp", ":" + fd + "," + std::string(5000, 'u'), ":" + fd + ",udp:"})
+    for (const std::string &rest :
+         std::vector<std::string>{":", ":" + fd, ":" + fd + ",", ":" + fd + ",sctp", ":" + fd + ",UDP", ":,udp",
+                                  ":x,udp", ":" + fd + " udp", ":+,udp", ": -,udp", ":" + fd + ", udp",
+                                  ":99999999999,udp", ":" + fd + "," + std::string(5000, 'u'), ":" + fd + ",udp:"})
         expect_bad_switch("-S9" + rest);
 }
 

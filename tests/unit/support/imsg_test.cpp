@@ -103,6 +103,15 @@ TEST(Message, APositionThatTheTableDoesNotHaveIsTold) {
     EXPECT_EQ(recorder.messages[0].text, "message 2 of \"xdr/rvzd\" is missing\n");
 }
 
+TEST(Message, ShowsALongApplicationNameToItsEnd) {
+    const std::string name = "/" + std::string(300, 'p') + "(12345)";
+    imsg_set_app_name(name.c_str());
+    testing::internal::CaptureStderr();
+    imsg_print(IMSG_ERROR, "text\n", IMSG_FORMAT);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), name + ": Error: text\n");
+    imsg_set_app_name(nullptr);
+}
+
 TEST(Message, LeavesErrnoAlone) {
     errno = ENOTTY;
     streams_of([] { imsg_print(IMSG_ERROR, "x\n", IMSG_FORMAT); });
@@ -232,6 +241,37 @@ TEST(TraceEnvironmentDeathTest, IsReadAtTheFirstQuestion) {
     EXPECT_EXIT(
         exit(imsg_get_desired_verbosity() * 10 + imsg_should_trace("clnt_list", 4) + imsg_should_trace("registry", 1)),
         testing::ExitedWithCode(41), "");
+}
+
+TEST(DaemonLog, AnErrorBeginsALineWhateverTheTextBeforeItLeftOpen) {
+    TestSite site;
+    const std::string log = site.path("rvzd_log");
+    const pid_t child = fork();
+    if (child == 0) {
+        imsg_set_app_name("server");
+        const bool ok = imsg_init_daemon(log.c_str()) == 0;
+        imsg_print(IMSG_ERROR, "one", IMSG_FORMAT);
+        imsg_print(IMSG_ERROR, "two", IMSG_FORMAT);
+        imsg_print(IMSG_CONTINUATION, " goes on\n", IMSG_FORMAT);
+        imsg_print(IMSG_WARNING, "three\n", IMSG_FORMAT);
+        _exit(ok ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    const std::string head = "[0-9TZ:.-]+ server: ";
+    EXPECT_THAT(site.read("rvzd_log"),
+                MatchesRegex(head + "Error: one\n" + head + "Error: two goes on\n" + head + "Warning: three\n"));
+}
+
+TEST(Message, AnErrorBeginsALineWhateverTheErrorBeforeItLeftOpen) {
+    testing::internal::CaptureStderr();
+    imsg_print(IMSG_ERROR, "Invalid syntax for switch: one", IMSG_FORMAT);
+    imsg_print(IMSG_ERROR, "Invalid syntax for switch: two", IMSG_FORMAT);
+    imsg_print(IMSG_CONTINUATION, "\n", IMSG_FORMAT);
+    imsg_print(IMSG_ERROR, "three\n", IMSG_FORMAT);
+    EXPECT_THAT(testing::internal::GetCapturedStderr(),
+                MatchesRegex(".*: Error: [^\n]*one\n.*: Error: [^\n]*two\n.*: Error: three\n"));
 }
 
 TEST(DaemonLog, HeadsEveryLineByTheTimeAndIsReopened) {

@@ -1,6 +1,7 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -18,6 +19,22 @@ TEST(Status, EveryStatusHasAText) {
          {0, 1001, 1002, 1004, 1006, 1007, 1026, 1029, 1031, 1035, 1052, 1062, 1063, 1072, 1078, 1084})
         EXPECT_EQ(std::string(tbs_strerror(status)).find("Unknown"), std::string::npos) << status;
     EXPECT_STREQ(tbs_strerror(4711), "Unknown status 4711");
+}
+
+TEST(Status, TheTextOfAnUnknownOneStays) {
+    const char *first = tbs_strerror(4711);
+    EXPECT_STREQ(tbs_strerror(-4712), "Unknown status -4712");
+    EXPECT_STREQ(first, "Unknown status 4711");
+    EXPECT_EQ(tbs_strerror(4711), first);
+    const char *of_another_thread = nullptr;
+    std::thread([&] { of_another_thread = tbs_strerror(4713); }).join();
+    EXPECT_STREQ(of_another_thread, "Unknown status 4713");
+}
+
+TEST(Status, UnknownOnesWithoutEndCostNoMemoryWithoutEnd) {
+    for (int status = 100'000; status < 102'000; ++status)
+        EXPECT_EQ(std::string(tbs_strerror(status)).find("Unknown status"), 0u);
+    EXPECT_STREQ(tbs_strerror(101'999), "Unknown status");
 }
 
 TEST(Status, OfErrnoValues) {

@@ -102,6 +102,11 @@ void read_zone() {
     }
     const ReadOutcome outcome = take_zone_over();
     if (outcome == ReadOutcome::done) {
+        if (global_tz_cache.zone.is_slim)
+            imsg_print(IMSG_WARNING,
+                       "Zone file '%s' has its changes with 64-bit times only, which are not read: dates of change are "
+                       "not known.\n",
+                       IMSG_FORMAT, work.path);
         imsg_print(IMSG_PLAIN, &_clnt_timezone_rvzd_msg_table, CLNT_TZ_MSG_REFRESHED_FROM_DATA);
         return;
     }

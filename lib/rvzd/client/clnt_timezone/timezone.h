@@ -56,6 +56,7 @@ struct Zone {
     Leap *leaps;
     uint8_t *isgmt;
     uint8_t *isstd;
+    bool is_slim; // the file has changes, but none that are read
 };
 
 // A change as a rule gives it, month and day of the week from 0.

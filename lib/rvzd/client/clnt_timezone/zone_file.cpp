@@ -12,6 +12,7 @@ using namespace velia::tz;
 
 namespace {
 
+constexpr char zone_magic[] = "TZif";
 constexpr FileBounds zone_bounds = {list_file.file_bytes, text_line_bytes_max};
 
 // Numbers stand in a zone file with their highest byte first. The reader's bytes have been counted before.
@@ -123,10 +124,23 @@ bool read_bytes(TextFile &file, char *bytes, size_t size) {
     return file.next_bytes(bytes, size, count) == FileOutcome::ok && count == size;
 }
 
+// Whether another block with changes follows the one that has just been read.
+bool has_later_changes(TextFile &file) {
+    char head[sizeof(ZoneHeader)];
+    if (!read_bytes(file, head, sizeof head))
+        return false;
+    ZoneReader reader({head, sizeof head});
+    return memcmp(head, zone_magic, strlen(zone_magic)) == 0 && decode_header(reader).timecnt > 0;
+}
+
 ReadOutcome read_body(TextFile &file, char *bytes, size_t size, Zone &zone) {
     constexpr size_t head_size = sizeof(ZoneHeader);
-    return read_bytes(file, bytes + head_size, size - head_size) ? decode_zone({bytes, size}, zone)
-                                                                 : ReadOutcome::unusable;
+    if (!read_bytes(file, bytes + head_size, size - head_size))
+        return ReadOutcome::unusable;
+    const ReadOutcome outcome = decode_zone({bytes, size}, zone);
+    if (outcome == ReadOutcome::done)
+        zone.is_slim = zone.header.timecnt <= 0 && has_later_changes(file);
+    return outcome;
 }
 
 ReadOutcome read_open_file(TextFile &file, Zone &zone) {

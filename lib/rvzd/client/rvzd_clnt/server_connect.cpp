@@ -1,5 +1,5 @@
 // From a host name to a ready RPC client of one of its servers. Raises are inhibited from the start until the
-// connection stands, so that a half-made one is never left behind.
+// connection stands and is the caller's, so that a half-made one is never left behind; one that waited lands then.
 #include <veliaxdr/rvzd_lookup.h>
 
 #include <cerrno>
@@ -156,7 +156,7 @@ tbs_status_t connect_to_target(const Target &target, rvzd_handle_t *&handle, rvz
     return status;
 }
 
-// After a raise the caller gets no status and would not know of a client, so it gets none.
+// Of what a raise left half-made.
 void undo(rvzd_handle_t *&handle, rvzd_connection_t &connection) {
     with_inhibit([&] {
         rvzd_free_handle(handle);
@@ -179,8 +179,9 @@ tbs_status_t rvzd_connect_to_server(const char *host, rvzd_rpc_trait_t *trait, r
     return with_lock(call_lock, [&] {
         connection->socket_fd = -1;
         connection->client = nullptr;
-        return with_cleanup(
-            [&] { return with_inhibit([&] { return connect_to_target(target, handle, *connection); }); },
-            [&] { undo(handle, *connection); });
+        return with_inhibit([&] {
+            return with_cleanup([&] { return connect_to_target(target, handle, *connection); },
+                                [&] { undo(handle, *connection); });
+        });
     });
 }

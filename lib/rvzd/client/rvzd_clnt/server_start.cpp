@@ -28,7 +28,7 @@ bool take_lifeline(const char *argument, TextCursor &cursor, int32_t &lifeline_f
     if (argument == nullptr)
         return false;
     cursor = TextCursor(argument);
-    return cursor.consume(lifeline_prefix) && cursor.take_number(lifeline_fd);
+    return cursor.consume(lifeline_prefix) && cursor.take_signed_number(lifeline_fd);
 }
 
 rvzd_protocol_in_t protocol_of_name(std::string_view name) {
@@ -39,7 +39,7 @@ rvzd_protocol_in_t protocol_of_name(std::string_view name) {
 }
 
 bool take_socket(TextCursor &cursor, rvzd_socket_desc_t &desc) {
-    if (!cursor.take_number(desc.fd) || !cursor.consume(","))
+    if (!cursor.take_signed_number(desc.fd) || !cursor.consume(","))
         return false;
     desc.protocol = protocol_of_name(cursor.take_until(':'));
     return desc.protocol != RVZD_PROTOCOL_UNKNOWN;
