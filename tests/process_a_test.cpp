@@ -93,9 +93,12 @@ int main(int argc, char **argv) {
         return RUN_ALL_TESTS();
     const Names names = chosen_tests(GTEST_FLAG_GET(filter));
     Names failed;
-    for (const std::string &name : names)
+    for (const std::string &name : names) {
         if (!passes_in_child(name))
             failed.push_back(name);
+        if (!failed.empty() && GTEST_FLAG_GET(fail_fast))
+            break;
+    }
     printf("%zu of %zu tests passed, each in a process of its own.\n", names.size() - failed.size(), names.size());
     for (const std::string &name : failed)
         printf("[  FAILED  ] %s\n", name.c_str());
