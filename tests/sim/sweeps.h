@@ -1,5 +1,6 @@
-// Sweeps: an operation run again and again with the first, second, ... n-th allocation failing, or a raise arriving at
-// the first, second, ... n-th support call, until a run gets by without one.
+// Sweeps: an operation run again and again with the first, second, ... n-th allocation failing (alone, and with all
+// that come after it), or a raise arriving at the first, second, ... n-th support call, until a run gets by without
+// one.
 #pragma once
 
 #include <cstdint>
@@ -26,18 +27,21 @@ struct Holdings {
     bool operator==(const Holdings &) const = default;
 };
 
-// `operation` is run with the n-th allocation failing for each n; `check(n)` judges each run in which one failed. Ends
-// with the first run in which none failed, which is left to the caller's own expectations. Returns how many failed.
+// `operation` is run with the n-th allocation failing for each n, first with all behind it and then alone; `check(n)`
+// judges each run in which one failed. Ends with the first run in which none failed, which is left to the caller's own
+// expectations. Returns how many n there were.
 template <class Operation, class Check>
 int sweep_allocations(World &world, Operation &&operation, Check &&check) {
     for (int number = 1; number < sweep_limit; ++number) {
-        world.fail_allocation(number);
-        operation();
-        const bool failed = world.allocation_failed();
-        world.fail_allocation(0);
-        if (!failed)
-            return number - 1;
-        check(number);
+        for (const auto how_many : {World::Failing::all_further, World::Failing::one}) {
+            world.fail_allocation(number, how_many);
+            operation();
+            const bool failed = world.allocation_failed();
+            world.fail_allocation(0);
+            if (!failed)
+                return number - 1;
+            check(number);
+        }
     }
     ADD_FAILURE() << "the operation has no end of allocations";
     return sweep_limit;

@@ -25,16 +25,20 @@ std::string make_root() {
     return path;
 }
 
-void take_message(void *context, int severity, const char *, const imsg_table_t *table, int index, const char *text) {
-    static_cast<World *>(context)->messages.push_back({severity, table, index, text});
+void take_message(void *context, int severity, const char *subsystem, const imsg_table_t *table, int index,
+                  const char *text) {
+    auto &receiver = *static_cast<World *>(context);
+    receiver.messages.emplace_back(severity, table, index, text, subsystem != nullptr ? subsystem : "");
+    if (receiver.on_message)
+        receiver.on_message(receiver.messages.back());
 }
 
 } // namespace
 
 void PrintTo(const Message &message, std::ostream *out) {
     *out << "severity " << message.severity << ", "
-         << (message.table != nullptr ? message.table->subsystem_name : "format") << " " << message.index << ": \""
-         << message.text << '"';
+         << (message.table != nullptr ? message.table->subsystem_name : "format") << " " << message.index << " of \""
+         << message.subsystem << "\": \"" << message.text << '"';
 }
 
 World::World() : root_(make_root()) {
@@ -100,15 +104,19 @@ void World::write_file(const std::string &path_below_root, const std::string &te
     std::ofstream(path, std::ios::binary) << text;
 }
 
-void World::fail_allocation(int number) {
+void World::fail_allocation(int number, Failing how_many) {
     allocations_left_ = number;
-    allocation_failed_ = false;
+    failing_ = how_many;
+    if (number != 0)
+        allocations_failed_ = 0;
 }
 
 bool World::allocation_is_due() {
     if (allocations_left_ == 0 || --allocations_left_ > 0)
         return false;
-    allocation_failed_ = true;
+    if (failing_ == Failing::all_further)
+        allocations_left_ = 1;
+    ++allocations_failed_;
     return true;
 }
 

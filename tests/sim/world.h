@@ -6,12 +6,14 @@
 // own, since caches of the library last as long as the process.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <rpc/rpc.h>
@@ -24,13 +26,26 @@
 namespace sim {
 
 struct Message {
-    int severity;
-    const imsg_table_t *table; // null for a message given as a format string
-    int index;                 // -1 likewise
+    int severity = IMSG_PLAIN;
+    const imsg_table_t *table = nullptr; // null for a message given as a format string
+    int index = -1;                      // -1 likewise
     std::string text;
+    std::string subsystem; // that speaks: the table's own, unless another one shares the table
+
+    Message() = default;
+    Message(int severity_, const imsg_table_t *table_, int index_, std::string text_)
+        : Message(severity_, table_, index_, std::move(text_), table_ != nullptr ? table_->subsystem_name : "") {}
+    Message(int severity_, const imsg_table_t *table_, int index_, std::string text_, std::string subsystem_)
+        : severity(severity_), table(table_), index(index_), text(std::move(text_)), subsystem(std::move(subsystem_)) {}
 
     bool operator==(const Message &) const = default;
 };
+
+// The same out of another subsystem's mouth, of a message of a table that is shared.
+inline Message told_by(const char *subsystem, Message message) {
+    message.subsystem = subsystem;
+    return message;
+}
 void PrintTo(const Message &message, std::ostream *out);
 
 struct Timer {
@@ -50,6 +65,12 @@ struct Watch {
     void *argument;
 };
 
+struct SystemStart {
+    int argument_count;
+    char **arguments;
+    char *name;
+};
+
 // What fails on demand: each is the number of further calls that succeed; none (the default) never fails.
 struct Faults {
     static constexpr int never = -1;
@@ -58,6 +79,7 @@ struct Faults {
     int getsockname = never;
     int connect = never;
     int gethostname = never;
+    int getgroups = never;
     int authenticator = never;
     int udp_client = never;
     int tcp_client = never;
@@ -101,6 +123,7 @@ public:
     // Those at the error severity; the others are forgotten.
     std::vector<Message> take_errors();
     std::vector<Message> messages;
+    std::function<void(const Message &)> on_message; // at the moment when one is told
     int verbosity = 0;
     std::set<std::string> traced; // "xdr/rvzd:4"
 
@@ -136,9 +159,12 @@ public:
     std::vector<timeval> udp_intervals;
     size_t replies_freed = 0;
 
-    // The allocation with this number fails, counted from the moment it is set; 0: none.
-    void fail_allocation(int number);
-    bool allocation_failed() const { return allocation_failed_; }
+    // The allocation with this number fails, counted from the moment it is set; 0: none. `how_many` tells whether those
+    // behind it fail, too.
+    enum class Failing { one, all_further };
+    void fail_allocation(int number, Failing how_many = Failing::one);
+    bool allocation_failed() const { return allocations_failed_ > 0; }
+    size_t allocations_failed() const { return allocations_failed_; } // since one was last made to fail
     bool allocation_is_due();
 
     // A raise of `code` arrives at the support call with this number; 0: none.
@@ -146,13 +172,22 @@ public:
     bool raise_was_sent() const { return raise_sent_; }
     void support_call();
 
-    // Which host asked for the resolver; grows with each look-up.
+    // Which host asked for the resolver, and for which type of socket; grows with each look-up.
     std::vector<std::string> lookups;
+    std::vector<int> lookup_socket_types;
+
+    // How often the lock of broker calls was taken.
+    std::atomic<size_t> call_locks = 0;
+
+    // The starts of a server that were announced to the support layer, and the name that its messages bear now.
+    std::vector<SystemStart> system_starts;
+    std::string app_name;
 
 private:
     std::string root_;
     int allocations_left_ = 0;
-    bool allocation_failed_ = false;
+    Failing failing_ = Failing::one;
+    size_t allocations_failed_ = 0;
     int calls_left_ = 0;
     int raise_code_ = 0;
     bool raise_sent_ = false;

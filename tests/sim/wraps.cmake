@@ -5,10 +5,10 @@ set(SIM_WRAPPED
   sysutl_host_addr sysutl_sock_port_uniquifier sysutl_clnttcp_create_ext sysutl_set_cloexec_file sysutl_copy_sockaddr
   ks_clntudp_create_sockaddr ks_clnttcp_create_sockaddr
   imsg_get_desired_verbosity imsg_should_trace imsg_prompt_password
-  credmap_auth_create_default credmap_authunix_create_nobody credutl_is_privileged
+  credmap_auth_create_default credutl_getgroups credmap_authunix_create_nobody credutl_is_privileged
   tbs_platform_info tbs_product_comp_test tbs_product_config_dir tbs_product_host_priv_dir tbs_uuid_to_str
   fileutl_is_localhost fileutl_path_host getenv_safe
-  rt_sched rt_handle_fd pfm_on_exit
+  rt_sched rt_handle_fd pfm_on_exit ks_system_init imsg_set_app_name ivlthread_mutex_lock
   sysutl_set_socket_nonblocking sysutl_host_numeric
   gethostname socket bind getsockname connect close getaddrinfo freeaddrinfo select getsockopt)
 set(SIM_WRAP_OPTIONS)

@@ -8,12 +8,15 @@
 #include <sys/time.h>
 
 #include <support/credmap.h>
+#include <support/credutl.h>
+#include <support/ivlthread.h>
 #include <support/ks.h>
 #include <support/rt.h>
 #include <support/stg.h>
 #include <support/sysutl.h>
 #include <tests/sim/rpc_client.h>
 #include <tests/sim/world.h>
+#include <veliaxdr/rvzd_handle.h>
 
 using sim::Faults;
 using sim::World;
@@ -169,6 +172,7 @@ int __wrap_sysutl_host_addr(const char *host, const char *service, int socket_ty
     World &world = World::current();
     world.support_call();
     world.lookups.emplace_back(host != nullptr ? host : service);
+    world.lookup_socket_types.push_back(socket_type);
     return host != nullptr ? resolve_host(world, host, socket_type, result)
                            : resolve_service(world, service, socket_type, result);
 }
@@ -229,6 +233,12 @@ AUTH *__wrap_credmap_authunix_create_nobody() {
     return fails(&Faults::authenticator) ? nullptr : __real_credmap_authunix_create_nobody();
 }
 
+int __real_credutl_getgroups(int group_count_max, uint32_t *groups);
+int __wrap_credutl_getgroups(int group_count_max, uint32_t *groups) {
+    World::current().support_call();
+    return fails(&Faults::getgroups) ? -1 : __real_credutl_getgroups(group_count_max, groups);
+}
+
 int __wrap_credutl_is_privileged() {
     World::current().support_call();
     return World::current().privileged;
@@ -265,6 +275,25 @@ int __wrap_rt_handle_fd(int, void (*function)(void *), int descriptor, void *arg
         return 0;
     World::current().watches.push_back({function, descriptor, argument});
     return 1;
+}
+
+void __real_ks_system_init(int argument_count, char **arguments, char *name);
+void __wrap_ks_system_init(int argument_count, char **arguments, char *name) {
+    World::current().system_starts.push_back({argument_count, arguments, name});
+    __real_ks_system_init(argument_count, arguments, name);
+}
+
+void __real_imsg_set_app_name(const char *name);
+void __wrap_imsg_set_app_name(const char *name) {
+    World::current().app_name = name;
+    __real_imsg_set_app_name(name);
+}
+
+void __real_ivlthread_mutex_lock(ivlthread_mutex_t *mutex);
+void __wrap_ivlthread_mutex_lock(ivlthread_mutex_t *mutex) {
+    __real_ivlthread_mutex_lock(mutex);
+    if (mutex == &rvzd_call_lock && World::exists())
+        ++World::current().call_locks;
 }
 
 // The end of the process comes when the test says so.

@@ -159,7 +159,7 @@ TEST_F(PoolMapPoolname, WhoseTargetDoesNotFitKeepsWhatFitsAndIsLogged) {
     EXPECT_EQ(poolname("/a", 7), (Answer{TBS_ST_OK, "/long"}));
     EXPECT_EQ(poolname("/a", 6), (Answer{TBS_ST_NAME_TOO_LONG, "/long"}));
     EXPECT_EQ(poolname("/a", 5), (Answer{TBS_ST_NAME_TOO_LONG, "/lon"}));
-    const sim::Message logged = {IMSG_ERROR, &_tbs_cmsg_tbs_msg_table, 45, internal_error};
+    const sim::Message logged = {IMSG_ERROR, &_tbs_cmsg_tbs_msg_table, 45, internal_error, "poolmap"};
     EXPECT_EQ(world.take_messages(), (Messages{logged, logged}));
 }
 

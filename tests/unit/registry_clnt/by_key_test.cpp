@@ -53,7 +53,8 @@ protected:
             world.peer.answer(procedure, refusal(status));
     }
     static sim::Message failed(const char *operation, tbs_status_t status) {
-        return message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 46, operation, tbs_strerror(status));
+        return sim::told_by("registry",
+                            message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 46, operation, tbs_strerror(status)));
     }
     // The last message that is told of an operation; the ones before are of the contact.
     sim::Message last_error() {

@@ -95,7 +95,7 @@ TEST_P(TwoWordFile, WhatIsNoFileIsNotWaitedForAndIsAnError) {
     bad_files::for_each(path, 1 << 20, [&](const std::string &words) {
         EXPECT_EQ(get(), TBS_ST_ERROR);
         expect_nothing_copied();
-        EXPECT_THAT(world.take_messages(), testing::ElementsAre(refusal(path, words)));
+        EXPECT_THAT(world.take_messages(), testing::ElementsAre(refusal(path, words, "tbs/cmsg")));
     });
 }
 
@@ -294,6 +294,7 @@ TEST_F(ProcessRegion, WithoutStorageIsToldAndClearsTheOldOne) {
     EXPECT_EQ(messages[0].severity, IMSG_ERROR);
     EXPECT_EQ(messages[0].table, &_tbs_cmsg_tbs_msg_table);
     EXPECT_EQ(messages[0].index, 46);
+    EXPECT_EQ(messages[0].subsystem, "registry");
     EXPECT_THAT(messages[0].text, testing::HasSubstr("registry_prop_set_process_default_region_local"));
     EXPECT_THAT(messages[0].text, testing::HasSubstr(tbs_strerror(TBS_ST_NO_STORAGE)));
     EXPECT_EQ(first_region(), "r1,r2");

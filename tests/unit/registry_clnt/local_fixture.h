@@ -42,9 +42,11 @@ protected:
         return std::string(std::istreambuf_iterator<char>(file), {});
     }
 
-    // How a file of the host configuration directory, or any other, is refused.
-    static sim::Message refusal(const std::string &path, const std::string &words) {
-        return {IMSG_ERROR, &_tbs_cmsg_tbs_msg_table, 20, "Error reading from \"" + path + "\": " + words + ".\n"};
+    // How a file of the host configuration directory, or any other, is refused by those who read it by themselves, and
+    // by the support layer, which reads whole files for them.
+    static sim::Message refusal(const std::string &path, const std::string &words, const char *subsystem = "registry") {
+        return {IMSG_ERROR, &_tbs_cmsg_tbs_msg_table, 20, "Error reading from \"" + path + "\": " + words + ".\n",
+                subsystem};
     }
 
     sim::World world;

@@ -61,7 +61,8 @@ protected:
     }
     std::string last_text() const { return added_text(calls_of(RVZD_PROC_RGY_ADD_ENTRY).back()); }
     static sim::Message failed(const char *step, tbs_status_t status) {
-        return message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 46, step, tbs_strerror(status));
+        return sim::told_by("registry",
+                            message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 46, step, tbs_strerror(status)));
     }
     static sim::Message trouble(tbs_status_t status) {
         return message_of(IMSG_ERROR, _registry_rvzd_msg_table, REGISTRY_MSG_TROUBLE_CONTACTING, "alpha",

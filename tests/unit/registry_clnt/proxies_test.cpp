@@ -506,7 +506,8 @@ TEST_F(RegistryProxies, ADatabaseNameWithoutStorageIsNullAndNoFailure) {
             if (status == TBS_ST_OK) {
                 seen = true;
                 EXPECT_EQ(call.count, 2);
-                EXPECT_TRUE((call.dbs[0].name == nullptr) != (call.dbs[1].name == nullptr));
+                const size_t missing = (call.dbs[0].name == nullptr) + (call.dbs[1].name == nullptr);
+                EXPECT_EQ(missing, world.allocations_failed());
             }
             call.release();
         });

@@ -161,9 +161,10 @@ TEST_F(Timestamp, WithoutStorageForTheHostItSucceedsWithNone) {
             statuses.push_back(status);
         });
     EXPECT_EQ(status, TBS_ST_OK);
-    ASSERT_GE(statuses.size(), 2u);
-    EXPECT_EQ(statuses[statuses.size() - 2], TBS_ST_NO_MEMORY);
-    EXPECT_EQ(statuses.back(), TBS_ST_OK);
+    // Two runs each without storage for the record, and for the host of it.
+    ASSERT_GE(statuses.size(), 4u);
+    EXPECT_THAT(std::vector(statuses.end() - 4, statuses.end()),
+                ElementsAre(TBS_ST_NO_MEMORY, TBS_ST_NO_MEMORY, TBS_ST_OK, TBS_ST_OK));
     EXPECT_THAT(world.take_errors(), IsEmpty());
 }
 

@@ -89,8 +89,9 @@ TEST_F(Update, AnAddRefusedAsStalePassesWithoutAMessage) {
 TEST_F(Update, AnAddRefusedForRightsIsToldUnderItsName) {
     world.peer.answer(RVZD_PROC_RGY_ADD_ENTRY, refusal(TBS_ST_NO_ACCESS));
     EXPECT_EQ(rgy_add_entry(3, entry), TBS_ST_NO_ACCESS);
-    EXPECT_THAT(world.take_messages(), ElementsAre(message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 46, "rgy_add_entry",
-                                                              tbs_strerror(TBS_ST_NO_ACCESS))));
+    EXPECT_THAT(world.take_messages(),
+                ElementsAre(sim::told_by("registry", message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 46,
+                                                                "rgy_add_entry", tbs_strerror(TBS_ST_NO_ACCESS)))));
 }
 
 TEST_F(Update, AnyOtherFailureIsTroubleContactingAndAnError) {

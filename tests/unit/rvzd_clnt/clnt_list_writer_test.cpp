@@ -79,8 +79,9 @@ TEST_F(ClientListFile, AnAddressOfNoFamilyIsToldAndTheLineWrittenAllTheSame) {
     char name[] = "h";
     entry.hostinfo.hostname = name;
     EXPECT_EQ(written({entry}), "-dbversion=1.0;\n-address=;-hostname=h;\n");
-    EXPECT_EQ(world.take_messages().at(0), message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 46, "sysutl_host_numeric",
-                                                      "Unable to resolve numeric hostname and port"));
+    EXPECT_EQ(world.take_messages().at(0),
+              sim::told_by("clnt_list", message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 46, "sysutl_host_numeric",
+                                                   "Unable to resolve numeric hostname and port")));
 }
 
 TEST_F(ClientListFile, AnEmptyListIsNotWrittenAndTheFileNotTouched) {
@@ -100,7 +101,8 @@ TEST_F(ClientListFile, APathThatCannotBeOpenedIsToldWithItsName) {
     const std::string missing = world.root() + "/none/clients";
     EXPECT_EQ(clnt_list_write_file(missing.c_str(), 1, &entry), TBS_ST_NOT_SET);
     EXPECT_EQ(world.take_messages().at(0),
-              message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 18, missing.c_str(), imsg_strerror(ENOENT)));
+              sim::told_by("clnt_list", message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 18, missing.c_str(),
+                                                   imsg_strerror(ENOENT))));
 }
 
 TEST_F(ClientListFile, APipeThatNobodyReadsFromIsNotWaitedFor) {
@@ -108,8 +110,8 @@ TEST_F(ClientListFile, APipeThatNobodyReadsFromIsNotWaitedFor) {
     const std::string pipe = world.root() + "/pipe";
     const bad_files::BadFile file(bad_files::Kind::pipe, pipe);
     EXPECT_EQ(clnt_list_write_file(pipe.c_str(), 1, &entry), tbs_errno2status(ENXIO));
-    EXPECT_EQ(world.take_messages().at(0),
-              message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 18, pipe.c_str(), imsg_strerror(ENXIO)));
+    EXPECT_EQ(world.take_messages().at(0), sim::told_by("clnt_list", message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 18,
+                                                                                pipe.c_str(), imsg_strerror(ENXIO))));
 }
 
 TEST_F(ClientListFile, AFullDeviceIsToldAndNoDescriptorStaysOpen) {

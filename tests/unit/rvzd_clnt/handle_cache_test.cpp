@@ -379,8 +379,9 @@ TEST_F(HandleCache, ATimerWithoutAnArmedOneIsAFailedAssertion) {
 TEST_F(HandleCache, ATimerThatCannotBeArmedIsLoggedAndTriedAgain) {
     world.faults.rt_sched = 0;
     rest(1);
-    EXPECT_THAT(world.take_errors(), ElementsAre(message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 46, "rt_sched",
-                                                            tbs_strerror(TBS_ST_ERROR))));
+    EXPECT_THAT(world.take_errors(),
+                ElementsAre(sim::told_by("xdr/rvzd", message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 46, "rt_sched",
+                                                                tbs_strerror(TBS_ST_ERROR)))));
     world.faults.rt_sched = sim::Faults::never;
     rest(2);
     EXPECT_EQ(world.timers.size(), 1u);
@@ -392,8 +393,9 @@ TEST_F(HandleCache, ATimerThatCannotBeArmedAgainIsLogged) {
     rest(2);
     world.faults.rt_sched = 0;
     world.run_timers_for_s(31);
-    EXPECT_THAT(world.take_errors(), ElementsAre(message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 46, "rt_sched",
-                                                            tbs_strerror(TBS_ST_ERROR))));
+    EXPECT_THAT(world.take_errors(),
+                ElementsAre(sim::told_by("xdr/rvzd", message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 46, "rt_sched",
+                                                                tbs_strerror(TBS_ST_ERROR)))));
 }
 
 TEST_F(HandleCache, ProcessesWithoutALoopDropAgedRecordsThemselvesAndTheTimerStaysArmed) {

@@ -137,7 +137,8 @@ TEST_F(Handle, WithoutALocalHostNameThereIsNone) {
     world.faults.error_number = EFAULT;
     EXPECT_EQ(fail_to_get(nullptr), TBS_ST_NOT_FOUND);
     EXPECT_THAT(world.take_messages(),
-                ElementsAre(message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 46, "gethostname", imsg_strerror(EFAULT))));
+                ElementsAre(sim::told_by("xdr/rvzd", message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 46, "gethostname",
+                                                                imsg_strerror(EFAULT)))));
     EXPECT_EQ(fail_to_get(nullptr, RVZD_PROTOCOL_UDP, 1), TBS_ST_NOT_FOUND);
     EXPECT_THAT(world.take_messages(), IsEmpty());
 }

@@ -18,7 +18,8 @@ protected:
 
     std::string path() const { return world.root() + "/config/services/rvzd_rt_params.conf"; }
     sim::Message refusal(const std::string &words) const {
-        return message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 20, path().c_str(), words.c_str());
+        return sim::told_by("xdr/rvzd",
+                            message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 20, path().c_str(), words.c_str()));
     }
 
     static constexpr uint64_t bytes_max = 1 << 20;

@@ -106,7 +106,8 @@ TEST_F(Sockets, ABindThatFailsIsReportedForIPv4OnlyAndClosesTheSocket) {
     EXPECT_EQ(world.live_descriptors(), 0u);
     EXPECT_EQ(desc.fd, -1);
     EXPECT_THAT(world.take_messages(),
-                ElementsAre(message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 46, "bind", imsg_strerror(EACCES)),
+                ElementsAre(sim::told_by("xdr/rvzd", message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 46, "bind",
+                                                                imsg_strerror(EACCES))),
                             message_of(IMSG_ERROR, _rvzd_rvzd_msg_table, 5, "")));
 }
 
