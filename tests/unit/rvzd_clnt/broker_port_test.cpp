@@ -26,7 +26,9 @@ TEST_F(BrokerPort, IdentityIsReportedAsItIs) {
     EXPECT_STREQ(protocol, "udp");
     EXPECT_STREQ(file, ".rvzd_well_known_port");
     EXPECT_EQ(well_known, 371);
+    const size_t locks = world.call_locks;
     EXPECT_EQ(rvzdsvr_get_server_type(), 0);
+    EXPECT_EQ(world.call_locks, locks + 1);
     expect_lock_is_free();
 }
 
@@ -48,6 +50,12 @@ TEST_F(BrokerPort, WithoutAnEntryForRvzdTheOneForIronvaleServes) {
     EXPECT_EQ(port(), 5000);
     EXPECT_THAT(world.lookups, ElementsAre("rvzd", "ironvale"));
     EXPECT_THAT(world.take_messages(), IsEmpty());
+}
+
+TEST_F(BrokerPort, TheServicesAreLookedUpForTheBrokersTransport) {
+    world.services = {{"ironvale", 5000}};
+    port();
+    EXPECT_THAT(world.lookup_socket_types, ElementsAre(SOCK_DGRAM, SOCK_DGRAM));
 }
 
 TEST_F(BrokerPort, WithoutAnyEntryItIsTheWellKnownOneWithAWarning) {

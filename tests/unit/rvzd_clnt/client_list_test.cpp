@@ -73,6 +73,22 @@ TEST_F(ClientListOfABroker, APieceIsHandedOutWithWhereToGoOn) {
     }
 }
 
+TEST_F(ClientListOfABroker, OnlyAVersionAboveFiveIsAskedInTheNewerForm) {
+    rvzd_handle_t *handle = handle_to("alpha");
+    clnt_entry_t entry = {};
+    for (const uint32_t version : {0u, 4u, 5u, 6u, 7u}) {
+        handle->cached->protocol_version = version;
+        get(handle);
+        EXPECT_EQ(world.peer.last().procedure, version > 5 ? RVZD_PROC_CLNT_LIST_GET : RVZD_PROC_CLNT_LIST_GET_V70)
+            << version;
+        rvzd_clnt_list_lookup(handle, "pluto", &entry);
+        EXPECT_EQ(world.peer.last().procedure,
+                  version > 5 ? RVZD_PROC_CLNT_LIST_LOOKUP : RVZD_PROC_CLNT_LIST_LOOKUP_V70)
+            << version;
+    }
+    rvzd_free_handle(handle);
+}
+
 TEST_F(ClientListOfABroker, FailedCallsAreToldUnderTheNameOfTheirForm) {
     rvzd_handle_t *handle = handle_to("alpha");
     world.peer.answer(RVZD_PROC_CLNT_LIST_GET, sim::silence());
@@ -300,6 +316,35 @@ TEST_F(Registration, LeavesItsNoteOnTheHost) {
                 SizeIs(1));
 }
 
+TEST_F(Registration, LeavesItsNoteBeforeItCalls) {
+    bool is_noted = false;
+    world.peer.on(RVZD_PROC_CLNT_LIST_REGISTER, [&](const sim::Call &) {
+        is_noted = std::filesystem::exists(note_of("127.0.0.2"));
+        return sim::silence();
+    });
+    register_with("alpha");
+    EXPECT_TRUE(is_noted);
+    EXPECT_TRUE(std::filesystem::exists(note_of("127.0.0.2"))); // a call that fails is not made again soon
+}
+
+TEST_F(Registration, OfAHostThatCannotDescribeItselfIsNotMade) {
+    world.os_name = nullptr;
+    register_with("alpha");
+    EXPECT_EQ(registrations(), 0u);
+    EXPECT_THAT(world.take_messages(), IsEmpty());
+    expect_lock_is_free();
+}
+
+TEST_F(Registration, ReleasesTheDescriptionOfThisHost) {
+    world.write_file("host/config/rgy_hosts.conf", "master1\n");
+    rvzd_handle_t *handle = handle_to("alpha");
+    const auto before = sim::Holdings::now(world);
+    rvzd_clnt_list_register(handle);
+    ASSERT_EQ(registrations(), 1u);
+    EXPECT_EQ(world.live_blocks(), before.blocks + 1); // the name of the broker, for the life of the process
+    rvzd_free_handle(handle);
+}
+
 TEST_F(Registration, AnIpv6BrokerMakesAKeyWithoutColons) {
     register_with("v6only");
     EXPECT_EQ(registrations(), 1u);
@@ -387,6 +432,21 @@ TEST_F(RemoteBuild, ATextBeyondTheBufferIsRefused) {
     EXPECT_EQ(ask(), TBS_ST_NAME_TOO_LONG);
     for (const auto &text : texts)
         EXPECT_STREQ(text, "");
+}
+
+TEST_F(RemoteBuild, WithoutTheGroupsOfTheProcessNobodyIsAsked) {
+    answer("text");
+    world.faults.getgroups = 0;
+    world.faults.error_number = EINVAL;
+    EXPECT_EQ(ask(), TBS_ST_ERROR);
+    EXPECT_EQ(world.peer.count(RVZD_PROC_REMOTE_BUILD_HI), 0u);
+    EXPECT_STREQ(texts[0], "a");
+    EXPECT_THAT(
+        world.take_messages(),
+        ElementsAre(sim::told_by("xdr/rvzd", message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 0, "getgroups failed: ")),
+                    sim::told_by("xdr/rvzd",
+                                 message_of(IMSG_CONTINUATION, _tbs_cmsg_tbs_msg_table, 2, imsg_strerror(EINVAL)))));
+    expect_lock_is_free();
 }
 
 TEST_F(RemoteBuild, AFailedCallIsToldWithTheHost) {

@@ -68,6 +68,19 @@ TEST_F(HandleCache, TheRpcClientIsToldWithoutTheLock) {
     rvzd_free_handle(handle);
 }
 
+TEST_F(HandleCache, AddressesAndVersionOfThePeerAreReadUnderTheLock) {
+    rvzd_handle_t *handle = handle_to("host1");
+    rvzd_server_addr_t addresses = {};
+    const size_t locks = world.call_locks;
+    rvzd_get_addr(handle, &addresses);
+    EXPECT_EQ(world.call_locks, locks + 1);
+    EXPECT_EQ(addresses.addr_count, 1u);
+    EXPECT_EQ(rvzd_get_server_protocol_version(handle), 6u);
+    EXPECT_EQ(world.call_locks, locks + 2);
+    expect_lock_is_free();
+    rvzd_free_handle(handle);
+}
+
 TEST_F(HandleCache, AnIdleRecordIsReusedWithItsConnection) {
     rvzd_cached_handle_t *record = rest(1);
     EXPECT_EQ(record->reference_count, 0);
@@ -216,6 +229,16 @@ TEST_F(HandleCache, AStaleConnectionCostsOneSilentRetry) {
     EXPECT_EQ(world.live_clients(), 1u);
     EXPECT_THAT(world.take_messages(), IsEmpty());
     rvzd_free_handle(handle);
+}
+
+TEST_F(HandleCache, AFreshAttemptThatSucceedsTellsNothingOfTheStaleOne) {
+    rest(1);
+    world.advance_s(5);
+    world.peer.answer_once(RVZD_PROC_CONTACT, sim::silence()); // which is not told by itself
+    const size_t calls = world.peer.calls.size();
+    rvzd_free_handle(handle_to("host1"));
+    EXPECT_EQ(world.peer.calls.size(), calls + 2);
+    EXPECT_THAT(world.take_messages(), IsEmpty());
 }
 
 TEST_F(HandleCache, WhenTheFreshAttemptFailsTooTheBrokersTextIsPrintedOnce) {
@@ -410,6 +433,20 @@ TEST_F(HandleCache, ProcessesWithoutALoopDropAgedRecordsThemselvesAndTheTimerSta
     EXPECT_EQ(world.live_clients(), 0u);
     EXPECT_EQ(world.timers.size(), 1u);
     expect_lock_is_free();
+}
+
+TEST_F(HandleCache, ProcessesWithoutALoopGetNoTimerByDroppingAgedRecords) {
+    world.faults.rt_sched = 0;
+    rest(1);
+    world.advance_s(30);
+    rest(2);
+    world.faults.rt_sched = sim::Faults::never;
+    for (const size_t idle : {2u, 1u, 0u}) {
+        rvzd_free_cached_handles();
+        EXPECT_EQ(world.live_clients(), idle);
+        EXPECT_THAT(world.timers, IsEmpty());
+        world.advance_s(31);
+    }
 }
 
 TEST_F(HandleCache, NothingIdleMeansNothingToDrop) {

@@ -70,6 +70,24 @@ TEST_F(Handle, ASecondOneWithinFourSecondsSharesTheRecordWithoutTraffic) {
     rvzd_free_handle(second);
 }
 
+TEST_F(Handle, TheFourSecondsBeginWhenThePeerIsAskedAndNotWithItsAnswer) {
+    world.peer.on(RVZD_PROC_CONTACT, [](const sim::Call &) {
+        sim::Answer late = sim::reply(xdr_rvzd_contact_reply_t, rvzd_contact_reply_t{{}, RVZD_PROTOCOL_CURRENT});
+        late.delay_us = 3'000'000;
+        return late;
+    });
+    const time_t asked = world.now_us / 1'000'000;
+    rvzd_handle_t *first = handle_to("alpha");
+    EXPECT_EQ(first->cached->last_contact, asked);
+    world.advance_s(1);
+    rvzd_free_handle(handle_to("alpha"));
+    EXPECT_EQ(world.peer.count(RVZD_PROC_CONTACT), 1u);
+    world.advance_s(1);
+    rvzd_free_handle(handle_to("alpha"));
+    EXPECT_EQ(world.peer.count(RVZD_PROC_CONTACT), 2u);
+    rvzd_free_handle(first);
+}
+
 TEST_F(Handle, MoreThanFourSecondsLaterThePeerIsContactedAgainOnTheSameConnection) {
     rvzd_handle_t *first = handle_to("alpha");
     world.advance_s(5);
@@ -183,6 +201,14 @@ TEST_F(Handle, AContactThatTimesOutIsToldWithTheBrokersTextOnly) {
     EXPECT_THAT(world.take_messages(), ElementsAre(cannot_contact()));
 }
 
+TEST_F(Handle, WithoutANameTheFailureIsToldUnderThatOfThisHost) {
+    world.peer.answer(RVZD_PROC_CONTACT, sim::silence());
+    for (const char *host : {static_cast<const char *>(nullptr), ""}) {
+        EXPECT_EQ(fail_to_get(host), TBS_ST_RPC_FAILED);
+        EXPECT_THAT(world.take_messages(), ElementsAre(cannot_contact("thishost")));
+    }
+}
+
 TEST_F(Handle, AContactThatFailsIsToldWithTheRpcErrorToo) {
     world.peer.answer(RVZD_PROC_CONTACT, sim::failure(RPC_CANTRECV, ECONNREFUSED));
     EXPECT_EQ(fail_to_get(), TBS_ST_RPC_FAILED);
@@ -224,6 +250,14 @@ TEST_F(Handle, AHostWithoutAServerSideIsToldAsClientOnly) {
     EXPECT_EQ(fail_to_get(nullptr), TBS_ST_RPC_FAILED);
     EXPECT_THAT(world.take_messages(), ElementsAre(message_of(IMSG_ERROR, _rvzd_rvzd_msg_table, 91, "thishost")));
     EXPECT_THAT(world.peer.calls, IsEmpty());
+}
+
+TEST_F(Handle, OnlyTheFirstBitOfTheComponentsIsTheServerSide) {
+    world.component_mask = ~1;
+    EXPECT_EQ(fail_to_get(nullptr), TBS_ST_RPC_FAILED);
+    EXPECT_THAT(world.take_messages(), ElementsAre(message_of(IMSG_ERROR, _rvzd_rvzd_msg_table, 91, "thishost")));
+    world.component_mask = 1;
+    rvzd_free_handle(handle_to(nullptr));
 }
 
 TEST_F(Handle, AClientOnlyHostStillTalksToOthers) {

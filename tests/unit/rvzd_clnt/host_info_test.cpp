@@ -1,6 +1,7 @@
 // What hosts tell of themselves, their options, and the check whether a host is there.
 #include <tests/unit/rvzd_clnt/broker_fixture.h>
 
+#include <rvzd/client/rvzd_clnt/host_info.h>
 #include <support/stg.h>
 #include <veliaxdr/rvzd_hosts.h>
 
@@ -65,9 +66,11 @@ TEST_F(HostInfo, WithoutARegistryHostThereIsNoRegionEither) {
 }
 
 TEST_F(HostInfo, OfAHostWithoutServersSaysSo) {
-    world.component_mask = 0;
-    ASSERT_EQ(ask("thishost"), TBS_ST_OK);
-    EXPECT_STREQ(info.options, "-no_servers");
+    for (const int mask : {0, ~1}) {
+        world.component_mask = mask;
+        ASSERT_EQ(ask("thishost"), TBS_ST_OK);
+        EXPECT_STREQ(info.options, "-no_servers") << mask;
+    }
 }
 
 TEST_F(HostInfo, OfAnotherHostIsAskedWithFourSeconds) {
@@ -91,6 +94,55 @@ TEST_F(HostInfo, ASecondQuestionOnTheSameRecordMakesNoCall) {
     ASSERT_EQ(ask("alpha"), TBS_ST_OK);
     EXPECT_STREQ(info.hostname, "alpha");
     EXPECT_EQ(world.peer.count(RVZD_PROC_HOSTINFO), calls);
+}
+
+constexpr char *clnt_hostinfo_t::*ten_texts[] = {
+    &clnt_hostinfo_t::hostname,  &clnt_hostinfo_t::product, &clnt_hostinfo_t::version,       &clnt_hostinfo_t::osname,
+    &clnt_hostinfo_t::osversion, &clnt_hostinfo_t::machine, &clnt_hostinfo_t::registry_host, &clnt_hostinfo_t::region,
+    &clnt_hostinfo_t::reserved,  &clnt_hostinfo_t::options};
+
+TEST_F(HostInfo, AllTenTextsAreCopiedAndReleased) {
+    rvzd_hostinfo_reply_t sent = {};
+    std::vector<std::string> words;
+    for (size_t i = 0; i < std::size(ten_texts); ++i)
+        words.push_back("text" + std::to_string(i));
+    for (size_t i = 0; i < std::size(ten_texts); ++i)
+        sent.hostinfo.*ten_texts[i] = words[i].data();
+    world.peer.answer(RVZD_PROC_HOSTINFO, sim::reply(xdr_rvzd_hostinfo_reply_t, sent));
+    for (int asked = 0; asked < 2; ++asked) { // of the broker, and of the record
+        ASSERT_EQ(ask("alpha"), TBS_ST_OK);
+        for (size_t i = 0; i < std::size(ten_texts); ++i)
+            EXPECT_STREQ(info.*ten_texts[i], words[i].c_str()) << asked;
+    }
+    const size_t blocks = world.live_blocks();
+    rvzd_hostinfo_free(info);
+    info = {};
+    EXPECT_EQ(world.live_blocks(), blocks - std::size(ten_texts));
+}
+
+TEST_F(HostInfo, OfThisHostReleasesWhatTheDescriptionLentNobody) {
+    world.write_file("host/config/rgy_hosts.conf", "master1\nbackup1\n");
+    ASSERT_EQ(ask("thishost"), TBS_ST_OK);
+    rvzd_hostinfo_free(info);
+    info = {};
+    const auto before = sim::Holdings::now(world);
+    ASSERT_EQ(ask("thishost"), TBS_ST_OK);
+    rvzd_hostinfo_free(info);
+    info = {};
+    EXPECT_EQ(sim::Holdings::now(world), before);
+}
+
+TEST_F(HostInfo, OfTheDescriptionTheSeventhAndTheNinthTextAreReleased) {
+    clnt_hostinfo_t local = {};
+    char lent[] = "lent";
+    for (const auto text : ten_texts)
+        local.*text = lent;
+    local.registry_host = stg_strdup("master1");
+    local.reserved = stg_strdup("reserved");
+    velia::rvzd_clnt::release_local_hostinfo(local);
+    EXPECT_EQ(world.live_blocks(), 0u);
+    for (const auto text : ten_texts)
+        EXPECT_EQ(local.*text, nullptr);
 }
 
 TEST_F(HostInfo, AFailureInTheReplyLeavesEmptyInformationForTheNextQuestion) {
@@ -185,6 +237,8 @@ TEST_F(TimeZoneOfAHost, IntoNoRecordIsNoFailure) {
 }
 
 TEST_F(TimeZoneOfAHost, FailuresAreSilentAndLeaveTheRecordAlone) {
+    record.version = 77;
+    record.offset = -120;
     answer(TBS_ST_INVALID_ARG);
     EXPECT_EQ(rvzd_tzinfo(1, "alpha", &info), TBS_ST_INVALID_ARG);
     const struct {
@@ -196,7 +250,8 @@ TEST_F(TimeZoneOfAHost, FailuresAreSilentAndLeaveTheRecordAlone) {
         EXPECT_EQ(rvzd_tzinfo(2026, "alpha", &info), row.status);
     }
     EXPECT_EQ(rvzd_tzinfo(2026, "nowhere", &info), TBS_ST_NOT_FOUND);
-    EXPECT_EQ(record.version, 0);
+    EXPECT_EQ(record.version, 77);
+    EXPECT_EQ(record.offset, -120);
     EXPECT_THAT(world.take_messages(), IsEmpty());
 }
 

@@ -136,8 +136,10 @@ TEST_F(ServerEntry, WithoutStorageThereIsNoEntry) {
 TEST_F(ServerEntry, TakesNoLockAndAsksNobody) {
     open("alpha");
     const size_t calls = world.peer.calls.size();
+    const size_t locks = world.call_locks;
     address_of({v4});
     EXPECT_EQ(world.peer.calls.size(), calls);
+    EXPECT_EQ(world.call_locks, locks);
     expect_lock_is_free();
 }
 

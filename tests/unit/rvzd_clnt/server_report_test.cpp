@@ -165,7 +165,9 @@ TEST_F(ReportRecords, SchedInfoCarriesThePairThrough) {
 }
 
 TEST_F(ReportRecords, MoreThanTwoSocketsAreAnErrorWithoutACall) {
-    const rvzd_socket_desc_t descs[3] = {};
+    rvzd_socket_desc_t descs[3] = {};
+    for (auto &desc : descs)
+        desc.addr.base.sa_family = AF_INET; // the first two would do
     EXPECT_EQ(rvzd_register_server(nullptr, &some_trait, &some_uuid, "", descs, 3), TBS_ST_ERROR);
     EXPECT_THAT(world.peer.calls, IsEmpty());
 }
