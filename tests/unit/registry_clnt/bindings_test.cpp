@@ -213,13 +213,6 @@ TEST_F(Bindings, ARaiseLeavesNoHalfBoundSlot) {
     EXPECT_GE(raises, 5);
 }
 
-// What is printed at such an end goes to the standard error again.
-template <class Operation>
-void run_to_death(Operation &&operation) {
-    imsg_set_sink(nullptr, nullptr);
-    operation();
-}
-
 TEST_F(Bindings, ABadIndexIsAFailedAssertion) {
     const char *expression = "rpc_binding != NULL && h.index >= 0 && h.index < rpc_binding_count";
     EXPECT_DEATH(run_to_death([] { rgy_rvzd_handle({0}); }), expression);

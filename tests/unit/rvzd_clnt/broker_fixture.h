@@ -30,6 +30,13 @@ namespace {
     return {severity, nullptr, -1, text};
 }
 
+// For a process that ends by it: what is printed at such an end goes to the standard error again.
+template <class Operation>
+void run_to_death(Operation &&operation) {
+    imsg_set_sink(nullptr, nullptr);
+    operation();
+}
+
 class BrokerTest : public testing::Test {
 protected:
     BrokerTest() {

@@ -29,6 +29,36 @@ TEST_F(ClientMaking, TheFirstAddressWithASocketCarriesTheTraffic) {
     rvzd_free_handle(handle);
 }
 
+TEST_F(ClientMaking, TheSocketIsBoundByTheRuleOfNoOtherProgram) {
+    const int fixed_port = 20000 + getpid() % 12000;
+    world.write_file("config/services/rvzd_rt_params.conf",
+                     "FLSHP_MIN_PORT = 100\nFLSHP_MAX_PORT = 500\nIVLADM_SVR_PORT = " + std::to_string(fixed_port) +
+                         "\nFLADM_SVR_PORT = " + std::to_string(fixed_port) + "\n");
+    rvzd_handle_t *plain = handle_to("alpha");
+    rvzd_handle_t *generic = nullptr; // the range of its program is exhausted: it is below the ports that may be used
+    ASSERT_EQ(rvzd_get_generic_service_handle("beta", RVZD_PROTOCOL_UDP, RVZD_GENERIC_SERVICE_PROGRAM, &generic),
+              TBS_ST_OK);
+    for (rvzd_handle_t *handle : {plain, generic}) {
+        sockaddr_in local = {};
+        socklen_t length = sizeof local;
+        ASSERT_EQ(getsockname(handle->cached->socket_fd, reinterpret_cast<sockaddr *>(&local), &length), 0);
+        EXPECT_NE(ntohs(local.sin_port), fixed_port);
+        rvzd_free_handle(handle);
+    }
+    EXPECT_THAT(world.take_messages(), IsEmpty());
+}
+
+TEST_F(ClientMaking, ASocketThatCannotBeBoundIsToldEvenWhenQuiet) {
+    world.faults.bind = 0;
+    world.faults.error_number = EACCES;
+    const auto bind_failed =
+        sim::told_by("xdr/rvzd", message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 46, "bind", imsg_strerror(EACCES)));
+    EXPECT_EQ(fail_to_get(), TBS_ST_ERROR);
+    EXPECT_THAT(world.take_messages(), ElementsAre(bind_failed, cannot_contact()));
+    EXPECT_EQ(fail_to_get("alpha", RVZD_PROTOCOL_UDP, 1), TBS_ST_ERROR);
+    EXPECT_THAT(world.take_messages(), ElementsAre(bind_failed));
+}
+
 TEST_F(ClientMaking, IPv6OnlyOnAHostThatResolvesToIPv4OnlyIsAnError) {
     setenv("IVL_IP_VERSION", "6", 1);
     EXPECT_EQ(fail_to_get("alpha"), TBS_ST_ERROR);

@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <netdb.h>
+#include <unistd.h>
 
 #include <veliaxdr/rvzd_lookup.h>
 
@@ -44,6 +45,21 @@ protected:
         EXPECT_EQ(connection.socket_fd, -1);
         EXPECT_LE(world.live_clients(), 1u);
         EXPECT_EQ(world.live_descriptors(), world.live_clients());
+    }
+
+    // A port that nobody holds, below those that the system gives out by itself.
+    static int free_port() {
+        for (int port = 20000 + getpid() % 10000; port < 32000; ++port) {
+            sockaddr_in any = {};
+            any.sin_family = AF_INET;
+            any.sin_port = htons(static_cast<uint16_t>(port));
+            const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+            const bool is_free = bind(fd, reinterpret_cast<sockaddr *>(&any), sizeof any) == 0;
+            close(fd);
+            if (is_free)
+                return port;
+        }
+        return 0;
     }
 
     sim::Message no_connection(const char *host = "alpha") {
@@ -175,6 +191,55 @@ TEST_F(ServerConnect, TheStatusOfTheFirstAddressTellsWhyNoneWorked) {
     world.faults.error_number = ENOMEM;
     EXPECT_EQ(connect_to("dual", true), tbs_errno2status(ENOMEM));
     EXPECT_THAT(world.take_messages(), ElementsAre(no_connection("dual")));
+}
+
+TEST_F(ServerConnect, OfTwoDifferentFailuresTheFirstIsTheResult) {
+    rvzd_free_handle(handle_to("dual"));
+    world.unreachable = {"127.0.0.4", "::1"};
+    world.faults.error_number = ENOMEM;
+    world.faults.socket = 1; // none for the second address
+    EXPECT_EQ(connect_to("dual"), tbs_errno2status(ENOMEM));
+    world.faults.socket = sim::Faults::never;
+    setenv("IVL_IP_VERSION", "6", 1); // none for the first one
+    EXPECT_EQ(connect_to("dual"), TBS_ST_ERROR);
+    EXPECT_NE(tbs_errno2status(ENOMEM), TBS_ST_ERROR);
+    expect_nothing_left();
+}
+
+TEST_F(ServerConnect, TheSocketOfTheFirstAddressIsClosedBeforeOneOfTheSecondIsOpened) {
+    rvzd_free_handle(handle_to("dual"));
+    world.unreachable = {"127.0.0.4"};
+    world.faults.error_number = ECONNREFUSED;
+    world.network.opened.clear();
+    ASSERT_EQ(connect_to("dual"), TBS_ST_OK);
+    ASSERT_EQ(world.network.opened.size(), 2u);
+    EXPECT_EQ(world.network.opened[0], world.network.opened[1]); // the lowest number that is free
+}
+
+TEST_F(ServerConnect, AUdpSocketIsBoundByTheRuleOfTheServersProgram) {
+    trait.prog = RVZD_FLADM_PROGRAM;
+    const auto bound_port = [this] {
+        sockaddr_in local = {};
+        socklen_t length = sizeof local;
+        getsockname(connection.socket_fd, reinterpret_cast<sockaddr *>(&local), &length);
+        return ntohs(local.sin_port);
+    };
+    const int port = free_port();
+    world.write_file("config/services/rvzd_rt_params.conf", "FLADM_SVR_PORT = " + std::to_string(port) + "\n");
+    ASSERT_EQ(connect_to("alpha"), TBS_ST_OK);
+    EXPECT_EQ(bound_port(), port);
+}
+
+TEST_F(ServerConnect, AUdpSocketThatCannotBeBoundIsTold) {
+    rvzd_free_handle(handle_to("alpha"));
+    world.faults.bind = 0;
+    world.faults.error_number = EACCES;
+    EXPECT_EQ(connect_to("alpha"), TBS_ST_ERROR);
+    EXPECT_THAT(world.take_messages(),
+                ElementsAre(sim::told_by("xdr/rvzd", message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 46, "bind",
+                                                                imsg_strerror(EACCES))),
+                            no_connection()));
+    expect_nothing_left();
 }
 
 TEST_F(ServerConnect, ASuccessAtTheSecondAddressWarnsOfTheFirst) {

@@ -149,7 +149,8 @@ TEST_F(StartSwitch, SocketsInFrontOfABadOneAreCounted) {
 
 TEST_F(StartSwitch, ALifelineThatCannotBeWatchedIsAFailedAssertion) {
     world.faults.rt_handle_fd = 0;
-    EXPECT_DEATH(take("-S9"), "");
+    EXPECT_DEATH(run_to_death([this] { take("-S9"); }),
+                 "rt_handle_fd\\(RT_READ, rvzd_handle_lifeline, lifeline_fd, NULL\\) at rvzd_clnt, line 2027");
 }
 
 class ServerStart : public BrokerTest {};
@@ -160,13 +161,35 @@ TEST_F(ServerStart, TheProcessNameIsArgumentZeroAndPid) {
     char name[RVZD_SERVER_PROCESS_NAME_SIZE];
     rvzd_common_server_init(1, argv, name);
     EXPECT_EQ(name, "/opt/velia/bin/server(" + std::to_string(getpid()) + ")");
+    EXPECT_EQ(world.app_name, name);
+}
+
+TEST_F(ServerStart, IsAnnouncedToTheSupportLayerWithAllThatItIsGiven) {
+    char program[] = "server";
+    char *argv[] = {program, nullptr};
+    char name[RVZD_SERVER_PROCESS_NAME_SIZE];
+    rvzd_common_server_init(1, argv, name);
+    ASSERT_EQ(world.system_starts.size(), 1u);
+    EXPECT_EQ(world.system_starts[0].argument_count, 1);
+    EXPECT_EQ(world.system_starts[0].arguments, argv);
+    EXPECT_EQ(world.system_starts[0].name, name);
+}
+
+TEST_F(ServerStart, TakesTheLocaleOfTheEnvironment) {
+    char *argv[] = {nullptr};
+    setenv("LC_ALL", "C.UTF-8", 1);
+    ASSERT_STREQ(setlocale(LC_ALL, nullptr), "C");
+    rvzd_common_server_init(0, argv, nullptr);
+    EXPECT_STREQ(setlocale(LC_ALL, nullptr), "C.UTF-8");
+    unsetenv("LC_ALL");
+    setlocale(LC_ALL, "C");
 }
 
 TEST_F(ServerStart, TheNameBufferMayBeNull) {
     char program[] = "server";
     char *argv[] = {program, nullptr};
     rvzd_common_server_init(1, argv, nullptr);
-    EXPECT_STREQ(setlocale(LC_ALL, nullptr), setlocale(LC_ALL, ""));
+    EXPECT_EQ(world.app_name, "server(" + std::to_string(getpid()) + ")");
 }
 
 TEST_F(ServerStart, WithoutAnArgumentZeroTheNameIsUnknown) {
@@ -174,6 +197,7 @@ TEST_F(ServerStart, WithoutAnArgumentZeroTheNameIsUnknown) {
     char name[RVZD_SERVER_PROCESS_NAME_SIZE];
     rvzd_common_server_init(0, argv, name);
     EXPECT_STREQ(name, "unknown name");
+    EXPECT_EQ(world.app_name, "unknown name");
 }
 
 TEST_F(ServerStart, AnOverlongArgumentZeroIsCutToTheBuffer) {
@@ -197,6 +221,22 @@ TEST_F(ServerStart, TheLogFileReceivesMessages) {
     EXPECT_NE(fgets(line, sizeof line, log), nullptr);
     fclose(log);
     EXPECT_THAT(line, testing::HasSubstr("written to the log"));
+}
+
+TEST_F(ServerStart, ALogFileThatCannotBeOpenedIsToldWithItsPath) {
+    const std::string path = world.root() + "/log/server.log"; // whose folder is not there
+    rvzd_setup_server_log_file("server.log");
+    EXPECT_THAT(world.take_messages(),
+                ElementsAre(sim::told_by("xdr/rvzd", message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 18, path.c_str(),
+                                                                imsg_strerror(ENOENT)))));
+}
+
+TEST_F(ServerStart, ALogFileWhoseNameIsTooLongIsToldWithIt) {
+    const std::string name(5000, 'n');
+    rvzd_setup_server_log_file(name.c_str());
+    EXPECT_THAT(world.take_messages(),
+                ElementsAre(sim::told_by("xdr/rvzd", message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 18, name.c_str(),
+                                                                tbs_strerror(TBS_ST_NAME_TOO_LONG)))));
 }
 
 class PortLists : public BrokerTest {

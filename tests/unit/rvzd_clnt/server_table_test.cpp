@@ -153,6 +153,18 @@ TEST_F(ServerTablePiece, WithoutABufferNobodyIsAsked) {
     expect_lock_is_free();
 }
 
+TEST_F(ServerTablePiece, ABufferBeyondTheLargestReplyIsFilledAsFarAsRecordsCome) {
+    // Records without names or ports are larger in the buffer than on the wire.
+    std::vector<Server> many;
+    for (uint64_t cookie = 1; cookie <= 150; ++cookie)
+        many.push_back({.cookie = cookie, .name = "", .ports = {}});
+    world.peer.answer(RVZD_PROC_LIST_SERVERS, list_reply(many, true));
+    ASSERT_EQ(read(0, 16000), TBS_ST_OK);
+    EXPECT_EQ(used, 150u * 80u);
+    EXPECT_EQ(next_cookie, 150u);
+    EXPECT_EQ(at_end, 1);
+}
+
 TEST_F(ServerTablePiece, NothingIsWrittenBehindTheBuffer) {
     serve({{1, "a"}, {2, "b"}, {3, "c"}});
     for (uint64_t size = 80; size < 400; ++size) {

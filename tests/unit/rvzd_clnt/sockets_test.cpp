@@ -10,6 +10,8 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
+constexpr auto allocate_one = velia::rvzd_clnt::rvzd_alloc_one_socket;
+
 class Sockets : public BrokerTest {
 protected:
     ~Sockets() override {
@@ -82,6 +84,21 @@ TEST_F(Sockets, IPv6OnlyOnAHostWithoutIPv6FailsBothWays) {
     EXPECT_EQ(desc.fd, -1);
     EXPECT_THAT(world.take_messages(), ElementsAre(message_of(IMSG_WARNING, _rvzd_rvzd_msg_table, 122),
                                                    message_of(IMSG_ERROR, _rvzd_rvzd_msg_table, 5, "")));
+}
+
+TEST_F(Sockets, ARestrictionToIPv6ForbidsTheFallBackToIPv4) {
+    world.network.descriptors = {-1}; // of IPv6 alone: IPv4 could be had
+    setenv("IVL_IP_VERSION", "6", 1);
+    EXPECT_EQ(alloc(), TBS_ST_ERROR);
+    EXPECT_EQ(count, 0u);
+    EXPECT_EQ(world.live_descriptors(), 0u);
+    EXPECT_THAT(world.take_messages(), ElementsAre(message_of(IMSG_WARNING, _rvzd_rvzd_msg_table, 122),
+                                                   message_of(IMSG_ERROR, _rvzd_rvzd_msg_table, 5, "")));
+    unsetenv("IVL_IP_VERSION");
+    world.network.descriptors = {-1};
+    EXPECT_EQ(alloc(), TBS_ST_OK);
+    EXPECT_EQ(desc.addr.base.sa_family, AF_INET);
+    EXPECT_THAT(world.take_messages(), IsEmpty());
 }
 
 TEST_F(Sockets, OtherValuesOfTheRestrictionAreIgnored) {
@@ -157,11 +174,13 @@ TEST_F(Sockets, SocketInfoOfTcpOverIPv6) {
 }
 
 TEST_F(Sockets, AnotherFamilyIsAFailedAssertion) {
-    EXPECT_DEATH(velia::rvzd_clnt::rvzd_alloc_one_socket(AF_UNIX, SOCK_DGRAM, 1, 1, 1, desc), "");
+    EXPECT_DEATH(run_to_death([&] { allocate_one(AF_UNIX, SOCK_DGRAM, 1, 1, 1, desc); }),
+                 "family == AF_INET \\|\\| family == AF_INET6 at rvzd_clnt, line 5847");
 }
 
 TEST_F(Sockets, AnotherSocketTypeIsAFailedAssertion) {
-    EXPECT_DEATH(velia::rvzd_clnt::rvzd_alloc_one_socket(AF_INET, SOCK_RAW, 1, 1, 1, desc), "");
+    EXPECT_DEATH(run_to_death([&] { allocate_one(AF_INET, SOCK_RAW, 1, 1, 1, desc); }),
+                 "protocol == SOCK_STREAM \\|\\| protocol == SOCK_DGRAM at rvzd_clnt, line 5848");
 }
 
 class BindPort : public Sockets {
@@ -222,6 +241,16 @@ TEST_F(BindPort, AnExhaustedRangeIsNoPortAndTold) {
     EXPECT_EQ(bind_generic(), TBS_ST_NO_PORT);
     EXPECT_THAT(world.take_messages(), ElementsAre(message_of(IMSG_ERROR, _rvzd_rvzd_msg_table, 76, low, low + 1)));
     expect_lock_is_free();
+}
+
+TEST_F(BindPort, FailuresAreToldWithoutTheLock) {
+    std::vector<uint32_t> depths;
+    world.on_message = [&](const sim::Message &) { depths.push_back(rvzd_call_lock.depth); };
+    range_file(100, 500);
+    EXPECT_EQ(bind_generic(), TBS_ST_NO_PORT);
+    world.faults.bind = 0;
+    EXPECT_EQ(bind_generic(0), TBS_ST_ERROR);
+    EXPECT_THAT(depths, ElementsAre(0u, 0u));
 }
 
 TEST_F(BindPort, AnInvertedRangeIsExhaustedWithoutATry) {

@@ -334,6 +334,20 @@ TEST_F(ServerListSent, EndsBeforeTheRecordThatMightGrowBeyond8744Bytes) {
     release(xdr_rvzd_list_servers_reply_t, received);
 }
 
+TEST_F(ServerListSent, TakesARecordWhoseWorstSizeEndsWithTheLimitAndNoneBeyondIt) {
+    // 167 records of 52 bytes leave 60 of the 8744 bytes that are counted from where the list begins. A record without
+    // a name is taken to need just that many, one of a single byte 64.
+    for (const bool fits : {true, false}) {
+        servers.clear();
+        for (int i = 0; i < 167; ++i)
+            append_server(sampler, servers, "four")->ports = {};
+        append_server(sampler, servers, fits ? "" : "n")->ports = {};
+        const Bytes bytes = encoded(xdr_rvzd_list_servers_reply_t, reply_of_servers());
+        EXPECT_EQ(bytes.size(), 8u + 167 * 52 + (fits ? 48 : 0) + 8);
+        EXPECT_EQ(bytes.substr(bytes.size() - 4), WireBytes().word(fits ? 1 : 0));
+    }
+}
+
 TEST_F(ServerListSent, FailsOnABufferWhoseLastRecordRunsBeyondIt) {
     append_server(sampler, servers, "alpha");
     append_server(sampler, servers, std::string(100, 'n'));
