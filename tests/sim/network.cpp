@@ -142,6 +142,7 @@ tbs_status_t __wrap_sysutl_set_socket_nonblocking(int fd, int on) {
 
 int __real_sysutl_host_numeric(const sockaddr *address, size_t size, char *buffer, int reserved1, int reserved2);
 int __wrap_sysutl_host_numeric(const sockaddr *address, size_t size, char *buffer, int reserved1, int reserved2) {
+    World::current().support_call();
     int result = 0;
     if (take(World::current().network.numeric_results, result) && result != 0)
         return result;

@@ -80,6 +80,7 @@ struct Faults {
     int connect = never;
     int gethostname = never;
     int getgroups = never;
+    int fclose = never; // the stream is closed all the same
     int authenticator = never;
     int udp_client = never;
     int tcp_client = never;
@@ -101,7 +102,8 @@ public:
     static World &current();
     static bool exists();
 
-    // The clock stands still but for what the world itself lets pass: a call that times out, or a test.
+    // The clock stands still but for what the world itself lets pass: a call that times out, or a test. It is that of
+    // time(), too.
     int64_t now_us = 1'700'000'000'000'000;
     void advance_s(int64_t seconds) { now_us += seconds * 1'000'000; }
     // Lets time pass and runs the timers that come due, in their order.

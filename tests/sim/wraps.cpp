@@ -1,7 +1,9 @@
 // The wrapped operations. Those that acquire something or ask about the world are places where a raise may arrive;
 // those that give something back are not.
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <netdb.h>
 #include <string>
 #include <sys/socket.h>
@@ -299,6 +301,22 @@ void __wrap_ivlthread_mutex_lock(ivlthread_mutex_t *mutex) {
 // The end of the process comes when the test says so.
 void __wrap_pfm_on_exit(void (*function)(void *), void *argument) {
     World::current().exit_actions.push_back({function, argument});
+}
+
+time_t __real_time(time_t *out);
+time_t __wrap_time(time_t *out) {
+    if (!World::exists())
+        return __real_time(out);
+    const time_t now_s = World::current().now_us / 1'000'000;
+    if (out != nullptr)
+        *out = now_s;
+    return now_s;
+}
+
+int __real_fclose(FILE *stream);
+int __wrap_fclose(FILE *stream) {
+    const int result = __real_fclose(stream);
+    return World::exists() && fails(&Faults::fclose) ? EOF : result;
 }
 
 int __wrap_gethostname(char *buffer, size_t size) {

@@ -47,22 +47,33 @@ struct ZoneBytes {
                number(times) + number(types) + number(chars);
     }
 
-    std::string bytes() const {
+    std::string bytes() const { return part(4); }
+
+    // A file of two parts: this one, and `second` in 64 bits.
+    std::string bytes_of_both(const ZoneBytes &second) const {
+        std::string all = part(4) + second.part(8);
+        all[version_at] = '2';
+        return all + "\n\n";
+    }
+
+private:
+    static constexpr size_t version_at = 4;
+
+    std::string part(size_t time_size) const {
         std::string all =
             header(count(isgmt), count(isstd), count(leaps), count(transitions), count(types), count(chars));
         for (const Row &row : transitions)
-            all += number(row.time);
+            all += std::string(time_size - 4, row.time < 0 ? '\xff' : '\0') + number(row.time);
         for (const Row &row : transitions)
             all += static_cast<char>(row.type);
         for (const TypeRow &type : types)
             all += number(type.gmtoff) + static_cast<char>(type.isdst) + static_cast<char>(type.abbrind);
         all += chars;
         for (const auto &[time, correction] : leaps)
-            all += number(time) + number(correction);
+            all += std::string(time_size - 4, '\0') + number(time) + number(correction);
         return all + isstd + isgmt;
     }
 
-private:
     template <class Items>
     static int32_t count(const Items &items) {
         return static_cast<int32_t>(items.size());
