@@ -1,6 +1,8 @@
 // The table of bindings, the fail-over and the read cache's place in it.
 #include <tests/unit/registry_clnt/registry_fixture.h>
 
+#include <thread>
+
 namespace {
 
 using testing::IsEmpty;
@@ -63,6 +65,16 @@ TEST_F(Bindings, ARealBindFlushesTheDatabasesCachesInAllSlotsOfTheHost) {
     EXPECT_EQ(slot_of(writer).cache[3], nullptr);
     EXPECT_NE(slot_of(reader).cache[4], nullptr);
     EXPECT_NE(slot_of(other).cache[3], nullptr);
+}
+
+TEST_F(Bindings, ARealBindFlushesBeforeItLooksForASlotAndSoAlsoWhereItFails) {
+    const Binding reader = bind("alpha");
+    fill_cache(reader, 3);
+    world.peer.answer(RVZD_PROC_CONTACT, sim::silence());
+    world.advance_s(5);
+    Binding writer;
+    EXPECT_EQ(rgy_bind_handle("alpha", writer, real, 3), TBS_ST_RPC_FAILED);
+    EXPECT_EQ(slot_of(reader).cache[3], nullptr);
 }
 
 TEST_F(Bindings, ARealBindWithDatabaseTwelveFlushesAllTwelveAndOneAboveItNone) {
@@ -269,6 +281,13 @@ TEST_F(FailOver, WithTheMasterUnreachableNoOtherHostIsTriedAndItIsAnError) {
     EXPECT_THAT(world.lookups, testing::Not(testing::Contains("beta")));
 }
 
+TEST_F(FailOver, AMasterThatKnowsOfNoServerIsFallenOverFromToo) {
+    hosts_are("alpha\nbeta\n");
+    world.peer.speak(RVZD_PROTOCOL_CURRENT, TBS_ST_NO_SERVER);
+    EXPECT_EQ(bind_site(nullptr), TBS_ST_ERROR); // of the list of backups, which is empty
+    EXPECT_EQ(bind_site("alpha"), TBS_ST_NO_SERVER);
+}
+
 TEST_F(FailOver, AnotherFailureOfTheMasterIsItsStatus) {
     hosts_are("nowhere\nbeta\n");
     EXPECT_EQ(bind_site(nullptr), TBS_ST_NOT_FOUND);
@@ -330,6 +349,23 @@ TEST_F(Site, TheMasterIsReadOnceAProcessUntilItIsForgotten) {
     EXPECT_EQ(text_of(rgy_get_server_host_sil), "alpha");
     EXPECT_EQ(rgy_hostname_cache_inval(), TBS_ST_OK);
     EXPECT_EQ(text_of(rgy_get_server_host), "gamma");
+}
+
+TEST_F(Site, EachThreadKeepsTheMasterThatItWasTold) {
+    hosts_are("alpha");
+    const char *mine = nullptr;
+    ASSERT_EQ(rgy_load_svrloc(mine), TBS_ST_OK);
+    hosts_are("gamma");
+    rgy_hostname_cache_inval();
+    std::string theirs;
+    std::thread([&] {
+        const char *host = "";
+        EXPECT_EQ(rgy_load_svrloc(host), TBS_ST_OK);
+        EXPECT_NE(host, mine);
+        theirs = host;
+    }).join();
+    EXPECT_EQ(theirs, "gamma");
+    EXPECT_STREQ(mine, "alpha");
 }
 
 TEST_F(Site, AFailedReadIsTriedAgain) {

@@ -384,6 +384,17 @@ TEST_F(FetchTest, AFailedCallLeavesTheSlotItsHandleAndItsCaches) {
     EXPECT_EQ(rpc_binding[0].ref_count, 0);
 }
 
+TEST_F(FetchTest, AFailureIsToldUnderTheLockButForTheRawScan) {
+    for (const auto &operation : operations) {
+        std::vector<uint32_t> depths;
+        world.on_message = [&](const sim::Message &) { depths.push_back(registry_cache_lock.depth); };
+        world.peer.answer(operation.procedure, refusal(TBS_ST_NO_ACCESS));
+        EXPECT_EQ(operation.call(call), TBS_ST_ERROR) << operation.name;
+        EXPECT_THAT(depths, ElementsAre(operation.is_raw ? 0u : 1u)) << operation.name;
+        call.end();
+    }
+}
+
 TEST_F(FetchTest, OnlyTheScanByPatternsKnowsADaemonWithoutThem) {
     for (const auto &operation : operations) {
         world.peer.answer(operation.procedure, refusal(TBS_ST_UNSUPPORTED));

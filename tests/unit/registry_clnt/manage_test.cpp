@@ -123,6 +123,16 @@ TEST_P(Manage, OnlyTheTwoOfTheBackupListKeepTheirSlotCounted) {
     EXPECT_EQ(rpc_binding[0].ref_count, GetParam().keeps_slot ? 2 : 0);
 }
 
+TEST_P(Manage, WhetherASlotStaysCountedDoesNotHangOnTheAnswer) {
+    int32_t expected = 0;
+    for (const auto &answer : {refusal(4711), sim::silence()}) {
+        world.peer.answer(GetParam().procedure, answer);
+        ASSERT_NE(run(), TBS_ST_OK);
+        expected += GetParam().keeps_slot ? 1 : 0;
+        EXPECT_EQ(rpc_binding[0].ref_count, expected);
+    }
+}
+
 TEST_P(Manage, AsksAHostThatIsGiven) {
     call.host = "beta";
     ASSERT_EQ(run(), TBS_ST_OK);
@@ -271,6 +281,45 @@ TEST_F(NewEntry, IsMadeAnewWhenItsStampsWereStale) {
     EXPECT_EQ(add_region("lab"), TBS_ST_OK);
     EXPECT_EQ(world.peer.count(RVZD_PROC_RGY_GET_ID), 2u);
     EXPECT_EQ(world.peer.count(RVZD_PROC_RGY_ADD_ENTRY), 2u);
+}
+
+class Flushing : public Manage {
+protected:
+    // Which databases lost what was cached of them at the master by the operation.
+    template <class Asked>
+    std::vector<rgy_db_t> flushed_by(Asked &&asked) {
+        Binding binding;
+        EXPECT_EQ(rgy_bind_handle("alpha", binding, anonymous, 0), TBS_ST_OK);
+        for (rgy_db_t db = 0; db < RGY_DB_ALL; ++db)
+            EXPECT_NE(rgy_rpc_get_cache(binding, db), nullptr);
+        EXPECT_EQ(asked(), TBS_ST_OK);
+        std::vector<rgy_db_t> flushed;
+        for (rgy_db_t db = 0; db < RGY_DB_ALL; ++db)
+            if (slot_of(binding).cache[db] == nullptr)
+                flushed.push_back(db);
+        release_binding(binding);
+        return flushed;
+    }
+};
+
+TEST_F(Flushing, BelongsToTheDatabaseThatAccessIsAskedTo) {
+    EXPECT_THAT(flushed_by([] { return rgy_chk_access(3, nullptr, "secret"); }), ElementsAre(3u));
+    EXPECT_THAT(flushed_by([] { return rgy_chk_access(5, "alpha", "secret"); }), ElementsAre(5u));
+}
+
+TEST_F(Flushing, OfAllDatabasesComesWithANewListOfBackups) {
+    EXPECT_THAT(flushed_by([] { return rgy_set_current_backup("beta"); }),
+                ElementsAre(0u, 1u, 2u, 3u, 4u, 5u, 6u, 7u, 8u, 9u, 10u, 11u));
+}
+
+TEST_F(Flushing, DoesNotComeWithQuestionsOfNobodys) {
+    EXPECT_THAT(flushed_by([this] { return rgy_create_timestamp(3, nullptr, &call.stamp); }), IsEmpty());
+    EXPECT_THAT(flushed_by([this] { return rgy_get_db_list(nullptr, dbs_max, call.dbs, &call.count); }), IsEmpty());
+    EXPECT_THAT(flushed_by([this] {
+                    call.list_out = call.list;
+                    return rgy_get_current_backup(&call.list_out);
+                }),
+                IsEmpty());
 }
 
 using Access = Manage;

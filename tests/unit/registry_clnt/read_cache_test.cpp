@@ -210,6 +210,43 @@ TEST_P(ReadCache, AnotherCursorBatchSizeOrRegionIsACallWithoutACountOfItsOwn) {
     EXPECT_EQ(counted(fills), 1u);
 }
 
+TEST_P(ReadCache, OfSeveralDifferencesTheFirstAloneIsCounted) {
+    // In the order in which they are tested; a lookup differs from the entry in this one and in all that follow.
+    enum Difference { server_stamp, age, item, stamps, rest, difference_count };
+    constexpr int counters[] = {svrdtm_differs, timo, itemcoll, dtm_differs}; // the rest has none
+    for (int first = server_stamp; first < difference_count; ++first) {
+        const int key = 10 + first;
+        answer_one();
+        look_up({.key = key});
+        if (first <= age)
+            world.advance_s(6);
+        if (first == server_stamp) {
+            answer_one(9);
+            look_up({.key = 1}); // a younger fill
+        }
+        std::copy(std::begin(rgy_rpc_stats), std::end(rgy_rpc_stats), at_start);
+        look_up({.key = key,
+                 .item_offset = first <= item ? 1u : 0u,
+                 .region = "r2",
+                 .max_entries = 2,
+                 .cursor = 5,
+                 .dtm = first <= stamps ? stamps_of(7, 8) : rgy_dtm_pair_t{}});
+        for (int place = server_stamp; place < rest; ++place)
+            EXPECT_EQ(counted(counters[place]), place == first ? 1u : 0u) << first << " at " << place;
+        EXPECT_EQ(counted(dtmsave), 0u) << first;
+        EXPECT_EQ(counted(repl), 1u) << first;
+    }
+}
+
+TEST_P(ReadCache, AnEntryThatIsReplacedLeavesNothingBehind) {
+    look_up();
+    const auto before = sim::Holdings::now(world);
+    look_up({.region = "r2"});
+    look_up({.region = "r1"});
+    EXPECT_EQ(calls(), 3u);
+    EXPECT_EQ(sim::Holdings::now(world), before);
+}
+
 TEST_P(ReadCache, NoRegionIsARegionOfItsOwn) {
     look_up({.region = nullptr});
     look_up({.region = nullptr});
@@ -400,9 +437,10 @@ TEST_P(ReadCache, ARaiseInAMissOrAHitLeaksNothingButWhatTheCacheKeeps) {
         rgy_entry_t *entries[1] = {};
         int64_t count = 0;
         if (!is_hit)
-            world.advance_s(100);
+            rgy_destroy_cache(rpc_binding[0].cache[3]);
+        const auto before = sim::Holdings::now(world);
         auto operation = [&] { find({}, cursor, entries, count); };
-        sim::sweep_raises(world, operation, [&](int number) {
+        const int raises = sim::sweep_raises(world, operation, [&](int number) {
             sim::release_lock(rvzd_call_lock);
             EXPECT_EQ(registry_cache_lock.depth, 0u);
             EXPECT_EQ(rgy_hostname_mutex.depth, 0u);
@@ -412,7 +450,9 @@ TEST_P(ReadCache, ARaiseInAMissOrAHitLeaksNothingButWhatTheCacheKeeps) {
                 rgy_close_cursor(&cursor);
             if (!is_hit)
                 rgy_destroy_cache(rpc_binding[0].cache[3]);
+            EXPECT_EQ(sim::Holdings::now(world), before) << number;
         });
+        EXPECT_GE(raises, 2) << is_hit;
         if (entries[0] != nullptr)
             rgy_delete_entry(&entries[0]);
         if (cursor != nullptr)

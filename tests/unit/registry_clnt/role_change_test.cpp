@@ -56,6 +56,13 @@ protected:
         stg_free(request.text);
         return change;
     }
+    static std::string host_in_use() {
+        char *text = nullptr;
+        EXPECT_EQ(rgy_get_server_host(1, 0, &text), TBS_ST_OK);
+        const std::string copy = text;
+        stg_free(text);
+        return copy;
+    }
     void set_type(int32_t type) { write("rgy_svr.conf", type == RGY_SVR_NONE ? "" : rgy_svrtype_table[type].text); }
 };
 
@@ -188,18 +195,11 @@ TEST_F(ClientChange, AFileThatCannotBeWrittenIsTold) {
 
 TEST_F(ClientChange, LeavesTheHostInUseUntilItsCacheIsInvalidated) {
     write("rgy_hosts.conf", "alpha beta");
-    const auto host = [] {
-        char *text = nullptr;
-        EXPECT_EQ(rgy_get_server_host(1, 0, &text), TBS_ST_OK);
-        const std::string copy = text;
-        stg_free(text);
-        return copy;
-    };
-    EXPECT_EQ(host(), "alpha");
+    EXPECT_EQ(host_in_use(), "alpha");
     ASSERT_EQ(rgy_clnt_conf_change(RGY_CONF_SET_HOST, "gamma"), TBS_ST_OK);
-    EXPECT_EQ(host(), "alpha");
+    EXPECT_EQ(host_in_use(), "alpha");
     rgy_hostname_cache_inval();
-    EXPECT_EQ(host(), "gamma");
+    EXPECT_EQ(host_in_use(), "gamma");
 }
 
 using Promotion = RoleChange;
@@ -211,6 +211,15 @@ TEST_F(Promotion, StartsTheServiceAndPointsThisHostAtIt) {
     EXPECT_EQ(contents("rgy_hosts.conf"), "beta\nbeta\n");
     EXPECT_EQ(contents("rgy_hosts.conf.old"), "alpha beta");
     EXPECT_THAT(world.take_messages(), IsEmpty());
+}
+
+TEST_F(Promotion, LeavesTheHostInUseUntilItsCacheIsInvalidated) {
+    write("rgy_hosts.conf", "alpha beta");
+    EXPECT_EQ(host_in_use(), "alpha");
+    ASSERT_EQ(rgy_promote_standby_svr("beta"), TBS_ST_OK);
+    EXPECT_EQ(host_in_use(), "alpha");
+    rgy_hostname_cache_inval();
+    EXPECT_EQ(host_in_use(), "beta");
 }
 
 TEST_F(Promotion, AServerThatRefusesChangesNothingHere) {

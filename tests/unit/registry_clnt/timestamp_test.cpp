@@ -82,6 +82,24 @@ TEST_F(Timestamp, AChangeFlushesItsDatabaseAndIsToldOnce) {
     EXPECT_EQ(flushes(), 1u);
 }
 
+TEST_F(Timestamp, AChangeFlushesInAllSlotsOfTheHost) {
+    ASSERT_EQ(rgy_create_timestamp(3, nullptr, &stamp), TBS_ST_OK);
+    Binding writer;
+    ASSERT_EQ(rgy_bind_handle("alpha", writer, real, RGY_DB_ALL + 1), TBS_ST_OK);
+    ASSERT_EQ(writer.index, 1);
+    fill_caches("alpha"); // in the first slot
+    for (rgy_db_t db : {3u, 4u})
+        ASSERT_NE(rgy_rpc_get_cache(writer, db), nullptr);
+    answer(9);
+    EXPECT_EQ(check(), 1);
+    for (int64_t slot : {0, 1}) {
+        EXPECT_EQ(rpc_binding[slot].cache[3], nullptr) << slot;
+        EXPECT_NE(rpc_binding[slot].cache[4], nullptr) << slot;
+    }
+    EXPECT_EQ(flushes(), 1u);
+    release_binding(writer);
+}
+
 TEST_F(Timestamp, AnyOfTheFourUuidsIsAChange) {
     ASSERT_EQ(rgy_create_timestamp(3, nullptr, &stamp), TBS_ST_OK);
     answer(1, 9);
@@ -117,6 +135,10 @@ TEST_F(Timestamp, AFailedCheckIsToldAndLeavesTheSnapshot) {
     world.peer.answer(RVZD_PROC_RGY_GET_DTM, refusal(TBS_ST_NO_ACCESS));
     EXPECT_EQ(check(), -TBS_ST_ERROR);
     EXPECT_THAT(world.take_errors(), ElementsAre(trouble("alpha", TBS_ST_NO_ACCESS)));
+    uint32_t depth = 77;
+    world.on_message = [&](const sim::Message &) { depth = registry_cache_lock.depth; };
+    EXPECT_EQ(check(), -TBS_ST_ERROR);
+    EXPECT_EQ(depth, 0u);
     answer(1);
     EXPECT_EQ(check(), 0);
 }

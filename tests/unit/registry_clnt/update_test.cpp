@@ -112,6 +112,16 @@ TEST_F(Update, AnyOtherFailureIsTroubleContactingAndAnError) {
     }
 }
 
+TEST_F(Update, AFailureIsToldWhenTheLockIsGivenBack) {
+    std::vector<uint32_t> depths;
+    world.on_message = [&](const sim::Message &) { depths.push_back(registry_cache_lock.depth); };
+    for (const auto &change : changes) {
+        world.peer.answer(change.procedure, refusal(4711));
+        EXPECT_EQ(change.run(3, entry), TBS_ST_ERROR);
+    }
+    EXPECT_THAT(depths, ElementsAre(0u, 0u));
+}
+
 TEST_F(Update, AFailedBindIsItsStatus) {
     stg_free(entry->host);
     entry->host = stg_strdup("nowhere");

@@ -13,10 +13,14 @@
 
 namespace {
 
+using testing::ElementsAre;
 using testing::IsEmpty;
 
 class ClientListFile : public BrokerTest {
 protected:
+    // What is opened is a file, of which the world keeps no books.
+    ~ClientListFile() override { EXPECT_EQ(bad_files::open_descriptors(), descriptors); }
+
     static clnt_entry_t entry_at(const char *address) {
         clnt_entry_t entry = {};
         if (inet_pton(AF_INET, address, &entry.address.ipv4.sin_addr) == 1) {
@@ -28,6 +32,9 @@ protected:
         return entry;
     }
     std::string path() const { return world.root() + "/clients"; }
+    static sim::Message failed(int position, const std::string &path, int error_number) {
+        return message_of(IMSG_ERROR, _clnt_list_rvzd_msg_table, position, path.c_str(), imsg_strerror(error_number));
+    }
     std::string written(const std::vector<clnt_entry_t> &entries) {
         EXPECT_EQ(clnt_list_write_file(path().c_str(), static_cast<uint32_t>(entries.size()), entries.data()),
                   TBS_ST_OK);
@@ -35,6 +42,8 @@ protected:
         text << std::ifstream(path()).rdbuf();
         return text.str();
     }
+
+    const size_t descriptors = bad_files::open_descriptors();
 };
 
 TEST_F(ClientListFile, AnEntryWithoutTextsIsItsAddressAlone) {
@@ -116,9 +125,19 @@ TEST_F(ClientListFile, APipeThatNobodyReadsFromIsNotWaitedFor) {
 
 TEST_F(ClientListFile, AFullDeviceIsToldAndNoDescriptorStaysOpen) {
     const clnt_entry_t entry = entry_at("10.0.0.1");
-    EXPECT_NE(clnt_list_write_file("/dev/full", 1, &entry), TBS_ST_OK);
-    EXPECT_EQ(world.take_messages().at(0),
-              message_of(IMSG_ERROR, _clnt_list_rvzd_msg_table, 8, "/dev/full", imsg_strerror(ENOSPC)));
+    EXPECT_EQ(clnt_list_write_file("/dev/full", 1, &entry), tbs_errno2status(ENOSPC));
+    EXPECT_NE(tbs_errno2status(ENOSPC), TBS_ST_ERROR);
+    EXPECT_THAT(world.take_messages(), ElementsAre(failed(8, "/dev/full", ENOSPC)));
+    EXPECT_EQ(bad_files::open_descriptors(), descriptors);
+}
+
+TEST_F(ClientListFile, ACloseThatFailsFailsTheCallAndIsTold) {
+    const clnt_entry_t entry = entry_at("10.0.0.1");
+    world.faults.fclose = 0;
+    world.faults.error_number = EDQUOT;
+    EXPECT_EQ(clnt_list_write_file(path().c_str(), 1, &entry), tbs_errno2status(EDQUOT));
+    EXPECT_THAT(world.take_messages(), ElementsAre(failed(9, path(), EDQUOT)));
+    world.faults.fclose = sim::Faults::never;
 }
 
 // A disk that is full for a while: the messages that the writer prints on its way make room again.
@@ -179,8 +198,11 @@ TEST_F(ClientListFile, TracesTellOfTheStartAndOfTheLines) {
 
 TEST_F(ClientListFile, ARaiseAnywhereClosesTheFile) {
     const clnt_entry_t entry = entry_at("10.0.0.1");
-    sim::sweep_raises(
-        world, [&] { clnt_list_write_file(path().c_str(), 1, &entry); }, [](int) {});
+    const std::string file = path(); // a raise runs no destructor
+    const int raises = sim::sweep_raises(
+        world, [&] { clnt_list_write_file(file.c_str(), 1, &entry); },
+        [&](int number) { EXPECT_EQ(bad_files::open_descriptors(), descriptors) << number; });
+    EXPECT_GE(raises, 1);
     EXPECT_EQ(written({entry}), "-dbversion=1.0;\n-address=10.0.0.1;\n");
 }
 
