@@ -61,6 +61,23 @@ TEST_F(Update, ARemovalNeedsOnlyHostStampsAndNumber) {
     EXPECT_EQ(entry->magic, RGY_ENTRY_MAGIC);
 }
 
+TEST_F(Update, EachFlushesWhatIsCachedOfItsDatabaseBeforeItIsSent) {
+    Binding reader;
+    ASSERT_EQ(rgy_bind_handle("alpha", reader, anonymous, 0), TBS_ST_OK);
+    for (const auto &change : changes) {
+        for (rgy_db_t db : {3u, 4u})
+            ASSERT_NE(rgy_rpc_get_cache(reader, db), nullptr);
+        bool is_flushed = false;
+        world.peer.on(change.procedure, [&](const sim::Call &) {
+            is_flushed = slot_of(reader).cache[3] == nullptr && slot_of(reader).cache[4] != nullptr;
+            return refusal(TBS_ST_NO_ACCESS);
+        });
+        EXPECT_NE(change.run(3, entry), TBS_ST_OK);
+        EXPECT_TRUE(is_flushed) << change.proxy;
+    }
+    release_binding(reader);
+}
+
 TEST_F(Update, WhatIsNoLiveEntryWithAHostIsRefused) {
     rgy_entry_t dead = *entry;
     dead.magic = 0;
