@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include <tests/bad_files.h>
+#include <tests/sim/sweeps.h>
 
 #include "zone_bytes.h"
 
@@ -179,15 +180,17 @@ TEST(ZoneFile, WithoutMemoryIsNotReadAndLosesNothing) {
     const std::string bytes = rich_zone().bytes();
     ReadOutcome outcome = ReadOutcome::done;
     Zone zone;
-    const int failures = sim::World::current().live_blocks() == 0 ? 6 : 0;
-    for (int number = 1; number <= failures; ++number) {
-        world.fail_allocation(number);
-        outcome = decode_zone(bytes, zone);
-        world.fail_allocation(0);
-        EXPECT_EQ(outcome, ReadOutcome::no_memory) << number;
-        EXPECT_TRUE(has_nothing(zone));
-        EXPECT_EQ(world.live_blocks(), 0u);
-    }
+    const int failures = sim::sweep_allocations(
+        world, [&] { outcome = decode_zone(bytes, zone); },
+        [&](int number) {
+            EXPECT_EQ(outcome, ReadOutcome::no_memory) << number;
+            EXPECT_TRUE(has_nothing(zone));
+            EXPECT_EQ(world.live_blocks(), 0u);
+        });
+    EXPECT_EQ(failures, 6);
+    EXPECT_EQ(outcome, ReadOutcome::done);
+    release_zone(zone);
+    EXPECT_EQ(world.live_blocks(), 0u);
 }
 
 TEST(ZoneFile, WhatIsNoFileIsNoneAndIsNotWaitedFor) {
