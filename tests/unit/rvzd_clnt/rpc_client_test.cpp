@@ -172,6 +172,16 @@ TEST_F(ClientMaking, ATcpConnectionWithoutAStrictRangeOpensItsOwnSocket) {
     rvzd_free_handle(handle);
 }
 
+TEST_F(ClientMaking, ARangeThatIsNotStrictIsNoneForTcp) {
+    world.write_file("config/services/rvzd_rt_params.conf", "FLSHP_MIN_PORT = 20000\nFLSHP_MAX_PORT = 20100\n");
+    world.faults.connect = 0; // as above
+    rvzd_handle_t *handle = nullptr;
+    ASSERT_EQ(rvzd_get_generic_service_handle("alpha", RVZD_PROTOCOL_TCP, RVZD_GENERIC_SERVICE_PROGRAM, &handle),
+              TBS_ST_OK);
+    EXPECT_EQ(world.live_descriptors(), 1u);
+    rvzd_free_handle(handle);
+}
+
 TEST_F(ClientMaking, TheSocketIsClosedOnExec) {
     rvzd_handle_t *handle = handle_to("alpha");
     EXPECT_EQ(fcntl(handle->cached->socket_fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
