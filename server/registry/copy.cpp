@@ -94,13 +94,19 @@ void copy_from(const std::string &master) {
 }
 
 // A copying process that outlived its daemon would write over the registry of the next one, the master by then.
-void end_with_daemon() {
-    const char *daemon = getenv(copying_daemon_variable);
-    if (daemon == nullptr)
-        return;
+void end_with_daemon(const char *daemon) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (std::to_string(getppid()) != daemon)
         throw CopyError("the daemon that wanted the copy has ended");
+}
+
+// The daemon knows its role, also when the role's file has lost it.
+void require_right_to_copy() {
+    if (const char *daemon = getenv(copying_daemon_variable))
+        return end_with_daemon(daemon);
+    const int32_t type = rgy_get_svr_type();
+    if (type == RGY_SVR_NONE || type == RGY_SVR_MASTER)
+        throw CopyError("this host is no standby, backup or slave");
 }
 
 } // namespace
@@ -145,10 +151,7 @@ bool copy_registry(Source &source, Store &store, const std::function<void()> &ke
 int run_copy() {
     std::string master;
     try {
-        end_with_daemon();
-        const int32_t type = rgy_get_svr_type();
-        if (type == RGY_SVR_NONE || type == RGY_SVR_MASTER)
-            throw CopyError("this host is no standby, backup or slave");
+        require_right_to_copy();
         master = master_of_site();
     } catch (const CopyError &error) {
         print_registry(IMSG_ERROR, MSG_NO_BACKUP_CONFIGURATION, error.what());

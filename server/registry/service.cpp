@@ -5,6 +5,7 @@
 
 #include <server/registry/copy.h>
 #include <server/registry/messages.h>
+#include <server/registry/role.h>
 #include <support/date.h>
 #include <veliaxdr/rgy_local.h>
 
@@ -44,24 +45,46 @@ void RegistryService::close() {
     store_.reset();
 }
 
-void RegistryService::take_role() {
-    if (is_in_promotion_)
-        return;
-    const int32_t type = rgy_get_svr_type();
-    is_master_ = type == RGY_SVR_MASTER;
-    if (is_master_ || type == RGY_SVR_NONE)
-        copier_.stop();
-    if (type == RGY_SVR_NONE)
-        return close();
-    if (!open())
-        return;
+// Nothing, told, where neither the role's file nor the registry can be read: then nothing changes.
+std::optional<int32_t> RegistryService::present_role() {
+    if (const auto role = role_in_file())
+        return role;
     try {
-        if (is_master_)
-            store_->set_setting(origin_setting, origin_master);
+        return with_memory([](Store *store) { return last_role(store); });
+    } catch (const StoreError &error) {
+        print_failure(error.what());
+        return std::nullopt;
+    }
+}
+
+void RegistryService::remember(int32_t role) {
+    try {
+        with_memory([&](Store *store) {
+            if (store == nullptr)
+                return;
+            remember_role(*store, role);
+            if (role == RGY_SVR_MASTER)
+                store->set_setting(origin_setting, origin_master);
+        });
     } catch (const StoreError &error) {
         print_failure(error.what());
     }
-    if (!is_master_)
+}
+
+void RegistryService::take_role() {
+    const auto role = is_in_promotion_ ? std::nullopt : present_role();
+    if (!role)
+        return;
+    const bool is_server = *role != RGY_SVR_NONE;
+    is_master_ = *role == RGY_SVR_MASTER;
+    if (is_master_ || !is_server)
+        copier_.stop();
+    if (!is_server)
+        close();
+    else if (!open())
+        return;
+    remember(*role);
+    if (is_server && !is_master_)
         copier_.start(copy_interval_s_);
 }
 
@@ -85,7 +108,7 @@ void RegistryService::follow_copy() {
 void RegistryService::promote(std::function<void(tbs_status_t)> answer) {
     if (is_in_promotion_)
         return answer(TBS_ST_TRY_AGAIN);
-    if (rgy_get_svr_type() != RGY_SVR_STANDBY)
+    if (present_role() != RGY_SVR_STANDBY)
         return answer(TBS_ST_UNSUPPORTED);
     if (!open())
         return answer(TBS_ST_ERROR);
@@ -105,19 +128,24 @@ tbs_status_t RegistryService::become_master() {
             return TBS_ST_NOT_SET;
         }
         registry_->become_master();
+        remember_role(*store_, RGY_SVR_MASTER);
         const auto status = rgy_set_svr_type(RGY_SVR_MASTER);
-        if (status != TBS_ST_OK)
+        if (status != TBS_ST_OK) {
+            remember_role(*store_, RGY_SVR_STANDBY);
             store_->set_setting(origin_setting, origin_copy);
+        }
         return status;
     } catch (const StoreError &error) {
         return print_failure(error.what());
     }
 }
 
+// A file that is left half-written by whoever changes the role next does not make this host the master again.
 tbs_status_t RegistryService::step_down() {
     if (!is_master_)
         return TBS_ST_UNSUPPORTED;
     is_master_ = false;
+    remember(RGY_SVR_NONE);
     close();
     return TBS_ST_OK;
 }

@@ -3,10 +3,12 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include <server/registry/copier.h>
 #include <server/registry/registry.h>
+#include <server/registry/role.h>
 
 namespace velia::server {
 
@@ -20,8 +22,8 @@ public:
     // How often a copy is brought up to date.
     void set_copy_interval(uint32_t seconds) { copy_interval_s_ = seconds; }
 
-    // Takes this host's role as its file has it. A registry that cannot be opened is told, and asked for in vain. All
-    // but a master copy what the master has.
+    // Takes this host's role as its file has it, or the last one where the file does not say. A registry that cannot be
+    // opened is told, and asked for in vain. All but a master copy what the master has.
     void take_role();
 
     void stop_copying() { copier_.stop(); }
@@ -48,6 +50,14 @@ public:
     static tbs_status_t print_failure(const char *what);
 
 private:
+    // Hands over the store that is open, or else the one in its file; null if there is none.
+    template <class Body>
+    auto with_memory(Body &&body) {
+        const auto opened = store_ == nullptr ? existing_store(registry_file()) : nullptr;
+        return body(store_ != nullptr ? store_.get() : opened.get());
+    }
+    std::optional<int32_t> present_role();
+    void remember(int32_t role);
     bool open();
     void close();
     void follow_copy();

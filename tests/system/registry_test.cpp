@@ -197,6 +197,63 @@ TEST_F(Registry, TheRoleIsTakenAgainWithTheConfiguration) {
     EXPECT_TRUE(eventually([&] { return answer() == TBS_ST_OK; }));
 }
 
+// What a writer leaves behind that is killed before it has written, or amid its word.
+TEST_F(Registry, AHalfWrittenRoleIsToldAndTheLastOneGoesOnAfterARestart) {
+    ASSERT_EQ(add(RGY_DB_REGIONS, name_entry("before")), TBS_ST_OK);
+    for (const char *left : {"", "mas"}) {
+        kill_daemon();
+        site.write("host/config/rgy_svr.conf", left);
+        start();
+        EXPECT_EQ(names_of(RGY_DB_REGIONS), std::vector<std::string>{"before"}) << daemon->output();
+        EXPECT_TRUE(daemon->says("Warning: There is no registry server type in \"" +
+                                 site.path("host/config/rgy_svr.conf") +
+                                 "\"; this host goes on as the last one: master.\n"))
+            << daemon->output();
+        EXPECT_EQ(site.read("host/config/rgy_svr.conf"), left);
+    }
+    EXPECT_EQ(add(RGY_DB_REGIONS, name_entry("after")), TBS_ST_OK);
+}
+
+TEST_F(Registry, AnEmptiedRoleChangesNothingWhileTheDaemonRuns) {
+    site.write("host/config/rgy_svr.conf", "");
+    EXPECT_TRUE(daemon->says("this host goes on as the last one: master.\n")) << daemon->output();
+    EXPECT_EQ(add(RGY_DB_REGIONS, name_entry("one")), TBS_ST_OK);
+}
+
+TEST_F(Registry, AMasterThatSteppedDownIsNoneAgainByAHalfWrittenRole) {
+    ASSERT_EQ(rvzd_rgy_svr_conf_change(own_handle("alpha", 0).get(), RGY_PROTOCOL_VERSION, 13, ""), TBS_ST_OK);
+    site.write("host/config/rgy_svr.conf", "sla");
+    kill_daemon();
+    start();
+    EXPECT_TRUE(daemon->says("this host goes on as the last one: not a server.\n")) << daemon->output();
+    EXPECT_EQ(names_of(RGY_DB_REGIONS), std::nullopt);
+}
+
+TEST_F(Registry, ARemovedRoleIsNoneAndIsRememberedAsThat) {
+    site.write("host/config/rgy_svr.conf", "not a server");
+    EXPECT_TRUE(eventually([] { return names_of(RGY_DB_REGIONS) == std::nullopt; }));
+    kill_daemon();
+    std::filesystem::remove(site.path("host/config/rgy_svr.conf"));
+    start();
+    EXPECT_EQ(daemon->count("goes on as the last one"), 0u);
+    kill_daemon();
+    site.write("host/config/rgy_svr.conf", "");
+    start();
+    EXPECT_TRUE(daemon->says("this host goes on as the last one: not a server.\n")) << daemon->output();
+    EXPECT_EQ(names_of(RGY_DB_REGIONS), std::nullopt);
+}
+
+TEST_F(Registry, AHostThatNeverHadARoleHasNoneByAnEmptyFile) {
+    kill_daemon();
+    std::filesystem::remove_all(site.path("host/priv"));
+    std::filesystem::create_directory(site.path("host/priv"));
+    site.write("host/config/rgy_svr.conf", "");
+    start();
+    EXPECT_TRUE(daemon->says("this host goes on as the last one: not a server.\n")) << daemon->output();
+    EXPECT_EQ(names_of(RGY_DB_REGIONS), std::nullopt);
+    EXPECT_FALSE(std::filesystem::exists(site.path("host/priv/registry.db")));
+}
+
 TEST_F(Registry, WhatWasAcknowledgedSurvivesAKillAtAnyMoment) {
     std::set<std::string> acknowledged;
     for (int round = 0; round < 5; ++round) {

@@ -208,6 +208,19 @@ TEST_F(Standby, RoleIsTakenWhenItsFileChanges) {
     EXPECT_TRUE(standby_comes_to_have({"one"})) << standby->output();
 }
 
+TEST_F(Standby, GoesOnCopyingWhenItsRoleIsEmptied) {
+    prepare_standby();
+    start_standby();
+    ASSERT_TRUE(standby_comes_to_have({})) << standby->output();
+    site.write("beta/host/config/rgy_svr.conf", "");
+    ASSERT_TRUE(standby->says("this host goes on as the last one: standby.\n")) << standby->output();
+    ASSERT_EQ(add(RGY_DB_REGIONS, name_entry("new")), TBS_ST_OK);
+    EXPECT_TRUE(standby_comes_to_have({"new"})) << standby->output();
+    EXPECT_EQ(standby->count("this host goes on as the last one"), 1u) << standby->output();
+    ASSERT_EQ(change_standby(PROMOTE), TBS_ST_OK) << standby->output();
+    EXPECT_EQ(site.read("beta/host/config/rgy_svr.conf"), "master");
+}
+
 TEST_F(Standby, FormerRegistryOfAHostIsKeptBesideTheCopy) {
     prepare_standby("master");
     start_standby();
