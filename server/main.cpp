@@ -17,7 +17,9 @@
 #include <server/messages.h>
 #include <server/registry/copy.h>
 #include <server/registry/service.h>
+#include <support/fileutl.h>
 #include <support/ks.h>
+#include <support/strutl.h>
 #include <veliaxdr/rgy_manage.h>
 #include <veliaxdr/rvzd_socket.h>
 
@@ -31,15 +33,7 @@ constexpr const char *default_log_file = "rvzd_server_log";
 class PidFile {
 public:
     explicit PidFile(const std::string &name) : name_(name) {
-        if (name_.empty())
-            return;
-        FILE *file = fopen(name_.c_str(), "we");
-        if (file == nullptr) {
-            print_failure();
-            return;
-        }
-        fprintf(file, "%d\n", static_cast<int>(getpid()));
-        if (fclose(file) != 0)
+        if (!name_.empty() && !is_written())
             print_failure();
     }
     ~PidFile() {
@@ -50,6 +44,16 @@ public:
     PidFile &operator=(const PidFile &) = delete;
 
 private:
+    bool is_written() const {
+        const std::string new_name = name_ + ".new";
+        if (strutl_write((std::to_string(getpid()) + "\n").c_str(), new_name.c_str(), 0, 0) == 0 &&
+            fileutl_rename(new_name.c_str(), name_.c_str()) == 0)
+            return true;
+        const int error_number = errno;
+        unlink(new_name.c_str());
+        errno = error_number;
+        return false;
+    }
     void print_failure() const {
         imsg_print_shared(IMSG_ERROR, "xdr/rvzd", &_tbs_cmsg_tbs_msg_table, TBS_MSG_CANNOT_OPEN, name_.c_str(),
                           imsg_strerror(errno));

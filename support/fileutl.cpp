@@ -19,6 +19,7 @@ namespace {
 
 constexpr FileBounds copy_bounds = {FILEUTL_COPY_MAX, text_line_bytes_max};
 constexpr size_t copy_size = 64 * 1024;
+constexpr size_t path_size = 4096;
 
 // Prints and keeps what an operation came to.
 int finish(const char *operation, int error_number, int flags) {
@@ -76,6 +77,19 @@ CopyResult copy_contents(TextFile &from, int to) {
     return {fsync(to) == 0 ? 0 : errno, FileOutcome::ok};
 }
 
+// Until then a power failure may bring the former file back. It has its new name for everybody who runs, so a failure
+// here is none of the renaming.
+void put_names_on_disk(const char *path) {
+    char directory[path_size] = ".";
+    if (const char *slash = strrchr(path, '/'))
+        snprintf(directory, sizeof directory, "%.*s/", static_cast<int>(slash - path), path);
+    const int descriptor = open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (descriptor < 0)
+        return;
+    fsync(descriptor);
+    close(descriptor);
+}
+
 CopyResult copy_by_way_of(char *new_path, TextFile &from, const char *to) {
     const int made = mkostemp(new_path, O_CLOEXEC);
     if (made < 0)
@@ -83,8 +97,8 @@ CopyResult copy_by_way_of(char *new_path, TextFile &from, const char *to) {
     CopyResult result = copy_contents(from, made);
     if (close(made) != 0 && result.error_number == 0)
         result.error_number = errno;
-    if (result.error_number == 0 && rename(new_path, to) != 0)
-        result.error_number = errno;
+    if (result.error_number == 0)
+        result.error_number = fileutl_rename(new_path, to);
     if (result.error_number != 0)
         unlink(new_path);
     return result;
@@ -92,7 +106,7 @@ CopyResult copy_by_way_of(char *new_path, TextFile &from, const char *to) {
 
 // A source that is refused is printed as such, and needs no further words.
 int copy_file(TextFile &source, const char *from, const char *to, int flags) {
-    char new_path[4096];
+    char new_path[path_size];
     const int length = snprintf(new_path, sizeof new_path, "%s.XXXXXX", to);
     if (length < 0 || static_cast<size_t>(length) >= sizeof new_path)
         return finish("copy", ENAMETOOLONG, flags);
@@ -124,7 +138,10 @@ int fileutl_stat(const char *path, int follow, struct stat *result) {
 }
 
 int fileutl_rename(const char *from, const char *to) {
-    return rename(from, to) == 0 ? 0 : errno;
+    if (rename(from, to) != 0)
+        return errno;
+    put_names_on_disk(to);
+    return 0;
 }
 
 int fileutl_cp(const char *from, const char *to, int flags) {

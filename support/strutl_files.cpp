@@ -114,6 +114,11 @@ char *strutl_read(int file_count, const char *path, int reserved, int as_one_tex
     return contents.bytes;
 }
 
+// What is no file on a disk has nothing to put there.
+int put_on_disk(int descriptor) {
+    return fsync(descriptor) == 0 || errno == EINVAL || errno == EROFS ? 0 : errno;
+}
+
 // A pipe that nobody reads from is not waited for.
 int strutl_write(const char *text, const char *path, int, int) {
     constexpr mode_t mode = 0666;
@@ -121,6 +126,8 @@ int strutl_write(const char *text, const char *path, int, int) {
     if (descriptor < 0)
         return failed(errno);
     int error_number = write_all(descriptor, text, strlen(text));
+    if (error_number == 0)
+        error_number = put_on_disk(descriptor);
     if (close(descriptor) != 0 && error_number == 0)
         error_number = errno;
     return error_number != 0 ? failed(error_number) : 0;

@@ -11,6 +11,7 @@
 
 #include <common/text_file.h>
 #include <support/date.h>
+#include <support/fileutl.h>
 #include <support/imsg.h>
 #include <veliaxdr/rvzd_hosts.h>
 
@@ -193,7 +194,7 @@ bool write_client_file(const std::string &file_name, ClientList &list) {
     unlink(old_name.c_str());
     if (link(file_name.c_str(), old_name.c_str()) != 0 && errno != ENOENT)
         print_failure(CLNT_LIST_MSG_CANNOT_BACK_UP, file_name); // no reason to lose the new one
-    if (rename(new_name.c_str(), file_name.c_str()) != 0)
+    if (fileutl_rename(new_name.c_str(), file_name.c_str()) != 0)
         return print_failure(CLNT_LIST_MSG_CANNOT_REPLACE, new_name);
     list.note_saved();
     return true;

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <server/loop/unique_fd.h>
 #include <support/imsg.h>
 
 namespace velia::server {
@@ -29,6 +30,12 @@ void make_private_file(const std::string &file_name) {
 
 void remove_file(const std::string &file_name) {
     if (unlink(file_name.c_str()) != 0 && errno != ENOENT)
+        throw_system_error();
+}
+
+void put_on_disk(const std::string &file_name) {
+    const UniqueFd fd(open(file_name.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+    if (!fd || fsync(fd.get()) != 0)
         throw_system_error();
 }
 

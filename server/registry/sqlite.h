@@ -18,6 +18,9 @@ void make_private_file(const std::string &file_name);
 
 void remove_file(const std::string &file_name); // if it is there
 
+// The contents of a file that SQLite has let go of.
+void put_on_disk(const std::string &file_name);
+
 // What errno says, as a StoreError.
 [[noreturn]] void throw_system_error();
 

@@ -2,12 +2,12 @@
 // acknowledged; the stamps change in the transaction of the update that they tell of.
 #include <server/registry/store.h>
 
-#include <cstdio>
 #include <cstring>
 #include <sys/random.h>
 #include <vector>
 
 #include <server/registry/sqlite.h>
+#include <support/fileutl.h>
 
 namespace velia::server {
 
@@ -147,7 +147,8 @@ public:
         remove_file(unfinished);
         make_private_file(unfinished);
         Statement(database_, "VACUUM INTO CAST(?1 AS TEXT)").with(std::string_view(unfinished)).run();
-        if (rename(unfinished.c_str(), file_name.c_str()) != 0)
+        put_on_disk(unfinished);
+        if (fileutl_rename(unfinished.c_str(), file_name.c_str()) != 0)
             throw_system_error();
     }
 
