@@ -62,6 +62,21 @@ int32_t rgy_get_svr_type(void);
  */
 tbs_status_t rgy_set_svr_type(int32_t type);
 
+/*
+ * Makes `text` the contents of the configuration file `path`: written to "path.new" and put on disk, which then takes
+ * the place of the file, so that a reader sees the one or the other. What stood there stays as "path.old", in place of
+ * what that was. TBS_ST_ERROR, printed, with the file as it was, if the path is longer than 1019 characters or the new
+ * file cannot be written or put in place; also, with nothing printed, for a null argument. A ".old" that cannot be made
+ * is no failure.
+ */
+tbs_status_t write_file(const char *path, const char *text);
+
+/*
+ * Writes `path` with ".old" behind it, which is where write_file keeps the former file, to `out`, a buffer of
+ * TBS_PATH_SIZE (1024) bytes. TBS_ST_ERROR if that does not fit, or for a null argument.
+ */
+tbs_status_t generate_backup_pathname(const char *path, char *out);
+
 /* The path of the hosts file; a static text that never changes. */
 const char *registry_configuration_pathname(void);
 
@@ -89,6 +104,13 @@ tbs_status_t registry_prop_set_region_names_local(size_t length1, size_t length2
  * TBS_ST_NO_STORAGE, printed, without storage: then there is none.
  */
 tbs_status_t registry_prop_set_process_default_region_local(const char *region);
+
+/*
+ * 1 if `pattern` names the user `user`, else 0. Either may have a domain in front of the name ("sales\marian"), of at
+ * most 255 bytes as the name. True if `user` begins with `pattern`; or if the name in `pattern` begins with the name in
+ * `user` and its domain, if it has one, with the domain of `user`. So a pattern without a domain fits a user of any.
+ */
+int32_t username_match(const char *user, const char *pattern);
 
 /*
  * The region of this process's user by the map in the file `map_path`, copied to `buffer` of `size` bytes. The map is a

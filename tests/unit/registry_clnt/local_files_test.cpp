@@ -5,9 +5,6 @@
 
 namespace {
 
-using velia::registry_clnt::generate_backup_pathname;
-using velia::registry_clnt::write_file;
-
 // The two families differ in their file and in the longest word.
 struct Family {
     const char *name;
@@ -240,6 +237,18 @@ TEST_F(ConfigurationFile, ABackupsNameHas1023CharactersAtMost) {
     EXPECT_EQ(out, fits + ".old");
     EXPECT_EQ(generate_backup_pathname((fits + "p").c_str(), out), TBS_ST_ERROR);
     EXPECT_EQ(write_file((fits + "p").c_str(), "text"), TBS_ST_ERROR);
+}
+
+TEST_F(ConfigurationFile, ItsWriterAndItsBackupsNameRefuseNoArgument) {
+    const std::string path = path_of("file");
+    char out[1024];
+    write("file", "one");
+    EXPECT_EQ(write_file(nullptr, "two"), TBS_ST_ERROR);
+    EXPECT_EQ(write_file(path.c_str(), nullptr), TBS_ST_ERROR);
+    EXPECT_EQ(generate_backup_pathname(nullptr, out), TBS_ST_ERROR);
+    EXPECT_EQ(generate_backup_pathname(path.c_str(), nullptr), TBS_ST_ERROR);
+    EXPECT_EQ(contents(path), "one");
+    EXPECT_EQ(contents(path + ".old"), std::nullopt);
 }
 
 TEST_F(ConfigurationFile, TheHostsFileHasAPathThatStays) {

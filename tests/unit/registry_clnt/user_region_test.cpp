@@ -7,8 +7,6 @@
 
 namespace {
 
-using velia::registry_clnt::username_match;
-
 class UserRegion : public LocalFilesTest {
 protected:
     UserRegion() {
@@ -163,6 +161,12 @@ TEST_F(UserRegion, APatternWithoutADomainFitsAUserOfAnyDomain) {
 TEST_F(UserRegion, ThePatternsNameNeedOnlyBeginWithTheUsers) {
     EXPECT_TRUE(username_match("marian", "marianne"));
     EXPECT_FALSE(username_match("marianne", "mb"));
+}
+
+TEST_F(UserRegion, NobodyMatchesNothing) {
+    EXPECT_EQ(username_match(nullptr, "marian"), 0);
+    EXPECT_EQ(username_match("marian", nullptr), 0);
+    EXPECT_EQ(username_match("marian", ""), 1) << "every name begins with it";
 }
 
 TEST_F(UserRegion, NamesThatAreTooLongToSplitDoNotMatch) {

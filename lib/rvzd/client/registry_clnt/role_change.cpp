@@ -152,7 +152,7 @@ tbs_status_t rgy_change_server_type(int32_t type) {
 tbs_status_t rgy_demote_master_svr(const char *host, int32_t type) {
     char former[path_size];
     const char *current = registry_configuration_pathname();
-    if (generate_backup_pathname(current, former) != TBS_ST_OK)
+    if (make_backup_path(current, former) != TBS_ST_OK)
         return TBS_ST_ERROR;
     if (fileutl_exists(former, 0) == 0) {
         print(REGISTRY_MSG_CANNOT_DEMOTE_MASTER, host);

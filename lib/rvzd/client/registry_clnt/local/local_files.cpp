@@ -111,7 +111,7 @@ tbs_status_t write_words(const char *path, const char *first, const char *second
         const size_t size = length_of(first) + length_of(second) + sizeof "\n\n";
         auto *text = static_cast<char *>(stg_malloc(size));
         const bool written = text != nullptr && strutl_concat(text, size, 4, first, "\n", second, "\n") == 0 &&
-                             write_file(path, text) == TBS_ST_OK;
+                             replace_file(path, text) == TBS_ST_OK;
         stg_free(text);
         return written ? TBS_ST_OK : TBS_ST_ERROR;
     });
@@ -129,12 +129,12 @@ tbs_status_t not_replaced(const char *path, int error_number) {
 
 } // namespace
 
-tbs_status_t velia::registry_clnt::generate_backup_pathname(const char *path, char *out) {
+tbs_status_t velia::registry_clnt::make_backup_path(const char *path, char *out) {
     return suffixed(path, ".old", out) ? TBS_ST_OK : TBS_ST_ERROR;
 }
 
 // A backup that cannot be made does not stand in the way of the new file.
-tbs_status_t velia::registry_clnt::write_file(const char *path, const char *text) {
+tbs_status_t velia::registry_clnt::replace_file(const char *path, const char *text) {
     char new_path[path_size];
     char old_path[path_size];
     if (!suffixed(path, ".new", new_path))
@@ -144,12 +144,22 @@ tbs_status_t velia::registry_clnt::write_file(const char *path, const char *text
         fileutl_rm(new_path, FILEUTL_QUIET); // may be there in part
         return not_replaced(new_path, error_number);
     }
-    if (generate_backup_pathname(path, old_path) == TBS_ST_OK) {
+    if (make_backup_path(path, old_path) == TBS_ST_OK) {
         fileutl_rm(old_path, FILEUTL_QUIET);
         fileutl_cp(path, old_path, FILEUTL_QUIET);
     }
     const int rename_error = fileutl_rename(new_path, path);
     return rename_error == 0 ? TBS_ST_OK : not_replaced(path, rename_error);
+}
+
+tbs_status_t generate_backup_pathname(const char *path, char *out) {
+    return path != nullptr && out != nullptr ? make_backup_path(path, out) : tbs_status_t{TBS_ST_ERROR};
+}
+
+tbs_status_t write_file(const char *path, const char *text) {
+    if (path == nullptr || text == nullptr)
+        return TBS_ST_ERROR;
+    return with_inhibit([&] { return replace_file(path, text); });
 }
 
 const char *registry_configuration_pathname(void) {

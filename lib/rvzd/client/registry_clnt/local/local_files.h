@@ -15,14 +15,10 @@ extern ivlthread_mutex_t rgy_prop_local_mutex;
 extern ForkWatch prop_local_watch;
 inline constexpr Lock<LockRank::local_files> prop_local_lock = {rgy_prop_local_mutex, prop_local_watch};
 
-// `path` with ".old" behind it, in a buffer of path_size bytes; TBS_ST_ERROR if that does not fit.
-tbs_status_t generate_backup_pathname(const char *path, char *out);
-
-// Makes `text` the contents of the file by way of a ".new" one, and keeps the file that was there as ".old". A failure
-// is printed, and leaves the file as it was.
-tbs_status_t write_file(const char *path, const char *text);
-
-// Whether `user`, which may have a domain, is the one that `pattern` names. A pattern without a domain fits any.
-bool username_match(const char *user, const char *pattern);
+// What generate_backup_pathname, write_file and username_match do. The library calls these: a program that has a
+// function of its own with so plain a name would be called in their place.
+tbs_status_t make_backup_path(const char *path, char *out);
+tbs_status_t replace_file(const char *path, const char *text);
+bool is_user_of(const char *user, const char *pattern);
 
 } // namespace velia::registry_clnt

@@ -43,11 +43,11 @@ struct MapReader {
     Found take_member(const char *member) {
         const char *group = strstr(member, "group:");
         if (group != nullptr) {
-            if (username_match(process.group, group + strlen("group:")))
+            if (is_user_of(process.group, group + strlen("group:")))
                 keep(group_region, region);
         } else if (strcmp(member, "%DEFAULT%") == 0) {
             keep(default_region, region);
-        } else if (username_match(process.user, member)) {
+        } else if (is_user_of(process.user, member)) {
             keep(user_region, region);
             return Found::user;
         }
@@ -100,7 +100,7 @@ bool get_process_names(credutl_string_credentials_t &names) {
 
 } // namespace
 
-bool velia::registry_clnt::username_match(const char *user, const char *pattern) {
+bool velia::registry_clnt::is_user_of(const char *user, const char *pattern) {
     if (begins_with(user, pattern))
         return true;
     char user_domain[name_size];
@@ -113,6 +113,10 @@ bool velia::registry_clnt::username_match(const char *user, const char *pattern)
     if (!begins_with(pattern_domain, unknown_domain) && !begins_with(pattern_domain, user_domain))
         return false;
     return begins_with(pattern_name, user_name);
+}
+
+int32_t username_match(const char *user, const char *pattern) {
+    return user != nullptr && pattern != nullptr && is_user_of(user, pattern) ? 1 : 0;
 }
 
 tbs_status_t registry_prop_get_user_region(const char *map_path, size_t size, char *buffer) {
