@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 
+#include <server/broker/activity.h>
 #include <server/config/service.h>
 
 namespace velia::server {
@@ -29,6 +30,9 @@ public:
 
     // Whether a process of this number exists on this host.
     virtual bool exists(int32_t pid) = 0;
+
+    // Whether it waits for its first call: none waits at these ports, and it has slept most of its life of `age_ms`.
+    virtual bool waits_for_calls(int32_t pid, const std::vector<ServedPort> &ports, int64_t age_ms) = 0;
 };
 
 } // namespace velia::server

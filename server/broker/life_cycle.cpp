@@ -184,8 +184,24 @@ std::optional<Moment> ServerTable::due_of(const Process &process) const {
     return std::nullopt;
 }
 
+// Whoever looks a server up need not call it, so silence alone is no fault: a call that waits in its sockets is, and a
+// process that has been busy with something else all the while.
+void ServerTable::take_offer_back(Process &process, Moment now) {
+    const bool is_stuck = !launcher_.waits_for_calls(process.pid, process.served_ports(), now - process.started);
+    if (is_stuck)
+        print(IMSG_WARNING, process.has_reported ? MSG_CLIENT_NEVER_CAME : MSG_NEVER_BUSY, process.name().c_str(),
+              static_cast<int>(process.pid), process.client.c_str(), process.place().c_str());
+    if (is_stuck && !process.has_reported) {
+        mark_down(*process.service, now);
+        end(process, now);
+        return;
+    }
+    process.state = ProcessState::idle;
+    process.since = now;
+    process.offers = 0;
+}
+
 void ServerTable::run_due(Process &process, Moment now) {
-    const auto name = process.name();
     const int pid = process.pid;
     const bool is_registered = process.state != ProcessState::starting && process.state != ProcessState::ending;
     if (is_registered && !process.waiters.empty())
@@ -199,17 +215,7 @@ void ServerTable::run_due(Process &process, Moment now) {
             print(IMSG_ERROR, MSG_CANNOT_KILL, pid, imsg_strerror(error_number));
         return;
     case ProcessState::offered:
-        if (!process.has_reported) {
-            print(IMSG_WARNING, MSG_NEVER_BUSY, name.c_str(), pid, process.client.c_str(), process.place().c_str());
-            mark_down(*process.service, now);
-            end(process, now);
-            return;
-        }
-        print(IMSG_WARNING, MSG_CLIENT_NEVER_CAME, name.c_str(), pid, process.client.c_str(), process.place().c_str());
-        process.state = ProcessState::idle;
-        process.since = now;
-        process.offers = 0;
-        return;
+        return take_offer_back(process, now);
     case ProcessState::idle:
         return end(process, now);
     case ProcessState::busy:

@@ -28,6 +28,14 @@ bool Process::answers_for(const tbs_uuid_t &wanted) const {
                                                       [&](const auto &other) { return tbs_uuid_eq(&other, &wanted); });
 }
 
+std::vector<ServedPort> Process::served_ports() const {
+    std::vector<ServedPort> served;
+    for (const auto &registration : registrations)
+        for (uint32_t i = 0; i < registration.ports.count; ++i)
+            served.push_back({registration.trait.proto, static_cast<uint16_t>(registration.ports.ports[i].port)});
+    return served;
+}
+
 std::string Process::name() const {
     if (service != nullptr)
         return service->service.path;

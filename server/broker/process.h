@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include <server/broker/activity.h>
 #include <server/config/service.h>
 
 namespace velia::server {
@@ -96,6 +97,7 @@ struct Process {
 
     const Registration *registration_of(const rvzd_rpc_trait_t &trait) const;
     bool answers_for(const tbs_uuid_t &wanted) const;
+    std::vector<ServedPort> served_ports() const;
     std::string name() const;
     // What it serves, for messages: its path, or this host where it serves any.
     std::string place() const;

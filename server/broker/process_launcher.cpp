@@ -159,4 +159,8 @@ bool ProcessLauncher::exists(int32_t pid) {
     return kill(pid, 0) == 0 || errno == EPERM;
 }
 
+bool ProcessLauncher::waits_for_calls(int32_t pid, const std::vector<ServedPort> &ports, int64_t age_ms) {
+    return processor_ms(pid) * 2 < age_ms && !has_unread(ports);
+}
+
 } // namespace velia::server

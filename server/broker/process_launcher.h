@@ -24,6 +24,7 @@ public:
     void cut_lifeline(int32_t pid) override;
     int kill_now(int32_t pid) override;
     bool exists(int32_t pid) override;
+    bool waits_for_calls(int32_t pid, const std::vector<ServedPort> &ports, int64_t age_ms) override;
 
 private:
     struct Child;

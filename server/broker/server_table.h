@@ -101,6 +101,7 @@ private:
     void end(Process &process, Moment now);
     void mark_down(ServiceState &service, Moment now);
     void fail_waiters(Process &process);
+    void take_offer_back(Process &process, Moment now);
     void run_due(Process &process, Moment now);
     void start_residents(Moment now);
     void after_resident_exit(const ServicePointer &service, Moment started, Moment now);

@@ -3,8 +3,13 @@
 
 #include <csignal>
 
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <tests/system/support/client.h>
 #include <tests/system/support/daemon.h>
+#include <tests/system/support/veliactl.h>
 #include <veliaxdr/rvzd_svr.h>
 
 using namespace velia::system_test;
@@ -107,24 +112,48 @@ TEST_F(Supervision, TogglingAnUnknownServerIsNotFound) {
     EXPECT_EQ(rvzd_toggle_server_restart(1, "no-such-server"), TBS_ST_NOT_FOUND);
 }
 
-TEST_F(Supervision, ServerThatNobodyUsesIsMarkedDown) {
+// A call that a stopped process does not take looks like one that a looping process does not take.
+TEST_F(Supervision, ServerThatDoesNotTakeItsCallIsMarkedDown) {
     serve(sample_line(program, "shared", "busy=1"));
     Handle handle;
-    ASSERT_EQ(find(handle, program).status, TBS_ST_OK);
+    const Found found = find(handle, program);
+    ASSERT_EQ(found.status, TBS_ST_OK);
+    kill(daemon->started().at(0), SIGSTOP);
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in to = {};
+    to.sin_family = AF_INET;
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    to.sin_port = found.address.addrs[0].ipv4.sin_port;
+    ASSERT_EQ(sendto(fd, "call", 4, 0, reinterpret_cast<sockaddr *>(&to), sizeof to), 4);
+    close(fd);
     EXPECT_TRUE(daemon->says("never went busy (may be looping); marking it as \"down\".\n")) << daemon->output();
     const pid_t server = daemon->started().at(0);
+    kill(server, SIGCONT);
     EXPECT_TRUE(eventually([&] { return !is_alive(server); }));
 }
 
-TEST_F(Supervision, ServerKnownToWorkIsOnlyMarkedIdle) {
+TEST_F(Supervision, LookingAServerUpDoesItNoHarm) {
+    serve(sample_line(program, "shared", "busy=1"));
+    const auto state = [&] {
+        const auto listed = run_apart(site, {VELIACTL, "server", "list", "alpha", "--output", "json"});
+        return objects_of(listed.output).at(0)["state"].dump();
+    };
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_EQ(run_apart(site, {VELIACTL, "server", "find", "alpha", "--prog", std::to_string(program)}).status, 0);
+        EXPECT_EQ(state(), "\"offered\"");
+        EXPECT_TRUE(eventually([&] { return state() == "\"idle\""; })) << daemon->output();
+    }
+    EXPECT_EQ(daemon->count("looping"), 0u) << daemon->output();
+    EXPECT_EQ(daemon->started().size(), 1u);
+    EXPECT_EQ(echo("alpha", program, RVZD_PROTOCOL_UDP, "x"), "x");
+    EXPECT_EQ(daemon->started().size(), 1u) << daemon->output();
+}
+
+TEST_F(Supervision, ServerKnownToWorkIsNotTouchedByALookUpEither) {
     serve(sample_line(program, "shared", "busy=1", "--quiet-seconds 0"));
     ASSERT_EQ(echo("alpha", program, RVZD_PROTOCOL_UDP, "x"), "x");
-    Handle handle;
-    // Until it has reported idle again an offer leaves it busy.
-    ASSERT_TRUE(eventually([&] {
-        find(handle, program);
-        return daemon->count("Client never connected to server") > 0;
-    })) << daemon->output();
+    ASSERT_EQ(run_apart(site, {VELIACTL, "server", "find", "alpha", "--prog", std::to_string(program)}).status, 0);
+    EXPECT_EQ(daemon->count("looping"), 0u) << daemon->output();
     EXPECT_TRUE(is_alive(daemon->started().at(0)));
     EXPECT_EQ(echo("alpha", program, RVZD_PROTOCOL_UDP, "y"), "y");
     EXPECT_EQ(daemon->started().size(), 1u);

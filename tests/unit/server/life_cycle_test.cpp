@@ -95,6 +95,25 @@ TEST_F(LifeCycle, AServerThatNeverGoesBusyIsEnded) {
     EXPECT_EQ(told[0].position, MSG_NEVER_BUSY);
 }
 
+TEST_F(LifeCycle, AServerThatWasLookedUpAndNotCalledIsIdleAgainWithoutAWord) {
+    launcher.is_at_rest = true;
+    configure({service()});
+    find();
+    register_server(100);
+    register_server(100, 4001, tcp_trait);
+    messages();
+    pass_s(60);
+    EXPECT_EQ(launcher.asked_about, std::tuple(100, 2, 60000));
+    EXPECT_EQ(state(100), ProcessState::idle);
+    EXPECT_THAT(messages(), IsEmpty());
+    EXPECT_THAT(launcher.cut, IsEmpty());
+    EXPECT_EQ(status_of(find()), TBS_ST_OK) << "it is not down";
+    EXPECT_EQ(state(100), ProcessState::offered);
+    launcher.is_at_rest = false;
+    pass_s(60);
+    EXPECT_THAT(launcher.cut, ElementsAre(100)) << "the second client's call found it stuck";
+}
+
 TEST_F(LifeCycle, AServerThatIsKnownToWorkOutlivesAClientThatNeverCame) {
     configure({service()});
     const int32_t pid = running_server();

@@ -23,6 +23,10 @@ public:
         return kill_error;
     }
     bool exists(int32_t pid) override { return existing.contains(pid); }
+    bool waits_for_calls(int32_t pid, const std::vector<velia::server::ServedPort> &ports, int64_t age_ms) override {
+        asked_about = {pid, ports.size(), age_ms};
+        return is_at_rest;
+    }
 
     velia::server::LaunchResult failure;
     int kill_error = 0;
@@ -31,6 +35,8 @@ public:
     std::vector<int32_t> cut;
     std::vector<int32_t> killed;
     std::set<int32_t> existing;
+    bool is_at_rest = false;
+    std::tuple<int32_t, size_t, int64_t> asked_about; // process, ports, age in milliseconds
 };
 
 class ServerTableTest : public MessagesTest {
