@@ -1,11 +1,13 @@
 // Reads config/hosts.conf and config/services.conf. They are small and read afresh at each question, so that a change
-// counts at once. A raise may land while a message is printed, so that comes when nothing is held any more.
+// counts at once; what is wrong in them is told at the first question alone. A raise may land while a message is
+// printed, so that comes when nothing is held yet or any more.
 #include "site_names.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
+#include <arpa/inet.h>
 #include <strings.h>
 #include <sys/socket.h>
 
@@ -56,14 +58,106 @@ FileOutcome take_lines_of(TextFile &file, const char *name, Take &&take) {
     return outcome;
 }
 
-// One of the two files. It is read so often that a refusal is printed once, and again after it could be read.
+bool is_address(const char *word) {
+    in_addr ipv4;
+    in6_addr ipv6;
+    char without_scope[INET6_ADDRSTRLEN] = "";
+    const size_t length = strcspn(word, "%");
+    if (length < sizeof without_scope)
+        memcpy(without_scope, word, length);
+    return inet_aton(word, &ipv4) != 0 || inet_pton(AF_INET6, without_scope, &ipv6) == 1;
+}
+
+// "port" or "port/protocol", cut apart; 0 if it is no port.
+unsigned split_port(char *word, const char *&protocol) {
+    char *slash = strchr(word, '/');
+    protocol = slash != nullptr ? slash + 1 : nullptr;
+    if (slash != nullptr)
+        *slash = '\0';
+    char *end = nullptr;
+    const unsigned long port = strtoul(word, &end, 10);
+    const bool is_number = *word >= '0' && *word <= '9' && *end == '\0' && port <= port_max;
+    return is_number ? static_cast<unsigned>(port) : 0;
+}
+
+// What nobody can mean by the words behind a name; null for nothing.
+const char *fault_of_host(char *words) {
+    char *word = next_word(&words);
+    if (word == nullptr)
+        return "there is no address";
+    for (; word != nullptr; word = next_word(&words))
+        if (!is_address(word))
+            return "an address is malformed";
+    return nullptr;
+}
+
+const char *fault_of_service(char *words) {
+    char *word = next_word(&words);
+    if (word == nullptr)
+        return "there is no port";
+    const char *protocol;
+    if (split_port(word, protocol) == 0)
+        return "the port is malformed";
+    const bool is_known = protocol == nullptr || strcasecmp(protocol, "udp") == 0 || strcasecmp(protocol, "tcp") == 0;
+    return is_known ? nullptr : "the protocol is neither udp nor tcp";
+}
+
+// One of the two files. It is read so often that a refusal is printed once, and again after it could be read, and its
+// faults once a process.
 struct SiteFile {
     const char *name;
+    const char *(*fault_of)(char *words);
     bool is_refusal_printed;
+    bool is_checked;
 };
 
-SiteFile hosts_file = {"hosts.conf", false};
-SiteFile services_file = {"services.conf", false};
+SiteFile hosts_file = {"hosts.conf", fault_of_host, false, false};
+SiteFile services_file = {"services.conf", fault_of_service, false, false};
+
+struct Fault {
+    int line_number;
+    const char *words;
+};
+constexpr size_t fault_count_max = 8;
+
+const char *fault_of_line(const SiteFile &site_file, TextFile &file, FileOutcome outcome, TextLine &line) {
+    if (outcome == FileOutcome::line_too_long) {
+        file.skip_line();
+        return "it is too long";
+    }
+    line.text[strcspn(line.text, "#")] = '\0';
+    char *at = line.text;
+    return next_word(&at) != nullptr ? site_file.fault_of(at) : nullptr;
+}
+
+size_t find_faults(const SiteFile &site_file, TextFile &file, Fault (&faults)[fault_count_max]) {
+    size_t count = 0;
+    int line_number = 1;
+    for (TextLine line; count < fault_count_max; ++line_number) {
+        const FileOutcome outcome = file.next_line(line);
+        if (outcome != FileOutcome::ok && outcome != FileOutcome::line_too_long)
+            break;
+        const char *words = fault_of_line(site_file, file, outcome, line);
+        if (words != nullptr)
+            faults[count++] = {line_number, words};
+    }
+    return count;
+}
+
+void tell_faults(SiteFile &site_file, const char *path) {
+    TextFile file;
+    Fault faults[fault_count_max];
+    if (__atomic_load_n(&site_file.is_checked, __ATOMIC_RELAXED) ||
+        file.open(path, site_file_bounds) != FileOutcome::ok)
+        return;
+    const size_t count = find_faults(site_file, file, faults);
+    file.close();
+    if (__atomic_exchange_n(&site_file.is_checked, true, __ATOMIC_RELAXED))
+        return;
+    for (size_t i = 0; i < count; ++i)
+        imsg_print(IMSG_WARNING, "Line %d of \"%s\" is not understood: %s.\n", IMSG_FORMAT, faults[i].line_number, path,
+                   faults[i].words);
+}
 
 // Gives the lines of `name` to `take`. If the file is refused, also half-way, calls `forget()` and says so. 0, or the
 // errno value of a file that could not be read.
@@ -72,6 +166,7 @@ int read_site_file(SiteFile &site_file, const char *name, Take &&take, Forget &&
     char path[TBS_PATH_SIZE];
     if (tbs_product_config_dir(path, site_file.name) != TBS_ST_OK)
         return 0;
+    tell_faults(site_file, path);
     TextFile file;
     FileOutcome outcome = file.open(path, site_file_bounds);
     if (outcome == FileOutcome::ok) {
@@ -111,15 +206,11 @@ bool is_protocol_of(const char *protocol, int socket_type) {
            strcasecmp(protocol, socket_type == SOCK_DGRAM ? "udp" : "tcp") == 0;
 }
 
-// "port" or "port/protocol"; 0 if it is malformed or for another protocol.
+// 0 if it is malformed or for another protocol.
 unsigned port_of_word(char *word, int socket_type) {
-    char *protocol = strchr(word, '/');
-    if (protocol != nullptr)
-        *protocol++ = '\0';
-    char *end = nullptr;
-    const unsigned long port = strtoul(word, &end, 10);
-    const bool is_number = *word >= '0' && *word <= '9' && *end == '\0' && port <= port_max;
-    return is_number && is_protocol_of(protocol, socket_type) ? static_cast<unsigned>(port) : 0;
+    const char *protocol;
+    const unsigned port = split_port(word, protocol);
+    return is_protocol_of(protocol, socket_type) ? port : 0;
 }
 
 } // namespace

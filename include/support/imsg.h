@@ -75,7 +75,8 @@ int imsg_get_desired_verbosity(void);
  * Non-zero if `subsystem` (compared without case) is traced at `level`: VELIA_TRACE is a list "subsystem:level,...";
  * a name without a level is traced at every level, "all" is every subsystem, of several entries for a subsystem any
  * may grant. Without VELIA_TRACE every subsystem is traced up to VELIA_VERBOSITY. At most 32 entries are kept, of 63
- * characters each. Both variables are read at the first question.
+ * characters each. Both variables are read at the first question; what is no number or no name in them, and what is
+ * too much, is passed over and told then, once.
  */
 int imsg_should_trace(const char *subsystem, int level);
 
