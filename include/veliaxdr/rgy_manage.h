@@ -7,13 +7,32 @@
  *             rgy_entry_t *entry = NULL;
  *             status = rgy_create_entry(RGY_DB_REGIONS, NULL, &entry);
  *             if (status == TBS_ST_OK)
- *                 status = rgy_setstring_in_entry(entry, RGY_ITEM_REGION, name);
+ *                 status = rgy_setstring_in_entry(entry, RGY_ITEM_NAME, name);
  *             if (status == TBS_ST_OK)
  *                 status = rgy_add_entry(RGY_DB_REGIONS, entry);
  *             rgy_delete_entry(&entry);
  *         } while (status == TBS_ST_STALE_ID);
  *         return status;
  *     }
+ *
+ * What makes an entry of a database the entry that it is: the registry refuses a second one that is the same in these
+ * items (TBS_ST_ALREADY_EXISTS). So a tag of another region is another entry. An entry without the first of them is
+ * taken, too, and is the same as no other. What else an entry holds is its writer's affair; named are the items that
+ * this library and its tools write or read.
+ *
+ *   database      same in           holds besides
+ *   view_object   view_uuid         hostname local_path global_path region owner attributes
+ *   view_tag      tag region
+ *   vault_object  vault_replica     vault_family hostname local_path global_path region owner attributes
+ *   vault_tag     tag region        hostname attributes
+ *   regions       name              title
+ *   bbase_object  id
+ *   bbase_tag     tag region
+ *   site_config   name              value
+ *   storage_path  name region
+ *   dct_dbs       database
+ *   ct_servers    name
+ *   domains       domain
  *
  * `host` null is the configured master. Each operation may block for a host's time-out (25 seconds), and while it does,
  * holds up the registry calls of all threads. Any thread may call. "Printed" means message 29 of

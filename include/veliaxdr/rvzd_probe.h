@@ -17,7 +17,8 @@ extern "C" {
  * broker, and a broker on another port is not found. All addresses are tried at once, nothing is sent, and all sockets
  * are closed again.
  *
- * A host that does not answer costs 0.9 seconds behind the name look-up, which goes to the system's resolver; a further
+ * A host that does not answer costs 0.9 seconds behind the name look-up, which goes to the system's resolver
+ * alone: a name that stands only in the site's hosts.conf is not known to it, its address is. A further
  * 0.9 seconds begin with each answer of another address of it. Takes no lock and shares nothing: any number of threads
  * may probe at once.
  *

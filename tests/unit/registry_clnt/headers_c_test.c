@@ -73,7 +73,7 @@ tbs_status_t add_region(const char *name) {
         rgy_entry_t *entry = NULL;
         status = rgy_create_entry(RGY_DB_REGIONS, NULL, &entry);
         if (status == TBS_ST_OK)
-            status = rgy_setstring_in_entry(entry, RGY_ITEM_REGION, name);
+            status = rgy_setstring_in_entry(entry, RGY_ITEM_NAME, name);
         if (status == TBS_ST_OK)
             status = rgy_add_entry(RGY_DB_REGIONS, entry);
         rgy_delete_entry(&entry);
