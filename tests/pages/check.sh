@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
 # The pages name what the code asks for: every environment variable, every subsystem that traces, every file of the tree.
+# And the tutorial shows the sample as it is.
 #
 # usage: check.sh SOURCE_FOLDER
 set -uo pipefail
@@ -32,6 +33,14 @@ for subsystem in $(grep -rlE --include='*.cpp' 'is_traced\(|imsg_should_trace\("
     done | grep -oE '"[^"]+"' | tr -d '"' | sort -u); do
     [ "$subsystem" = poolmap ] || require_in ".B $subsystem" doc/man/velia-files.5
 done
+# What the tutorial shows of the sample stands in it.
+shown=$(awk '/^```/ { within = 0 } within; /^```c$/ { getline; within = /^static tbs|^static void/; if (within) print }' \
+    doc/tutorial.md | grep .)
+[ "$(wc -l <<<"$shown")" -gt 20 ] || { echo "the tutorial shows little of the sample"; failed=1; }
+while IFS= read -r line; do
+    grep -qxF -- "$line" samples/echo_server.c || { echo "the sample has no line: $line"; failed=1; }
+done <<<"$shown"
+
 echo "$checked names looked for"
 [ "$checked" -gt 40 ] || { echo "too few: the code is written in another way now"; failed=1; }
 exit "$failed"
