@@ -19,7 +19,7 @@ namespace velia::cli {
 
 namespace {
 
-constexpr int retransmission_s = 3;
+constexpr Duration retransmission = std::chrono::seconds(3);
 
 struct DestroyClient {
     void operator()(CLIENT *client) const {
@@ -29,17 +29,18 @@ struct DestroyClient {
 };
 using Client = std::unique_ptr<CLIENT, DestroyClient>;
 
-Client make_client(const ks_sockaddr_storage_t &address, uint32_t protocol, int timeout_s) {
+Client make_client(const ks_sockaddr_storage_t &address, uint32_t protocol, Duration timeout) {
     int fd = -1;
     CLIENT *client = protocol == RVZD_PROTOCOL_TCP
                          ? ks_clnttcp_create_sockaddr(&address.base, RVZD_PROGRAM, RVZD_VERSION, &fd, 0, 0)
                          : ks_clntudp_create_sockaddr(&address.base, RVZD_PROGRAM, RVZD_VERSION,
-                                                      std::min(timeout_s, retransmission_s), 0, &fd);
+                                                      whole_seconds(retransmission), 0, &fd);
     if (client == nullptr) {
         ks_clnt_pcreateerror(text_of_address(address).c_str());
         return {};
     }
     clnt_control(client, CLSET_FD_CLOSE, nullptr);
+    wait_no_longer(client, timeout);
     AUTH *nobody = credmap_authunix_create_nobody();
     if (nobody != nullptr) {
         auth_destroy(client->cl_auth);
@@ -48,16 +49,16 @@ Client make_client(const ks_sockaddr_storage_t &address, uint32_t protocol, int 
     return Client(client);
 }
 
-bool contact(const ks_sockaddr_storage_t &address, uint32_t protocol, int timeout_s, Reach &reach) {
+bool contact(const ks_sockaddr_storage_t &address, uint32_t protocol, Duration timeout, Reach &reach) {
     const auto start = std::chrono::steady_clock::now();
-    const Client client = make_client(address, protocol, timeout_s);
+    const Client client = make_client(address, protocol, timeout);
     if (!client)
         return false;
     rvzd_contact_req_t request = {{}, RVZD_PROTOCOL_CURRENT};
     rvzd_contact_reply_t reply = {};
-    const timeval time_out = {timeout_s, 0};
-    const auto outcome = clnt_call(client.get(), RVZD_PROC_CONTACT, reinterpret_cast<xdrproc_t>(xdr_rvzd_contact_req_t),
-                                   &request, reinterpret_cast<xdrproc_t>(xdr_rvzd_contact_reply_t), &reply, time_out);
+    const auto outcome =
+        clnt_call(client.get(), RVZD_PROC_CONTACT, reinterpret_cast<xdrproc_t>(xdr_rvzd_contact_req_t), &request,
+                  reinterpret_cast<xdrproc_t>(xdr_rvzd_contact_reply_t), &reply, timeval_of(timeout));
     if (outcome != RPC_SUCCESS) {
         ks_clnt_perror(client.get(), text_of_address(address).c_str());
         return false;
@@ -79,7 +80,7 @@ Addresses look_up(const std::string &host) {
 
 } // namespace
 
-Reach reach_broker(const std::string &host, uint32_t protocol, int timeout_s) {
+Reach reach_broker(const std::string &host, uint32_t protocol, Duration timeout) {
     Reach reach;
     const Addresses addresses = look_up(host);
     if (!addresses)
@@ -90,11 +91,22 @@ Reach reach_broker(const std::string &host, uint32_t protocol, int timeout_s) {
         uint16_t port = 0;
         rvzd_get_port(host.c_str(), &port, address.base.sa_family);
         sysutl_sockaddr_set_port(&address.base, port);
-        contact(address, protocol, timeout_s, reach);
+        contact(address, protocol, timeout, reach);
     }
     if (!reach.answered)
         imsg_print(IMSG_ERROR, &_rvzd_rvzd_msg_table, RVZD_MSG_CANNOT_CONTACT, host.c_str());
     return reach;
+}
+
+void set_timeout(rvzd_handle_t *handle, Duration timeout) {
+    const timeval time = timeval_of(timeout);
+    handle->tv_sec = time.tv_sec;
+    handle->tv_usec = time.tv_usec;
+}
+
+void wait_no_longer(CLIENT *client, Duration timeout) {
+    timeval wait = timeval_of(std::min(timeout, retransmission));
+    clnt_control(client, CLSET_RETRY_TIMEOUT, reinterpret_cast<char *>(&wait));
 }
 
 std::string text_of_address(const ks_sockaddr_storage_t &address) {

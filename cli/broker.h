@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 
+#include <cli/duration.h>
 #include <support/tbs.h>
 #include <veliaxdr/rvzd_handle.h>
 
@@ -15,9 +16,15 @@ struct Reach {
     std::string address; // that answered
 };
 
-// Sends one contact to each address of the host until one answers; each has `timeout_s` seconds. What fails is printed.
+// Sends one contact to each address of the host until one answers; each has the time-out. What fails is printed.
 // The library's own first contact waits for its fixed time, which is too long for a user who asked for less.
-Reach reach_broker(const std::string &host, uint32_t protocol, int timeout_s);
+Reach reach_broker(const std::string &host, uint32_t protocol, Duration timeout);
+
+// Of each call made through the handle.
+void set_timeout(rvzd_handle_t *handle, Duration timeout);
+
+// A datagram is sent again after a while, and the RPC library looks at the time-out only then.
+void wait_no_longer(CLIENT *client, Duration timeout);
 
 std::string text_of_address(const ks_sockaddr_storage_t &address);
 

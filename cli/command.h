@@ -11,6 +11,7 @@
 #include <variant>
 #include <vector>
 
+#include <cli/duration.h>
 #include <cli/output.h>
 
 namespace velia::cli {
@@ -21,7 +22,7 @@ enum ExitStatus { exit_done = 0, exit_failed = 1, exit_usage = 2, exit_unreachab
 struct Settings {
     Format format = Format::plain;
     bool with_headers = true;
-    int timeout_s = 25;
+    Duration timeout = std::chrono::seconds(25);
 };
 
 // To standard output, in the form that is set.
@@ -32,10 +33,10 @@ void print_change(const Results &results, const Settings &settings);
 
 // The member of a command's arguments that an option sets. A bool makes it a switch, an optional text tells an empty
 // one from none, and a list takes the option again and again.
-using Target = std::variant<bool *, int32_t *, int64_t *, uint64_t *, std::string *, std::optional<std::string> *,
-                            std::vector<std::string> *>;
+using Target = std::variant<bool *, int32_t *, int64_t *, uint64_t *, Duration *, std::string *,
+                            std::optional<std::string> *, std::vector<std::string> *>;
 
-// Bounds of a number, both of them good.
+// Bounds of a number, both of them good; of a duration in milliseconds.
 struct Range {
     int64_t least = 0;
     int64_t most = 0;

@@ -48,9 +48,9 @@ CommandWords words_of_command(const Command &row, const Options &common) {
     return command;
 }
 
-CommandWords words_of_root() {
+CommandWords words_of_root(const Options &common) {
     CommandWords root;
-    add_options({help_option, version_option}, root);
+    add_options(joined({{help_option, version_option}, common}), root);
     return root;
 }
 
@@ -64,7 +64,7 @@ CommandWords &command_of_path(std::vector<CommandWords> &commands, const std::st
 } // namespace
 
 std::vector<CommandWords> words_of_program(const Program &program) {
-    std::vector<CommandWords> commands = {words_of_root()};
+    std::vector<CommandWords> commands = {words_of_root(program.common)};
     for (const auto &row : program.commands) {
         const auto [group, name] = group_and_name(row);
         command_of_path(commands, group).subcommands.push_back({name, row.help});

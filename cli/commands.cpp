@@ -13,7 +13,7 @@ namespace velia::cli {
 
 namespace {
 
-constexpr Range timeout_range = {1, 3600};
+constexpr Range timeout_range = {1, 3600 * 1000};
 constexpr const char *format_variable = "VELIACTL_OUTPUT";
 constexpr const char *format_names[] = {"plain", "json", "table"};
 
@@ -66,8 +66,8 @@ Options common_options(CommonArguments &arguments) {
         {.name = "--no-headers", .help = "leave the line of column names out", .target = &arguments.leaves_headers_out},
         {.name = "--timeout",
          .type = "SECONDS",
-         .help = "seconds to wait for each answer",
-         .target = &arguments.timeout_s,
+         .help = "seconds to wait for each answer, as 25 or 0.5",
+         .target = &arguments.timeout,
          .range = timeout_range,
          .shows_default = true},
     };
@@ -78,15 +78,19 @@ int run_line(const std::vector<std::string> &words) {
     const Line line = parse(whole_program(common), words, std::cout, std::cerr);
     if (line.call == nullptr)
         return line.status;
-    Settings settings = {Format::plain, !common.leaves_headers_out, common.timeout_s};
+    Settings settings = {Format::plain, !common.leaves_headers_out, common.timeout};
     return settle_format(common.format, settings.format) ? line.call->run(settings) : exit_usage;
 }
 
 } // namespace
 
 Program whole_program(CommonArguments &common) {
-    return {"veliactl", "Asks and administers the services of a site.", version_line(), all_commands(),
-            common_options(common)};
+    return {"veliactl",
+            "Asks and administers the services of a site.",
+            version_line(),
+            all_commands(),
+            common_options(common),
+            std::max(columns_of_results().value_or(help_width_usual), help_width_least)};
 }
 
 int run(int argc, char **argv) {

@@ -26,7 +26,7 @@ extern const Commands completion_commands;
 struct CommonArguments {
     std::string format;
     bool leaves_headers_out = false;
-    int32_t timeout_s = Settings().timeout_s;
+    Duration timeout = Settings().timeout;
 };
 
 // All of them, in the order of the help.

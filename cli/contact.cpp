@@ -37,7 +37,7 @@ constexpr Command commands[] = {
 // True when the host answered and its protocol version is known.
 bool contact_host(const std::string &host, const Arguments &arguments, const Settings &settings, Results &results) {
     const uint32_t protocol = protocol_of_name(arguments.transport);
-    const Reach reach = reach_broker(host, protocol, settings.timeout_s);
+    const Reach reach = reach_broker(host, protocol, settings.timeout);
     if (!reach.answered)
         return false;
     rvzd_handle_t *handle = nullptr;

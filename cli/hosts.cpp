@@ -4,6 +4,7 @@
 #include <array>
 #include <memory>
 
+#include <cli/broker.h>
 #include <cli/time_zone.h>
 #include <support/date.h>
 #include <support/imsg.h>
@@ -81,7 +82,7 @@ Cells cells_of(const clnt_hostinfo_t &info) {
 int print_info(const Arguments &arguments, const Settings &settings) {
     const std::string &host = arguments.host;
     clnt_hostinfo_t info = {};
-    const auto status = rvzd_hostinfo_timeout(host.c_str(), settings.timeout_s, &info);
+    const auto status = rvzd_hostinfo_timeout(host.c_str(), whole_seconds(settings.timeout), &info);
     if (status != TBS_ST_OK)
         return fail("The description", host, status);
     Results results(info_columns);
@@ -132,7 +133,7 @@ int list_clients(const Arguments &arguments, const Settings &settings) {
     rvzd_handle_t *handle = nullptr;
     if (rvzd_get_handle(host.c_str(), &handle) != TBS_ST_OK)
         return exit_unreachable;
-    handle->tv_sec = settings.timeout_s;
+    set_timeout(handle, settings.timeout);
     Results results(client_columns());
     int32_t position = 0;
     tbs_boolean_t finished = 0;
@@ -160,7 +161,7 @@ int look_up_client(const Arguments &arguments, const Settings &settings) {
     rvzd_handle_t *handle = nullptr;
     if (rvzd_get_handle(host.c_str(), &handle) != TBS_ST_OK)
         return exit_unreachable;
-    handle->tv_sec = settings.timeout_s;
+    set_timeout(handle, settings.timeout);
     clnt_entry_t entry = {};
     const auto status = rvzd_clnt_list_lookup(handle, name.c_str(), &entry);
     if (status == TBS_ST_OK) {

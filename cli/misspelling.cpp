@@ -57,15 +57,28 @@ bool asks_for_help(const std::string &word) {
     return false;
 }
 
+// The option's value is the next word.
+bool awaits_value(const Options &options, const std::string &word) {
+    for (const auto &option : options)
+        for (const auto &name : names_of(option))
+            if (word == name)
+                return !is_switch(option);
+    return false;
+}
+
 } // namespace
 
-std::string fault_of_command(Commands commands, const std::vector<std::string> &words) {
+std::string fault_of_command(const Program &program, const std::vector<std::string> &words) {
+    const Commands commands = program.commands;
     std::string group;
-    for (const auto &word : words) {
+    for (size_t i = 0; i < words.size(); ++i) {
+        const std::string &word = words[i];
         if (asks_for_help(word))
             return "";
-        if (word.starts_with('-'))
+        if (word.starts_with('-')) {
+            i += awaits_value(program.common, word) ? 1 : 0;
             continue;
+        }
         std::string path = group;
         path += (group.empty() ? "" : " ") + word;
         const auto found = std::find_if(commands.begin(), commands.end(),

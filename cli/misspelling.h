@@ -4,11 +4,11 @@
 #include <string>
 #include <vector>
 
-#include <cli/command.h>
+#include <cli/parser.h>
 
 namespace velia::cli {
 
 // What is wrong with the words that name the command; empty if nothing is, or if help or nothing at all is asked for.
-std::string fault_of_command(Commands commands, const std::vector<std::string> &words);
+std::string fault_of_command(const Program &program, const std::vector<std::string> &words);
 
 } // namespace velia::cli

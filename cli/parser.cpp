@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <map>
+#include <sstream>
 
 #include <CLI/CLI.hpp>
 
@@ -31,6 +32,26 @@ CLI::Option *add_value(CLI::App &app, const Option &option, std::optional<std::s
 CLI::Option *add_value(CLI::App &app, const Option &option, std::vector<std::string> *values) {
     CLI::Option *added = app.add_option(option.name, *values, option.help)->type_name(option.type);
     return option.is_place() ? added : added->allow_extra_args(false);
+}
+
+std::string fault_of_duration(const std::string &text, const Range &range) {
+    const auto duration = duration_of_text(text);
+    if (!duration)
+        return "'" + text + "' is no number of seconds";
+    if (duration->count() >= range.least && duration->count() <= range.most)
+        return "";
+    return "Value " + text + " not in range " + text_of_duration(Duration(range.least)) + " to " +
+           text_of_duration(Duration(range.most));
+}
+
+CLI::Option *add_value(CLI::App &app, const Option &option, Duration *value) {
+    return app
+        .add_option_function<std::string>(
+            option.name, [value](const std::string &text) { *value = *duration_of_text(text); }, option.help)
+        ->type_name(option.type)
+        ->default_str(option.shows_default ? text_of_duration(*value) : "")
+        ->check(
+            CLI::Validator([range = *option.range](std::string &text) { return fault_of_duration(text, range); }, ""));
 }
 
 template <class Value>
@@ -64,7 +85,7 @@ void add_option(CLI::App &app, const Option &option) {
     CLI::Option *added = std::visit([&](auto *value) { return add_value(app, option, value); }, option.target);
     add_checks(*added, option);
     added->required(option.is_required);
-    if (option.shows_default)
+    if (option.shows_default && !std::holds_alternative<Duration *>(option.target))
         added->capture_default_str();
 }
 
@@ -94,7 +115,7 @@ std::string foot_of(const Command &row) {
             foot += "  " + std::string(example) + "\n";
     if (foot.empty())
         return exit_status_help;
-    const std::string notes = *row.notes != '\0' ? std::string("\n") + row.notes : "";
+    const std::string notes = *row.notes != '\0' ? "\n" + refilled(row.notes) : "";
     return "Examples:\n" + foot + notes + "\n" + exit_status_help;
 }
 
@@ -114,7 +135,7 @@ std::string failure_text(const std::string &program, const std::string &fault) {
 // The library's tree of one program, whose leaves have a call each.
 class Tree {
 public:
-    explicit Tree(const Program &program) : app_(program.help, program.name) {
+    explicit Tree(const Program &program) : app_(program.help, program.name), help_width_(program.help_width) {
         app_.set_help_flag(help_option.name, help_option.help);
         app_.set_version_flag(version_option.name, program.version, version_option.help);
         app_.require_subcommand(1);
@@ -122,6 +143,7 @@ public:
         app_.failure_message([name = program.name](const CLI::App *, const CLI::Error &error) {
             return failure_text(name, error.what());
         });
+        add_options(app_, program.common);
         for (const auto &row : program.commands)
             add(row, program.common);
     }
@@ -132,7 +154,9 @@ public:
             app_.parse(std::move(words));
         } catch (const CLI::ParseError &error) {
             // A wrong use has one exit status, whatever the library calls it; asking for help is none.
-            const int status = app_.exit(error, out, errors);
+            std::ostringstream help;
+            const int status = app_.exit(error, help, errors);
+            out << wrapped(help.str(), help_width_);
             return {nullptr, status == 0 ? exit_done : exit_usage};
         }
         return {std::move(calls_[chosen_]), exit_done};
@@ -153,6 +177,7 @@ private:
     }
 
     CLI::App app_;
+    size_t help_width_;
     std::vector<std::unique_ptr<Call>> calls_;
     size_t chosen_ = 0;
 };
@@ -161,7 +186,7 @@ private:
 
 Line parse(const Program &program, const std::vector<std::string> &words, std::ostream &out, std::ostream &errors) {
     // The library's own words would be that a command is missing.
-    const std::string fault = fault_of_command(program.commands, words);
+    const std::string fault = fault_of_command(program, words);
     if (fault.empty())
         return Tree(program).parse(words, out, errors);
     errors << failure_text(program.name, fault);

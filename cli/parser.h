@@ -7,6 +7,7 @@
 #include <vector>
 
 #include <cli/command.h>
+#include <cli/wrap.h>
 
 namespace velia::cli {
 
@@ -19,7 +20,8 @@ struct Program {
     const char *help = "";
     std::string version;
     std::vector<Command> commands;
-    Options common; // of every command that has them
+    Options common; // in front of a command, or behind one that has them
+    size_t help_width = help_width_usual;
 };
 
 // What becomes of a line.

@@ -83,12 +83,12 @@ void print_not_found(const Arguments &arguments, tbs_status_t status) {
 }
 
 int find_server(const Arguments &arguments, const Settings &settings) {
-    if (!reach_broker(arguments.host, RVZD_PROTOCOL_UDP, settings.timeout_s).answered)
+    if (!reach_broker(arguments.host, RVZD_PROTOCOL_UDP, settings.timeout).answered)
         return exit_unreachable;
     rvzd_handle_t *handle = nullptr;
     if (rvzd_get_handle(arguments.host.c_str(), &handle) != TBS_ST_OK)
         return exit_unreachable;
-    handle->tv_sec = settings.timeout_s;
+    set_timeout(handle, settings.timeout);
     rvzd_rpc_trait_t trait = arguments.trait();
     const tbs_uuid_t uuid = uuid_of(arguments.uuid_text);
     rvzd_server_addr_t addresses = {};
@@ -107,11 +107,11 @@ int find_server(const Arguments &arguments, const Settings &settings) {
 }
 
 // Calls procedure 0, which every program answers; false and printed when it does not.
-bool ping(CLIENT *client, int timeout_s, double &round_trip_ms) {
+bool ping(CLIENT *client, Duration timeout, double &round_trip_ms) {
     const auto nothing = reinterpret_cast<xdrproc_t>(reinterpret_cast<void (*)()>(xdr_void));
-    const timeval time_out = {timeout_s, 0};
+    wait_no_longer(client, timeout);
     const auto start = std::chrono::steady_clock::now();
-    if (clnt_call(client, NULLPROC, nothing, nullptr, nothing, nullptr, time_out) != RPC_SUCCESS) {
+    if (clnt_call(client, NULLPROC, nothing, nullptr, nothing, nullptr, timeval_of(timeout)) != RPC_SUCCESS) {
         ks_clnt_perror(client, "procedure 0 call failed");
         return false;
     }
@@ -130,19 +130,19 @@ std::string peer_of(CLIENT *client) {
 }
 
 int connect_server(const Arguments &arguments, const Settings &settings) {
-    if (!reach_broker(arguments.host, RVZD_PROTOCOL_UDP, settings.timeout_s).answered)
+    if (!reach_broker(arguments.host, RVZD_PROTOCOL_UDP, settings.timeout).answered)
         return exit_unreachable;
     rvzd_rpc_trait_t trait = arguments.trait();
     const tbs_uuid_t uuid = uuid_of(arguments.uuid_text);
     rvzd_connection_t connection = {};
-    connection.wait_s = std::min(settings.timeout_s, 3);
+    connection.wait_s = std::min(whole_seconds(settings.timeout), 3);
     connection.transport = trait.proto == RVZD_PROTOCOL_TCP;
     const std::string name = "server " + std::to_string(arguments.program) + "." + std::to_string(arguments.version);
     if (rvzd_connect_to_server(arguments.host.c_str(), &trait, &connection, &uuid, arguments.path.c_str(),
                                name.c_str()) != TBS_ST_OK)
         return exit_failed;
     double round_trip_ms = 0;
-    const bool answered = ping(connection.client, settings.timeout_s, round_trip_ms);
+    const bool answered = ping(connection.client, settings.timeout, round_trip_ms);
     if (answered) {
         Results results({"host", "prog", "vers", "proto", "address", "round_trip_ms"});
         results.add({arguments.host, arguments.program, arguments.version, arguments.transport,

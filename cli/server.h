@@ -43,6 +43,6 @@ struct ServerChange {
 std::vector<ServerChange> changes_of(const Servers &before, const Servers &now);
 
 // Lists them again and again and prints what has changed, until the user has enough.
-int watch_servers(const ServerFilter &filter, int interval_s, const Settings &settings);
+int watch_servers(const ServerFilter &filter, Duration interval, const Settings &settings);
 
 } // namespace velia::cli

@@ -16,7 +16,7 @@ namespace {
 struct Arguments {
     ServerFilter filter;
     bool watches = false;
-    int32_t interval_s = 2;
+    Duration interval = std::chrono::seconds(2);
 };
 
 Options filter_options(ServerFilter &filter) {
@@ -55,8 +55,8 @@ Options options_of(Arguments &arguments) {
          {.name = "--interval",
           .type = "SECONDS",
           .help = "seconds between two looks",
-          .target = &arguments.interval_s,
-          .range = Range{1, 3600},
+          .target = &arguments.interval,
+          .range = Range{1, 3600 * 1000},
           .needs = "--watch",
           .shows_default = true}},
     });
@@ -138,7 +138,7 @@ tbs_status_t fill(rvzd_handle_t *handle, const ServerFilter &filter, Servers &se
 
 int run_list(const Arguments &arguments, const Settings &settings) {
     if (arguments.watches)
-        return watch_servers(arguments.filter, arguments.interval_s, settings);
+        return watch_servers(arguments.filter, arguments.interval, settings);
     Servers servers;
     const int status = list_servers(arguments.filter, settings, servers);
     if (status != exit_done)
@@ -155,12 +155,12 @@ int run_list(const Arguments &arguments, const Settings &settings) {
 const std::vector<std::string> server_columns = {"prog", "vers", "proto", "address", "state", "pid", "uuid", "name"};
 
 int list_servers(const ServerFilter &filter, const Settings &settings, Servers &servers) {
-    if (!reach_broker(filter.host, RVZD_PROTOCOL_UDP, settings.timeout_s).answered)
+    if (!reach_broker(filter.host, RVZD_PROTOCOL_UDP, settings.timeout).answered)
         return exit_unreachable;
     rvzd_handle_t *handle = nullptr;
     if (rvzd_get_handle(filter.host.c_str(), &handle) != TBS_ST_OK)
         return exit_unreachable;
-    handle->tv_sec = settings.timeout_s;
+    set_timeout(handle, settings.timeout);
     const auto status = fill(handle, filter, servers);
     rvzd_free_handle(handle);
     if (status == TBS_ST_OK)

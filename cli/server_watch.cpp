@@ -98,7 +98,7 @@ std::vector<ServerChange> changes_of(const Servers &before, const Servers &now) 
     return changes;
 }
 
-int watch_servers(const ServerFilter &filter, int interval_s, const Settings &settings) {
+int watch_servers(const ServerFilter &filter, Duration interval, const Settings &settings) {
     end_on_signals();
     Servers before;
     const int status = list_servers(filter, settings, before);
@@ -107,7 +107,7 @@ int watch_servers(const ServerFilter &filter, int interval_s, const Settings &se
     bool with_headers = settings.with_headers;
     auto changes = all_present(before);
     // A watch of a host where nothing happens writes nothing by which it would notice that its reader has gone.
-    while (write_changes(changes, with_headers, settings) && wait_while_read(interval_s)) {
+    while (write_changes(changes, with_headers, settings) && wait_while_read(interval)) {
         with_headers = with_headers && changes.empty(); // once
         changes.clear();
         Servers now;

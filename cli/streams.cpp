@@ -4,12 +4,14 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <iostream>
 #include <streambuf>
 #include <utility>
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <support/imsg.h>
@@ -84,6 +86,10 @@ namespace {
 
 ResultsBuffer *current; // of the stream that lives
 
+int results_fd() {
+    return current != nullptr ? current->fd() : STDOUT_FILENO;
+}
+
 // Once: what comes behind is lost, too.
 void tell_of_loss(int error_number) {
     static bool is_told = false;
@@ -112,12 +118,22 @@ bool flush_results() {
     return false;
 }
 
-bool wait_while_read(int timeout_s) {
-    pollfd output = {current != nullptr ? current->fd() : STDOUT_FILENO, 0, 0};
-    if (poll(&output, 1, timeout_s * 1000) <= 0)
+bool wait_while_read(Duration time) {
+    pollfd output = {results_fd(), 0, 0};
+    if (poll(&output, 1, static_cast<int>(time.count())) <= 0)
         return true;
     tell_of_loss(EPIPE);
     return false;
+}
+
+std::optional<size_t> columns_of_results() {
+    const char *columns = std::getenv("COLUMNS");
+    if (const long count = columns != nullptr ? strtol(columns, nullptr, 10) : 0; count > 0)
+        return static_cast<size_t>(count);
+    winsize size = {};
+    if (ioctl(results_fd(), TIOCGWINSZ, &size) == 0 && size.ws_col > 0)
+        return size.ws_col;
+    return std::nullopt;
 }
 
 } // namespace velia::cli

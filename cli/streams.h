@@ -2,7 +2,11 @@
 // standard error; and what becomes of the results is known to the last byte.
 #pragma once
 
+#include <cstddef>
 #include <memory>
+#include <optional>
+
+#include <cli/duration.h>
 
 namespace velia::cli {
 
@@ -24,6 +28,9 @@ private:
 bool flush_results();
 
 // False, and told, when whoever reads the results goes within the time.
-bool wait_while_read(int timeout_s);
+bool wait_while_read(Duration time);
+
+// How wide the terminal is to which results go, or what COLUMNS says; nothing if neither tells.
+std::optional<size_t> columns_of_results();
 
 } // namespace velia::cli

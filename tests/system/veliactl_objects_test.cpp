@@ -116,6 +116,21 @@ TEST_F(VeliactlObjects, ThatAreNoneAreToldToAPersonAlone) {
     }
 }
 
+TEST_F(VeliactlObjects, HaveAHelpAsWideAsTheTerminalItself) {
+    unsetenv("COLUMNS");
+    for (const int columns : {60, 110}) {
+        const std::string size = "stty cols " + std::to_string(columns) + "; exec ";
+        OnTerminal terminal({"/bin/sh", "-c", size + VELIACTL + " view add --help"});
+        EXPECT_EQ(terminal.end(), DONE);
+        std::istringstream lines(terminal.shown());
+        size_t widest = 0;
+        for (std::string line; std::getline(lines, line);)
+            widest = std::max(widest, line.size() - 1); // without the carriage return
+        EXPECT_LE(widest, static_cast<size_t>(columns)) << terminal.shown();
+        EXPECT_GT(widest, static_cast<size_t>(columns) - 20);
+    }
+}
+
 TEST_F(VeliactlObjects, ThatAreNoneAreNotToldBesideAFailure) {
     for (const Words &words :
          {Words{"contact", "nobody.invalid"}, {"registry", "remove", "regions", "--string", "name=x"}}) {

@@ -142,9 +142,11 @@ TEST_F(Veliactl, ASilentHostIsGivenUpAfterTheTimeOut) {
     address.sin_port = htons(site.port());
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     ASSERT_EQ(bind(silent, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-    const auto outcome = veliactl({"contact", "--timeout", "1", "alpha"});
-    EXPECT_EQ(outcome.status, UNREACHABLE);
-    EXPECT_THAT(outcome.errors, HasSubstr("Timed out"));
+    for (const char *timeout : {"1", "0.01"}) {
+        const auto outcome = veliactl({"contact", "--timeout", timeout, "alpha"});
+        EXPECT_EQ(outcome.status, UNREACHABLE);
+        EXPECT_THAT(outcome.errors, HasSubstr("Timed out"));
+    }
     close(silent);
 }
 
@@ -239,6 +241,35 @@ TEST_F(Veliactl, WrongUseIsToldWithItsOwnStatus) {
         EXPECT_THAT(outcome.output, IsEmpty()) << testing::PrintToString(use);
         EXPECT_THAT(outcome.errors, StartsWith("veliactl: Error: ")) << testing::PrintToString(use);
     }
+}
+
+TEST_F(Veliactl, CommonOptionsStandInFrontOfTheCommandOrBehindIt) {
+    const auto behind = veliactl({"poolmap", "explain", "/a/=/b/", "--output", "table", "--no-headers"});
+    EXPECT_THAT(behind.output, StartsWith("+-"));
+    EXPECT_EQ(veliactl({"--output", "table", "--no-headers", "poolmap", "explain", "/a/=/b/"}).output, behind.output);
+    EXPECT_EQ(veliactl({"-o", "plain", "poolmap", "--no-headers", "explain", "/a/=/b/", "-o", "table"}).status,
+              WRONG_USE)
+        << "but not within the words that lead to it";
+    EXPECT_EQ(veliactl({"-o", "plain", "--no-headers", "poolmap", "explain", "/a/=/b/", "-o", "table"}).output,
+              behind.output);
+}
+
+TEST_F(Veliactl, HelpIsAsWideAsTheTerminal) {
+    const auto widest = [](const std::string &text) {
+        size_t most = 0;
+        for (const auto &line : lines_of(text))
+            most = std::max(most, line.size());
+        return most;
+    };
+    const std::vector<std::string> help = {"server", "list", "--help"};
+    const size_t usual = widest(veliactl(help).output);
+    EXPECT_LE(usual, 80u);
+    EXPECT_GT(usual, 70u);
+    const size_t wide = widest(veliactl(help, {"COLUMNS=100"}).output);
+    EXPECT_LE(wide, 100u);
+    EXPECT_GT(wide, 80u);
+    for (const char *nonsense : {"COLUMNS=", "COLUMNS=x", "COLUMNS=-3", "COLUMNS=0"})
+        EXPECT_EQ(widest(veliactl(help, {nonsense}).output), usual) << nonsense;
 }
 
 TEST_F(Veliactl, HelpHasExamplesAndTheExitStatuses) {

@@ -22,6 +22,7 @@ struct Arguments {
     std::vector<std::string> further;
     bool is_dry_run = false;
     int32_t small = 5;
+    Duration pause = Duration(1500);
     int64_t large = 0;
     uint64_t natural = 0;
     std::optional<std::string> name;
@@ -50,6 +51,12 @@ Options options_of(Arguments &arguments) {
          .help = "a number",
          .target = &arguments.small,
          .range = Range{1, 10},
+         .shows_default = true},
+        {.name = "--pause",
+         .type = "SECONDS",
+         .help = "with a fraction",
+         .target = &arguments.pause,
+         .range = Range{1, 10'000},
          .shows_default = true},
         {.name = "--large", .type = "NUMBER", .help = "another", .target = &arguments.large},
         {.name = "--natural",
@@ -83,7 +90,7 @@ constexpr int status_of_work = 42;
 
 int work(const Arguments &arguments, const Settings &settings) {
     taken = arguments;
-    taken.small += settings.timeout_s;
+    taken.small += static_cast<int32_t>(settings.timeout.count());
     return status_of_work;
 }
 
@@ -114,7 +121,7 @@ struct Parser : testing::Test {
     Arguments run(const Line &words) const {
         const auto result = parsed(program, words);
         taken = {};
-        EXPECT_EQ(result.call != nullptr ? result.call->run({.timeout_s = 0}) : result.status, status_of_work)
+        EXPECT_EQ(result.call != nullptr ? result.call->run({.timeout = Duration(0)}) : result.status, status_of_work)
             << result.errors;
         return taken;
     }
@@ -195,6 +202,26 @@ TEST_F(Parser, GivesTheCommonOptionsToThoseWhoHaveThem) {
     run({"group", "two", "--uuid", "u", "--common", "x"});
     EXPECT_EQ(common_text, "x");
     EXPECT_THAT(refusal({"group", "three", "--uuid", "u", "--common", "x"}), HasSubstr("--common"));
+}
+
+TEST_F(Parser, TakesTheCommonOptionsInFrontOfTheCommandToo) {
+    run({"--common", "x", "group", "two", "--uuid", "u"});
+    EXPECT_EQ(common_text, "x");
+    run({"--common=two", "group", "two", "--uuid", "u", "--common", "behind"});
+    EXPECT_EQ(common_text, "behind") << "the last one counts";
+    run({"--common", "one", "group", "three", "--uuid", "u"});
+    EXPECT_EQ(common_text, "one") << "a word that is a value is no command";
+    EXPECT_THAT(refusal({"--common", "x", "oen"}), HasSubstr("did you mean 'one'?"));
+}
+
+TEST_F(Parser, TakesSecondsWithAFraction) {
+    EXPECT_EQ(run({"one", "host"}).pause, Duration(1500));
+    EXPECT_EQ(run({"one", "host", "--pause", "0.5"}).pause, Duration(500));
+    EXPECT_EQ(run({"one", "host", "--pause", "10"}).pause, Duration(10'000));
+    EXPECT_THAT(help_of(program, {"one"}), HasSubstr("--pause SECONDS=1.5"));
+    EXPECT_THAT(refusal({"one", "host", "--pause", "0"}), HasSubstr("--pause: Value 0 not in range 0.001 to 10"));
+    EXPECT_THAT(refusal({"one", "host", "--pause", "10.001"}), HasSubstr("not in range 0.001 to 10"));
+    EXPECT_THAT(refusal({"one", "host", "--pause", "soon"}), HasSubstr("'soon' is no number of seconds"));
 }
 
 TEST_F(Parser, AnswersHelpAndVersionByItself) {
