@@ -9,6 +9,7 @@
 #include <netdb.h>
 #include <unistd.h>
 
+#include <cli/messages.h>
 #include <support/credmap.h>
 #include <support/ks.h>
 #include <veliaxdr/rvzd_messages.h>
@@ -74,7 +75,9 @@ Addresses look_up(const std::string &host) {
     addrinfo *list = nullptr;
     const int code = sysutl_host_addr(host.c_str(), nullptr, 0, &list);
     if (code != 0)
-        imsg_print(IMSG_ERROR, &_rvzd_rvzd_msg_table, RVZD_MSG_UNKNOWN_HOST, host.c_str(), gai_strerror(code));
+        tell_failure_by(TBS_ST_NOT_FOUND, host, [&] {
+            imsg_print(IMSG_ERROR, &_rvzd_rvzd_msg_table, RVZD_MSG_UNKNOWN_HOST, host.c_str(), gai_strerror(code));
+        });
     return {list, freeaddrinfo};
 }
 
@@ -94,7 +97,8 @@ Reach reach_broker(const std::string &host, uint32_t protocol, Duration timeout)
         contact(address, protocol, timeout, reach);
     }
     if (!reach.answered)
-        imsg_print(IMSG_ERROR, &_rvzd_rvzd_msg_table, RVZD_MSG_CANNOT_CONTACT, host.c_str());
+        tell_failure_by(TBS_ST_RPC_FAILED, host,
+                        [&] { imsg_print(IMSG_ERROR, &_rvzd_rvzd_msg_table, RVZD_MSG_CANNOT_CONTACT, host.c_str()); });
     return reach;
 }
 

@@ -1,28 +1,7 @@
 // What the rows of all commands use.
 #include <cli/command.h>
 
-#include <iostream>
-
-#include <unistd.h>
-
-#include <cli/streams.h>
-
 namespace velia::cli {
-
-// Programs know an empty result when they see it; a person wonders whether anything has been done.
-void print(const Results &results, const Settings &settings) {
-    results.print(settings.format, settings.with_headers, std::cout);
-    if (flush_results() && results.empty() && isatty(STDERR_FILENO) != 0)
-        std::cerr << "Nothing found\n";
-}
-
-void print_change(const Results &results, const Settings &settings) {
-    results.print(settings.format, settings.with_headers, std::cout);
-    if (flush_results())
-        return;
-    std::cerr << "This has been done all the same:\n";
-    results.print(Format::plain, settings.with_headers, std::cerr);
-}
 
 bool is_switch(const Option &option) {
     return std::holds_alternative<bool *>(option.target);

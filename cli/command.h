@@ -25,12 +25,6 @@ struct Settings {
     Duration timeout = std::chrono::seconds(25);
 };
 
-// To standard output, in the form that is set.
-void print(const Results &results, const Settings &settings);
-
-// The same for what a command has changed: who cannot be told on standard output is told on standard error.
-void print_change(const Results &results, const Settings &settings);
-
 // The member of a command's arguments that an option sets. A bool makes it a switch, an optional text tells an empty
 // one from none, and a list takes the option again and again.
 using Target = std::variant<bool *, int32_t *, int64_t *, uint64_t *, Duration *, std::string *,
@@ -94,6 +88,7 @@ struct Command {
     std::array<const char *, examples_max> examples = {};
     const char *notes = ""; // behind the examples; whole lines
     std::unique_ptr<Call> (*make)() = nullptr;
+    const Output *output = nullptr; // its results
     bool has_common_options = true; // --output and the others; false for what prints no results
 };
 

@@ -42,7 +42,8 @@ CommandWords words_of_command(const Command &row, const Options &common) {
     Options options = {help_option};
     if (row.make != nullptr) {
         const auto call = row.make();
-        options = joined({options, call->options(), row.has_common_options ? common : Options()});
+        options = joined({options, call->options(), row.has_common_options ? common : Options(),
+                          row.output != nullptr ? Options{schema_option} : Options()});
     }
     add_options(options, command);
     return command;
@@ -50,7 +51,7 @@ CommandWords words_of_command(const Command &row, const Options &common) {
 
 CommandWords words_of_root(const Options &common) {
     CommandWords root;
-    add_options(joined({{help_option, version_option}, common}), root);
+    add_options(joined({{help_option, version_option}, common, {schema_option}}), root);
     return root;
 }
 

@@ -4,7 +4,9 @@
 #include <algorithm>
 #include <cstdlib>
 #include <iostream>
+#include <sstream>
 
+#include <cli/messages.h>
 #include <cli/streams.h>
 #include <support/imsg.h>
 #include <veliaxdr/libveliaxdr.h>
@@ -15,11 +17,10 @@ namespace {
 
 constexpr Range timeout_range = {1, 3600 * 1000};
 constexpr const char *format_variable = "VELIACTL_OUTPUT";
-constexpr const char *format_names[] = {"plain", "json", "table"};
 
 std::string fault_of_format(const std::string &name) {
     Format format;
-    return format_of_name(name, format) ? "" : "must be plain, json or table, not '" + name + "'";
+    return format_of_name(name, format) ? "" : "must be plain, json, jsonl or table, not '" + name + "'";
 }
 
 std::string version_line() {
@@ -59,7 +60,7 @@ Options common_options(CommonArguments &arguments) {
     return {
         {.name = "-o,--output",
          .type = "FORM",
-         .help = "form of the results: plain, json or table (default plain, or what VELIACTL_OUTPUT says)",
+         .help = "form of the results: plain, json, jsonl or table (default plain, or what VELIACTL_OUTPUT says)",
          .target = &arguments.format,
          .words = format_names,
          .fault = fault_of_format},
@@ -73,13 +74,45 @@ Options common_options(CommonArguments &arguments) {
     };
 }
 
+// The form that a line asks for, though it may be wrong in something else; the last one counts.
+std::string format_in(const std::vector<std::string> &words) {
+    const char *name = std::getenv(format_variable);
+    std::string format = name != nullptr ? name : "";
+    for (size_t i = 0; i < words.size(); ++i)
+        for (const std::string option : {"--output", "-o"}) {
+            const std::string attached = option == "-o" ? option : option + "=";
+            if (words[i] == option && i + 1 < words.size())
+                format = words[i + 1];
+            else if (words[i].starts_with(attached) && words[i] != option)
+                format = words[i].substr(attached.size());
+        }
+    return format;
+}
+
+int refuse(const std::vector<std::string> &words, const std::string &fault, const std::string &told) {
+    Format format = Format::plain;
+    format_of_name(format_in(words), format);
+    if (is_json(format)) {
+        tell_in_json();
+        tell_failure(TBS_ST_INVALID_ARG, "", "%s\n", fault.c_str());
+    } else {
+        std::cerr << told;
+    }
+    return exit_usage;
+}
+
 int run_line(const std::vector<std::string> &words) {
     CommonArguments common;
-    const Line line = parse(whole_program(common), words, std::cout, std::cerr);
+    std::ostringstream errors;
+    const Line line = parse(whole_program(common), words, std::cout, errors);
     if (line.call == nullptr)
-        return line.status;
+        return line.status == exit_done ? exit_done : refuse(words, line.fault, errors.str());
     Settings settings = {Format::plain, !common.leaves_headers_out, common.timeout};
-    return settle_format(common.format, settings.format) ? line.call->run(settings) : exit_usage;
+    if (!settle_format(common.format, settings.format))
+        return exit_usage;
+    if (is_json(settings.format))
+        tell_in_json();
+    return line.call->run(settings);
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 // veliactl contact: who answers, where, in which protocol version, and how fast.
 #include <cli/broker.h>
 #include <cli/commands.h>
+#include <cli/results.h>
 #include <support/imsg.h>
 
 namespace velia::cli {
@@ -26,12 +27,20 @@ Options options_of(Arguments &arguments) {
 
 int contact_hosts(const Arguments &arguments, const Settings &settings);
 
+constexpr Column columns[] = {{"host", Type::text, "the host that answered"},
+                              {"transport", Type::text, "udp or tcp"},
+                              {"protocol", Type::integer, "version of the protocol that its broker speaks"},
+                              {"round_trip_ms", Type::number, "how long the answer took"},
+                              {"addresses", Type::texts, "under which the broker is reached"}};
+constexpr Output output = {Output::Shape::list, columns};
+
 constexpr Command commands[] = {
     {.path = "contact",
      .help = "Ask the brokers of hosts whether they answer, and what they speak",
      .examples = {"veliactl contact build7", "veliactl contact --transport tcp --timeout 2 build7 build8",
-                  "veliactl contact --output json build7 | jq .protocol"},
-     .make = call_of<contact_hosts, options_of>},
+                  "veliactl contact --output json build7 | jq .[].protocol"},
+     .make = call_of<contact_hosts, options_of>,
+     .output = &output},
 };
 
 // True when the host answered and its protocol version is known.
@@ -55,13 +64,15 @@ bool contact_host(const std::string &host, const Arguments &arguments, const Set
 }
 
 int contact_hosts(const Arguments &arguments, const Settings &settings) {
-    Results results({"host", "transport", "protocol", "round_trip_ms", "addresses"});
+    Results results(output, settings);
     int status = exit_done;
     for (const auto &host : arguments.hosts)
         if (!contact_host(host, arguments, settings, results))
             status = exit_unreachable;
+        else
+            results.pause();
     if (!results.empty())
-        print(results, settings);
+        results.finish();
     return status;
 }
 

@@ -5,6 +5,8 @@
 #include <memory>
 
 #include <cli/broker.h>
+#include <cli/messages.h>
+#include <cli/results.h>
 #include <cli/time_zone.h>
 #include <support/date.h>
 #include <support/imsg.h>
@@ -39,39 +41,57 @@ int print_time_zone(const Arguments &arguments, const Settings &settings);
 int list_clients(const Arguments &arguments, const Settings &settings);
 int look_up_client(const Arguments &arguments, const Settings &settings);
 
+#define INFO_COLUMNS                                                                                                   \
+    {"host", Type::text, "the host's name for itself", true}, {"product", Type::text, "what it runs of ours", true},   \
+        {"version", Type::text, "of the product", true}, {"os", Type::text, "its operating system", true},             \
+        {"os_version", Type::text, "of the operating system", true}, {"machine", Type::text, "kind of machine", true}, \
+        {"registry_host", Type::text, "whose registry it uses", true},                                                 \
+        {"region", Type::text, "its default region", true}, {                                                          \
+        "options", Type::text, "what else it tells, as words", true                                                    \
+    }
+
+constexpr Column info_columns[] = {INFO_COLUMNS};
+constexpr Output info_output = {Output::Shape::one, info_columns};
+
+constexpr Column client_columns[] = {{"address", Type::text, "under which the broker saw it", true},
+                                     {"last_contact", Type::time, "when it was heard of last", true},
+                                     INFO_COLUMNS};
+constexpr Output client_output = {Output::Shape::one, client_columns};
+constexpr Output clients_output = {Output::Shape::list, client_columns};
+
 constexpr Command commands[] = {
     {.path = "host", .help = "What a host tells of itself"},
     {.path = "host info",
      .help = "Tell what a host is and runs",
      .examples = {"veliactl host info build7 --output json"},
-     .make = call_of<print_info, host_options>},
+     .make = call_of<print_info, host_options>,
+     .output = &info_output},
     {.path = "host tz",
      .help = "Tell the time zone of a host",
      .examples = {"veliactl host tz build7 2026"},
-     .make = call_of<print_time_zone, zone_options>},
+     .make = call_of<print_time_zone, zone_options>,
+     .output = &zone_output},
     {.path = "clients", .help = "The hosts that have used a broker"},
     {.path = "clients list",
      .help = "List them all",
      .examples = {"veliactl clients list build7 --output table"},
-     .make = call_of<list_clients, host_options>},
+     .make = call_of<list_clients, host_options>,
+     .output = &clients_output},
     {.path = "clients lookup",
      .help = "Look one up by its name",
      .examples = {"veliactl clients lookup build7 pluto"},
-     .make = call_of<look_up_client, lookup_options>},
+     .make = call_of<look_up_client, lookup_options>,
+     .output = &client_output},
 };
 
 int fail(const char *what, const std::string &host, tbs_status_t status) {
-    imsg_print(IMSG_ERROR, "%s of host '%s' could not be had: %s\n", IMSG_FORMAT, what, host.c_str(),
-               tbs_strerror(status));
+    tell_failure(status, host, "%s of host '%s' could not be had: %s\n", what, host.c_str(), tbs_strerror(status));
     return status == TBS_ST_RPC_FAILED || status == TBS_ST_NOT_FOUND ? exit_unreachable : exit_failed;
 }
 
 Cell text_cell(const char *text) {
     return text != nullptr && *text != '\0' ? Cell(text) : Cell();
 }
-
-const std::vector<std::string> info_columns = {"host",    "product",       "version", "os",     "os_version",
-                                               "machine", "registry_host", "region",  "options"};
 
 Cells cells_of(const clnt_hostinfo_t &info) {
     return {text_cell(info.hostname),      text_cell(info.product),   text_cell(info.version),
@@ -85,10 +105,10 @@ int print_info(const Arguments &arguments, const Settings &settings) {
     const auto status = rvzd_hostinfo_timeout(host.c_str(), whole_seconds(settings.timeout), &info);
     if (status != TBS_ST_OK)
         return fail("The description", host, status);
-    Results results(info_columns);
+    Results results(info_output, settings);
     results.add(cells_of(info));
     rvzd_hostinfo_free(info);
-    print(results, settings);
+    results.finish();
     return exit_done;
 }
 
@@ -112,17 +132,11 @@ struct FreeEntries {
     }
 };
 
-std::vector<std::string> client_columns() {
-    std::vector<std::string> columns = {"address", "last_contact"};
-    columns.insert(columns.end(), info_columns.begin(), info_columns.end());
-    return columns;
-}
-
 void add_client(const clnt_entry_t &entry, Results &results) {
     std::array<char, SYSUTL_ADDRESS_TEXT_SIZE> address = {};
     sysutl_host_numeric(&entry.address.base, address.size(), address.data(), 0, 0);
     Cells cells = {text_cell(address.data()),
-                   entry.registry_time != 0 ? Cell(date_fmt_token_date_time(entry.registry_time)) : Cell()};
+                   time_cell(entry.registry_time, date_fmt_token_date_time(entry.registry_time))};
     for (auto &cell : cells_of(entry.hostinfo))
         cells.push_back(std::move(cell));
     results.add(std::move(cells));
@@ -134,11 +148,11 @@ int list_clients(const Arguments &arguments, const Settings &settings) {
     if (rvzd_get_handle(host.c_str(), &handle) != TBS_ST_OK)
         return exit_unreachable;
     set_timeout(handle, settings.timeout);
-    Results results(client_columns());
+    Results results(clients_output, settings);
     int32_t position = 0;
     tbs_boolean_t finished = 0;
     tbs_status_t status = TBS_ST_OK;
-    while (status == TBS_ST_OK && !finished) {
+    while (status == TBS_ST_OK && !finished && results.pause()) {
         uint32_t count = 0;
         clnt_entry_t *entries = nullptr;
         const int32_t before = position;
@@ -152,7 +166,7 @@ int list_clients(const Arguments &arguments, const Settings &settings) {
     rvzd_free_handle(handle);
     if (status != TBS_ST_OK)
         return fail("The client list", host, status);
-    print(results, settings);
+    results.finish();
     return exit_done;
 }
 
@@ -165,16 +179,16 @@ int look_up_client(const Arguments &arguments, const Settings &settings) {
     clnt_entry_t entry = {};
     const auto status = rvzd_clnt_list_lookup(handle, name.c_str(), &entry);
     if (status == TBS_ST_OK) {
-        Results results(client_columns());
+        Results results(client_output, settings);
         add_client(entry, results);
         rvzd_clnt_list_lookup_free(handle, &entry);
-        print(results, settings);
+        results.finish();
     }
     rvzd_free_handle(handle);
     if (status == TBS_ST_OK)
         return exit_done;
-    imsg_print(IMSG_ERROR, "Host '%s' is not in the client list of '%s': %s\n", IMSG_FORMAT, name.c_str(), host.c_str(),
-               tbs_strerror(status));
+    tell_failure(status, host, "Host '%s' is not in the client list of '%s': %s\n", name.c_str(), host.c_str(),
+                 tbs_strerror(status));
     return status == TBS_ST_RPC_FAILED ? exit_unreachable : exit_failed;
 }
 

@@ -4,6 +4,8 @@
 #include <array>
 
 #include <cli/commands.h>
+#include <cli/messages.h>
+#include <cli/results.h>
 #include <cli/server.h>
 #include <support/imsg.h>
 #include <veliaxdr/rgy_objects.h>
@@ -29,35 +31,47 @@ using Attributes = std::vector<const char *>;
 tbs_status_t add_view(const Object &object, const Attributes &attributes);
 tbs_status_t add_vault(const Object &object, const Attributes &attributes);
 
-struct Column {
-    const char *name;
-    uint32_t item;
-};
-
 // What a view and a vault differ in.
 struct Kind {
     const char *name;
     const char *db;
-    std::array<Column, 5> columns;
+    std::array<uint32_t, 5> items; // of the columns behind the first
+    Output list_output;
     tbs_status_t (*add)(const Object &, const Attributes &);
 };
 
-constexpr Kind view = {"view",
-                       "view_object",
-                       {Column{"uuid", RGY_ITEM_VIEW_UUID},
-                        {"hostname", RGY_ITEM_HOSTNAME},
-                        {"path", RGY_ITEM_LOCAL_PATH},
-                        {"owner", RGY_ITEM_OWNER},
-                        {"attributes", RGY_ITEM_ATTRIBUTES}},
-                       add_view};
-constexpr Kind vault = {"vault",
-                        "vault_object",
-                        {Column{"uuid", RGY_ITEM_VAULT_REPLICA},
-                         {"family", RGY_ITEM_VAULT_FAMILY},
-                         {"hostname", RGY_ITEM_HOSTNAME},
-                         {"path", RGY_ITEM_LOCAL_PATH},
-                         {"attributes", RGY_ITEM_ATTRIBUTES}},
-                        add_vault};
+constexpr Column view_columns[] = {{"id", Type::integer, "number of its entry in the registry"},
+                                   {"uuid", Type::text, "the view's", true},
+                                   {"hostname", Type::text, "host that has its storage", true},
+                                   {"path", Type::text, "of its storage on that host", true},
+                                   {"owner", Type::text, "who owns it", true},
+                                   {"attributes", Type::attributes, "by name", true}};
+constexpr Column vault_columns[] = {{"id", Type::integer, "number of its entry in the registry"},
+                                    {"uuid", Type::text, "the replica's", true},
+                                    {"family", Type::text, "uuid of the family that it is of", true},
+                                    {"hostname", Type::text, "host that has its storage", true},
+                                    {"path", Type::text, "of its storage on that host", true},
+                                    {"attributes", Type::attributes, "by name", true}};
+
+constexpr Column add_columns[] = {{"action", Type::text, "added"},
+                                  {"object", Type::text, "view or vault"},
+                                  {"uuid", Type::text, "the view's, or the replica's"},
+                                  {"hostname", Type::text, "host that has its storage"},
+                                  {"path", Type::text, "of its storage on that host"}};
+constexpr Output add_output = {Output::Shape::one, add_columns};
+
+constexpr Kind view = {
+    "view",
+    "view_object",
+    {RGY_ITEM_VIEW_UUID, RGY_ITEM_HOSTNAME, RGY_ITEM_LOCAL_PATH, RGY_ITEM_OWNER, RGY_ITEM_ATTRIBUTES},
+    {Output::Shape::list, view_columns},
+    add_view};
+constexpr Kind vault = {
+    "vault",
+    "vault_object",
+    {RGY_ITEM_VAULT_REPLICA, RGY_ITEM_VAULT_FAMILY, RGY_ITEM_HOSTNAME, RGY_ITEM_LOCAL_PATH, RGY_ITEM_ATTRIBUTES},
+    {Output::Shape::list, vault_columns},
+    add_vault};
 
 std::string fault_of_text(const std::string &text) {
     if (text.size() > text_max)
@@ -145,21 +159,25 @@ constexpr Command commands[] = {
      .help = "Register a view",
      .examples = {"veliactl view add 0b5f8a52-7d1a-4c39-9d54-1a2b3c4d5e6f --hostname build7 --path /views/ann.vws "
                   "--owner lab/ann"},
-     .make = call_of<add<view>, view_options>},
+     .make = call_of<add<view>, view_options>,
+     .output = &add_output},
     {.path = "view list",
      .help = "List the registered views",
      .examples = {"veliactl view list --hostname build7 --output json"},
-     .make = call_of<list<view>, listing_options>},
+     .make = call_of<list<view>, listing_options>,
+     .output = &view.list_output},
     {.path = "vault", .help = "Vaults: register a replica, list those that are registered"},
     {.path = "vault add",
      .help = "Register a vault",
      .examples = {"veliactl vault add 0b5f8a52-7d1a-4c39-9d54-1a2b3c4d5e6f --family "
                   "5e6f0b5f-7d1a-4c39-9d54-1a2b3c4d8a52 --hostname build7 --path /vaults/src.vbs"},
-     .make = call_of<add<vault>, vault_options>},
+     .make = call_of<add<vault>, vault_options>,
+     .output = &add_output},
     {.path = "vault list",
      .help = "List the registered vaults",
      .examples = {"veliactl vault list --hostname build7 --output json"},
-     .make = call_of<list<vault>, listing_options>},
+     .make = call_of<list<vault>, listing_options>,
+     .output = &vault.list_output},
 };
 
 const char *text_or_null(const std::string &text) {
@@ -187,17 +205,18 @@ bool do_attributes_fit(const std::vector<std::string> &attributes) {
 
 int print_failure(const Kind &kind, const Object &object, tbs_status_t status) {
     if (status == TBS_ST_ALREADY_EXISTS)
-        imsg_print(IMSG_ERROR, "A %s with the uuid %s is registered already\n", IMSG_FORMAT, kind.name,
-                   object.uuid_text.c_str());
+        tell_failure(status, registry_of(object.registry), "A %s with the uuid %s is registered already\n", kind.name,
+                     object.uuid_text.c_str());
     else
-        imsg_print(IMSG_ERROR, "The %s was not registered: %s\n", IMSG_FORMAT, kind.name, tbs_strerror(status));
+        tell_failure(status, registry_of(object.registry), "The %s was not registered: %s\n", kind.name,
+                     tbs_strerror(status));
     return exit_status_of_request(status);
 }
 
 int add_object(const Kind &kind, const Object &object, const Settings &settings) {
     if (!do_attributes_fit(object.attributes)) {
-        imsg_print(IMSG_ERROR, "The attributes have more than %lu characters with the commas between them\n",
-                   IMSG_FORMAT, text_max);
+        tell_failure(TBS_ST_INVALID_ARG, "",
+                     "The attributes have more than %lu characters with the commas between them\n", text_max);
         return exit_usage;
     }
     Attributes attributes;
@@ -206,15 +225,17 @@ int add_object(const Kind &kind, const Object &object, const Settings &settings)
     const auto status = kind.add(object, attributes);
     if (status != TBS_ST_OK)
         return print_failure(kind, object, status);
-    Results results({"action", "object", "uuid", "hostname", "path"});
+    Results results(add_output, settings, Results::Of::change);
     results.add({"added", kind.name, object.uuid_text, object.hostname, object.path});
-    print_change(results, settings);
+    results.finish();
     return exit_done;
 }
 
 Cell cell_of(rgy_entry_t *entry, uint32_t item) {
     const char *text = nullptr;
-    return rgy_getstring_from_entry_const(entry, item, &text) == TBS_ST_OK ? Cell(text) : Cell();
+    if (rgy_getstring_from_entry_const(entry, item, &text) != TBS_ST_OK)
+        return {};
+    return item == RGY_ITEM_ATTRIBUTES ? attributes_cell(text) : Cell(text);
 }
 
 Search search_of(const Kind &kind, const Listing &listing) {
@@ -228,20 +249,18 @@ Search search_of(const Kind &kind, const Listing &listing) {
 }
 
 int list_objects(const Kind &kind, const Listing &listing, const Settings &settings) {
-    std::vector<std::string> names = {"id"};
-    for (const auto &column : kind.columns)
-        names.emplace_back(column.name);
-    Results results(names);
-    const auto status = each_entry(search_of(kind, listing), [&](rgy_entry_t *entry) {
+    Results results(kind.list_output, settings);
+    const auto take = [&](rgy_entry_t *entry) {
         Cells cells = {entry->entry_id};
-        for (const auto &column : kind.columns)
-            cells.push_back(cell_of(entry, column.item));
+        for (const auto item : kind.items)
+            cells.push_back(cell_of(entry, item));
         results.add(std::move(cells));
         return TBS_ST_OK;
-    });
+    };
+    const auto status = each_entry(search_of(kind, listing), take, [&] { return results.pause(); });
     if (status != TBS_ST_OK)
         return exit_status_of_request(status);
-    print(results, settings);
+    results.finish();
     return exit_done;
 }
 

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdlib>
 #include <iterator>
 #include <stdexcept>
 
@@ -33,26 +34,7 @@ std::string without_controls(const std::string &json) {
     return text;
 }
 
-// Bytes that are no UTF-8 become the sign for what cannot be shown, so that it is JSON all the same.
-std::string quoted(const std::string &text) {
-    return without_controls(nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
-}
-
-std::string json_of_list(const Cells &list);
-
-std::string json_of(const Cell &cell) {
-    switch (cell.kind()) {
-    case Cell::Kind::boolean:
-    case Cell::Kind::number:
-        return cell.text();
-    case Cell::Kind::text:
-        return quoted(cell.text());
-    case Cell::Kind::list:
-        return json_of_list(cell.list());
-    default:
-        return "null";
-    }
-}
+std::string json_of(const Cell &cell);
 
 std::string json_of_list(const Cells &list) {
     std::string members;
@@ -61,53 +43,106 @@ std::string json_of_list(const Cells &list) {
     return "[" + members + "]";
 }
 
-std::string text_of_list(const Cells &list);
+std::string name_in_json(const std::string &name) {
+    return name.starts_with('-') ? name.substr(1) : name;
+}
 
-std::string text_of(const Cell &cell) {
+// The values of each name where it first comes.
+std::string json_of_object(const Cell &object) {
+    const auto &names = object.names();
+    std::string members;
+    for (size_t i = 0; i < names.size(); ++i) {
+        if (std::find(names.begin(), names.begin() + static_cast<ptrdiff_t>(i), names[i]) !=
+            names.begin() + static_cast<ptrdiff_t>(i))
+            continue;
+        Cells values;
+        for (size_t k = i; k < names.size(); ++k)
+            if (names[k] == names[i])
+                values.push_back(object.list()[k]);
+        members += (members.empty() ? "" : ",") + json_text(name_in_json(names[i])) + ":" +
+                   (values.size() == 1 ? json_of(values[0]) : json_of_list(values));
+    }
+    return "{" + members + "}";
+}
+
+std::string json_of(const Cell &cell) {
+    switch (cell.kind()) {
+    case Cell::Kind::boolean:
+    case Cell::Kind::number:
+        return cell.text();
+    case Cell::Kind::text:
+        return json_text(cell.text());
+    case Cell::Kind::list:
+        return json_of_list(cell.list());
+    case Cell::Kind::object:
+        return json_of_object(cell);
+    default:
+        return "null";
+    }
+}
+
+// What would end a value where it stands.
+constexpr const char *ends_of_value = " \"";
+constexpr const char *ends_in_list = " \",";
+constexpr const char *ends_in_item = " \",=";
+
+// The dash stands for what is not there.
+std::string text_of_value(const std::string &value, const char *ends) {
+    if (value.empty())
+        return "-";
+    const std::string text = escaped(value);
+    if (value != "-" && value.find_first_of(ends) == std::string::npos)
+        return text;
+    std::string quoted;
+    for (const char c : text)
+        quoted += c == '"' ? std::string("\\\"") : std::string(1, c);
+    return "\"" + quoted + "\"";
+}
+
+std::string text_of(const Cell &cell, const char *ends = ends_of_value);
+
+std::string text_of_members(const Cell &cell) {
+    std::string joined;
+    for (size_t i = 0; i < cell.list().size(); ++i) {
+        const bool is_item = !cell.names().empty();
+        joined += joined.empty() ? "" : ",";
+        joined += is_item ? cell.names()[i] + "=" : "";
+        joined += text_of(cell.list()[i], is_item ? ends_in_item : ends_in_list);
+    }
+    return joined.empty() ? "-" : joined;
+}
+
+std::string text_of(const Cell &cell, const char *ends) {
+    if (!cell.shown().empty())
+        return text_of_value(cell.shown(), ends);
     switch (cell.kind()) {
     case Cell::Kind::boolean:
     case Cell::Kind::number:
     case Cell::Kind::text:
-        return cell.text().empty() ? "-" : escaped(cell.text());
+        return text_of_value(cell.text(), ends);
     case Cell::Kind::list:
-        return text_of_list(cell.list());
+    case Cell::Kind::object:
+        return text_of_members(cell);
     default:
         return "-";
     }
 }
 
-std::string text_of_list(const Cells &list) {
-    std::string joined;
-    for (const auto &member : list)
-        joined += (joined.empty() ? "" : ",") + text_of(member);
-    return joined.empty() ? "-" : joined;
-}
-
-Texts texts_of(const Cells &cells) {
-    Texts texts;
-    std::transform(cells.begin(), cells.end(), std::back_inserter(texts), text_of);
-    return texts;
-}
-
-Texts headers_of(const std::vector<std::string> &columns) {
+Texts headers_of(std::span<const Column> columns) {
     Texts headers;
     for (const auto &column : columns) {
         std::string header;
-        for (const char c : column)
+        for (const char c : std::string(column.name))
             header += c == '_' ? '-' : static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
         headers.push_back(header);
     }
     return headers;
 }
 
-std::vector<size_t> widths_of(const std::vector<Texts> &lines) {
-    std::vector<size_t> widths;
-    for (const auto &line : lines) {
-        widths.resize(std::max(widths.size(), line.size()));
-        for (size_t i = 0; i < line.size(); ++i)
-            widths[i] = std::max(widths[i], width_of(line[i]));
-    }
-    return widths;
+void widen(std::vector<size_t> &widths, const Texts &line) {
+    widths.resize(std::max(widths.size(), line.size()));
+    for (size_t i = 0; i < line.size(); ++i)
+        widths[i] = std::max(widths[i], width_of(line[i]));
 }
 
 std::string rule_of(const std::vector<size_t> &widths) {
@@ -117,9 +152,9 @@ std::string rule_of(const std::vector<size_t> &widths) {
     return rule + "\n";
 }
 
-// With blanks up to the width.
+// With blanks up to the width; a text that came too late to be measured may be wider.
 std::string padded(const std::string &text, size_t width) {
-    return text + std::string(width - width_of(text), ' ');
+    return text + std::string(width - std::min(width_of(text), width), ' ');
 }
 
 std::string bordered(const Texts &line, const std::vector<size_t> &widths) {
@@ -149,7 +184,7 @@ Cell &Cell::operator=(Cell &&other) noexcept = default;
 Cell::~Cell() = default;
 
 bool Cell::operator==(const Cell &other) const {
-    return kind_ == other.kind_ && text_ == other.text_ && list_ == other.list_;
+    return kind_ == other.kind_ && text_ == other.text_ && list_ == other.list_ && names_ == other.names_;
 }
 
 Cell Cell::milliseconds(double value) {
@@ -158,77 +193,129 @@ Cell Cell::milliseconds(double value) {
     return {Kind::number, text};
 }
 
+Cell Cell::told(std::string to_programs, std::string to_people) {
+    Cell cell(std::move(to_programs));
+    cell.shown_ = std::move(to_people);
+    return cell;
+}
+
+Cell Cell::object(std::vector<std::string> names, std::vector<Cell> values, std::string shown) {
+    Cell cell(Kind::object, "");
+    cell.names_ = std::move(names);
+    cell.list_ = std::move(values);
+    cell.shown_ = std::move(shown);
+    return cell;
+}
+
+std::string iso_time(const tm &parts, int minutes_east) {
+    return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}{}{:02}:{:02}", parts.tm_year + 1900, parts.tm_mon + 1,
+                       parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec, minutes_east < 0 ? '-' : '+',
+                       std::abs(minutes_east) / 60, std::abs(minutes_east) % 60);
+}
+
+Cell time_cell(time_t time, const char *shown) {
+    tm parts = {};
+    if (time == 0 || localtime_r(&time, &parts) == nullptr)
+        return {};
+    return Cell::told(iso_time(parts, static_cast<int>(parts.tm_gmtoff / 60)), shown);
+}
+
+// Bytes that are no UTF-8 become the sign for what cannot be shown, so that it is JSON all the same.
+std::string json_text(const std::string &text) {
+    return without_controls(nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+}
+
 bool format_of_name(const std::string &name, Format &format) {
-    if (name == "plain")
-        format = Format::plain;
-    else if (name == "json")
-        format = Format::json;
-    else if (name == "table")
-        format = Format::table;
-    else
+    const auto found = std::find(std::begin(format_names), std::end(format_names), name);
+    if (found == std::end(format_names))
         return false;
+    format = static_cast<Format>(found - std::begin(format_names));
     return true;
 }
 
-Results::Results(std::vector<std::string> columns) : columns_(std::move(columns)) {}
-Results::~Results() = default;
+Writer::Writer(const Output &output, Format format, bool with_headers, std::ostream &out)
+    : output_(output), format_(format), with_headers_(with_headers), out_(out) {}
+Writer::~Writer() = default;
 
-void Results::add(Cells cells) {
-    if (cells.size() != columns_.size())
+void Writer::add(const Cells &cells) {
+    if (cells.size() != output_.columns.size())
         throw std::logic_error("a row has another number of cells than there are columns");
-    rows_.push_back(std::move(cells));
+    is_json(format_) ? add_json(cells) : add_line(cells);
+    ++row_count_;
 }
 
-void Results::print(Format format, bool with_headers, std::ostream &out) const {
-    switch (format) {
-    case Format::json:
-        return print_json(out);
-    case Format::table:
-        return print_table(with_headers, out);
-    case Format::plain:
-        return print_plain(with_headers, out);
-    }
+void Writer::add_json(const Cells &cells) {
+    std::string members;
+    for (size_t i = 0; i < cells.size(); ++i)
+        members += (i == 0 ? "" : ",") + json_text(output_.columns[i].name) + ":" + json_of(cells[i]);
+    if (format_ == Format::json && output_.shape == Output::Shape::list)
+        out_ << (row_count_ == 0 ? "[\n" : ",\n") << "{" << members << "}";
+    else
+        out_ << "{" << members << "}\n";
 }
 
-void Results::print_json(std::ostream &out) const {
-    for (const auto &row : rows_) {
-        std::string members;
-        for (size_t i = 0; i < columns_.size(); ++i)
-            members += (i == 0 ? "" : ",") + quoted(columns_[i]) + ":" + json_of(row[i]);
-        out << "{" << members << "}\n";
-    }
+void Writer::add_line(const Cells &cells) {
+    Texts line;
+    std::transform(cells.begin(), cells.end(), std::back_inserter(line),
+                   [](const Cell &cell) { return text_of(cell); });
+    if (has_head_)
+        return write_line(line);
+    const auto now = std::chrono::steady_clock::now();
+    if (held_.empty())
+        first_held_ = now;
+    held_.push_back(std::move(line));
+    if (held_.size() == measured_rows || now - first_held_ >= measured_time)
+        show_all();
 }
 
-void Results::print_plain(bool with_headers, std::ostream &out) const {
-    if (rows_.empty())
+void Writer::show_all() {
+    if (held_.empty())
         return;
-    std::vector<Texts> lines;
-    if (with_headers)
-        lines.push_back(headers_of(columns_));
-    std::transform(rows_.begin(), rows_.end(), std::back_inserter(lines), texts_of);
-    const auto widths = widths_of(lines);
-    for (const auto &line : lines) {
-        std::string text;
-        // The last column ends its line without blanks behind it.
-        for (size_t i = 0; i + 1 < line.size(); ++i)
-            text += padded(line[i], widths[i]) + "  ";
-        out << text << line.back() << '\n';
-    }
+    write_head();
+    for (const auto &line : held_)
+        write_line(line);
+    held_.clear();
 }
 
-void Results::print_table(bool with_headers, std::ostream &out) const {
-    if (rows_.empty())
+void Writer::write_head() {
+    const Texts headers = headers_of(output_.columns);
+    if (with_headers_ || format_ == Format::table)
+        widen(widths_, headers);
+    for (const auto &line : held_)
+        widen(widths_, line);
+    has_head_ = true;
+    if (format_ == Format::table)
+        out_ << rule_of(widths_);
+    if (with_headers_)
+        write_line(headers);
+    if (with_headers_ && format_ == Format::table)
+        out_ << rule_of(widths_);
+}
+
+void Writer::write_line(const Texts &line) {
+    if (format_ == Format::table) {
+        out_ << bordered(line, widths_);
         return;
-    std::vector<Texts> lines = {headers_of(columns_)};
-    std::transform(rows_.begin(), rows_.end(), std::back_inserter(lines), texts_of);
-    const auto widths = widths_of(lines);
-    const auto rule = rule_of(widths);
-    out << rule;
-    if (with_headers)
-        out << bordered(lines[0], widths) << rule;
-    for (size_t i = 1; i < lines.size(); ++i)
-        out << bordered(lines[i], widths);
-    out << rule;
+    }
+    std::string text;
+    // The last column ends its line without blanks behind it.
+    for (size_t i = 0; i + 1 < line.size(); ++i)
+        text += padded(line[i], widths_[i]) + "  ";
+    out_ << text << line.back() << '\n';
+}
+
+void Writer::finish() {
+    show_all();
+    if (format_ == Format::json && output_.shape == Output::Shape::list)
+        out_ << (empty() ? "[]\n" : "\n]\n");
+    if (format_ == Format::table && !empty())
+        out_ << rule_of(widths_);
+}
+
+void Writer::break_off() {
+    show_all();
+    if (format_ == Format::json && output_.shape == Output::Shape::list && !empty())
+        out_ << "\n";
 }
 
 } // namespace velia::cli

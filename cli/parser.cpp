@@ -9,6 +9,7 @@
 #include <CLI/CLI.hpp>
 
 #include <cli/misspelling.h>
+#include <cli/schema.h>
 
 namespace velia::cli {
 
@@ -116,7 +117,7 @@ std::string foot_of(const Command &row) {
     if (foot.empty())
         return exit_status_help;
     const std::string notes = *row.notes != '\0' ? "\n" + refilled(row.notes) : "";
-    return "Examples:\n" + foot + notes + "\n" + exit_status_help;
+    return help_of_results(row) + "Examples:\n" + foot + notes + "\n" + exit_status_help;
 }
 
 // Below the group that its path leads to, which stands there by now.
@@ -132,6 +133,12 @@ std::string failure_text(const std::string &program, const std::string &fault) {
     return program + ": Error: " + fault + "\nRun with --help for more information.\n";
 }
 
+// A switch that is answered by a text, whatever else is or is not given.
+void add_answer(CLI::App &app, const Option &option, const std::function<std::string()> &answer) {
+    app.add_flag_callback(
+        option.name, [answer] { throw CLI::CallForVersion(answer(), 0); }, option.help);
+}
+
 // The library's tree of one program, whose leaves have a call each.
 class Tree {
 public:
@@ -144,6 +151,7 @@ public:
             return failure_text(name, error.what());
         });
         add_options(app_, program.common);
+        add_answer(app_, schema_option, [&program] { return schemas_of(program); });
         for (const auto &row : program.commands)
             add(row, program.common);
     }
@@ -156,10 +164,10 @@ public:
             // A wrong use has one exit status, whatever the library calls it; asking for help is none.
             std::ostringstream help;
             const int status = app_.exit(error, help, errors);
-            out << wrapped(help.str(), help_width_);
-            return {nullptr, status == 0 ? exit_done : exit_usage};
+            out << (error.get_name() == "CallForHelp" ? wrapped(help.str(), help_width_) : help.str());
+            return {nullptr, status == 0 ? exit_done : exit_usage, error.what()};
         }
-        return {std::move(calls_[chosen_]), exit_done};
+        return {std::move(calls_[chosen_]), exit_done, ""};
     }
 
 private:
@@ -173,6 +181,8 @@ private:
         add_options(command, calls_.back()->options());
         if (row.has_common_options)
             add_options(command, common);
+        if (row.output != nullptr)
+            add_answer(command, schema_option, [row] { return schema_of(row); });
         command.callback([this, index = calls_.size() - 1] { chosen_ = index; });
     }
 
@@ -190,7 +200,7 @@ Line parse(const Program &program, const std::vector<std::string> &words, std::o
     if (fault.empty())
         return Tree(program).parse(words, out, errors);
     errors << failure_text(program.name, fault);
-    return {nullptr, exit_usage};
+    return {nullptr, exit_usage, fault};
 }
 
 } // namespace velia::cli

@@ -15,6 +15,8 @@ namespace velia::cli {
 inline constexpr Option help_option = {.name = "-h,--help", .help = "Print this help message and exit"};
 inline constexpr Option version_option = {.name = "--version", .help = "Display program version information and exit"};
 
+inline constexpr Option schema_option = {.name = "--schema", .help = "Print the JSON Schema of the results and exit"};
+
 struct Program {
     const char *name = "";
     const char *help = "";
@@ -28,6 +30,7 @@ struct Program {
 struct Line {
     std::unique_ptr<Call> call; // to be run; null if all has been said
     int status = exit_done;     // then
+    std::string fault;          // what is wrong with the line, without the words around it
 };
 
 // The words behind the program's name. Help goes to `out`, what is wrong with the line to `errors`.

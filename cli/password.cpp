@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cli/messages.h>
 #include <support/imsg.h>
 
 namespace velia::cli {
@@ -16,7 +17,7 @@ namespace {
 constexpr const char *standard_input = "-";
 
 bool refuse(const std::string &name, const char *why) {
-    imsg_print(IMSG_ERROR, "The password could not be read from %s: %s\n", IMSG_FORMAT, name.c_str(), why);
+    tell_failure(TBS_ST_ERROR, "", "The password could not be read from %s: %s\n", name.c_str(), why);
     return false;
 }
 

@@ -1,5 +1,7 @@
 // veliactl poolmap: what a pool map says, and what becomes of a path by it.
 #include <cli/commands.h>
+#include <cli/messages.h>
+#include <cli/results.h>
 
 #include <memory>
 #include <optional>
@@ -38,6 +40,13 @@ Options options_of(Arguments &arguments) {
 
 int explain(const Arguments &arguments, const Settings &settings);
 
+constexpr Column columns[] = {{"pair", Type::integer, "its number, from 1"},
+                              {"prefix", Type::text, "what a path begins with"},
+                              {"target", Type::text, "what takes the prefix's place"},
+                              {"pathname", Type::text, "what the pair makes of PATH as a pathname", true},
+                              {"poolname", Type::text, "what it makes of PATH as the name of a pool", true}};
+constexpr Output output = {Output::Shape::list, columns};
+
 constexpr const char *notes =
     R"(PATH is translated as a pathname, by the first prefix that it begins with, and as the name of a pool, by every pair
 that has all of it as its prefix, one after the other. What a pair made of it stands beside the pair. With a PATH that
@@ -52,7 +61,8 @@ constexpr Command commands[] = {
                   "veliactl poolmap explain '/vaults/=/net/pluto/vaults/' /vaults/src",
                   "veliactl poolmap explain --mount-options 'ro,poolmap=/a/=/b/' /a/x --output json"},
      .notes = notes,
-     .make = call_of<explain, options_of>},
+     .make = call_of<explain, options_of>,
+     .output = &output},
 };
 
 struct DeleteArea {
@@ -131,20 +141,20 @@ int explain(const Arguments &arguments, const Settings &settings) {
     Map map;
     const auto status = crack(arguments, map);
     if (status != TBS_ST_OK) {
-        imsg_print(IMSG_ERROR, "The pool map cannot be used: %s\n", IMSG_FORMAT, tbs_strerror(status));
+        tell_failure(status, "", "The pool map cannot be used: %s\n", tbs_strerror(status));
         return exit_failed;
     }
     warn_of_long_prefixes(map);
-    Results results({"pair", "prefix", "target", "pathname", "poolname"});
+    Results results(output, settings);
     Changes pathname(poolmap_translate_pathname);
     Changes poolname(poolmap_translate_poolname);
     for (size_t i = 0; i < map.count; ++i)
         results.add({i + 1, map.prefixes[i].text, map.targets[i].text, pathname.of_pair(arguments, map, i),
                      poolname.of_pair(arguments, map, i)});
-    print(results, settings);
+    results.finish();
     if (arguments.path.empty() || pathname.is_translated() || poolname.is_translated())
         return exit_done;
-    imsg_print(IMSG_ERROR, "No prefix of the map matches '%s'\n", IMSG_FORMAT, arguments.path.c_str());
+    tell_failure(TBS_ST_NOT_FOUND, "", "No prefix of the map matches '%s'\n", arguments.path.c_str());
     return exit_failed;
 }
 

@@ -13,7 +13,9 @@
 #include <netdb.h>
 #include <sys/resource.h>
 
+#include <cli/messages.h>
 #include <cli/parallel.h>
+#include <cli/results.h>
 #include <support/imsg.h>
 #include <support/sysutl.h>
 #include <veliaxdr/rvzd_messages.h>
@@ -35,6 +37,12 @@ Options options_of(Hosts &hosts) {
 
 int probe_hosts(const Hosts &hosts, const Settings &settings);
 
+constexpr Column columns[] = {{"host", Type::text, "as it was given"},
+                              {"state", Type::text, "up, down or unknown"},
+                              {"time_ms", Type::number, "how long it took to tell", true},
+                              {"address", Type::text, "that answered, or was waited for longest", true}};
+constexpr Output output = {Output::Shape::list, columns};
+
 constexpr const char *notes =
     R"(A host is up if it accepts a TCP connection on port 371, the well-known port of brokers, at one of its addresses.
 Nothing is sent, and whatever listens there counts; a broker that the site keeps on another port is not found, ask it
@@ -48,9 +56,10 @@ constexpr Command commands[] = {
     {.path = "probe",
      .help = "Tell within a second which of many hosts are up, by TCP port 371",
      .examples = {"veliactl probe build7 build8 pluto",
-                  "veliactl probe --output json $(cat hosts) | jq -r 'select(.state != \"up\").host'"},
+                  "veliactl probe --output json $(cat hosts) | jq -r '.[] | select(.state != \"up\").host'"},
      .notes = notes,
-     .make = call_of<probe_hosts, options_of>},
+     .make = call_of<probe_hosts, options_of>,
+     .output = &output},
 };
 
 // One address of one host.
@@ -65,7 +74,9 @@ std::vector<std::string> addresses_of(const std::string &host) {
     addrinfo *list = nullptr;
     const int code = sysutl_host_addr(host.c_str(), nullptr, SOCK_STREAM, &list);
     if (code != 0) {
-        imsg_print(IMSG_ERROR, &_rvzd_rvzd_msg_table, RVZD_MSG_UNKNOWN_HOST, host.c_str(), gai_strerror(code));
+        tell_failure_by(TBS_ST_NOT_FOUND, host, [&] {
+            imsg_print(IMSG_ERROR, &_rvzd_rvzd_msg_table, RVZD_MSG_UNKNOWN_HOST, host.c_str(), gai_strerror(code));
+        });
         return {};
     }
     const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(list, freeaddrinfo);
@@ -125,13 +136,13 @@ int probe_hosts(const Hosts &hosts, const Settings &settings) {
     for (const auto &trial : trials)
         if (!best[trial.host] || tells_more(trial, *best[trial.host]))
             best[trial.host] = trial;
-    Results results({"host", "state", "time_ms", "address"});
+    Results results(output, settings);
     bool are_all_up = true;
     for (size_t i = 0; i < hosts.size(); ++i) {
         add_host(hosts[i], best[i], results);
         are_all_up = are_all_up && best[i] && best[i]->is_up;
     }
-    print(results, settings);
+    results.finish();
     return are_all_up ? exit_done : exit_unreachable;
 }
 

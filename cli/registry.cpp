@@ -3,10 +3,14 @@
 
 #include <array>
 #include <iostream>
+#include <sstream>
 
 #include <unistd.h>
 
 #include <cli/commands.h>
+#include <cli/messages.h>
+#include <cli/results.h>
+#include <cli/streams.h>
 #include <support/imsg.h>
 #include <support/stg.h>
 #include <veliaxdr/rgy_site.h>
@@ -36,6 +40,11 @@ Options find_options(Search &search) {
 
 int print_entries(const Search &search, const Settings &settings);
 
+constexpr Column columns[] = {{"id", Type::integer, "the entry's number, which no other one gets"},
+                              {"registry", Type::text, "host of the registry that has it"},
+                              {"items", Type::items, "its items by name; attributes are an object of their own"}};
+constexpr Output output = {Output::Shape::list, columns};
+
 constexpr const char *patterns_note =
     R"(A pattern is -ITEM=GLOB, or a GLOB for what names an entry, its tag or its name; one that matches is enough.
 )";
@@ -49,17 +58,19 @@ constexpr Command commands[] = {
                   "veliactl registry find vault_tag --attr attributes:poolmap=/x",
                   "veliactl registry find vault_tag --pattern '/vaults/*' --pattern '-owner=alice' --output json"},
      .notes = patterns_note,
-     .make = call_of<print_entries, find_options>},
+     .make = call_of<print_entries, find_options>,
+     .output = &output},
     {.path = "registry list",
      .help = "List all entries of a database",
      .examples = {"veliactl registry list regions", "veliactl registry list vault_tag --batch 500 --output json"},
-     .make = call_of<print_entries, list_options>},
+     .make = call_of<print_entries, list_options>,
+     .output = &output},
 };
 
-// A line on the terminal that is written over as the scan goes on.
+// A line on the terminal that is written over as the scan goes on; not where the results show that themselves.
 class Progress {
 public:
-    Progress() : is_shown_(isatty(STDERR_FILENO) != 0) {}
+    Progress() : is_shown_(isatty(STDERR_FILENO) != 0 && !is_terminal_for_results()) {}
     ~Progress() {
         if (is_begun_)
             std::cerr << '\r' << std::string(40, ' ') << '\r' << std::flush;
@@ -147,23 +158,29 @@ tbs_status_t take_batch(std::vector<rgy_entry_t *> &entries, int64_t count, Prog
     return status;
 }
 
-// Number, and the items as they came.
-void add_entry(const rgy_entry_t &entry, Results &results) {
-    Cells items;
-    for (int32_t i = 0; i < entry.flex.count; ++i)
-        items.emplace_back(std::string(entry.flex.items[i].name) + "=" + entry.flex.items[i].value);
-    results.add({entry.entry_id, entry.host, items});
+// The items as they came.
+Cell items_of(const rgy_entry_t &entry) {
+    std::vector<std::string> names;
+    Cells values;
+    for (int32_t i = 0; i < entry.flex.count; ++i) {
+        const std::string name = entry.flex.items[i].name;
+        const char *value = entry.flex.items[i].value;
+        names.push_back(name);
+        values.push_back(item_cell(name, value));
+    }
+    return Cell::object(std::move(names), std::move(values));
 }
 
 int print_entries(const Search &search, const Settings &settings) {
-    Results results({"id", "registry", "items"});
-    const auto status = each_entry(search, [&](rgy_entry_t *entry) {
-        add_entry(*entry, results);
+    Results results(output, settings);
+    const auto take = [&](rgy_entry_t *entry) {
+        results.add({entry->entry_id, entry->host, items_of(*entry)});
         return TBS_ST_OK;
-    });
+    };
+    const auto status = each_entry(search, take, [&] { return results.pause(); });
     if (status != TBS_ST_OK)
         return exit_status_of_request(status);
-    print(results, settings);
+    results.finish();
     return exit_done;
 }
 
@@ -267,13 +284,29 @@ Options ways_to_search(Search &search) {
     };
 }
 
+Cell attributes_cell(const std::string &text) {
+    std::vector<std::string> names;
+    Cells values;
+    std::istringstream words(text);
+    for (std::string word; std::getline(words, word, ',');) {
+        const auto equals = word.find('=');
+        names.push_back(word.substr(0, equals));
+        values.push_back(equals == std::string::npos ? Cell(true) : Cell(word.substr(equals + 1)));
+    }
+    return Cell::object(std::move(names), std::move(values), text);
+}
+
+Cell item_cell(const std::string &name, const std::string &value) {
+    return item_of_name(name) == RGY_ITEM_ATTRIBUTES ? attributes_cell(value) : Cell(value);
+}
+
 std::optional<std::string> settled_host(const std::string &given) {
     if (!given.empty())
         return given;
     char *host = nullptr;
     const auto status = rgy_get_server_host(1, 0, &host);
     if (status != TBS_ST_OK) {
-        imsg_print(IMSG_ERROR, "No registry host is configured: %s\n", IMSG_FORMAT, tbs_strerror(status));
+        tell_failure(status, "", "No registry host is configured: %s\n", tbs_strerror(status));
         return std::nullopt;
     }
     const std::string configured = host;
@@ -281,7 +314,17 @@ std::optional<std::string> settled_host(const std::string &given) {
     return configured;
 }
 
-tbs_status_t each_entry(const Search &search, const std::function<tbs_status_t(rgy_entry_t *)> &take) {
+std::string registry_of(const std::string &given) {
+    char *host = nullptr;
+    if (!given.empty() || rgy_get_server_host_sil(1, 0, &host) != TBS_ST_OK)
+        return given;
+    const std::string configured = host;
+    stg_free(host);
+    return configured;
+}
+
+tbs_status_t each_entry(const Search &search, const std::function<tbs_status_t(rgy_entry_t *)> &take,
+                        const std::function<bool()> &goes_on) {
     std::vector<rgy_entry_t *> entries(static_cast<size_t>(search.batch));
     Progress progress;
     rgy_cursor_t *cursor = nullptr;
@@ -291,11 +334,11 @@ tbs_status_t each_entry(const Search &search, const std::function<tbs_status_t(r
         status = fetch(search, &cursor, entries, &count);
         if (status == TBS_ST_OK && cursor != nullptr)
             status = take_batch(entries, count, progress, take);
-    } while (status == TBS_ST_OK && cursor != nullptr);
+    } while (status == TBS_ST_OK && cursor != nullptr && goes_on());
     if (cursor != nullptr)
         rgy_close_cursor(&cursor);
     if (status != TBS_ST_OK)
-        imsg_print(IMSG_ERROR, "The registry could not be read: %s\n", IMSG_FORMAT, tbs_strerror(status));
+        tell_failure(status, registry_of(search.host), "The registry could not be read: %s\n", tbs_strerror(status));
     return status;
 }
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <cli/command.h>
+#include <cli/output.h>
 #include <veliaxdr/rgy_fetch.h>
 
 namespace velia::cli {
@@ -49,9 +50,20 @@ Options ways_to_search(Search &search); // of which one is chosen
 // The host that was given, or the configured one; nothing, and told, when there is none.
 std::optional<std::string> settled_host(const std::string &given);
 
+// The same for a message: empty, and nothing told, when there is none.
+std::string registry_of(const std::string &given);
+
 // Calls `take` for each entry found, batch by batch; the entry is deleted afterwards. The first status that is not
-// TBS_ST_OK ends it, and is told.
-tbs_status_t each_entry(const Search &search, const std::function<tbs_status_t(rgy_entry_t *)> &take);
+// TBS_ST_OK ends it, and is told. Behind each batch it goes on if `goes_on` says so.
+tbs_status_t each_entry(
+    const Search &search, const std::function<tbs_status_t(rgy_entry_t *)> &take,
+    const std::function<bool()> &goes_on = [] { return true; });
+
+// "name=value,name" as an object; a name without a value is true.
+Cell attributes_cell(const std::string &text);
+
+// The value of an item, which may be attributes.
+Cell item_cell(const std::string &name, const std::string &value);
 
 // The exit status that goes with a library status.
 int exit_status_of(tbs_status_t status);

@@ -13,7 +13,9 @@
 #include <unistd.h>
 
 #include <cli/commands.h>
+#include <cli/messages.h>
 #include <cli/password.h>
+#include <cli/results.h>
 #include <support/imsg.h>
 #include <veliaxdr/rgy_manage.h>
 #include <veliaxdr/rgy_wire.h>
@@ -83,19 +85,30 @@ int show_or_set_backup(const Backup &backup, const Settings &settings);
 int check_access(const Check &check, const Settings &settings);
 int set_password(const Passwd &passwd, const Settings &settings);
 
+constexpr Column backup_columns[] = {{"backup", Type::texts, "the backup hosts"}};
+constexpr Output backup_output = {Output::Shape::one, backup_columns};
+constexpr Column check_columns[] = {{"change", Type::text, "of what: tags, or a database"},
+                                    {"access", Type::text, "granted, denied, or no password"}};
+constexpr Output check_output = {Output::Shape::one, check_columns};
+constexpr Column passwd_columns[] = {{"action", Type::text, "password set, or password removed"}};
+constexpr Output passwd_output = {Output::Shape::one, passwd_columns};
+
 constexpr Command commands[] = {
     {.path = "registry backup",
      .help = "Show the site's list of backup hosts, or set it",
      .examples = {"veliactl registry backup", "veliactl registry backup build8,build9"},
-     .make = call_of<show_or_set_backup, backup_options>},
+     .make = call_of<show_or_set_backup, backup_options>,
+     .output = &backup_output},
     {.path = "registry check",
      .help = "Tell whether the registry lets you change tags, or a database, with a password",
      .examples = {"veliactl registry check", "veliactl registry check vault_tag --password-file secret --output json"},
-     .make = call_of<check_access, check_options>},
+     .make = call_of<check_access, check_options>,
+     .output = &check_output},
     {.path = "registry passwd",
      .help = "Set the registry password of this host's daemon; an empty one removes it. Typed twice, or read once",
      .examples = {"veliactl registry passwd", "veliactl registry passwd < secret"},
-     .make = call_of<set_password, passwd_options>},
+     .make = call_of<set_password, passwd_options>,
+     .output = &passwd_output},
 };
 
 Cells list_cell(const std::string &text) {
@@ -111,7 +124,7 @@ Cells list_cell(const std::string &text) {
 }
 
 int print_failure(const char *what, tbs_status_t status) {
-    imsg_print(IMSG_ERROR, "%s: %s\n", IMSG_FORMAT, what, tbs_strerror(status));
+    tell_failure(status, registry_of(""), "%s: %s\n", what, tbs_strerror(status));
     return exit_status_of_request(status);
 }
 
@@ -126,9 +139,9 @@ int show_or_set_backup(const Backup &backup, const Settings &settings) {
     const auto status = rgy_get_current_backup(&place);
     if (status != TBS_ST_OK)
         return print_failure("The list of backup hosts could not be had", status);
-    Results results({"backup"});
+    Results results(backup_output, settings, backup.hosts ? Results::Of::change : Results::Of::look);
     results.add({list_cell(hosts.data())});
-    (backup.hosts ? print_change : print)(results, settings);
+    results.finish();
     return exit_done;
 }
 
@@ -140,7 +153,7 @@ bool get_password(const Check &check, Password &password) {
         return false;
     if (!password.is_empty() || !check.db.empty())
         return true;
-    imsg_print(IMSG_ERROR, "The password is empty\n", IMSG_FORMAT);
+    tell_failure(TBS_ST_INVALID_ARG, "", "The password is empty\n");
     return false;
 }
 
@@ -182,9 +195,9 @@ int check_access(const Check &check, const Settings &settings) {
     const char *access = access_of(status);
     if (access == nullptr)
         return print_failure("The access could not be checked", status);
-    Results results({"change", "access"});
+    Results results(check_output, settings);
     results.add({check.db.empty() ? "tags" : check.db, access});
-    print(results, settings);
+    results.finish();
     return status == TBS_ST_OK ? exit_done : exit_failed;
 }
 
@@ -208,7 +221,7 @@ bool ask_twice(Password &password) {
         return false;
     if (password == again)
         return true;
-    imsg_print(IMSG_ERROR, "The passwords differ; nothing was changed\n", IMSG_FORMAT);
+    tell_failure(TBS_ST_INVALID_ARG, "", "The passwords differ; nothing was changed\n");
     return false;
 }
 
@@ -258,13 +271,12 @@ int set_password(const Passwd &passwd, const Settings &settings) {
     const int status = run_daemon(program, password, error_number);
     if (status != 0) {
         const std::string why = status < 0 ? imsg_strerror(error_number) : "exit status " + std::to_string(status);
-        imsg_print(IMSG_ERROR, "The registry password was not changed: %s: %s\n", IMSG_FORMAT, program.c_str(),
-                   why.c_str());
+        tell_failure(TBS_ST_ERROR, "", "The registry password was not changed: %s: %s\n", program.c_str(), why.c_str());
         return exit_failed;
     }
-    Results results({"action"});
+    Results results(passwd_output, settings, Results::Of::change);
     results.add({password.is_empty() ? "password removed" : "password set"});
-    print_change(results, settings);
+    results.finish();
     return exit_done;
 }
 

@@ -2,6 +2,8 @@
 #include <cli/registry.h>
 
 #include <cli/commands.h>
+#include <cli/messages.h>
+#include <cli/results.h>
 #include <support/imsg.h>
 #include <support/sysutl.h>
 #include <veliaxdr/rgy_role.h>
@@ -65,18 +67,23 @@ constexpr const char *demotion_notes =
     R"(This host, which must be the master, steps down, and follows the registry that it followed before it was promoted.
 )";
 
+constexpr Column columns[] = {{"host", Type::text, "whose role was changed"}, {"role", Type::text, "that it has now"}};
+constexpr Output output = {Output::Shape::one, columns};
+
 constexpr Command commands[] = {
     {.path = "registry promote",
      .help = "Make a standby registry server the master",
      .examples = {"veliactl registry promote          # on the standby",
                   "veliactl registry promote build8   # from a client, which follows the new master then"},
      .notes = promotion_notes,
-     .make = call_of<promote, promotion_options>},
+     .make = call_of<promote, promotion_options>,
+     .output = &output},
     {.path = "registry demote",
      .help = "Let this host, the master registry server, step down",
      .examples = {"veliactl registry demote", "veliactl registry demote --to backup --output json"},
      .notes = demotion_notes,
-     .make = call_of<demote, demotion_options>},
+     .make = call_of<demote, demotion_options>,
+     .output = &output},
 };
 
 int32_t type_of_name(const std::string &name) {
@@ -87,16 +94,15 @@ int32_t type_of_name(const std::string &name) {
 }
 
 int print_role_of(const std::string &host, const std::string &role, const Settings &settings) {
-    Results results({"host", "role"});
+    Results results(output, settings, Results::Of::change);
     results.add({host, role});
-    print_change(results, settings);
+    results.finish();
     return exit_done;
 }
 
 // Why is told by the library.
 int print_unchanged(const std::string &host, tbs_status_t status) {
-    imsg_print(IMSG_ERROR, "The role of host '%s' was not changed: %s\n", IMSG_FORMAT, host.c_str(),
-               tbs_strerror(status));
+    tell_failure(status, host, "The role of host '%s' was not changed: %s\n", host.c_str(), tbs_strerror(status));
     return status == TBS_ST_NOT_FOUND ? exit_unreachable : exit_status_of(status);
 }
 
@@ -118,7 +124,7 @@ int demote(const Demotion &demotion, const Settings &settings) {
     const std::string &role = demotion.role;
     const std::string host = sysutl_myhostname();
     if (rgy_get_svr_type() != RGY_SVR_MASTER) {
-        imsg_print(IMSG_ERROR, "Host '%s' is not the master registry server\n", IMSG_FORMAT, host.c_str());
+        tell_failure(TBS_ST_UNSUPPORTED, host, "Host '%s' is not the master registry server\n", host.c_str());
         return exit_failed;
     }
     return change_role(host, role, settings, [&] { return rgy_change_server_type(type_of_name(role)); });

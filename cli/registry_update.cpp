@@ -2,6 +2,8 @@
 #include <cli/registry.h>
 
 #include <cli/commands.h>
+#include <cli/messages.h>
+#include <cli/results.h>
 #include <support/imsg.h>
 #include <veliaxdr/rgy_site.h>
 #include <veliaxdr/rgy_wire.h>
@@ -48,17 +50,31 @@ Options removal_options(Removal &removal) {
 int add(const Addition &addition, const Settings &settings);
 int remove(const Removal &removal, const Settings &settings);
 
+constexpr Column add_columns[] = {{"action", Type::text, "added, or would add"},
+                                  {"db", Type::text, "the database"},
+                                  {"registry", Type::text, "host of the registry"},
+                                  {"entry", Type::items, "its items by name"}};
+constexpr Output add_output = {Output::Shape::one, add_columns};
+
+constexpr Column remove_columns[] = {{"action", Type::text, "removed, or would remove"},
+                                     {"db", Type::text, "the database"},
+                                     {"id", Type::integer, "the entry's number"},
+                                     {"registry", Type::text, "host of the registry"}};
+constexpr Output remove_output = {Output::Shape::list, remove_columns};
+
 constexpr Command commands[] = {
     {.path = "registry add",
      .help = "Add an entry",
      .examples = {"veliactl registry add regions name=east title='The eastern lab'",
                   "veliactl registry add vault_tag tag=/vaults/src region=east hostname=build7 --dry-run"},
-     .make = call_of<add, addition_options>},
+     .make = call_of<add, addition_options>,
+     .output = &add_output},
     {.path = "registry remove",
      .help = "Remove the entries that a search finds",
      .examples = {"veliactl registry remove regions --string name=east --dry-run",
                   "veliactl registry remove vault_object --uuid vault_replica=0b5f8a52-7d1a-4c39-9d54-1a2b3c4d5e6f"},
-     .make = call_of<remove, removal_options>},
+     .make = call_of<remove, removal_options>,
+     .output = &remove_output},
 };
 
 std::string flex_text_of(const std::vector<std::string> &items) {
@@ -87,8 +103,19 @@ tbs_status_t send_addition(const std::string &host, rgy_db_t db, const std::stri
     while (status == TBS_ST_STALE_ID && ++tries < tries_max);
     rvzd_free_handle(handle);
     if (status != TBS_ST_OK)
-        imsg_print(IMSG_ERROR, "The entry was not added: %s\n", IMSG_FORMAT, tbs_strerror(status));
+        tell_failure(status, host, "The entry was not added: %s\n", tbs_strerror(status));
     return status;
+}
+
+Cell items_of(const std::vector<std::string> &items, const std::string &text) {
+    std::vector<std::string> names;
+    Cells values;
+    for (const auto &word : items) {
+        const auto item = item_value_of(word);
+        names.emplace_back(registry_item_name(item->item));
+        values.push_back(item_cell(names.back(), item->value));
+    }
+    return Cell::object(std::move(names), std::move(values), text);
 }
 
 int add(const Addition &addition, const Settings &settings) {
@@ -100,32 +127,33 @@ int add(const Addition &addition, const Settings &settings) {
         addition.is_dry_run ? tbs_status_t{TBS_ST_OK} : send_addition(*host, *db_of_name(addition.db), text);
     if (status != TBS_ST_OK)
         return exit_status_of(status);
-    Results results({"action", "db", "registry", "entry"});
-    results.add({addition.is_dry_run ? "would add" : "added", addition.db, *host, text});
-    (addition.is_dry_run ? print : print_change)(results, settings);
+    Results results(add_output, settings, addition.is_dry_run ? Results::Of::look : Results::Of::change);
+    results.add({addition.is_dry_run ? "would add" : "added", addition.db, *host, items_of(addition.items, text)});
+    results.finish();
     return exit_done;
 }
 
 int remove(const Removal &removal, const Settings &settings) {
     const rgy_db_t db = *db_of_name(removal.search.db);
-    Results results({"action", "db", "id", "registry"});
+    Results results(remove_output, settings, removal.is_dry_run ? Results::Of::look : Results::Of::change);
     bool is_found = false; // an entry, so that a later "not found" means one that somebody else has removed
-    const auto status = each_entry(removal.search, [&](rgy_entry_t *entry) -> tbs_status_t {
+    const auto take = [&](rgy_entry_t *entry) -> tbs_status_t {
         is_found = true;
         const auto removed = removal.is_dry_run ? tbs_status_t{TBS_ST_OK} : rgy_remove_entry(db, entry);
         if (removed == TBS_ST_OK)
             results.add(
                 {removal.is_dry_run ? "would remove" : "removed", removal.search.db, entry->entry_id, entry->host});
         return removed;
-    });
-    // What was removed before a failure is gone, and told.
-    if (!results.empty())
-        (removal.is_dry_run ? print : print_change)(results, settings);
+    };
+    const auto status = each_entry(removal.search, take, [&] { return results.pause(); });
     if (status != TBS_ST_OK)
         return is_found ? exit_status_of(status) : exit_status_of_request(status);
-    if (results.empty())
-        imsg_print(IMSG_ERROR, "No such entry\n", IMSG_FORMAT);
-    return results.empty() ? exit_failed : exit_done;
+    if (results.empty()) {
+        tell_failure(TBS_ST_NOT_FOUND, registry_of(removal.search.host), "No such entry\n");
+        return exit_failed;
+    }
+    results.finish();
+    return exit_done;
 }
 
 } // namespace

@@ -6,6 +6,8 @@
 
 #include <cli/broker.h>
 #include <cli/commands.h>
+#include <cli/messages.h>
+#include <cli/results.h>
 #include <support/imsg.h>
 #include <support/ks.h>
 #include <veliaxdr/rvzd_lookup.h>
@@ -62,6 +64,15 @@ Options options_of(Arguments &arguments) {
 int find_server(const Arguments &arguments, const Settings &settings);
 int connect_server(const Arguments &arguments, const Settings &settings);
 
+constexpr Column columns[] = {{"host", Type::text, "as it was given"},
+                              {"prog", Type::integer, "RPC program number"},
+                              {"vers", Type::integer, "RPC version number"},
+                              {"proto", Type::text, "udp or tcp"},
+                              {"address", Type::text, "where the server listens"},
+                              {"round_trip_ms", Type::number, "how long its answer took"}};
+constexpr Output connect_output = {Output::Shape::one, columns};
+constexpr Output find_output = {Output::Shape::list, std::span(columns).first(5)};
+
 constexpr Command commands[] = {
     {.path = "server", .help = "Servers of a host"},
     {.path = "server find",
@@ -69,17 +80,19 @@ constexpr Command commands[] = {
      .examples = {"veliactl server find build7 --prog 390600",
                   "veliactl server find build7 --prog 0x5f5c8 --proto tcp --uuid 0b5f8a52-7d1a-4c39-9d54-1a2b3c4d5e6f "
                   "--path /srv/db"},
-     .make = call_of<find_server, options_of>},
+     .make = call_of<find_server, options_of>,
+     .output = &find_output},
     {.path = "server connect",
      .help = "Find a server, open a connection to it and call its procedure 0",
      .examples = {"veliactl server connect build7 --prog 390600",
                   "veliactl server connect build7 --prog 390600 --proto tcp --timeout 5 --output json"},
-     .make = call_of<connect_server, options_of>},
+     .make = call_of<connect_server, options_of>,
+     .output = &connect_output},
 };
 
 void print_not_found(const Arguments &arguments, tbs_status_t status) {
-    imsg_print(IMSG_ERROR, "No server of program %lu version %lu on host '%s': %s\n", IMSG_FORMAT, arguments.program,
-               arguments.version, arguments.host.c_str(), tbs_strerror(status));
+    tell_failure(status, arguments.host, "No server of program %lu version %lu on host '%s': %s\n", arguments.program,
+                 arguments.version, arguments.host.c_str(), tbs_strerror(status));
 }
 
 int find_server(const Arguments &arguments, const Settings &settings) {
@@ -98,11 +111,11 @@ int find_server(const Arguments &arguments, const Settings &settings) {
         print_not_found(arguments, status);
         return status == TBS_ST_RPC_FAILED ? exit_unreachable : exit_failed;
     }
-    Results results({"host", "prog", "vers", "proto", "address"});
+    Results results(find_output, settings);
     for (uint32_t i = 0; i < addresses.addr_count; ++i)
         results.add({arguments.host, arguments.program, arguments.version, arguments.transport,
                      text_of_address(addresses.addrs[i])});
-    print(results, settings);
+    results.finish();
     return exit_done;
 }
 
@@ -144,10 +157,10 @@ int connect_server(const Arguments &arguments, const Settings &settings) {
     double round_trip_ms = 0;
     const bool answered = ping(connection.client, settings.timeout, round_trip_ms);
     if (answered) {
-        Results results({"host", "prog", "vers", "proto", "address", "round_trip_ms"});
+        Results results(connect_output, settings);
         results.add({arguments.host, arguments.program, arguments.version, arguments.transport,
                      peer_of(connection.client), Cell::milliseconds(round_trip_ms)});
-        print(results, settings);
+        results.finish();
     }
     clnt_destroy(connection.client);
     return answered ? exit_done : exit_unreachable;

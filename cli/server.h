@@ -26,7 +26,9 @@ struct ServerFilter {
     std::optional<std::string> name; // the empty one is a name, too
 };
 
-extern const std::vector<std::string> server_columns;
+// Of a listing; a watch has a time and a change before them.
+extern const Output server_output;
+extern const Output watch_output;
 
 // The servers in the broker's order; each has cells for the columns.
 using Servers = std::vector<Cells>;

@@ -6,6 +6,8 @@
 
 #include <cli/broker.h>
 #include <cli/commands.h>
+#include <cli/messages.h>
+#include <cli/results.h>
 #include <support/imsg.h>
 #include <veliaxdr/rvzd_socket.h>
 
@@ -64,6 +66,18 @@ Options options_of(Arguments &arguments) {
 
 int run_list(const Arguments &arguments, const Settings &settings);
 
+constexpr const char *when_watching = "--watch";
+constexpr Column columns[] = {{"time", Type::time, "when it was seen", false, when_watching},
+                              {"change", Type::text, "present, started, ended or changed", false, when_watching},
+                              {"prog", Type::integer, "RPC program number"},
+                              {"vers", Type::integer, "RPC version number"},
+                              {"proto", Type::text, "udp or tcp"},
+                              {"address", Type::text, "where the server listens", true},
+                              {"state", Type::text, "starting, idle, offered, busy or ending"},
+                              {"pid", Type::integer, "process number"},
+                              {"uuid", Type::text, "the server's uuid"},
+                              {"name", Type::text, "the path under which it is registered"}};
+
 constexpr const char *notes =
     R"(With --watch all servers are shown first, as "present", and then what changes: "started", "ended", "changed". A broker
 that does not answer for a while is told, and asked again. An interrupt (Ctrl-C) ends it with exit status 0.
@@ -74,21 +88,22 @@ constexpr Command commands[] = {
      .help = "List the servers of a host, all or those that pass every filter",
      .examples = {"veliactl server list build7", "veliactl server list build7 --prog 390600 --proto tcp --output table",
                   "veliactl server list build7 --watch --interval 1",
-                  "veliactl server list build7 --watch --output json | jq -r 'select(.change == \"ended\").pid'"},
+                  "veliactl server list build7 --watch --output jsonl | jq -r 'select(.change == \"ended\").pid'"},
      .notes = notes,
-     .make = call_of<run_list, options_of>},
+     .make = call_of<run_list, options_of>,
+     .output = &watch_output},
 };
 
 constexpr std::array<const char *, 6> states = {"", "starting", "idle", "offered", "busy", "ending"};
 
 Cell cell_of_state(int32_t state) {
     const auto index = static_cast<size_t>(state);
-    return state > 0 && index < states.size() ? Cell(states[index]) : Cell(state);
+    return state > 0 && index < states.size() ? Cell(states[index]) : Cell(std::to_string(state));
 }
 
 Cell cell_of_transport(rvzd_protocol_in_t transport) {
     return transport == RVZD_PROTOCOL_UDP || transport == RVZD_PROTOCOL_TCP ? Cell(rvzd_protocol_names[transport])
-                                                                            : Cell(transport);
+                                                                            : Cell(std::to_string(transport));
 }
 
 struct FreeInfo {
@@ -143,16 +158,17 @@ int run_list(const Arguments &arguments, const Settings &settings) {
     const int status = list_servers(arguments.filter, settings, servers);
     if (status != exit_done)
         return status;
-    Results results(server_columns);
+    Results results(server_output, settings);
     for (auto &server : servers)
         results.add(std::move(server));
-    print(results, settings);
+    results.finish();
     return exit_done;
 }
 
 } // namespace
 
-const std::vector<std::string> server_columns = {"prog", "vers", "proto", "address", "state", "pid", "uuid", "name"};
+const Output watch_output = {Output::Shape::list, columns};
+const Output server_output = {Output::Shape::list, std::span(columns).subspan(2)};
 
 int list_servers(const ServerFilter &filter, const Settings &settings, Servers &servers) {
     if (!reach_broker(filter.host, RVZD_PROTOCOL_UDP, settings.timeout).answered)
@@ -165,8 +181,8 @@ int list_servers(const ServerFilter &filter, const Settings &settings, Servers &
     rvzd_free_handle(handle);
     if (status == TBS_ST_OK)
         return exit_done;
-    imsg_print(IMSG_ERROR, "The servers of host '%s' could not be listed: %s\n", IMSG_FORMAT, filter.host.c_str(),
-               tbs_strerror(status));
+    tell_failure(status, filter.host, "The servers of host '%s' could not be listed: %s\n", filter.host.c_str(),
+                 tbs_strerror(status));
     return exit_failed;
 }
 

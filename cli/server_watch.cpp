@@ -4,12 +4,12 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
-#include <iostream>
 #include <mutex>
 #include <thread>
 
 #include <unistd.h>
 
+#include <cli/results.h>
 #include <cli/streams.h>
 #include <support/date.h>
 
@@ -25,10 +25,25 @@ constexpr std::chrono::seconds finishing_max{1};
 
 // Held while results are written, so that none is cut in the middle.
 std::timed_mutex writing;
+Results *watched = nullptr; // to be finished; guarded by it
+
+class Watched {
+public:
+    explicit Watched(Results &results) { set(&results); }
+    ~Watched() { set(nullptr); }
+    Watched(const Watched &) = delete;
+    Watched &operator=(const Watched &) = delete;
+
+private:
+    static void set(Results *results) {
+        const std::lock_guard lock(writing);
+        watched = results;
+    }
+};
 
 // The RPC library holds off all signals while it waits for an answer, and a silent broker gives none. So a thread of
-// its own takes them, and ends the process at once: all results are written out, and nothing else is to be done at the
-// end.
+// its own takes them, and ends the process at once: all results are written out, and but for their end nothing else is
+// to be done.
 void end_on_signals() {
     sigset_t signals;
     sigemptyset(&signals);
@@ -38,27 +53,24 @@ void end_on_signals() {
     std::thread([signals] {
         int signal_number = 0;
         sigwait(&signals, &signal_number);
-        const std::unique_lock lock(writing, finishing_max);
+        if (const std::unique_lock lock(writing, finishing_max); lock.owns_lock() && watched != nullptr)
+            watched->finish();
         _exit(exit_done);
     }).detach();
 }
 
 // False when nobody reads any more.
-bool write_changes(const std::vector<ServerChange> &changes, bool with_headers, const Settings &settings) {
+bool write_changes(const std::vector<ServerChange> &changes, Results &results) {
     if (changes.empty())
         return true;
-    std::vector<std::string> columns = {"time", "change"};
-    columns.insert(columns.end(), server_columns.begin(), server_columns.end());
-    Results results(columns);
-    const std::string now = date_fmt_token_date_time(time(nullptr));
+    const time_t now = time(nullptr);
+    const std::lock_guard lock(writing);
     for (const auto &[what, server] : changes) {
-        Cells cells = {now, what};
+        Cells cells = {time_cell(now, date_fmt_token_date_time(now)), what};
         cells.insert(cells.end(), server.begin(), server.end());
         results.add(std::move(cells));
     }
-    const std::lock_guard lock(writing);
-    results.print(settings.format, with_headers, std::cout);
-    return flush_results();
+    return results.show();
 }
 
 std::vector<ServerChange> all_present(const Servers &servers) {
@@ -99,16 +111,16 @@ std::vector<ServerChange> changes_of(const Servers &before, const Servers &now) 
 }
 
 int watch_servers(const ServerFilter &filter, Duration interval, const Settings &settings) {
+    Results results(watch_output, settings);
+    const Watched end(results);
     end_on_signals();
     Servers before;
     const int status = list_servers(filter, settings, before);
     if (status != exit_done)
         return status;
-    bool with_headers = settings.with_headers;
     auto changes = all_present(before);
     // A watch of a host where nothing happens writes nothing by which it would notice that its reader has gone.
-    while (write_changes(changes, with_headers, settings) && wait_while_read(interval)) {
-        with_headers = with_headers && changes.empty(); // once
+    while (write_changes(changes, results) && wait_while_read(interval)) {
         changes.clear();
         Servers now;
         if (list_servers(filter, settings, now) != exit_done)

@@ -126,6 +126,10 @@ bool wait_while_read(Duration time) {
     return false;
 }
 
+bool is_terminal_for_results() {
+    return isatty(results_fd()) != 0;
+}
+
 std::optional<size_t> columns_of_results() {
     const char *columns = std::getenv("COLUMNS");
     if (const long count = columns != nullptr ? strtol(columns, nullptr, 10) : 0; count > 0)

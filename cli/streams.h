@@ -30,6 +30,8 @@ bool flush_results();
 // False, and told, when whoever reads the results goes within the time.
 bool wait_while_read(Duration time);
 
+bool is_terminal_for_results();
+
 // How wide the terminal is to which results go, or what COLUMNS says; nothing if neither tells.
 std::optional<size_t> columns_of_results();
 

@@ -6,6 +6,7 @@
 #include <fmt/core.h>
 
 #include <cli/commands.h>
+#include <cli/results.h>
 #include <support/imsg.h>
 
 namespace velia::cli {
@@ -24,11 +25,21 @@ Options options_of(Arguments &arguments) {
 
 int print_own_zone(const Arguments &arguments, const Settings &settings);
 
+constexpr Column columns[] = {
+    {"year", Type::integer, "of the changes"},
+    {"standard", Type::text, "name of standard time", true},
+    {"daylight", Type::text, "name of daylight time", true},
+    {"minutes_west", Type::integer, "of UTC, for standard time", true},
+    {"daylight_bias", Type::integer, "minutes by which daylight time differs from standard time", true},
+    {"to_daylight", Type::time, "when clocks go forward, as they show it before", true},
+    {"to_standard", Type::time, "when clocks go back, as they show it before", true}};
+
 constexpr Command commands[] = {
     {.path = "tz",
      .help = "Tell the time zone of this process",
      .examples = {"veliactl tz 2026", "TZ=Europe/Berlin veliactl tz 2026 --output json"},
-     .make = call_of<print_own_zone, options_of>},
+     .make = call_of<print_own_zone, options_of>,
+     .output = &zone_output},
 };
 
 // A zone without daylight time has a rule all the same, whose date is all zeros; and a peer may send anything.
@@ -36,11 +47,19 @@ bool is_date(const clnt_tz_date_t &date) {
     return date.mday >= 1 && date.mday <= 31 && date.month >= 0 && date.month < 12;
 }
 
-Cell date_cell(const clnt_tz_date_t &date, bool is_known) {
+Cell date_cell(const clnt_tz_date_t &date, bool is_known, time_t minutes_west) {
     if (!is_known || !is_date(date))
         return {};
-    return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}", date.year + year_base, date.month + 1, date.mday,
-                       date.hour, date.min, date.sec);
+    tm parts = {};
+    parts.tm_year = date.year;
+    parts.tm_mon = date.month;
+    parts.tm_mday = date.mday;
+    parts.tm_hour = date.hour;
+    parts.tm_min = date.min;
+    parts.tm_sec = date.sec;
+    return Cell::told(iso_time(parts, static_cast<int>(-minutes_west)),
+                      fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}", date.year + year_base, date.month + 1,
+                                  date.mday, date.hour, date.min, date.sec));
 }
 
 int print_own_zone(const Arguments &arguments, const Settings &settings) {
@@ -58,14 +77,17 @@ int print_own_zone(const Arguments &arguments, const Settings &settings) {
 
 } // namespace
 
+const Output zone_output = {Output::Shape::one, columns};
+
 void print_zone(const clnt_tz_info_t &info, int32_t year, const Settings &settings) {
     const auto knows = [&](uint32_t flag) { return (info.flags & flag) != 0; };
-    Results results({"year", "standard", "daylight", "minutes_west", "daylight_bias", "to_daylight", "to_standard"});
+    Results results(zone_output, settings);
     results.add({year, knows(CLNT_TZ_ST_NAME) ? Cell(info.st_name) : Cell(),
                  knows(CLNT_TZ_DT_NAME) && info.dt_name[0] != '\0' ? Cell(info.dt_name) : Cell(),
                  knows(CLNT_TZ_OFFSET) ? Cell(info.offset) : Cell(), knows(CLNT_TZ_BIAS) ? Cell(info.bias) : Cell(),
-                 date_cell(info.dt_trans, knows(CLNT_TZ_DT_TRANS)), date_cell(info.st_trans, knows(CLNT_TZ_ST_TRANS))});
-    print(results, settings);
+                 date_cell(info.dt_trans, knows(CLNT_TZ_DT_TRANS), info.offset),
+                 date_cell(info.st_trans, knows(CLNT_TZ_ST_TRANS), info.offset + info.bias)});
+    results.finish();
 }
 
 Option year_option(int32_t &year) {

@@ -6,6 +6,8 @@
 
 namespace velia::cli {
 
+extern const Output zone_output;
+
 void print_zone(const clnt_tz_info_t &info, int32_t year, const Settings &settings);
 
 // The place of a year on the line; 0 stands for the current one.

@@ -106,7 +106,7 @@ private:
 };
 
 TEST_F(VeliactlObjects, ThatAreNoneAreToldToAPersonAlone) {
-    for (const char *form : {"plain", "json", "table"}) {
+    for (const char *form : {"plain", "jsonl", "table"}) {
         OnTerminal terminal({VELIACTL, "view", "list", "-o", form});
         EXPECT_EQ(terminal.end(), DONE);
         EXPECT_EQ(terminal.shown(), "Nothing found\r\n");
@@ -185,7 +185,7 @@ TEST_F(VeliactlObjects, AViewThatIsAddedIsListed) {
     EXPECT_EQ(listed[0]["hostname"], "build7");
     EXPECT_EQ(listed[0]["path"], "/views/a.vws");
     EXPECT_EQ(listed[0]["owner"], "lab/ann");
-    EXPECT_EQ(listed[0]["attributes"], "snapshot,ucm=no");
+    EXPECT_EQ(listed[0]["attributes"].dump(), R"({"snapshot":true,"ucm":"no"})");
     EXPECT_THAT(objects({"vault", "list"}), IsEmpty());
 }
 
@@ -226,7 +226,7 @@ TEST_F(VeliactlObjects, TextsThatTheRegistryCannotHoldAreWrongUse) {
     }
     EXPECT_THAT(objects({"view", "list"}), IsEmpty());
     EXPECT_EQ(veliactl(view(uuid, {"--attribute", longest})).status, DONE);
-    EXPECT_EQ(objects({"view", "list"})[0]["attributes"], longest);
+    EXPECT_EQ(objects({"view", "list"})[0]["attributes"].names, Words{longest});
 }
 
 TEST_F(VeliactlObjects, WithoutARegistryNothingIsAdded) {

@@ -112,7 +112,7 @@ const Words others[] = {{"completion", "bash"}, {"completion", "zsh"},  {"--help
 
 TEST_F(VeliactlOutput, ThatCannotBeWrittenFailsEveryCommandAndIsTold) {
     serve_all();
-    const char *const forms[] = {"plain", "json", "table"};
+    const char *const forms[] = {"plain", "json", "jsonl", "table"};
     size_t number = 0;
     for (auto words : readers) {
         words.insert(words.end(), {"-o", forms[number++ % std::size(forms)]});
@@ -122,7 +122,7 @@ TEST_F(VeliactlOutput, ThatCannotBeWrittenFailsEveryCommandAndIsTold) {
 }
 
 TEST_F(VeliactlOutput, ThatCannotBeWrittenFailsEveryForm) {
-    for (const char *form : {"plain", "json", "table"})
+    for (const char *form : {"plain", "json", "jsonl", "table"})
         for (const auto &sink : sinks())
             expect_loss(sink, {"tz", "-o", form});
 }
@@ -166,7 +166,7 @@ TEST_F(VeliactlOutput, HoldsNoMessageOfTheLibrary) {
     const auto outcome = veliactl({"tz", "2026", "-o", "json"}, {"TZ=Europe/Berlin"});
     EXPECT_EQ(outcome.status, DONE);
     EXPECT_EQ(objects_of(outcome.output).at(0)["standard"], "CET") << outcome.output;
-    EXPECT_EQ(outcome.errors, "Successfully refreshed TZ cache from data.\n");
+    EXPECT_THAT(outcome.errors, HasSubstr("Successfully refreshed TZ cache from data."));
 }
 
 TEST_F(VeliactlOutput, HoldsNoMessageThoughStandardErrorIsClosed) {
@@ -188,7 +188,7 @@ TEST_F(VeliactlOutput, LetsNoTitleColourTheTerminal) {
     }
     const auto found = objects(find);
     ASSERT_EQ(found.size(), 1u);
-    EXPECT_THAT(found[0].dump(), HasSubstr(R"(-title=\u001b[31mred)"
+    EXPECT_THAT(found[0].dump(), HasSubstr(R"("title":"\u001b[31mred)"
                                            "\xef\xbf\xbd"))
         << "and it is JSON";
 }

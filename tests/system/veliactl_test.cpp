@@ -55,7 +55,7 @@ TEST_F(Veliactl, ContactTellsProtocolAndAddress) {
     const auto outcome = veliactl({"contact", "--output", "json", "alpha"});
     EXPECT_EQ(outcome.status, DONE);
     EXPECT_THAT(outcome.errors, IsEmpty());
-    const auto object = Json::parse(outcome.output);
+    const auto object = Json::parse(outcome.output)[0];
     EXPECT_EQ(object["host"], "alpha");
     EXPECT_EQ(object["transport"], "udp");
     EXPECT_EQ(object["protocol"], 6);
@@ -68,7 +68,7 @@ TEST_F(Veliactl, ContactOfAnOldDaemonTellsItsProtocol) {
     serve("option protocol 5\n");
     const auto outcome = veliactl({"contact", "--transport", "tcp", "-o", "json", "alpha"});
     EXPECT_EQ(outcome.status, DONE) << outcome.errors;
-    EXPECT_EQ(Json::parse(outcome.output)["protocol"], 5);
+    EXPECT_EQ(Json::parse(outcome.output)[0]["protocol"], 5);
 }
 
 TEST_F(Veliactl, ContactOfNobodyIsUnreachableAndSilentOnStandardOutput) {
@@ -183,7 +183,8 @@ TEST_F(Veliactl, FormComesFromTheEnvironmentAndTheSwitchBeatsIt) {
     EXPECT_EQ(by_switch.output.substr(0, 4), "HOST");
     const auto by_nonsense = veliactl({"contact", "alpha"}, {"VELIACTL_OUTPUT=xml"});
     EXPECT_EQ(by_nonsense.status, WRONG_USE);
-    EXPECT_THAT(by_nonsense.errors, StartsWith("veliactl: Error: VELIACTL_OUTPUT: must be plain, json or table"));
+    EXPECT_THAT(by_nonsense.errors,
+                StartsWith("veliactl: Error: VELIACTL_OUTPUT: must be plain, json, jsonl or table"));
 }
 
 TEST_F(Veliactl, FindStartsTheServerAndTellsItsAddress) {
@@ -191,7 +192,7 @@ TEST_F(Veliactl, FindStartsTheServerAndTellsItsAddress) {
     const auto outcome =
         veliactl({"server", "find", "alpha", "--prog", "0x5f5c8", "--proto", "tcp", "--output", "json"});
     EXPECT_EQ(outcome.status, DONE) << outcome.errors;
-    const auto object = Json::parse(outcome.output);
+    const auto object = Json::parse(outcome.output)[0];
     EXPECT_EQ(object["prog"], program);
     EXPECT_EQ(object["proto"], "tcp");
     EXPECT_EQ(daemon->started().size(), 1u);

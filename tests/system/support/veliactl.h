@@ -13,7 +13,11 @@ namespace velia::system_test {
 using Words = std::vector<std::string>;
 using Objects = std::vector<Json>;
 
+// Those of a document, which is an object or a list of them, or of lines with an object each.
 inline Objects objects_of(const std::string &output) {
+    const Json document = Json::parse(output);
+    if (document.is_valid())
+        return document.is_object() ? Objects{document} : document.items;
     Objects objects;
     std::istringstream lines(output);
     for (std::string line; std::getline(lines, line);)

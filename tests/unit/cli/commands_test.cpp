@@ -59,6 +59,17 @@ TEST_F(CommandTable, EveryCommandHasAnExampleOfItself) {
     }
 }
 
+TEST_F(CommandTable, EveryCommandThatPrintsResultsTellsOfTheirColumns) {
+    for (const auto &command : program.commands) {
+        EXPECT_EQ(command.output != nullptr, command.make != nullptr && command.has_common_options) << command.path;
+        std::set<std::string> names;
+        for (const auto &column : command.output != nullptr ? command.output->columns : std::span<const Column>()) {
+            EXPECT_STRNE(column.help, "") << command.path << ": " << column.name;
+            EXPECT_TRUE(names.insert(column.name).second) << command.path << ": " << column.name;
+        }
+    }
+}
+
 TEST_F(CommandTable, EveryOptionHasAHelpAndAValueATypeAndAPlaceNone) {
     each_option([](const Option &option) {
         EXPECT_STRNE(option.help, "");

@@ -243,9 +243,10 @@ TYPED_TEST(Completion, OffersWhatBeginsLikeTheWord) {
 }
 
 TYPED_TEST(Completion, OffersTheWordsThatAnOptionTakes) {
-    EXPECT_THAT(this->shell.offered({"contact", "--output", ""}), UnorderedElementsAre("plain", "json", "table"));
-    EXPECT_THAT(this->shell.offered({"contact", "-o", "j"}), ElementsAre("json"));
-    EXPECT_THAT(this->shell.offered({"contact", "--output=j"}), ElementsAre("json"));
+    EXPECT_THAT(this->shell.offered({"contact", "--output", ""}),
+                UnorderedElementsAre("plain", "json", "jsonl", "table"));
+    EXPECT_THAT(this->shell.offered({"contact", "-o", "j"}), ElementsAre("json", "jsonl"));
+    EXPECT_THAT(this->shell.offered({"contact", "--output=jsonl"}), ElementsAre("jsonl"));
     EXPECT_THAT(this->shell.offered({"server", "find", "a", "--proto", ""}), UnorderedElementsAre("udp", "tcp"));
     EXPECT_THAT(this->shell.offered({"contact", "--timeout", ""}), IsEmpty());
 }

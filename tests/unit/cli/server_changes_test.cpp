@@ -45,6 +45,6 @@ TEST(ServerChanges, AnotherProcessIsAnotherServerAndTheEndIsToldFirst) {
 }
 
 TEST(ServerChanges, AllColumnsHaveACell) {
-    EXPECT_EQ(server(1, "idle", 1).size(), server_columns.size());
-    EXPECT_EQ(server_columns[4], "state");
+    EXPECT_EQ(server(1, "idle", 1).size(), server_output.columns.size());
+    EXPECT_STREQ(server_output.columns[4].name, "state");
 }
