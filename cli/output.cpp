@@ -222,6 +222,8 @@ Cell time_cell(time_t time, const char *shown) {
 
 // Bytes that are no UTF-8 become the sign for what cannot be shown, so that it is JSON all the same.
 std::string json_text(const std::string &text) {
+    if (is_simple(text))
+        return "\"" + text + "\"";
     return without_controls(nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
 }
 

@@ -2,6 +2,7 @@
 // user has: results are the same for everybody.
 #include <cli/text.h>
 
+#include <algorithm>
 #include <climits>
 #include <clocale>
 #include <cwchar>
@@ -80,7 +81,13 @@ std::string escape_of(char byte) {
 
 } // namespace
 
+bool is_simple(const std::string &text) {
+    return std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7f && c != '\\' && c != '"'; });
+}
+
 std::string escaped(const std::string &text) {
+    if (is_simple(text))
+        return text;
     std::string shown;
     each_character(text, [&](const Character &character) {
         if (character.bytes == "\\")
@@ -95,6 +102,8 @@ std::string escaped(const std::string &text) {
 }
 
 size_t width_of(const std::string &text) {
+    if (is_simple(text))
+        return text.size();
     size_t width = 0;
     each_character(text, [&](const Character &character) {
         if (character.width != cannot_be_shown)

@@ -12,6 +12,10 @@ namespace velia::cli {
 // escapes can be undone.
 std::string escaped(const std::string &text);
 
+// It is shown as it is, byte by byte: printable ASCII without backslash and double quote. Most text is, and a long list
+// has much of it.
+bool is_simple(const std::string &text);
+
 // How many places of a line an escaped text takes.
 size_t width_of(const std::string &text);
 
