@@ -16,7 +16,6 @@ namespace velia::cli {
 namespace {
 
 constexpr Range timeout_range = {1, 3600 * 1000};
-constexpr const char *format_variable = "VELIACTL_OUTPUT";
 
 std::string fault_of_format(const std::string &name) {
     Format format;
@@ -33,19 +32,6 @@ std::string version_line() {
     return text;
 }
 
-// The environment has the default of --output, whatever the command; what it has is told as wrong if it is.
-bool settle_format(const std::string &given, Format &format) {
-    if (!given.empty())
-        return format_of_name(given, format); // checked with the command line
-    const char *name = std::getenv(format_variable);
-    if (name == nullptr || *name == '\0')
-        return true;
-    const std::string fault = fault_of_format(name);
-    if (!fault.empty())
-        std::cerr << "veliactl: Error: " << format_variable << ": " << fault << '\n';
-    return fault.empty() && format_of_name(name, format);
-}
-
 std::vector<Command> all_commands() {
     std::vector<Command> all;
     for (const Commands &rows :
@@ -60,7 +46,7 @@ Options common_options(CommonArguments &arguments) {
     return {
         {.name = "-o,--output",
          .type = "FORM",
-         .help = "form of the results: plain, json, jsonl or table (default plain, or what VELIACTL_OUTPUT says)",
+         .help = "form of the results: plain, json, jsonl or table (default plain)",
          .target = &arguments.format,
          .words = format_names,
          .fault = fault_of_format},
@@ -74,10 +60,20 @@ Options common_options(CommonArguments &arguments) {
     };
 }
 
+// What is given of it elsewhere, for all commands.
+std::string format_elsewhere(const Program &program) {
+    try {
+        for (const auto &source : program.sources)
+            if (const auto given = source("", program.common.front()); given && !given->values.empty())
+                return given->values[0];
+    } catch (const SourceFault &) { // is what the line is refused for, or will be
+    }
+    return "";
+}
+
 // The form that a line asks for, though it may be wrong in something else; the last one counts.
-std::string format_in(const std::vector<std::string> &words) {
-    const char *name = std::getenv(format_variable);
-    std::string format = name != nullptr ? name : "";
+std::string format_in(const Program &program, const std::vector<std::string> &words) {
+    std::string format = format_elsewhere(program);
     for (size_t i = 0; i < words.size(); ++i)
         for (const std::string option : {"--output", "-o"}) {
             const std::string attached = option == "-o" ? option : option + "=";
@@ -89,9 +85,10 @@ std::string format_in(const std::vector<std::string> &words) {
     return format;
 }
 
-int refuse(const std::vector<std::string> &words, const std::string &fault, const std::string &told) {
+int refuse(const Program &program, const std::vector<std::string> &words, const std::string &fault,
+           const std::string &told) {
     Format format = Format::plain;
-    format_of_name(format_in(words), format);
+    format_of_name(format_in(program, words), format);
     if (is_json(format)) {
         tell_in_json();
         tell_failure(TBS_ST_INVALID_ARG, "", "%s\n", fault.c_str());
@@ -103,13 +100,13 @@ int refuse(const std::vector<std::string> &words, const std::string &fault, cons
 
 int run_line(const std::vector<std::string> &words) {
     CommonArguments common;
+    const Program program = whole_program(common);
     std::ostringstream errors;
-    const Line line = parse(whole_program(common), words, std::cout, errors);
+    const Line line = parse(program, words, std::cout, errors);
     if (line.call == nullptr)
-        return line.status == exit_done ? exit_done : refuse(words, line.fault, errors.str());
+        return line.status == exit_done ? exit_done : refuse(program, words, line.fault, errors.str());
     Settings settings = {Format::plain, !common.leaves_headers_out, common.timeout};
-    if (!settle_format(common.format, settings.format))
-        return exit_usage;
+    format_of_name(common.format, settings.format); // checked by the parser
     if (is_json(settings.format))
         tell_in_json();
     return line.call->run(settings);
@@ -118,12 +115,15 @@ int run_line(const std::vector<std::string> &words) {
 } // namespace
 
 Program whole_program(CommonArguments &common) {
+    const auto commands = all_commands();
+    const auto options = common_options(common);
     return {"veliactl",
             "Asks and administers the services of a site.",
             version_line(),
-            all_commands(),
-            common_options(common),
-            std::max(columns_of_results().value_or(help_width_usual), help_width_least)};
+            commands,
+            options,
+            std::max(columns_of_results().value_or(help_width_usual), help_width_least),
+            {environment(), configuration_file(configuration_path(), commands, options)}};
 }
 
 int run(int argc, char **argv) {

@@ -24,7 +24,7 @@ extern const Commands completion_commands;
 
 // What the common options set.
 struct CommonArguments {
-    std::string format;
+    std::string format = "plain";
     bool leaves_headers_out = false;
     Duration timeout = Settings().timeout;
 };

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 #include <sstream>
 
 #include <CLI/CLI.hpp>
@@ -139,10 +140,84 @@ void add_answer(CLI::App &app, const Option &option, const std::function<std::st
         option.name, [answer] { throw CLI::CallForVersion(answer(), 0); }, option.help);
 }
 
+constexpr const char *elsewhere_flag = "--given-elsewhere"; // known to nobody; stands in front of every line
+
+bool is_given(const CLI::App &app, const std::string &name) {
+    const CLI::Option *option = app.get_option_no_throw(name);
+    return option != nullptr && option->count() > 0;
+}
+
+// The library heads a fault with the name of the option, which its origin tells already.
+std::string without_name(const std::string &fault, const Option &option) {
+    const std::string head = "--" + key_of(option) + ": ";
+    return fault.starts_with(head) ? fault.substr(head.size()) : fault;
+}
+
+// What is given elsewhere comes between the line and the defaults: it is handed on when the line has been read, and
+// nothing has been made of it yet.
+class Elsewhere {
+public:
+    Elsewhere(CLI::App &root, CLI::App &command, const char *path, Options options)
+        : root_(root), command_(command), path_(path), options_(std::move(options)) {
+        for (const auto &option : options_)
+            if (!option.is_place() && (is_given("--" + key_of(option))))
+                settle(option);
+    }
+
+    void take(const Source &source) {
+        const auto settled_before = settled_; // of a group a source may give one option too many, which is told
+        for (const auto &option : options_)
+            if (!option.is_place() && !settled_before.contains(key_of(option)) &&
+                (option.one_of == nullptr || !settled_before.contains(option.one_of)) &&
+                (option.needs == nullptr || is_given(option.needs)))
+                take(source, option);
+    }
+
+private:
+    bool is_given(const std::string &name) const { return cli::is_given(command_, name) || cli::is_given(root_, name); }
+    void settle(const Option &option) {
+        settled_.insert(key_of(option));
+        if (option.one_of != nullptr)
+            settled_.insert(option.one_of);
+    }
+    void take(const Source &source, const Option &option) {
+        const auto given = source(path_, option);
+        if (!given)
+            return;
+        settle(option);
+        try {
+            apply(option, given->values);
+        } catch (const CLI::Error &error) {
+            throw CLI::ValidationError(given->origin, without_name(error.what(), option));
+        }
+    }
+    void apply(const Option &option, const std::vector<std::string> &values) {
+        if (!std::holds_alternative<std::vector<std::string> *>(option.target) && values.size() != 1)
+            throw CLI::ValidationError("one value is wanted, not " + std::to_string(values.size()));
+        if (is_switch(option) && values[0] == "false")
+            return;
+        if (is_switch(option) && values[0] != "true")
+            throw CLI::ValidationError("'" + values[0] + "' is neither true nor false");
+        CLI::Option &added = *command_.get_option("--" + key_of(option));
+        for (const auto &value : values)
+            added.add_result(value);
+        if (!values.empty())
+            added.run_callback();
+    }
+
+    CLI::App &root_;
+    CLI::App &command_;
+    const char *path_;
+    Options options_;
+    std::set<std::string> settled_; // keys, and groups of which one is chosen
+};
+
 // The library's tree of one program, whose leaves have a call each.
 class Tree {
 public:
-    explicit Tree(const Program &program) : app_(program.help, program.name), help_width_(program.help_width) {
+    explicit Tree(const Program &program)
+        : app_(program.help, program.name), help_width_(program.help_width), common_(program.common),
+          sources_(program.sources) {
         app_.set_help_flag(help_option.name, help_option.help);
         app_.set_version_flag(version_option.name, program.version, version_option.help);
         app_.require_subcommand(1);
@@ -150,6 +225,7 @@ public:
         app_.failure_message([name = program.name](const CLI::App *, const CLI::Error &error) {
             return failure_text(name, error.what());
         });
+        app_.add_flag_callback(elsewhere_flag, [this] { take_elsewhere(); })->group("");
         add_options(app_, program.common);
         add_answer(app_, schema_option, [&program] { return schemas_of(program); });
         for (const auto &row : program.commands)
@@ -157,6 +233,7 @@ public:
     }
 
     Line parse(std::vector<std::string> words, std::ostream &out, std::ostream &errors) {
+        words.insert(words.begin(), elsewhere_flag);
         std::reverse(words.begin(), words.end()); // as the library wants them
         try {
             app_.parse(std::move(words));
@@ -184,10 +261,38 @@ private:
         if (row.output != nullptr)
             add_answer(command, schema_option, [row] { return schema_of(row); });
         command.callback([this, index = calls_.size() - 1] { chosen_ = index; });
+        leaves_[&command] = {row, calls_.size() - 1};
     }
+
+    // Only a command that is going to run wants it.
+    void take_elsewhere() {
+        CLI::App *command = &app_;
+        while (!command->get_subcommands().empty())
+            command = command->get_subcommands().front();
+        const auto leaf = leaves_.find(command);
+        if (leaf == leaves_.end() || is_given(*command, "--help") || is_given(*command, schema_option.name))
+            return;
+        const auto &[row, index] = leaf->second;
+        Elsewhere elsewhere(app_, *command, row.path,
+                            joined({calls_[index]->options(), row.has_common_options ? common_ : Options()}));
+        try {
+            for (const auto &source : sources_)
+                elsewhere.take(source);
+        } catch (const SourceFault &fault) {
+            throw CLI::ValidationError(fault.what());
+        }
+    }
+
+    struct Leaf {
+        Command row;
+        size_t index; // of its call
+    };
 
     CLI::App app_;
     size_t help_width_;
+    Options common_;
+    std::vector<Source> sources_;
+    std::map<const CLI::App *, Leaf> leaves_;
     std::vector<std::unique_ptr<Call>> calls_;
     size_t chosen_ = 0;
 };

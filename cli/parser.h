@@ -7,6 +7,7 @@
 #include <vector>
 
 #include <cli/command.h>
+#include <cli/given.h>
 #include <cli/wrap.h>
 
 namespace velia::cli {
@@ -24,6 +25,7 @@ struct Program {
     std::vector<Command> commands;
     Options common; // in front of a command, or behind one that has them
     size_t help_width = help_width_usual;
+    std::vector<Source> sources = {}; // of options that the line does not give; the first that knows decides
 };
 
 // What becomes of a line.

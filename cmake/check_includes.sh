@@ -40,7 +40,8 @@ refuse "$foundation_files" '(support|veliaxdr|rvzd|common|lib|server|cli|tests|r
     'the foundation stands below all else of ours' "$foundation"
 refuse server '(common|rvzd|lib|cli|tests)/' 'the daemon uses the public headers, as any outsider would, and the foundation' \
     "$foundation|common/require\.h"
-refuse cli '(common|rvzd|lib|server|tests)/' 'the tool uses the public headers, as any outsider would'
+refuse cli '(common|rvzd|lib|server|tests)/' 'the tool uses the public headers, as any outsider would, and the foundation' \
+    "$foundation"
 refuse samples '(common|rvzd|lib|server|cli|tests)/' 'samples use the public headers, as any outsider would'
 
 dear='a file that includes it takes ten seconds to compile'

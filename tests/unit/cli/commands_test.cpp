@@ -86,6 +86,15 @@ TEST_F(CommandTable, EveryNameStandsOnceInItsCommand) {
     }
 }
 
+TEST_F(CommandTable, EveryOptionHasANameThatAVariableAndAFileCanHave) {
+    each_option([](const Option &option) {
+        if (option.is_place())
+            return;
+        EXPECT_THAT(key_of(option), testing::MatchesRegex("[a-z][a-z-]*"));
+        EXPECT_THAT(variable_of(option), testing::MatchesRegex("VELIACTL_[A-Z][A-Z_]*"));
+    });
+}
+
 TEST_F(CommandTable, EveryDefaultIsWithinItsBounds) {
     each_option([](const Option &option) {
         if (!option.range || !option.shows_default)
