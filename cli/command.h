@@ -49,7 +49,8 @@ struct Option {
     const char *help = "";
     Target target = static_cast<bool *>(nullptr);
     std::optional<Range> range = std::nullopt;
-    Choices words = {}; // without a fault nothing else is taken
+    Choices words = {};      // without a fault nothing else is taken
+    Choices beginnings = {}; // a completion offers these, and the value goes on behind them
     Fault fault = nullptr;
     const char *needs = nullptr;  // another option, without which this one may not be given
     const char *one_of = nullptr; // the group of options of which exactly one is given
@@ -90,6 +91,7 @@ struct Command {
     std::unique_ptr<Call> (*make)() = nullptr;
     const Output *output = nullptr; // its results
     bool has_common_options = true; // --output and the others; false for what prints no results
+    bool is_hidden = false;         // from helps and completions: it is for scripts of our own
 };
 
 using Commands = std::span<const Command>;

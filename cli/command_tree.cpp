@@ -14,6 +14,8 @@ Value value_of(const Option &option) {
         return {};
     if (!option.words.empty())
         return {Value::Kind::words, {option.words.begin(), option.words.end()}};
+    if (!option.beginnings.empty())
+        return {Value::Kind::beginnings, {option.beginnings.begin(), option.beginnings.end()}};
     if (strcmp(name, "HOST") == 0)
         return {Value::Kind::hosts, {}};
     return {strcmp(name, "FILE") == 0 ? Value::Kind::files : Value::Kind::anything, {}};
@@ -67,6 +69,8 @@ CommandWords &command_of_path(std::vector<CommandWords> &commands, const std::st
 std::vector<CommandWords> words_of_program(const Program &program) {
     std::vector<CommandWords> commands = {words_of_root(program.common)};
     for (const auto &row : program.commands) {
+        if (row.is_hidden)
+            continue;
         const auto [group, name] = group_and_name(row);
         command_of_path(commands, group).subcommands.push_back({name, row.help});
         commands.push_back(words_of_command(row, program.common));

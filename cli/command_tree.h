@@ -10,9 +10,9 @@ namespace velia::cli {
 
 // What may stand where a value is wanted.
 struct Value {
-    enum class Kind { none, anything, words, files, hosts };
+    enum class Kind { none, anything, words, beginnings, files, hosts };
     Kind kind = Kind::none;
-    std::vector<std::string> words; // of Kind::words
+    std::vector<std::string> words; // of Kind::words and Kind::beginnings
 };
 
 struct OptionWords {

@@ -21,6 +21,7 @@ extern const Commands host_commands;
 extern const Commands time_zone_commands;
 extern const Commands pool_map_commands;
 extern const Commands completion_commands;
+extern const Commands complete_words_commands;
 
 // What the common options set.
 struct CommonArguments {

@@ -13,10 +13,14 @@ struct Arguments {
     std::string shell;
 };
 
-constexpr const char *shells[] = {"bash", "zsh"};
+constexpr const char *shells[] = {"bash", "zsh", "fish"};
 
 Options options_of(Arguments &arguments) {
-    return {{.name = "SHELL", .help = "bash or zsh", .target = &arguments.shell, .words = shells, .is_required = true}};
+    return {{.name = "SHELL",
+             .help = "bash, zsh or fish",
+             .target = &arguments.shell,
+             .words = shells,
+             .is_required = true}};
 }
 
 int print_script(const Arguments &arguments, const Settings &settings);
@@ -27,8 +31,9 @@ constexpr Command commands[] = {
      .help = "Print the script by which a shell completes these commands",
      .examples = {"source <(veliactl completion bash)",
                   "veliactl completion bash > ~/.local/share/bash-completion/completions/veliactl",
-                  "veliactl completion zsh > ~/.zfunc/_veliactl   # with ~/.zfunc in $fpath"},
-     .notes = "An installed package has both scripts where the shells look for them.\n",
+                  "veliactl completion zsh > ~/.zfunc/_veliactl   # with ~/.zfunc in $fpath",
+                  "veliactl completion fish > ~/.config/fish/completions/veliactl.fish"},
+     .notes = "An installed package has all of them where the shells look for them.\n",
      .make = call_of<print_script, options_of>,
      .has_common_options = false},
 };
@@ -36,7 +41,8 @@ constexpr Command commands[] = {
 int print_script(const Arguments &arguments, const Settings & /*settings*/) {
     CommonArguments common;
     const auto words = words_of_program(whole_program(common));
-    std::cout << (arguments.shell == "bash" ? bash_script(words) : zsh_script(words));
+    const auto script = arguments.shell == "bash" ? bash_script : arguments.shell == "zsh" ? zsh_script : fish_script;
+    std::cout << script(words);
     return exit_done;
 }
 

@@ -1,6 +1,10 @@
 // A script is two tables, written as cases of a shell function, and a fixed part that walks the words typed so far
-// through them. It does not run the program: completing must be quick, and work where nothing else does.
+// through them. It does not run the program but for the names of hosts: completing must be quick, and work where
+// nothing else does.
 #include <cli/completion.h>
+
+#include <algorithm>
+#include <cctype>
 
 #include <fmt/core.h>
 
@@ -10,9 +14,9 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-constexpr const char *bash_head = R"(# Completion of veliactl for bash, made by "veliactl completion bash".
-)";
-constexpr const char *bash_engine = R"(
+constexpr const char *bash_head = R"script(# Completion of veliactl for bash, made by "veliactl completion bash".
+)script";
+constexpr const char *bash_engine = R"script(
 # Joins what bash has cut at "=" and ":", and leaves the words up to the cursor in `typed`.
 _veliactl_join() {
     local word joins=''
@@ -64,7 +68,16 @@ _veliactl() {
         compopt -o filenames 2>/dev/null
         mapfile -t COMPREPLY < <(compgen -f -- "$current")
         ;;
-    hosts) mapfile -t COMPREPLY < <(compgen -A hostname -- "$current") ;;
+    hosts)
+        mapfile -t COMPREPLY < <({
+            compgen -A hostname -- "$current"
+            compgen -W "$(veliactl complete-words hosts 2>/dev/null)" -- "$current"
+        } | sort -u)
+        ;;
+    beginnings)
+        compopt -o nospace 2>/dev/null
+        mapfile -t COMPREPLY < <(compgen -W "$offered" -- "$current")
+        ;;
     *) mapfile -t COMPREPLY < <(compgen -W "$offered" -- "$current") ;;
     esac
     if [[ ${#COMPREPLY[@]} -eq 0 && -z $awaited && -z $current ]]; then
@@ -73,12 +86,12 @@ _veliactl() {
 }
 
 complete -F _veliactl veliactl
-)";
+)script";
 
-constexpr const char *zsh_head = R"(#compdef veliactl
+constexpr const char *zsh_head = R"script(#compdef veliactl
 # Completion of veliactl for zsh, made by "veliactl completion zsh".
-)";
-constexpr const char *zsh_engine = R"(
+)script";
+constexpr const char *zsh_engine = R"script(
 _veliactl() {
     local command='' awaited='' kind word
     local -i place=0 places=0 repeats=0
@@ -114,8 +127,12 @@ _veliactl() {
     fi
     case $kind in
     files) _files ;;
-    hosts) _hosts ;;
+    hosts)
+        compadd -- ${(f)"$(veliactl complete-words hosts 2>/dev/null)"}
+        _hosts
+        ;;
     words) compadd -- $offered ;;
+    beginnings) compadd -S '' -- $offered ;;
     *) [[ -n $awaited ]] || _describe -o option valued -- flags ;;
     esac
 }
@@ -125,7 +142,7 @@ if [[ $funcstack[1] == _veliactl ]]; then
 else
     compdef _veliactl veliactl
 fi
-)";
+)script";
 
 std::string quoted(const std::string &text) {
     std::string result = "'";
@@ -177,17 +194,13 @@ std::string value_case(const std::string &command, const Texts &names, const Val
     for (const auto &name : names)
         patterns.push_back(quoted(fmt::format("{}|{}", command, name)));
     const std::string pattern = joined(patterns, " | ");
-    switch (value.kind) {
-    case Value::Kind::words:
-        return fmt::format("    {}) kind=words offered={} ;;\n", pattern,
-                           fmt::format(fmt::runtime(words_form), joined(value.words, " ")));
-    case Value::Kind::files:
-        return fmt::format("    {}) kind=files ;;\n", pattern);
-    case Value::Kind::hosts:
-        return fmt::format("    {}) kind=hosts ;;\n", pattern);
-    default:
+    const char *kind = word_of_kind(value.kind);
+    if (kind == nullptr)
         return "";
-    }
+    if (value.words.empty())
+        return fmt::format("    {}) kind={} ;;\n", pattern, kind);
+    return fmt::format("    {}) kind={} offered={} ;;\n", pattern, kind,
+                       fmt::format(fmt::runtime(words_form), joined(value.words, " ")));
 }
 
 std::string value_cases(const std::vector<CommandWords> &commands, const std::string &words_form) {
@@ -204,6 +217,27 @@ std::string value_cases(const std::vector<CommandWords> &commands, const std::st
 }
 
 } // namespace
+
+const char *word_of_kind(Value::Kind kind) {
+    switch (kind) {
+    case Value::Kind::words:
+        return "words";
+    case Value::Kind::beginnings:
+        return "beginnings";
+    case Value::Kind::files:
+        return "files";
+    case Value::Kind::hosts:
+        return "hosts";
+    default:
+        return nullptr;
+    }
+}
+
+bool is_safe_word(const std::string &word) {
+    return !word.empty() && word[0] != '-' && std::all_of(word.begin(), word.end(), [](char c) {
+        return isalnum(static_cast<unsigned char>(c)) != 0 || c == '.' || c == '-' || c == '_' || c == ':';
+    });
+}
 
 std::string bash_script(const std::vector<CommandWords> &commands) {
     return bash_head + command_cases(commands, bash_list) + value_cases(commands, "'{}'") + bash_engine;

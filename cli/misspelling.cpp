@@ -41,7 +41,7 @@ std::string nearest(const std::string &word, const std::vector<std::string> &nam
 std::string fault_of_word(Commands commands, const std::string &group, const std::string &word) {
     std::vector<std::string> names;
     for (const auto &command : commands)
-        if (const auto path = group_and_name(command); path.group == group)
+        if (const auto path = group_and_name(command); path.group == group && !command.is_hidden)
             names.push_back(path.name);
     const std::string before = group.empty() ? "" : group + " ";
     const std::string meant = nearest(word, names);

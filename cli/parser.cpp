@@ -127,6 +127,8 @@ CLI::App &add_subcommand(CLI::App &program, const Command &row) {
     CLI::App *group = group_name.empty() ? &program : program.get_subcommand(group_name);
     CLI::App *command = group->add_subcommand(name, row.help);
     command->footer(foot_of(row));
+    if (row.is_hidden)
+        command->group("");
     return *command;
 }
 

@@ -28,6 +28,14 @@ struct ItemValue {
 std::optional<ItemValue> item_value_of(const std::string &word);
 std::string fault_of_item_value(const std::string &word);
 
+// "item:name=value" or "item:name" taken apart.
+struct Attribute {
+    uint32_t item = 0;
+    std::string name;
+    std::string value;
+};
+std::optional<Attribute> attribute_of(const std::string &word);
+
 // What a command looks for; all of a database if nothing is given.
 struct Search {
     std::string db;
@@ -46,6 +54,7 @@ Option registry_host_option(std::string &host);
 Option region_option(std::string &region);
 Option dry_run_option(bool &is_dry_run);
 Options ways_to_search(Search &search); // of which one is chosen
+Choices item_beginnings();              // "tag=" and the others
 
 // The host that was given, or the configured one; nothing, and told, when there is none.
 std::optional<std::string> settled_host(const std::string &given);

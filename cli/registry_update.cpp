@@ -27,6 +27,7 @@ Options addition_options(Addition &addition) {
         {.name = "ITEM=VALUE",
          .help = "items of the entry",
          .target = &addition.items,
+         .beginnings = item_beginnings(),
          .fault = fault_of_item_value,
          .is_required = true},
         registry_host_option(addition.host),

@@ -24,6 +24,7 @@ foreach(PAIR bash:veliactl zsh:_veliactl)
 endforeach()
 install(FILES ${CMAKE_BINARY_DIR}/cli/completion/veliactl DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 install(FILES ${CMAKE_BINARY_DIR}/cli/completion/_veliactl DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
+install(FILES ${CMAKE_BINARY_DIR}/cli/completion/veliactl.fish DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
 install(DIRECTORY include/veliaxdr include/support DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(EXPORT veliaxdrTargets NAMESPACE veliaxdr:: DESTINATION ${VELIA_CMAKE_DIR})
 

@@ -6,6 +6,7 @@
 using namespace velia::system_test;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::SizeIs;
 using testing::StartsWith;
 
@@ -96,15 +97,42 @@ TEST_F(VeliactlCompletion, ScriptsLoadInTheirShells) {
     } shells[] = {
         {"bash", "source \"$0\" && COMP_WORDS=(veliactl poolm) COMP_CWORD=1 && _veliactl && echo \"${COMPREPLY[@]}\""},
         {"zsh", "compdef() { print $2 }; source \"$0\" && whence _veliactl >/dev/null && print poolmap"},
+        {"fish", "source $argv[1]; and complete -C 'veliactl poolm'"},
     };
     for (const auto &[shell, command] : shells) {
         const auto script = veliactl({"completion", shell}, {"VELIACTL_OUTPUT=json"});
         EXPECT_EQ(script.status, DONE) << script.errors;
         const auto file = site.write("script", script.output);
-        const auto outcome = run_apart(site, {"/bin/" + std::string(shell), "-c", command, file});
+        const auto outcome =
+            run_apart(site, {"/usr/bin/" + std::string(shell), "-c", command, file}, {"HOME=" + site.path("")});
         EXPECT_EQ(outcome.status, 0) << outcome.errors;
         EXPECT_THAT(outcome.output, HasSubstr("poolmap")) << outcome.errors;
         EXPECT_THAT(outcome.errors, IsEmpty());
     }
-    EXPECT_EQ(veliactl({"completion", "fish"}).status, WRONG_USE);
+    EXPECT_EQ(veliactl({"completion", "tcsh"}).status, WRONG_USE);
+}
+
+TEST_F(VeliactlCompletion, OffersTheHostsThatTheRegistryKnows) {
+    site.write("host/priv/clients", "-dbversion=1.0;\n"
+                                    "-address=10.0.0.7;-hostname=build7;-registry=@1700000000;\n"
+                                    "-address=10.0.0.8;-hostname=$(reboot);-registry=@1700000000;\n");
+    serve_registry();
+    EXPECT_EQ(objects({"clients", "list", "alpha"}).size(), 2u);
+    const auto offered = veliactl({"complete-words", "hosts"});
+    EXPECT_EQ(offered.status, DONE);
+    EXPECT_THAT(offered.output, HasSubstr("alpha\n"));
+    EXPECT_THAT(offered.output, HasSubstr("build7\n"));
+    EXPECT_THAT(offered.output, Not(HasSubstr("reboot"))) << "which a shell would expand";
+    EXPECT_THAT(offered.errors, IsEmpty());
+}
+
+TEST_F(VeliactlCompletion, IsQuietWhereNoDaemonAnswers) {
+    site.write("host/config/rgy_hosts.conf", "nobody.invalid\n\n");
+    for (const char *hosts : {"nobody.invalid\n\n", "beta\n\n", "\n\n"}) {
+        site.write("host/config/rgy_hosts.conf", hosts);
+        const auto offered = veliactl({"complete-words", "hosts"});
+        EXPECT_EQ(offered.status, DONE);
+        EXPECT_THAT(offered.output, StartsWith("alpha\n"));
+        EXPECT_THAT(offered.errors, IsEmpty());
+    }
 }

@@ -125,11 +125,16 @@ private:
     std::filesystem::path folder_;
 };
 
+// The program itself, where a script asks it for what it cannot know.
+constexpr const char *stand_in =
+    R"(veliactl() { [[ "$*" == "complete-words hosts" ]] && printf '%s\n' live.host other; }
+)";
+
 class Bash : public Shell {
     std::string program() const override { return "bash --norc --noprofile"; }
     std::string script(const std::vector<CommandWords> &commands) const override { return bash_script(commands); }
     std::string prologue(const std::filesystem::path &script) const override {
-        return "set -u\nsource '" + script.string() +
+        return std::string("set -u\n") + stand_in + "source '" + script.string() +
                "'\nprint_end() { echo END; }\n"
                "complete -p veliactl >/dev/null || echo 'not registered'\n";
     }
@@ -154,10 +159,10 @@ class Zsh : public Shell {
     std::string program() const override { return "zsh -f"; }
     std::string script(const std::vector<CommandWords> &commands) const override { return zsh_script(commands); }
     std::string prologue(const std::filesystem::path &script) const override {
-        return R"(setopt extended_glob no_unset
+        return stand_in + std::string(R"(setopt extended_glob no_unset
 compdef() { :; }
 offer() { local word; for word in "$@"; do [[ $word == ${(b)PREFIX}* ]] && print -r -- $word; done; true; }
-compadd() { [[ $1 == -- ]] && shift; offer "$@"; }
+compadd() { [[ $1 == -S ]] && shift 2; [[ $1 == -- ]] && shift; offer "$@"; }
 compset() { PREFIX=${PREFIX#*=}; }
 _describe() {
     local name
@@ -168,7 +173,7 @@ _describe() {
 _files() { offer *; }
 _hosts() { offer a_host; }
 print_end() { print END; }
-source ')" + script.string() +
+source ')") + script.string() +
                "'\n";
     }
     std::string question(const Words &words) const override {
@@ -179,13 +184,30 @@ source ')" + script.string() +
     }
 };
 
+class Fish : public Shell {
+    std::string program() const override { return "fish --no-config"; }
+    std::string script(const std::vector<CommandWords> &commands) const override { return fish_script(commands); }
+    std::string prologue(const std::filesystem::path &script) const override {
+        return "function veliactl; test \"$argv\" = 'complete-words hosts'; and printf '%s\\n' live.host other; end\n"
+               "function print_end; echo END; end\nsource '" +
+               script.string() + "'\n";
+    }
+    // What it offers for an option it offers with the option's name before it.
+    std::string question(const Words &words) const override {
+        std::string line = "veliactl";
+        for (const auto &word : words)
+            line += " " + word;
+        return "complete -C '" + line + "' | string replace -r '\\t.*' '' | string replace -r '^--[a-z]+=' ''\n";
+    }
+};
+
 template <class ShellType>
 class Completion : public testing::Test {
 protected:
     ShellType shell;
 };
 
-using Shells = testing::Types<Bash, Zsh>;
+using Shells = testing::Types<Bash, Zsh, Fish>;
 TYPED_TEST_SUITE(Completion, Shells);
 
 // Every command of the tree, with the words that lead to it.
@@ -253,8 +275,30 @@ TYPED_TEST(Completion, OffersTheWordsThatAnOptionTakes) {
 
 TYPED_TEST(Completion, OffersTheWordsOfAPlaceInItsPlaceAlone) {
     EXPECT_THAT(this->shell.offered({"registry", "find", "vault"}), UnorderedElementsAre("vault_object", "vault_tag"));
-    EXPECT_THAT(this->shell.offered({"registry", "add", "regions", "vault"}), IsEmpty());
-    EXPECT_THAT(this->shell.offered({"completion", ""}), UnorderedElementsAre("bash", "zsh"));
+    EXPECT_THAT(this->shell.offered({"registry", "list", "regions", "vault"}), IsEmpty());
+    EXPECT_THAT(this->shell.offered({"completion", ""}), UnorderedElementsAre("bash", "zsh", "fish"));
+}
+
+TYPED_TEST(Completion, OffersTheItemsWithWhichAValueBegins) {
+    EXPECT_THAT(this->shell.offered({"registry", "add", "regions", "na"}), ElementsAre("name="));
+    EXPECT_THAT(this->shell.offered({"registry", "add", "regions", "name=east", "ti"}), ElementsAre("title="));
+    EXPECT_THAT(this->shell.offered({"registry", "find", "regions", "--string", "view_u"}), ElementsAre("view_uuid="));
+    EXPECT_THAT(this->shell.offered({"registry", "find", "regions", "--attr", "att"}), ElementsAre("attributes:"));
+}
+
+TYPED_TEST(Completion, OffersTheHostsThatTheProgramKnowsAtTheMoment) {
+    EXPECT_THAT(this->shell.offered({"contact", "liv"}), ElementsAre("live.host"));
+    EXPECT_THAT(this->shell.offered({"registry", "list", "regions", "--host", "oth"}), ElementsAre("other"));
+    EXPECT_THAT(this->shell.offered({"contact", "live.host", "oth"}), ElementsAre("other")) << "again and again";
+}
+
+TYPED_TEST(Completion, TakesTheCommonOptionsInFrontOfTheCommand) {
+    EXPECT_THAT(this->shell.offered({"--output", "json", "poolm"}), ElementsAre("poolmap"));
+    EXPECT_THAT(this->shell.offered({"--output", "tab"}), ElementsAre("table"));
+}
+
+TYPED_TEST(Completion, OffersNoCommandThatIsForScriptsAlone) {
+    EXPECT_THAT(this->shell.offered({"compl"}), ElementsAre("completion"));
 }
 
 TYPED_TEST(Completion, TakesTheValueOfAnOptionForNoCommandAndNoPlace) {
@@ -276,10 +320,18 @@ TEST(CompletionScripts, StandOnNoWordsOfTheirOwn) {
                              {{.path = "other", .help = "It's another's: help", .make = call_of<feel, mood_options>}},
                              {}};
     const auto commands = words_of_program(program);
-    for (const auto &script : {bash_script(commands), zsh_script(commands)}) {
+    for (const auto &script : {bash_script(commands), zsh_script(commands), fish_script(commands)}) {
         EXPECT_THAT(script, testing::HasSubstr("other"));
         EXPECT_THAT(script, testing::Not(testing::HasSubstr("registry")));
     }
     EXPECT_THAT(zsh_script(commands), testing::HasSubstr("'--mood:a mood'"));
     EXPECT_THAT(zsh_script(commands), testing::HasSubstr(R"('other:It'\''s another'\''s: help')"));
+    EXPECT_THAT(fish_script(commands), testing::HasSubstr(R"('other'\t'It\'s another\'s: help')"));
+}
+
+TEST(CompletionScripts, AreHandedNoWordThatAShellWouldExpand) {
+    for (const char *word : {"alpha", "build-7.example.org", "fd00::1", "a_b"})
+        EXPECT_TRUE(is_safe_word(word)) << word;
+    for (const char *word : {"", "-rf", "a b", "$(reboot)", "`x`", "a;b", "a*", "~", "a\nb", "{a,b}", "\xc3\xa4"})
+        EXPECT_FALSE(is_safe_word(word)) << word;
 }
