@@ -14,6 +14,7 @@ namespace velia::cli {
 namespace {
 
 constexpr int year_base = 1900;
+constexpr time_t minutes_a_day = 24 * 60;
 
 struct Arguments {
     int32_t year = 0;
@@ -44,11 +45,14 @@ constexpr Command commands[] = {
 
 // A zone without daylight time has a rule all the same, whose date is all zeros; and a peer may send anything.
 bool is_date(const clnt_tz_date_t &date) {
-    return date.mday >= 1 && date.mday <= 31 && date.month >= 0 && date.month < 12;
+    const auto is_within = [](int32_t value, int32_t least, int32_t most) { return value >= least && value <= most; };
+    return is_within(date.year, -year_base, 9999 - year_base) && is_within(date.month, 0, 11) &&
+           is_within(date.mday, 1, 31) && is_within(date.hour, 0, 24) && is_within(date.min, 0, 59) &&
+           is_within(date.sec, 0, 60);
 }
 
 Cell date_cell(const clnt_tz_date_t &date, bool is_known, time_t minutes_west) {
-    if (!is_known || !is_date(date))
+    if (!is_known || !is_date(date) || minutes_west <= -minutes_a_day || minutes_west >= minutes_a_day)
         return {};
     tm parts = {};
     parts.tm_year = date.year;
@@ -57,9 +61,9 @@ Cell date_cell(const clnt_tz_date_t &date, bool is_known, time_t minutes_west) {
     parts.tm_hour = date.hour;
     parts.tm_min = date.min;
     parts.tm_sec = date.sec;
-    return Cell::told(iso_time(parts, static_cast<int>(-minutes_west)),
-                      fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}", date.year + year_base, date.month + 1,
-                                  date.mday, date.hour, date.min, date.sec));
+    const std::string shown = fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}", date.year + year_base, date.month + 1,
+                                          date.mday, date.hour, date.min, date.sec);
+    return Cell::told(iso_time(parts, static_cast<int>(-minutes_west)), shown);
 }
 
 int print_own_zone(const Arguments &arguments, const Settings &settings) {
@@ -81,12 +85,16 @@ const Output zone_output = {Output::Shape::one, columns};
 
 void print_zone(const clnt_tz_info_t &info, int32_t year, const Settings &settings) {
     const auto knows = [&](uint32_t flag) { return (info.flags & flag) != 0; };
+    const auto minutes_west = [](time_t standard, time_t bias) {
+        time_t sum = 0;
+        return __builtin_add_overflow(standard, bias, &sum) ? minutes_a_day : sum;
+    };
     Results results(zone_output, settings);
     results.add({year, knows(CLNT_TZ_ST_NAME) ? Cell(info.st_name) : Cell(),
                  knows(CLNT_TZ_DT_NAME) && info.dt_name[0] != '\0' ? Cell(info.dt_name) : Cell(),
                  knows(CLNT_TZ_OFFSET) ? Cell(info.offset) : Cell(), knows(CLNT_TZ_BIAS) ? Cell(info.bias) : Cell(),
                  date_cell(info.dt_trans, knows(CLNT_TZ_DT_TRANS), info.offset),
-                 date_cell(info.st_trans, knows(CLNT_TZ_ST_TRANS), info.offset + info.bias)});
+                 date_cell(info.st_trans, knows(CLNT_TZ_ST_TRANS), minutes_west(info.offset, info.bias))});
     results.finish();
 }
 
