@@ -40,7 +40,8 @@ struct Failure {
     std::string host;
 };
 
-thread_local Failure failure; // that is being told
+// That is being told. Messages come until the very end of the process, when no object of this thread is left.
+thread_local const Failure *current = nullptr;
 bool in_json = false;
 
 const char *name_of_severity(int severity) {
@@ -72,10 +73,12 @@ std::string without_line_feeds(std::string text) {
 // One write a message, so that those of several threads do not mix.
 void write_object(void * /*context*/, int severity, const char * /*subsystem*/, const imsg_table_t * /*table*/,
                   int /*index*/, const char *text) {
-    const std::string host = failure.host.empty() ? "null" : json_text(failure.host);
+    const bool has_host = current != nullptr && !current->host.empty();
+    const std::string host = has_host ? json_text(current->host) : "null";
+    const tbs_status_t status = current != nullptr ? current->status : tbs_status_t{TBS_ST_OK};
     std::cerr << R"({"severity":")" + std::string(name_of_severity(severity)) + R"(","message":)" +
-                     json_text(without_line_feeds(text)) + R"(,"status":)" + json_of_status(failure.status) +
-                     R"(,"host":)" + host + "}\n";
+                     json_text(without_line_feeds(text)) + R"(,"status":)" + json_of_status(status) + R"(,"host":)" +
+                     host + "}\n";
 }
 
 std::string formatted(const char *format, va_list arguments) {
@@ -108,9 +111,10 @@ void tell_failure(tbs_status_t status, const std::string &host, const char *form
 }
 
 void tell_failure_by(tbs_status_t status, const std::string &host, const std::function<void()> &tell) {
-    failure = {status, host};
+    const Failure failure = {status, host};
+    current = &failure;
     tell();
-    failure = {};
+    current = nullptr;
 }
 
 std::string name_of_status(tbs_status_t status) {

@@ -142,6 +142,9 @@ void add_answer(CLI::App &app, const Option &option, const std::function<std::st
         option.name, [answer] { throw CLI::CallForVersion(answer(), 0); }, option.help);
 }
 
+constexpr const char *elsewhere_help =
+    "Every option can be given by a variable, too, as VELIACTL_OUTPUT, or in veliactl.toml; the line decides, then the "
+    "variable, then the file.\n\n";
 constexpr const char *elsewhere_flag = "--given-elsewhere"; // known to nobody; stands in front of every line
 
 bool is_given(const CLI::App &app, const std::string &name) {
@@ -223,7 +226,7 @@ public:
         app_.set_help_flag(help_option.name, help_option.help);
         app_.set_version_flag(version_option.name, program.version, version_option.help);
         app_.require_subcommand(1);
-        app_.footer(exit_status_help);
+        app_.footer(std::string(elsewhere_help) + exit_status_help);
         app_.failure_message([name = program.name](const CLI::App *, const CLI::Error &error) {
             return failure_text(name, error.what());
         });

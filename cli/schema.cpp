@@ -15,6 +15,10 @@ struct TypeWords {
     const char *further; // members of its schema
 };
 
+constexpr const char *quoting_rule =
+    "In plain and table a value with a blank or a double quote stands in double quotes; in a list also one with a "
+    "comma, as an item (name=value) also one with an equal sign.\n";
+
 constexpr const char *attribute_schema = R"("additionalProperties":{"type":["string","boolean","array"]})";
 constexpr const char *item_schema = R"("additionalProperties":{"type":["string","object","array"]})";
 
@@ -74,7 +78,7 @@ std::string help_of_results(const Command &command) {
             fmt::format("  {:<{}}{}{}{}\n", head, head.size() < name_width ? name_width : head.size() + 2, column.help,
                         column.needs != nullptr ? "; with " : "", column.needs != nullptr ? column.needs : "");
     }
-    return help + "\n";
+    return help + "\n" + quoting_rule + "\n";
 }
 
 std::string schema_of(const Command &command) {

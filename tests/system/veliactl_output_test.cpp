@@ -1,6 +1,7 @@
 // What becomes of the results: that they are lost is told, and nothing else stands among them.
 #include <tests/system/support/veliactl.h>
 
+#include <algorithm>
 #include <array>
 
 #include <gmock/gmock.h>
@@ -154,6 +155,21 @@ TEST_F(VeliactlOutput, OfAChangeThatCannotBeWrittenIsToldOnStandardError) {
         EXPECT_THAT(outcome.errors, HasSubstr("This has been done all the same:\n"));
         EXPECT_THAT(outcome.errors, HasSubstr(told));
     }
+}
+
+TEST_F(VeliactlOutput, OfChangesThatCannotBeWrittenIsToldInJsonWhereThatIsAskedFor) {
+    serve_all();
+    for (const char *name : {"name=north", "name=south"})
+        ASSERT_EQ(veliactl({"registry", "add", "regions", "title=both", name}).status, DONE);
+    const auto outcome =
+        veliactl_into(pipe.redirection(), {"registry", "remove", "regions", "--string", "title=both", "-o", "json"});
+    EXPECT_EQ(outcome.status, FAILED);
+    const auto told = objects_of(outcome.errors);
+    const auto removed =
+        std::count_if(told.begin(), told.end(), [](const Json &object) { return object["action"] == "removed"; });
+    EXPECT_EQ(removed, 2) << outcome.errors;
+    for (const auto &object : told)
+        EXPECT_TRUE(object.is_object()) << outcome.errors;
 }
 
 TEST_F(VeliactlOutput, OfWhatWasOnlyLookedAtIsNoChange) {

@@ -47,7 +47,10 @@ public:
         child_ = std::make_unique<Child>(words, options);
         fd_ = open(pipe.c_str(), O_RDONLY | O_CLOEXEC); // waits for the child
     }
-    ~Listing() { close(fd_); }
+    ~Listing() {
+        if (fd_ >= 0)
+            close(fd_);
+    }
     Listing(const Listing &) = delete;
     Listing &operator=(const Listing &) = delete;
 
@@ -60,6 +63,11 @@ public:
     int end() {
         while (read_some())
             ;
+        return child_->wait();
+    }
+    int end_unread() {
+        close(fd_);
+        fd_ = -1;
         return child_->wait();
     }
     // The most memory that it has had in use.
@@ -122,6 +130,16 @@ TEST_F(VeliactlStream, OfTenTimesAsManyEntriesTakesTheSameMemory) {
     fill_registry(site, RGY_DB_REGIONS, many - few);
     for (const auto &[form, peak] : peaks)
         EXPECT_LT(peak_kib_of_listing(form.c_str(), many), peak + growth_max_kib) << form;
+}
+
+TEST_F(VeliactlStream, EndsWhenItsReaderGoes) {
+    fill_registry(site, RGY_DB_REGIONS, few);
+    for (const char *form : forms) {
+        Listing listing(site, form);
+        ASSERT_TRUE(listing.read_lines(10)) << listing.errors();
+        EXPECT_EQ(listing.end_unread(), FAILED);
+        EXPECT_THAT(listing.errors(), HasSubstr("Standard output cannot be written: Broken pipe"));
+    }
 }
 
 TEST_F(VeliactlStream, ThatBreaksOffShowsWhatCameAndFails) {

@@ -255,6 +255,12 @@ TEST_F(Veliactl, CommonOptionsStandInFrontOfTheCommandOrBehindIt) {
               behind.output);
 }
 
+TEST_F(Veliactl, HelpTellsWhereElseOptionsComeFrom) {
+    const auto help = veliactl({"--help"}).output;
+    EXPECT_THAT(help, HasSubstr("VELIACTL_OUTPUT"));
+    EXPECT_THAT(help, HasSubstr("veliactl.toml"));
+}
+
 TEST_F(Veliactl, HelpIsAsWideAsTheTerminal) {
     const auto widest = [](const std::string &text) {
         size_t most = 0;
@@ -282,6 +288,7 @@ TEST_F(Veliactl, HelpHasExamplesAndTheExitStatuses) {
         EXPECT_EQ(outcome.status, DONE);
         EXPECT_THAT(outcome.output, HasSubstr("Examples:"));
         EXPECT_THAT(outcome.output, HasSubstr("0 done, 1 failed, 2 wrong use, 3 peer unreachable"));
+        EXPECT_THAT(outcome.output, HasSubstr("a value with a blank or a double quote stands in double"));
         for (const char *option : {"--output", "--timeout", "--no-headers"})
             EXPECT_THAT(outcome.output, HasSubstr(option));
     }
