@@ -76,6 +76,11 @@ struct VeliactlSchema : VeliactlTest {
         words.insert(words.end(), line.arguments.begin(), line.arguments.end());
         return words;
     }
+    static void expect_objects(const std::string &errors) {
+        std::istringstream lines(errors);
+        for (std::string line; std::getline(lines, line);)
+            EXPECT_TRUE(Json::parse(line)["message"].is_valid()) << line;
+    }
     Json schemas() const { return Json::parse(veliactl({"--schema"}).output); }
 
     // What is on standard error, each line as an object.
@@ -116,6 +121,7 @@ TEST_F(VeliactlSchema, IsKeptByTheResultsOfEveryCommand) {
         EXPECT_GT(document.size(), 0u) << line.path << " has nothing to tell";
         for (const auto &object : objects_of(outcome.output))
             dated_count += is_dated(object) ? 1 : 0;
+        expect_objects(outcome.errors);
     }
     for (const auto &name : all.names)
         EXPECT_TRUE(paths.contains(name)) << "no line of this test is for " << name;
