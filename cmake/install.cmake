@@ -10,7 +10,7 @@ install(TARGETS velia-sample-server DESTINATION ${CMAKE_INSTALL_LIBEXECDIR})
 install(FILES samples/echo_server.c DESTINATION ${CMAKE_INSTALL_DATADIR}/veliaxdr/samples)
 
 # The completion scripts are what the tool prints; where it alone was built, they are made now.
-foreach(PAIR bash:veliactl zsh:_veliactl)
+foreach(PAIR bash:veliactl zsh:_veliactl fish:veliactl.fish)
   string(REPLACE ":" ";" PAIR ${PAIR})
   list(GET PAIR 0 SHELL)
   list(GET PAIR 1 NAME)
