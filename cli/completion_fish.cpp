@@ -127,7 +127,7 @@ std::string value_case(const std::string &command, const Texts &names, const Val
         return "";
     std::string patterns;
     for (const auto &name : names)
-        patterns += " " + quoted(command + "|" + name);
+        patterns += fmt::format(" {}", quoted(fmt::format("{}|{}", command, name)));
     std::string words;
     for (const auto &word : value.words)
         words += " " + quoted(word);

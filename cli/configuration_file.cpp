@@ -52,7 +52,7 @@ public:
             fail(place_, "'" + std::string(cursor_.rest()) + "' is too much");
     }
     std::string take_name() {
-        const std::string name = take_while(is_name_letter);
+        std::string name = take_while(is_name_letter);
         if (name.empty())
             fail(place_, "a name is missing at '" + std::string(cursor_.rest()) + "'");
         skip_blanks();
@@ -83,7 +83,7 @@ private:
         return value;
     }
     std::string take_literal() {
-        const std::string text(cursor_.take_until('\''));
+        std::string text(cursor_.take_until('\''));
         if (!cursor_.consume("'"))
             fail(place_, "a text is not closed");
         return text;
@@ -107,7 +107,7 @@ private:
         return meanings[which];
     }
     std::string take_word() {
-        const std::string word = take_while([](char c) { return is_name_letter(c) || c == '.' || c == '+'; });
+        std::string word = take_while([](char c) { return is_name_letter(c) || c == '.' || c == '+'; });
         const bool is_number =
             !word.empty() && (isdigit(static_cast<unsigned char>(word[0])) != 0 || word.find_first_of("+-.") == 0);
         if (word != "true" && word != "false" && !is_number)

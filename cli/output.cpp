@@ -90,7 +90,7 @@ constexpr const char *ends_in_item = " \",=";
 std::string text_of_value(const std::string &value, const char *ends) {
     if (value.empty())
         return "-";
-    const std::string text = escaped(value);
+    std::string text = escaped(value);
     if (value != "-" && value.find_first_of(ends) == std::string::npos)
         return text;
     std::string quoted;
