@@ -191,7 +191,7 @@ std::string registry_of(const std::string &given) {
     char *host = nullptr;
     if (!given.empty() || rgy_get_server_host_sil(1, 0, &host) != TBS_ST_OK)
         return given;
-    const std::string configured = host;
+    std::string configured = host;
     stg_free(host);
     return configured;
 }

@@ -1,6 +1,7 @@
 // The registry's names on a command line: databases, items, and the options that several commands have.
 #include <cli/registry.h>
 
+#include <algorithm>
 #include <array>
 
 #include <veliaxdr/rgy_site.h>
@@ -112,9 +113,8 @@ Choices item_beginnings() {
         return all;
     }();
     static const auto beginnings = [] {
-        std::vector<const char *> all;
-        for (const auto &text : texts)
-            all.push_back(text.c_str());
+        std::vector<const char *> all(texts.size());
+        std::transform(texts.begin(), texts.end(), all.begin(), [](const auto &text) { return text.c_str(); });
         return all;
     }();
     return beginnings;
