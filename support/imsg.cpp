@@ -16,6 +16,7 @@
 #include <support/pfm.h>
 #include <support/stg.h>
 
+#include "forked_locks.h"
 #include "imsg_internal.h"
 
 namespace {
@@ -31,6 +32,11 @@ int log_descriptor = -1;
 bool is_inside_a_line; // the log, or without one standard error, after its last message
 imsg_sink_t message_sink;
 void *sink_context;
+
+void lock_printer() {
+    velia::support::free_in_children(printer_lock);
+    pthread_mutex_lock(&printer_lock);
+}
 
 // How a severity is shown.
 struct Heading {
@@ -227,7 +233,7 @@ void velia::support::print_message(int severity, const char *subsystem, const vo
     if (message_sink != nullptr) {
         message_sink(sink_context, severity, subsystem, table_of(table_or_format, index), index, text.bytes);
     } else {
-        pthread_mutex_lock(&printer_lock);
+        lock_printer();
         write_message(severity, origin, text);
         pthread_mutex_unlock(&printer_lock);
     }
@@ -293,7 +299,7 @@ const char *imsg_strerror(int error_number) {
 }
 
 void imsg_set_app_name(const char *name) {
-    pthread_mutex_lock(&printer_lock);
+    lock_printer();
     snprintf(app_name, sizeof app_name, "%s", name != nullptr ? name : "");
     pthread_mutex_unlock(&printer_lock);
 }
@@ -304,7 +310,7 @@ int imsg_init_daemon(const char *log_path) {
     const int opened = open(log_path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, log_mode);
     if (opened < 0)
         return errno;
-    pthread_mutex_lock(&printer_lock);
+    lock_printer();
     if (log_descriptor < 0) {
         log_descriptor = opened;
     } else {

@@ -12,6 +12,8 @@
 
 #include <support/pfm.h>
 
+#include "forked_locks.h"
+
 namespace {
 
 constexpr char verbosity_variable[] = "VELIA_VERBOSITY";
@@ -148,6 +150,7 @@ void print_faults(const Fault *taken, size_t count) {
 template <class Body>
 auto with_trace_lock(Body &&body) {
     Fault taken[fault_count_max];
+    velia::support::free_in_children(trace_lock);
     pthread_mutex_lock(&trace_lock);
     read_environment();
     const auto result = body();

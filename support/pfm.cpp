@@ -9,6 +9,8 @@
 
 #include <support/imsg.h>
 
+#include "forked_locks.h"
+
 namespace {
 
 struct ThreadState {
@@ -30,6 +32,7 @@ ExitAction *newest_exit_action;
 bool exit_runner_registered;
 
 ExitAction *take_newest_exit_action() {
+    velia::support::free_in_children(exit_lock);
     pthread_mutex_lock(&exit_lock);
     ExitAction *action = newest_exit_action;
     if (action != nullptr)
@@ -125,6 +128,7 @@ void pfm_on_exit(void (*function)(void *), void *argument) {
         imsg_print(IMSG_ERROR, "no memory to register an action for the end of the process\n", IMSG_FORMAT);
         return;
     }
+    velia::support::free_in_children(exit_lock);
     pthread_mutex_lock(&exit_lock);
     *action = {newest_exit_action, function, argument};
     newest_exit_action = action;

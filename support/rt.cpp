@@ -15,6 +15,8 @@
 
 #include <support/pfm.h>
 
+#include "forked_locks.h"
+
 namespace {
 
 // What the loop's thread has yet to do with an event.
@@ -55,7 +57,10 @@ int raised_code; // of the loop's thread
 
 class Locked {
 public:
-    Locked() { pthread_mutex_lock(&lock); }
+    Locked() {
+        velia::support::free_in_children(lock);
+        pthread_mutex_lock(&lock);
+    }
     ~Locked() { pthread_mutex_unlock(&lock); }
     Locked(const Locked &) = delete;
     Locked &operator=(const Locked &) = delete;

@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <pty.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
@@ -241,6 +242,33 @@ TEST(TraceEnvironmentDeathTest, IsReadAtTheFirstQuestion) {
     EXPECT_EXIT(
         exit(imsg_get_desired_verbosity() * 10 + imsg_should_trace("clnt_list", 4) + imsg_should_trace("registry", 1)),
         testing::ExitedWithCode(41), "");
+}
+
+// A thread is held up in the middle of a message by a pipe that nobody reads.
+TEST(Message, OfAChildDoesNotWaitForAThreadOfItsParent) {
+    const pid_t parent = fork();
+    if (parent == 0) {
+        int ends[2];
+        if (pipe(ends) != 0 || dup2(ends[1], STDERR_FILENO) < 0)
+            _exit(1);
+        const std::string long_text(1 << 20, 'x');
+        std::thread([&] { imsg_print(IMSG_ERROR, "%s\n", IMSG_FORMAT, long_text.c_str()); }).detach();
+        for (int unread = 0; unread < fcntl(ends[1], F_GETPIPE_SZ);)
+            ioctl(ends[0], FIONREAD, &unread);
+        const pid_t child = fork();
+        if (child == 0) {
+            alarm(10);
+            dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
+            imsg_print(IMSG_ERROR, "of the child\n", IMSG_FORMAT);
+            _exit(0);
+        }
+        int status = -1;
+        waitpid(child, &status, 0);
+        _exit(status == 0 ? 0 : 1);
+    }
+    int status = -1;
+    waitpid(parent, &status, 0);
+    EXPECT_EQ(status, 0);
 }
 
 TEST(DaemonLog, AnErrorBeginsALineWhateverTheTextBeforeItLeftOpen) {
