@@ -13,13 +13,14 @@ import os
 import random
 import re
 import resource
+import select
 import shlex
 import subprocess
 import sys
 import tempfile
 import threading
 
-TEST_SECONDS = 60  # the slowest program of tests takes a quarter of that
+SILENT_SECONDS = 60  # in which not one more test ends: they take a second at most
 CPU_SECONDS = 10  # of one test's process: a loop without an end is noticed
 PROGRAMS = ["library_tests", "wire_tests"]
 
@@ -134,15 +135,19 @@ def limit():
 def tests_pass(program, folder, tests="*"):
     """True, or the name of the test that failed, or "no end"."""
     process = subprocess.Popen([program, "--gtest_fail_fast", "--gtest_filter=" + tests], cwd=folder,
-                               preexec_fn=limit, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-                               errors="replace")
-    try:
-        said, _ = process.communicate(timeout=TEST_SECONDS)
-    except subprocess.TimeoutExpired:
-        os.killpg(process.pid, 9)
-        process.communicate()
-        return "no end"
-    if process.returncode == 0:
+                               preexec_fn=limit, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    said = b""
+    while True:
+        if not select.select([process.stdout], [], [], SILENT_SECONDS)[0]:
+            os.killpg(process.pid, 9)
+            break
+        piece = os.read(process.stdout.fileno(), 1 << 16)
+        if not piece:
+            break
+        said += piece
+    process.stdout.close()
+    said = said.decode(errors="replace")
+    if process.wait() == 0:
         return True
     failed = re.findall(r"^\[  FAILED  \] ([^ ,]+\.[^ ,]+)$", said, re.M)
     return failed[-1] if failed else "no end"
@@ -234,6 +239,8 @@ def main():
                     survivors.append(change.key(files[change.path]))
                     print(change.told(files[change.path]), flush=True)
                 judged = counts["noticed"] + counts["survived"]
+                if judged and judged % 50 == 0:
+                    print(f"... {judged} tried, {counts['survived']} not noticed", file=sys.stderr, flush=True)
                 if judged + len(running) < count:
                     running.add(pool.submit(next_verdict))
     judged = counts["noticed"] + counts["survived"]
