@@ -38,7 +38,7 @@ typedef struct rvzd_cached_handle rvzd_cached_handle_t;
 typedef struct rvzd_handle {
     rvzd_cached_handle_t *cached; /* owned by the cache */
     int64_t tv_sec;               /* time-out of each call made through this handle; the caller may change it */
-    int64_t tv_usec;              /* always 0 */
+    int64_t tv_usec;              /* 0, and added to it; the caller may change it, too */
 } rvzd_handle_t;
 
 enum { RVZD_SERVER_ADDRS_MAX = 2 };
