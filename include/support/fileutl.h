@@ -54,11 +54,11 @@ int fileutl_exists(const char *path, int reserved);
 int fileutl_stat(const char *path, int follow, struct stat *result);
 
 /*
- * Rename or move a file over another, and put the new name on disk; copy a regular file with its permissions, by way of a new file in the same
- * directory that takes the place of `to` at the end; remove a file. `flags` is FILEUTL_QUIET or 0. Return 0, or the
- * errno value, which errno holds, too: EFBIG for a copy of more than FILEUTL_COPY_MAX bytes, EINVAL for one of
- * what is no regular file, which is never waited for. Without FILEUTL_QUIET a failed copy or removal is printed as an
- * error.
+ * Rename or move a file over another, and put the new name on disk; copy a regular file with its permissions, by way of
+ * a new file in the same directory that takes the place of `to` at the end; remove a file. `flags` is FILEUTL_QUIET or
+ * 0. Return 0, or the errno value, which errno holds, too: EFBIG for a copy of more than FILEUTL_COPY_MAX bytes, EINVAL
+ * for one of what is no regular file, which is never waited for. Without FILEUTL_QUIET a failed copy or removal is
+ * printed as an error.
  */
 int fileutl_rename(const char *from, const char *to);
 int fileutl_cp(const char *from, const char *to, int flags);

@@ -120,8 +120,8 @@ char *strutl_read(int file_count, const char *path, int reserved, int as_one_tex
 
 /*
  * Makes `text` the contents of the file `path`, which is made if need be and else rewritten in place, with nothing
- * added, and puts it on disk. 0, or the errno value, which errno holds, too: ENXIO for a pipe that nobody reads from. `reserved1` and
- * `reserved2` are 0.
+ * added, and puts it on disk. 0, or the errno value, which errno holds, too: ENXIO for a pipe that nobody reads from.
+ * `reserved1` and `reserved2` are 0.
  */
 int strutl_write(const char *text, const char *path, int reserved1, int reserved2);
 
