@@ -14,7 +14,7 @@ size_t is_registered;
 void free_all_in_child() {
     for (pthread_mutex_t *lock : locks)
         if (lock != nullptr)
-            *lock = PTHREAD_MUTEX_INITIALIZER;
+            pthread_mutex_init(lock, nullptr);
 }
 
 } // namespace

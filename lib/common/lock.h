@@ -48,12 +48,12 @@ inline void take(Lock<rank> lock) {
 template <LockRank rank>
 inline bool try_take(Lock<rank> lock) {
     watch_at_forks(lock.watch);
-    if (ivlthread_mutex_trylock(&lock.mutex) == 0)
-        return false;
+    const bool is_taken = ivlthread_mutex_trylock(&lock.mutex) != 0;
 #ifdef VELIA_CHECK_INVARIANTS
-    note_taken(lock.mutex, rank);
+    if (is_taken)
+        note_taken(lock.mutex, rank);
 #endif
-    return true;
+    return is_taken;
 }
 
 template <LockRank rank>
