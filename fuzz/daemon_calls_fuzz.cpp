@@ -23,6 +23,9 @@ public:
     void cut_lifeline(int32_t) override {}
     int kill_now(int32_t) override { return 0; }
     bool exists(int32_t pid) override { return pid % 2 == 0; }
+    bool waits_for_calls(int32_t /*pid*/, const std::vector<ServedPort> & /*ports*/, int64_t age_ms) override {
+        return age_ms % 2 == 0;
+    }
 
 private:
     bool can_launch_;
