@@ -5,6 +5,10 @@
 
 #include <rvzd/client/rvzd_clnt/port_rules.cpp>
 
+// The library's own are hidden in it; nothing forks here.
+void velia::begin_to_watch(ForkWatch & /*watch*/) {}
+ForkWatch velia::rvzd_clnt::call_lock_watch = {rvzd_call_lock, [] {}};
+
 namespace {
 
 void forget_rules() {
