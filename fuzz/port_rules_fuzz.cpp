@@ -7,7 +7,7 @@
 
 // The library's own are hidden in it; nothing forks here.
 void velia::begin_to_watch(ForkWatch & /*watch*/) {}
-ForkWatch velia::rvzd_clnt::call_lock_watch = {rvzd_call_lock, [] {}};
+velia::ForkWatch velia::rvzd_clnt::call_lock_watch = {rvzd_call_lock, [] {}};
 
 namespace {
 
