@@ -351,6 +351,41 @@ TEST_F(Site, TheMasterIsReadOnceAProcessUntilItIsForgotten) {
     EXPECT_EQ(text_of(rgy_get_server_host), "gamma");
 }
 
+// As in a child whose parent had another thread under the lock: what that had in hand may be half made.
+TEST_F(Site, AfterAForkUnderItsLockTheMasterIsReadAgain) {
+    hosts_are("alpha beta");
+    EXPECT_EQ(text_of(rgy_get_server_host), "alpha");
+    hosts_are("gamma delta");
+    hostname_watch.begin_anew();
+    EXPECT_EQ(text_of(rgy_get_server_host), "gamma");
+}
+
+TEST_F(Site, AfterAForkUnderTheirLockThePathsAreMadeAgain) {
+    const std::string before = registry_configuration_pathname();
+    hosts_are("alpha");
+    const std::string root = world.root() + "/other";
+    const std::string usual = getenv("VELIA_ROOT");
+    setenv("VELIA_ROOT", root.c_str(), 1);
+    EXPECT_EQ(registry_configuration_pathname(), before);
+    prop_local_watch.begin_anew();
+    EXPECT_EQ(std::string(registry_configuration_pathname()).find(root), 0u);
+    setenv("VELIA_ROOT", usual.c_str(), 1);
+}
+
+TEST_F(Site, AfterAForkUnderTheirLockBindingsAreMadeAgain) {
+    bind("alpha");
+    rgy_rpc_binding_t *const of_the_parent = rpc_binding;
+    const int64_t count = rpc_binding_count;
+    cache_lock_watch.begin_anew();
+    EXPECT_EQ(rpc_binding, nullptr);
+    EXPECT_EQ(rpc_binding_count, 0);
+    bind("alpha");
+    EXPECT_NE(rpc_binding, of_the_parent);
+    rgy_deallocate_bindings(nullptr);
+    rpc_binding = of_the_parent; // and so nothing is lost here
+    rpc_binding_count = count;
+}
+
 TEST_F(Site, EachThreadKeepsTheMasterThatItWasTold) {
     hosts_are("alpha");
     const char *mine = nullptr;
