@@ -1,7 +1,10 @@
 // The table of bindings, the fail-over and the read cache's place in it.
+#include <rvzd/client/rvzd_clnt/rvzd_clnt.h>
 #include <tests/unit/registry_clnt/registry_fixture.h>
 
 #include <thread>
+
+#include <common/with.h>
 
 namespace {
 
@@ -242,6 +245,12 @@ TEST_F(Bindings, TheFirstTableRegistersTheReleaseAtTheEndOfTheProcessOnce) {
     EXPECT_EQ(rpc_binding, nullptr);
     EXPECT_EQ(rpc_binding_count, 0);
     EXPECT_THAT(world.take_messages(), IsEmpty());
+}
+
+TEST_F(Bindings, AProcessThatEndsUnderTheLockOfCallsReleasesThem) {
+    bind("alpha");
+    velia::with_lock(velia::rvzd_clnt::call_lock, [] { rgy_deallocate_bindings(nullptr); });
+    EXPECT_EQ(rpc_binding, nullptr);
 }
 
 class FailOver : public Bindings {

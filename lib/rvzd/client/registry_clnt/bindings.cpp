@@ -247,15 +247,16 @@ rgy_rpc_cache_t *velia::registry_clnt::rgy_rpc_get_cache(Binding binding, rgy_db
     return db < RGY_DB_ALL ? usable_cache(slot_of(binding).cache[db]) : nullptr;
 }
 
+// Outside the order of locks, since neither is waited for: the thread that ends may hold any of them.
 void velia::registry_clnt::rgy_deallocate_bindings(void * /*unused*/) {
     with_inhibit([] {
-        if (!try_take(cache_lock))
+        if (ivlthread_mutex_trylock(&registry_cache_lock) == 0)
             return;
         if (ivlthread_mutex_trylock(&rvzd_call_lock) != 0) {
             release_table();
             ivlthread_mutex_unlock(&rvzd_call_lock);
         }
-        give_back(cache_lock);
+        ivlthread_mutex_unlock(&registry_cache_lock);
     });
     print_statistics();
 }
