@@ -44,18 +44,6 @@ inline void take(Lock<rank> lock) {
     ivlthread_mutex_lock(&lock.mutex);
 }
 
-// False, at once, if another thread holds the lock.
-template <LockRank rank>
-inline bool try_take(Lock<rank> lock) {
-    watch_at_forks(lock.watch);
-    const bool is_taken = ivlthread_mutex_trylock(&lock.mutex) != 0;
-#ifdef VELIA_CHECK_INVARIANTS
-    if (is_taken)
-        note_taken(lock.mutex, rank);
-#endif
-    return is_taken;
-}
-
 template <LockRank rank>
 inline void give_back(Lock<rank> lock) {
 #ifdef VELIA_CHECK_INVARIANTS

@@ -44,6 +44,26 @@ TEST(Mutex, KeepsThreadsApart) {
     EXPECT_EQ(count, 20000);
 }
 
+TEST(Mutex, IsTriedWithoutWaitingForAnotherThread) {
+    static ivlthread_mutex_t mutex;
+    EXPECT_EQ(ivlthread_mutex_trylock(&mutex), 1);
+    EXPECT_EQ(ivlthread_mutex_trylock(&mutex), 1); // again, by its holder
+    const auto from_another_thread = [] {
+        int is_taken = -1;
+        std::thread([&] {
+            is_taken = ivlthread_mutex_trylock(&mutex);
+            if (is_taken != 0)
+                ivlthread_mutex_unlock(&mutex);
+        }).join();
+        return is_taken;
+    };
+    EXPECT_EQ(from_another_thread(), 0);
+    ivlthread_mutex_unlock(&mutex);
+    EXPECT_EQ(from_another_thread(), 0);
+    ivlthread_mutex_unlock(&mutex);
+    EXPECT_EQ(from_another_thread(), 1);
+}
+
 TEST(MutexDeathTest, UnlockingWhatIsNotHeldIsAFailedAssertion) {
     static ivlthread_mutex_t mutex;
     EXPECT_EXIT(ivlthread_mutex_unlock(&mutex), testing::KilledBySignal(SIGABRT), "held by the calling thread");
