@@ -49,11 +49,6 @@ void velia::support::note_creation_error(enum clnt_stat stat, int error_number) 
     creation_error = {stat, error_number};
 }
 
-void velia::support::note_library_creation_error() {
-    const auto &noted = get_rpc_createerr();
-    note_creation_error(noted.cf_stat, noted.cf_error.re_errno);
-}
-
 ks_rpc_createerr_t *ks_rpc_get_createerr(void) {
     return &creation_error;
 }

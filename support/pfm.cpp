@@ -10,6 +10,7 @@
 #include <support/imsg.h>
 
 #include "forked_locks.h"
+#include "raise.h"
 
 namespace {
 
@@ -67,6 +68,14 @@ void deliver_posted_raise() {
 }
 
 } // namespace
+
+bool velia::support::raise_is_posted() {
+    return state.posted_code != 0;
+}
+
+bool velia::support::raise_lands_next() {
+    return state.posted_code != 0 && state.inhibit_depth == 1;
+}
 
 int pfm_cleanup_start(pfm_frame_t *frame, int) {
     if (frame->code != 0)

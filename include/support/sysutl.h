@@ -102,8 +102,8 @@ uint64_t sysutl_sock_port_uniquifier(void);
 
 /*
  * An ONC RPC client over TCP on a socket that is opened and connected here, close on exec, and that the client owns:
- * clnt_destroy closes it. The descriptor is stored in `*socket_fd`. Sizes of 0 are the RPC library's defaults. Waits
- * up to 25 seconds for the connection. Null on failure, with -1 in `*socket_fd` and ks_rpc_get_createerr telling why.
+ * clnt_destroy closes it. The descriptor is stored in `*socket_fd`. For the rest see ks_clnttcp_create_sockaddr in
+ * support/ks.h. Null on failure, with -1 in `*socket_fd` and ks_rpc_get_createerr telling why.
  */
 CLIENT *sysutl_clnttcp_create_ext(const struct sockaddr *address, uint32_t program, uint32_t version, int *socket_fd,
                                   uint32_t send_size, uint32_t receive_size);

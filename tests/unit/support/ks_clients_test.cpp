@@ -153,11 +153,11 @@ TEST_P(RpcClient, PortThatNobodyListensOnIsToldAtOnce) {
     ASSERT_NE(client, nullptr);
     uint32_t reply = 0;
     const auto begin = std::chrono::steady_clock::now();
-    EXPECT_EQ(call_echo(client, 1, &reply), family == AF_INET ? RPC_CANTRECV : RPC_TIMEDOUT);
+    EXPECT_EQ(call_echo(client, 1, &reply), RPC_CANTRECV);
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
     rpc_err error = {};
     clnt_geterr(client, &error);
-    EXPECT_EQ(error.re_errno, family == AF_INET ? ECONNREFUSED : 0);
+    EXPECT_EQ(error.re_errno, ECONNREFUSED);
     clnt_destroy(client);
     close(socket_fd);
 }
@@ -236,12 +236,14 @@ TEST(UdpClient, SendsARequestAgainAfterTheRetransmissionTime) {
     close(socket_fd);
 }
 
-TEST(UdpClient, MakesItsSocketNonBlocking) {
+TEST(UdpClient, WaitsOnASocketThatWasNonBlocking) {
     RpcServer server(AF_INET, SOCK_DGRAM);
-    int socket_fd = socket(AF_INET, SOCK_DGRAM, 0);
+    int socket_fd = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0);
     CLIENT *client = ks_clntudp_create_sockaddr(server.address(), program, version, 3, 0, &socket_fd);
     ASSERT_NE(client, nullptr);
-    EXPECT_NE(fcntl(socket_fd, F_GETFL) & O_NONBLOCK, 0);
+    EXPECT_EQ(fcntl(socket_fd, F_GETFL) & O_NONBLOCK, 0);
+    uint32_t reply = 0;
+    EXPECT_EQ(call_echo(client, 4711, &reply), RPC_SUCCESS);
     clnt_destroy(client);
     close(socket_fd);
 }

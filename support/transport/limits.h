@@ -1,0 +1,16 @@
+// Until when something may last.
+#pragma once
+
+#include <cstdint>
+
+#include <sys/time.h>
+
+namespace velia::support::transport {
+
+// A time-out as microseconds: 0 for a negative one, a year for a longer one.
+int64_t duration_us(const timeval &time);
+
+// When what begins now and may last so long has to end: by the calling thread's limit if that comes first.
+int64_t deadline_after(int64_t duration_us);
+
+} // namespace velia::support::transport
