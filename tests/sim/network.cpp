@@ -99,6 +99,10 @@ int __wrap_connect(int fd, const sockaddr *address, socklen_t length) {
     return error_number == 0 ? 0 : -1;
 }
 
+int __wrap_ks_connect(int fd, const sockaddr *address) {
+    return __wrap_connect(fd, address, sysutl_sockaddr_size(address)) == 0 ? 0 : errno;
+}
+
 int __real_close(int fd);
 int __wrap_close(int fd) {
     World &world = World::current();

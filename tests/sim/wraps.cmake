@@ -3,7 +3,7 @@ set(SIM_WRAPPED
   stg_malloc stg_realloc stg_free stg_strdup stg_alloc stg_area_strdup
   date_get_timeval
   sysutl_host_addr sysutl_sock_port_uniquifier sysutl_clnttcp_create_ext sysutl_set_cloexec_file sysutl_copy_sockaddr
-  ks_clntudp_create_sockaddr ks_clnttcp_create_sockaddr
+  ks_clntudp_create_sockaddr ks_clnttcp_create_sockaddr ks_connect
   imsg_get_desired_verbosity imsg_should_trace imsg_prompt_password
   credmap_auth_create_default credutl_getgroups credmap_authunix_create_nobody credutl_is_privileged
   tbs_platform_info tbs_product_comp_test tbs_product_config_dir tbs_product_host_priv_dir tbs_uuid_to_str

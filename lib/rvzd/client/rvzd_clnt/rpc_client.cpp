@@ -79,8 +79,9 @@ bool make_bound_tcp_client(rvzd_cached_handle_t *record) {
     const ks_sockaddr_storage_t *address = open_socket(record);
     if (address == nullptr)
         return false;
-    if (connect(record->socket_fd, &address->base, sysutl_sockaddr_size(&address->base)) != 0) {
-        imsg_print(IMSG_ERROR, &_rvzd_rvzd_msg_table, RVZD_MSG_CONNECT_FAILED, imsg_strerror(errno));
+    const int error_number = ks_connect(record->socket_fd, &address->base);
+    if (error_number != 0) {
+        imsg_print(IMSG_ERROR, &_rvzd_rvzd_msg_table, RVZD_MSG_CONNECT_FAILED, imsg_strerror(error_number));
         return false;
     }
     record->client = ks_clnttcp_create_sockaddr(&address->base, RVZD_PROGRAM, RVZD_VERSION, &record->socket_fd, 0, 0);
@@ -139,7 +140,9 @@ ClientResult velia::rvzd_clnt::make_client(rvzd_cached_handle_t *record, uint32_
     record->program = program;
     record->generation = process_generation();
     const ks_sockaddr_storage_t *address = open_socket(record);
-    if (address == nullptr || !trace_port(record) || !make_rpc_client(record, address, program))
+    // A raise between the making of a client and its place in the record would lose it.
+    const auto is_made = [&] { return with_inhibit([&] { return make_rpc_client(record, address, program); }); };
+    if (address == nullptr || !trace_port(record) || !is_made())
         return ClientResult::failed;
     sysutl_set_cloexec_file(record->socket_fd, 1);
     if (!set_authenticator(record))
