@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include <cli/duration.h>
@@ -10,21 +11,15 @@
 
 namespace velia::cli {
 
-struct Reach {
-    bool answered = false;
-    double round_trip_ms = 0;
-    std::string address; // that answered
-};
+// A handle of the library's on the broker of a host, given back at the end.
+using Broker = std::unique_ptr<rvzd_handle_t, decltype(&rvzd_free_handle)>;
 
-// Sends one contact to each address of the host until one answers; each has the time-out. What fails is printed.
-// The library's own first contact waits for its fixed time, which is too long for a user who asked for less.
-Reach reach_broker(const std::string &host, uint32_t protocol, Duration timeout);
+// The host's broker, which has answered; null and printed if it has not within `timeout`, which goes for each call
+// through the handle, too. A host that follows another has the whole time for itself.
+Broker reach_broker(const std::string &host, uint32_t protocol, Duration timeout);
 
-// Of each call made through the handle.
-void set_timeout(rvzd_handle_t *handle, Duration timeout);
-
-// A datagram is sent again after a while, and the RPC library looks at the time-out only then.
-void wait_no_longer(CLIENT *client, Duration timeout);
+// Calls procedure 0, which every program answers; false and printed, beginning with `failed_text`, when it does not.
+bool ping(CLIENT *client, Duration timeout, const char *failed_text, double &round_trip_ms);
 
 std::string text_of_address(const ks_sockaddr_storage_t &address);
 

@@ -8,6 +8,7 @@
 
 #include <cli/messages.h>
 #include <cli/streams.h>
+#include <cli/waits.h>
 #include <support/imsg.h>
 #include <veliaxdr/libveliaxdr.h>
 
@@ -53,7 +54,7 @@ Options common_options(CommonArguments &arguments) {
         {.name = "--no-headers", .help = "leave the line of column names out", .target = &arguments.leaves_headers_out},
         {.name = "--timeout",
          .type = "SECONDS",
-         .help = "seconds to wait for each answer, as 25 or 0.5",
+         .help = "seconds to wait in silence, as 25 or 0.5",
          .target = &arguments.timeout,
          .range = timeout_range,
          .shows_default = true},
@@ -109,7 +110,8 @@ int run_line(const std::vector<std::string> &words) {
     format_of_name(common.format, settings.format); // checked by the parser
     if (is_json(settings.format))
         tell_in_json();
-    return line.call->run(settings);
+    const Waits waits(settings.timeout);
+    return waits.status(line.call->run(settings));
 }
 
 } // namespace

@@ -82,15 +82,10 @@ bool print_clients(rvzd_handle_t *handle, int32_t &position) {
 }
 
 void print_clients_of(const std::string &host) {
-    rvzd_handle_t *handle = nullptr;
-    if (!reach_broker(host, RVZD_PROTOCOL_UDP, patience).answered ||
-        rvzd_get_handle(host.c_str(), &handle) != TBS_ST_OK)
-        return;
-    set_timeout(handle, patience);
+    const Broker broker = reach_broker(host, RVZD_PROTOCOL_UDP, patience);
     int32_t position = 0;
-    while (print_clients(handle, position))
+    while (broker != nullptr && print_clients(broker.get(), position))
         ;
-    rvzd_free_handle(handle);
 }
 
 int print_words(const Arguments & /*arguments*/, const Settings & /*settings*/) {

@@ -46,20 +46,17 @@ constexpr Command commands[] = {
 // True when the host answered and its protocol version is known.
 bool contact_host(const std::string &host, const Arguments &arguments, const Settings &settings, Results &results) {
     const uint32_t protocol = protocol_of_name(arguments.transport);
-    const Reach reach = reach_broker(host, protocol, settings.timeout);
-    if (!reach.answered)
-        return false;
-    rvzd_handle_t *handle = nullptr;
-    if (rvzd_get_handle_proto(host.c_str(), protocol, &handle) != TBS_ST_OK)
+    const Broker broker = reach_broker(host, protocol, settings.timeout);
+    double round_trip_ms = 0;
+    if (broker == nullptr || !ping(rvzd_get_rpc_clnt(broker.get()), settings.timeout, host.c_str(), round_trip_ms))
         return false;
     rvzd_server_addr_t addresses;
-    rvzd_get_addr(handle, &addresses);
+    rvzd_get_addr(broker.get(), &addresses);
     Cells texts;
     for (uint32_t i = 0; i < addresses.addr_count; ++i)
         texts.emplace_back(text_of_address(addresses.addrs[i]));
-    results.add({host, arguments.transport, rvzd_get_server_protocol_version(handle),
-                 Cell::milliseconds(reach.round_trip_ms), texts});
-    rvzd_free_handle(handle);
+    results.add({host, arguments.transport, rvzd_get_server_protocol_version(broker.get()),
+                 Cell::milliseconds(round_trip_ms), texts});
     return true;
 }
 

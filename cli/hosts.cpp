@@ -144,10 +144,9 @@ void add_client(const clnt_entry_t &entry, Results &results) {
 
 int list_clients(const Arguments &arguments, const Settings &settings) {
     const std::string &host = arguments.host;
-    rvzd_handle_t *handle = nullptr;
-    if (rvzd_get_handle(host.c_str(), &handle) != TBS_ST_OK)
+    const Broker broker = reach_broker(host, RVZD_PROTOCOL_UDP, settings.timeout);
+    if (broker == nullptr)
         return exit_unreachable;
-    set_timeout(handle, settings.timeout);
     Results results(clients_output, settings);
     int32_t position = 0;
     tbs_boolean_t finished = 0;
@@ -156,14 +155,13 @@ int list_clients(const Arguments &arguments, const Settings &settings) {
         uint32_t count = 0;
         clnt_entry_t *entries = nullptr;
         const int32_t before = position;
-        status = rvzd_clnt_list_get(handle, 0, 0, &position, &finished, &count, &entries);
+        status = rvzd_clnt_list_get(broker.get(), 0, 0, &position, &finished, &count, &entries);
         const std::unique_ptr<clnt_entry_t, FreeEntries> owner(entries, {count});
         for (uint32_t i = 0; status == TBS_ST_OK && i < count; ++i)
             add_client(entries[i], results);
         if (status == TBS_ST_OK && !finished && position <= before)
             status = TBS_ST_ERROR; // a list that makes no progress has no end
     }
-    rvzd_free_handle(handle);
     if (status != TBS_ST_OK)
         return fail("The client list", host, status);
     results.finish();
@@ -172,19 +170,17 @@ int list_clients(const Arguments &arguments, const Settings &settings) {
 
 int look_up_client(const Arguments &arguments, const Settings &settings) {
     const auto &[host, name, year] = arguments;
-    rvzd_handle_t *handle = nullptr;
-    if (rvzd_get_handle(host.c_str(), &handle) != TBS_ST_OK)
+    const Broker broker = reach_broker(host, RVZD_PROTOCOL_UDP, settings.timeout);
+    if (broker == nullptr)
         return exit_unreachable;
-    set_timeout(handle, settings.timeout);
     clnt_entry_t entry = {};
-    const auto status = rvzd_clnt_list_lookup(handle, name.c_str(), &entry);
+    const auto status = rvzd_clnt_list_lookup(broker.get(), name.c_str(), &entry);
     if (status == TBS_ST_OK) {
         Results results(client_output, settings);
         add_client(entry, results);
-        rvzd_clnt_list_lookup_free(handle, &entry);
+        rvzd_clnt_list_lookup_free(broker.get(), &entry);
         results.finish();
     }
-    rvzd_free_handle(handle);
     if (status == TBS_ST_OK)
         return exit_done;
     tell_failure(status, host, "Host '%s' is not in the client list of '%s': %s\n", name.c_str(), host.c_str(),

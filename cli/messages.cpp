@@ -5,6 +5,7 @@
 #include <array>
 #include <cstdarg>
 #include <iostream>
+#include <vector>
 
 #include <cli/output.h>
 #include <support/imsg.h>
@@ -35,9 +36,15 @@ constexpr std::array<StatusName, 16> status_names = {{{TBS_ST_OK, "OK"},
                                                       {TBS_ST_NO_STORAGE, "NO_STORAGE"},
                                                       {TBS_ST_NAME_TOO_LONG, "NAME_TOO_LONG"}}};
 
+struct Message {
+    int severity;
+    std::string text;
+};
+
 struct Failure {
     tbs_status_t status = TBS_ST_OK; // of none
     std::string host;
+    std::vector<Message> *until_it_is_known = nullptr; // messages that wait for the status
 };
 
 // That is being told. Messages come until the very end of the process, when no object of this thread is left.
@@ -73,6 +80,10 @@ std::string without_line_feeds(std::string text) {
 // One write a message, so that those of several threads do not mix.
 void write_object(void * /*context*/, int severity, const char * /*subsystem*/, const imsg_table_t * /*table*/,
                   int /*index*/, const char *text) {
+    if (current != nullptr && current->until_it_is_known != nullptr) {
+        current->until_it_is_known->push_back({severity, text});
+        return;
+    }
     const bool has_host = current != nullptr && !current->host.empty();
     const std::string host = has_host ? json_text(current->host) : "null";
     const tbs_status_t status = current != nullptr ? current->status : tbs_status_t{TBS_ST_OK};
@@ -111,10 +122,22 @@ void tell_failure(tbs_status_t status, const std::string &host, const char *form
 }
 
 void tell_failure_by(tbs_status_t status, const std::string &host, const std::function<void()> &tell) {
-    const Failure failure = {status, host};
+    const Failure failure = {status, host, nullptr};
     current = &failure;
     tell();
     current = nullptr;
+}
+
+tbs_status_t tell_failures_of(const std::string &host, const std::function<tbs_status_t()> &work) {
+    std::vector<Message> messages;
+    const Failure unknown = {TBS_ST_OK, host, &messages};
+    current = &unknown;
+    const tbs_status_t status = work();
+    current = nullptr;
+    for (const Message &message : messages)
+        tell_failure_by(status, host,
+                        [&] { write_object(nullptr, message.severity, nullptr, nullptr, 0, message.text.c_str()); });
+    return status;
 }
 
 std::string name_of_status(tbs_status_t status) {

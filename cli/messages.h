@@ -19,6 +19,9 @@ void tell_failure(tbs_status_t status, const std::string &host, const char *form
 // The same for messages that somebody else's words are for: those that `tell` prints.
 void tell_failure_by(tbs_status_t status, const std::string &host, const std::function<void()> &tell);
 
+// Runs `work`, whose messages carry the host and the status that it ends with, which is returned.
+tbs_status_t tell_failures_of(const std::string &host, const std::function<tbs_status_t()> &work);
+
 // The status in one word, as programs compare it.
 std::string name_of_status(tbs_status_t status);
 

@@ -16,7 +16,8 @@ namespace velia::cli {
 
 namespace {
 
-constexpr const char *exit_status_help = "Exit status: 0 done, 1 failed, 2 wrong use, 3 peer unreachable.\n"
+constexpr const char *exit_status_help = "Exit status: 0 done, 1 failed, 2 wrong use, 3 peer unreachable,\n"
+                                         "130 interrupted.\n"
                                          "Results go to standard output, messages to standard error.\n";
 
 CLI::Option *add_value(CLI::App &app, const Option &option, bool *value) {

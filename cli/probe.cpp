@@ -16,6 +16,7 @@
 #include <cli/messages.h>
 #include <cli/parallel.h>
 #include <cli/results.h>
+#include <cli/waits.h>
 #include <support/imsg.h>
 #include <support/sysutl.h>
 #include <veliaxdr/rvzd_messages.h>
@@ -46,7 +47,7 @@ constexpr Output output = {Output::Shape::list, columns};
 constexpr const char *notes =
     R"(A host is up if it accepts a TCP connection on port 371, the well-known port of brokers, at one of its addresses.
 Nothing is sent, and whatever listens there counts; a broker that the site keeps on another port is not found, ask it
-with "veliactl contact". A host that is silent is down after 0.9 seconds, whatever --timeout says; 512 addresses are tried
+with "veliactl contact". A host that is silent is down after 0.9 seconds, or --timeout if that is shorter; 512 addresses are tried
 at once, fewer where "ulimit -n" is below 1040.
 
 States: up; down (silent, or it refuses); unknown (no such name). With any host that is not up the exit status is 3.
@@ -98,9 +99,12 @@ size_t threads_allowed() {
     return std::clamp<size_t>(spare / descriptors_a_thread, 1, threads_max);
 }
 
-std::vector<Trial> trials_of(const Hosts &hosts) {
+std::vector<Trial> trials_of(const Hosts &hosts, Duration timeout) {
     std::vector<std::vector<std::string>> addresses(hosts.size());
-    for_each_at_once(hosts.size(), threads_allowed(), [&](size_t i) { addresses[i] = addresses_of(hosts[i]); });
+    for_each_at_once(hosts.size(), threads_allowed(), [&](size_t i) {
+        begin_wait(timeout);
+        addresses[i] = addresses_of(hosts[i]);
+    });
     std::vector<Trial> trials;
     for (size_t i = 0; i < hosts.size(); ++i)
         for (const auto &address : addresses[i])
@@ -130,8 +134,11 @@ void add_host(const std::string &host, const std::optional<Trial> &trial, Result
 }
 
 int probe_hosts(const Hosts &hosts, const Settings &settings) {
-    auto trials = trials_of(hosts);
-    for_each_at_once(trials.size(), threads_allowed(), [&](size_t i) { probe(trials[i]); });
+    auto trials = trials_of(hosts, settings.timeout);
+    for_each_at_once(trials.size(), threads_allowed(), [&](size_t i) {
+        begin_wait(settings.timeout);
+        probe(trials[i]);
+    });
     std::vector<std::optional<Trial>> best(hosts.size());
     for (const auto &trial : trials)
         if (!best[trial.host] || tells_more(trial, *best[trial.host]))

@@ -96,17 +96,13 @@ void print_not_found(const Arguments &arguments, tbs_status_t status) {
 }
 
 int find_server(const Arguments &arguments, const Settings &settings) {
-    if (!reach_broker(arguments.host, RVZD_PROTOCOL_UDP, settings.timeout).answered)
+    const Broker broker = reach_broker(arguments.host, RVZD_PROTOCOL_UDP, settings.timeout);
+    if (broker == nullptr)
         return exit_unreachable;
-    rvzd_handle_t *handle = nullptr;
-    if (rvzd_get_handle(arguments.host.c_str(), &handle) != TBS_ST_OK)
-        return exit_unreachable;
-    set_timeout(handle, settings.timeout);
     rvzd_rpc_trait_t trait = arguments.trait();
     const tbs_uuid_t uuid = uuid_of(arguments.uuid_text);
     rvzd_server_addr_t addresses = {};
-    const auto status = rvzd_find_server(handle, &trait, &uuid, arguments.path.c_str(), &addresses);
-    rvzd_free_handle(handle);
+    const auto status = rvzd_find_server(broker.get(), &trait, &uuid, arguments.path.c_str(), &addresses);
     if (status != TBS_ST_OK) {
         print_not_found(arguments, status);
         return status == TBS_ST_RPC_FAILED ? exit_unreachable : exit_failed;
@@ -119,20 +115,6 @@ int find_server(const Arguments &arguments, const Settings &settings) {
     return exit_done;
 }
 
-// Calls procedure 0, which every program answers; false and printed when it does not.
-bool ping(CLIENT *client, Duration timeout, double &round_trip_ms) {
-    const auto nothing = reinterpret_cast<xdrproc_t>(reinterpret_cast<void (*)()>(xdr_void));
-    wait_no_longer(client, timeout);
-    const auto start = std::chrono::steady_clock::now();
-    if (clnt_call(client, NULLPROC, nothing, nullptr, nothing, nullptr, timeval_of(timeout)) != RPC_SUCCESS) {
-        ks_clnt_perror(client, "procedure 0 call failed");
-        return false;
-    }
-    const std::chrono::duration<double, std::milli> elapsed = std::chrono::steady_clock::now() - start;
-    round_trip_ms = elapsed.count();
-    return true;
-}
-
 std::string peer_of(CLIENT *client) {
     sockaddr_storage peer = {};
     if (!clnt_control(client, CLGET_SERVER_ADDR, reinterpret_cast<char *>(&peer)))
@@ -143,7 +125,7 @@ std::string peer_of(CLIENT *client) {
 }
 
 int connect_server(const Arguments &arguments, const Settings &settings) {
-    if (!reach_broker(arguments.host, RVZD_PROTOCOL_UDP, settings.timeout).answered)
+    if (reach_broker(arguments.host, RVZD_PROTOCOL_UDP, settings.timeout) == nullptr)
         return exit_unreachable;
     rvzd_rpc_trait_t trait = arguments.trait();
     const tbs_uuid_t uuid = uuid_of(arguments.uuid_text);
@@ -155,7 +137,7 @@ int connect_server(const Arguments &arguments, const Settings &settings) {
                                name.c_str()) != TBS_ST_OK)
         return exit_failed;
     double round_trip_ms = 0;
-    const bool answered = ping(connection.client, settings.timeout, round_trip_ms);
+    const bool answered = ping(connection.client, settings.timeout, "procedure 0 call failed", round_trip_ms);
     if (answered) {
         Results results(connect_output, settings);
         results.add({arguments.host, arguments.program, arguments.version, arguments.transport,

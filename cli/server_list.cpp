@@ -80,7 +80,7 @@ constexpr Column columns[] = {{"time", Type::time, "when it was seen", false, wh
 
 constexpr const char *notes =
     R"(With --watch all servers are shown first, as "present", and then what changes: "started", "ended", "changed". A broker
-that does not answer for a while is told, and asked again. An interrupt (Ctrl-C) ends it with exit status 0.
+that does not answer for a while is told, and asked again. An interrupt (Ctrl-C) ends it.
 )";
 
 constexpr Command commands[] = {
@@ -171,14 +171,10 @@ const Output watch_output = {Output::Shape::list, columns};
 const Output server_output = {Output::Shape::list, std::span(columns).subspan(2)};
 
 int list_servers(const ServerFilter &filter, const Settings &settings, Servers &servers) {
-    if (!reach_broker(filter.host, RVZD_PROTOCOL_UDP, settings.timeout).answered)
+    const Broker broker = reach_broker(filter.host, RVZD_PROTOCOL_UDP, settings.timeout);
+    if (broker == nullptr)
         return exit_unreachable;
-    rvzd_handle_t *handle = nullptr;
-    if (rvzd_get_handle(filter.host.c_str(), &handle) != TBS_ST_OK)
-        return exit_unreachable;
-    set_timeout(handle, settings.timeout);
-    const auto status = fill(handle, filter, servers);
-    rvzd_free_handle(handle);
+    const auto status = fill(broker.get(), filter, servers);
     if (status == TBS_ST_OK)
         return exit_done;
     tell_failure(status, filter.host, "The servers of host '%s' could not be listed: %s\n", filter.host.c_str(),

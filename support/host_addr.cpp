@@ -6,6 +6,7 @@
 
 #include "site_names.h"
 #include "this_host.h"
+#include "transport/resolver.h"
 
 namespace {
 
@@ -15,7 +16,7 @@ int ask_system(const char *host, const char *service, int socket_type, addrinfo 
     addrinfo hints = {};
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = socket_type;
-    return getaddrinfo(host, service, &hints, result);
+    return velia::support::transport::look_up({host, service, hints}, result);
 }
 
 // A caller that has no wish gets each address once.

@@ -14,6 +14,11 @@ constexpr size_t error_text_size = 512;
 
 thread_local ks_rpc_createerr_t creation_error;
 
+// The library has no words for an interrupted call.
+const char *text_of(clnt_stat status) {
+    return status == RPC_INTR ? "RPC: Interrupted" : clnt_sperrno(status);
+}
+
 // What an error carries beside its status.
 void append_detail(char *text, size_t size, const rpc_err &error) {
     const size_t length = strlen(text);
@@ -39,7 +44,7 @@ void append_detail(char *text, size_t size, const rpc_err &error) {
 }
 
 void format_error(char *text, size_t size, const char *head, const rpc_err &error) {
-    snprintf(text, size, "%s: %s", head != nullptr ? head : "", clnt_sperrno(error.re_status));
+    snprintf(text, size, "%s: %s", head != nullptr ? head : "", text_of(error.re_status));
     append_detail(text, size, error);
 }
 

@@ -90,6 +90,9 @@ int ks_connect(int socket_fd, const struct sockaddr *address);
  */
 void ks_set_deadline(int64_t milliseconds);
 
+/* The same, but each answer that a call of the thread gets begins the time anew: a limit for silence, not for work. */
+void ks_set_patience(int64_t milliseconds);
+
 /* What is left until the limit, rounded up; 0 when it has passed, -1 where there is none. */
 int64_t ks_deadline_left(void);
 

@@ -19,7 +19,8 @@ extern "C" {
  *
  * A host that does not answer costs 0.9 seconds behind the name look-up, which goes to the system's resolver
  * alone: a name that stands only in the site's hosts.conf is not known to it, its address is. A further
- * 0.9 seconds begin with each answer of another address of it. Takes no lock and shares nothing: any number of threads
+ * 0.9 seconds begin with each answer of another address of it. The calling thread's limit (ks_set_deadline) cuts them,
+ * and ks_interrupt ends them. Takes no lock and shares nothing: any number of threads
  * may probe at once.
  *
  * Printed: a name that cannot be resolved, a socket that cannot be had or made non-blocking, and one whose descriptor

@@ -44,6 +44,8 @@ clnt_stat call(CLIENT *handle, rpcproc_t procedure, xdrproc_t xdr_arguments, voi
     pfm_inhibit();
     exchange_with_credentials(client, wanted, deadline_after(lasting_us), lasting_us > 0);
     const clnt_stat status = client.error.re_status;
+    if (status == RPC_SUCCESS)
+        note_answer();
     pfm_enable();
     return status;
 }

@@ -233,7 +233,7 @@ TEST_F(VeliactlList, WatchingTellsWhatIsThereAndWhatStartsAndEnds) {
     ASSERT_TRUE(watch.comes_to_say("\"started\"")) << watch.output();
     kill(daemon->started().at(0), SIGKILL);
     ASSERT_TRUE(watch.comes_to_say("\"ended\"")) << watch.output();
-    EXPECT_EQ(watch.end(SIGINT), DONE);
+    EXPECT_EQ(watch.end(SIGINT), INTERRUPTED);
     const auto told = objects_of(watch.output());
     EXPECT_EQ(first_program_that(told, "present"), second_program);
     EXPECT_EQ(first_program_that(told, "started"), first_program);
@@ -246,7 +246,7 @@ TEST_F(VeliactlList, WatchingNamesItsColumnsOnce) {
     ASSERT_TRUE(watch.comes_to_say("present"));
     start_server(first_program);
     ASSERT_TRUE(watch.comes_to_say("started"));
-    EXPECT_EQ(watch.end(SIGTERM), DONE);
+    EXPECT_EQ(watch.end(SIGTERM), TERMINATED);
     const auto output = watch.output();
     EXPECT_THAT(output, StartsWith("TIME"));
     EXPECT_EQ(output.find("TIME", 1), std::string::npos) << output;
@@ -262,7 +262,7 @@ TEST_F(VeliactlList, WatchingGoesOnWhenTheBrokerComesBack) {
     daemon = std::make_unique<Daemon>(site);
     ASSERT_TRUE(daemon->is_ready());
     EXPECT_TRUE(watch.comes_to_say("\"ended\"")) << watch.output();
-    EXPECT_EQ(watch.end(SIGINT), DONE);
+    EXPECT_EQ(watch.end(SIGINT), INTERRUPTED);
 }
 
 TEST_F(VeliactlList, WatchingEndsAtOnceThoughTheBrokerIsSilent) {
@@ -271,7 +271,7 @@ TEST_F(VeliactlList, WatchingEndsAtOnceThoughTheBrokerIsSilent) {
     ASSERT_TRUE(watch.comes_to_say("present"));
     daemon->signal(SIGSTOP);
     ASSERT_TRUE(eventually([&] { return has_waiting_datagram(site.port()); })) << "it is asked, and does not answer";
-    EXPECT_EQ(watch.end(SIGINT), DONE);
+    EXPECT_EQ(watch.end(SIGINT), INTERRUPTED);
     daemon->signal(SIGCONT);
 }
 
@@ -291,5 +291,5 @@ TEST_F(VeliactlList, WatchingEndsOnAnInterruptThoughTheReaderTakesNothing) {
     reader.fill();
     Watch watch(site);
     ASSERT_TRUE(eventually([&] { return watch.is_held_up_in_writing(); })) << watch.errors();
-    EXPECT_EQ(watch.end(SIGTERM), DONE);
+    EXPECT_EQ(watch.end(SIGTERM), TERMINATED);
 }

@@ -161,7 +161,7 @@ TEST_F(VeliactlSchema, IsKeptByAWatchThatIsInterrupted) {
     Child watch({VELIACTL, "server", "list", "alpha", "--watch", "-o", "json"}, options);
     ASSERT_TRUE(eventually([&] { return site.read("watch.out").find("present") != std::string::npos; }));
     watch.signal(SIGINT);
-    EXPECT_EQ(watch.wait(), DONE);
+    EXPECT_EQ(watch.wait(), INTERRUPTED);
     const Json document = Json::parse(site.read("watch.out"));
     EXPECT_EQ(fault_by_schema(document, schemas()["server list"]), "") << site.read("watch.out");
     EXPECT_EQ(document[0]["change"], "present");

@@ -26,7 +26,7 @@ inline Objects objects_of(const std::string &output) {
 }
 
 struct VeliactlTest : testing::Test {
-    enum ExitStatus { DONE = 0, FAILED = 1, WRONG_USE = 2, UNREACHABLE = 3 };
+    enum ExitStatus { DONE = 0, FAILED = 1, WRONG_USE = 2, UNREACHABLE = 3, INTERRUPTED = 130, TERMINATED = 143 };
 
     Site site;
     std::unique_ptr<Daemon> daemon;

@@ -15,6 +15,7 @@
 #include <common/trace.h>
 #include <common/with.h>
 #include <rvzd/client/rvzd_clnt/rvzd_clnt.h>
+#include <support/ks.h>
 #include <support/stg.h>
 #include <support/sysutl.h>
 
@@ -28,6 +29,7 @@ constexpr char port_text[] = "371";
 constexpr int trace_level_probe = 3;
 constexpr int descriptors_max = 16384;
 constexpr suseconds_t wait_us = 900000;
+constexpr suseconds_t us_per_ms = 1000;
 constexpr size_t address_text_size = 46;
 constexpr int tries = 1;
 constexpr int failed_conversion = 1; // what is told of any failed conversion
@@ -231,13 +233,14 @@ void give_up_waiting(Probe &probe) {
             probe.pending.remove(probe.sockets[i]);
 }
 
-// An interruption neither ends a wait nor makes it longer: the system leaves in the time-out what is left of it.
+// A signal neither ends a wait nor makes it longer: the system leaves in the time-out what is left of it.
 int wait_for_some(DescriptorSet &ready) {
-    timeval time_out = {0, wait_us};
+    const int64_t left_ms = ks_deadline_left();
+    timeval time_out = {0, left_ms < 0 ? wait_us : std::min<int64_t>(wait_us, left_ms * us_per_ms)};
     int count;
     do
         count = select(descriptors_max, nullptr, ready.for_select(), nullptr, &time_out);
-    while (count < 0 && errno == EINTR);
+    while (count < 0 && errno == EINTR && !ks_is_interrupted());
     return count;
 }
 

@@ -86,3 +86,29 @@ TEST_P(Deadline, OfZeroSendsTheRequestAndWaitsForNothing) {
         std::this_thread::yield();
     EXPECT_EQ(server_.calls(), 1u);
 }
+
+// Four answers take longer together than the patience is.
+TEST(Patience, BeginsAnewWithEachAnswer) {
+    constexpr auto of_an_answer = std::chrono::milliseconds(300);
+    RpcServer slow(AF_INET, SOCK_DGRAM, [&](const rpc_msg &call, XDR *arguments, XDR *results) {
+        std::this_thread::sleep_for(of_an_answer);
+        return RpcServer::echo(call, arguments, results);
+    });
+    int socket_fd = -1;
+    CLIENT *client = ks_clntudp_create_sockaddr(slow.address(), silent_program, 1, 60, 0, &socket_fd);
+    ASSERT_NE(client, nullptr);
+    ks_set_patience(1000);
+    uint32_t reply = 0;
+    for (int i = 0; i < 4; ++i)
+        EXPECT_EQ(call_echo(client, 1, &reply, long_time), RPC_SUCCESS) << i;
+    ks_set_deadline(-1);
+    clnt_destroy(client);
+    close(socket_fd);
+}
+
+TEST_P(Deadline, IsTheEndOfPatienceWithAPeerThatIsSilent) {
+    ks_set_patience(50);
+    EXPECT_EQ(call(), RPC_TIMEDOUT);
+    EXPECT_EQ(call(), RPC_TIMEDOUT);
+    EXPECT_EQ(server_.calls(), 1u) << "the second one has no time of its own";
+}
