@@ -15,8 +15,13 @@ Broker reach_broker(const std::string &host, uint32_t protocol, Duration timeout
     begin_wait(timeout);
     rvzd_handle_t *handle = nullptr;
     const auto contact = [&] { return rvzd_get_handle_proto(host.c_str(), protocol, &handle); };
-    if (tell_failures_of(host, contact) != TBS_ST_OK)
+    const tbs_status_t status = tell_failures_of(host, contact);
+    if (status != TBS_ST_OK) {
+        if (ks_deadline_left() == 0) // of which the library says nothing
+            tell_failure(status, host, "Nothing came from host '%s' within %s seconds\n", host.c_str(),
+                         text_of_duration(timeout).c_str());
         return {nullptr, rvzd_free_handle};
+    }
     const timeval time = timeval_of(timeout);
     handle->tv_sec = time.tv_sec;
     handle->tv_usec = time.tv_usec;
