@@ -33,7 +33,8 @@ void count_children() {
 // A system whose random numbers cannot be had is one in which numbers that merely differ have to do.
 void fill_by_clock() {
     for (uint32_t &number : stock.numbers)
-        number = static_cast<uint32_t>(now_us() * 2654435761u + reinterpret_cast<uintptr_t>(&number));
+        number =
+            static_cast<uint32_t>(static_cast<uint64_t>(now_us()) * 2654435761u + reinterpret_cast<uintptr_t>(&number));
 }
 
 void refill() {
