@@ -41,10 +41,13 @@ public:
     std::map<std::string, Times> times;
 };
 
-void print_verdict(double value, double target) {
+// False for a target that is missed.
+bool print_verdict(double value, double target) {
+    const bool is_met = target <= 0 || value <= target;
     if (target > 0)
-        printf("   (target at most %.2f: %s)", target, value <= target ? "met" : "MISSED");
+        printf("   (target at most %.2f: %s)", target, is_met ? "met" : "MISSED");
     printf("\n");
+    return is_met;
 }
 
 // The spread is the distance of the quartiles in percent of the median.
@@ -56,14 +59,14 @@ void print_times(const Collector &collector) {
 }
 
 // Of repetition by repetition, what their quartiles are.
-void print_ratio(const Ratio &ratio, const Times &measured, const Times &baseline) {
+bool print_ratio(const Ratio &ratio, const Times &measured, const Times &baseline) {
     Times ratios;
     for (size_t i = 0; i < std::min(measured.ns.size(), baseline.ns.size()); ++i)
         ratios.ns.push_back(measured.ns[i] / baseline.ns[i]);
     const double value = measured.median() / baseline.median();
     printf("%s / %s = %.3f   (%.3f .. %.3f)", ratio.measured.c_str(), ratio.baseline.c_str(), value, ratios.at(0.25),
            ratios.at(0.75));
-    print_verdict(value, ratio.target);
+    return print_verdict(value, ratio.target);
 }
 
 } // namespace
@@ -79,16 +82,17 @@ int run(int argc, char **argv, const std::vector<Ratio> &ratios, const std::vect
     Collector collector;
     benchmark::RunSpecifiedBenchmarks(&collector);
     print_times(collector);
+    bool all_met = true;
     for (const Ratio &ratio : ratios)
         if (collector.times.contains(ratio.measured) && collector.times.contains(ratio.baseline))
-            print_ratio(ratio, collector.times[ratio.measured], collector.times[ratio.baseline]);
+            all_met = print_ratio(ratio, collector.times[ratio.measured], collector.times[ratio.baseline]) && all_met;
     for (const auto &[measured, most_ns] : limits) {
         if (!collector.times.contains(measured))
             continue;
         printf("%s = %.1f ns", measured.c_str(), collector.times[measured].median());
-        print_verdict(collector.times[measured].median(), most_ns);
+        all_met = print_verdict(collector.times[measured].median(), most_ns) && all_met;
     }
-    return 0;
+    return all_met ? 0 : 1;
 }
 
 } // namespace bench

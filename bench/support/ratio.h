@@ -18,7 +18,8 @@ struct Limit {
     double most_ns;
 };
 
-// Runs the program's benchmarks and prints ratios and limits behind them.
+// Runs the program's benchmarks and prints ratios and limits behind them. What main() returns: not 0 when one is
+// missed.
 int run(int argc, char **argv, const std::vector<Ratio> &ratios, const std::vector<Limit> &limits = {});
 
 } // namespace bench

@@ -2,9 +2,6 @@
 
 #include <csignal>
 
-#include <gtest/gtest.h>
-#include <sqlite3.h>
-
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -15,7 +12,6 @@ namespace velia::system_test {
 namespace {
 
 constexpr timeval call_timeout = {10, 0};
-constexpr int busy_timeout_ms = 10'000;
 
 pid_t start_idle_process() {
     const pid_t parent = getpid();
@@ -57,20 +53,6 @@ tbs_status_t Population::add(rvzd_handle_t *handle, const std::string &path) {
     request.ports = {1, {{AF_INET, 1000 + number}, {0, 0}}};
     request.pid = processes_.back();
     return send_registration(handle, request);
-}
-
-void fill_registry(const Site &site, uint32_t db, size_t entry_count) {
-    sqlite3 *database = nullptr;
-    ASSERT_EQ(sqlite3_open(site.path("host/priv/registry.db").c_str(), &database), SQLITE_OK);
-    sqlite3_busy_timeout(database, busy_timeout_ms);
-    const std::string records =
-        "INSERT INTO entry (db, region, identity, text) WITH RECURSIVE number(i) AS (SELECT 1 UNION ALL SELECT i + 1 "
-        "FROM number WHERE i < " +
-        std::to_string(entry_count) + ") SELECT " + std::to_string(db) +
-        ", x'', x'', CAST('-name=region' || i || ';-title=one of many;' AS BLOB) FROM number";
-    EXPECT_EQ(sqlite3_exec(database, records.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
-        << sqlite3_errmsg(database);
-    sqlite3_close(database);
 }
 
 } // namespace velia::system_test

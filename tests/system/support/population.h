@@ -1,5 +1,5 @@
-// Many entries in a registry, and many servers in a broker's table. Each is a registration of a child process that does
-// nothing but live.
+// Many servers in a broker's table. Each is a registration of a child process that does nothing but live. The
+// benchmarks use it, too, and so it knows no framework of tests.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +8,6 @@
 
 #include <sys/types.h>
 
-#include <tests/system/support/site.h>
 #include <veliaxdr/rvzd_handle.h>
 #include <veliaxdr/rvzd_wire.h>
 
@@ -36,9 +35,5 @@ private:
     std::vector<pid_t> processes_;
     size_t count_ = 0;
 };
-
-// Adds entries to a database of the site's registry, beneath its daemon and all at once: a hundred thousand in a
-// second. They are found by a listing, and by nothing else.
-void fill_registry(const Site &site, uint32_t db, size_t entry_count);
 
 } // namespace velia::system_test
