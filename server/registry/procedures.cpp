@@ -79,8 +79,8 @@ Fetch fetch_of(const rvzd_registry_get_pattern_req_t &request) {
 }
 
 // The batch goes into the reply's arena; its records' texts are lent.
-void take_batch(Batch made, Reply<rvzd_registry_get_reply_t> &reply) {
-    const Batch &batch = reply.arena.keep(std::move(made));
+void take_batch(AnswerMemory::Answer made, Reply<rvzd_registry_get_reply_t> &reply) {
+    const Batch &batch = *reply.arena.keep(std::move(made));
     auto &entries = reply.arena.keep(std::vector<rgy_svr_entry_t>());
     for (const Record &record : batch.records)
         entries.push_back({record.id, unowned(record.flex_text)});
@@ -152,8 +152,10 @@ tbs_status_t RegistryProcedures::fetch(Registry &registry, const Request &reques
     const BatchLimits limits = {
         reply.record.version == single_entry_version ? 1 : static_cast<uint64_t>(request.max_entries),
         caller.transport == RVZD_PROTOCOL_UDP ? udp_records_bytes_max : tcp_records_bytes_max};
-    take_batch(registry.fetch(fetch.selection, request.cursor, limits, fetch.filter), reply);
+    // The stamps first: entries that are younger than their stamps are only fetched once more, but older ones would be
+    // taken for what is there now.
     reply.record.dtm = registry.stamps(fetch.selection.db).pair;
+    take_batch(registry.answer(fetch.selection, request.cursor, limits, fetch.filter), reply);
     return TBS_ST_OK;
 }
 

@@ -19,6 +19,16 @@ std::optional<Items> storable_items(const std::string &flex_text) {
     return items_of(flex_text);
 }
 
+// All that an answer depends on; the numbers first, then the texts, of which the last one ends with the question.
+std::string question_of(const Selection &selection, uint64_t cursor, const BatchLimits &limits) {
+    const uint64_t numbers[] = {
+        selection.db, cursor, limits.records_max, limits.bytes_max, selection.region.size(), selection.key.size()};
+    std::string question;
+    question.reserve(sizeof numbers + selection.region.size() + selection.key.size() + selection.value.size());
+    question.append(reinterpret_cast<const char *>(numbers), sizeof numbers);
+    return question.append(selection.region).append(selection.key).append(selection.value);
+}
+
 } // namespace
 
 size_t encoded_bytes(const Record &record) {
@@ -66,6 +76,32 @@ Batch Registry::fetch(const Selection &selection, uint64_t cursor, const BatchLi
     return batch;
 }
 
+Registry::Known &Registry::known() {
+    if (const uint64_t version = store_.version(); version != known_.version)
+        known_ = {version, {}, {}};
+    return known_;
+}
+
+Stamps Registry::stamps(rgy_db_t db) {
+    auto &stamps = known().stamps.at(db);
+    if (!stamps)
+        stamps = store_.stamps(db);
+    return *stamps;
+}
+
+AnswerMemory::Answer Registry::answer(const Selection &selection, uint64_t cursor, const BatchLimits &limits,
+                                      const Filter &filter) {
+    if (filter || selection.key.empty())
+        return std::make_shared<const Batch>(fetch(selection, cursor, limits, filter));
+    const uint64_t version = store_.version();
+    std::string question = question_of(selection, cursor, limits);
+    if (auto remembered = answers_.find(question, version))
+        return remembered;
+    auto made = std::make_shared<const Batch>(fetch(selection, cursor, limits));
+    answers_.keep(std::move(question), version, made);
+    return made;
+}
+
 tbs_status_t Registry::add(rgy_db_t db, const rgy_dtm_pair_t &stamps, const std::string &flex_text,
                            const Caller &caller) {
     if (!has_own_credentials(caller))
@@ -92,7 +128,10 @@ tbs_status_t Registry::remove(rgy_db_t db, uint64_t id, const Caller &caller) {
 }
 
 bool Registry::is_filled() {
-    return !store_.setting(origin_setting).empty();
+    auto &is_filled = known().is_filled;
+    if (!is_filled)
+        is_filled = !store_.setting(origin_setting).empty();
+    return *is_filled;
 }
 
 void Registry::become_master() {

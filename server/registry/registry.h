@@ -1,12 +1,14 @@
 // The tag registry of this host: what may be read, added and removed by whom. It knows no wire and no database.
 #pragma once
 
+#include <array>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include <server/registry/answers.h>
 #include <server/registry/store.h>
 #include <server/rpc/caller.h>
 #include <support/tbs.h>
@@ -14,12 +16,9 @@
 
 namespace velia::server {
 
-enum { REGISTRY_VISITS_MAX = 5000 }; // records that one request looks at; the rest is for the next one
-
-// A page of a fetch. `cursor` 0: nothing is left.
-struct Batch {
-    std::vector<Record> records;
-    uint64_t cursor = 0;
+enum {
+    REGISTRY_VISITS_MAX = 5000,            // records that one request looks at; the rest is for the next one
+    REGISTRY_ANSWERS_BYTES_MAX = 16 << 20, // of answers in memory
 };
 
 // How much a reply may hold.
@@ -35,11 +34,15 @@ class Registry {
 public:
     explicit Registry(Store &store) : store_(store) {}
 
-    Stamps stamps(rgy_db_t db) { return store_.stamps(db); }
+    Stamps stamps(rgy_db_t db);
     uint64_t count(rgy_db_t db) { return store_.count(db); }
 
     // At least one record comes, however small `bytes_max` is, or the cursor moves on.
     Batch fetch(const Selection &selection, uint64_t cursor, const BatchLimits &limits, const Filter &filter = {});
+
+    // The same. A look-up by an item that was answered before is answered from memory while the store is as it was.
+    AnswerMemory::Answer answer(const Selection &selection, uint64_t cursor, const BatchLimits &limits,
+                                const Filter &filter = {});
 
     // TBS_ST_NO_ACCESS: the caller does not say who it is; TBS_ST_STALE_ID: the stamps are not those of now;
     // TBS_ST_ALREADY_EXISTS: one of the same identity stands there; TBS_ST_INVALID_ARG: malformed.
@@ -64,7 +67,17 @@ public:
     void set_backup_hosts(const std::string &hosts) { store_.set_setting("backup", hosts); }
 
 private:
+    // What was read of the store, and is so while it has this version.
+    struct Known {
+        uint64_t version;
+        std::array<std::optional<Stamps>, RGY_DB_ALL> stamps;
+        std::optional<bool> is_filled;
+    };
+    Known &known();
+
     Store &store_;
+    Known known_ = {};
+    AnswerMemory answers_{REGISTRY_ANSWERS_BYTES_MAX};
 };
 
 // The bytes that a record takes in a reply.

@@ -91,7 +91,6 @@ void RegistryService::take_role() {
 Registry *RegistryService::registry() {
     if (is_master_ || registry_ == nullptr)
         return registry_.get();
-    store_->reread();
     return registry_->is_filled() ? registry_.get() : nullptr;
 }
 
@@ -99,7 +98,7 @@ void RegistryService::follow_copy() {
     if (store_ == nullptr)
         return;
     try {
-        store_->reread();
+        store_->version();
     } catch (const StoreError &error) {
         print_failure(error.what());
     }

@@ -1,5 +1,7 @@
 #include <server/registry/sqlite.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -13,7 +15,8 @@ namespace velia::server {
 
 namespace {
 
-constexpr int busy_timeout_ms = 5000; // another process may set the password meanwhile
+constexpr int busy_timeout_ms = 5000;  // another process may set the password meanwhile
+constexpr int log_index_bytes = 32768; // of the first piece in which it is mapped
 
 } // namespace
 
@@ -48,6 +51,36 @@ Sqlite::Sqlite(const std::string &file_name) {
     if (result != SQLITE_OK)
         throw StoreError(database != nullptr ? sqlite3_errmsg(database) : sqlite3_errstr(result));
     sqlite3_busy_timeout(database, busy_timeout_ms);
+}
+
+void Sqlite::write_ahead() {
+    Statement mode(*this, "PRAGMA journal_mode = WAL");
+    has_log_ = mode.step() && mode.text(0) == "wal";
+    mode.run();
+}
+
+const volatile uint64_t *Sqlite::map_log_index() {
+    sqlite3_file *file = nullptr;
+    if (!has_log_ || sqlite3_file_control(database_.get(), "main", SQLITE_FCNTL_FILE_POINTER, &file) != SQLITE_OK ||
+        file->pMethods == nullptr || file->pMethods->iVersion < 2)
+        return nullptr;
+    void volatile *index = nullptr;
+    return file->pMethods->xShmMap(file, 0, log_index_bytes, 0, &index) == SQLITE_OK
+               ? static_cast<const volatile uint64_t *>(index)
+               : nullptr;
+}
+
+// The log's index is shared memory that begins with a header, which a commit rewrites as its last act. A header that is
+// read while it is written is like none before or behind it.
+std::optional<CommitMark> Sqlite::commit_mark() {
+    if (log_index_ == nullptr)
+        log_index_ = map_log_index();
+    if (log_index_ == nullptr)
+        return std::nullopt;
+    CommitMark mark;
+    std::copy_n(log_index_, mark.size(), mark.begin());
+    std::atomic_thread_fence(std::memory_order_acquire);
+    return mark;
 }
 
 void Sqlite::run(const char *sql) {

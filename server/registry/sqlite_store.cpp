@@ -46,7 +46,7 @@ tbs_uuid_t new_uuid() {
 class SqliteStore : public Store {
 public:
     SqliteStore(const std::string &file_name, bool &is_new) : database_(file_name) {
-        database_.run("PRAGMA journal_mode = WAL");
+        database_.write_ahead();
         database_.run("PRAGMA synchronous = FULL");
         is_new = prepare_schema();
         statements_ = std::make_unique<Statements>(database_);
@@ -54,7 +54,16 @@ public:
         copy_ = named_uuid("copy");
     }
 
-    void reread() override { registry_ = named_uuid("registry"); }
+    // The mark is taken before what it stands for is read: a commit in between shows the next time.
+    uint64_t version() override {
+        const auto mark = database_.commit_mark();
+        if (!mark || mark != seen_) {
+            registry_ = named_uuid("registry");
+            seen_ = mark;
+            ++version_;
+        }
+        return version_;
+    }
 
     Stamps stamps(rgy_db_t db) override {
         auto &query = statements_->stamp.with(db);
@@ -289,6 +298,8 @@ private:
 
     Sqlite database_;
     std::unique_ptr<Statements> statements_;
+    std::optional<CommitMark> seen_;
+    uint64_t version_ = 0;
     tbs_uuid_t registry_ = {};
     tbs_uuid_t copy_ = {};
 };

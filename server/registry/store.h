@@ -45,6 +45,11 @@ public:
     Store(const Store &) = delete;
     Store &operator=(const Store &) = delete;
 
+    // Another number than before when anything has been changed since it was last asked for, by whomever: what was read
+    // under a number is still so when the store has this number again. It is asked for before each answer, and so
+    // cheap. Notice is taken of what another process made of the registry's name.
+    virtual uint64_t version() = 0;
+
     virtual Stamps stamps(rgy_db_t db) = 0;
     virtual uint64_t count(rgy_db_t db) = 0;
 
@@ -73,9 +78,6 @@ public:
 
     // Writes everything to a file of this name, which replaces a former one.
     virtual void save_to(const std::string &file_name) = 0;
-
-    // Takes notice of what another process changed of the registry's name.
-    virtual void reread() = 0;
 
     // Single values by their name, such as the password's hash; the empty text where there is none.
     virtual std::string setting(const std::string &name) = 0;

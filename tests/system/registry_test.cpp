@@ -11,6 +11,7 @@
 #include <tests/system/support/daemon.h>
 #include <tests/system/support/lossy_relay.h>
 #include <tests/system/support/registry_calls.h>
+#include <tests/system/support/registry_file.h>
 #include <veliaxdr/rgy_site.h>
 #include <veliaxdr/rvzd_hosts.h>
 
@@ -100,6 +101,22 @@ TEST_F(Registry, WhatWasAddedIsFoundByEachWay) {
     ASSERT_EQ(count, 1);
     rgy_delete_entry(&entries[0]);
     rgy_close_cursor(&cursor);
+}
+
+TEST_F(Registry, ALookUpSeesWhatWasChangedBeneathTheDaemon) {
+    ASSERT_EQ(add(RGY_DB_REGIONS, "-name=r1;-title=before;"), TBS_ST_OK);
+    rgy_cache_action(0);
+    const auto title = [] {
+        char buffer[64] = "";
+        int32_t ambiguous = 0;
+        EXPECT_EQ(rgy_getstring_by_string(RGY_DB_REGIONS, nullptr, nullptr, RGY_ITEM_NAME, "r1", RGY_ITEM_TITLE,
+                                          sizeof buffer, buffer, &ambiguous),
+                  TBS_ST_OK);
+        return std::string(buffer);
+    };
+    EXPECT_EQ(title(), "before");
+    change_registry(site, "UPDATE entry SET text = CAST('-name=r1;-title=after;' AS BLOB)");
+    EXPECT_EQ(title(), "after");
 }
 
 TEST_F(Registry, BatchesOfLongEntriesAreCutToADatagramAndResumed) {

@@ -13,7 +13,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <tests/system/support/many_entries.h>
+#include <tests/system/support/registry_file.h>
 #include <veliaxdr/rgy_entry.h>
 
 using namespace velia::system_test;

@@ -1,0 +1,18 @@
+// Changes of a site's registry beneath its daemon.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include <tests/system/support/site.h>
+
+namespace velia::system_test {
+
+void change_registry(const Site &site, const std::string &sql);
+
+// Adds entries to a database of the registry, all at once: a hundred thousand in a second. They are found by a listing,
+// and by nothing else.
+void fill_registry(const Site &site, uint32_t db, size_t entry_count);
+
+} // namespace velia::system_test
