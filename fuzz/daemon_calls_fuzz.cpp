@@ -62,7 +62,7 @@ public:
         const CallHeader header = read_call_header(message);
         const size_t number = answers_.size();
         answers_.push_back(header.fault == CallFault::no_call ? 1 : 0);
-        dispatcher.dispatch(message, from, [this, number, xid = header.xid](const MessageBytes &reply) {
+        dispatcher.dispatch(header, from, [this, number, xid = header.xid](const MessageBytes &reply) {
             uint32_t reply_xid = 0;
             uint32_t direction = 0;
             ByteReader reader(reply);

@@ -1,8 +1,6 @@
 // Each way in which a call can be wrong has its own reply, in the order in which a caller can be told.
 #include <server/rpc/dispatcher.h>
 
-#include <algorithm>
-
 namespace velia::server {
 
 namespace {
@@ -14,28 +12,31 @@ bool_t xdr_nothing(XDR * /*stream*/, void * /*record*/) {
 } // namespace
 
 Dispatcher::Dispatcher(uint32_t program, uint32_t version, std::vector<ServedProcedure> procedures)
-    : program_(program), version_(version), procedures_(std::move(procedures)) {}
+    : program_(program), version_(version) {
+    set_procedures(std::move(procedures));
+}
 
 void Dispatcher::set_procedures(std::vector<ServedProcedure> procedures) {
-    procedures_ = std::move(procedures);
+    procedures_.clear();
+    for (const auto &procedure : procedures) {
+        if (procedures_.size() <= procedure.number)
+            procedures_.resize(procedure.number + 1);
+        procedures_[procedure.number] = procedure;
+    }
 }
 
 const ServedProcedure *Dispatcher::find(uint32_t number) const {
-    const auto row = std::find_if(procedures_.begin(), procedures_.end(),
-                                  [&](const ServedProcedure &procedure) { return procedure.number == number; });
-    return row != procedures_.end() ? &*row : nullptr;
+    return number < procedures_.size() && procedures_[number].run != nullptr ? &procedures_[number] : nullptr;
 }
 
-bool Dispatcher::must_run_once(Bytes message) const {
-    const CallHeader header = read_call_header(message);
+bool Dispatcher::must_run_once(const CallHeader &header) const {
     if (header.fault != CallFault::none || header.program != program_ || header.version != version_)
         return false;
     const ServedProcedure *procedure = find(header.procedure);
     return procedure != nullptr && procedure->runs_once;
 }
 
-void Dispatcher::dispatch(Bytes message, const Caller &caller, const ReplySink &sink) const {
-    const CallHeader header = read_call_header(message);
+void Dispatcher::dispatch(const CallHeader &header, const Caller &caller, const ReplySink &sink) const {
     switch (header.fault) {
     case CallFault::no_call:
         return;

@@ -39,11 +39,11 @@ public:
     // Replaces the table, for the calls to come.
     void set_procedures(std::vector<ServedProcedure> procedures);
 
-    // Runs one call message. The sink is called at once, later, or, for what is no call, never.
-    void dispatch(Bytes message, const Caller &caller, const ReplySink &sink) const;
+    // Runs one call message, whose header was read. The sink is called at once, later, or, for what is no call, never.
+    void dispatch(const CallHeader &header, const Caller &caller, const ReplySink &sink) const;
 
     // True when the message calls a procedure that runs once.
-    bool must_run_once(Bytes message) const;
+    bool must_run_once(const CallHeader &header) const;
 
 private:
     const ServedProcedure *find(uint32_t number) const;
@@ -51,7 +51,7 @@ private:
 
     uint32_t program_;
     uint32_t version_;
-    std::vector<ServedProcedure> procedures_;
+    std::vector<ServedProcedure> procedures_; // each at the place of its number; one that has nothing to run is none
 };
 
 } // namespace velia::server

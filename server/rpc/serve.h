@@ -20,12 +20,12 @@
 
 namespace velia::server {
 
-// Gives the answer of one call, once.
-template <class Record>
-class Answer {
+// Gives the answer of one call, once, to a sink: that of the call for one that is answered at once, or one of its own.
+template <class Record, class Sink>
+class AnswerTo {
 public:
     template <class Request>
-    Answer(const Procedure<Request, Record> &procedure, const Request &request, const Call &call)
+    AnswerTo(const Procedure<Request, Record> &procedure, const Request &request, const Call &call)
         : reply_routine_(procedure.reply_routine()), xid_(call.xid), sink_(call.sink) {
         if constexpr (requires { request.header; })
             sequence_ = request.header.sequence;
@@ -43,8 +43,15 @@ private:
     xdrproc_t reply_routine_;
     uint32_t xid_;
     uint64_t sequence_ = 0;
-    ReplySink sink_;
+    Sink sink_;
 };
+
+template <class Record>
+using AnswerNow = AnswerTo<Record, const ReplySink &>;
+
+// May be kept.
+template <class Record>
+using Answer = AnswerTo<Record, ReplySink>;
 
 template <class Owner, class Request, class Record>
 using Work = tbs_status_t (Owner::*)(const Request &, const Caller &, Reply<Record> &);
@@ -55,32 +62,31 @@ using WorkOnSubject = tbs_status_t (Owner::*)(Subject &, const Request &, const 
 template <class Owner, class Request, class Record>
 using LaterWork = void (Owner::*)(const Request &, const Caller &, const Answer<Record> &);
 
-template <class Owner, class Request, class Record>
-void work_and_answer(Owner &owner, Work<Owner, Request, Record> work, const Request &request, const Caller &caller,
-                     const Answer<Record> &answer) {
+template <const auto &procedure, class Owner, class Request, class Record>
+void work_and_answer(Owner &owner, Work<Owner, Request, Record> work, const Request &request, const Call &call) {
     Reply<Record> reply;
-    const auto status = (owner.*work)(request, caller, reply);
-    answer(status, reply.record);
+    const auto status = (owner.*work)(request, call.caller, reply);
+    AnswerNow<Record>(procedure, request, call)(status, reply.record);
 }
 
-template <class Owner, class Subject, class Request, class Record>
+template <const auto &procedure, class Owner, class Subject, class Request, class Record>
 void work_and_answer(Owner &owner, WorkOnSubject<Owner, Subject, Request, Record> work, const Request &request,
-                     const Caller &caller, const Answer<Record> &answer) {
+                     const Call &call) {
+    const AnswerNow<Record> answer(procedure, request, call);
     try {
         Reply<Record> reply;
         Subject *subject = owner.subject();
         const auto status =
-            subject != nullptr ? (owner.*work)(*subject, request, caller, reply) : tbs_status_t{TBS_ST_NO_SERVER};
+            subject != nullptr ? (owner.*work)(*subject, request, call.caller, reply) : tbs_status_t{TBS_ST_NO_SERVER};
         answer(status, reply.record);
     } catch (const std::exception &error) {
         answer(owner.print_failure(error.what()), Record{});
     }
 }
 
-template <class Owner, class Request, class Record>
-void work_and_answer(Owner &owner, LaterWork<Owner, Request, Record> work, const Request &request, const Caller &caller,
-                     const Answer<Record> &answer) {
-    (owner.*work)(request, caller, answer);
+template <const auto &procedure, class Owner, class Request, class Record>
+void work_and_answer(Owner &owner, LaterWork<Owner, Request, Record> work, const Request &request, const Call &call) {
+    (owner.*work)(request, call.caller, Answer<Record>(procedure, request, call));
 }
 
 template <const auto &procedure, auto work, class Owner>
@@ -88,7 +94,7 @@ bool run_work(void *owner, XDR &arguments, const Call &call) {
     auto request = procedure.empty_request();
     const bool is_decoded = procedure.xdr_request(&arguments, &request) != FALSE;
     if (is_decoded)
-        work_and_answer(*static_cast<Owner *>(owner), work, request, call.caller, Answer(procedure, request, call));
+        work_and_answer<procedure>(*static_cast<Owner *>(owner), work, request, call);
     xdr_free(procedure.request_routine(), &request);
     return is_decoded;
 }

@@ -75,9 +75,10 @@ bool TcpConnection::process(Bytes bytes) {
         const MessageBytes record = assembler_.take();
         // A record that is no call gets no reply, so nothing would ever count it down; such a peer is not worth
         // keeping.
-        if (read_call_header(record).fault == CallFault::no_call)
+        const CallHeader header = read_call_header(record);
+        if (header.fault == CallFault::no_call)
             return false;
-        dispatcher_.dispatch(record, caller_, [self](const MessageBytes &message) {
+        dispatcher_.dispatch(header, caller_, [self](const MessageBytes &message) {
             if (const auto connection = self.lock())
                 connection->reply(message);
         });

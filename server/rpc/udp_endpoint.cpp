@@ -116,8 +116,9 @@ void UdpEndpoint::receive() {
 }
 
 void UdpEndpoint::take(Bytes message, const Caller &caller) {
+    const CallHeader header = read_call_header(message);
     ReplayCache::Key key;
-    if (dispatcher_.must_run_once(message)) {
+    if (dispatcher_.must_run_once(header)) {
         key = ReplayCache::key_of(caller, message);
         const MessageBytes *earlier_reply = nullptr;
         const auto verdict = channel_->replies.begin(key, monotonic_ms(), &earlier_reply);
@@ -127,7 +128,7 @@ void UdpEndpoint::take(Bytes message, const Caller &caller) {
             return;
     }
     std::weak_ptr<Channel> channel = channel_;
-    dispatcher_.dispatch(message, caller, [channel, key, caller](MessageBytes reply) {
+    dispatcher_.dispatch(header, caller, [channel, key, caller](MessageBytes reply) {
         const auto open = channel.lock();
         if (open == nullptr)
             return;

@@ -91,7 +91,8 @@ protected:
     void dispatch(const MessageBytes &message, rvzd_protocol_in_t transport = RVZD_PROTOCOL_UDP) {
         Caller caller;
         caller.transport = transport;
-        dispatcher.dispatch(message, caller, [this](MessageBytes bytes) { replies.push_back(std::move(bytes)); });
+        dispatcher.dispatch(read_call_header(message), caller,
+                            [this](MessageBytes bytes) { replies.push_back(std::move(bytes)); });
     }
 
     accept_stat outcome() const {
@@ -194,10 +195,17 @@ TEST_F(Dispatching, AnAnswerMayComeLater) {
     EXPECT_EQ(reply.header.status, TBS_ST_NOT_FOUND);
 }
 
+TEST_F(Dispatching, ATableTakesThePlaceOfTheFormerOne) {
+    dispatcher.set_procedures({serve<procedures::find_server, &Owner::later>(owner)});
+    dispatch(call_of(procedures::rgy_get_dtm));
+    EXPECT_EQ(outcome(), PROC_UNAVAIL);
+    EXPECT_TRUE(dispatcher.must_run_once(read_call_header(call_of(procedures::find_server))));
+}
+
 TEST_F(Dispatching, OnlyWhatRunsOnceIsRememberedAsSuch) {
-    EXPECT_TRUE(dispatcher.must_run_once(call_of(procedures::find_server)));
-    EXPECT_FALSE(dispatcher.must_run_once(call_of(procedures::contact)));
-    EXPECT_FALSE(dispatcher.must_run_once(call_of(procedures::rgy_add_entry))); // no row
+    EXPECT_TRUE(dispatcher.must_run_once(read_call_header(call_of(procedures::find_server))));
+    EXPECT_FALSE(dispatcher.must_run_once(read_call_header(call_of(procedures::contact))));
+    EXPECT_FALSE(dispatcher.must_run_once(read_call_header(call_of(procedures::rgy_add_entry)))); // no row
 }
 
 } // namespace
