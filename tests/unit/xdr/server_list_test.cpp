@@ -390,6 +390,37 @@ TEST_F(ServerListStreams, GiveTheSameListsWhateverTheCapacity) {
         compare_all(random_list(), sampler.coin() ? list_capacity : sampler.number(700));
 }
 
+// Records that are decoded at once stand on both sides of one that may not be.
+TEST_F(ServerListStreams, GiveTheSameListsWhateverTheLengthOfANameAndThePorts) {
+    for (size_t length = 0; length <= 70; ++length)
+        for (const uint32_t count : {0u, 1u, 2u, 3u})
+            for (const uint32_t family : {1u, 2u, 3u}) {
+                WireBytes wire = header();
+                add_record(wire, "a name of thirty-three characters", 0xf1f2f3f4);
+                wire.text(std::string(length, 'n')).word(0x81828384).word(0x85868788).word(0x898a8b8c).word(0x8d8e8f90);
+                wire.word(count);
+                for (uint32_t i = 0; i < std::min(count, 2u); ++i)
+                    wire.word(i + 1 == count ? family : 3 - family % 2).word(0x91929394 + i);
+                wire.raw(some_uuid).word(0xa1a2a3a4).word(0xa5a6a7a8);
+                add_record(wire, "another one of some length", 7).word(end_of_records).word(1);
+                SCOPED_TRACE(testing::Message() << length << " bytes, " << count << " ports, family " << family);
+                compare_all(wire, list_capacity);
+                const uint64_t both = rvzd_server_entry_size(33) + rvzd_server_entry_size(length);
+                compare_all(wire, both);
+                compare_all(wire, both - 1);
+            }
+}
+
+TEST_F(ServerListStreams, GiveTheSameListOfMoreBytesThanALengthFieldCounts) {
+    WireBytes wire = header();
+    for (uint32_t i = 0; i < 3; ++i)
+        add_record(wire, std::string(40000, 'n'), i);
+    for (uint32_t i = 0; i < 1000; ++i)
+        add_record(wire, std::string(i % 100, 'n'), i);
+    add_record(wire, std::string(UINT16_MAX + 1, 'n'), 5).word(end_of_records).word(1);
+    compare_all(wire, 400000);
+}
+
 TEST_F(ServerListStreams, GiveTheSameRefusalsAtEveryCut) {
     for (int i = 0; i < 5; ++i) {
         const Bytes bytes = random_list();
