@@ -78,7 +78,7 @@ void Daemon::apply(const Configuration &configuration) {
     auto procedures = broker_procedures_.rows(protocol);
     for (const auto &more : {host_procedures_.rows(protocol), registry_procedures_.rows()})
         procedures.insert(procedures.end(), more.begin(), more.end());
-    dispatcher_.set_procedures(std::move(procedures));
+    dispatcher_.set_procedures(procedures);
     for (const auto &endpoint : tcp_endpoints_)
         endpoint->set_limits(limits_of(configuration.options));
     table_.configure(configuration.services, monotonic_ms());

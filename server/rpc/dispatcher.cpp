@@ -11,12 +11,12 @@ bool_t xdr_nothing(XDR * /*stream*/, void * /*record*/) {
 
 } // namespace
 
-Dispatcher::Dispatcher(uint32_t program, uint32_t version, std::vector<ServedProcedure> procedures)
+Dispatcher::Dispatcher(uint32_t program, uint32_t version, const std::vector<ServedProcedure> &procedures)
     : program_(program), version_(version) {
-    set_procedures(std::move(procedures));
+    set_procedures(procedures);
 }
 
-void Dispatcher::set_procedures(std::vector<ServedProcedure> procedures) {
+void Dispatcher::set_procedures(const std::vector<ServedProcedure> &procedures) {
     procedures_.clear();
     for (const auto &procedure : procedures) {
         if (procedures_.size() <= procedure.number)

@@ -34,10 +34,10 @@ struct ServedProcedure {
 // Procedure 0 of the program, which answers nothing to nothing, needs no row.
 class Dispatcher {
 public:
-    Dispatcher(uint32_t program, uint32_t version, std::vector<ServedProcedure> procedures);
+    Dispatcher(uint32_t program, uint32_t version, const std::vector<ServedProcedure> &procedures);
 
     // Replaces the table, for the calls to come.
-    void set_procedures(std::vector<ServedProcedure> procedures);
+    void set_procedures(const std::vector<ServedProcedure> &procedures);
 
     // Runs one call message, whose header was read. The sink is called at once, later, or, for what is no call, never.
     void dispatch(const CallHeader &header, const Caller &caller, const ReplySink &sink) const;
