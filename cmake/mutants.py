@@ -32,12 +32,41 @@ CONDITION = re.compile(r"\b(if|while) \((?!.*;)(.*)\)( \{)?$")
 NUMBER = re.compile(r"(?<![\w.\"'])(\d+)(?![\w.\"'x])")
 CALL = re.compile(r"^\s*(?!return|delete|new|else|case)[a-z_][\w:.>\-]*\(.*\);$")
 SIMPLE = re.compile(r"^(\s*)[\w.\->\[\]*&:+]+(\(.*\)| [+\-|&]?= .*|\+\+|--);$")
+TARGET = re.compile(r"\s*\*?[A-Za-z_](?:\w|\.|->)* [+\-|&]?= |\s*stg_free\([\w.\->]+\)")
+NAME = re.compile(r"(?:\.|->)?[A-Za-z_]\w*")  # one of a member is told from one of a variable
+# Releasing is told from TARGET. The others only compute, or give what stays the same as long as the process.
+PURE = {"stg_free", "static_cast", "const_cast", "reinterpret_cast", "word_at", "signed_word_at", "lend", "ntohl", "ntohs",
+        "htonl", "htons", "tbs_product_name", "tbs_product_version", "sysutl_myhostname", "process_generation"}
+# The lesser or the greater of two: which of them is taken when they are equal does not matter.
+CHOICE = re.compile(r"(\w+) [<>] (\w+) \? (?=(?:\1 : \2|\2 : \1)\b(?! [-+*/%&|]))")
 
 
 def without_texts(line):
     """The line with its texts and comments blanked out, so that positions stay."""
     blank = lambda found: " " * len(found.group())
     return re.sub(r'"(\\.|[^"\\])*"|\'(\\.|[^\'\\])*\'|//.*$', blank, line)
+
+
+def is_choice(code, at):
+    return any(found.start() <= at < found.end() for found in CHOICE.finditer(code))
+
+
+def targets_of(code):
+    """What is set, or released, by a statement that calls nothing and changes nothing else; empty for any other."""
+    targets, at = set(), 0
+    while found := TARGET.match(code, at):
+        targets.add(NAME.findall(found[0])[-1].replace("->", "."))
+        at = found.end()
+    calls = re.findall(r"(\w+)(?:<[^()]*>)?\(", code)
+    is_plain = code.endswith(";") and code[at:at + 1] != "{" and not re.search(r"\+\+|--|\[&?\]", code)
+    return targets if is_plain and PURE.issuperset(calls) else set()
+
+
+def are_independent(code, next_code):
+    """Two assignments neither of which reads, or reaches by what it reads, what the other one sets."""
+    first, second = targets_of(code), targets_of(next_code)
+    names_of = lambda text: {name.replace("->", ".") for name in NAME.findall(text)}
+    return bool(first and second) and not first & names_of(next_code) and not second & names_of(code)
 
 
 def changes_of_line(lines, index):
@@ -50,7 +79,7 @@ def changes_of_line(lines, index):
         yield "condition turned", [line[:start] + "!(" + line[start:end] + ")" + line[end:]]
     for old, new in OPERATORS:
         for at in re.finditer(re.escape(old), code):
-            if "template" not in code and "operator" not in code:
+            if "template" not in code and "operator" not in code and not is_choice(code, at.start()):
                 yield f"{old.strip()} for {new.strip()}", [line[:at.start()] + new + line[at.end():]]
     for number in NUMBER.finditer(code):
         yield "number moved by one", [line[:number.start()] + str(int(number[1]) + 1) + line[number.end():]]
@@ -58,7 +87,8 @@ def changes_of_line(lines, index):
         yield "call left out", [re.match(r"\s*", line)[0] + ";"]
     if index + 1 < len(lines):
         here, after = SIMPLE.match(code), SIMPLE.match(without_texts(lines[index + 1]))
-        if here and after and here[1] == after[1] and line != lines[index + 1]:
+        if here and after and here[1] == after[1] and line != lines[index + 1] and \
+                not are_independent(code, without_texts(lines[index + 1])):
             yield "statements exchanged", [lines[index + 1], line]
 
 
