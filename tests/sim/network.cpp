@@ -7,8 +7,11 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 
+#include <gtest/gtest.h>
+
 #include <support/stg.h>
 #include <support/sysutl.h>
+#include <tests/sim/noted.h>
 #include <tests/sim/world.h>
 
 using sim::Network;
@@ -62,6 +65,7 @@ void __real_freeaddrinfo(addrinfo *list);
 void __wrap_freeaddrinfo(addrinfo *list) {
     if (World::exists() && World::current().network.resolver_lists > 0)
         --World::current().network.resolver_lists;
+    sim::noted().resolver_lists.erase(list);
     __real_freeaddrinfo(list);
 }
 
@@ -147,6 +151,8 @@ tbs_status_t __wrap_sysutl_set_socket_nonblocking(int fd, int on) {
 int __real_sysutl_host_numeric(const sockaddr *address, size_t size, char *buffer, int reserved1, int reserved2);
 int __wrap_sysutl_host_numeric(const sockaddr *address, size_t size, char *buffer, int reserved1, int reserved2) {
     World::current().support_call();
+    EXPECT_EQ(reserved1, 0);
+    EXPECT_EQ(reserved2, 0);
     int result = 0;
     if (take(World::current().network.numeric_results, result) && result != 0)
         return result;

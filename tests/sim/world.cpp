@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <support/pfm.h>
+#include <tests/sim/noted.h>
 
 namespace sim {
 namespace {
@@ -43,6 +44,7 @@ void PrintTo(const Message &message, std::ostream *out) {
 
 World::World() : root_(make_root()) {
     world = this;
+    noted() = {};
     hosts[host_name] = {"127.0.0.1"};
     services["rvzd"] = 3710;
     setenv("VELIA_ROOT", root_.c_str(), 1);

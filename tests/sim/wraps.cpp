@@ -9,6 +9,8 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
+#include <gtest/gtest.h>
+
 #include <support/credmap.h>
 #include <support/credutl.h>
 #include <support/ivlthread.h>
@@ -16,6 +18,7 @@
 #include <support/rt.h>
 #include <support/stg.h>
 #include <support/sysutl.h>
+#include <tests/sim/noted.h>
 #include <tests/sim/rpc_client.h>
 #include <tests/sim/world.h>
 #include <veliaxdr/rvzd_handle.h>
@@ -115,8 +118,12 @@ int __wrap_imsg_prompt_password(const char *prompt, char *buffer) {
     return world.prompt_result;
 }
 
-SIM_PASS_THROUGH(char *, getenv_safe, (const char *name, char *buffer, size_t size, int reserved),
-                 (name, buffer, size, reserved))
+char *__real_getenv_safe(const char *name, char *buffer, size_t size, int reserved);
+char *__wrap_getenv_safe(const char *name, char *buffer, size_t size, int reserved) {
+    World::current().support_call();
+    EXPECT_EQ(reserved, 0);
+    return __real_getenv_safe(name, buffer, size, reserved);
+}
 
 void *__real_stg_malloc(size_t size);
 void *__wrap_stg_malloc(size_t size) {
@@ -175,8 +182,11 @@ int __wrap_sysutl_host_addr(const char *host, const char *service, int socket_ty
     world.support_call();
     world.lookups.emplace_back(host != nullptr ? host : service);
     world.lookup_socket_types.push_back(socket_type);
-    return host != nullptr ? resolve_host(world, host, socket_type, result)
-                           : resolve_service(world, service, socket_type, result);
+    const int code = host != nullptr ? resolve_host(world, host, socket_type, result)
+                                     : resolve_service(world, service, socket_type, result);
+    if (code == 0 && *result != nullptr)
+        sim::noted().resolver_lists.insert(*result);
+    return code;
 }
 
 uint64_t __wrap_sysutl_sock_port_uniquifier() {
@@ -205,12 +215,14 @@ static CLIENT *open_tcp_client(const sockaddr *address, uint32_t program, uint32
 
 // As the real ones: a client made in the first way leaves its socket to the caller, one made in the second closes it.
 CLIENT *__wrap_ks_clnttcp_create_sockaddr(const sockaddr *address, uint32_t program, uint32_t version, int *socket_fd,
-                                          uint32_t, uint32_t) {
+                                          uint32_t send_size, uint32_t receive_size) {
+    sim::noted().tcp_buffer_sizes.insert(sim::noted().tcp_buffer_sizes.end(), {send_size, receive_size});
     return open_tcp_client(address, program, version, socket_fd, false);
 }
 
 CLIENT *__wrap_sysutl_clnttcp_create_ext(const sockaddr *address, uint32_t program, uint32_t version, int *socket_fd,
-                                         uint32_t, uint32_t) {
+                                         uint32_t send_size, uint32_t receive_size) {
+    sim::noted().tcp_buffer_sizes.insert(sim::noted().tcp_buffer_sizes.end(), {send_size, receive_size});
     *socket_fd = -1;
     return open_tcp_client(address, program, version, socket_fd, true);
 }
@@ -226,13 +238,13 @@ int __wrap_imsg_should_trace(const char *subsystem, int level) {
 AUTH *__real_credmap_auth_create_default(const char *host);
 AUTH *__wrap_credmap_auth_create_default(const char *host) {
     World::current().support_call();
-    return fails(&Faults::authenticator) ? nullptr : __real_credmap_auth_create_default(host);
+    return fails(&Faults::authenticator) ? nullptr : sim::note_authenticator(__real_credmap_auth_create_default(host));
 }
 
 AUTH *__real_credmap_authunix_create_nobody();
 AUTH *__wrap_credmap_authunix_create_nobody() {
     World::current().support_call();
-    return fails(&Faults::authenticator) ? nullptr : __real_credmap_authunix_create_nobody();
+    return fails(&Faults::authenticator) ? nullptr : sim::note_authenticator(__real_credmap_authunix_create_nobody());
 }
 
 int __real_credutl_getgroups(int group_count_max, uint32_t *groups);

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <tests/sim/noted.h>
 #include <tests/sim/world.h>
 
 TEST(PerThreadBlock, IsNotInitializedBeforeTheFirstCall) {
@@ -49,6 +50,18 @@ TEST(PerThreadBlock, NewBlocksAreZeroed) {
     sim::World world;
     const rvzd_tls_t zeroed = {};
     EXPECT_EQ(memcmp(rvzd_tls_get(), &zeroed, sizeof zeroed), 0);
+}
+
+TEST(PerThreadBlock, EndsWithItsThread) {
+    sim::World world;
+    const int before = sim::thread_blocks();
+    int during = 0;
+    std::thread([&] {
+        rvzd_tls_get();
+        during = sim::thread_blocks();
+    }).join();
+    EXPECT_EQ(during, before + 1);
+    EXPECT_EQ(sim::thread_blocks(), before);
 }
 
 TEST(PerThreadBlock, ConcurrentFirstCallsEachGetTheirOwn) {

@@ -306,6 +306,14 @@ TEST_P(ReadCache, ACacheIdleForMoreThanSixtySecondsIsThrownAwayWhole) {
     EXPECT_EQ(counted(fills), 2u);
 }
 
+TEST_P(ReadCache, ACacheThatNeverWasFilledIsNotIdle) {
+    answer(refusal(TBS_ST_NOT_FOUND));
+    EXPECT_EQ(look_up(), -1);
+    world.advance_s(61);
+    EXPECT_EQ(look_up(), -1);
+    EXPECT_EQ(rgy_rpc_stats[idleflush] - at_start[idleflush], 0u);
+}
+
 TEST_P(ReadCache, AClockThatJumpsBackwardExpiresEverythingAtOnce) {
     look_up();
     world.advance_s(-10);

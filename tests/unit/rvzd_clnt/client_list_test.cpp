@@ -7,6 +7,8 @@
 #include <sys/stat.h>
 
 #include <support/stg.h>
+#include <tests/sim/noted.h>
+#include <tests/sim/without_standard_input.h>
 #include <veliaxdr/rvzd_hosts.h>
 
 namespace {
@@ -316,6 +318,38 @@ TEST_F(Registration, LeavesItsNoteOnTheHost) {
                 SizeIs(1));
 }
 
+TEST_F(Registration, LeavesItsNoteAlsoWithoutAStandardInput) {
+    rvzd_handle_t *handle = handle_to("alpha");
+    const sim::WithoutStandardInput without;
+    rvzd_clnt_list_register(handle);
+    EXPECT_TRUE(std::filesystem::exists(note_of("127.0.0.2")));
+    rvzd_free_handle(handle);
+}
+
+TEST_F(Registration, ANoteThatCannotBeReplacedLeavesNothingBesideIt) {
+    std::filesystem::create_directories(note_of("127.0.0.2"));
+    register_with("alpha");
+    EXPECT_EQ(registrations(), 1u);
+    EXPECT_THAT(std::vector<std::filesystem::path>(std::filesystem::directory_iterator(note_of("x").parent_path()), {}),
+                ElementsAre(note_of("127.0.0.2")));
+}
+
+TEST_F(Registration, NotesAreLookedForAmong4096EntriesOfTheDirectory) {
+    constexpr size_t entries_max = 4096;
+    leave_note("127.0.0.2", 1);
+    const std::string note = note_of("127.0.0.2").filename();
+    auto &entries = sim::noted().directory_entries;
+    entries.assign(entries_max - 1, "a file of others");
+    entries.push_back(note);
+    register_with("alpha");
+    EXPECT_EQ(registrations(), 0u);
+    leave_note("127.0.0.3", 1);
+    entries.assign(entries_max, "a file of others");
+    entries.push_back(note_of("127.0.0.3").filename());
+    register_with("beta");
+    EXPECT_EQ(registrations(), 1u);
+}
+
 TEST_F(Registration, LeavesItsNoteBeforeItCalls) {
     bool is_noted = false;
     world.peer.on(RVZD_PROC_CLNT_LIST_REGISTER, [&](const sim::Call &) {
@@ -447,6 +481,23 @@ TEST_F(RemoteBuild, WithoutTheGroupsOfTheProcessNobodyIsAsked) {
                     sim::told_by("xdr/rvzd",
                                  message_of(IMSG_CONTINUATION, _tbs_cmsg_tbs_msg_table, 2, imsg_strerror(EINVAL)))));
     expect_lock_is_free();
+}
+
+TEST_F(RemoteBuild, TheUsersCredentialsAreMappedForTheBrokersHost) {
+    answer("text");
+    EXPECT_EQ(ask(), TBS_ST_OK);
+    ASSERT_THAT(sim::noted().mapped_credentials, SizeIs(1));
+    const auto &[host, mapped] = sim::noted().mapped_credentials[0];
+    EXPECT_EQ(host, "alpha");
+    EXPECT_EQ(mapped.user.kind, uint32_t{CREDUTL_SID_USER});
+    EXPECT_EQ(mapped.user.id, 10u);
+    EXPECT_EQ(mapped.group.kind, uint32_t{CREDUTL_SID_GROUP});
+    EXPECT_EQ(mapped.group.id, 20u);
+    uint32_t groups[CREDUTL_GROUPS_MAX];
+    const int group_count = credutl_getgroups(CREDUTL_GROUPS_MAX, groups);
+    ASSERT_EQ(static_cast<int>(mapped.group_count), group_count);
+    for (int i = 0; i < group_count; ++i)
+        EXPECT_EQ(mapped.groups[i].id, groups[i]);
 }
 
 TEST_F(RemoteBuild, AFailedCallIsToldWithTheHost) {

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <support/stg.h>
+#include <tests/sim/without_standard_input.h>
 #include <veliaxdr/rvzd_probe.h>
 
 namespace {
@@ -283,6 +284,22 @@ TEST_F(ConnectProbe, TheLastDescriptorOfTheSetsIsWaitedFor) {
     world.network.socket_errors = {{0, ECONNREFUSED}, {0, 0}};
     EXPECT_EQ(probe(), 1);
     EXPECT_THAT(waits_us(), SizeIs(2));
+}
+
+TEST_F(ConnectProbe, TheDescriptorOfAClosedStandardInputIsOneLikeAnyOther) {
+    const sim::WithoutStandardInput without;
+    world.network.closed.clear(); // of the standard input itself
+    add_target({EINPROGRESS});
+    world.network.script = {sim::times_out()};
+    EXPECT_EQ(probe(), 0);
+    add_target({EINPROGRESS});
+    world.network.hosts["target"].resize(1);
+    world.network.script = {sim::finds_ready({1})};
+    world.network.socket_errors = {{0, 0}};
+    EXPECT_EQ(probe(), 1);
+    EXPECT_THAT(world.network.opened, ElementsAre(STDIN_FILENO, STDIN_FILENO));
+    EXPECT_THAT(waits_us(), SizeIs(2));
+    EXPECT_THAT(world.take_messages(), IsEmpty());
 }
 
 TEST_F(ConnectProbe, ManyAddressesAreAllTriedAtOnce) {

@@ -257,6 +257,18 @@ TEST_F(MatchingServers, ABrokerThatGoesRoundEndsTheWalk) {
     EXPECT_EQ(fail_to_list(), TBS_ST_ERROR);
 }
 
+TEST_F(MatchingServers, TheCookieAfterOneThreeAndSevenStepsIsWhatTellsACircle) {
+    for (const auto &[circle, steps] : {std::pair(1u, 2u), {2u, 3u}, {3u, 6u}, {4u, 7u}, {5u, 12u}}) {
+        world.peer.calls.clear();
+        world.peer.on(RVZD_PROC_LIST_SERVERS, [circle](const sim::Call &call) {
+            const auto sent = call.decode(xdr_rvzd_list_servers_req_t).cookie;
+            return list_reply({{sent == 0 ? 1 : 1 + sent % circle}}, false);
+        });
+        EXPECT_EQ(fail_to_list(), TBS_ST_ERROR) << circle;
+        EXPECT_EQ(world.peer.count(RVZD_PROC_LIST_SERVERS), steps) << circle;
+    }
+}
+
 TEST_F(MatchingServers, ATableWithoutAnEndIsGivenUpAtTheMostThatAHostCanHave) {
     constexpr uint64_t servers_max = 131'072;
     constexpr uint64_t in_a_piece = 11;

@@ -96,6 +96,15 @@ TEST_F(PortRules, AnInvertedOrZeroRangeIsNone) {
     EXPECT_EQ(rule(RVZD_GENERIC_SERVICE_PROGRAM), none);
 }
 
+TEST_F(PortRules, ARangeOfTheEnvironmentWhollyBelowZeroHasNoHighEndAndIsNotRemembered) {
+    setenv("IRONVALE_MIN_PORT", "-5", 1);
+    setenv("IRONVALE_MAX_PORT", "-1", 1);
+    EXPECT_EQ(rule(RVZD_GENERIC_SERVICE_PROGRAM), Rule(1, 1026, 0, 1));
+    setenv("IRONVALE_MIN_PORT", "3000", 1);
+    setenv("IRONVALE_MAX_PORT", "3010", 1);
+    EXPECT_EQ(rule(RVZD_GENERIC_SERVICE_PROGRAM), Rule(1, 3000, 3010, 1));
+}
+
 TEST_F(PortRules, ALowEndOfZeroIsNone) {
     file("FLSHP_MIN_PORT = 0\nFLSHP_MAX_PORT = 3000\n");
     EXPECT_EQ(rule(RVZD_GENERIC_SERVICE_PROGRAM), none);

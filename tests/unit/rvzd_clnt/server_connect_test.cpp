@@ -111,6 +111,16 @@ TEST_F(ServerConnect, TheHandleToTheBrokerGoesBackToTheCache) {
     rvzd_free_handle(handle);
 }
 
+TEST_F(ServerConnect, OfTheCallersHalfOfTheHandleNothingIsLeft) {
+    rvzd_free_handle(handle_to("alpha"));
+    const size_t blocks = world.live_blocks();
+    ASSERT_EQ(connect_to("alpha"), TBS_ST_OK);
+    EXPECT_EQ(world.live_blocks(), blocks);
+    rvzd_handle_t *handle = handle_to("alpha");
+    EXPECT_EQ(handle->cached->reference_count, 1);
+    rvzd_free_handle(handle);
+}
+
 TEST_F(ServerConnect, ANullPathIsSentAndToldAsTheEmptyString) {
     answer_ports({}, TBS_ST_NOT_FOUND);
     EXPECT_EQ(connect_to("alpha", false, nullptr), TBS_ST_NOT_FOUND);

@@ -5,6 +5,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <tests/sim/without_standard_input.h>
+
 namespace {
 
 using testing::ElementsAre;
@@ -136,6 +138,14 @@ TEST_F(Sockets, AGetsocknameThatFailsIsReportedForIPv4OnlyAndClosesTheSocket) {
     EXPECT_THAT(world.take_messages(),
                 ElementsAre(message_of(IMSG_ERROR, _rvzd_rvzd_msg_table, 22, imsg_strerror(ENOBUFS)),
                             message_of(IMSG_ERROR, _rvzd_rvzd_msg_table, 5, "")));
+}
+
+TEST_F(Sockets, TheDescriptorOfAClosedStandardInputIsOneLikeAnyOther) {
+    const sim::WithoutStandardInput without;
+    ASSERT_EQ(alloc(), TBS_ST_OK);
+    EXPECT_EQ(desc.fd, STDIN_FILENO);
+    EXPECT_EQ(desc.addr.base.sa_family, AF_INET6);
+    EXPECT_EQ(world.live_descriptors(), 1u);
 }
 
 TEST_F(Sockets, TracesTellOfTheFallBackAndOfTheSocket) {

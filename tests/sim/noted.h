@@ -1,0 +1,42 @@
+// What the simulated world notes beyond what most tests ask for: loans of the support layer that are no storage, what
+// it is told, and what a directory holds. A new World begins with nothing noted.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <deque>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <netdb.h>
+#include <rpc/rpc.h>
+
+#include <support/credutl.h>
+
+namespace sim {
+
+struct MappedCredentials {
+    std::string host;
+    credutl_sid_credentials_t credentials;
+};
+
+struct Noted {
+    std::set<const addrinfo *> resolver_lists; // of sysutl_host_addr, that are out
+    size_t authenticators = 0;                 // that are out
+    std::vector<MappedCredentials> mapped_credentials;
+    std::vector<uint32_t> tcp_buffer_sizes; // of each TCP client: for sending, for receiving; 0 is the system's choice
+
+    // What the next readings of a directory find; with none given, what is there.
+    std::deque<std::string> directory_entries;
+};
+
+Noted &noted();
+
+// Counts this one until it is destroyed; null is none.
+AUTH *note_authenticator(AUTH *authenticator);
+
+// Blocks of threads' own that are out: of all threads, and also of those that outlive their World.
+std::atomic<int> &thread_blocks();
+
+} // namespace sim
