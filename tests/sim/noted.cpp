@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <support/clp.h>
 #include <support/credmap.h>
 #include <support/ivlthread.h>
 #include <tests/sim/world.h>
@@ -80,6 +81,30 @@ dirent *__wrap_readdir(DIR *directory) {
     entry.d_name[entries.front().copy(entry.d_name, sizeof entry.d_name - 1)] = '\0';
     entries.pop_front();
     return &entry;
+}
+
+int __real_clp_get_next_flag_value(clp_hdl_t parser, int reserved, int *index);
+int __wrap_clp_get_next_flag_value(clp_hdl_t parser, int reserved, int *index) {
+    EXPECT_EQ(reserved, 1);
+    const int found = __real_clp_get_next_flag_value(parser, reserved, index);
+    auto &rows = noted().flag_rows;
+    if (found == CLP_FLAG && !rows.empty()) {
+        *index = rows.front();
+        rows.pop_front();
+    }
+    return found;
+}
+
+int __real_clp_get_last_flag_name(clp_hdl_t parser, int reserved, size_t size, char *name);
+int __wrap_clp_get_last_flag_name(clp_hdl_t parser, int reserved, size_t size, char *name) {
+    EXPECT_EQ(reserved, 1);
+    return __real_clp_get_last_flag_name(parser, reserved, size, name);
+}
+
+void __real_hash_set_order(hash_table_t table);
+void __wrap_hash_set_order(hash_table_t table) {
+    noted().ordered_tables.insert(table);
+    __real_hash_set_order(table);
 }
 
 int __real_strutl_write(const char *text, const char *path, int reserved1, int reserved2);

@@ -13,6 +13,7 @@
 #include <rpc/rpc.h>
 
 #include <support/credutl.h>
+#include <support/hash.h>
 
 namespace sim {
 
@@ -25,7 +26,11 @@ struct Noted {
     std::set<const addrinfo *> resolver_lists; // of sysutl_host_addr, that are out
     size_t authenticators = 0;                 // that are out
     std::vector<MappedCredentials> mapped_credentials;
-    std::vector<uint32_t> tcp_buffer_sizes; // of each TCP client: for sending, for receiving; 0 is the system's choice
+
+    std::set<hash_table_t> ordered_tables; // whose owner counts on walks in order, in which records may be freed
+
+    // The rows of the next flags that a command line is found to have; with none given, what stands there.
+    std::deque<int> flag_rows;
 
     // What the next readings of a directory find; with none given, what is there.
     std::deque<std::string> directory_entries;

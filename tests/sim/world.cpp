@@ -11,6 +11,8 @@
 
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include <support/pfm.h>
 #include <tests/sim/noted.h>
 
@@ -54,6 +56,7 @@ World::World() : root_(make_root()) {
 }
 
 World::~World() {
+    EXPECT_EQ(noted().resolver_lists.size(), 0u) << "lists of the resolver that nobody gave back";
     imsg_set_sink(nullptr, nullptr);
     world = nullptr;
     std::filesystem::remove_all(root_);

@@ -213,16 +213,21 @@ static CLIENT *open_tcp_client(const sockaddr *address, uint32_t program, uint32
     return sim::make_client(address, program, version, *socket_fd, true, owns_socket);
 }
 
+static void expect_sizes_of_the_system(uint32_t send_size, uint32_t receive_size) {
+    EXPECT_EQ(send_size, 0u);
+    EXPECT_EQ(receive_size, 0u);
+}
+
 // As the real ones: a client made in the first way leaves its socket to the caller, one made in the second closes it.
 CLIENT *__wrap_ks_clnttcp_create_sockaddr(const sockaddr *address, uint32_t program, uint32_t version, int *socket_fd,
                                           uint32_t send_size, uint32_t receive_size) {
-    sim::noted().tcp_buffer_sizes.insert(sim::noted().tcp_buffer_sizes.end(), {send_size, receive_size});
+    expect_sizes_of_the_system(send_size, receive_size);
     return open_tcp_client(address, program, version, socket_fd, false);
 }
 
 CLIENT *__wrap_sysutl_clnttcp_create_ext(const sockaddr *address, uint32_t program, uint32_t version, int *socket_fd,
                                          uint32_t send_size, uint32_t receive_size) {
-    sim::noted().tcp_buffer_sizes.insert(sim::noted().tcp_buffer_sizes.end(), {send_size, receive_size});
+    expect_sizes_of_the_system(send_size, receive_size);
     *socket_fd = -1;
     return open_tcp_client(address, program, version, socket_fd, true);
 }
@@ -334,7 +339,10 @@ int __wrap_fclose(FILE *stream) {
 int __wrap_gethostname(char *buffer, size_t size) {
     if (fails(&Faults::gethostname))
         return -1;
-    snprintf(buffer, size, "%s", World::current().host_name.c_str());
+    const std::string &name = World::current().host_name;
+    const size_t length = name.copy(buffer, size);
+    if (length < size) // a name that is cut need not have an end
+        buffer[length] = '\0';
     return 0;
 }
 

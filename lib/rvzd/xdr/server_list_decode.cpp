@@ -147,12 +147,11 @@ bool decode_ports_and_tail(Source &source, rvzd_server_entry_t *entry) {
     const char *wire = source.take(present * port_bytes + tail_bytes);
     if (wire == nullptr)
         return false;
+    for (auto &port : entry->ports.ports)
+        port = {0, 0};
     bool known = true;
-    for (size_t i = 0; i < RVZD_SERVER_PORTS_MAX; ++i) {
-        entry->ports.ports[i] = {0, 0};
-        if (i < present)
-            known = decode_port(wire + i * port_bytes, entry->ports.ports[i]) && known;
-    }
+    for (size_t i = 0; i < present; ++i)
+        known = decode_port(wire + i * port_bytes, entry->ports.ports[i]) && known;
     decode_tail(wire + present * port_bytes, entry);
     return known;
 }

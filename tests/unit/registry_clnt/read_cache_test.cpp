@@ -1,4 +1,5 @@
 // The read cache as lookups see it: what is answered without a call, and what is not.
+#include <tests/sim/noted.h>
 #include <tests/unit/registry_clnt/registry_fixture.h>
 
 namespace {
@@ -304,6 +305,11 @@ TEST_P(ReadCache, ACacheIdleForMoreThanSixtySecondsIsThrownAwayWhole) {
     EXPECT_EQ(rgy_rpc_stats[idleflush] - at_start[idleflush], 1u);
     EXPECT_EQ(counted(timo), 1u);
     EXPECT_EQ(counted(fills), 2u);
+}
+
+TEST_P(ReadCache, BothItsTablesAreWalkedInOrderSinceItsEndFreesWhatTheyHold) {
+    look_up();
+    EXPECT_EQ(sim::noted().ordered_tables.size(), 2u);
 }
 
 TEST_P(ReadCache, ACacheThatNeverWasFilledIsNotIdle) {

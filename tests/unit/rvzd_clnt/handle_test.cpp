@@ -1,6 +1,8 @@
 // Obtaining handles: sharing, protocol versions, and the words and numbers of every way to fail.
 #include <tests/unit/rvzd_clnt/handle_fixture.h>
 
+#include <bit>
+
 #include <arpa/inet.h>
 #include <netdb.h>
 #include <unistd.h>
@@ -148,6 +150,24 @@ TEST_F(Handle, ThisHostsAddressesAreResolvedOnceAndKept) {
     EXPECT_EQ(tcp->cached->server_addr.addrs[0].ipv4.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
     rvzd_free_handle(udp);
     rvzd_free_handle(tcp);
+}
+
+TEST_F(Handle, ThisHostsAddressesServeUnderItsOwnNameToo) {
+    rvzd_handle_t *by_null = handle_to(nullptr);
+    const size_t lookups = world.lookups.size();
+    rvzd_handle_t *by_name = handle_to("thishost", RVZD_PROTOCOL_TCP);
+    EXPECT_EQ(world.lookups.size(), lookups);
+    rvzd_free_handle(by_null);
+    rvzd_free_handle(by_name);
+}
+
+TEST_F(Handle, ALocalHostNameIsCutAt63Bytes) {
+    const std::string longest(63, 'h');
+    world.add_host(longest, {"127.0.0.1"});
+    world.host_name = longest + "more";
+    rvzd_handle_t *handle = handle_to(nullptr);
+    EXPECT_EQ(handle->cached->host_name, longest);
+    rvzd_free_handle(handle);
 }
 
 TEST_F(Handle, WithoutALocalHostNameThereIsNone) {
@@ -307,6 +327,10 @@ TEST_F(Handle, TheBucketIsTheRotatedHashOfTheSpelling) {
     EXPECT_EQ(velia::rvzd_clnt::bucket_of("a", 1), (32u + 97u) % 10);
     EXPECT_EQ(velia::rvzd_clnt::bucket_of("ab", 2), ((64u + 97u) * 32u + 98u) % 10);
     EXPECT_EQ(velia::rvzd_clnt::bucket_of("\xff", 1), (32u + 255u) % 10);
+    uint32_t hash = 1;
+    for (const char c : std::string("a.name.that.turns.all.bits.round"))
+        hash = std::rotl(hash, 5) + static_cast<unsigned char>(c);
+    EXPECT_EQ(velia::rvzd_clnt::bucket_of("a.name.that.turns.all.bits.round", 1), hash % 10);
 }
 
 TEST_F(Handle, AGenericOneKeepsItsFlagForLaterPlainCallers) {

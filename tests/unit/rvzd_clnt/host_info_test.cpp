@@ -3,6 +3,7 @@
 
 #include <rvzd/client/rvzd_clnt/host_info.h>
 #include <support/stg.h>
+#include <tests/sim/noted.h>
 #include <veliaxdr/rvzd_hosts.h>
 
 namespace {
@@ -267,6 +268,15 @@ protected:
 
     rvzd_hostinfo_opts_t options = {};
 };
+
+TEST_F(HostOptions, AFlagThatNobodyHandlesIsToldByItsName) {
+    sim::noted().flag_rows = {1};
+    EXPECT_EQ(parse("-no_servers"), TBS_ST_ERROR);
+    EXPECT_EQ(options.no_servers, 0);
+    EXPECT_THAT(world.take_messages(),
+                ElementsAre(sim::told_by("xdr/rvzd", message_of(IMSG_ERROR, _tbs_cmsg_tbs_msg_table, 100)),
+                            message_of(IMSG_CONTINUATION, _rvzd_rvzd_msg_table, 93, "-no_servers")));
+}
 
 TEST_F(HostOptions, AreNoneWithoutAText) {
     for (const char *text : {static_cast<const char *>(nullptr), ""}) {

@@ -386,4 +386,29 @@ TEST_F(ServerConnect, ARaiseWaitsUntilTheConnectionIsTheCallers) {
     }
 }
 
+// An operation that raises by itself does not wait for the end of the connecting.
+TEST_F(ServerConnect, ARaiseOutOfTheConnectingTakesBackWhatItHasMade) {
+    world.add_host("dual", {"127.0.0.4", "::1"});
+    rvzd_free_handle(handle_to("dual"));
+    const auto before = sim::Holdings::now(world);
+    world.on_message = [](const sim::Message &) { pfm_raise(sim::raise_code); };
+    auto connecting = [&] { rvzd_connect_to_server("dual", &trait, &connection, &uuid, nullptr, "test server"); };
+    answer_ports({}, TBS_ST_NOT_FOUND); // told with the broker's handle in hand
+    EXPECT_EQ(sim::run_and_catch(connecting), sim::raise_code);
+    EXPECT_EQ(sim::Holdings::now(world), before);
+    EXPECT_EQ(sim::release_lock(rvzd_call_lock), 1);
+    answer_ports({{AF_INET, 4000}, {AF_INET6, 6000}});
+    world.unreachable = {"127.0.0.4"}; // told with the connection in hand
+    EXPECT_EQ(sim::run_and_catch(connecting), sim::raise_code);
+    EXPECT_EQ(world.live_clients(), before.clients);
+    EXPECT_EQ(world.live_descriptors(), before.descriptors);
+    EXPECT_EQ(connection.client, nullptr);
+    EXPECT_EQ(connection.socket_fd, -1);
+    EXPECT_EQ(sim::release_lock(rvzd_call_lock), 1);
+    world.on_message = nullptr;
+    rvzd_handle_t *handle = handle_to("dual");
+    EXPECT_EQ(handle->cached->reference_count, 1);
+    rvzd_free_handle(handle);
+}
+
 } // namespace

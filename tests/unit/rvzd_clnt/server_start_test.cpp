@@ -198,6 +198,10 @@ TEST_F(ServerStart, WithoutAnArgumentZeroTheNameIsUnknown) {
     rvzd_common_server_init(0, argv, name);
     EXPECT_STREQ(name, "unknown name");
     EXPECT_EQ(world.app_name, "unknown name");
+    char uncounted[] = "server";
+    char *more[] = {uncounted, nullptr};
+    rvzd_common_server_init(0, more, name);
+    EXPECT_STREQ(name, "unknown name");
 }
 
 TEST_F(ServerStart, AnOverlongArgumentZeroIsCutToTheBuffer) {

@@ -57,14 +57,19 @@ constexpr const char *rgy_keystrings[] = {
 };
 static_assert(sizeof rgy_keystrings / sizeof *rgy_keystrings == RGY_ITEM_COUNT);
 
+template <size_t count>
+const char *text_at(const char *const (&texts)[count], uint32_t index) {
+    return index < count ? texts[index] : "";
+}
+
 } // namespace
 
 const char *velia::registry_clnt::item_key(uint32_t item) {
-    return item < RGY_ITEM_COUNT ? rgy_keystrings[item] : "";
+    return text_at(rgy_keystrings, item);
 }
 
 const char *registry_db_name(rgy_db_t db) {
-    return db < RGY_DB_ALL ? db_names[db] : "";
+    return text_at(db_names, db);
 }
 
 const char *registry_item_name(uint32_t item) {

@@ -43,9 +43,8 @@ tbs_status_t load_master() {
         return TBS_ST_OK;
     }
     char backup[host_size];
-    size_t lengths[2];
     const auto status =
-        registry_prop_get_hostnames_local(sizeof master, sizeof backup, &lengths[0], &lengths[1], master, backup);
+        registry_prop_get_hostnames_local(sizeof master, sizeof backup, nullptr, nullptr, master, backup);
     if (status == TBS_ST_OK)
         registry_hostname_p = master;
     return status;
@@ -94,10 +93,10 @@ tbs_status_t rgy_get_cached_backup_list(char **out) {
     if (out == nullptr)
         return TBS_ST_INVALID_ARG;
     *out = nullptr;
-    char hosts[2][host_size];
-    size_t lengths[2];
+    char master_host[host_size];
+    char backup_host[host_size];
     const auto status =
-        registry_prop_get_hostnames_local(host_size, host_size, &lengths[0], &lengths[1], hosts[0], hosts[1]);
+        registry_prop_get_hostnames_local(host_size, host_size, nullptr, nullptr, master_host, backup_host);
     return status == TBS_ST_OK ? duplicate("", out) : status;
 }
 
@@ -107,12 +106,11 @@ tbs_status_t rgy_get_default_region(const char **out) {
     char *own = rvzd_tls_get()->default_region;
     char map_path[map_path_size];
     char second[RGY_REGION_SIZE];
-    size_t lengths[2];
     const bool has_map =
         ks_web_gui() != 0 && getenv_safe(map_variable, map_path, sizeof map_path, 0) != nullptr && *map_path != '\0';
-    const auto status = has_map ? registry_prop_get_user_region(map_path, RGY_REGION_SIZE, own)
-                                : registry_prop_get_region_names_local(RGY_REGION_SIZE, sizeof second, &lengths[0],
-                                                                       &lengths[1], own, second);
+    const auto status =
+        has_map ? registry_prop_get_user_region(map_path, RGY_REGION_SIZE, own)
+                : registry_prop_get_region_names_local(RGY_REGION_SIZE, sizeof second, nullptr, nullptr, own, second);
     if (status == TBS_ST_OK)
         *out = own;
     return status;
