@@ -32,11 +32,12 @@ CONDITION = re.compile(r"\b(if|while) \((?!.*;)(.*)\)( \{)?$")
 NUMBER = re.compile(r"(?<![\w.\"'])(\d+)(?![\w.\"'x])")
 CALL = re.compile(r"^\s*(?!return|delete|new|else|case)[a-z_][\w:.>\-]*\(.*\);$")
 SIMPLE = re.compile(r"^(\s*)[\w.\->\[\]*&:+]+(\(.*\)| [+\-|&]?= .*|\+\+|--);$")
-TARGET = re.compile(r"\s*\*?[A-Za-z_](?:\w|\.|->)* [+\-|&]?= |\s*stg_free\([\w.\->]+\)")
+TARGET = re.compile(r"\s*\*?[A-Za-z_](?:\w|\.|->)* [+\-|&]?= |\s*(?:stg_free|hash_delete_ht)\(&?[\w.\->]+\)")
 NAME = re.compile(r"(?:\.|->)?[A-Za-z_]\w*")  # one of a member is told from one of a variable
 # Releasing is told from TARGET. The others only compute, or give what stays the same as long as the process.
-PURE = {"stg_free", "static_cast", "const_cast", "reinterpret_cast", "word_at", "signed_word_at", "lend", "ntohl", "ntohs",
-        "htonl", "htons", "tbs_product_name", "tbs_product_version", "sysutl_myhostname", "process_generation"}
+PURE = {"stg_free", "hash_delete_ht", "static_cast", "const_cast", "reinterpret_cast", "word_at", "signed_word_at", "lend",
+        "ntohl", "ntohs", "htonl", "htons", "tbs_product_name", "tbs_product_version", "sysutl_myhostname",
+        "process_generation"}
 # The lesser or the greater of two: which of them is taken when they are equal does not matter.
 CHOICE = re.compile(r"(\w+) [<>] (\w+) \? (?=(?:\1 : \2|\2 : \1)\b(?! [-+*/%&|]))")
 

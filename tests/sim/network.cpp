@@ -63,7 +63,7 @@ int __wrap_getaddrinfo(const char *host, const char *service, const addrinfo *hi
 
 void __real_freeaddrinfo(addrinfo *list);
 void __wrap_freeaddrinfo(addrinfo *list) {
-    if (World::exists() && World::current().network.resolver_lists > 0)
+    if (list != nullptr && World::exists() && World::current().network.resolver_lists > 0)
         --World::current().network.resolver_lists;
     sim::noted().resolver_lists.erase(list);
     __real_freeaddrinfo(list);

@@ -112,12 +112,14 @@ TEST(TimeZoneCache, FileIsReadAgainWhenItsModificationTimeChanges) {
     zone.set(zone.file(usual_zone().bytes()));
     { const Record record(2026); }
     zone.world.take_messages();
+    const size_t blocks = zone.world.live_blocks();
     zone.replace_secretly(other_zone().bytes());
     zone.touch(1'000'000'000);
     EXPECT_TRUE(same_date(Record(2026)->dt_trans, march_8_at_3));
     EXPECT_EQ(zone.world.take_messages(), Messages{refreshed_from_data()});
     EXPECT_TRUE(same_date(Record(2026)->dt_trans, march_8_at_3));
     EXPECT_EQ(zone.world.take_messages(), Messages{});
+    EXPECT_EQ(zone.world.live_blocks(), blocks); // of the old contents nothing is left
 }
 
 TEST(TimeZoneCache, StandsWhenTheFileIsGone) {

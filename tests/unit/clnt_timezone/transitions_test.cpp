@@ -168,6 +168,21 @@ TEST(RuleTransition, HourOfTheRuleStandsAsItIs) {
     EXPECT_EQ(record->st_trans.hour, -3);
 }
 
+TEST(RuleTransition, AnHourBeforeMidnightOfDaylightTimeIsStillOfThatDay) {
+    TimeZone zone;
+    zone.set("EST5EDT4,M4.1.1/2,M11.1.1/23");
+    EXPECT_EQ(text_of(Record(2026)->st_trans), "2026-11-1 wday 0 23:0:0");
+}
+
+TEST(RuleTransition, TimesWithoutTheirDatesAreNone) {
+    TimeZone zone;
+    zone.set("EST5EDT4-3-2");
+    const Record record(2026);
+    EXPECT_EQ(record->flags & change_flags, 0u);
+    EXPECT_TRUE(same_date(record->st_trans, no_date));
+    EXPECT_TRUE(same_date(record->dt_trans, no_date));
+}
+
 TEST(RuleTransition, NumbersBeyondAllBoundsAreNoHarm) {
     TimeZone zone;
     const std::string huge = "99999999999";

@@ -41,6 +41,7 @@ protected:
         const size_t region_size = (word_at(call.request, behind_stamps) + 3) / 4 * 4;
         const size_t from = word_at(call.request, behind_stamps + 4 + region_size);
         const size_t size = word_at(call.request, behind_stamps + 8 + region_size);
+        asked_sizes.insert(size);
         const size_t to = std::min(found.size(), from + size);
         return batch({found.begin() + static_cast<long>(from), found.begin() + static_cast<long>(to)},
                      to < found.size() ? to : 0);
@@ -70,6 +71,7 @@ protected:
     }
 
     std::vector<std::string> found;
+    std::set<size_t> asked_sizes;
     std::vector<uint64_t> removed;
     tbs_status_t removal_status = TBS_ST_OK;
 
@@ -101,6 +103,14 @@ TEST_F(ByKey, InformationIsCopiedOfOneEntry) {
         EXPECT_STREQ(options_buffer, by_uuid ? "ro" : "");
     }
     EXPECT_THAT(world.take_errors(), IsEmpty());
+}
+
+TEST_F(ByKey, InformationIsAskedForOneEntryAtATime) {
+    found = {full_entry, full_entry};
+    options = options_buffer;
+    for (const bool by_uuid : {false, true})
+        EXPECT_EQ(info(by_uuid), TBS_ST_OK);
+    EXPECT_THAT(asked_sizes, ElementsAre(1u));
 }
 
 TEST_F(ByKey, InformationOfNothingIsNotFound) {

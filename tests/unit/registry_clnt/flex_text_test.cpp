@@ -296,6 +296,11 @@ TEST_F(FlexText, AListIsZeroedAndReleasesItsTexts) {
 TEST_F(FlexText, AListThatCannotBeIsNull) {
     EXPECT_EQ(rgy_elist_alloc(-1), nullptr);
     EXPECT_EQ(rgy_elist_alloc(INT64_MAX), nullptr);
+    // Counts whose bytes are few again, beyond 64 bits.
+    constexpr auto around = static_cast<int64_t>(UINT64_MAX / sizeof(rgy_svr_entry_t)) + 1;
+    EXPECT_EQ(rgy_elist_alloc(around), nullptr);
+    EXPECT_EQ(rgy_elist_alloc(-around), nullptr);
+    EXPECT_EQ(rgy_elist_alloc(1 - around), nullptr);
     world.fail_allocation(1);
     EXPECT_EQ(rgy_elist_alloc(1), nullptr);
     world.fail_allocation(0);

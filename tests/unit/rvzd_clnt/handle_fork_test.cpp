@@ -82,6 +82,18 @@ TEST_F(HandlesAfterAFork, TheNextConnectionTakesThePlaceOfTheParents) {
     rvzd_free_handle(handle);
 }
 
+TEST_F(HandlesAfterAFork, AConnectionThatCannotBeMadeAnewIsTold) {
+    rvzd_handle_t *handle = handle_to("alpha");
+    EXPECT_TRUE(holds_in_child([&] {
+        world.unreachable = {"127.0.0.2"};
+        const bool is_refused = rvzd_get_rpc_clnt(handle) == nullptr;
+        const auto errors = world.take_errors();
+        return is_refused && world.live_clients() == 0 && !errors.empty() &&
+               errors.back() == message_of(IMSG_ERROR, _rvzd_rvzd_msg_table, RVZD_MSG_CANNOT_CONTACT, "alpha");
+    }));
+    rvzd_free_handle(handle);
+}
+
 TEST_F(HandlesAfterAFork, TheDescriptorOfAParentInACallStaysTakenAndLeadsNowhere) {
     rvzd_handle_t *handle = handle_to("alpha");
     EXPECT_TRUE(holds_in_child_of_a_caller([&] {

@@ -98,8 +98,9 @@ bool range_from_environment(int32_t &low, int32_t &high) {
     return true;
 }
 
+// The high end alone tells whether a range is remembered: one below zero leaves a low end and none that is high.
 int generic_service_range(const Range &out) {
-    if (flshp_min_port == 0 || flshp_max_port == 0) {
+    if (flshp_max_port == 0) {
         int32_t low;
         int32_t high;
         const bool from_file = range_from_file(low, high);
