@@ -8,8 +8,8 @@
 #include <set>
 #include <thread>
 
+#include <tests/relay/relay.h>
 #include <tests/system/support/daemon.h>
-#include <tests/system/support/lossy_relay.h>
 #include <tests/system/support/registry_calls.h>
 #include <tests/system/support/registry_file.h>
 #include <veliaxdr/rgy_site.h>
@@ -416,13 +416,17 @@ TEST_F(Registry, WithOneDatagramInFiveLostEverythingStillArrivesOnce) {
     kill_daemon();
     start({"--listen", "127.0.0.1"});
     site.write("config/hosts.conf", "alpha 127.0.0.1\nlossy 127.0.0.9\n");
-    LossyRelay relay("127.0.0.9", "127.0.0.1", site.port(), 20);
+    velia::relay::Plan plan;
+    plan.listen = velia::relay::parse_address("127.0.0.9:" + std::to_string(site.port()));
+    plan.server = velia::relay::parse_address(std::to_string(site.port()));
+    plan.harms.dropped = 0.2;
+    const velia::relay::RelayThread relay(plan);
     for (int i = 0; i < 5; ++i)
         ASSERT_EQ(add(RGY_DB_REGIONS, name_entry(std::to_string(i)), "lossy"), TBS_ST_OK) << i;
     const auto names = names_of(RGY_DB_REGIONS, 3, "lossy");
     ASSERT_TRUE(names);
     EXPECT_THAT(*names, SizeIs(5));
-    EXPECT_GT(relay.lost(), 0u);
+    EXPECT_GT(relay.tally()[velia::relay::Event::dropped], 0u);
 }
 
 TEST_F(Registry, ThePasswordIsSetOnTheHostAndCheckedFromAfar) {
