@@ -3,8 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include <CLI/CLI.hpp>
-
+#include <tests/relay/options.h>
 #include <tests/relay/relay.h>
 
 using namespace velia::relay;
@@ -30,10 +29,6 @@ void stop_running(int /*signal_number*/) {
     running->stop();
 }
 
-void add_chance(CLI::App &app, const std::string &name, double &value, const std::string &help) {
-    app.add_option(name, value, help)->check(CLI::Range(0.0, 1.0))->type_name("CHANCE");
-}
-
 struct Options {
     std::string listen;
     std::string server;
@@ -43,19 +38,11 @@ struct Options {
 };
 
 void add_options(CLI::App &app, Options &options) {
-    Harms &harms = options.plan.harms;
     app.add_option("--listen", options.listen, "where clients come: PORT (of 127.0.0.1) or HOST:PORT")->required();
     app.add_option("--to", options.server, "where the server is: PORT or HOST:PORT")->required();
     app.add_flag("--udp", options.is_udp, "datagrams alone, unless --tcp is given, too");
     app.add_flag("--tcp", options.is_tcp, "connections alone, unless --udp is given, too");
-    add_chance(app, "--drop", harms.dropped, "that a datagram is lost");
-    add_chance(app, "--double", harms.doubled, "that a datagram comes twice");
-    add_chance(app, "--reorder", harms.reordered, "that a datagram comes behind its successor");
-    add_chance(app, "--corrupt", harms.corrupted, "that bits of a message are turned over");
-    add_chance(app, "--cut", harms.cut, "that a connection is reset before, in or behind a record");
-    add_chance(app, "--dribble", harms.dribbled, "that a record comes in small pieces");
-    app.add_option("--delay", harms.delay_ms_max, "the longest that a message may take on its way, in milliseconds");
-    app.add_option("--seed", options.plan.seed, "of all chances")->capture_default_str();
+    add_harms(app, options.plan.harms, options.plan.seed);
 }
 
 int run(Options &options) {

@@ -4,6 +4,8 @@
 //   system_client loop HOST PROGRAM SECONDS          calls the echo again and again, and prints how often that worked
 //   system_client list HOST PROGRAM udp|tcp          prints the servers that the host's table has for it (-1: all)
 //   system_client views CLIENT STOP_FILE             registers views until the file exists; CLIENT is a number, not 0
+//   system_client rounds HOST PROGRAM udp|tcp NAME COUNT STOP_FILE LIMIT_MS
+//                                                    looks up and adds, so often or until the file exists
 //   system_client role TYPE                          makes this host a registry server of this type; prints the status
 #include <chrono>
 #include <cstdio>
@@ -13,6 +15,7 @@
 #include <vector>
 
 #include <tests/system/client/objects.h>
+#include <tests/system/client/rounds.h>
 #include <tests/system/client/servers.h>
 #include <tests/system/support/client.h>
 #include <veliaxdr/rgy_role.h>
@@ -20,6 +23,10 @@
 using namespace velia::system_test;
 
 namespace {
+
+uint32_t protocol_of(const std::string &name) {
+    return name == "tcp" ? RVZD_PROTOCOL_TCP : RVZD_PROTOCOL_UDP;
+}
 
 int find_once(const char *host, uint32_t program, const std::string &transport) {
     const auto protocol = transport == "tcp" ? RVZD_PROTOCOL_TCP : RVZD_PROTOCOL_UDP;
@@ -57,6 +64,11 @@ int main(int argc, char **argv) {
     };
     if (is_command("views", 3))
         return register_views(static_cast<uint8_t>(std::stoi(words[1])), words[2]) ? EXIT_SUCCESS : EXIT_FAILURE;
+    if (is_command("rounds", 8))
+        return run_rounds({argv[2], static_cast<uint32_t>(std::stoul(words[2])), protocol_of(words[3]), words[4],
+                           std::stoi(words[5]), words[6], std::stoll(words[7])})
+                   ? EXIT_SUCCESS
+                   : EXIT_FAILURE;
     if (is_command("role", 2))
         return change_role(std::stoi(words[1]));
     if (is_command("loop", 4))

@@ -102,7 +102,7 @@ TEST_P(HostileDatagrams, APeerThatSendsStraysAloneIsGivenUpAtTheLimit) {
     EXPECT_LT(outcome.ms, soon_ms);
 }
 
-TEST_P(HostileDatagrams, CopiesOfARepyAndRepliesToCallsBeforeAreNotTakenForTheNext) {
+TEST_P(HostileDatagrams, CopiesOfAReplyAndRepliesToCallsBeforeAreNotTakenForTheNext) {
     std::vector<Bytes> before;
     DatagramPeer peer(GetParam(), [&](const Call &call) {
         for (const auto &reply : before)
