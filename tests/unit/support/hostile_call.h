@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <string>
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -43,17 +44,39 @@ public:
 
     // The time that the longest call takes is told as a property of the test.
     Outcome call(uint32_t number, timeval time_out = patience) {
+        uint32_t reply = 0;
+        return timed(reply, [&] { return call_echo(client_, number, &reply, time_out); });
+    }
+
+    // More than any buffer on the way holds.
+    Outcome send_large(timeval time_out) {
+        std::string bytes(16 * 1024 * 1024, 'x');
+        struct Text {
+            char *bytes;
+            u_int count;
+        } text = {bytes.data(), static_cast<u_int>(bytes.size())};
+        const auto xdr_text =
+            +[](XDR *stream, Text *sent) { return xdr_bytes(stream, &sent->bytes, &sent->count, UINT32_MAX); };
+        uint32_t reply = 0;
+        return timed(reply, [&] {
+            return clnt_call(client_, 1, reinterpret_cast<xdrproc_t>(reinterpret_cast<void *>(xdr_text)),
+                             reinterpret_cast<char *>(&text), reinterpret_cast<xdrproc_t>(xdr_u_int),
+                             reinterpret_cast<char *>(&reply), time_out);
+        });
+    }
+
+private:
+    template <class Call>
+    Outcome timed(const uint32_t &reply, Call &&call) {
         using namespace std::chrono;
         const auto begin = steady_clock::now();
-        uint32_t reply = 0;
-        const auto stat = call_echo(client_, number, &reply, time_out);
+        const auto stat = call();
         const auto ms = duration_cast<milliseconds>(steady_clock::now() - begin).count();
         longest_ms_ = std::max<int64_t>(longest_ms_, ms);
         testing::Test::RecordProperty("longest_call_ms", std::to_string(longest_ms_));
         return {stat, reply, ms};
     }
 
-private:
     int socket_fd_ = -1;
     CLIENT *client_;
     int64_t longest_ms_ = 0;

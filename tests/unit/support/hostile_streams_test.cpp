@@ -1,6 +1,7 @@
 // Calls over TCP to peers that say nothing, too little, too much or something else, and that break off at any point.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <csignal>
 #include <functional>
 
@@ -102,6 +103,8 @@ void wait_for_end(int socket_fd) {
     pollfd ended = {socket_fd, POLLRDHUP, 0};
     poll(&ended, 1, 10'000);
 }
+
+std::atomic<bool> peer_has_given_up;
 
 // Answers all calls of the connection rightly.
 void answer(Connection &connection) {
@@ -337,4 +340,32 @@ TEST(HostileStream, ConnectionThatDoesNotComeAboutIsGivenUpByTheLimit) {
     const auto outcome = caller.call(2, limit);
     EXPECT_NE(outcome.stat, RPC_SUCCESS);
     EXPECT_LT(outcome.ms, soon_ms);
+}
+
+TEST(HostileStream, ClientWhoseConnectionDoesNotComeAboutIsGivenUpByTheThreadsLimit) {
+    const FullPort full(velia::relay::parse_address("127.0.0.1:0"));
+    using namespace std::chrono;
+    const auto begin = steady_clock::now();
+    ks_set_deadline(400);
+    const Caller caller(full.address(), SOCK_STREAM);
+    ks_set_deadline(-1);
+    EXPECT_FALSE(caller.is_made());
+    EXPECT_EQ(ks_rpc_get_createerr()->error_number, ETIMEDOUT);
+    EXPECT_LT(duration_cast<milliseconds>(steady_clock::now() - begin).count(), soon_ms);
+}
+
+// A request of more than the buffers on the way hold, to a peer that reads nothing; the next one is not the rest of it.
+TEST(HostileStream, RequestThatThePeerDoesNotTakeIsGivenUpByTheLimit) {
+    StreamPeer peer(AF_INET, [](Connection &connection) {
+        if (connection.number > 0)
+            return answer(connection);
+        while (!peer_has_given_up && connection.pause(milliseconds(5)))
+            continue;
+    });
+    Caller caller(peer.address(), SOCK_STREAM);
+    const auto outcome = caller.send_large(limit);
+    peer_has_given_up = true;
+    EXPECT_EQ(outcome.stat, RPC_TIMEDOUT);
+    EXPECT_LT(outcome.ms, soon_ms);
+    expect_answered(caller, 2);
 }
