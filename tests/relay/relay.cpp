@@ -1,6 +1,6 @@
 #include <tests/relay/relay.h>
 
-#include <cstring>
+#include <stdexcept>
 
 #include <netinet/in.h>
 
@@ -18,15 +18,28 @@ Address with_port(Address address, uint16_t port) {
 
 } // namespace
 
-// Connections come on the port of the datagrams, also where that was any free one.
 Relay::Relay(const Plan &plan) : port_(plan.listen.port()) {
+    // A port that is free for datagrams may not be for connections, whose clients take theirs from the same range.
+    constexpr int tries_max = 50;
+    for (int tries = 1; streams_ == nullptr && datagrams_ == nullptr; ++tries)
+        try {
+            listen(plan);
+        } catch (const std::runtime_error &) {
+            datagrams_.reset();
+            if (plan.listen.port() != 0 || tries == tries_max)
+                throw;
+        }
+}
+
+// Connections come on the port of the datagrams, also where that was any free one.
+void Relay::listen(const Plan &plan) {
     if (plan.takes_datagrams) {
         datagrams_ = std::make_unique<DatagramRelay>(loop_, plan.listen, plan.server, plan.harms, plan.seed, tally_);
         port_ = datagrams_->port();
     }
     if (plan.takes_connections) {
-        streams_ = std::make_unique<StreamRelay>(loop_, with_port(plan.listen, port_), plan.server, plan.harms,
-                                                 plan.seed, tally_);
+        const Address address = plan.takes_datagrams ? with_port(plan.listen, port_) : plan.listen;
+        streams_ = std::make_unique<StreamRelay>(loop_, address, plan.server, plan.harms, plan.seed, tally_);
         port_ = streams_->port();
     }
 }

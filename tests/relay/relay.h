@@ -30,6 +30,8 @@ public:
     const Tally &tally() const { return tally_; }
 
 private:
+    void listen(const Plan &plan);
+
     Loop loop_;
     Tally tally_;
     std::unique_ptr<DatagramRelay> datagrams_;

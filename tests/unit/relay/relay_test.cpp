@@ -13,7 +13,7 @@
 #include <tests/relay/relay.h>
 
 using namespace velia::relay;
-using testing::ElementsAre;
+using testing::HasSubstr;
 
 namespace {
 
@@ -270,6 +270,20 @@ TEST(RelayOfDatagrams, GivesEachClientTheRepliesToIt) {
     }
     EXPECT_EQ(site.client.receive(), message(1, 0));
     EXPECT_EQ(other.receive(), message(2, 0));
+}
+
+TEST(Relay, APortThatIsTakenForEitherIsAnErrorThatNamesIt) {
+    for (const int type : {SOCK_DGRAM, SOCK_STREAM}) {
+        const Socket other(bind_socket(parse_address("0"), type));
+        Plan plan;
+        plan.listen = plan.server = bound_address(other.fd);
+        try {
+            const Relay relay(plan);
+            FAIL() << "nothing was thrown";
+        } catch (const std::runtime_error &error) {
+            EXPECT_THAT(error.what(), HasSubstr(std::to_string(plan.listen.port())));
+        }
+    }
 }
 
 TEST(RelayOfConnections, PassesBothWaysWithoutHarm) {
