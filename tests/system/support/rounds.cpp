@@ -107,9 +107,10 @@ Stop Rounds::stop_until_failed(const Daemon &daemon, size_t count, double least_
     Stop stop = {monotonic_us(), 0};
     daemon.signal(SIGSTOP);
     const auto has_lasted = [&] {
+        if (static_cast<double>(monotonic_us() - stop.begin_us) < least_s * 1e6)
+            return false;
         const auto made = calls();
-        return static_cast<double>(monotonic_us() - stop.begin_us) >= least_s * 1e6 &&
-               static_cast<size_t>(std::ranges::count_if(made, [&](const RoundCall &call) {
+        return static_cast<size_t>(std::ranges::count_if(made, [&](const RoundCall &call) {
                    return call.end_us >= stop.begin_us && call.is_failed();
                })) >= count;
     };
