@@ -7,6 +7,7 @@
 #include <tests/hostile/datagram_peer.h>
 
 #include "hostile_call.h"
+#include "test_site.h"
 
 using namespace velia::hostile;
 
@@ -150,4 +151,27 @@ TEST_P(HostileDatagrams, TransactionNumbersAreNotToBeGuessedFromOneBefore) {
         steps.insert(transactions[i] - transactions[i - 1]);
     // Of 200 random numbers two steps are the same once in 200,000 runs.
     EXPECT_GE(steps.size() + 1, transactions.size() - 1);
+}
+
+// The port mapper that a client by name asks may be such a peer, too, and so may strangers who answer in its stead.
+TEST(HostileMapper, StraysBeforeItsAnswerLeadToNoOtherPort) {
+    const DatagramPeer server(AF_INET, [](const Call &call) { call.send(right_reply(call.request)); });
+    uint16_t port = 0;
+    sysutl_sockaddr_get_port(server.address(), &port);
+    const DatagramPeer mapper(AF_INET, [port](const Call &call) {
+        for (size_t i = 0; i < 100; ++i)
+            send_stray(call, i);
+        call.send(reply_of(transaction_of(call.request), ntohs(port)));
+    });
+    uint16_t mapper_port = 0;
+    sysutl_sockaddr_get_port(mapper.address(), &mapper_port);
+    const TestSite site;
+    site.write("config/services.conf", "sunrpc " + std::to_string(ntohs(mapper_port)) + "/udp\n");
+    site.write("config/hosts.conf", "pluto 127.0.0.1\n");
+    CLIENT *client = ks_clnt_create("pluto", Caller::program, 1, "udp");
+    ASSERT_NE(client, nullptr) << ks_clnt_spcreateerror("");
+    uint32_t reply = 0;
+    EXPECT_EQ(call_echo(client, 4711, &reply), RPC_SUCCESS);
+    EXPECT_EQ(reply, 4711u);
+    clnt_destroy(client);
 }
