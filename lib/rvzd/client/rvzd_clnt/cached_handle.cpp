@@ -4,7 +4,6 @@
 #include <rvzd/client/rvzd_clnt/cached_handle.h>
 
 #include <cstring>
-#include <fcntl.h>
 #include <strings.h>
 #include <unistd.h>
 
@@ -40,7 +39,7 @@ llist_d_head_t rvzd_handle_lru = {&rvzd_handle_lru, &rvzd_handle_lru};
 int32_t rvzd_num_cached_handles;
 int32_t rvzd_num_cached_sockets;
 rt_event_t rvzd_handle_cache_close_h;
-// In a child of a process that was in a call: the RPC library's lock on that call's descriptor is held for ever.
+// In a child of a process that was in a call: its client may be anywhere in that call.
 bool parent_was_in_call;
 
 bool lru_is_empty() {
@@ -198,19 +197,10 @@ void leave_records_to_parent() {
     rvzd_num_cached_sockets = 0;
 }
 
-// The descriptor's number stays taken, so that no connection of this process meets the lock on it.
-void put_dead_end_in_place_of(int fd) {
-    const int dead_end = open("/dev/null", O_RDWR | O_CLOEXEC);
-    if (dead_end < 0)
-        return;
-    dup3(dead_end, fd, O_CLOEXEC);
-    close(dead_end);
-}
-
-// Client and authenticator are lost with their locks.
+// Client and authenticator are lost: what a thread of the parent was doing with them is half done.
 void leave_connection_to_parent(rvzd_cached_handle_t *record) {
     if (record->socket_fd != no_socket)
-        put_dead_end_in_place_of(record->socket_fd);
+        close(record->socket_fd);
     record->client = nullptr;
     record->socket_fd = no_socket;
 }
