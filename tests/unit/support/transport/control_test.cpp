@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <mutex>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -33,6 +34,7 @@ class Control : public testing::TestWithParam<int> {
 protected:
     Control()
         : server_(AF_INET, GetParam(), [this](const rpc_msg &call, XDR *arguments, XDR *results) {
+              const std::lock_guard lock(lock_);
               seen_ = call;
               return RpcServer::echo(call, arguments, results);
           }) {
@@ -49,7 +51,13 @@ protected:
         return call_echo(client_, 1, &reply);
     }
 
-    rpc_msg seen_ = {};
+    rpc_msg seen() {
+        const std::lock_guard lock(lock_);
+        return seen_;
+    }
+
+    std::mutex lock_;
+    rpc_msg seen_ = {}; // by the server's thread
     RpcServer server_;
     int socket_fd_ = -1;
     CLIENT *client_ = nullptr;
@@ -74,24 +82,24 @@ TEST_P(Control, SetsProgramAndVersionOfTheNextCall) {
     EXPECT_TRUE(set<uint32_t>(client_, CLSET_PROG, program + 1));
     EXPECT_TRUE(set<uint32_t>(client_, CLSET_VERS, version + 1));
     ASSERT_EQ(call(), RPC_SUCCESS);
-    EXPECT_EQ(seen_.rm_call.cb_prog, program + 1);
-    EXPECT_EQ(seen_.rm_call.cb_vers, version + 1);
+    EXPECT_EQ(seen().rm_call.cb_prog, program + 1);
+    EXPECT_EQ(seen().rm_call.cb_vers, version + 1);
 }
 
 TEST_P(Control, TellsTheTransactionNumberOfTheLastCall) {
     ASSERT_EQ(call(), RPC_SUCCESS);
-    EXPECT_EQ(asked<uint32_t>(client_, CLGET_XID), seen_.rm_xid);
+    EXPECT_EQ(asked<uint32_t>(client_, CLGET_XID), seen().rm_xid);
 }
 
 TEST_P(Control, SetsTheTransactionNumberOfTheNextCallAlone) {
     EXPECT_TRUE(set<uint32_t>(client_, CLSET_XID, 4711));
     ASSERT_EQ(call(), RPC_SUCCESS);
-    EXPECT_EQ(seen_.rm_xid, 4711u);
+    EXPECT_EQ(seen().rm_xid, 4711u);
     ASSERT_EQ(call(), RPC_SUCCESS);
-    const uint32_t next = seen_.rm_xid;
+    const uint32_t next = seen().rm_xid;
     ASSERT_EQ(call(), RPC_SUCCESS);
-    EXPECT_FALSE(next == 4711 && seen_.rm_xid == 4711) << "once in 2^64 runs";
-    EXPECT_FALSE(next == 4712 && seen_.rm_xid == 4713) << "once in 2^64 runs";
+    EXPECT_FALSE(next == 4711 && seen().rm_xid == 4711) << "once in 2^64 runs";
+    EXPECT_FALSE(next == 4712 && seen().rm_xid == 4713) << "once in 2^64 runs";
 }
 
 TEST_P(Control, TimeOutOfTheClientGoesForEachCall) {
