@@ -66,7 +66,7 @@ DatagramRelay::Owner DatagramRelay::client_at(const Address &address) {
         return known->second;
     if (clients_.size() == clients_max)
         forget_one_idle();
-    const auto client = std::make_shared<Client>(address, connect_socket(server_, SOCK_DGRAM), seed_, clients_seen_++);
+    auto client = std::make_shared<Client>(address, connect_socket(server_, SOCK_DGRAM), seed_, clients_seen_++);
     clients_[address.key()] = client;
     loop_.watch(client->fd, POLLIN, [this, client](short) { take_replies(client); });
     return client;

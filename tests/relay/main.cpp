@@ -11,17 +11,20 @@ using namespace velia::relay;
 namespace {
 
 const char *const description =
-    "Passes datagrams and connections on to a server and does to them what a bad network does. Ends at SIGINT or "
-    "SIGTERM, and tells how often each came about.";
+    "Passes datagrams and connections on to a server and does to them what a bad network does.\n"
+    "Ends at SIGINT or SIGTERM, and tells how often each came about.";
 
 const char *const reasons =
-    "Chances are from 0 to 1, and fall on a message: a datagram, or a record on a connection. The same seed does the "
-    "same to the n-th message of the m-th client, whatever others send meanwhile.\n\n"
-    "Datagrams are dropped, doubled and reordered; a connection loses and doubles nothing, so it is cut and dribbled "
-    "instead.\n\n"
-    "A message is corrupted in words alone that its receiver compares with what they have to be: of a call the "
-    "direction, of a reply the direction or the transaction number. What else a network turns over, the checksums of "
-    "UDP and TCP find; what they let through, nobody above them can tell from a message that was sent so.";
+    R"(A chance is from 0 to 1 and falls on a message: a datagram, or a record on a connection. The same seed
+does the same to the n-th message of the m-th client, whatever others send meanwhile.
+
+Datagrams are dropped, doubled and reordered; a connection loses and doubles nothing, so it is cut and
+dribbled instead.
+
+A message is corrupted in words alone that its receiver compares with what they have to be: of a call
+the direction, of a reply the direction or the transaction number. What else a network turns over, the
+checksums of UDP and TCP find; what they let through, nobody above them can tell from a message that
+was sent so.)";
 
 Relay *running = nullptr;
 

@@ -169,6 +169,7 @@ TEST_P(HostileStreams, AreGivenUpByTheLimit) {
         const auto outcome = caller.call(1, limit);
         EXPECT_NE(outcome.stat, RPC_SUCCESS);
         EXPECT_LT(outcome.ms, soon_ms);
+        RecordProperty("given_up_after_ms", static_cast<int>(outcome.ms));
     }
     Caller next(peer.address(), SOCK_STREAM);
     ASSERT_TRUE(next.is_made());
@@ -356,6 +357,7 @@ TEST(HostileStream, ClientWhoseConnectionDoesNotComeAboutIsGivenUpByTheThreadsLi
 
 // A request of more than the buffers on the way hold, to a peer that reads nothing; the next one is not the rest of it.
 TEST(HostileStream, RequestThatThePeerDoesNotTakeIsGivenUpByTheLimit) {
+    peer_has_given_up = false;
     StreamPeer peer(AF_INET, [](Connection &connection) {
         if (connection.number > 0)
             return answer(connection);
