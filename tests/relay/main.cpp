@@ -67,12 +67,12 @@ int run(Options &options) {
 } // namespace
 
 int main(int argc, char **argv) {
-    CLI::App app(description);
-    app.footer(reasons);
-    Options options;
-    add_options(app, options);
-    CLI11_PARSE(app, argc, argv);
     try {
+        CLI::App app(description);
+        app.footer(reasons);
+        Options options;
+        add_options(app, options);
+        CLI11_PARSE(app, argc, argv);
         return run(options);
     } catch (const std::exception &error) {
         fprintf(stderr, "%s\n", error.what());

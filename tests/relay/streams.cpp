@@ -188,15 +188,15 @@ void StreamRelay::flush(const Owner &connection, Way &way) {
 }
 
 void StreamRelay::end(const Owner &connection, bool by_reset) {
-    const Owner kept = connection; // the caller's may be the table's
-    if (!kept->is_open)
+    if (!connection->is_open)
         return;
-    kept->is_open = false;
-    connections_.erase(kept->ways[0].from_fd);
-    for (const auto &way : kept->ways) {
+    connection->is_open = false;
+    const int client_fd = connection->ways[0].from_fd;
+    for (const auto &way : connection->ways) {
         loop_.forget(way.from_fd);
         by_reset ? close_with_reset(way.from_fd) : static_cast<void>(close(way.from_fd));
     }
+    connections_.erase(client_fd); // last, since the caller's owner may be the table's
 }
 
 } // namespace velia::relay

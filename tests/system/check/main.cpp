@@ -90,15 +90,13 @@ int run(Options &options) {
 } // namespace
 
 int main(int argc, char **argv) {
-    CLI::App app(
-        "Runs a daemon and clients with a relay between them, and tells how the clients fared. The status is 0 "
-        "if no call failed (but while the daemon was stopped and, over TCP, one for each record that is cut or "
-        "corrupted), and every entry that "
-        "was added is there once.");
-    Options options;
-    add_options(app, options);
-    CLI11_PARSE(app, argc, argv);
     try {
+        CLI::App app("Runs a daemon and clients with a relay between them, and tells how the clients fared.\n"
+                     "The status is 0 if no call failed but while the daemon was stopped and, over TCP, one for each\n"
+                     "record that was cut or corrupted, and if every entry that was added is there once.");
+        Options options;
+        add_options(app, options);
+        CLI11_PARSE(app, argc, argv);
         return run(options);
     } catch (const std::exception &error) {
         fprintf(stderr, "%s\n", error.what());

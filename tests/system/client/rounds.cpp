@@ -97,7 +97,7 @@ private:
             rgy_dtm_pair_t stamps = {};
             uint64_t cursor = 0;
             int64_t count = 0;
-            const rgy_elist_t found = rgy_elist_alloc(1);
+            rgy_elist_t found = rgy_elist_alloc(1);
             tbs_status_t status;
             do {
                 status = rvzd_rgy_findbystring_entry(handle.get(), db, RGY_PROTOCOL_VERSION, "",
