@@ -42,7 +42,8 @@ size_t count_from_environment(const char *name, size_t usual) {
 
 } // namespace
 
-// What the kernel's buffer cannot hold is lost, the reply among it, so one further request is due.
+// What the kernel's buffer cannot hold is lost, the reply among it, so one further request is due; and one a second
+// where the peer takes so long to send all that.
 TEST_P(HostileDatagrams, TenThousandStrayDatagramsBeforeTheReplyCostNothing) {
     DatagramPeer peer(GetParam(), [](const Call &call) {
         for (size_t i = 0; call.number == 0 && i < 10'000; ++i)
@@ -53,7 +54,7 @@ TEST_P(HostileDatagrams, TenThousandStrayDatagramsBeforeTheReplyCostNothing) {
     const auto [stat, number, ms] = caller.call(4711);
     EXPECT_EQ(stat, RPC_SUCCESS);
     EXPECT_EQ(number, 4711u);
-    EXPECT_LE(peer.calls(), 2u);
+    EXPECT_LE(static_cast<int64_t>(peer.calls()), 2 + ms / 1000);
     RecordProperty("requests", static_cast<int>(peer.calls()));
 }
 
