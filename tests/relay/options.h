@@ -1,4 +1,4 @@
-// The harms as options of a command line.
+// The harms as options of a command line. For the two programs alone that have them.
 #pragma once
 
 #include <string>

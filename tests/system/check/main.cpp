@@ -3,8 +3,6 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include <CLI/CLI.hpp>
-
 #include <tests/relay/options.h>
 #include <tests/system/support/rounds.h>
 
