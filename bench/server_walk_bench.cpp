@@ -1,6 +1,8 @@
 // The walk of a table of a thousand servers against the least that can bring the same records here: the same calls made
 // by the RPC library alone, which look at nothing of the replies, and a memcpy of the records that these carry; with
-// the blocks of a list's nodes, too.
+// the blocks of a list's nodes, too. A list of a thousand nodes is more than a megabyte. The heap keeps it from one
+// walk to the next, as it does in a program that has anything above it. What it costs where the heap gives it back to
+// the system each time, and gets it page by page, is told by itself.
 #include <bench/support/ratio.h>
 #include <bench/support/site.h>
 
@@ -11,6 +13,7 @@
 #include <vector>
 
 #include <benchmark/benchmark.h>
+#include <malloc.h>
 
 #include <tests/system/support/population.h>
 #include <veliaxdr/rvzd_servers.h>
@@ -18,6 +21,7 @@
 namespace {
 
 constexpr size_t server_count = 1000;
+constexpr int heap_kept_bytes = 16 << 20;
 
 void check(bool ok, const char *what) {
     if (ok)
@@ -130,16 +134,26 @@ void CopiesAlone(benchmark::State &state) {
 }
 
 // A block for each server, held until the last is there, as in a list.
+void take_blocks() {
+    static std::vector<void *> blocks(server_count);
+    for (void *&block : blocks) {
+        block = malloc(sizeof(rvzd_server_entry_elem_t));
+        memcpy(block, steps.front().records.data(), RVZD_SERVER_ENTRY_NAME_OFFSET);
+    }
+    benchmark::ClobberMemory();
+    for (void *block : blocks)
+        free(block);
+}
+
 void BlocksAlone(benchmark::State &state) {
-    std::vector<void *> blocks(server_count);
+    for (auto _ : state)
+        take_blocks();
+}
+
+void BlocksAnewFromTheSystem(benchmark::State &state) {
     for (auto _ : state) {
-        for (void *&block : blocks) {
-            block = malloc(sizeof(rvzd_server_entry_elem_t));
-            memcpy(block, steps.front().records.data(), RVZD_SERVER_ENTRY_NAME_OFFSET);
-        }
-        benchmark::ClobberMemory();
-        for (void *block : blocks)
-            free(block);
+        take_blocks();
+        malloc_trim(0);
     }
 }
 
@@ -150,10 +164,12 @@ BENCHMARK(WalkTcp)->UseRealTime();
 BENCHMARK(BareCallsAndCopiesTcp)->UseRealTime();
 BENCHMARK(CopiesAlone)->UseRealTime();
 BENCHMARK(BlocksAlone)->UseRealTime();
+BENCHMARK(BlocksAnewFromTheSystem)->UseRealTime();
 
 } // namespace
 
 int main(int argc, char **argv) {
+    mallopt(M_TRIM_THRESHOLD, heap_kept_bytes);
     const bench::Site site(BENCH_DAEMON, BENCH_SAMPLE_SERVER);
     velia::system_test::Population population;
     {
@@ -165,9 +181,10 @@ int main(int argc, char **argv) {
     }
     printf("%zu servers, %zu calls\n", server_count, steps.size());
     return bench::run(argc, argv,
-                      {{"WalkUdp", "BareCallsAndCopiesUdp", 0},
-                       {"WalkForOneUdp", "BareCallsAndCopiesUdp", 0},
-                       {"WalkTcp", "BareCallsAndCopiesTcp", 0},
+                      {{"WalkUdp", "BareCallsAndCopiesUdp", 1.15},
+                       {"WalkForOneUdp", "BareCallsAndCopiesUdp", 1.15},
+                       {"WalkTcp", "BareCallsAndCopiesTcp", 1.15},
                        {"WalkUdp", "CopiesAlone", 0},
-                       {"BlocksAlone", "BareCallsAndCopiesUdp", 0}});
+                       {"BlocksAlone", "BareCallsAndCopiesUdp", 0},
+                       {"BlocksAnewFromTheSystem", "BareCallsAndCopiesUdp", 0}});
 }
