@@ -25,6 +25,17 @@ bool is_current(const rvzd_handle_t *handle) {
 // The brokers that this process is registered with, for its life.
 char *contacted[brokers_max];
 
+// The address of which the first of them was made. This is asked before each fetch, and making a key of an address that
+// is the same again would take longer than all else that a fetch does before its call.
+ks_sockaddr_storage_t contacted_first_at;
+
+bool is_contacted(const rvzd_handle_t *handle) {
+    const rvzd_server_addr_t &addresses = handle->cached->server_addr;
+    return contacted[1] != nullptr ||
+           (contacted[0] != nullptr && addresses.addr_count != 0 &&
+            memcmp(&addresses.addrs[0], &contacted_first_at, sizeof contacted_first_at) == 0);
+}
+
 // The broker's address as a name for a file; false when it cannot be turned into text.
 bool key_of(const rvzd_handle_t *handle, char (&key)[key_size]) {
     const rvzd_server_addr_t &addresses = handle->cached->server_addr;
@@ -37,9 +48,11 @@ bool key_of(const rvzd_handle_t *handle, char (&key)[key_size]) {
 
 // False when there is nothing more to do in this process. The second slot is never compared: a process registers with
 // two brokers at most, and once both are known there is nothing to find out.
-bool note_in_process(const char *key) {
+bool note_in_process(const char *key, const ks_sockaddr_storage_t &address) {
     if (contacted[1] != nullptr || (contacted[0] != nullptr && strcmp(contacted[0], key) == 0))
         return false;
+    if (contacted[0] == nullptr)
+        contacted_first_at = address;
     char *&slot = contacted[0] == nullptr ? contacted[0] : contacted[1];
     slot = stg_strdup(key);
     return slot != nullptr;
@@ -127,8 +140,12 @@ void rvzd_clnt_list_lookup_free(rvzd_handle_t * /*unused*/, clnt_entry_t *entry)
 void rvzd_clnt_list_register(rvzd_handle_t *handle) {
     with_lock(call_lock, [&] {
         char key[key_size];
-        const bool is_due =
-            with_inhibit([&] { return key_of(handle, key) && note_in_process(key) && note_on_host(key); });
+        if (is_contacted(handle))
+            return;
+        const bool is_due = with_inhibit([&] {
+            return key_of(handle, key) && note_in_process(key, handle->cached->server_addr.addrs[0]) &&
+                   note_on_host(key);
+        });
         if (is_due)
             send_registration(handle);
     });
