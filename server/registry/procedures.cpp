@@ -80,8 +80,9 @@ Fetch fetch_of(const rvzd_registry_get_pattern_req_t &request) {
 
 // The batch goes into the reply's arena; its records' texts are lent.
 void take_batch(AnswerMemory::Answer made, Reply<rvzd_registry_get_reply_t> &reply) {
-    const Batch &batch = *reply.arena.keep(std::move(made));
+    const Batch &batch = reply.arena.share(std::move(made));
     auto &entries = reply.arena.keep(std::vector<rgy_svr_entry_t>());
+    entries.reserve(batch.records.size());
     for (const Record &record : batch.records)
         entries.push_back({record.id, unowned(record.flex_text)});
     reply.record.cursor = batch.cursor;

@@ -20,13 +20,11 @@ std::optional<Items> storable_items(const std::string &flex_text) {
 }
 
 // All that an answer depends on; the numbers first, then the texts, of which the last one ends with the question.
-std::string question_of(const Selection &selection, uint64_t cursor, const BatchLimits &limits) {
+void put_question(std::string &question, const Selection &selection, uint64_t cursor, const BatchLimits &limits) {
     const uint64_t numbers[] = {
         selection.db, cursor, limits.records_max, limits.bytes_max, selection.region.size(), selection.key.size()};
-    std::string question;
-    question.reserve(sizeof numbers + selection.region.size() + selection.key.size() + selection.value.size());
-    question.append(reinterpret_cast<const char *>(numbers), sizeof numbers);
-    return question.append(selection.region).append(selection.key).append(selection.value);
+    question.assign(reinterpret_cast<const char *>(numbers), sizeof numbers);
+    question.append(selection.region).append(selection.key).append(selection.value);
 }
 
 } // namespace
@@ -94,11 +92,11 @@ AnswerMemory::Answer Registry::answer(const Selection &selection, uint64_t curso
     if (filter || selection.key.empty())
         return std::make_shared<const Batch>(fetch(selection, cursor, limits, filter));
     const uint64_t version = store_.version();
-    std::string question = question_of(selection, cursor, limits);
-    if (auto remembered = answers_.find(question, version))
+    put_question(question_, selection, cursor, limits);
+    if (auto remembered = answers_.find(question_, version))
         return remembered;
     auto made = std::make_shared<const Batch>(fetch(selection, cursor, limits));
-    answers_.keep(std::move(question), version, made);
+    answers_.keep(question_, version, made);
     return made;
 }
 

@@ -78,6 +78,7 @@ private:
     Store &store_;
     Known known_ = {};
     AnswerMemory answers_{REGISTRY_ANSWERS_BYTES_MAX};
+    std::string question_; // the last one; its storage serves again
 };
 
 // The bytes that a record takes in a reply.

@@ -17,11 +17,19 @@ public:
         return *held;
     }
 
+    // What others hold, too.
+    template <class Held>
+    const Held &share(std::shared_ptr<const Held> held) {
+        const Held &value = *held;
+        held_.push_back(std::move(held));
+        return value;
+    }
+
     // A text as records hold it; encoding only reads it.
     char *text(std::string value) { return keep(std::move(value)).data(); }
 
 private:
-    std::vector<std::shared_ptr<void>> held_;
+    std::vector<std::shared_ptr<const void>> held_;
 };
 
 template <class Record>
