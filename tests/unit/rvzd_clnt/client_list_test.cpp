@@ -379,6 +379,21 @@ TEST_F(Registration, ReleasesTheDescriptionOfThisHost) {
     rvzd_free_handle(handle);
 }
 
+TEST_F(Registration, IsMadeWithASecondBrokerOfTheSameFamily) {
+    world.add_host("other-v6", {"::2"});
+    register_with("v6only");
+    register_with("v6only");
+    EXPECT_EQ(registrations(), 1u);
+    register_with("other-v6");
+    EXPECT_EQ(registrations(), 2u);
+}
+
+TEST_F(Registration, IsMadeWithASecondBrokerOfAnotherFamily) {
+    register_with("v6only");
+    register_with("alpha");
+    EXPECT_EQ(registrations(), 2u);
+}
+
 TEST_F(Registration, AnIpv6BrokerMakesAKeyWithoutColons) {
     register_with("v6only");
     EXPECT_EQ(registrations(), 1u);

@@ -29,11 +29,19 @@ char *contacted[brokers_max];
 // is the same again would take longer than all else that a fetch does before its call.
 ks_sockaddr_storage_t contacted_first_at;
 
+bool is_same_host(const ks_sockaddr_storage_t &left, const ks_sockaddr_storage_t &right) {
+    if (left.base.sa_family != right.base.sa_family)
+        return false;
+    if (left.base.sa_family == AF_INET)
+        return left.ipv4.sin_addr.s_addr == right.ipv4.sin_addr.s_addr;
+    return left.base.sa_family == AF_INET6 && left.ipv6.sin6_scope_id == right.ipv6.sin6_scope_id &&
+           IN6_ARE_ADDR_EQUAL(&left.ipv6.sin6_addr, &right.ipv6.sin6_addr);
+}
+
 bool is_contacted(const rvzd_handle_t *handle) {
     const rvzd_server_addr_t &addresses = handle->cached->server_addr;
-    return contacted[1] != nullptr ||
-           (contacted[0] != nullptr && addresses.addr_count != 0 &&
-            memcmp(&addresses.addrs[0], &contacted_first_at, sizeof contacted_first_at) == 0);
+    return contacted[1] != nullptr || (contacted[0] != nullptr && addresses.addr_count != 0 &&
+                                       is_same_host(addresses.addrs[0], contacted_first_at));
 }
 
 // The broker's address as a name for a file; false when it cannot be turned into text.
