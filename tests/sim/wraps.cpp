@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <malloc.h>
 #include <netdb.h>
 #include <string>
 #include <sys/socket.h>
@@ -34,6 +35,14 @@ bool fails(int Faults::*fault) {
         return false;
     errno = world.faults.error_number;
     return true;
+}
+
+// Storage comes with what somebody left in it, and what was given back is somebody else's: whoever counts on zeros, or
+// on what he gave back, is found out.
+constexpr int somebody_elses = 0xA5;
+
+void *soiled(void *block, size_t size) {
+    return block != nullptr ? memset(block, somebody_elses, size) : nullptr;
 }
 
 void *note_block(void *block) {
@@ -128,7 +137,7 @@ char *__wrap_getenv_safe(const char *name, char *buffer, size_t size, int reserv
 void *__real_stg_malloc(size_t size);
 void *__wrap_stg_malloc(size_t size) {
     World::current().support_call();
-    return World::current().allocation_is_due() ? nullptr : note_block(__real_stg_malloc(size));
+    return World::current().allocation_is_due() ? nullptr : note_block(soiled(__real_stg_malloc(size), size));
 }
 
 void *__real_stg_realloc(void *pointer, size_t size);
@@ -155,7 +164,7 @@ void *__wrap_stg_alloc(stg_area_t area, size_t size) {
     World::current().support_call();
     if (World::current().allocation_is_due())
         return nullptr;
-    void *block = __real_stg_alloc(area, size);
+    void *block = soiled(__real_stg_alloc(area, size), size);
     return area == STG_HEAP_AREA ? note_block(block) : block; // an area goes as a whole
 }
 
@@ -168,6 +177,7 @@ char *__wrap_stg_area_strdup(stg_area_t area, const char *text) {
 void __real_stg_free(void *pointer);
 void __wrap_stg_free(void *pointer) {
     World::current().blocks.erase(pointer);
+    soiled(pointer, malloc_usable_size(pointer));
     __real_stg_free(pointer);
 }
 

@@ -3,6 +3,8 @@
 
 #include <arpa/inet.h>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <sys/resource.h>
@@ -48,6 +50,18 @@ protected:
 
 TEST_F(ClientListFile, AnEntryWithoutTextsIsItsAddressAlone) {
     EXPECT_EQ(written({entry_at("10.0.0.1")}), "-dbversion=1.0;\n-address=10.0.0.1;\n");
+}
+
+TEST_F(ClientListFile, ACallerWritesItByItsPartsIntoAStreamOfItsOwn) {
+    char *text = nullptr;
+    size_t size = 0;
+    FILE *stream = open_memstream(&text, &size);
+    const clnt_entry_t entry = entry_at("10.0.0.1");
+    clnt_list_write_header(stream);
+    clnt_list_write_entry(stream, &entry);
+    fclose(stream);
+    EXPECT_STREQ(text, "-dbversion=1.0;\n-address=10.0.0.1;\n");
+    free(text);
 }
 
 TEST_F(ClientListFile, ItemsStandInTheirOrderAndTheOptionsEndTheLine) {
