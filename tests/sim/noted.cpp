@@ -33,7 +33,19 @@ void destroy_noted(AUTH *authenticator) {
     real_operations.ah_destroy(authenticator);
 }
 
+void destroy_first(AUTH *) {
+    --noted().first_authenticators;
+}
+
 } // namespace
+
+void make_first_authenticator(AUTH &authenticator) {
+    static AuthenticatorOperations operations = *authnone_create()->ah_ops;
+    operations.ah_destroy = destroy_first;
+    authenticator = *authnone_create();
+    authenticator.ah_ops = &operations;
+    ++noted().first_authenticators;
+}
 
 AUTH *note_authenticator(AUTH *authenticator) {
     static AuthenticatorOperations operations;

@@ -25,9 +25,12 @@ struct MappedCredentials {
 struct Noted {
     std::set<const addrinfo *> resolver_lists; // of sysutl_host_addr, that are out
     size_t authenticators = 0;                 // that are out
+    size_t first_authenticators = 0;           // of new clients, likewise
     std::vector<MappedCredentials> mapped_credentials;
 
     std::set<hash_table_t> ordered_tables; // whose owner counts on walks in order, in which records may be freed
+
+    int raise_of_udp_client = 0; // with which the making of one ends by itself; 0: with none
 
     // The rows of the next flags that a command line is found to have; with none given, what stands there.
     std::deque<int> flag_rows;
@@ -40,6 +43,9 @@ Noted &noted();
 
 // Counts this one until it is destroyed; null is none.
 AUTH *note_authenticator(AUTH *authenticator);
+
+// Makes what a new client has until somebody gives it another: one of no identity, which is counted, too.
+void make_first_authenticator(AUTH &authenticator);
 
 // Blocks of threads' own that are out: of all threads, and also of those that outlive their World.
 std::atomic<int> &thread_blocks();

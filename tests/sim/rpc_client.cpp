@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <support/pfm.h>
+#include <tests/sim/noted.h>
 #include <tests/sim/world.h>
 
 namespace sim {
@@ -17,6 +18,7 @@ constexpr size_t message_bytes_max = 65536;
 
 struct SimClient {
     CLIENT client;
+    AUTH first_authenticator;
     uint32_t program;
     uint32_t version;
     ks_sockaddr_storage_t address;
@@ -138,7 +140,8 @@ CLIENT *make_client(const sockaddr *address, uint32_t program, uint32_t version,
     me->owns_socket = owns_socket;
     me->client.cl_ops = &operations;
     me->client.cl_private = reinterpret_cast<char *>(me);
-    me->client.cl_auth = authnone_create();
+    make_first_authenticator(me->first_authenticator);
+    me->client.cl_auth = &me->first_authenticator;
     ++World::current().clients;
     return &me->client;
 }

@@ -16,6 +16,7 @@
 #include <support/credutl.h>
 #include <support/ivlthread.h>
 #include <support/ks.h>
+#include <support/pfm.h>
 #include <support/rt.h>
 #include <support/stg.h>
 #include <support/sysutl.h>
@@ -208,6 +209,8 @@ CLIENT *__wrap_ks_clntudp_create_sockaddr(const sockaddr *address, uint32_t prog
                                           int32_t wait_us, int *socket_fd) {
     World::current().support_call();
     World::current().udp_intervals.push_back({wait_s, wait_us});
+    if (sim::noted().raise_of_udp_client != 0)
+        pfm_raise(sim::noted().raise_of_udp_client);
     if (fails(&Faults::udp_client) || is_unreachable(address))
         return creation_error(RPC_SYSTEMERROR);
     return sim::make_client(address, program, version, *socket_fd, false, false);

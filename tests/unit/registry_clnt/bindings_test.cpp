@@ -247,6 +247,17 @@ TEST_F(Bindings, TheFirstTableRegistersTheReleaseAtTheEndOfTheProcessOnce) {
     EXPECT_THAT(world.take_messages(), IsEmpty());
 }
 
+TEST_F(Bindings, TheEndOfTheProcessLeavesNothingOfThem) {
+    const auto before = sim::Holdings::now(world);
+    bind("alpha");
+    bind("alpha", real);
+    fill_cache({0}, 3);
+    rgy_deallocate_bindings(nullptr);
+    world.advance_s(61);
+    rvzd_free_cached_handles();
+    EXPECT_EQ(sim::Holdings::now(world), before);
+}
+
 TEST_F(Bindings, AProcessThatEndsUnderTheLockOfCallsReleasesThem) {
     bind("alpha");
     velia::with_lock(velia::rvzd_clnt::call_lock, [] { rgy_deallocate_bindings(nullptr); });

@@ -11,6 +11,7 @@
 
 #include <support/date.h>
 #include <tests/bad_files.h>
+#include <tests/sim/without_standard_input.h>
 #include <veliaxdr/rvzd_hosts.h>
 
 namespace {
@@ -62,6 +63,11 @@ TEST_F(ClientListFile, ACallerWritesItByItsPartsIntoAStreamOfItsOwn) {
     fclose(stream);
     EXPECT_STREQ(text, "-dbversion=1.0;\n-address=10.0.0.1;\n");
     free(text);
+}
+
+TEST_F(ClientListFile, IsWrittenAlsoWithoutAStandardInput) {
+    const sim::WithoutStandardInput without;
+    EXPECT_EQ(written({entry_at("10.0.0.1")}), "-dbversion=1.0;\n-address=10.0.0.1;\n");
 }
 
 TEST_F(ClientListFile, ItemsStandInTheirOrderAndTheOptionsEndTheLine) {

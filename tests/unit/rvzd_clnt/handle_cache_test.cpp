@@ -383,6 +383,20 @@ TEST_F(HandleCache, TheTimerIsArmedAgainForTheOldestThatStays) {
     EXPECT_EQ(world.live_clients(), 0u);
 }
 
+TEST_F(HandleCache, ARecordThatIsDiscardedLeavesTheOthersOfItsBucketThere) {
+    const auto bucket_of_host = [](int number) { return velia::rvzd_clnt::bucket_of(host(number).c_str(), 1); };
+    int twin = 2;
+    while (bucket_of_host(twin) != bucket_of_host(1))
+        ++twin;
+    world.add_host(host(twin), {"127.0.2.1"});
+    rest(1);
+    rest(twin); // and so the first of the bucket
+    world.advance_s(5);
+    break_connection_once();
+    EXPECT_FALSE(is_cached(twin));
+    EXPECT_TRUE(is_cached(1));
+}
+
 TEST_F(HandleCache, TheTimerLeavesLiveRecordsAlone) {
     rvzd_handle_t *handle = handle_to("host1");
     rest(2);

@@ -221,6 +221,11 @@ TEST_F(Handle, AContactThatTimesOutIsToldWithTheBrokersTextOnly) {
     EXPECT_THAT(world.take_messages(), ElementsAre(cannot_contact()));
 }
 
+TEST_F(Handle, WithoutASocketNoDescriptorIsClosed) {
+    EXPECT_EQ(fail_to_get("nowhere"), TBS_ST_NOT_FOUND);
+    EXPECT_THAT(world.network.closed, IsEmpty());
+}
+
 TEST_F(Handle, WithoutANameTheFailureIsToldUnderThatOfThisHost) {
     world.peer.answer(RVZD_PROC_CONTACT, sim::silence());
     for (const char *host : {static_cast<const char *>(nullptr), ""}) {

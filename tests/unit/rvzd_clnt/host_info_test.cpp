@@ -341,6 +341,16 @@ TEST_F(ExistCheck, ARunOfLikeNamesSucceedsOnce) {
     EXPECT_EQ(rvzd_exist_check("alpha"), TBS_ST_OK);
 }
 
+TEST_F(ExistCheck, OfTheInformationNothingIsLeft) {
+    answer("x");
+    for (const char *host : {"alpha", "beta"})
+        EXPECT_EQ(rvzd_exist_check(host), TBS_ST_OK);
+    const size_t blocks = world.live_blocks(); // with the information that the cached records keep
+    for (const char *host : {"alpha", "beta"})
+        EXPECT_EQ(rvzd_exist_check(host), TBS_ST_OK);
+    EXPECT_EQ(world.live_blocks(), blocks);
+}
+
 TEST_F(ExistCheck, AHostThatFailedIsNotAskedAgainEither) {
     EXPECT_EQ(rvzd_exist_check("nowhere"), TBS_ST_ERROR);
     const size_t lookups = world.lookups.size();

@@ -5,6 +5,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <tests/sim/noted.h>
+
 namespace {
 
 using testing::ElementsAre;
@@ -19,6 +21,15 @@ TEST_F(ClientMaking, AUdpClientSendsAgainAfterThreeSeconds) {
     ASSERT_EQ(world.udp_intervals.size(), 1u);
     EXPECT_EQ(world.udp_intervals[0].tv_sec, 3);
     EXPECT_EQ(world.udp_intervals[0].tv_usec, 0);
+}
+
+TEST_F(ClientMaking, TheAuthenticatorThatAClientComesWithIsGivenBack) {
+    for (const uint32_t protocol : {RVZD_PROTOCOL_UDP, RVZD_PROTOCOL_TCP}) {
+        rvzd_handle_t *handle = handle_to("alpha", protocol);
+        EXPECT_EQ(sim::noted().first_authenticators, 0u);
+        rvzd_free_handle(handle);
+    }
+    EXPECT_EQ(sim::noted().authenticators, 2u); // of the idle connections
 }
 
 TEST_F(ClientMaking, TheFirstAddressWithASocketCarriesTheTraffic) {

@@ -6,6 +6,7 @@
 #include <netdb.h>
 #include <unistd.h>
 
+#include <tests/sim/noted.h>
 #include <veliaxdr/rvzd_lookup.h>
 
 namespace {
@@ -409,6 +410,17 @@ TEST_F(ServerConnect, ARaiseOutOfTheConnectingTakesBackWhatItHasMade) {
     rvzd_handle_t *handle = handle_to("dual");
     EXPECT_EQ(handle->cached->reference_count, 1);
     rvzd_free_handle(handle);
+}
+
+TEST_F(ServerConnect, ARaiseOutOfTheMakingOfAUdpClientClosesItsSocket) {
+    rvzd_free_handle(handle_to("alpha"));
+    const auto before = sim::Holdings::now(world);
+    sim::noted().raise_of_udp_client = sim::raise_code;
+    auto connecting = [&] { rvzd_connect_to_server("alpha", &trait, &connection, &uuid, nullptr, "test server"); };
+    EXPECT_EQ(sim::run_and_catch(connecting), sim::raise_code);
+    EXPECT_EQ(sim::Holdings::now(world), before);
+    EXPECT_EQ(connection.socket_fd, -1);
+    EXPECT_EQ(sim::release_lock(rvzd_call_lock), 1);
 }
 
 } // namespace
