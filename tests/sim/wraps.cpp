@@ -287,9 +287,10 @@ int __wrap_tbs_platform_info(const char **os_name, const char **os_version, cons
     return 1;
 }
 
-int __wrap_tbs_product_comp_test(int) {
+int __wrap_tbs_product_comp_test(int component) {
+    constexpr int server_side = 1;
     World::current().support_call();
-    return World::current().component_mask;
+    return component == server_side ? World::current().component_mask : 0;
 }
 
 rt_event_t __wrap_rt_sched(void (*function)(void *), void *argument, int seconds) {

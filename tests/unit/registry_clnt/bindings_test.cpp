@@ -146,6 +146,15 @@ TEST_F(Bindings, TheLowestIdleSlotIsGivenUpAndNoneInUse) {
     EXPECT_EQ(rpc_binding_count, 8);
 }
 
+TEST_F(Bindings, ABindingThatIsGivenBackTwiceCountsOnce) {
+    Binding binding = bind("alpha");
+    Binding same = binding;
+    const int64_t index = binding.index;
+    release_binding(binding);
+    release_binding(same);
+    EXPECT_EQ(rpc_binding[index].ref_count, 0);
+}
+
 TEST_F(Bindings, WithEightSlotsInUseTheTableGoesToSixteen) {
     for (int i = 0; i < 8; ++i)
         bind("host" + std::to_string(i));
@@ -249,8 +258,8 @@ TEST_F(Bindings, TheFirstTableRegistersTheReleaseAtTheEndOfTheProcessOnce) {
 
 TEST_F(Bindings, TheEndOfTheProcessLeavesNothingOfThem) {
     const auto before = sim::Holdings::now(world);
-    bind("alpha");
-    bind("alpha", real);
+    for (int i = 0; i < 9; ++i) // one more than the first table has room for
+        bind("host" + std::to_string(i));
     fill_cache({0}, 3);
     rgy_deallocate_bindings(nullptr);
     world.advance_s(61);
@@ -299,6 +308,15 @@ TEST_F(FailOver, WithTheMasterUnreachableNoOtherHostIsTriedAndItIsAnError) {
     EXPECT_EQ(bind_site(nullptr), TBS_ST_ERROR);
     EXPECT_EQ(binding.index, -1);
     EXPECT_THAT(world.lookups, testing::Not(testing::Contains("beta")));
+}
+
+TEST_F(FailOver, OfTheListOfOtherHostsNothingIsLeft) {
+    hosts_are("alpha beta");
+    silence_broker();
+    EXPECT_EQ(bind_site(nullptr), TBS_ST_ERROR);
+    const auto before = sim::Holdings::now(world);
+    EXPECT_EQ(bind_site(nullptr), TBS_ST_ERROR);
+    EXPECT_EQ(sim::Holdings::now(world), before);
 }
 
 TEST_F(FailOver, AMasterThatKnowsOfNoServerIsFallenOverFromToo) {

@@ -221,6 +221,23 @@ TEST_F(Handle, AContactThatTimesOutIsToldWithTheBrokersTextOnly) {
     EXPECT_THAT(world.take_messages(), ElementsAre(cannot_contact()));
 }
 
+TEST_F(Handle, AHostIsResolvedForEveryTypeOfSocket) {
+    rvzd_free_handle(handle_to("alpha"));
+    ASSERT_EQ(world.lookups.at(0), "alpha");
+    EXPECT_EQ(world.lookup_socket_types.at(0), 0);
+}
+
+TEST_F(Handle, OfATransportAloneIsWithoutCredentialsAndNotQuiet) {
+    rvzd_handle_t *handle = nullptr;
+    ASSERT_EQ(rvzd_get_handle_proto("alpha", RVZD_PROTOCOL_TCP, &handle), TBS_ST_OK);
+    EXPECT_EQ(handle->cached->protocol, RVZD_PROTOCOL_TCP);
+    EXPECT_EQ(handle->cached->prim, 0u);
+    rvzd_free_handle(handle);
+    EXPECT_EQ(rvzd_get_handle_proto("nowhere", RVZD_PROTOCOL_TCP, &handle), TBS_ST_NOT_FOUND);
+    EXPECT_THAT(world.take_messages(), ElementsAre(message_of(IMSG_ERROR, _rvzd_rvzd_msg_table, RVZD_MSG_UNKNOWN_HOST,
+                                                              "nowhere", gai_strerror(EAI_NONAME))));
+}
+
 TEST_F(Handle, WithoutASocketNoDescriptorIsClosed) {
     EXPECT_EQ(fail_to_get("nowhere"), TBS_ST_NOT_FOUND);
     EXPECT_THAT(world.network.closed, IsEmpty());

@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include <common/require.h>
 #include <rvzd/client/rvzd_clnt/broker_call.h>
 #include <support/fileutl.h>
 #include <support/stg.h>
@@ -35,10 +36,8 @@ tbs_status_t describe_this_host(clnt_hostinfo_t &info) {
 
 // Whatever its status, the reply is what is known of the host from now on: one without information, too.
 void remember(rvzd_cached_handle_t *record, const clnt_hostinfo_t &info) {
-    if (record->hostinfo != nullptr)
-        rvzd_hostinfo_free(*record->hostinfo);
-    else
-        record->hostinfo = static_cast<clnt_hostinfo_t *>(stg_malloc(sizeof(clnt_hostinfo_t)));
+    require(record->hostinfo == nullptr); // else nobody would have asked
+    record->hostinfo = static_cast<clnt_hostinfo_t *>(stg_malloc(sizeof(clnt_hostinfo_t)));
     if (record->hostinfo != nullptr)
         copy_hostinfo(info, *record->hostinfo);
 }
