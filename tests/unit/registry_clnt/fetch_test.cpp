@@ -122,6 +122,31 @@ protected:
 INSTANTIATE_TEST_SUITE_P(All, Fetch, testing::ValuesIn(operations),
                          [](const auto &one) { return std::string(one.param.name); });
 
+TEST_F(FetchTest, NoPatternsAreAskedForAsTheyAreAndFewerAreRefused) {
+    world.peer.answer(RVZD_PROC_RGY_GET_PATTERN_ENTRY, batch({}));
+    const auto get = [this](const char *const *texts, int32_t count) {
+        return rgy_get_pattern_entry(call.db, call.host, call.region, texts, count, &call.cursor, call.max_entries,
+                                     call.entries, &call.count);
+    };
+    EXPECT_EQ(get(nullptr, 0), TBS_ST_OK);
+    EXPECT_EQ(get(patterns, 0), TBS_ST_OK);
+    EXPECT_EQ(world.peer.count(RVZD_PROC_RGY_GET_PATTERN_ENTRY), 2u);
+    EXPECT_EQ(get(nullptr, 1), TBS_ST_INVALID_ARG);
+    EXPECT_EQ(get(patterns, -1), TBS_ST_INVALID_ARG);
+}
+
+TEST_P(Fetch, TroubleIsToldWithTheBindingGivenBack) {
+    answer(refusal(TBS_ST_NO_ACCESS));
+    std::vector<int> counts;
+    world.on_message = [&](const sim::Message &message) {
+        if (message.table == &_registry_rvzd_msg_table)
+            counts.push_back(static_cast<int>(rpc_binding[0].ref_count));
+    };
+    EXPECT_EQ(run(), TBS_ST_ERROR);
+    world.on_message = nullptr;
+    EXPECT_THAT(counts, ElementsAre(0));
+}
+
 TEST_P(Fetch, OnAnEmptyDatabaseIsOneCallWithACountOfZeroAndTheCursorGone) {
     answer(batch({}));
     call.max_entries = 1;
