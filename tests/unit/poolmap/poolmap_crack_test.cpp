@@ -101,6 +101,13 @@ TEST_F(PoolMapCracking, TheShortFormChecksTheSlashes) {
     EXPECT_EQ(world.take_messages(), Messages{message(IMSG_ERROR, 3, "Invalid VAULT pool mapping target \"/b\".\n")});
 }
 
+TEST_F(PoolMapCracking, WhatStandsBeforeTheTextIsNoPartOfAPrefix) {
+    std::string text = "/=/b/";
+    EXPECT_EQ(poolmap_crack_mapstring(text.data() + 1, area, &cracked.count, &cracked.prefixes, &cracked.targets),
+              TBS_ST_INVALID_ARG);
+    EXPECT_EQ(world.take_messages(), Messages{message(IMSG_ERROR, 2, "Invalid VAULT pool mapping prefix \"\".\n")});
+}
+
 TEST_F(PoolMapCracking, ANullTextHasNoPairsEvenWhileATextIsBeingTokenized) {
     char tokens[] = "/x/=/y/|/z/=/w/";
     strutl_tokenize(tokens, "|");

@@ -36,6 +36,19 @@ TEST_F(PoolMapPathname, TakesTheFirstPrefixThatMatches) {
     EXPECT_EQ(pathname("/x"), (Answer{TBS_ST_OK, "/4/x"}));
 }
 
+TEST_F(PoolMapPathname, IsComparedWithPrefixesOfAnyLengthInAnyOrder) {
+    use_map("/abc=/1|/a=/2|/abcdefg=/3|/ab=/4|/abcdef=/5", false);
+    cracked.prefixes[0].text[1] = cracked.prefixes[1].text[1] = cracked.prefixes[2].text[1] = 'x';
+    cracked.prefixes[3].text[1] = 'x';
+    EXPECT_EQ(pathname("/abcdefgh"), (Answer{TBS_ST_OK, "/5gh"}));
+}
+
+TEST_F(PoolMapPathname, IsComparedWithAsManyPrefixesAsAreCounted) {
+    use_map("/a/=/1/|/b/=/2/");
+    --cracked.count;
+    EXPECT_EQ(pathname("/b/x"), (Answer{TBS_ST_OK, ""}));
+}
+
 TEST_F(PoolMapPathname, IsTranslatedOnce) {
     use_map("/a/=/b/|/b/=/c/");
     EXPECT_EQ(pathname("/a/x"), (Answer{TBS_ST_OK, "/b/x"}));
