@@ -77,8 +77,7 @@ Trial try_tcp(const Target &target, rvzd_connection_t &connection, const ks_sock
 
 // Tries the addresses in order. When none works the first one's status tells why; when a later one works, what was
 // wrong with the first is worth a warning.
-tbs_status_t open_client(const Target &target, rvzd_connection_t &connection) {
-    Trial trials[RVZD_SERVER_ADDRS_MAX] = {};
+tbs_status_t try_addresses(const Target &target, rvzd_connection_t &connection, Trial *trials) {
     const auto attempt = connection.transport == 0 ? try_udp : try_tcp;
     tbs_status_t status = TBS_ST_ERROR;
     for (uint32_t i = 0; i < connection.server_addr.addr_count; ++i) {
@@ -91,12 +90,21 @@ tbs_status_t open_client(const Target &target, rvzd_connection_t &connection) {
     if (connection.client != nullptr)
         clnt_control(connection.client, CLSET_FD_CLOSE, nullptr);
     if (status != TBS_ST_OK)
-        status = trials[0].status;
-    else if (trials[0].error_text != nullptr)
+        return trials[0].status;
+    if (trials[0].error_text != nullptr)
         imsg_print(IMSG_WARNING, "%s\n", IMSG_FORMAT, trials[0].error_text);
-    for (Trial &trial : trials)
-        stg_free(trial.error_text);
     return status;
+}
+
+tbs_status_t open_client(const Target &target, rvzd_connection_t &connection) {
+    Trial trials[RVZD_SERVER_ADDRS_MAX] = {};
+    return with_release([&] { return try_addresses(target, connection, trials); },
+                        [&] {
+                            for (Trial &trial : trials) {
+                                stg_free(trial.error_text);
+                                trial.error_text = nullptr;
+                            }
+                        });
 }
 
 void trace_tcp_connection(const rvzd_connection_t &connection) {
