@@ -100,6 +100,9 @@ TEST_P(RpcClient, ClosesTheSocketOnceItHasBeenGivenIt) {
     int socket_fd = -1;
     CLIENT *client = create(type, server.address(), &socket_fd);
     ASSERT_NE(client, nullptr);
+    // The server shares this process's descriptors: once it has answered, it takes no further one.
+    uint32_t reply = 0;
+    ASSERT_EQ(call_echo(client, 4711, &reply), RPC_SUCCESS);
     clnt_control(client, CLSET_FD_CLOSE, nullptr);
     clnt_destroy(client);
     EXPECT_FALSE(is_open(socket_fd));
