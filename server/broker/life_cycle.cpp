@@ -74,7 +74,7 @@ Process *ServerTable::start(const ServicePointer &service, const FindRequest &re
     process.path = request.path;
     process.client = request.client;
     print(IMSG_PLAIN, MSG_EXECUTING, service->service.path.c_str(), static_cast<int>(launched.pid),
-          request.client.c_str());
+          client_name(request.client).c_str());
     return &process;
 }
 
@@ -128,7 +128,7 @@ void ServerTable::after_resident_exit(const ServicePointer &service, Moment star
 }
 
 void ServerTable::start_residents(Moment now) {
-    static const FindRequest own_request = {{}, {}, {}, "rvzd_server"};
+    static const FindRequest own_request = {};
     for (const auto &service : services_) {
         if (service->service.kind != ServerKind::resident || is_shutting_down_)
             continue;
@@ -190,7 +190,7 @@ void ServerTable::take_offer_back(Process &process, Moment now) {
     const bool is_stuck = !launcher_.waits_for_calls(process.pid, process.served_ports(), now - process.started);
     if (is_stuck)
         print(IMSG_WARNING, process.has_reported ? MSG_CLIENT_NEVER_CAME : MSG_NEVER_BUSY, process.name().c_str(),
-              static_cast<int>(process.pid), process.client.c_str(), process.place().c_str());
+              static_cast<int>(process.pid), client_name(process.client).c_str(), process.place().c_str());
     if (is_stuck && !process.has_reported) {
         mark_down(*process.service, now);
         end(process, now);

@@ -16,7 +16,7 @@ namespace velia::server {
 namespace {
 
 FindRequest find_request(const rvzd_find_server_req_t &request, const Caller &caller) {
-    return {request.trait, request.uuid, request.path != nullptr ? request.path : "", address_text(caller.peer)};
+    return {request.trait, request.uuid, request.path != nullptr ? request.path : "", caller.peer};
 }
 
 void fill(const FindAnswer &answer, tbs_status_t & /*status*/, rvzd_find_server_reply_t &reply) {

@@ -16,6 +16,10 @@ bool same_trait(const rvzd_rpc_trait_t &left, const rvzd_rpc_trait_t &right) {
     return left.prog == right.prog && left.vers == right.vers && left.proto == right.proto;
 }
 
+std::string client_name(const ks_sockaddr_storage_t &client) {
+    return client.base.sa_family == AF_UNSPEC ? "rvzd_server" : address_text(client);
+}
+
 const Registration *Process::registration_of(const rvzd_rpc_trait_t &trait) const {
     for (const auto &registration : registrations)
         if (same_trait(registration.trait, trait))

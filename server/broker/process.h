@@ -9,6 +9,7 @@
 
 #include <server/broker/activity.h>
 #include <server/config/service.h>
+#include <server/rpc/caller.h>
 
 namespace velia::server {
 
@@ -34,8 +35,11 @@ struct FindRequest {
     rvzd_rpc_trait_t trait = {};
     tbs_uuid_t uuid = {};
     std::string path;
-    std::string client; // who asks, for messages
+    ks_sockaddr_storage_t client = {}; // who asks, for messages; of no family: the daemon itself
 };
+
+// The client's name in messages.
+std::string client_name(const ks_sockaddr_storage_t &client);
 
 struct FindAnswer {
     tbs_status_t status = TBS_ST_ERROR;
@@ -87,9 +91,9 @@ struct Process {
     Moment started = 0;
     tbs_uuid_t uuid = {}; // for which it was started
     std::string path;
-    std::string client;        // to whom it was offered last
-    uint32_t offers = 0;       // since it was last idle
-    bool has_reported = false; // busy or idle, so that it is known to work
+    ks_sockaddr_storage_t client = {}; // to whom it was offered last
+    uint32_t offers = 0;               // since it was last idle
+    bool has_reported = false;         // busy or idle, so that it is known to work
     std::vector<tbs_uuid_t> alternate_uuids;
     std::vector<Registration> registrations;
     std::vector<Waiter> waiters;

@@ -22,7 +22,8 @@ void print_unknown(const FindRequest &request) {
     std::array<char, TBS_UUID_STR_SIZE> uuid;
     print(IMSG_WARNING, MSG_UNKNOWN_SERVER, static_cast<unsigned>(request.trait.prog),
           static_cast<int>(request.trait.vers), static_cast<int>(request.trait.proto),
-          tbs_uuid_to_str(&request.uuid, uuid.data()), printable(request.path).c_str(), request.client.c_str());
+          tbs_uuid_to_str(&request.uuid, uuid.data()), printable(request.path).c_str(),
+          client_name(request.client).c_str());
 }
 
 bool is_started(const Process &process) {
@@ -51,7 +52,7 @@ void print_mismatch(Match match, const Process &process, const FindRequest &requ
     if (match == Match::wrong_uuid)
         print(IMSG_WARNING, MSG_WRONG_UUID, name.c_str(), printable(request.path).c_str(), uuid.data());
     else if (match == Match::wrong_path)
-        print(IMSG_WARNING, MSG_WRONG_PATH, request.client.c_str(), name.c_str(), uuid.data(),
+        print(IMSG_WARNING, MSG_WRONG_PATH, client_name(request.client).c_str(), name.c_str(), uuid.data(),
               printable(request.path).c_str());
 }
 

@@ -1,6 +1,7 @@
 // Each handle lives in a heap record with its function; the owner's end clears the function and asks the loop to close.
 #include <server/loop/handles.h>
 
+#include <ctime>
 #include <stdexcept>
 
 namespace velia::server {
@@ -129,7 +130,10 @@ DirectoryWatch::~DirectoryWatch() {
 }
 
 int64_t monotonic_ms() {
-    return static_cast<int64_t>(uv_hrtime() / 1000000);
+    constexpr int64_t ns_per_ms = 1000000;
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now); // some milliseconds old, for a twentieth of the price
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / ns_per_ms;
 }
 
 } // namespace velia::server

@@ -84,7 +84,7 @@ private:
     State *state_;
 };
 
-// The loop's clock, taken anew.
+// The clock of the system in milliseconds, some of which it may be behind.
 int64_t monotonic_ms();
 
 } // namespace velia::server

@@ -4,17 +4,33 @@
 
 namespace velia::server {
 
+namespace {
+
+template <class Value>
+void append_bytes(std::string &text, const Value &value) {
+    text.append(reinterpret_cast<const char *>(&value), sizeof value);
+}
+
+} // namespace
+
 ReplayCache::Key ReplayCache::key_of(const Caller &caller, Bytes message) {
     const auto &peer = caller.peer;
-    const uint16_t port = peer.base.sa_family == AF_INET ? peer.ipv4.sin_port : peer.ipv6.sin6_port;
-    Key key = address_text(peer) + "/" + std::to_string(port) + "/";
+    Key key;
+    key.reserve(sizeof peer.ipv6.sin6_addr + sizeof peer.ipv6.sin6_port + message.size());
+    if (peer.base.sa_family == AF_INET) {
+        append_bytes(key, peer.ipv4.sin_addr);
+        append_bytes(key, peer.ipv4.sin_port);
+    } else {
+        append_bytes(key, peer.ipv6.sin6_addr);
+        append_bytes(key, peer.ipv6.sin6_port);
+    }
     key.append(reinterpret_cast<const char *>(message.data()), message.size());
     return key;
 }
 
 void ReplayCache::forget_old(int64_t now_ms) {
     while (!ended_.empty() && (now_ms - ended_.front().at_ms > KEPT_MS || ended_.size() > ENTRIES_MAX / 2)) {
-        entries_.erase(ended_.front().key);
+        entries_.erase(entries_.find(*ended_.front().key));
         ended_.pop_front();
     }
 }
@@ -39,7 +55,7 @@ void ReplayCache::finish(const Key &key, int64_t now_ms, MessageBytes reply) {
     if (found == entries_.end() || found->second.is_answered)
         return;
     found->second = {true, std::move(reply)};
-    ended_.push_back({key, now_ms});
+    ended_.push_back({&found->first, now_ms});
 }
 
 } // namespace velia::server

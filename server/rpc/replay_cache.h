@@ -4,8 +4,8 @@
 
 #include <cstdint>
 #include <deque>
-#include <map>
 #include <string>
+#include <unordered_map>
 
 #include <server/rpc/call_header.h>
 #include <server/rpc/caller.h>
@@ -21,7 +21,8 @@ public:
 
     enum class Verdict { is_new, in_progress, answered, too_many };
 
-    // The identity of a call: who sent it, and its bytes, of which the transaction number is a part.
+    // The identity of a call: the address and port that sent it, and its bytes, of which the transaction number is a
+    // part.
     static Key key_of(const Caller &caller, Bytes message);
 
     // Takes note of a call; with `answered` the reply is *reply, valid until the next call of this object.
@@ -35,13 +36,13 @@ private:
         MessageBytes reply;
     };
     struct Ended {
-        Key key;
+        const Key *key; // that of the entry, where it stays
         int64_t at_ms;
     };
 
     void forget_old(int64_t now_ms);
 
-    std::map<Key, Entry> entries_;
+    std::unordered_map<Key, Entry> entries_;
     std::deque<Ended> ended_; // answered entries, oldest first
 };
 

@@ -77,6 +77,12 @@ struct UdpEndpoint::Channel {
     }
 };
 
+struct UdpEndpoint::PendingCall {
+    std::weak_ptr<Channel> channel;
+    ReplayCache::Key key; // empty for one that may be run again
+    Caller caller;
+};
+
 UdpEndpoint::UdpEndpoint(uv_loop_t *loop, UniqueFd fd, const Dispatcher &dispatcher)
     : channel_(std::make_shared<Channel>(Channel{std::move(fd), {}})), dispatcher_(dispatcher),
       poll_(loop, channel_->fd.get(), event_target<&UdpEndpoint::receive>(*this)) {
@@ -127,14 +133,15 @@ void UdpEndpoint::take(Bytes message, const Caller &caller) {
         if (verdict != ReplayCache::Verdict::is_new)
             return;
     }
-    std::weak_ptr<Channel> channel = channel_;
-    dispatcher_.dispatch(header, caller, [channel, key, caller](MessageBytes reply) {
-        const auto open = channel.lock();
+    // Sinks are copied on the way to who answers: what they know is made once.
+    const auto call = std::make_shared<const PendingCall>(PendingCall{channel_, std::move(key), caller});
+    dispatcher_.dispatch(header, caller, [call](MessageBytes reply) {
+        const auto open = call->channel.lock();
         if (open == nullptr)
             return;
-        open->send(reply, caller);
-        if (!key.empty())
-            open->replies.finish(key, monotonic_ms(), std::move(reply));
+        open->send(reply, call->caller);
+        if (!call->key.empty())
+            open->replies.finish(call->key, monotonic_ms(), std::move(reply));
     });
 }
 

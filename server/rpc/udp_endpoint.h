@@ -18,6 +18,7 @@ public:
 
 private:
     struct Channel;
+    struct PendingCall;
 
     void receive();
     void take(Bytes message, const Caller &caller);

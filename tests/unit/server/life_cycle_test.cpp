@@ -203,6 +203,11 @@ TEST_F(Residents, AreStartedWithTheDaemon) {
     EXPECT_THAT(launcher.launched, SizeIs(3));
 }
 
+TEST_F(Residents, AreToldOfAsStartedForTheDaemonItself) {
+    configure({service(ServerKind::resident)});
+    EXPECT_THAT(messages(), ElementsAre(row(IMSG_PLAIN, MSG_EXECUTING, "/bin/server", 100, "rvzd_server")));
+}
+
 TEST_F(Residents, AreStartedAgainUpToTheirLimitAndThenGivenUp) {
     Service few = service(ServerKind::resident);
     few.control.restarts_max = 3;

@@ -19,14 +19,14 @@ TEST_F(FindServer, OfAServiceThatNobodyOffersIsNotFoundAndTold) {
     char text[TBS_UUID_STR_SIZE];
     const auto wanted = uuid(1);
     EXPECT_THAT(messages(), ElementsAre(row(IMSG_WARNING, MSG_UNKNOWN_SERVER, 390600u, 1, 1,
-                                            tbs_uuid_to_str(&wanted, text), "/repo", "client")));
+                                            tbs_uuid_to_str(&wanted, text), "/repo", client_name)));
 }
 
 TEST_F(FindServer, StartsAServerAndIsAnsweredWhenItRegisters) {
     configure({service()});
     const size_t asked = find();
     EXPECT_FALSE(is_answered(asked));
-    EXPECT_THAT(messages(), ElementsAre(row(IMSG_PLAIN, MSG_EXECUTING, "/bin/server", 100, "client")));
+    EXPECT_THAT(messages(), ElementsAre(row(IMSG_PLAIN, MSG_EXECUTING, "/bin/server", 100, client_name)));
     EXPECT_EQ(register_server(100, 4321), TBS_ST_OK);
     EXPECT_EQ(status_of(asked), TBS_ST_OK);
     EXPECT_EQ(port_of(asked), 4321u);
@@ -143,7 +143,7 @@ TEST_F(FindServer, OfASelfStartedServerUnderAnotherUuidOrPathIsToldApart) {
     EXPECT_THAT(messages(),
                 Contains(row(IMSG_WARNING, MSG_WRONG_UUID, "390600.1", "/repo", tbs_uuid_to_str(&other, text))));
     EXPECT_EQ(status_of(find("/elsewhere", 1)), TBS_ST_NOT_FOUND);
-    EXPECT_THAT(messages(), Contains(row(IMSG_WARNING, MSG_WRONG_PATH, "client", "390600.1",
+    EXPECT_THAT(messages(), Contains(row(IMSG_WARNING, MSG_WRONG_PATH, client_name, "390600.1",
                                          tbs_uuid_to_str(&same, text), "/elsewhere")));
 }
 

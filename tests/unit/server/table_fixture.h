@@ -4,6 +4,8 @@
 #include <map>
 #include <set>
 
+#include <arpa/inet.h>
+
 #include <server/broker/server_table.h>
 #include <tests/unit/server/messages_fixture.h>
 
@@ -44,6 +46,8 @@ protected:
     static constexpr rvzd_rpc_trait_t udp_trait = {390600, 1, RVZD_PROTOCOL_UDP};
     static constexpr rvzd_rpc_trait_t tcp_trait = {390600, 1, RVZD_PROTOCOL_TCP};
 
+    static constexpr const char *client_name = "192.0.2.7";
+
     static velia::server::Service service(velia::server::ServerKind kind = velia::server::ServerKind::shared) {
         velia::server::Service made;
         made.udp = made.tcp = true;
@@ -58,6 +62,12 @@ protected:
         made.bytes[0] = number;
         return made;
     }
+    static ks_sockaddr_storage_t client_address() {
+        ks_sockaddr_storage_t made = {};
+        made.ipv4.sin_family = AF_INET;
+        inet_pton(AF_INET, client_name, &made.ipv4.sin_addr);
+        return made;
+    }
     static rvzd_server_port_list_t ports(uint32_t port = 4000) { return {1, {{AF_INET, port}, {0, 0}}}; }
 
     void configure(const std::vector<velia::server::Service> &services) { table.configure(services, now); }
@@ -65,7 +75,7 @@ protected:
     // Asks, and keeps the answer under the number given back.
     size_t find(const std::string &path = "", uint8_t uuid_number = 0, const rvzd_rpc_trait_t &trait = udp_trait) {
         const size_t number = question_count++;
-        table.find({trait, uuid(uuid_number), path, "client"}, now,
+        table.find({trait, uuid(uuid_number), path, client_address()}, now,
                    [this, number](const velia::server::FindAnswer &answer) {
                        EXPECT_FALSE(answers.contains(number)) << "answered twice";
                        answers[number] = answer;
