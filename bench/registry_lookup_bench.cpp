@@ -26,33 +26,50 @@ constexpr char flex_text[] =
     "-attributes=poolmap=/x,ro;-title=nightly;";
 constexpr int items = 8;
 
-clnt_stat answer(CLIENT *, rpcproc_t procedure, xdrproc_t, void *, xdrproc_t, void *reply, timeval) {
+// The reply goes to the caller's routine as bytes, as one from a network would.
+template <class Record>
+clnt_stat deliver(xdrproc_t encode, Record record, xdrproc_t decode, void *reply) {
+    char bytes[1024];
+    XDR stream;
+    xdrmem_create(&stream, bytes, sizeof bytes, XDR_ENCODE);
+    if (!encode(&stream, &record))
+        return RPC_SYSTEMERROR;
+    xdrmem_create(&stream, bytes, sizeof bytes, XDR_DECODE);
+    return decode(&stream, reply) ? RPC_SUCCESS : RPC_CANTDECODERES;
+}
+
+clnt_stat answer(CLIENT *, rpcproc_t procedure, xdrproc_t, void *, xdrproc_t decode, void *reply, timeval) {
     if (procedure == RVZD_PROC_CONTACT) {
-        static_cast<rvzd_contact_reply_t *>(reply)->protocol_version = RVZD_PROTOCOL_CURRENT;
-    } else if (procedure == RVZD_PROC_RGY_FINDBYSTRING_ENTRY) {
-        auto &batch = *static_cast<rvzd_registry_get_reply_t *>(reply);
-        batch.version = RGY_PROTOCOL_VERSION;
-        batch.count = 1;
-        batch.entries = static_cast<rgy_svr_entry_t *>(stg_malloc(sizeof(rgy_svr_entry_t)));
-        batch.entries[0] = {1, stg_strdup(flex_text)};
+        rvzd_contact_reply_t contact = {};
+        contact.protocol_version = RVZD_PROTOCOL_CURRENT;
+        return deliver(reinterpret_cast<xdrproc_t>(xdr_rvzd_contact_reply_t), contact, decode, reply);
     }
-    return RPC_SUCCESS;
+    if (procedure != RVZD_PROC_RGY_FINDBYSTRING_ENTRY)
+        return deliver(reinterpret_cast<xdrproc_t>(xdr_rvzd_null_reply_t), rvzd_null_reply_t{}, decode, reply);
+    rgy_svr_entry_t entry = {1, const_cast<char *>(flex_text)};
+    rvzd_registry_get_reply_t batch = {};
+    batch.version = RGY_PROTOCOL_VERSION;
+    batch.count = 1;
+    batch.entries = &entry;
+    return deliver(reinterpret_cast<xdrproc_t>(xdr_rvzd_registry_get_reply_t), batch, decode, reply);
 }
 
 void no_abort(CLIENT *) {}
 void no_error(CLIENT *, rpc_err *error) {
     *error = {};
 }
-bool_t no_freeres(CLIENT *, xdrproc_t, void *) {
-    return TRUE;
+bool_t free_results(CLIENT *, xdrproc_t routine, void *results) {
+    XDR stream = {};
+    stream.x_op = XDR_FREE;
+    return routine(&stream, results);
 }
 void no_destroy(CLIENT *) {}
 bool_t no_control(CLIENT *, u_int, void *) {
     return TRUE;
 }
 
-std::remove_pointer_t<decltype(CLIENT::cl_ops)> operations = {answer,     no_abort,   no_error,
-                                                              no_freeres, no_destroy, no_control};
+std::remove_pointer_t<decltype(CLIENT::cl_ops)> operations = {answer,       no_abort,   no_error,
+                                                              free_results, no_destroy, no_control};
 
 } // namespace
 
