@@ -17,7 +17,7 @@ protected:
         uint16_t high = 0;
         int32_t strict = untouched;
         const int applies = rvzd_bindport_has_port_range(program, &low, &high, &strict);
-        return applies ? Rule{1, low, high, strict} : Rule{0, 0, 0, 0};
+        return applies != 0 ? Rule{applies, low, high, strict} : Rule{0, 0, 0, 0};
     }
     const Rule none = {0, 0, 0, 0};
 };
