@@ -27,6 +27,12 @@ void put_question(std::string &question, const Selection &selection, uint64_t cu
     question.append(selection.region).append(selection.key).append(selection.value);
 }
 
+// A writer of a setting looks for the old value before it asks for the stamps. Another who came in between must send it
+// back to look again, or its write would be lost; the stamps alone do not tell, since they are younger.
+tbs_status_t status_of_standing(rgy_db_t db) {
+    return db == RGY_DB_SITE_CONFIG ? TBS_ST_STALE_ID : TBS_ST_ALREADY_EXISTS;
+}
+
 } // namespace
 
 size_t encoded_bytes(const Record &record) {
@@ -111,7 +117,7 @@ tbs_status_t Registry::add(rgy_db_t db, const rgy_dtm_pair_t &stamps, const std:
     case Store::AddResult::stale:
         return TBS_ST_STALE_ID;
     case Store::AddResult::exists:
-        return TBS_ST_ALREADY_EXISTS;
+        return status_of_standing(db);
     case Store::AddResult::added:
         break;
     }
