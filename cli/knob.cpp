@@ -26,6 +26,7 @@ struct Question {
 struct Comparison {
     std::string first;
     std::string second;
+    bool shows_all = false;
 };
 
 Options listing_options(Listing &listing) {
@@ -53,7 +54,8 @@ Options check_options(Question &question) {
 Options comparison_options(Comparison &comparison) {
     constexpr const char *help = "a registry host";
     return {{.name = "HOST", .help = help, .target = &comparison.first, .is_required = true},
-            {.name = "OTHER_HOST", .help = help, .target = &comparison.second, .is_required = true}};
+            {.name = "OTHER_HOST", .help = help, .target = &comparison.second, .is_required = true},
+            {.name = "--all", .help = "show those that do not differ, too", .target = &comparison.shows_all}};
 }
 
 int list(const Listing &listing, const Settings &settings);
@@ -85,7 +87,7 @@ constexpr Output explain_output = {Output::Shape::list, explain_columns};
 constexpr Column check_columns[] = {{"name", Type::text, "the setting"}, {"value", Type::text, "that it takes"}};
 constexpr Output check_output = {Output::Shape::one, check_columns};
 
-constexpr Column diff_columns[] = {{"name", Type::text, "a setting whose values differ"},
+constexpr Column diff_columns[] = {{"name", Type::text, "the setting"},
                                    {"first", Type::text, "of the first host's site; null if not set", true},
                                    {"second", Type::text, "of the other's", true}};
 constexpr Output diff_output = {Output::Shape::list, diff_columns};
@@ -263,7 +265,7 @@ int diff(const Comparison &comparison, const Settings &settings) {
         const auto second = value_at(knob, *kind, comparison.second);
         if (second.status != TBS_ST_OK)
             return tell_unread(knob, "site", second.status, comparison.second);
-        if (first.spelling != second.spelling)
+        if (comparison.shows_all || first.spelling != second.spelling)
             results.add({knob.name, first.spelling ? Cell(*first.spelling) : Cell(),
                          second.spelling ? Cell(*second.spelling) : Cell()});
     }

@@ -26,9 +26,11 @@ namespace {
 struct Watch {
     std::string host;
     Duration interval = std::chrono::seconds(1);
+    int64_t looks = 0;
 };
 
 constexpr Range interval_range = {10, 3600 * 1000};
+constexpr Range looks_range = {1, INT32_MAX};
 
 Options watch_options(Watch &watch) {
     return {{.name = "--interval",
@@ -37,6 +39,11 @@ Options watch_options(Watch &watch) {
              .target = &watch.interval,
              .range = interval_range,
              .shows_default = true},
+            {.name = "--looks",
+             .type = "COUNT",
+             .help = "end after so many looks (default: when interrupted)",
+             .target = &watch.looks,
+             .range = looks_range},
             registry_host_option(watch.host)};
 }
 
@@ -187,13 +194,16 @@ int monitor(const Watch &watch, const Settings &settings) {
     Results results(output, settings);
     if (!site.may_have_changed()) // told by the library
         return exit_unreachable;
+    int64_t looks = 0;
     do {
         begin_wait(settings.timeout);
         look_at_all(knobs, profile, site, watch.host, results);
-    } while (!are_waits_over() && results.show() && wait_while_read(watch.interval));
-    if (are_waits_over()) // the usual end
+        ++looks;
+    } while (!are_waits_over() && results.show() && looks != watch.looks && wait_while_read(watch.interval));
+    const bool is_done = looks == watch.looks;
+    if (is_done || are_waits_over())
         results.finish();
-    return exit_failed;
+    return is_done ? exit_done : exit_failed;
 }
 
 } // namespace
