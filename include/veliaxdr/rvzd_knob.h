@@ -19,19 +19,23 @@
  * has 32 bits, and may end in k, m or g for 1024, its square and its cube, as the support layer reads sizes; such a
  * suffix is stored as it was spelled. A string is itself.
  *
- * Site:  an entry of site_config with the setting's name and value. view_cache_size has a second entry besides, in an
- *        old form with neither. Of several entries the first counts, which is printed as message 131, a warning. An
- * entry without name and value is nobody's and is passed over, and the values of others' entries are not looked at; the
- *        setting's own entry without a value is as none. A text of RGY_ITEM_TEXT_SIZE bytes is a failure: in a value of
- *        the setting's own, and in any entry's name. A registry that cannot be found or does not answer is a
- *        failure, never "no value". A write replaces the entries, in between which there is none, ten times at
- *        most when others change the database meanwhile. It is not atomic: a value that the entry layer refuses (1,024
- *        bytes, ";", a line feed) is refused after the old ones are gone.
- * Host:  the first line of the file of that name in the host configuration directory; settings of the file system have
- *        theirs in "lyfsconfig" in the host data directory, or in what lyfs_get_host_config_dir names below it. A line
- *        of more than 1,023 bytes counts with its first 1,023. A file that cannot be opened is as none; an empty one,
- *        and what is no regular file, is an error (1001; the second also printed). It is rewritten in place.
- * User:  what the user's profile gives to certain commands. It cannot be written.
+ * A site's value is an entry of site_config with the setting's name and value. view_cache_size has a second entry
+ * besides, in an old form that has another item alone. Of several entries the first counts, which is printed as message
+ * 131, a warning. An entry that has neither name nor old form is nobody's and is passed over, and values of others'
+ * entries are not looked at; the setting's own entry without a value is as none. A text of RGY_ITEM_TEXT_SIZE bytes is
+ * a failure: in a value of the setting's own, and in any entry's name. A registry that cannot be found or does not
+ * answer is a failure, never "no value". A write replaces the entries, in between which there is none, ten times at
+ * most when others change the database meanwhile; one that finds an entry gone which it was about to remove fails. It
+ * is not atomic: a value that the entry layer refuses (1,024 bytes, ";", a line feed) is refused after the old ones are
+ * gone.
+ *
+ * A host's value is the first line of the file of that name in the host configuration directory; settings of the file
+ * system have theirs in "lyfsconfig" in the host data directory, or in what lyfs_get_host_config_dir names below it. A
+ * line of more than 1,023 bytes counts with its first 1,023. A file that cannot be opened is as none; an empty one, and
+ * what is no regular file, is an error (TBS_ST_ERROR; the second also printed). It is rewritten in place, and what is
+ * no regular file is not written.
+ *
+ * A user's value is what the user's profile gives to certain commands. It cannot be written.
  *
  * Messages are those of _rvzd_knob_rvzd_msg_table at severity 6, unless told otherwise. `host` is the registry host of
  * site values, null for the configured one; other places ignore it. An `id` is 1 to 57 (else message 1), a `kind` 0
@@ -41,10 +45,8 @@
  *
  * Statuses of all operations that have an id, beside their own:
  *
- *   TBS_ST_ERROR        an id that is none, an operation for another type (message 5), a kind that the setting does not
- *                       have (message 4 if its row says nothing of it, 10 if it says no)
- *   TBS_ST_INVALID_ARG  a spelling that is no value of the type, or a text that does not fit the buffer (message 8); a
- *                       value out of range (13 to 18)
+ *   TBS_ST_ERROR        no such id, the wrong type (5), a kind that its row says nothing of (4) or says no to (10)
+ *   TBS_ST_INVALID_ARG  no value of the type, or too long for the buffer (8); out of range (13 to 18)
  *   TBS_ST_NO_MEMORY    no storage
  *   else                what the registry says; for a host's file the status of the errno value
  */

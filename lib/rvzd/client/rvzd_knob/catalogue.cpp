@@ -9,6 +9,8 @@ using namespace velia;
 using namespace velia::rvzd_knob;
 
 ivlthread_mutex_t velia::rvzd_knob::rvzd_knob_lock;
+uint8_t velia::rvzd_knob::name_lengths[knob_count];
+static_assert(name_size <= UINT8_MAX);
 
 namespace velia::rvzd_knob {
 // Not constexpr: a row that reaches it does not compile.
@@ -190,7 +192,7 @@ Knob *row_of(uint32_t id) {
 void declare_msg_strings(Knob &knob) {
     if (knob.name_ready == 0 && imsg_sprintf(knob.name, &_rvzd_knob_rvzd_msg_table, knob.name_message) < 0)
         return;
-    knob.name_length = strlen(knob.name);
+    name_lengths[&knob - rvzd_knobs] = static_cast<uint8_t>(strlen(knob.name));
     knob.name_ready = 1;
     if (knob.description_ready != 0)
         return;

@@ -37,7 +37,6 @@ struct Knob {
     uint32_t name_ready;
     uint32_t description_ready;
     char name[name_size];
-    size_t name_length;
     char *description; // the catalogue's, for as long as the process lives
     size_t description_size;
     rvzd_knob_type_t type;
@@ -56,6 +55,9 @@ constexpr size_t knob_count = RVZD_KNOB_ID_MAX;
 
 // In the order of enumeration. What is fixed of it never changes; names and descriptions come with the first need.
 extern Knob rvzd_knobs[knob_count + 1];
+
+// Of the names in that order; 0 for one that is not there yet.
+extern uint8_t name_lengths[knob_count];
 
 extern ivlthread_mutex_t rvzd_knob_lock;
 extern ForkWatch knob_lock_watch;

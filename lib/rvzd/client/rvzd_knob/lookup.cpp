@@ -1,5 +1,6 @@
 // Looking settings up: by id, by name, one after the other.
 #include <cstring>
+#include <iterator>
 
 #include <rvzd/client/rvzd_knob/knob.h>
 #include <support/strutl.h>
@@ -9,16 +10,25 @@ using namespace velia::rvzd_knob;
 
 namespace {
 
-// The walk compares lengths before texts, since hardly two names are equally long: names differ from their spellings in
-// case only.
+bool is_any_name_missing() {
+    return memchr(name_lengths, 0, sizeof name_lengths) != nullptr;
+}
+
+// Lengths go before texts, since hardly two names are equally long: they differ from their spellings in case only.
 const Knob *find_by_name(const char *name) {
-    if (name == nullptr)
+    const size_t length = name != nullptr ? strlen(name) : 0;
+    if (length == 0 || length >= name_size)
         return nullptr;
-    const size_t length = strlen(name);
-    for (const Knob *knob = rvzd_knobs; knob->id != 0; ++knob) {
-        const char *own = name_of(*knob);
-        if (knob->name_ready != 0 && knob->name_length == length && strutl_stricoll(own, name) == 0)
-            return knob;
+    if (is_any_name_missing())
+        rvzd_knob_initialize_all_strings();
+    const uint8_t *end = std::end(name_lengths);
+    for (const uint8_t *at = name_lengths; at != end; ++at) {
+        at = static_cast<const uint8_t *>(memchr(at, static_cast<int>(length), static_cast<size_t>(end - at)));
+        if (at == nullptr)
+            return nullptr;
+        const Knob &knob = rvzd_knobs[at - name_lengths];
+        if (strutl_stricoll(knob.name, name) == 0)
+            return &knob;
     }
     return nullptr;
 }
