@@ -144,9 +144,13 @@ int run(CommandLine &line) {
         print_configuration_errors(line.config_file, read.errors);
         return EXIT_FAILURE;
     }
+    auto place = LocalPlace::take();
+    if (!place)
+        return EXIT_FAILURE;
     auto listeners = open_listeners(line.listen, port_of(line));
     if (!listeners)
         return EXIT_FAILURE;
+    listeners->local = place->listen(listeners->addresses);
     if (!line.foreground && line.log_file.empty())
         line.log_file = default_log_file;
     if (line.log_file.find('/') != std::string::npos)

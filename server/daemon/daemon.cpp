@@ -54,6 +54,9 @@ Daemon::Daemon(uv_loop_t *loop, Listeners listeners, std::string config_file, co
     for (auto &fd : listeners.tcp)
         tcp_endpoints_.push_back(
             std::make_unique<TcpEndpoint>(loop, std::move(fd), dispatcher_, limits_of(configuration.options)));
+    for (auto &local : listeners.local)
+        tcp_endpoints_.push_back(
+            std::make_unique<TcpEndpoint>(loop, std::move(local), dispatcher_, limits_of(configuration.options)));
     signals_.push_back(std::make_unique<SignalHandle>(loop, SIGHUP, [this] { reload(); }));
     for (const int signal_number : {SIGTERM, SIGINT})
         signals_.push_back(std::make_unique<SignalHandle>(loop, signal_number, [this] { stop(); }));

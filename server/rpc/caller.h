@@ -4,16 +4,27 @@
 #include <optional>
 #include <string>
 
+#include <sys/types.h>
+
 #include <server/rpc/call_header.h>
 #include <support/sysutl.h>
 #include <veliaxdr/rvzd_wire.h>
 
 namespace velia::server {
 
+// Who sent a message over a socket of this host, by the kernel's word and as of the sending.
+struct KnownCaller {
+    pid_t pid = 0; // 0: of a process that cannot be seen from here
+    uid_t uid = UINT32_MAX;
+    gid_t gid = UINT32_MAX;
+    bool operator==(const KnownCaller &) const = default;
+};
+
 struct Caller {
     ks_sockaddr_storage_t peer = {};
     ks_sockaddr_storage_t local = {}; // the address of ours to which the call came
     rvzd_protocol_in_t transport = RVZD_PROTOCOL_NONE;
+    std::optional<KnownCaller> known;       // none: it came over IP, and is a stranger from wherever
     std::optional<Credentials> credentials; // none: it did not say who it is
 };
 

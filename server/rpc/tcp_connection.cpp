@@ -6,6 +6,8 @@
 #include <sys/socket.h>
 #include <utility>
 
+#include <server/rpc/local_sockets.h>
+
 namespace velia::server {
 
 namespace {
@@ -50,10 +52,22 @@ void TcpConnection::on_ready(int events) {
 
 bool TcpConnection::receive() {
     std::array<unsigned char, piece_bytes> piece;
-    const ssize_t count = recv(fd_.get(), piece.data(), piece.size(), MSG_DONTWAIT);
+    std::optional<KnownCaller> sender;
+    const ssize_t count = caller_.known ? receive_from_known(fd_.get(), piece.data(), piece.size(), sender)
+                                        : recv(fd_.get(), piece.data(), piece.size(), MSG_DONTWAIT);
     if (count < 0)
         return errno == EAGAIN || errno == EINTR;
-    return count > 0 && process(Bytes(piece.data(), static_cast<size_t>(count)));
+    return count > 0 && take_sender(sender) && process(Bytes(piece.data(), static_cast<size_t>(count)));
+}
+
+// A connection may pass from hand to hand, but a record is one sender's.
+bool TcpConnection::take_sender(const std::optional<KnownCaller> &sender) {
+    if (!caller_.known)
+        return true;
+    if (!sender || (assembler_.is_within_record() && sender != caller_.known))
+        return false;
+    caller_.known = sender;
+    return true;
 }
 
 bool TcpConnection::process(Bytes bytes) {

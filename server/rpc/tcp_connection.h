@@ -1,4 +1,4 @@
-// One TCP connection: records in, replies out in the order in which they are given.
+// One connection, over TCP or from this host: records in, replies out in the order in which they are given.
 #pragma once
 
 #include <deque>
@@ -38,6 +38,7 @@ public:
 private:
     void on_ready(int events);
     bool receive();
+    bool take_sender(const std::optional<KnownCaller> &sender);
     bool process(Bytes bytes);
     void reply(const MessageBytes &message);
     bool send();
@@ -45,7 +46,7 @@ private:
     void end();
 
     UniqueFd fd_;
-    Caller caller_;
+    Caller caller_; // of the record that comes in
     const Dispatcher &dispatcher_;
     std::function<void()> on_end_;
     RecordAssembler assembler_;
