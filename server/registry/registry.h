@@ -85,7 +85,4 @@ private:
 // The bytes that a record takes in a reply.
 size_t encoded_bytes(const Record &record);
 
-// True for callers that say who they are, and are not nobody.
-bool has_own_credentials(const Caller &caller);
-
 } // namespace velia::server

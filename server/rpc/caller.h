@@ -28,11 +28,14 @@ struct Caller {
     std::optional<Credentials> credentials; // none: it did not say who it is
 };
 
+// True for credentials of somebody, not of nobody.
+bool is_somebody(const std::optional<Credentials> &credentials);
+
+// What a caller claims to be; whoever is known is who it is, but may still be nobody if it wants to.
+std::optional<Credentials> believed(const std::optional<Credentials> &claimed, const std::optional<KnownCaller> &known);
+
 // An IPv4 address out of its IPv6 wrapping, so that both forms of one host compare and print alike.
 ks_sockaddr_storage_t unmapped(const ks_sockaddr_storage_t &address);
-
-// True when the call came from this host: over loopback, or from the address to which it went.
-bool is_from_this_host(const Caller &caller);
 
 // The peer's address without its port.
 std::string address_text(const ks_sockaddr_storage_t &address);

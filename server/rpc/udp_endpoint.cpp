@@ -86,6 +86,10 @@ struct UdpEndpoint::PendingCall {
 UdpEndpoint::UdpEndpoint(uv_loop_t *loop, UniqueFd fd, const Dispatcher &dispatcher)
     : channel_(std::make_shared<Channel>(Channel{std::move(fd), {}})), dispatcher_(dispatcher),
       poll_(loop, channel_->fd.get(), event_target<&UdpEndpoint::receive>(*this)) {
+    ks_sockaddr_storage_t own = {};
+    socklen_t length = sizeof own;
+    getsockname(channel_->fd.get(), &own.base, &length);
+    sysutl_sockaddr_get_port(&own.base, &port_);
     poll_.watch(UV_READABLE);
 }
 
@@ -117,6 +121,7 @@ void UdpEndpoint::receive() {
         if ((header.msg_flags & MSG_TRUNC) != 0)
             continue;
         take_local_address(header, caller.local);
+        sysutl_sockaddr_set_port(&caller.local.base, port_);
         take(Bytes(buffer.data(), static_cast<size_t>(length)), caller);
     }
 }

@@ -25,6 +25,7 @@ private:
 
     std::shared_ptr<Channel> channel_; // replies given later find it gone when the endpoint is
     const Dispatcher &dispatcher_;
+    uint16_t port_ = 0; // of the socket, in network order
     PollHandle poll_;
 };
 

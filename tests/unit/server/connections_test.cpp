@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 
 #include <server/rpc/tcp_endpoint.h>
+#include <tests/unit/server/open_guard.h>
 
 using namespace velia::server;
 
@@ -121,7 +122,7 @@ protected:
         return true;
     }
     Dispatcher dispatcher{
-        program, 3, {{ping, false, false, this, refuse}, {long_work, false, false, this, leave_unanswered}}};
+        program, 3, server_tests::open_guard, {{ping, false, false, this, refuse}, {long_work, false, false, this, leave_unanswered}}};
     std::optional<TcpEndpoint> endpoint;
 };
 

@@ -168,7 +168,7 @@ TEST_F(ServerRegistration, OfWhatIsNoServerIsRefused) {
     const auto is_refused = [&](const ServerTable::RegisterRequest &request) {
         return table.register_server(request, now) == TBS_ST_ERROR && table.processes().empty();
     };
-    const ServerTable::RegisterRequest good = {udp_trait, uuid(1), "/a", ports(), 50};
+    const ServerTable::RegisterRequest good = {udp_trait, uuid(1), "/a", ports(), 50, user};
     for (const int32_t pid : {-1, 0, 1}) {
         auto request = good;
         request.pid = pid;
