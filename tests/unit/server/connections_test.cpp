@@ -121,8 +121,10 @@ protected:
         static_cast<Connections *>(owner)->unanswered.push_back(call.sink);
         return true;
     }
-    Dispatcher dispatcher{
-        program, 3, server_tests::open_guard, {{ping, false, false, this, refuse}, {long_work, false, false, this, leave_unanswered}}};
+    Dispatcher dispatcher{program,
+                          3,
+                          server_tests::open_guard,
+                          {{ping, false, false, this, refuse}, {long_work, false, false, this, leave_unanswered}}};
     std::optional<TcpEndpoint> endpoint;
 };
 
