@@ -18,7 +18,8 @@ namespace {
 
 constexpr uint64_t stop_grace_ms = 5000; // for servers to end by their lifelines; then they are killed
 constexpr uint64_t kill_grace_ms = 2000;
-constexpr uint64_t save_delay_ms = 1000; // clients that come together are written together
+constexpr uint64_t save_delay_ms = 1000;        // clients that come together are written together
+constexpr uint64_t save_delay_of_client_ms = 5; // and a long list, which is written as a whole, more seldom
 constexpr uint64_t role_delay_ms = 100;
 constexpr const char *client_file_name = "clients";
 constexpr const char *role_file_name = "rgy_svr.conf";
@@ -53,7 +54,7 @@ Daemon::Daemon(uv_loop_t *loop, Listeners listeners, std::string config_file, co
       role_timer_(loop, [this] { registry_.take_role(); }) {
     read_client_file(client_file_, clients_);
     for (auto &fd : listeners.udp)
-        udp_endpoints_.push_back(std::make_unique<UdpEndpoint>(loop, std::move(fd), dispatcher_));
+        udp_endpoints_.push_back(std::make_unique<UdpEndpoint>(loop, std::move(fd), dispatcher_, reply_rate_));
     for (auto &fd : listeners.tcp)
         tcp_endpoints_.push_back(
             std::make_unique<TcpEndpoint>(loop, std::move(fd), dispatcher_, limits_of(configuration.options)));
@@ -95,7 +96,7 @@ void Daemon::apply(const Configuration &configuration) {
 // At the first change, and not put off by those that follow.
 void Daemon::save_clients_soon() {
     if (!is_save_due_)
-        save_timer_.start(save_delay_ms);
+        save_timer_.start(save_delay_ms + clients_.clients().size() * save_delay_of_client_ms);
     is_save_due_ = true;
 }
 

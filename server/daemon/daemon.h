@@ -54,6 +54,7 @@ private:
     RegistryProcedures registry_procedures_;
     Gate gate_;
     Dispatcher dispatcher_;
+    ReplyRate reply_rate_;
     std::vector<std::unique_ptr<UdpEndpoint>> udp_endpoints_;
     std::vector<std::unique_ptr<TcpEndpoint>> tcp_endpoints_;
     TimerHandle due_timer_;

@@ -62,8 +62,11 @@ void set_local_address(msghdr &header, PacketInfo &control, const ks_sockaddr_st
 struct UdpEndpoint::Channel {
     UniqueFd fd;
     ReplayCache replies;
+    ReplyRate &rate;
 
-    void send(const MessageBytes &reply, const Caller &caller) {
+    void send(const MessageBytes &reply, const Caller &caller, size_t request_bytes) {
+        if (!rate.permits(caller.peer, request_bytes, reply.size(), monotonic_ms()))
+            return;
         Caller ends = caller;
         iovec bytes = {const_cast<unsigned char *>(reply.data()), reply.size()};
         PacketInfo control = {};
@@ -81,10 +84,11 @@ struct UdpEndpoint::PendingCall {
     std::weak_ptr<Channel> channel;
     ReplayCache::Key key; // empty for one that may be run again
     Caller caller;
+    size_t request_bytes;
 };
 
-UdpEndpoint::UdpEndpoint(uv_loop_t *loop, UniqueFd fd, const Dispatcher &dispatcher)
-    : channel_(std::make_shared<Channel>(Channel{std::move(fd), {}})), dispatcher_(dispatcher),
+UdpEndpoint::UdpEndpoint(uv_loop_t *loop, UniqueFd fd, const Dispatcher &dispatcher, ReplyRate &rate)
+    : channel_(std::make_shared<Channel>(Channel{std::move(fd), {}, rate})), dispatcher_(dispatcher),
       poll_(loop, channel_->fd.get(), event_target<&UdpEndpoint::receive>(*this)) {
     ks_sockaddr_storage_t own = {};
     socklen_t length = sizeof own;
@@ -134,17 +138,18 @@ void UdpEndpoint::take(Bytes message, const Caller &caller) {
         const MessageBytes *earlier_reply = nullptr;
         const auto verdict = channel_->replies.begin(key, monotonic_ms(), &earlier_reply);
         if (verdict == ReplayCache::Verdict::answered)
-            return channel_->send(*earlier_reply, caller);
+            return channel_->send(*earlier_reply, caller, message.size());
         if (verdict != ReplayCache::Verdict::is_new)
             return;
     }
     // Sinks are copied on the way to who answers: what they know is made once.
-    const auto call = std::make_shared<const PendingCall>(PendingCall{channel_, std::move(key), caller});
+    const auto call =
+        std::make_shared<const PendingCall>(PendingCall{channel_, std::move(key), caller, message.size()});
     dispatcher_.dispatch(header, caller, [call](MessageBytes reply) {
         const auto open = call->channel.lock();
         if (open == nullptr)
             return;
-        open->send(reply, call->caller);
+        open->send(reply, call->caller, call->request_bytes);
         if (!call->key.empty())
             open->replies.finish(call->key, monotonic_ms(), std::move(reply));
     });

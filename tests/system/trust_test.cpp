@@ -3,19 +3,23 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <grp.h>
+#include <poll.h>
 #include <sstream>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <server/rights/rights.h>
+#include <server/rpc/reply_rate.h>
 #include <tests/system/support/client.h>
 #include <tests/system/support/daemon.h>
 #include <tests/system/support/registry_calls.h>
+#include <tests/system/support/registry_file.h>
 #include <tests/system/support/speaker.h>
 
 using namespace velia;
@@ -389,4 +393,33 @@ TEST_F(TrustTest, AServerThatTheDaemonStartedMayReportOverIp) {
         const Speaker speaker(site, road, Claims::ROOT);
         EXPECT_EQ(speaker.ask(procedures::server_idle, {{}, server_pid, 1}), TBS_ST_NO_ACCESS) << "another's socket";
     }
+}
+
+// A made-up sender would have been sent a hundred times what it sent.
+TEST_F(TrustTest, LargeRepliesGoToOneNetworkAtABoundedRateOverUdpAlone) {
+    serve(0);
+    fill_registry(site, RGY_DB_REGIONS, 1000);
+    rvzd_registry_get_req_t listing = {};
+    listing.db = RGY_DB_REGIONS;
+    listing.max_entries = 1000;
+    const Speaker victim(site, SpeaksOver::UDP, Claims::NOTHING);
+    const auto begun = std::chrono::steady_clock::now();
+    size_t received = 0;
+    Bytes reply(65536);
+    for (int i = 0; i < 200; ++i) {
+        ASSERT_TRUE(victim.send(victim.call(procedures::rgy_get_entry, listing)));
+        pollfd readable = {victim.fd(), POLLIN, 0};
+        if (poll(&readable, 1, 2) > 0)
+            received += static_cast<size_t>(recv(victim.fd(), reply.data(), reply.size(), 0));
+    }
+    const auto lasted_ms =
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begun);
+    EXPECT_GT(received, size_t{server::REPLY_RATE_SHARE_BYTES} / 2);
+    EXPECT_LT(received, size_t{server::REPLY_RATE_SHARE_BYTES} +
+                            static_cast<size_t>(lasted_ms.count() + 1) * server::REPLY_RATE_BYTES_PER_MS);
+    const Speaker small(site, SpeaksOver::UDP, Claims::NOTHING);
+    EXPECT_EQ(small.ask(procedures::contact, {{}, RVZD_PROTOCOL_CURRENT}), TBS_ST_OK);
+    const Speaker over_tcp(site, SpeaksOver::TCP, Claims::NOTHING);
+    for (int i = 0; i < 50; ++i)
+        ASSERT_EQ(over_tcp.ask(procedures::rgy_get_entry, listing), TBS_ST_OK) << i;
 }

@@ -130,12 +130,14 @@ TEST(Rights, OfStrangersAreByTheFirstLineWithTheirAddress) {
     Gate gate(nullptr);
     EXPECT_EQ(permitted(gate, stranger("127.0.0.1")), by_default) << "from this host, too";
     gate.set_access({line("10.1.2.3", "read,register,write,administer"), line("10.1.0.0/16", "none"),
-                     line("fd00::/8", "read"), line("::ffff:11.0.0.0/104", "none")});
+                     line("fd00::/8", "read"), line("::ffff:11.0.0.0/104", "none"), line("12.16.0.0/12", "none")});
     EXPECT_EQ(permitted(gate, stranger("10.1.2.3")), everything);
     EXPECT_EQ(permitted(gate, stranger("::ffff:10.1.2.3")), everything) << "the same address in its wrapping";
     EXPECT_EQ(permitted(gate, stranger("10.1.2.4")), nothing);
     EXPECT_EQ(permitted(gate, stranger("10.2.2.3")), by_default);
     EXPECT_EQ(permitted(gate, stranger("11.2.2.3")), nothing);
+    EXPECT_EQ(permitted(gate, stranger("12.31.0.1")), nothing);
+    EXPECT_EQ(permitted(gate, stranger("12.32.0.1")), by_default);
     EXPECT_EQ(permitted(gate, stranger("fd12::1")), (std::vector<bool>{true, true, false, false, false}));
     EXPECT_EQ(permitted(gate, stranger("fe12::1")), by_default);
     gate.set_access({line("any", "none")});
