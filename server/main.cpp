@@ -14,12 +14,12 @@
 #include <server/daemon/background.h>
 #include <server/daemon/command_line.h>
 #include <server/daemon/daemon.h>
+#include <server/daemon/private_files.h>
 #include <server/messages.h>
 #include <server/registry/copy.h>
 #include <server/registry/service.h>
 #include <support/fileutl.h>
 #include <support/ks.h>
-#include <support/strutl.h>
 #include <veliaxdr/rgy_manage.h>
 #include <veliaxdr/rvzd_socket.h>
 
@@ -46,7 +46,10 @@ public:
 private:
     bool is_written() const {
         const std::string new_name = name_ + ".new";
-        if (strutl_write((std::to_string(getpid()) + "\n").c_str(), new_name.c_str(), 0, 0) == 0 &&
+        const std::string text = std::to_string(getpid()) + "\n";
+        unlink(new_name.c_str()); // whatever was left there, or laid there for us to follow
+        UniqueFd fd(open(new_name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, private_mode));
+        if (fd && write(fd.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
             fileutl_rename(new_name.c_str(), name_.c_str()) == 0)
             return true;
         const int error_number = errno;
@@ -117,6 +120,7 @@ void make_absolute(std::string &path) {
 
 // The running daemon looks at the database for each question, so the new password counts at once.
 int set_registry_password() {
+    umask(private_umask);
     std::array<char, RGY_PASSWORD_SIZE> password = {};
     static_assert(int{IMSG_PASSWORD_SIZE} <= int{RGY_PASSWORD_SIZE});
     if (isatty(STDIN_FILENO) != 0) {
@@ -135,8 +139,10 @@ int set_registry_password() {
 int run(CommandLine &line) {
     if (line.set_registry_password)
         return set_registry_password();
-    if (line.copy_registry)
+    if (line.copy_registry) {
+        umask(private_umask);
         return run_copy();
+    }
     make_absolute(line.config_file);
     make_absolute(line.pid_file);
     const auto read = read_configuration(line.config_file, system_names());
@@ -144,8 +150,9 @@ int run(CommandLine &line) {
         print_configuration_errors(line.config_file, read.errors);
         return EXIT_FAILURE;
     }
+    umask(private_umask);
     auto place = LocalPlace::take();
-    if (!place)
+    if (!place || !secure_private_files())
         return EXIT_FAILURE;
     auto listeners = open_listeners(line.listen, port_of(line));
     if (!listeners)

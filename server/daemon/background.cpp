@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <server/daemon/private_files.h>
 #include <server/messages.h>
 #include <support/tbs.h>
 
@@ -15,7 +16,6 @@ namespace velia::server {
 namespace {
 
 constexpr int first_own_fd = 3;
-constexpr mode_t log_mode = 0640;
 constexpr int descriptors_looked_at = 1024;
 
 [[noreturn]] void wait_for_child(int fd) {
@@ -74,7 +74,7 @@ bool Background::enter() {
 
 bool redirect_to_log(const std::string &name) {
     const auto path = log_path(name);
-    const UniqueFd fd(open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, log_mode));
+    const UniqueFd fd(open_private_log(path));
     if (!fd || imsg_init_daemon(path.c_str()) != 0) {
         imsg_print_shared(IMSG_ERROR, "xdr/rvzd", &_tbs_cmsg_tbs_msg_table, TBS_MSG_CANNOT_OPEN, path.c_str(),
                           imsg_strerror(errno));

@@ -5,6 +5,7 @@
 #include <array>
 
 #include <server/broker/process.h>
+#include <server/daemon/private_files.h>
 #include <veliaxdr/rgy_role.h>
 #include <veliaxdr/rgy_site.h>
 #include <veliaxdr/rgy_wire.h>
@@ -91,6 +92,7 @@ void take_batch(AnswerMemory::Answer made, Reply<rvzd_registry_get_reply_t> &rep
 
 // The registry host or its backup in this host's hosts file.
 tbs_status_t change_hosts(int64_t op, const std::string &host) {
+    const PublicUmask umask; // clients of this host read it
     const auto status = rgy_clnt_conf_change(op, host.c_str());
     rgy_hostname_cache_inval();
     return status;
