@@ -18,7 +18,9 @@ modules='
 5 registry       rvzd/client/registry_clnt/
 6 settings       rvzd/client/rvzd_knob/
 6 poolmap        rvzd/client/poolmap
+6 scheduler      rvzd/client/sched_c_clnt/
 7 server_groups  rvzd/client/server_groups
+7 sched_utl      rvzd/sched_utl/
 '
 
 symbols() { # lines of "object kind symbol", kind D for what an object defines for all, U for what it wants

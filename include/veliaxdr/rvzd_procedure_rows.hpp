@@ -15,6 +15,7 @@
 #include <veliaxdr/rvzd_hosts.h>
 #include <veliaxdr/rvzd_procedures.h>
 #include <veliaxdr/rvzd_wire.h>
+#include <veliaxdr/sched_wire.h>
 
 namespace velia {
 
@@ -24,8 +25,8 @@ enum class Over { ANY, TCP };
 template <class Request, class Reply>
 struct Procedure {
     uint32_t number;
-    const char *name;        /* "rvzd_contact" */
-    const char *failed_text; /* "rvzd_contact call failed" */
+    const char *name;        /* "rvzd_contact", "sched_contact" */
+    const char *failed_text; /* "rvzd_contact call failed"; of the scheduler's "sched_contact_V2" */
     bool_t (*xdr_request)(XDR *, Request *);
     bool_t (*xdr_reply)(XDR *, Reply *);
     Runs runs;
@@ -44,14 +45,24 @@ namespace procedures {
 RVZD_PROCEDURES(VELIA_PROCEDURE_ROW)
 #undef VELIA_PROCEDURE_ROW
 
+#define VELIA_SCHEDULER_ROW(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER)                                        \
+    inline constexpr Procedure<REQUEST, REPLY> NAME = {                                                                \
+        NUMBER, #NAME, #NAME "_V2", xdr_##NAME##_V2_over, xdr_##NAME##_V2_back, Runs::RUNS, Over::OVER};
+RVZD_SCHEDULER_PROCEDURES(VELIA_SCHEDULER_ROW)
+#undef VELIA_SCHEDULER_ROW
+
 } // namespace procedures
 
-/* Calls `visit(row)` for each procedure. */
+/* Call `visit(row)` for each procedure of the broker and the registry, and for each of the scheduler. */
+#define VELIA_VISIT_ROW(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER) visit(procedures::NAME);
 template <class Visit>
 void for_each_procedure(Visit &&visit) {
-#define VELIA_VISIT_ROW(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER) visit(procedures::NAME);
     RVZD_PROCEDURES(VELIA_VISIT_ROW)
-#undef VELIA_VISIT_ROW
 }
+template <class Visit>
+void for_each_scheduler_procedure(Visit &&visit) {
+    RVZD_SCHEDULER_PROCEDURES(VELIA_VISIT_ROW)
+}
+#undef VELIA_VISIT_ROW
 
 } // namespace velia

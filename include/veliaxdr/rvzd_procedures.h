@@ -60,6 +60,35 @@
     ROW(33, RGY_SET_BACKUP,         rgy_set_backup,         rvzd_registry_set_backup_req_t,   rvzd_registry_set_backup_reply_t, ONCE,       ANY) \
     ROW(34, RGY_FINDBYATTR_ENTRY,   rgy_findbyattr_entry,   rvzd_registry_findbyattr_req_t,   rvzd_registry_get_reply_t,        REPEATABLE, ANY) \
     ROW(76, RGY_GET_PATTERN_ENTRY,  rgy_get_pattern_entry,  rvzd_registry_get_pattern_req_t,  rvzd_registry_get_reply_t,        REPEATABLE, ANY)
+
+/* The scheduler's. Their names are whole, and the routines of their records are xdr_<name>_V2_over and ..._V2_back. */
+#define RVZD_SCHEDULER_PROCEDURES(ROW) \
+    ROW(36, SCHED_GET_JOBS,                 sched_get_jobs,                 sched_request_t,              sched_get_jobs_reply_t,     REPEATABLE, TCP) \
+    ROW(37, SCHED_HAS_INFO_CHANGED,         sched_has_info_changed,         sched_request_t,              sched_boolean_reply_t,      REPEATABLE, TCP) \
+    ROW(38, SCHED_GET_TASKS,                sched_get_tasks,                sched_request_t,              sched_get_tasks_reply_t,    REPEATABLE, TCP) \
+    ROW(39, SCHED_GET_ACL,                  sched_get_acl,                  sched_request_t,              sched_acl_reply_t,          REPEATABLE, TCP) \
+    ROW(40, SCHED_SET_ACL,                  sched_set_acl,                  sched_acl_request_t,          sched_status_reply_t,       ONCE,       TCP) \
+    ROW(41, SCHED_JOB_CREATE,               sched_job_create,               sched_job_create_request_t,   sched_job_create_reply_t,   ONCE,       TCP) \
+    ROW(42, SCHED_JOB_DELETE,               sched_job_delete,               sched_job_delete_request_t,   sched_job_reply_t,          ONCE,       TCP) \
+    ROW(43, SCHED_JOB_LOOKUP_BY_ID,         sched_job_lookup_by_id,         sched_job_id_request_t,       sched_job_reply_t,          REPEATABLE, TCP) \
+    ROW(44, SCHED_JOB_GET_PROPERTIES,       sched_job_get_properties,       sched_job_request_t,          sched_properties_reply_t,   REPEATABLE, TCP) \
+    ROW(45, SCHED_JOB_SET_PROPERTIES,       sched_job_set_properties,       sched_job_set_request_t,      sched_err_mask_reply_t,     ONCE,       TCP) \
+    ROW(46, SCHED_JOB_HAS_INFO_CHANGED,     sched_job_has_info_changed,     sched_job_request_t,          sched_boolean_reply_t,      REPEATABLE, TCP) \
+    ROW(47, SCHED_RJOB_GET_HANDLE,          sched_rjob_get_handle,          sched_job_request_t,          sched_running_job_reply_t,  REPEATABLE, TCP) \
+    ROW(48, SCHED_RJOB_GET_COMPLETION_INFO, sched_rjob_get_completion_info, sched_running_job_request_t,  sched_completion_reply_t,   REPEATABLE, TCP) \
+    ROW(49, SCHED_RJOB_RUN_JOB,             sched_rjob_run_job,             sched_job_request_t,          sched_running_job_reply_t,  ONCE,       TCP) \
+    ROW(50, SCHED_RJOB_TERMINATE,           sched_rjob_terminate,           sched_running_job_request_t,  sched_status_reply_t,       ONCE,       TCP) \
+    ROW(51, SCHED_JOB_LOOKUP_BY_NAME,       sched_job_lookup_by_name,       sched_name_request_t,         sched_job_reply_t,          REPEATABLE, TCP) \
+    ROW(52, SCHED_TASK_EXISTS,              sched_task_exists,              sched_task_request_t,         sched_boolean_reply_t,      REPEATABLE, TCP) \
+    ROW(53, SCHED_TASK_NAME_TO_ID,          sched_task_name_to_id,          sched_name_request_t,         sched_task_id_reply_t,      REPEATABLE, TCP) \
+    ROW(54, SCHED_CHECK_ACC,                sched_check_acc,                sched_permission_request_t,   sched_status_reply_t,       REPEATABLE, TCP) \
+    ROW(55, SCHED_TASK_ID_TO_NAME,          sched_task_id_to_name,          sched_task_name_request_t,    sched_task_name_reply_t,    REPEATABLE, TCP) \
+    ROW(56, SCHED_GET_APP_PERMS,            sched_get_app_perms,            sched_request_t,              sched_app_perms_reply_t,    REPEATABLE, TCP) \
+    ROW(58, SCHED_GET_TIME,                 sched_get_time,                 sched_request_t,              sched_time_reply_t,         REPEATABLE, TCP) \
+    ROW(59, SCHED_CONTACT,                  sched_contact,                  sched_contact_request_t,      sched_contact_reply_t,      REPEATABLE, TCP) \
+    ROW(68, SCHED_JOB_CREATE_UTC,           sched_job_create_utc,           sched_utc_create_request_t,   sched_job_create_reply_t,   ONCE,       TCP) \
+    ROW(69, SCHED_JOB_GET_PROPERTIES_UTC,   sched_job_get_properties_utc,   sched_job_request_t,          sched_utc_reply_t,          REPEATABLE, TCP) \
+    ROW(70, SCHED_JOB_SET_PROPERTIES_UTC,   sched_job_set_properties_utc,   sched_utc_set_request_t,      sched_err_mask_reply_t,     ONCE,       TCP)
 /* clang-format on */
 
 #define RVZD_PROCEDURES(ROW)                                                                                           \
@@ -67,7 +96,7 @@
     RVZD_REGISTRY_PROCEDURES(ROW)
 
 #define RVZD_PROCEDURE_NUMBER(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER) RVZD_PROC_##CONSTANT = (NUMBER),
-enum { RVZD_PROCEDURES(RVZD_PROCEDURE_NUMBER) };
+enum { RVZD_PROCEDURES(RVZD_PROCEDURE_NUMBER) RVZD_SCHEDULER_PROCEDURES(RVZD_PROCEDURE_NUMBER) };
 #undef RVZD_PROCEDURE_NUMBER
 
 #endif

@@ -179,6 +179,9 @@ public:
     std::vector<std::string> lookups;
     std::vector<int> lookup_socket_types;
 
+    // How often the thread slept.
+    size_t sleeps = 0;
+
     // How often the lock of broker calls was taken.
     std::atomic<size_t> call_locks = 0;
 

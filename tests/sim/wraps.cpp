@@ -356,6 +356,17 @@ int __wrap_fclose(FILE *stream) {
     return World::exists() && fails(&Faults::fclose) ? EOF : result;
 }
 
+// Nobody waits in the simulated world: its time passes at once.
+unsigned __real_sleep(unsigned seconds);
+unsigned __wrap_sleep(unsigned seconds) {
+    if (!World::exists())
+        return __real_sleep(seconds);
+    World::current().support_call();
+    World::current().advance_s(seconds);
+    ++World::current().sleeps;
+    return 0;
+}
+
 int __wrap_gethostname(char *buffer, size_t size) {
     if (fails(&Faults::gethostname))
         return -1;

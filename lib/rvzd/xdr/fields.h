@@ -20,4 +20,22 @@ inline bool_t text(XDR *xdrs, char *&cell, uint32_t maximum = no_maximum) {
     return xdr_string_pointer(xdrs, &cell, maximum);
 }
 
+template <class Element>
+using Routine = bool_t (*)(XDR *, Element *);
+
+template <class Element, Routine<Element> routine>
+bool_t code_element(XDR *xdrs, void *element, void * /*unused*/) {
+    return routine(xdrs, static_cast<Element *>(element));
+}
+
+// `count` elements without a count word; `array` is made by decoding and cleared by freeing.
+template <class Element, Routine<Element> routine>
+bool_t code_elements(XDR *xdrs, Element *&array, uint32_t count) {
+    void *elements = array;
+    const bool_t done =
+        xdr_ez_array(xdrs, &elements, &count, no_maximum, sizeof(Element), code_element<Element, routine>, nullptr);
+    array = static_cast<Element *>(elements);
+    return done;
+}
+
 } // namespace velia::wire

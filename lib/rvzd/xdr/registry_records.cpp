@@ -60,24 +60,6 @@ bool_t code_reply(XDR *xdrs, Record *record, Body &&body) {
     return xdr_rvzd_hdr_reply_t(xdrs, &record->header) && (!has_body(xdrs, record->header) || body());
 }
 
-template <class Element>
-using Routine = bool_t (*)(XDR *, Element *);
-
-template <class Element, Routine<Element> routine>
-bool_t code_element(XDR *xdrs, void *element, void * /*unused*/) {
-    return routine(xdrs, static_cast<Element *>(element));
-}
-
-// `count` elements without a count word; `array` is made by decoding and cleared by freeing.
-template <class Element, Routine<Element> routine>
-bool_t code_elements(XDR *xdrs, Element *&array, uint32_t count) {
-    void *elements = array;
-    const bool_t done =
-        xdr_ez_array(xdrs, &elements, &count, no_maximum, sizeof(Element), code_element<Element, routine>, nullptr);
-    array = static_cast<Element *>(elements);
-    return done;
-}
-
 // A counted array whose count is a long in memory and one word on the wire. Decoding begins with no array.
 template <class Element, Routine<Element> routine>
 bool_t code_array(XDR *xdrs, Element *&array, int64_t &count) {
