@@ -115,6 +115,13 @@ bool_t control(CLIENT *client, u_int request, void *info) {
     case CLSET_FD_NCLOSE:
         me.owns_socket = false;
         return TRUE;
+    case CLSET_TIMEOUT:
+    case CLSET_RETRY_TIMEOUT: {
+        const auto *time = static_cast<timeval *>(info);
+        World::current().controls.push_back(std::to_string(request) + " " + std::to_string(time->tv_sec) + "." +
+                                            std::to_string(time->tv_usec));
+        return TRUE;
+    }
     case CLGET_SERVER_ADDR:
         memcpy(info, &me.address, sizeof me.address);
         return TRUE;

@@ -179,6 +179,21 @@ public:
     std::vector<std::string> lookups;
     std::vector<int> lookup_socket_types;
 
+    // What stands in the place of the library's own hooks around a scheduler's call.
+    struct SchedulerHooks {
+        std::function<uint32_t(uint32_t procedure, int32_t *status)> before;
+        std::function<uint32_t(uint32_t procedure, int32_t *status)> after;
+        std::function<uint32_t(uint32_t procedure, uint32_t rpc_status, int32_t *status, uint32_t four)> error;
+    };
+    SchedulerHooks scheduler_hooks;
+
+    // Over which transports a client is had by a host's name, and which were asked for: "tcp alpha 1.2".
+    std::set<std::string> transports;
+    std::vector<std::string> transports_asked_for;
+
+    // Times that clients were told, with the request's number: "1 25.0".
+    std::vector<std::string> controls;
+
     // How often the thread slept.
     size_t sleeps = 0;
 

@@ -356,6 +356,40 @@ int __wrap_fclose(FILE *stream) {
     return World::exists() && fails(&Faults::fclose) ? EOF : result;
 }
 
+uint32_t __real_sched_c_clnt_exit_before(uint32_t procedure, void *request, void *reply, tbs_status_t *status);
+uint32_t __wrap_sched_c_clnt_exit_before(uint32_t procedure, void *request, void *reply, tbs_status_t *status) {
+    const auto &hook = World::current().scheduler_hooks.before;
+    return hook ? hook(procedure, status) : __real_sched_c_clnt_exit_before(procedure, request, reply, status);
+}
+
+uint32_t __real_sched_c_clnt_exit_after(uint32_t procedure, void *request, void *reply, tbs_status_t *status);
+uint32_t __wrap_sched_c_clnt_exit_after(uint32_t procedure, void *request, void *reply, tbs_status_t *status) {
+    const auto &hook = World::current().scheduler_hooks.after;
+    return hook ? hook(procedure, status) : __real_sched_c_clnt_exit_after(procedure, request, reply, status);
+}
+
+uint32_t __real_sched_c_clnt_exit_error(CLIENT *client, uint32_t procedure, uint32_t rpc_status, tbs_status_t *status,
+                                        uint32_t four);
+uint32_t __wrap_sched_c_clnt_exit_error(CLIENT *client, uint32_t procedure, uint32_t rpc_status, tbs_status_t *status,
+                                        uint32_t four) {
+    const auto &hook = World::current().scheduler_hooks.error;
+    return hook ? hook(procedure, rpc_status, status, four)
+                : __real_sched_c_clnt_exit_error(client, procedure, rpc_status, status, four);
+}
+
+CLIENT *__wrap_ks_clnt_create(const char *host, uint32_t program, uint32_t version, const char *protocol_name) {
+    World &world = World::current();
+    world.transports_asked_for.push_back(std::string(protocol_name) + " " + host + " " + std::to_string(program) + "." +
+                                         std::to_string(version));
+    if (world.transports.count(protocol_name) == 0)
+        return nullptr;
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const bool tcp = strcmp(protocol_name, "tcp") == 0;
+    return sim::make_client(reinterpret_cast<sockaddr *>(&address), program, version, -1, tcp, false);
+}
+
 // Nobody waits in the simulated world: its time passes at once.
 unsigned __real_sleep(unsigned seconds);
 unsigned __wrap_sleep(unsigned seconds) {
