@@ -12,6 +12,7 @@ set(SIM_WRAPPED
   sysutl_set_socket_nonblocking sysutl_host_numeric
   credmap_local_to_remote_sid ivlthread_alloc_tls ivlthread_free_tls strutl_write hash_set_order readdir
   clp_get_next_flag_value clp_get_last_flag_name credutl_set_server_group_lifetime
+  sched_c_clnt_exit_before sched_c_clnt_exit_after sched_c_clnt_exit_error ks_clnt_create
   gethostname fclose time sleep socket bind getsockname connect close getaddrinfo freeaddrinfo select getsockopt)
 set(SIM_WRAP_OPTIONS)
 foreach(NAME IN LISTS SIM_WRAPPED)

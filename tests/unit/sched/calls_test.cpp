@@ -386,6 +386,24 @@ TEST_F(Calls, HoldNothingButTheLockWhenARaiseLandsAnywhere) {
     }
 }
 
+TEST_F(Calls, WhatTheyGaveIsReleasedWholeWhenARaiseLandsInThat) {
+    answer_all(TBS_ST_OK);
+    for (const Case &each : cases()) {
+        SCOPED_TRACE(each.name);
+        run(each);
+        const auto operation = [&] { each.release(scheduler); };
+        for (int number = 1; number < 12; ++number) {
+            world.raise_at_call(number, sim::raise_code);
+            sim::run_and_catch(operation);
+            world.raise_at_call(0, 0);
+            sim::release_lock(rvzd_call_lock);
+            EXPECT_EQ(sim::Holdings::now(world), before) << number;
+            run(each);
+        }
+        each.release(scheduler);
+    }
+}
+
 TEST_F(Calls, HoldTheLockWhileTheyWaitAndNotWhileTheReplyIsReleased) {
     unsigned depth_in_call = 0;
     const auto reply = sim::reply(row::sched_get_time.xdr_reply, sched_time_reply_t{});

@@ -35,6 +35,20 @@ protected:
         return handle;
     }
 
+    // Those that no handle is in need of.
+    void forget_connections() {
+        world.advance_s(100);
+        rvzd_free_cached_handles();
+    }
+
+    // A raise within a call takes its connection out of use, which a handle that has it keeps. So there is none.
+    void begin_without_connections() {
+        sched_free_handle(&scheduler);
+        forget_connections();
+        before = sim::Holdings::now(world);
+        EXPECT_EQ(before.clients, 0u);
+    }
+
     void answer_contact(uint32_t version, tbs_status_t status = TBS_ST_OK) {
         uint32_t second = 9;
         answer(row::sched_contact, sched_contact_reply_t{status, &version, &second});

@@ -31,9 +31,9 @@ TEST_F(SchedulerHandle, WithoutAHostIsToThisHost) {
     EXPECT_EQ(sched_get_hostname(handle), nullptr);
     EXPECT_EQ(world.lookups.back(), "thishost");
     sched_free_handle(&handle);
-    rvzd_free_cached_handles();
-    world.advance_s(100);
-    rvzd_free_cached_handles();
+    forget_connections();
+    EXPECT_EQ(world.live_clients(), before.clients);
+    ++before.blocks; // the name of this host is kept
 }
 
 TEST_F(SchedulerHandle, AsksWithInterfaceVersionOneOverTcp) {
@@ -104,14 +104,18 @@ TEST_F(SchedulerHandle, WithoutStorageForItsRecordOrNameIsTracedAndNoMemory) {
 }
 
 TEST_F(SchedulerHandle, IsUndoneByARaise) {
+    begin_without_connections();
     sched_h_t handle = nullptr;
-    const auto operation = [&] { sched_get_handle("alpha", &handle); };
-    sim::sweep_raises(world, operation, [&](int number) {
-        sim::release_lock(rvzd_call_lock);
-        sched_free_handle(&handle);
-        EXPECT_EQ(sim::Holdings::now(world), before) << number;
-    });
+    sim::sweep_raises(
+        world, [&] { sched_get_handle("alpha", &handle); },
+        [&](int number) {
+            sim::release_lock(rvzd_call_lock);
+            EXPECT_EQ(handle, nullptr) << number;
+            forget_connections();
+            EXPECT_EQ(sim::Holdings::now(world), before) << number;
+        });
     sched_free_handle(&handle);
+    forget_connections();
 }
 
 TEST_F(SchedulerHandle, IsFreedOnce) {

@@ -49,18 +49,25 @@ tbs_status_t connect(sched_h_t handle, const char *host) {
     return status == TBS_ST_OK ? agree_on_version(handle) : status;
 }
 
+tbs_status_t open_handle(const char *host, sched_h_t &handle) {
+    with_inhibit([&] { handle = new_handle(host); });
+    if (handle != nullptr)
+        return connect(handle, host);
+    trace_no_memory();
+    return TBS_ST_NO_MEMORY;
+}
+
 } // namespace
 
 timeval sched_timeout = {25, 0};
 
 tbs_status_t sched_get_handle(const char *host, sched_h_t *out) {
-    const sched_h_t handle = new_handle(host);
-    if (handle == nullptr) {
-        trace_no_memory();
-        return TBS_ST_NO_MEMORY;
-    }
-    const auto undo = [&] { release(handle); };
-    const auto status = with_cleanup([&] { return connect(handle, host); }, undo);
+    sched_h_t handle = nullptr;
+    const auto undo = [&] {
+        if (handle != nullptr)
+            release(handle);
+    };
+    const auto status = with_cleanup([&] { return open_handle(host, handle); }, undo);
     if (status == TBS_ST_OK)
         *out = handle;
     else
@@ -73,7 +80,7 @@ void sched_free_handle(sched_h_t *handle) {
     if (released == nullptr)
         return;
     *handle = nullptr;
-    release(released);
+    with_inhibit([&] { release(released); });
 }
 
 const char *sched_get_hostname(sched_h_t handle) {

@@ -37,18 +37,20 @@ void release_reply(sched_h_t handle, const Procedure<Request, Reply> &procedure,
     });
 }
 
-// What stands behind one pointer of a reply.
+// What stands behind one pointer of a reply. A raise waits until it is released: it is in nobody's hands meanwhile.
 template <class Request, class Reply, class Value>
 void release_value(sched_h_t handle, const Procedure<Request, Reply> &procedure, Value *Reply::*field,
                    bool_t (*routine)(XDR *, Value *), Value *value) {
-    Value released = *value;
-    *value = {};
-    Reply reply = {};
-    reply.*field = cell_with(released);
-    if (reply.*field != nullptr)
-        release_reply(handle, procedure, reply);
-    else
-        xdr_free(reinterpret_cast<xdrproc_t>(routine), &released);
+    with_inhibit([&] {
+        Value released = *value;
+        *value = {};
+        Reply reply = {};
+        reply.*field = cell_with(released);
+        if (reply.*field != nullptr)
+            release_reply(handle, procedure, reply);
+        else
+            xdr_free(reinterpret_cast<xdrproc_t>(routine), &released);
+    });
 }
 
 template <class Request, class Reply, class Element>
@@ -56,18 +58,20 @@ void release_array(sched_h_t handle, const Procedure<Request, Reply> &procedure,
                    bool_t (*routine)(XDR *, Element *), uint32_t count, Element **array) {
     if (array == nullptr || *array == nullptr)
         return;
-    Element *released = *array;
-    *array = nullptr;
-    Reply reply = {};
-    reply.count = count_cell_with(count);
-    reply.*field = cell_with(released);
-    if (reply.count != nullptr && reply.*field != nullptr)
-        return release_reply(handle, procedure, reply);
-    for (uint32_t i = 0; i < count; ++i)
-        xdr_free(reinterpret_cast<xdrproc_t>(routine), &released[i]);
-    stg_free(released);
-    free(reply.count);
-    stg_free(reply.*field);
+    with_inhibit([&] {
+        Element *released = *array;
+        *array = nullptr;
+        Reply reply = {};
+        reply.count = count_cell_with(count);
+        reply.*field = cell_with(released);
+        if (reply.count != nullptr && reply.*field != nullptr)
+            return release_reply(handle, procedure, reply);
+        for (uint32_t i = 0; i < count; ++i)
+            xdr_free(reinterpret_cast<xdrproc_t>(routine), &released[i]);
+        stg_free(released);
+        free(reply.count);
+        stg_free(reply.*field);
+    });
 }
 
 bool_t xdr_flag_item(XDR *xdrs, strutl_flag_item_t *item) {
