@@ -444,6 +444,7 @@ TEST(CommonSchedule, StandsFirstInThreeKinds) {
 // ---- names ----
 
 TEST(Names, OfMasks) {
+    const sim::World world;
     EXPECT_STREQ(sched_utl_notify_event_mask_to_str(0x2 | 0x10), "JobBegin,JobEndFail");
     EXPECT_STREQ(sched_utl_notify_event_mask_to_str(0), "<none>");
     EXPECT_EQ(sched_utl_notify_event_mask_from_str("JobBegin,JobModified"), 0x42u);
