@@ -12,7 +12,8 @@ namespace velia::cli {
 
 namespace {
 
-// The words of every setting that takes one of a few.
+// The words of every setting that takes one of a few; those of several words are left to who types them, since shells
+// take what they are offered apart at blanks.
 std::vector<std::string> few_values() {
     std::vector<std::string> values = {"TRUE", "FALSE"};
     for (const Knob &knob : all_knobs()) {
@@ -22,7 +23,8 @@ std::vector<std::string> few_values() {
         const std::string list = range.list;
         for (size_t at = 0, end = 0; end != std::string::npos; at = end + 1) {
             end = list.find(',', at);
-            values.push_back(list.substr(at, end - at));
+            if (const auto value = list.substr(at, end - at); value.find(' ') == std::string::npos)
+                values.push_back(value);
         }
     }
     return values;

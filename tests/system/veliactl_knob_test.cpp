@@ -1,6 +1,7 @@
 // The administrator's tool and the settings: what is set where, changing it, carrying it over, and watching it.
 #include <tests/system/support/veliactl.h>
 
+#include <array>
 #include <csignal>
 
 #include <gmock/gmock.h>
@@ -41,6 +42,26 @@ struct VeliactlKnob : VeliactlTest {
                        const Json &value) {
         return Json::object(
             {{"action", action}, {"name", name}, {"level", level}, {"before", before}, {"value", value}});
+    }
+};
+
+// A second registry, which is its own master, on the host beta.
+struct VeliactlTwoSites : VeliactlTest {
+    std::unique_ptr<Daemon> other;
+
+    void SetUp() override {
+        site.write("host/config/rgy_svr.conf", "master");
+        site.write("host/config/rgy_hosts.conf", "alpha\n\n");
+        serve("", {"--listen", "127.0.0.1"});
+        for (const char *directory : {"beta/host/config", "beta/host/priv", "beta/host/data", "beta/log"})
+            std::filesystem::create_directories(site.path(directory));
+        std::filesystem::create_symlink(site.path("config"), site.path("beta/config"));
+        site.write("beta/host/config/rgy_svr.conf", "master");
+        site.write("beta/host/config/rgy_hosts.conf", "beta\n\n");
+        Child::Options options;
+        options.environment = {"VELIA_ROOT=" + site.path("beta"), "VELIA_HOSTNAME=beta"};
+        other = std::make_unique<Daemon>(site, Words{"--listen", "127.0.0.2"}, options);
+        ASSERT_TRUE(other->is_ready()) << other->output();
     }
 };
 
@@ -215,9 +236,40 @@ TEST_F(VeliactlKnob, CheckTakesGoodValuesAndChangesNothing) {
     }
 }
 
-TEST_F(VeliactlKnob, DiffComparesTheSitesOfTwoHosts) {
+TEST_F(VeliactlKnob, DiffOfOneSiteIsEmptyUnlessAllIsWanted) {
     EXPECT_THAT(objects({"knob", "diff", "alpha", "beta"}), IsEmpty()); // one daemon serves both
+    const auto all = objects({"knob", "diff", "alpha", "beta", "--all"});
+    EXPECT_EQ(member(all, "name", "fl_vault_max_import_attempts", "name"), "fl_vault_max_import_attempts");
+    EXPECT_EQ(member(all, "name", "lyfs_mnmax", "name"), "(none)"); // no setting of a site
     EXPECT_NE(veliactl({"knob", "diff", "alpha", "nowhere"}).status, DONE);
+}
+
+TEST_F(VeliactlTwoSites, DiffTellsWhatDiffers) {
+    for (const auto &[name, value, host] :
+         {std::array{"fl_site_name", "one", "alpha"}, std::array{"fl_site_name", "other", "beta"},
+          std::array{"view_cache_size", "2m", "beta"}, std::array{"fl_vault_notify_email", "a@b", "alpha"},
+          std::array{"fl_vault_notify_email", "a@b", "beta"}})
+        ASSERT_EQ(veliactl({"knob", "set", name, value, "--level", "site", "--host", host}).status, DONE);
+    const auto row = [](const char *name, const Json &first, const Json &second) {
+        return Json::object({{"name", name}, {"first", first}, {"second", second}});
+    };
+    EXPECT_EQ(objects({"knob", "diff", "alpha", "beta"}),
+              (Objects{row("view_cache_size", nullptr, "2m"), row("fl_site_name", "one", "other")}));
+}
+
+// What a shell offers behind the words of a setting.
+TEST_F(VeliactlKnob, CompletionOffersNamesAndTheFewValues) {
+    const auto script = veliactl({"completion", "bash"}).output;
+    const auto offered = [&](const std::string &place) {
+        const auto at = script.find("'" + place + "')");
+        return at == std::string::npos ? "" : script.substr(at, script.find('\n', at) - at);
+    };
+    for (const std::string command : {"knob get", "knob set", "knob unset", "knob explain", "knob check"})
+        EXPECT_THAT(offered(command + "|1"), HasSubstr(" fl_vault_notify_email ")) << command;
+    for (const std::string command : {"knob set", "knob check"}) {
+        EXPECT_THAT(offered(command + "|2"), HasSubstr("TRUE FALSE")) << command;
+        EXPECT_THAT(offered(command + "|2"), HasSubstr("-nmaster")) << command;
+    }
 }
 
 TEST_F(VeliactlKnob, ALevelThatIsExportedIsImportedAgain) {

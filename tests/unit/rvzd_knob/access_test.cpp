@@ -274,7 +274,7 @@ TEST_F(KnobAccess, ASpellingThatIsNoValueIsRefused) {
                 ElementsAre(told(8, "x", size_name, "integer"), told(15, size_name, 1024000, 1023999),
                             told(8, "4294967296", size_name, "integer"), told(8, "1", "lyfs_acenabled", "boolean"),
                             told(18, "checkout_nmaster_policy", "-nmaster", ""),
-                            told(8, "(null)", "fl_site_name", "string")));
+                            told(8, "(null)", "fl_site_name", "string"), told(8, "(null)", "fl_site_name", "string")));
     EXPECT_EQ(contents(host_path(size_name)), std::nullopt);
     EXPECT_EQ(world.peer.calls.size(), 0u);
 }

@@ -278,7 +278,7 @@ tbs_status_t rvzd_knoblet_set_integer(uint32_t id, rvzd_knoblet_kind_t kind, con
 // A null would mean "no value from now on" to the places.
 tbs_status_t rvzd_knoblet_set_string(uint32_t id, rvzd_knoblet_kind_t kind, const char *host, const char *text) {
     return set_slot(id, KNOB_STRING, kind, host, text, [&](const Knob &knob) {
-        return text != nullptr ? check_string_range(knob, text) : tbs_status_t{TBS_ST_INVALID_ARG};
+        return text != nullptr ? check_string_range(knob, text) : invalid_value(knob, text);
     });
 }
 
