@@ -137,6 +137,35 @@ TEST_F(SiteSettings, TwoProcessesThatWriteTheViewCacheSizeLeaveOneEntryInEachFor
     });
 }
 
+// The same, as a writer of the library meets it.
+TEST_F(SiteSettings, ARivalBetweenTheLookAndTheStampsIsReplacedInAFurtherPass) {
+    struct Case {
+        const char *name;
+        const char *rival;
+        int calls; // the writer's questions for stamps before the rival comes
+    };
+    const Case cases[] = {
+        {"fl_vault_max_parallel_replica_imports", "-name=fl_vault_max_parallel_replica_imports;-value=9;", 0},
+        {"view_cache_size", "-default_viewsize=3000000;", 0},
+        {"view_cache_size", "-name=view_cache_size;-value=3000000;", 0},
+        {"view_cache_size", "-name=view_cache_size;-value=3000000;", 1}};
+    for (const auto &[name, rival, calls] : cases) {
+        SCOPED_TRACE(rival);
+        const auto outcome =
+            run_apart(site, {SYSTEM_CLIENT, "knob-and-rival", name, "2000000", rival, std::to_string(calls)});
+        EXPECT_EQ(outcome.status, 0) << outcome.errors;
+        EXPECT_EQ(outcome.output, "rival 0\ndone 1 failed 0 stale 1\n");
+        const auto settings = settings_of_site();
+        size_t count = 0;
+        for (const auto &[found, value] : settings)
+            if (found == name || (found.empty() && name == std::string("view_cache_size"))) {
+                ++count;
+                EXPECT_EQ(value, "2000000");
+            }
+        EXPECT_EQ(count, name == std::string("view_cache_size") ? 2u : 1u);
+    }
+}
+
 // The window: a writer that looked before another one wrote, and asked for its stamps after it.
 TEST_F(SiteSettings, AnAddOfANameThatStandsIsStaleThoughItsStampsAreNew) {
     const std::string entry = "-name=fl_site_name;-value=";

@@ -7,6 +7,8 @@
 //   system_client rounds HOST PROGRAM udp|tcp NAME COUNT STOP_FILE LIMIT_MS
 //                                                    looks up and adds, so often or until the file exists
 //   system_client knob NAME FIRST COUNT              writes so many numbers as the site's value of the setting
+//   system_client knob-and-rival NAME VALUE TEXT CALLS
+//                                                    writes it once, with somebody else's entry added in between
 //   system_client role TYPE                          makes this host a registry server of this type; prints the status
 #include <chrono>
 #include <cstdio>
@@ -17,6 +19,7 @@
 
 #include <tests/system/client/knobs.h>
 #include <tests/system/client/objects.h>
+#include <tests/system/client/rival.h>
 #include <tests/system/client/rounds.h>
 #include <tests/system/client/servers.h>
 #include <tests/system/support/client.h>
@@ -73,6 +76,10 @@ int main(int argc, char **argv) {
                    : EXIT_FAILURE;
     if (is_command("knob", 4))
         return write_knob(words[1], std::stoi(words[2]), std::stoi(words[3])) ? EXIT_SUCCESS : EXIT_FAILURE;
+    if (is_command("knob-and-rival", 5)) {
+        let_rival_add(words[3], std::stoi(words[4]));
+        return write_knob(words[1], std::stoi(words[2]), 1) ? EXIT_SUCCESS : EXIT_FAILURE;
+    }
     if (is_command("role", 2))
         return change_role(std::stoi(words[1]));
     if (is_command("loop", 4))
