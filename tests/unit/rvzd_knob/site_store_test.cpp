@@ -257,6 +257,17 @@ TEST_F(SiteValues, AStaleStatusOfAnythingButTheAddIsNoFurtherPass) {
     EXPECT_EQ(world.peer.count(RVZD_PROC_CONTACT), 1u);
 }
 
+TEST_F(SiteValues, NorIsThatOfAnEntryThatCannotBeMade) {
+    world.peer.on(RVZD_PROC_RGY_GET_ENTRY, [this](const sim::Call &) {
+        world.advance_s(10); // so that the next binding asks again
+        world.peer.speak(RVZD_PROTOCOL_CURRENT, TBS_ST_STALE_ID);
+        return batch({});
+    });
+    EXPECT_EQ(write("mine"), TBS_ST_STALE_ID);
+    EXPECT_EQ(world.peer.count(RVZD_PROC_RGY_GET_ENTRY), 1u);
+    EXPECT_EQ(world.peer.count(RVZD_PROC_CONTACT), 2u);
+}
+
 TEST_F(SiteValues, ARefusedAddIsTheStatus) {
     site.add_status = [](const std::string &) { return std::optional<tbs_status_t>(TBS_ST_NO_ACCESS); };
     EXPECT_EQ(write("mine"), TBS_ST_NO_ACCESS);
