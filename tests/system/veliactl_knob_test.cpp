@@ -49,6 +49,11 @@ struct VeliactlKnob : VeliactlTest {
 struct VeliactlTwoSites : VeliactlTest {
     std::unique_ptr<Daemon> other;
 
+    // A registry is changed by those of its own host.
+    Words environment_of(const std::string &host) const {
+        return host == "beta" ? Words{"VELIA_ROOT=" + site.path("beta"), "VELIA_HOSTNAME=beta"} : Words();
+    }
+
     void SetUp() override {
         site.write("host/config/rgy_svr.conf", "master");
         site.write("host/config/rgy_hosts.conf", "alpha\n\n");
@@ -59,7 +64,7 @@ struct VeliactlTwoSites : VeliactlTest {
         site.write("beta/host/config/rgy_svr.conf", "master");
         site.write("beta/host/config/rgy_hosts.conf", "beta\n\n");
         Child::Options options;
-        options.environment = {"VELIA_ROOT=" + site.path("beta"), "VELIA_HOSTNAME=beta"};
+        options.environment = environment_of("beta");
         other = std::make_unique<Daemon>(site, Words{"--listen", "127.0.0.2"}, options);
         ASSERT_TRUE(other->is_ready()) << other->output();
     }
@@ -249,7 +254,7 @@ TEST_F(VeliactlTwoSites, DiffTellsWhatDiffers) {
          {std::array{"fl_site_name", "one", "alpha"}, std::array{"fl_site_name", "other", "beta"},
           std::array{"view_cache_size", "2m", "beta"}, std::array{"fl_vault_notify_email", "a@b", "alpha"},
           std::array{"fl_vault_notify_email", "a@b", "beta"}})
-        ASSERT_EQ(veliactl({"knob", "set", name, value, "--level", "site", "--host", host}).status, DONE);
+        ASSERT_EQ(veliactl({"knob", "set", name, value, "--level", "site"}, environment_of(host)).status, DONE);
     const auto row = [](const char *name, const Json &first, const Json &second) {
         return Json::object({{"name", name}, {"first", first}, {"second", second}});
     };
