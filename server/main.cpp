@@ -50,7 +50,7 @@ private:
         unlink(new_name.c_str()); // whatever was left there, or laid there for us to follow
         UniqueFd fd(open(new_name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, private_mode));
         if (fd && write(fd.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
-            fileutl_rename(new_name.c_str(), name_.c_str()) == 0)
+            fsync(fd.get()) == 0 && fileutl_rename(new_name.c_str(), name_.c_str()) == 0)
             return true;
         const int error_number = errno;
         unlink(new_name.c_str());

@@ -12,6 +12,7 @@
 #include <grp.h>
 #include <pwd.h>
 #include <string_view>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -101,6 +102,7 @@ struct Prepared {
 
 [[noreturn]] void become(const ProcessRequest &request, Prepared &prepared, int error_pipe) {
     forget_signals();
+    prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL, 0, 0, 0); // the daemon's, for its ports
     umask(usual_umask);
     if (take_descriptors(request.descriptors, prepared.moved, error_pipe) && take_account(request.account))
         execve(prepared.words.front(), prepared.words.data(), prepared.environment.data());

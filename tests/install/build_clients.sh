@@ -14,7 +14,7 @@ cmake --install "$build" --prefix "$work/package" >/dev/null
 
 for file in sbin/rvzd_server bin/veliactl libexec/velia-sample-server share/man/man1/veliactl.1 \
     share/man/man8/rvzd_server.8 share/man/man5/rvzd_server.conf.5 share/man/man5/velia-files.5 \
-    lib/systemd/system/rvzd_server.service etc/velia/rvzd_server.conf include/veliaxdr/rvzd_handle.h \
+    lib/systemd/system/rvzd_server.service lib/sysusers.d/velia.conf etc/velia/rvzd_server.conf include/veliaxdr/rvzd_handle.h \
     share/veliaxdr/samples/echo_server.c \
     share/bash-completion/completions/veliactl share/zsh/site-functions/_veliactl \
     share/fish/vendor_completions.d/veliactl.fish; do

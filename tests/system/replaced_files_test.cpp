@@ -118,12 +118,14 @@ TEST_F(ReplacedFiles, ThePidFileIsOnDiskBeforeItIsNamed) {
 TEST_F(ReplacedFiles, ThePidFileOfAFullDiskIsTheOldOneAndTold) {
     site.configure("");
     site.write("pid", "17\n");
-    std::filesystem::create_symlink("/dev/full", pid_file + ".new");
-    const Daemon served(site, {"--pid-file", pid_file});
-    EXPECT_TRUE(served.is_ready()) << served.output();
-    EXPECT_TRUE(served.says("Unable to open file \"" + pid_file + "\": No space left on device.\n")) << served.output();
+    Words environment = watched();
+    environment.push_back("FILES_FULL_AT=fsync " + pid_file + ".new");
+    const auto served = start_daemon({"--pid-file", pid_file}, environment);
+    EXPECT_TRUE(served->is_ready()) << served->output();
+    EXPECT_TRUE(served->says("Unable to open file \"" + pid_file + "\": No space left on device.\n"))
+        << served->output();
     EXPECT_EQ(site.read("pid"), "17\n");
-    EXPECT_FALSE(std::filesystem::is_symlink(pid_file + ".new"));
+    EXPECT_FALSE(std::filesystem::exists(pid_file + ".new"));
 }
 
 TEST_F(ReplacedFiles, AKeptRegistryIsOnDiskBeforeItIsNamed) {

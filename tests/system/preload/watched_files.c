@@ -1,6 +1,8 @@
 /* Loaded before the C library: what is put on disk and what is renamed is noted in the file that FILES_NOTED names, one
-   line each; at the line that is FILES_KILLED_AT the process is killed before the thing is done. */
+   line each; at the line that is FILES_KILLED_AT the process is killed before the thing is done, and at FILES_FULL_AT
+   nothing finds room on the disk. */
 #include <dlfcn.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
@@ -30,6 +32,11 @@ int fsync(int fd) {
         abort();
     snprintf(line, sizeof line, "fsync %s", path);
     note(line);
+    const char *full = getenv("FILES_FULL_AT");
+    if (full != NULL && strcmp(line, full) == 0) {
+        errno = ENOSPC;
+        return -1;
+    }
     int (*real)(int);
     *(void **)&real = dlsym(RTLD_NEXT, "fsync");
     return real(fd);
