@@ -1,10 +1,12 @@
-// What a call through a handle costs, against the same call made by the RPC library's own client and transport, with
-// the same daemon.
+// What a call through a handle costs, over the daemon's socket for callers of its host and over loopback, against the
+// same call made by the RPC library's own client and transport, with the same daemon.
 #include <bench/support/ratio.h>
 #include <bench/support/site.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <string>
 
 #include <benchmark/benchmark.h>
 #include <sys/socket.h>
@@ -26,13 +28,31 @@ void check(bool ok, const char *what) {
     exit(1);
 }
 
-void through_handle(benchmark::State &state, uint32_t protocol) {
-    rvzd_handle_t *handle = nullptr;
-    check(rvzd_get_handle_proto(bench::Site::host, protocol, &handle) == TBS_ST_OK, "handle");
+void find_through(rvzd_handle_t *handle, benchmark::State &state) {
     rvzd_server_addr_t address;
     for (auto _ : state)
         check(rvzd_find_server(handle, &trait, &uuid, "", &address) == TBS_ST_OK, "find_server");
     rvzd_free_handle(handle);
+}
+
+void through_handle(benchmark::State &state, uint32_t protocol) {
+    rvzd_handle_t *handle = nullptr;
+    check(rvzd_get_handle_proto(bench::Site::host, protocol, &handle) == TBS_ST_OK, "handle");
+    find_through(handle, state);
+}
+
+// As from another root directory, which has no socket of the daemon's. The address keeps the handle apart.
+void over_loopback(benchmark::State &state, uint32_t protocol) {
+    const std::string root = getenv("VELIA_ROOT");
+    const std::string far = root + "/far";
+    std::filesystem::create_directories(far);
+    if (!std::filesystem::exists(far + "/config"))
+        std::filesystem::create_directory_symlink(root + "/config", far + "/config");
+    rvzd_handle_t *handle = nullptr;
+    setenv("VELIA_ROOT", far.c_str(), 1);
+    check(rvzd_get_handle_proto("127.0.0.1", protocol, &handle) == TBS_ST_OK, "handle");
+    setenv("VELIA_ROOT", root.c_str(), 1);
+    find_through(handle, state);
 }
 
 // A client of the RPC library, over its own transport.
@@ -72,6 +92,12 @@ void HandleCallUdp(benchmark::State &state) {
 void HandleCallTcp(benchmark::State &state) {
     through_handle(state, RVZD_PROTOCOL_TCP);
 }
+void LoopbackCallUdp(benchmark::State &state) {
+    over_loopback(state, RVZD_PROTOCOL_UDP);
+}
+void LoopbackCallTcp(benchmark::State &state) {
+    over_loopback(state, RVZD_PROTOCOL_TCP);
+}
 void BareCallUdp(benchmark::State &state) {
     bare(state, RVZD_PROTOCOL_UDP);
 }
@@ -80,8 +106,10 @@ void BareCallTcp(benchmark::State &state) {
 }
 
 BENCHMARK(BareCallUdp)->UseRealTime();
+BENCHMARK(LoopbackCallUdp)->UseRealTime();
 BENCHMARK(HandleCallUdp)->UseRealTime();
 BENCHMARK(BareCallTcp)->UseRealTime();
+BENCHMARK(LoopbackCallTcp)->UseRealTime();
 BENCHMARK(HandleCallTcp)->UseRealTime();
 
 } // namespace

@@ -93,7 +93,8 @@ make_host() { # name, role or nothing
     ln -s "$root/config" "$root/$1/config"
     printf 'master\nstandby\n' >"$root/$1/host/config/rgy_hosts.conf"
     printf 'east\nwest\n' >"$root/$1/host/config/rgy_region.conf"
-    echo "option registry-copy 1" >"$root/$1/host/config/rvzd_server.conf"
+    # The hosts of the site trust each other with its registry.
+    printf 'option registry-copy 1\naccess 127.0.0.0/8 read,register,write\n' >"$root/$1/host/config/rvzd_server.conf"
     [ -z "${2:-}" ] || printf '%s' "$2" >"$root/$1/host/config/rgy_svr.conf"
 }
 printf 'master 127.0.0.2\nstandby 127.0.0.3\nclient 127.0.0.4\nother 127.0.0.5\n' >"$root/config/hosts.conf"
