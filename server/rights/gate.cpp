@@ -2,8 +2,6 @@
 // address has, wherever they are.
 #include <server/rights/gate.h>
 
-#include <unistd.h>
-
 namespace velia::server {
 
 namespace {
@@ -14,8 +12,7 @@ constexpr int32_t pid_of_init = 1;
 constexpr uint32_t rights_of_this_host = ACCESS_READ | ACCESS_REGISTER | ACCESS_WRITE;
 
 uint32_t rights_of_known(const KnownCaller &known) {
-    const bool is_administrator = known.uid == 0 || known.uid == geteuid();
-    return rights_of_this_host | (is_administrator ? uint32_t{ACCESS_ADMINISTER} : 0U);
+    return rights_of_this_host | (is_administrator(known.uid) ? uint32_t{ACCESS_ADMINISTER} : 0U);
 }
 
 uint32_t access_for(Right right) {

@@ -12,7 +12,10 @@
 
 namespace velia::server {
 
-// Who sent a message over a socket of this host, by the kernel's word and as of the sending.
+// Root, and the daemon's own user.
+bool is_administrator(uid_t user);
+
+// Who calls over a socket of this host, by the kernel's word.
 struct KnownCaller {
     pid_t pid = 0; // 0: of a process that cannot be seen from here
     uid_t uid = UINT32_MAX;
@@ -27,6 +30,11 @@ struct Caller {
     std::optional<KnownCaller> known;       // none: it came over IP, and is a stranger from wherever
     std::optional<Credentials> credentials; // none: it did not say who it is
 };
+
+// Who it is for whom one process made a connection, and another, or the same as another user, sends over it. A process
+// that was brought to write for somebody else lends him nothing, and whoever was left a connection has nothing of its
+// maker: rights are those that both have, and no process is it but the one that did both.
+KnownCaller known_by_both(const KnownCaller &maker, const KnownCaller &sender);
 
 // True for credentials of somebody, not of nobody.
 bool is_somebody(const std::optional<Credentials> &credentials);

@@ -156,6 +156,14 @@ std::vector<LocalSocket> LocalPlace::listen(const std::vector<ks_sockaddr_storag
     return sockets;
 }
 
+KnownCaller maker_of(int fd) {
+    ucred maker = {};
+    socklen_t length = sizeof maker;
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &maker, &length) != 0)
+        return {};
+    return {maker.pid, maker.uid, maker.gid};
+}
+
 ssize_t receive_from_known(int fd, unsigned char *bytes, size_t size, std::optional<KnownCaller> &sender) {
     Control control = {};
     iovec place = {bytes, size};

@@ -39,6 +39,9 @@ private:
     std::vector<std::string> made_; // removed at the end
 };
 
+// Who connected; nobody if the kernel does not tell.
+KnownCaller maker_of(int fd);
+
 // Takes bytes off a socket of a LocalPlace together with who sent them, as the kernel has it. Bytes of two senders
 // never come together. Descriptors that a sender passes are not taken. As recv(2) otherwise.
 ssize_t receive_from_known(int fd, unsigned char *bytes, size_t size, std::optional<KnownCaller> &sender);

@@ -20,8 +20,8 @@ enum Rank { NEVER_COMPLETED, IDLE, WITHIN_REQUEST, WORKED_FOR };
 
 TcpConnection::TcpConnection(uv_loop_t *loop, UniqueFd fd, const Caller &caller, const Dispatcher &dispatcher,
                              std::function<void()> on_end)
-    : fd_(std::move(fd)), caller_(caller), dispatcher_(dispatcher), on_end_(std::move(on_end)),
-      request_begun_ms_(monotonic_ms()), active_ms_(request_begun_ms_),
+    : fd_(std::move(fd)), caller_(caller), maker_(caller.known.value_or(KnownCaller{})), dispatcher_(dispatcher),
+      on_end_(std::move(on_end)), request_begun_ms_(monotonic_ms()), active_ms_(request_begun_ms_),
       poll_(loop, fd_.get(), event_target<&TcpConnection::on_ready>(*this)) {}
 
 void TcpConnection::begin() {
@@ -64,9 +64,10 @@ bool TcpConnection::receive() {
 bool TcpConnection::take_sender(const std::optional<KnownCaller> &sender) {
     if (!caller_.known)
         return true;
-    if (!sender || (assembler_.is_within_record() && sender != caller_.known))
+    if (!sender || (assembler_.is_within_record() && sender != sender_))
         return false;
-    caller_.known = sender;
+    sender_ = sender;
+    caller_.known = known_by_both(maker_, *sender);
     return true;
 }
 

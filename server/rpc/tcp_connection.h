@@ -46,7 +46,9 @@ private:
     void end();
 
     UniqueFd fd_;
-    Caller caller_; // of the record that comes in
+    Caller caller_;                     // of the record that comes in
+    KnownCaller maker_;                 // of a connection from this host
+    std::optional<KnownCaller> sender_; // of what came last over it
     const Dispatcher &dispatcher_;
     std::function<void()> on_end_;
     RecordAssembler assembler_;

@@ -70,11 +70,11 @@ bool TcpEndpoint::accept_one() {
     return false;
 }
 
-// Of a caller of this host nothing is known before its first message; whoever it is then, it is known by it.
+// A caller of this host is known for who connected until its first message.
 void TcpEndpoint::take_addresses(int fd, Caller &caller) const {
     if (local_address_) {
         caller.peer = caller.local = *local_address_;
-        caller.known = KnownCaller{};
+        caller.known = maker_of(fd);
         return;
     }
     socklen_t length = sizeof caller.local;

@@ -319,6 +319,27 @@ TEST_F(TrustTest, AConnectionOfRootsGivesNobodyElseItsRights) {
               std::to_string(TBS_ST_NO_ACCESS));
 }
 
+// Whose message it is the kernel tells by the process that writes, also one of root's that was brought to write.
+TEST_F(TrustTest, AProcessOfRootsThatWritesForAnotherLendsItNoRights) {
+    serve(0);
+    char evil[] = "evil";
+    ASSERT_EQ(seteuid(other_user), 0);
+    const Speaker speaker(site, SpeaksOver::HOST, Claims::ROOT);
+    ASSERT_EQ(seteuid(0), 0);
+    EXPECT_EQ(speaker.ask(procedures::rgy_clnt_conf_change, host_change(evil)), TBS_ST_NO_ACCESS);
+    EXPECT_EQ(speaker.ask(procedures::rgy_get_id, {}), TBS_ST_OK);
+}
+
+TEST_F(TrustTest, AConnectionThatAnotherProcessMadeIsNoneToReportOver) {
+    serve(0);
+    const Speaker speaker(site, SpeaksOver::HOST, Claims::NOTHING);
+    const auto report = [&] {
+        return std::to_string(speaker.ask(procedures::register_server, registration(program + 1, 4000, getpid())));
+    };
+    EXPECT_EQ(told_as(0, report), std::to_string(TBS_ST_NO_ACCESS));
+    EXPECT_EQ(report(), "0");
+}
+
 TEST_F(TrustTest, DescriptorsThatAreSentAlongAreNotTaken) {
     serve(0);
     const auto descriptors = [&] {
