@@ -79,12 +79,12 @@ uint32_t ask(int family, int protocol, const inet_diag_sockid &asked, const inet
     if (!fd || setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &answer_time, sizeof answer_time) != 0 ||
         send(fd.get(), &question, sizeof question, 0) != static_cast<ssize_t>(sizeof question))
         return 0;
-    Answer answer;
+    Answer answer = {};
     const ssize_t length = recv(fd.get(), answer.bytes.data(), answer.bytes.size(), 0);
     if (length < static_cast<ssize_t>(NLMSG_LENGTH(sizeof(inet_diag_msg))) ||
         answer.header.nlmsg_type != SOCK_DIAG_BY_FAMILY)
         return 0;
-    inet_diag_msg told;
+    inet_diag_msg told = {};
     memcpy(&told, NLMSG_DATA(&answer.header), sizeof told);
     return is_same(told.id, wanted) ? told.idiag_inode : 0;
 }

@@ -119,9 +119,7 @@ bool exchange_locally(Client &client, const Call &call, int64_t until_us, bool w
     if (!is_known && connect_anew(client, local.connection, until_us) != 0)
         return false;
     const Road &road = client.transport->retransmits ? road_of_datagrams : road_of_streams;
-    if (exchange_over(client, local.connection, road, call, until_us, waits) == Ending::no_road)
-        return false;
-    return true;
+    return exchange_over(client, local.connection, road, call, until_us, waits) != Ending::no_road;
 }
 
 void leave_local_road(Client &client) {

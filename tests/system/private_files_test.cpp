@@ -13,7 +13,6 @@
 using namespace velia;
 using namespace velia::system_test;
 using testing::HasSubstr;
-using testing::Not;
 
 namespace {
 

@@ -16,8 +16,6 @@ using testing::Not;
 
 namespace {
 
-constexpr uint32_t program = 390600;
-
 // The daemon runs scripts that tell what they are, each line behind a word of its own.
 struct ServiceAccount : testing::Test {
     Site site;

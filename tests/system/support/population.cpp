@@ -30,7 +30,7 @@ tbs_status_t send_registration(rvzd_handle_t *handle, rvzd_register_server_req_t
 // The operation of the library would do, but for ports that nobody listens at.
 tbs_status_t register_as_ordered(rvzd_handle_t *handle, Order &order) {
     rvzd_register_server_req_t request = {};
-    request.header = {getpid() * 100000ULL + order.number, order.number};
+    request.header = {static_cast<uint64_t>(getpid()) * 100000 + order.number, order.number};
     request.trait = {Population::first_program + order.number, 1, RVZD_PROTOCOL_TCP};
     request.path = order.path;
     request.ports = {1, {{AF_INET, 1000 + order.number}, {0, 0}}};

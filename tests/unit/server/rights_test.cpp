@@ -15,7 +15,6 @@
 #include <veliaxdr/rvzd_procedure_rows.hpp>
 
 using namespace velia::server;
-using testing::Each;
 using testing::ElementsAreArray;
 
 namespace {
