@@ -50,12 +50,14 @@ uint32_t call_once(const Procedure<Request, Reply> &procedure, const char *no_cl
 
 } // namespace
 
+// NOLINTBEGIN(bugprone-macro-parentheses): types
 #define DEFINE_STUB(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER)                                                \
     uint32_t NAME##_V2(REQUEST *request, CLIENT *client, REPLY *reply, const struct timeval *time_out) {               \
         return call_once(procedures::NAME, #NAME ":Client Handle=(nil)!", request, client, reply, time_out);           \
     }
 RVZD_SCHEDULER_PROCEDURES(DEFINE_STUB)
 #undef DEFINE_STUB
+// NOLINTEND(bugprone-macro-parentheses)
 
 void sched_free_result(CLIENT *client, xdrproc_t routine, void *reply) {
     if (client == nullptr)

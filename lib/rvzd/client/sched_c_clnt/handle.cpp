@@ -76,7 +76,7 @@ tbs_status_t sched_get_handle(const char *host, sched_h_t *out) {
 }
 
 void sched_free_handle(sched_h_t *handle) {
-    const sched_h_t released = *handle;
+    sched_h_t released = *handle;
     if (released == nullptr)
         return;
     *handle = nullptr;

@@ -15,7 +15,8 @@ namespace {
 
 template <class Value>
 Value *cell_with(const Value &value) {
-    auto *cell = static_cast<Value *>(stg_malloc(sizeof(Value)));
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): a value may be a pointer itself
+    auto *cell = static_cast<Value *>(stg_malloc(sizeof value));
     if (cell != nullptr)
         *cell = value;
     return cell;
