@@ -1,4 +1,5 @@
 // The wrapped operations whose loans and words are noted. See wraps.cpp for where a raise may arrive.
+#include <cstring>
 #include <tests/sim/noted.h>
 
 #include <dirent.h>
@@ -75,7 +76,8 @@ int __wrap_credmap_local_to_remote_sid(const credutl_sid_credentials_t *credenti
 void *__real_ivlthread_alloc_tls(size_t size);
 void *__wrap_ivlthread_alloc_tls(size_t size) {
     ++sim::thread_blocks();
-    return __real_ivlthread_alloc_tls(size);
+    void *block = __real_ivlthread_alloc_tls(size);
+    return block != nullptr ? memset(block, 0xA5, size) : nullptr; // nobody promised zeros
 }
 
 void __real_ivlthread_free_tls(void *block);

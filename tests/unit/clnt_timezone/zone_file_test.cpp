@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <filesystem>
 
 #include <tests/bad_files.h>
 #include <tests/sim/sweeps.h>
@@ -48,6 +49,23 @@ bool has_nothing(const Zone &zone) {
 }
 
 } // namespace
+
+TEST(ZoneFile, IsClosedAgain) {
+    sim::World world;
+    const auto open_files = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                             std::filesystem::directory_iterator());
+    };
+    world.write_file("zone", rich_zone().bytes());
+    world.write_file("none", "no zone");
+    const auto before = open_files();
+    for (const char *name : {"/zone", "/none"}) {
+        Zone zone;
+        if (read_zone_file((world.root() + name).c_str(), zone) == ReadOutcome::done)
+            release_zone(zone);
+        EXPECT_EQ(open_files(), before) << name;
+    }
+}
 
 TEST(ZoneFile, IsReadInItsOrder) {
     sim::World world;

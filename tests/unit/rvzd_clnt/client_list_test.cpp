@@ -249,6 +249,15 @@ TEST_F(Registration, IsMadeOnceForABroker) {
     EXPECT_EQ(registrations(), 1u);
 }
 
+TEST_F(Registration, LeavesANoteThatItsUserWritesAndAllRead) {
+    const mode_t before = umask(0);
+    register_with("alpha");
+    umask(before);
+    struct stat status;
+    ASSERT_EQ(stat(note_of("127.0.0.2").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, mode_t{0644});
+}
+
 TEST_F(Registration, IsMadeWithTwoBrokersAtMost) {
     for (const char *host : {"alpha", "beta", "dual", "beta"})
         register_with(host);

@@ -1,4 +1,5 @@
 // What hosts tell of themselves, their options, and the check whether a host is there.
+#include <malloc.h>
 #include <tests/unit/rvzd_clnt/broker_fixture.h>
 
 #include <rvzd/client/rvzd_clnt/host_info.h>
@@ -285,6 +286,16 @@ TEST_F(HostOptions, AreNoneWithoutAText) {
         EXPECT_EQ(options.no_servers, 0);
         EXPECT_EQ(options.rest, nullptr);
     }
+}
+
+TEST_F(HostOptions, LeaveNothingOfTheirReadingBehind) {
+    constexpr int readings = 2000;
+    constexpr size_t bytes_in_all = 64 * 1024; // an area each would be many times that
+    parse("-no_servers one two");
+    const size_t before = mallinfo2().uordblks;
+    for (int i = 0; i < readings; ++i)
+        ASSERT_EQ(parse("-no_servers one two"), TBS_ST_OK);
+    EXPECT_LT(mallinfo2().uordblks, before + bytes_in_all);
 }
 
 TEST_F(HostOptions, TheFlagAndTwoWordsAreTakenApart) {
