@@ -40,6 +40,18 @@ bool is_from_this_host(const Caller &caller) {
     return is_loopback(peer) || same_host(peer, unmapped(caller.local));
 }
 
+Sender sender_of(const Caller &caller) {
+    const auto peer = unmapped(caller.peer);
+    Sender sender;
+    sender.host[0] = peer.base.sa_family;
+    if (peer.base.sa_family == AF_INET6)
+        memcpy(&sender.host[1], &peer.ipv6.sin6_addr, sizeof sender.host[1]);
+    else if (peer.base.sa_family == AF_INET)
+        sender.host[1] = peer.ipv4.sin_addr.s_addr;
+    sender.channel = peer.base.sa_family == AF_INET6 ? peer.ipv6.sin6_port : peer.ipv4.sin_port;
+    return sender;
+}
+
 std::string address_text(const ks_sockaddr_storage_t &address) {
     const auto plain = unmapped(address);
     std::array<char, INET6_ADDRSTRLEN> text = {};

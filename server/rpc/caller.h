@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include <server/loop/fair_queue.h>
 #include <server/rpc/call_header.h>
 #include <support/sysutl.h>
 #include <veliaxdr/rvzd_wire.h>
@@ -22,6 +23,10 @@ ks_sockaddr_storage_t unmapped(const ks_sockaddr_storage_t &address);
 
 // True when the call came from this host: over loopback, or from the address to which it went.
 bool is_from_this_host(const Caller &caller);
+
+// Whose the call is where shares are given: its address, of IPv6 the network of it, since a host has as many addresses
+// there as it likes; and its port.
+Sender sender_of(const Caller &caller);
 
 // The peer's address without its port.
 std::string address_text(const ks_sockaddr_storage_t &address);

@@ -36,6 +36,13 @@ bool Dispatcher::must_run_once(const CallHeader &header) const {
     return procedure != nullptr && procedure->runs_once;
 }
 
+MessageBytes Dispatcher::try_again(const CallHeader &header) const {
+    const ServedProcedure *procedure = find(header.procedure);
+    return procedure != nullptr && procedure->bare_reply != nullptr
+               ? procedure->bare_reply(header.xid, TBS_ST_TRY_AGAIN)
+               : encode_refusal(header.xid, SYSTEM_ERR);
+}
+
 void Dispatcher::dispatch(const CallHeader &header, const Caller &caller, const ReplySink &sink) const {
     switch (header.fault) {
     case CallFault::no_call:
@@ -66,7 +73,7 @@ void Dispatcher::run(const CallHeader &header, const Caller &caller, const Reply
     xdrmem_create(&arguments, reinterpret_cast<char *>(bytes), static_cast<u_int>(header.arguments.size()), XDR_DECODE);
     Caller known = caller;
     known.credentials = header.credentials;
-    const bool is_decoded = procedure->run(procedure->owner, arguments, {header.xid, known, sink});
+    const bool is_decoded = procedure->run(procedure->owner, arguments, {header.xid, known, sink, header.arguments});
     xdr_destroy(&arguments);
     if (!is_decoded)
         sink(encode_refusal(header.xid, GARBAGE_ARGS));
