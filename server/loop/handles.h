@@ -58,6 +58,22 @@ private:
     State *state_;
 };
 
+// Called in each round of the loop while it is on, which does not wait meanwhile.
+class RoundHandle {
+public:
+    RoundHandle(uv_loop_t *loop, std::function<void()> on_round);
+    ~RoundHandle();
+    RoundHandle(const RoundHandle &) = delete;
+    RoundHandle &operator=(const RoundHandle &) = delete;
+
+    void start();
+    void stop();
+
+private:
+    struct State;
+    State *state_;
+};
+
 class SignalHandle {
 public:
     SignalHandle(uv_loop_t *loop, int signal_number, std::function<void()> on_signal);
