@@ -1,11 +1,13 @@
 // rvzd_server, the rendezvous daemon: from the command line to the loop and out again.
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <fcntl.h>
 #include <iostream>
+#include <optional>
 #include <string>
 
 #include <arpa/inet.h>
@@ -14,6 +16,7 @@
 #include <server/daemon/background.h>
 #include <server/daemon/command_line.h>
 #include <server/daemon/daemon.h>
+#include <server/daemon/log.h>
 #include <server/messages.h>
 #include <server/registry/copy.h>
 #include <server/registry/service.h>
@@ -132,7 +135,7 @@ int set_registry_password() {
     return EXIT_SUCCESS;
 }
 
-int run(CommandLine &line) {
+int run(CommandLine &line, std::optional<Log> &log) {
     if (line.set_registry_password)
         return set_registry_password();
     if (line.copy_registry)
@@ -156,6 +159,7 @@ int run(CommandLine &line) {
     Background background;
     if (!line.foreground && !background.enter())
         return EXIT_FAILURE;
+    log.emplace();
     serve(line, std::move(*listeners), read.configuration, background);
     return EXIT_SUCCESS;
 }
@@ -168,10 +172,12 @@ int main(int argc, char **argv) {
     close_descriptors_on_exec();
     CommandLine line;
     int exit_status = EXIT_FAILURE;
+    std::optional<Log> log;   // until the last message
+    signal(SIGXFSZ, SIG_IGN); // what a file cannot hold is the trouble of whoever wanted it written
     try {
         if (!parse_command_line(argc, argv, line, exit_status))
             return exit_status;
-        exit_status = run(line);
+        exit_status = run(line, log);
     } catch (const std::exception &error) {
         imsg_print(IMSG_ERROR, "%s\n", IMSG_FORMAT, error.what());
     }

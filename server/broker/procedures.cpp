@@ -162,7 +162,7 @@ tbs_status_t BrokerProcedures::toggle_server_restart(const rvzd_toggle_server_re
     if (is_privileged(caller))
         reply.record.toggle.status = table_.toggle_restart(request.name, request.enable != 0, monotonic_ms());
     else
-        print(IMSG_WARNING, RVZD_MSG_NOT_PRIVILEGED);
+        print_of_stranger(IMSG_WARNING, RVZD_MSG_NOT_PRIVILEGED);
     on_change_();
     return TBS_ST_OK;
 }

@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstring>
 
+#include <server/daemon/background.h>
 #include <server/hosts/client_file.h>
 #include <server/messages.h>
 #include <support/tbs.h>
@@ -101,6 +102,7 @@ void Daemon::reload() {
     if (stop_requests_ > 0)
         return;
     manager_.send_reloading();
+    reopen_log();
     const auto result = read_configuration(config_file_, system_names());
     if (result.errors.empty()) {
         apply(result.configuration);

@@ -6,6 +6,9 @@
 #include <string>
 #include <utility>
 
+#include <server/loop/line_rate.h>
+#include <support/imsg.h>
+
 namespace velia::server {
 
 namespace {
@@ -29,6 +32,11 @@ void close_state(State *state) {
 }
 
 } // namespace
+
+void no_memory_for_event() {
+    if (may_tell_of_stranger())
+        imsg_print(IMSG_ERROR, "There is no memory for what has come.\n", IMSG_FORMAT);
+}
 
 struct PollHandle::State {
     uv_poll_t handle;

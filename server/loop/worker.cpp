@@ -3,9 +3,12 @@
 #include <server/loop/worker.h>
 
 #include <csignal>
+#include <new>
 #include <stdexcept>
 #include <sys/resource.h>
 #include <unistd.h>
+
+#include <server/loop/handles.h>
 
 namespace velia::server {
 
@@ -122,7 +125,11 @@ void Worker::finish() {
         ended.swap(ended_);
     }
     for (const Job &job : ended)
-        job.done();
+        try {
+            job.done();
+        } catch (const std::bad_alloc &) {
+            no_memory_for_event();
+        }
 }
 
 } // namespace velia::server

@@ -40,16 +40,19 @@ bool is_from_this_host(const Caller &caller) {
     return is_loopback(peer) || same_host(peer, unmapped(caller.local));
 }
 
+Sender::Host host_of(const ks_sockaddr_storage_t &address) {
+    const auto plain = unmapped(address);
+    Sender::Host host = {plain.base.sa_family, 0};
+    if (plain.base.sa_family == AF_INET6)
+        memcpy(&host[1], &plain.ipv6.sin6_addr, sizeof host[1]);
+    else if (plain.base.sa_family == AF_INET)
+        host[1] = plain.ipv4.sin_addr.s_addr;
+    return host;
+}
+
 Sender sender_of(const Caller &caller) {
-    const auto peer = unmapped(caller.peer);
-    Sender sender;
-    sender.host[0] = peer.base.sa_family;
-    if (peer.base.sa_family == AF_INET6)
-        memcpy(&sender.host[1], &peer.ipv6.sin6_addr, sizeof sender.host[1]);
-    else if (peer.base.sa_family == AF_INET)
-        sender.host[1] = peer.ipv4.sin_addr.s_addr;
-    sender.channel = peer.base.sa_family == AF_INET6 ? peer.ipv6.sin6_port : peer.ipv4.sin_port;
-    return sender;
+    const auto &peer = caller.peer;
+    return {host_of(peer), peer.base.sa_family == AF_INET6 ? peer.ipv6.sin6_port : peer.ipv4.sin_port};
 }
 
 std::string address_text(const ks_sockaddr_storage_t &address) {

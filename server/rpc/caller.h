@@ -27,6 +27,7 @@ bool is_from_this_host(const Caller &caller);
 // Whose the call is where shares are given: its address, of IPv6 the network of it, since a host has as many addresses
 // there as it likes; and its port.
 Sender sender_of(const Caller &caller);
+Sender::Host host_of(const ks_sockaddr_storage_t &address);
 
 // The peer's address without its port.
 std::string address_text(const ks_sockaddr_storage_t &address);

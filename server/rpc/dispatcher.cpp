@@ -1,6 +1,8 @@
 // Each way in which a call can be wrong has its own reply, in the order in which a caller can be told.
 #include <server/rpc/dispatcher.h>
 
+#include <new>
+
 namespace velia::server {
 
 namespace {
@@ -73,10 +75,13 @@ void Dispatcher::run(const CallHeader &header, const Caller &caller, const Reply
     xdrmem_create(&arguments, reinterpret_cast<char *>(bytes), static_cast<u_int>(header.arguments.size()), XDR_DECODE);
     Caller known = caller;
     known.credentials = header.credentials;
-    const bool is_decoded = procedure->run(procedure->owner, arguments, {header.xid, known, sink, header.arguments});
+    try {
+        if (!procedure->run(procedure->owner, arguments, {header.xid, known, sink, header.arguments}))
+            sink(encode_refusal(header.xid, GARBAGE_ARGS));
+    } catch (const std::bad_alloc &) { // the request's trouble, not the daemon's
+        sink(encode_refusal(header.xid, SYSTEM_ERR));
+    }
     xdr_destroy(&arguments);
-    if (!is_decoded)
-        sink(encode_refusal(header.xid, GARBAGE_ARGS));
 }
 
 } // namespace velia::server
