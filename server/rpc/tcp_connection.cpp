@@ -1,6 +1,7 @@
 // A peer that sends slowly, sends too much, or does not take its replies costs a bounded amount of memory and time.
 #include <server/rpc/tcp_connection.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <sys/socket.h>
@@ -154,6 +155,10 @@ TcpConnection::Use TcpConnection::use(int64_t now_ms) const {
     if (!has_completed_request_ || (!unsent_.empty() && now_ms - taken_ms_ > stuck_ms))
         return Use::none;
     return calls_in_progress_ != 0 || !unsent_.empty() ? Use::worked_for : Use::idle;
+}
+
+bool TcpConnection::is_useless(int64_t now_ms) const {
+    return use(now_ms) == Use::none && now_ms - std::max(progress_ms_, taken_ms_) > stuck_ms;
 }
 
 } // namespace velia::server

@@ -43,6 +43,8 @@ public:
     // of none, whatever it sends.
     enum class Use { none, idle, worked_for };
     Use use(int64_t now_ms) const;
+    // True when it has been of none for so long that nobody's patience is asked for: a newcomer is not at once.
+    bool is_useless(int64_t now_ms) const;
 
     // When it last completed a request or took a part of a reply.
     int64_t progress_ms() const { return progress_ms_; }

@@ -96,7 +96,7 @@ bool TcpEndpoint::make_room(const Sender::Host &newcomer) {
     const auto merit = [&](const TcpConnection &connection) {
         const auto use = connection.use(now_ms);
         const size_t others = connections_.size() - counts.at(connection.host());
-        return std::tuple(use != TcpConnection::Use::none, others, use, connection.progress_ms());
+        return std::tuple(!connection.is_useless(now_ms), others, use, connection.progress_ms());
     };
     const auto victim =
         std::min_element(connections_.begin(), connections_.end(), [&](const auto &left, const auto &right) {

@@ -254,6 +254,19 @@ TEST_F(Connections, NewcomerGetsAPlaceOfTheHostThatHasMostOfThem) {
     expect_closed(another);
 }
 
+// It has only just come, and those of the others have completed something already.
+TEST_F(Connections, OneThatHasJustComeIsNotDroppedForOneOfTheHostThatHasMost) {
+    serve(limits(4));
+    std::vector<UniqueFd> many;
+    for (int i = 0; i < 3; ++i)
+        many.push_back(served_peer());
+    const UniqueFd fresh = connect_peer_from(2);
+    EXPECT_TRUE(run_until([&, rounds = 0]() mutable { return ++rounds > 10; }));
+    many.push_back(served_peer());
+    expect_closed(many.front());
+    complete_request(fresh);
+}
+
 // What came in one piece is worked on in turns, and the others have theirs in between.
 TEST_F(Connections, ManyRequestsOfOneConnectionWaitForThoseOfOthers) {
     serve(limits());
