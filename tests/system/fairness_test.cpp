@@ -33,6 +33,7 @@ struct Fairness : testing::Test {
         site.configure(script_line(slow_program, "shared", "-", "sleep 600"));
         run(site, {"/bin/sh", "-c", "printf 'secret\\n' | '" RVZD_SERVER "' --set-registry-password"});
         fill_registry(site, RGY_DB_REGIONS, entries);
+        change_registry(site, "UPDATE entry SET region = CAST('east' AS BLOB)");
         daemon = std::make_unique<Daemon>(site);
         ASSERT_TRUE(daemon->is_ready()) << daemon->output();
     }
