@@ -306,7 +306,8 @@ void prepare(const bench::Site &site) {
     if (system(words.c_str()) != 0)
         exit(1);
     std::ofstream(site.root() + "/host/config/rvzd_server.conf", std::ios::app)
-        << "option connections 1200\nudp shared " << slow_program << " 1 - - - /bin/sh -c \"sleep 600\"\n";
+        << "access 127.0.0.0/8 read,register,write,administer\noption connections 1200\nudp shared " << slow_program
+        << " 1 - - - /bin/sh -c \"sleep 600\"\n";
     kill(site.pid(), SIGHUP);
 }
 

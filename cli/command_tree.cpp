@@ -16,7 +16,7 @@ Value value_of(const Option &option) {
         return {Value::Kind::words, {option.words.begin(), option.words.end()}};
     if (!option.beginnings.empty())
         return {Value::Kind::beginnings, {option.beginnings.begin(), option.beginnings.end()}};
-    if (strcmp(name, "HOST") == 0)
+    if (strcmp(name, "HOST") == 0 || strcmp(name, "OTHER_HOST") == 0)
         return {Value::Kind::hosts, {}};
     return {strcmp(name, "FILE") == 0 ? Value::Kind::files : Value::Kind::anything, {}};
 }

@@ -20,6 +20,10 @@ extern const Commands object_commands;
 extern const Commands host_commands;
 extern const Commands time_zone_commands;
 extern const Commands pool_map_commands;
+extern const Commands knob_commands;
+extern const Commands knob_update_commands;
+extern const Commands knob_transfer_commands;
+extern const Commands knob_monitor_commands;
 extern const Commands completion_commands;
 extern const Commands complete_words_commands;
 

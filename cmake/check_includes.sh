@@ -25,8 +25,8 @@ only() { # include pattern, why, the files that may
 }
 
 # The foundation stands below all and uses only the C library.
-foundation='common/(text_file|text_cursor)\.h'
-foundation_files='lib/common/text_file.h lib/common/text_file.cpp lib/common/text_cursor.h'
+foundation='common/(text_file|text_cursor|local_road)\.h'
+foundation_files='lib/common/text_file.h lib/common/text_file.cpp lib/common/text_cursor.h lib/common/local_road.h lib/common/local_road.cpp'
 standard_containers='string|vector|map|set|unordered_map|unordered_set|memory|functional|list|deque|optional|mutex|thread|iostream|sstream|fstream|exception|stdexcept'
 
 refuse support '(veliaxdr|rvzd|common|lib|server|cli)/' 'the support layer knows nothing above it but the foundation' "$foundation"

@@ -16,7 +16,9 @@ modules='
 3 registry_local rvzd/client/registry_clnt/local/
 4 broker         rvzd/client/rvzd_clnt/|rvzd/client/clnt_list
 5 registry       rvzd/client/registry_clnt/
+6 settings       rvzd/client/rvzd_knob/
 6 poolmap        rvzd/client/poolmap
+7 server_groups  rvzd/client/server_groups
 '
 
 symbols() { # lines of "object kind symbol", kind D for what an object defines for all, U for what it wants

@@ -6,6 +6,7 @@
 
 #include <server/broker/procedures.h>
 #include <server/loop/handles.h>
+#include <server/rights/gate.h>
 #include <server/rpc/record_assembler.h>
 
 using namespace velia::server;
@@ -102,8 +103,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     table.configure(services(), monotonic_ms());
     const uint32_t protocol = (circumstances & OLDER_PROTOCOL) != 0 ? RVZD_PROTOCOL_V70 : RVZD_PROTOCOL_CURRENT;
     BrokerProcedures procedures(table, [] {});
-    const Dispatcher dispatcher(RVZD_PROGRAM, RVZD_VERSION, procedures.rows(protocol));
     const Caller from = caller((circumstances & FROM_ELSEWHERE) != 0);
+    const Gate gate([&](int32_t, const Caller &) { return (circumstances & FROM_ELSEWHERE) == 0; });
+    const Dispatcher dispatcher(RVZD_PROGRAM, RVZD_VERSION, gate, procedures.rows(protocol));
     Calls calls;
     RecordAssembler assembler;
     Bytes stream(data + 1, size - 1);

@@ -17,12 +17,12 @@
 #include <server/daemon/command_line.h>
 #include <server/daemon/daemon.h>
 #include <server/daemon/log.h>
+#include <server/daemon/private_files.h>
 #include <server/messages.h>
 #include <server/registry/copy.h>
 #include <server/registry/service.h>
 #include <support/fileutl.h>
 #include <support/ks.h>
-#include <support/strutl.h>
 #include <veliaxdr/rgy_manage.h>
 #include <veliaxdr/rvzd_socket.h>
 
@@ -49,7 +49,10 @@ public:
 private:
     bool is_written() const {
         const std::string new_name = name_ + ".new";
-        if (strutl_write((std::to_string(getpid()) + "\n").c_str(), new_name.c_str(), 0, 0) == 0 &&
+        const std::string text = std::to_string(getpid()) + "\n";
+        unlink(new_name.c_str()); // whatever was left there, or laid there for us to follow
+        UniqueFd fd(open(new_name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, private_mode));
+        if (fd && write(fd.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
             fileutl_rename(new_name.c_str(), name_.c_str()) == 0)
             return true;
         const int error_number = errno;
@@ -89,7 +92,8 @@ uint16_t port_of(const CommandLine &line) {
     return ntohs(port);
 }
 
-void serve(const CommandLine &line, Listeners listeners, const Configuration &configuration, Background &background) {
+void serve(const CommandLine &line, Listeners listeners, const Configuration &configuration, Background &background,
+           Log &log) {
     const ServiceManager manager;
     const PidFile pid_file(line.pid_file);
     print_listeners(listeners);
@@ -99,6 +103,7 @@ void serve(const CommandLine &line, Listeners listeners, const Configuration &co
         Loop loop;
         Daemon daemon(loop.get(), std::move(listeners), line.config_file, configuration, manager);
         print(IMSG_PLAIN, MSG_UP_AND_RUNNING);
+        log.flush(); // whoever waits for us finds it said
         background.came_up();
         send_ready_fd(line.ready_fd);
         manager.send_ready();
@@ -120,6 +125,7 @@ void make_absolute(std::string &path) {
 
 // The running daemon looks at the database for each question, so the new password counts at once.
 int set_registry_password() {
+    umask(private_umask);
     std::array<char, RGY_PASSWORD_SIZE> password = {};
     static_assert(int{IMSG_PASSWORD_SIZE} <= int{RGY_PASSWORD_SIZE});
     if (isatty(STDIN_FILENO) != 0) {
@@ -138,8 +144,10 @@ int set_registry_password() {
 int run(CommandLine &line, std::optional<Log> &log) {
     if (line.set_registry_password)
         return set_registry_password();
-    if (line.copy_registry)
+    if (line.copy_registry) {
+        umask(private_umask);
         return run_copy();
+    }
     make_absolute(line.config_file);
     make_absolute(line.pid_file);
     const auto read = read_configuration(line.config_file, system_names());
@@ -147,9 +155,14 @@ int run(CommandLine &line, std::optional<Log> &log) {
         print_configuration_errors(line.config_file, read.errors);
         return EXIT_FAILURE;
     }
+    umask(private_umask);
+    auto place = LocalPlace::take();
+    if (!place || !secure_private_files())
+        return EXIT_FAILURE;
     auto listeners = open_listeners(line.listen, port_of(line));
     if (!listeners)
         return EXIT_FAILURE;
+    listeners->local = place->listen(listeners->addresses);
     if (!line.foreground && line.log_file.empty())
         line.log_file = default_log_file;
     if (line.log_file.find('/') != std::string::npos)
@@ -160,7 +173,7 @@ int run(CommandLine &line, std::optional<Log> &log) {
     if (!line.foreground && !background.enter())
         return EXIT_FAILURE;
     log.emplace();
-    serve(line, std::move(*listeners), read.configuration, background);
+    serve(line, std::move(*listeners), read.configuration, background, *log);
     return EXIT_SUCCESS;
 }
 

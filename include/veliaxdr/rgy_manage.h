@@ -18,7 +18,8 @@
  * What makes an entry of a database the entry that it is: the registry refuses a second one that is the same in these
  * items (TBS_ST_ALREADY_EXISTS). So a tag of another region is another entry. An entry without the first of them is
  * taken, too, and is the same as no other. What else an entry holds is its writer's affair; named are the items that
- * this library and its tools write or read.
+ * this library and its tools write or read. In site_config the refusal is TBS_ST_STALE_ID, so that writers of settings
+ * look again, and of entries without a name, but with default_viewsize, there is one, too.
  *
  *   database      same in           holds besides
  *   view_object   view_uuid         hostname local_path global_path region owner attributes

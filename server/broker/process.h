@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -86,6 +87,7 @@ struct SchedInfo {
 struct Process {
     int32_t pid = 0;
     std::shared_ptr<ServiceState> service; // null: it started by itself
+    std::optional<uid_t> user;             // whose it is, if it did
     ProcessState state = ProcessState::starting;
     Moment since = 0; // in this state
     Moment started = 0;

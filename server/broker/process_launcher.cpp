@@ -2,10 +2,14 @@
 // them from its last argument: "-S3:4,udp:5,tcp". Every other descriptor of the daemon is closed by exec.
 #include <server/broker/process_launcher.h>
 
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <server/broker/service_process.h>
 #include <server/messages.h>
 #include <server/rpc/sockets.h>
 #include <veliaxdr/rvzd_socket.h>
@@ -17,61 +21,109 @@ namespace {
 constexpr int lifeline_fd = 3;
 constexpr int first_socket_fd = 4;
 
+constexpr size_t output_piece_bytes = 16384;
+constexpr int last_pieces_max = 16;
+
 void set_blocking(int fd) {
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
 }
 
-uv_stdio_container_t inherited(int fd) {
-    uv_stdio_container_t container = {};
-    container.flags = UV_INHERIT_FD;
-    container.data.fd = fd;
-    return container;
+void set_non_blocking(int fd) {
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
 }
 
-// The daemon's own output is the servers', too.
-std::vector<uv_stdio_container_t> descriptors_of(const UniqueFd &lifeline, const std::vector<UniqueFd> &sockets) {
-    std::vector<uv_stdio_container_t> descriptors(1);
-    descriptors[0].flags = UV_IGNORE;
-    descriptors.push_back(inherited(STDOUT_FILENO));
-    descriptors.push_back(inherited(STDERR_FILENO));
-    descriptors.push_back(inherited(lifeline.get()));
-    for (const auto &socket : sockets)
-        descriptors.push_back(inherited(socket.get()));
-    return descriptors;
+const char *words_of(int error_number) {
+    return uv_strerror(uv_translate_sys_error(error_number));
 }
 
-LaunchResult failed_start(const Service &service, int uv_code) {
-    switch (uv_code) {
-    case UV_E2BIG:
+LaunchResult failed_start(const Service &service, int error_number) {
+    switch (error_number) {
+    case E2BIG:
         return {0, MSG_COMMAND_TOO_LONG, service.path};
-    case UV_EAGAIN:
-    case UV_ENOMEM:
-        return {0, MSG_FORK_FAILED, uv_strerror(uv_code)};
+    case EAGAIN:
+    case ENOMEM:
+    case EMFILE:
+        return {0, MSG_FORK_FAILED, words_of(error_number)};
     default:
-        return {0, MSG_COMMAND_FAILED, service.path + ": " + uv_strerror(uv_code)};
+        return {0, MSG_COMMAND_FAILED, service.path + ": " + words_of(error_number)};
     }
 }
 
-void set_account(uv_process_options_t &options, const Service &service) {
-    if (service.group && *service.group != getegid()) {
-        options.flags |= UV_PROCESS_SETGID;
-        options.gid = *service.group;
+struct Pipe {
+    UniqueFd reader;
+    UniqueFd writer;
+
+    bool open(int flags) {
+        int ends[2];
+        if (pipe2(ends, flags) != 0)
+            return false;
+        reader.reset(ends[0]);
+        writer.reset(ends[1]);
+        return true;
     }
-    if (service.user && *service.user != geteuid()) {
-        options.flags |= UV_PROCESS_SETUID;
-        options.uid = *service.user;
-    }
-}
+};
 
 } // namespace
 
-struct ProcessLauncher::Child {
-    uv_process_t process = {};
-    ProcessLauncher *launcher;
+// What a server writes to its standard output and error: it has a pipe of its own there, and nothing of the log's.
+class ProcessLauncher::Output {
+public:
+    Output(uv_loop_t *loop, UniqueFd fd, std::function<void()> on_end)
+        : fd_(std::move(fd)), on_end_(std::move(on_end)), poll_(loop, fd_.get(), event_target<&Output::copy>(*this)) {
+        poll_.watch(UV_READABLE);
+    }
+
+    // With what has come until now.
+    ~Output() {
+        for (int i = 0; i < last_pieces_max && copy_some() == Copied::some; ++i) {
+        }
+    }
+    Output(const Output &) = delete;
+    Output &operator=(const Output &) = delete;
+
+private:
+    enum class Copied { some, nothing, all };
+
+    // A log that cannot be written is no fault of the server's.
+    Copied copy_some() const {
+        std::array<char, output_piece_bytes> piece;
+        const ssize_t count = read(fd_.get(), piece.data(), piece.size());
+        if (count < 0 && (errno == EAGAIN || errno == EINTR))
+            return Copied::nothing;
+        if (count <= 0)
+            return Copied::all;
+        [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, piece.data(), static_cast<size_t>(count));
+        return Copied::some;
+    }
+    void copy() {
+        if (copy_some() != Copied::all)
+            return;
+        poll_.watch(0);
+        std::exchange(on_end_, nullptr)(); // is the end of this object
+    }
+
+    UniqueFd fd_;
+    std::function<void()> on_end_;
+    PollHandle poll_;
 };
 
 ProcessLauncher::ProcessLauncher(uv_loop_t *loop, std::vector<ks_sockaddr_storage_t> addresses, OnExit on_exit)
-    : loop_(loop), addresses_(std::move(addresses)), on_exit_(std::move(on_exit)) {}
+    : loop_(loop), addresses_(std::move(addresses)), on_exit_(std::move(on_exit)),
+      end_signal_(loop, SIGCHLD, [this] { take_ends(); }) {}
+
+ProcessLauncher::~ProcessLauncher() = default;
+
+void ProcessLauncher::take_ends() {
+    std::vector<std::pair<int32_t, int>> ended;
+    for (const auto &[pid, lifeline] : children_)
+        if (int status = 0; waitpid(pid, &status, WNOHANG) == pid)
+            ended.emplace_back(pid, status);
+    for (const auto &[pid, status] : ended) {
+        children_.erase(pid);
+        const bool is_exit = WIFEXITED(status);
+        on_exit_(pid, {is_exit ? WEXITSTATUS(status) : 0, is_exit ? 0 : WTERMSIG(status)});
+    }
+}
 
 bool ProcessLauncher::open_sockets(const Service &service, std::vector<UniqueFd> &sockets, std::string &start_switch,
                                    LaunchResult &failure) const {
@@ -104,51 +156,41 @@ LaunchResult ProcessLauncher::launch(const Service &service) {
     LaunchResult failure;
     if (!open_sockets(service, sockets, start_switch, failure))
         return failure;
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0)
-        return {0, MSG_FORK_FAILED, imsg_strerror(errno)};
-    return spawn(service, sockets, UniqueFd(ends[0]), UniqueFd(ends[1]), std::move(start_switch));
+    return spawn(service, sockets, std::move(start_switch));
 }
 
 LaunchResult ProcessLauncher::spawn(const Service &service, const std::vector<UniqueFd> &sockets,
-                                    UniqueFd lifeline_of_server, UniqueFd lifeline_of_ours, std::string start_switch) {
-    auto descriptors = descriptors_of(lifeline_of_server, sockets);
+                                    std::string start_switch) {
+    const auto account = account_of(service);
+    if (!account)
+        return {0, MSG_COMMAND_FAILED,
+                service.path + ": no group is known of user " + std::to_string(service.user.value_or(0))};
+    Pipe lifeline;
+    Pipe output;
+    const UniqueFd null(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    if (!null || !lifeline.open(O_CLOEXEC) || !output.open(O_CLOEXEC))
+        return {0, MSG_FORK_FAILED, imsg_strerror(errno)};
+    set_non_blocking(output.reader.get());
+    std::vector<int> descriptors = {null.get(), output.writer.get(), output.writer.get(), lifeline.reader.get()};
+    for (const auto &socket : sockets)
+        descriptors.push_back(socket.get());
     auto words = service.arguments;
     words.insert(words.begin(), service.path);
     words.push_back(std::move(start_switch));
-    std::vector<char *> arguments;
-    arguments.reserve(words.size() + 1);
-    for (auto &word : words)
-        arguments.push_back(word.data());
-    arguments.push_back(nullptr);
-
-    uv_process_options_t options = {};
-    options.file = service.path.c_str();
-    options.args = arguments.data();
-    options.stdio = descriptors.data();
-    options.stdio_count = static_cast<int>(descriptors.size());
-    set_account(options, service);
-    options.exit_cb = [](uv_process_t *process, int64_t code, int signal_number) {
-        const auto *child = static_cast<Child *>(process->data);
-        child->launcher->lifelines_.erase(process->pid);
-        child->launcher->on_exit_(process->pid, {code, signal_number});
-        uv_close(reinterpret_cast<uv_handle_t *>(process),
-                 [](uv_handle_t *handle) { delete static_cast<Child *>(handle->data); });
-    };
-    auto *child = new Child{{}, this};
-    child->process.data = child;
-    const int code = uv_spawn(loop_, &child->process, &options);
-    if (code != 0) {
-        uv_close(reinterpret_cast<uv_handle_t *>(&child->process),
-                 [](uv_handle_t *handle) { delete static_cast<Child *>(handle->data); });
-        return failed_start(service, code);
-    }
-    lifelines_[child->process.pid] = std::move(lifeline_of_ours);
-    return {child->process.pid, 0, {}};
+    int error_number = 0;
+    const pid_t pid = start_process({words, environment_of(*account), *account, descriptors}, &error_number);
+    if (pid < 0)
+        return failed_start(service, error_number);
+    children_[pid] = std::move(lifeline.writer);
+    const uint64_t number = ++outputs_so_far_;
+    outputs_[number] =
+        std::make_unique<Output>(loop_, std::move(output.reader), [this, number] { outputs_.erase(number); });
+    return {pid, 0, {}};
 }
 
 void ProcessLauncher::cut_lifeline(int32_t pid) {
-    lifelines_.erase(pid);
+    if (const auto child = children_.find(pid); child != children_.end())
+        child->second.reset();
 }
 
 int ProcessLauncher::kill_now(int32_t pid) {

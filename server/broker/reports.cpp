@@ -50,7 +50,7 @@ Process *ServerTable::find_process(int32_t pid) {
 }
 
 // A server of ours may only be what it was started as. One that started by itself may be what it likes, but the daemon
-// itself, and it has to exist.
+// itself and what the configuration gives to another user, and it has to exist.
 bool ServerTable::is_welcome(const RegisterRequest &request, const Process *process) {
     const bool is_sound = request.pid > 1 && has_usable_ports(request.ports) &&
                           (request.trait.proto == RVZD_PROTOCOL_UDP || request.trait.proto == RVZD_PROTOCOL_TCP) &&
@@ -62,11 +62,26 @@ bool ServerTable::is_welcome(const RegisterRequest &request, const Process *proc
         return false;
     if (process != nullptr && process->service != nullptr)
         return process->service->service.serves(request.trait.prog, request.trait.vers, request.trait.proto);
+    if (!may_serve(request.trait, request.user))
+        return false;
     return process != nullptr || (processes_.size() < PROCESSES_MAX && launcher_.exists(request.pid));
+}
+
+bool ServerTable::is_child(int32_t pid) const {
+    const auto found = processes_.find(pid);
+    return found != processes_.end() && found->second.service != nullptr;
+}
+
+// A process of another user has the number of one that is gone.
+void ServerTable::forget_former(const RegisterRequest &request) {
+    const Process *process = find_process(request.pid);
+    if (process != nullptr && process->service == nullptr && process->user != request.user)
+        processes_.erase(request.pid);
 }
 
 tbs_status_t ServerTable::register_server(const RegisterRequest &request, Moment now) {
     const Step step(*this);
+    forget_former(request);
     Process *process = find_process(request.pid);
     if (!is_welcome(request, process)) {
         print_invalid(request);
@@ -75,6 +90,7 @@ tbs_status_t ServerTable::register_server(const RegisterRequest &request, Moment
     if (process == nullptr) {
         process = &processes_[request.pid];
         process->pid = request.pid;
+        process->user = request.user;
         process->started = now;
         process->uuid = request.uuid;
         process->path = request.path;

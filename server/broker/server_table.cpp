@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <unistd.h>
 
 #include <common/require.h>
 #include <server/messages.h>
@@ -86,25 +87,42 @@ size_t ServerTable::waiter_count_of(const Sender::Host &host) const {
     return static_cast<size_t>(count);
 }
 
+// A program of the configuration is served by what the daemon starts, and by the user as whom it would.
+bool ServerTable::may_serve(const rvzd_rpc_trait_t &trait, std::optional<uid_t> user) const {
+    const auto service = service_of(trait);
+    return service == nullptr || user == service->service.user.value_or(geteuid());
+}
+
+// Of several the administrator's goes first, then the one that has been registered longest: nobody takes clients from
+// another by registering after him.
 Process *ServerTable::self_started_for(const FindRequest &request) {
+    const auto order = [](const Process &process, const Registration &registration) {
+        const bool is_administrators = process.user == uid_t{0} || process.user == geteuid();
+        return std::pair(!is_administrators, registration.cookie);
+    };
     Match nearest = Match::none;
     const Process *nearest_process = nullptr;
+    Process *best = nullptr;
+    const Registration *best_registration = nullptr;
     for (auto &[pid, process] : processes_) {
         const Registration *registration =
             process.service == nullptr ? process.registration_of(request.trait) : nullptr;
-        if (registration == nullptr)
+        if (registration == nullptr || !may_serve(request.trait, process.user))
             continue;
         const Match match = match_of(process, *registration, request);
-        if (match == Match::full)
-            return &process;
-        if (match != Match::none) {
+        if (match != Match::none && match != Match::full) {
             nearest = match;
             nearest_process = &process;
         }
+        if (match == Match::full &&
+            (best == nullptr || order(process, *registration) < order(*best, *best_registration))) {
+            best = &process;
+            best_registration = registration;
+        }
     }
-    if (nearest_process != nullptr && service_of(request.trait) == nullptr)
+    if (best == nullptr && nearest_process != nullptr && service_of(request.trait) == nullptr)
         print_mismatch(nearest, *nearest_process, request);
-    return nullptr;
+    return best;
 }
 
 // The process of the service that should answer, or null where a new one has to be started for it.

@@ -34,6 +34,8 @@ public:
         std::string path;
         rvzd_server_port_list_t ports = {};
         int32_t pid = 0;
+        std::optional<uid_t> user =
+            {}; // whose process it is; none: one that the daemon started, from where it cannot be told
     };
     tbs_status_t register_server(const RegisterRequest &request, Moment now);
 
@@ -61,6 +63,9 @@ public:
     void kill_remaining();
     bool has_children() const;
 
+    // Whether the daemon started it, and it has not ended.
+    bool is_child(int32_t pid) const;
+
     const std::map<int32_t, Process> &processes() const { return processes_; }
 
 private:
@@ -84,6 +89,7 @@ private:
     // Look-up, in server_table.cpp.
     ServicePointer service_of(const rvzd_rpc_trait_t &trait) const;
     Process *self_started_for(const FindRequest &request);
+    bool may_serve(const rvzd_rpc_trait_t &trait, std::optional<uid_t> user) const;
     Process *process_for(const ServicePointer &service, const FindRequest &request);
     void find_in_service(const ServicePointer &service, const FindRequest &request, Moment now, const FindDone &done);
     void serve(Process &process, const FindRequest &request, Moment now, const FindDone &done);
@@ -95,6 +101,7 @@ private:
 
     // Reports, in reports.cpp.
     Process *find_process(int32_t pid);
+    void forget_former(const RegisterRequest &request);
     bool is_welcome(const RegisterRequest &request, const Process *process);
     void answer_waiters(Process &process, const Registration &registration, Moment now);
 

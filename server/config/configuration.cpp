@@ -113,6 +113,8 @@ public:
             return;
         if (words.words.front() == "option")
             option(words.words);
+        else if (words.words.front() == "access")
+            access(words.words);
         else
             service(words.words);
     }
@@ -127,6 +129,19 @@ private:
             return fail(MSG_CONFIG_FAILURE, "An option is written: option NAME VALUE");
         if (!set_number(option_keys, words[1], words[2], result_.configuration.options))
             fail(MSG_CONFIG_FAILURE, "Unknown option or value out of range: " + words[1] + " " + words[2]);
+    }
+
+    void access(const std::vector<std::string> &words) {
+        auto &lines = result_.configuration.access;
+        if (words.size() != 3)
+            return fail(MSG_CONFIG_FAILURE, "Access is written: access ADDRESS[/BITS] RIGHT[,RIGHT...]");
+        if (lines.size() == CONFIG_ACCESS_LINES_MAX)
+            return fail(MSG_CONFIG_FAILURE, "Too many access lines");
+        const char *fault = nullptr;
+        const auto line = access_line(words[1], words[2], fault);
+        if (!line)
+            return fail(MSG_CONFIG_FAILURE, std::string(fault) + ": " + words[1] + " " + words[2]);
+        lines.push_back(*line);
     }
 
     void service(const std::vector<std::string> &words) {

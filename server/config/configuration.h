@@ -16,6 +16,7 @@ enum {
     CONFIG_ARGUMENTS_MAX = 32,
     CONFIG_FILE_BYTES_MAX = 1 << 20,
     CONFIG_ERRORS_MAX = 100,
+    CONFIG_ACCESS_LINES_MAX = 1000,
 };
 
 struct ConfigurationError {

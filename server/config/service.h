@@ -7,6 +7,7 @@
 #include <sys/types.h>
 #include <vector>
 
+#include <server/config/access.h>
 #include <veliaxdr/rvzd_wire.h>
 
 namespace velia::server {
@@ -57,6 +58,7 @@ struct Options {
 
 struct Configuration {
     std::vector<Service> services;
+    std::vector<AccessLine> access; // in the order of the file: the first that names a host decides
     Options options;
 };
 

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <server/daemon/private_files.h>
 #include <server/messages.h>
 #include <support/tbs.h>
 
@@ -15,7 +16,6 @@ namespace velia::server {
 namespace {
 
 constexpr int first_own_fd = 3;
-constexpr mode_t log_mode = 0640;
 constexpr int descriptors_looked_at = 1024;
 
 std::string redirected_log; // where messages go, if not to the terminal
@@ -77,7 +77,7 @@ bool Background::enter() {
 bool redirect_to_log(const std::string &name) {
     redirected_log = log_path(name);
     const char *path = redirected_log.c_str();
-    const UniqueFd fd(open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, log_mode));
+    const UniqueFd fd(open_private_log(path));
     const int error_number = !fd ? errno : imsg_init_daemon(path);
     if (error_number != 0) {
         imsg_print_shared(IMSG_ERROR, "xdr/rvzd", &_tbs_cmsg_tbs_msg_table, TBS_MSG_CANNOT_OPEN, path,

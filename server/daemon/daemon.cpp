@@ -10,6 +10,7 @@
 #include <server/daemon/background.h>
 #include <server/hosts/client_file.h>
 #include <server/messages.h>
+#include <server/rights/socket_owner.h>
 #include <support/tbs.h>
 
 namespace velia::server {
@@ -18,7 +19,8 @@ namespace {
 
 constexpr uint64_t stop_grace_ms = 5000; // for servers to end by their lifelines; then they are killed
 constexpr uint64_t kill_grace_ms = 2000;
-constexpr uint64_t save_delay_ms = 1000; // clients that come together are written together
+constexpr uint64_t save_delay_ms = 1000;        // clients that come together are written together
+constexpr uint64_t save_delay_of_client_ms = 5; // and a long list, which is written as a whole, more seldom
 constexpr uint64_t role_delay_ms = 100;
 constexpr const char *client_file_name = "clients";
 constexpr const char *role_file_name = "rgy_svr.conf";
@@ -46,15 +48,20 @@ Daemon::Daemon(uv_loop_t *loop, Listeners listeners, std::string config_file, co
                 [this](int32_t pid, const ServerTable::ExitStatus &status) { process_exited(pid, status); }),
       table_(launcher_), registry_(loop), client_file_(private_file(client_file_name)),
       broker_procedures_(table_, [this] { schedule(); }), host_procedures_(clients_, [this] { save_clients_soon(); }),
-      registry_procedures_(registry_), dispatcher_(RVZD_PROGRAM, RVZD_VERSION, {}),
-      due_timer_(loop, [this] { run_due(); }), stop_timer_(loop, [this] { stop(); }),
-      save_timer_(loop, [this] { save_clients(); }), role_timer_(loop, [this] { registry_.take_role(); }) {
+      registry_procedures_(registry_),
+      gate_([this](int32_t pid, const Caller &caller) { return table_.is_child(pid) && owns_socket(pid, caller); }),
+      dispatcher_(RVZD_PROGRAM, RVZD_VERSION, gate_, {}), due_timer_(loop, [this] { run_due(); }),
+      stop_timer_(loop, [this] { stop(); }), save_timer_(loop, [this] { save_clients(); }),
+      role_timer_(loop, [this] { registry_.take_role(); }) {
     read_client_file(client_file_, clients_);
     for (auto &fd : listeners.udp)
-        udp_endpoints_.push_back(std::make_unique<UdpEndpoint>(loop, std::move(fd), dispatcher_));
+        udp_endpoints_.push_back(std::make_unique<UdpEndpoint>(loop, std::move(fd), dispatcher_, reply_rate_));
     for (auto &fd : listeners.tcp)
         tcp_endpoints_.push_back(
             std::make_unique<TcpEndpoint>(loop, std::move(fd), dispatcher_, limits_of(configuration.options)));
+    for (auto &local : listeners.local)
+        tcp_endpoints_.push_back(
+            std::make_unique<TcpEndpoint>(loop, std::move(local), dispatcher_, limits_of(configuration.options)));
     signals_.push_back(std::make_unique<SignalHandle>(loop, SIGHUP, [this] { reload(); }));
     for (const int signal_number : {SIGTERM, SIGINT})
         signals_.push_back(std::make_unique<SignalHandle>(loop, signal_number, [this] { stop(); }));
@@ -74,6 +81,7 @@ void Daemon::watch_role() {
 }
 
 void Daemon::apply(const Configuration &configuration) {
+    gate_.set_access(configuration.access);
     registry_.set_copy_interval(configuration.options.registry_copy_s);
     const uint32_t protocol = configuration.options.protocol;
     auto procedures = broker_procedures_.rows(protocol);
@@ -89,7 +97,7 @@ void Daemon::apply(const Configuration &configuration) {
 // At the first change, and not put off by those that follow.
 void Daemon::save_clients_soon() {
     if (!is_save_due_)
-        save_timer_.start(save_delay_ms);
+        save_timer_.start(save_delay_ms + clients_.clients().size() * save_delay_of_client_ms);
     is_save_due_ = true;
 }
 

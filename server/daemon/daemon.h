@@ -15,6 +15,7 @@
 #include <server/hosts/procedures.h>
 #include <server/registry/procedures.h>
 #include <server/registry/service.h>
+#include <server/rights/gate.h>
 #include <server/rpc/tcp_endpoint.h>
 #include <server/rpc/udp_endpoint.h>
 
@@ -51,7 +52,9 @@ private:
     BrokerProcedures broker_procedures_;
     HostProcedures host_procedures_;
     RegistryProcedures registry_procedures_;
+    Gate gate_;
     Dispatcher dispatcher_;
+    ReplyRate reply_rate_;
     std::vector<std::unique_ptr<UdpEndpoint>> udp_endpoints_;
     std::vector<std::unique_ptr<TcpEndpoint>> tcp_endpoints_;
     TimerHandle due_timer_;

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include <server/rpc/local_sockets.h>
 #include <server/rpc/sockets.h>
 
 namespace velia::server {
@@ -12,6 +13,7 @@ namespace velia::server {
 struct Listeners {
     std::vector<UniqueFd> udp;
     std::vector<UniqueFd> tcp;
+    std::vector<LocalSocket> local;                      // of callers of this host
     std::vector<ks_sockaddr_storage_t> addresses;        // of the daemon, with its port
     std::vector<ks_sockaddr_storage_t> server_addresses; // for the sockets of servers, one of each family, any port
 };

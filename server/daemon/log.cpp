@@ -49,6 +49,7 @@ struct Log::State {
     std::deque<Message> waiting;
     size_t waiting_bytes = 0;
     uint64_t lost = 0; // messages, since that was last told
+    bool is_writing = false;
     bool is_over = false;
     bool is_ended = false;
 
@@ -72,6 +73,7 @@ struct Log::State {
         is_changed.wait(held, [this] { return is_over || !waiting.empty(); });
         if (waiting.empty())
             return false;
+        is_writing = true;
         message = std::move(waiting.front());
         waiting.pop_front();
         waiting_bytes -= message.text.size();
@@ -82,11 +84,13 @@ struct Log::State {
         uint64_t told = 0;
         {
             const std::lock_guard held(lock);
+            is_writing = false;
             if (!is_written)
                 ++lost;
             else if (waiting.empty())
                 told = std::exchange(lost, 0);
         }
+        is_changed.notify_all();
         if (told != 0)
             imsg_print(IMSG_WARNING, "%llu messages could not be written.\n", IMSG_FORMAT,
                        static_cast<unsigned long long>(told));
@@ -114,6 +118,11 @@ Log::Log() : state_(std::make_shared<State>()) {
 uint64_t Log::lost() const {
     const std::lock_guard held(state_->lock);
     return state_->lost;
+}
+
+void Log::flush() {
+    std::unique_lock held(state_->lock);
+    state_->is_changed.wait_for(held, last_wait, [this] { return state_->waiting.empty() && !state_->is_writing; });
 }
 
 Log::~Log() {

@@ -19,6 +19,9 @@ public:
     Log(const Log &) = delete;
     Log &operator=(const Log &) = delete;
 
+    // Until what was said so far is written, for a second at most.
+    void flush();
+
     // Messages that were not written, and of which that is still to be told.
     uint64_t lost() const;
 

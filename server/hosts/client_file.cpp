@@ -198,6 +198,7 @@ bool write_client_file(const std::string &file_name, ClientList &list) {
     std::vector<clnt_entry_t> entries;
     for (const ListedHost &client : list.clients())
         entries.push_back(client.lend(true));
+    unlink(new_name.c_str()); // never written through what may be laid there
     if (clnt_list_write_file(new_name.c_str(), static_cast<uint32_t>(entries.size()), entries.data()) != TBS_ST_OK) {
         unlink(new_name.c_str()); // is short, and the disk may be full
         return false;             // told by the writer

@@ -2,7 +2,10 @@
 
 #include <algorithm>
 #include <array>
+#include <netinet/in.h>
 #include <strings.h>
+
+#include <server/rpc/reply_rate.h>
 
 namespace velia::server {
 
@@ -25,6 +28,27 @@ std::string storable(const char *text, bool may_hold_semicolons) {
     return taken;
 }
 
+bool is_loopback(const ks_sockaddr_storage_t &address) {
+    return address.base.sa_family == AF_INET &&
+           ntohl(address.ipv4.sin_addr.s_addr) >> IN_CLASSA_NSHIFT == IN_LOOPBACKNET;
+}
+
+// Loopback is one network, however long.
+AddressBytes network_of(const ks_sockaddr_storage_t &address) {
+    constexpr uint32_t loopback_bits = 8;
+    return velia::server::network_of(address, is_loopback(address) ? loopback_bits : uint32_t{CLIENT_NETWORK_BITS_IPV4},
+                                     CLIENT_NETWORK_BITS_IPV6);
+}
+
+size_t share_of(const ks_sockaddr_storage_t &address) {
+    return is_loopback(address) ? CLIENTS_OF_LOOPBACK_MAX : CLIENTS_OF_NETWORK_MAX;
+}
+
+bool is_worth_writing(const ListedHost &listed, const ListedHost &now) {
+    return now.registry_time - listed.written_time >= CLIENT_TIME_KEPT_S || now.registry_time < listed.written_time ||
+           !std::equal(std::begin(now.texts), std::end(now.texts), std::begin(listed.texts));
+}
+
 } // namespace
 
 clnt_entry_t ListedHost::lend(bool empty_as_null) const {
@@ -45,18 +69,25 @@ void take_texts(const clnt_hostinfo_t &info, ListedHost &client) {
 bool ClientList::enter(ListedHost client) {
     const auto known = by_address_.find(numeric_address(client.address));
     if (known == by_address_.end()) {
-        const bool has_room = restore(std::move(client));
+        const auto of_network = of_network_.find(network_of(client.address));
+        const bool has_share = of_network == of_network_.end() || of_network->second < share_of(client.address);
+        const bool has_room = has_share && restore(std::move(client));
         has_changed_ = has_changed_ || has_room;
         return has_room;
     }
-    clients_[known->second] = std::move(client);
-    has_changed_ = true;
+    ListedHost &listed = clients_[known->second];
+    const bool is_worth = is_worth_writing(listed, client);
+    client.written_time = is_worth ? client.registry_time : listed.written_time;
+    has_changed_ = has_changed_ || is_worth;
+    listed = std::move(client);
     return true;
 }
 
 bool ClientList::restore(ListedHost client) {
     if (clients_.size() >= CLIENTS_MAX || !by_address_.emplace(numeric_address(client.address), clients_.size()).second)
         return false;
+    ++of_network_[network_of(client.address)];
+    client.written_time = client.registry_time;
     clients_.push_back(std::move(client));
     return true;
 }

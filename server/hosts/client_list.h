@@ -8,12 +8,21 @@
 #include <string>
 #include <vector>
 
+#include <server/config/access.h>
 #include <support/sysutl.h>
 #include <veliaxdr/rvzd_wire.h>
 
 namespace velia::server {
 
-enum { CLIENTS_MAX = 20000 }; // addresses can be made up; hosts of a site are not so many
+// Addresses can be made up; hosts of a site are not so many, and no network of them has them all.
+enum {
+    CLIENTS_MAX = 20000,
+    CLIENTS_OF_NETWORK_MAX = 4096,
+    CLIENTS_OF_LOOPBACK_MAX = 16, // any local user has all addresses of it
+    CLIENT_NETWORK_BITS_IPV4 = 16,
+    CLIENT_NETWORK_BITS_IPV6 = 48,
+    CLIENT_TIME_KEPT_S = 600, // a later contact alone is no change worth writing
+};
 
 // What a host says of itself, in the order of clnt_hostinfo_t.
 enum ClientText : size_t {
@@ -34,6 +43,7 @@ struct ListedHost {
     ks_sockaddr_storage_t address = {}; // without its port; plain IPv4 where it is that
     std::string texts[CLIENT_TEXT_COUNT];
     time_t registry_time = 0; // of the last registry contact
+    time_t written_time = 0;  // the one that the file has, or is to get
 
     // A record whose texts are this client's own. Where `empty_as_null` is set, those that are empty are null.
     clnt_entry_t lend(bool empty_as_null) const;
@@ -44,10 +54,10 @@ void take_texts(const clnt_hostinfo_t &info, ListedHost &client);
 
 class ClientList {
 public:
-    // Enters the client, or takes over what it says now. False when the list is full.
+    // Enters the client, or takes over what it says now. False when the list, or its network's share of it, is full.
     bool enter(ListedHost client);
 
-    // False, and nothing entered, for an address that is there.
+    // As it was saved, whatever its network's share. False, and nothing entered, for an address that is there.
     bool restore(ListedHost client);
 
     const std::vector<ListedHost> &clients() const { return clients_; }
@@ -62,6 +72,7 @@ public:
 private:
     std::vector<ListedHost> clients_;
     std::map<std::string, size_t> by_address_;
+    std::map<AddressBytes, size_t> of_network_; // how many
     bool has_changed_ = false;
     bool is_withheld_ = false;
 };

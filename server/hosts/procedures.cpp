@@ -40,7 +40,20 @@ clnt_entry_t lend(const ListedHost &client, bool is_v70) {
     return entry;
 }
 
-void take_registration(ClientList &list, const rvzd_clnt_list_register_req_t &request, const Caller &caller) {
+// Told once in a while: who fills the list would fill the log.
+void print_full(const std::string &address) {
+    constexpr time_t interval_s = 3600;
+    static time_t told = 0;
+    const time_t now = time(nullptr);
+    if (now - told < interval_s)
+        return;
+    told = now;
+    imsg_print(IMSG_WARNING, "The list of client hosts, or its network's share of it, is full for %s\n", IMSG_FORMAT,
+               address.c_str());
+}
+
+// False when there is no room.
+bool take_registration(ClientList &list, const rvzd_clnt_list_register_req_t &request, const Caller &caller) {
     ListedHost client;
     client.address = unmapped(caller.peer);
     sysutl_sockaddr_set_port(&client.address.base, 0);
@@ -48,9 +61,13 @@ void take_registration(ClientList &list, const rvzd_clnt_list_register_req_t &re
     client.registry_time = time(nullptr);
     const size_t known = list.clients().size();
     const std::string address = numeric_address(client.address);
-    if (list.enter(std::move(client)))
-        imsg_print(IMSG_PLAIN, &_clnt_list_rvzd_msg_table,
-                   list.clients().size() > known ? CLNT_LIST_MSG_ADDED : CLNT_LIST_MSG_UPDATED, address.c_str());
+    if (!list.enter(std::move(client))) {
+        print_full(address);
+        return false;
+    }
+    imsg_print(IMSG_PLAIN, &_clnt_list_rvzd_msg_table,
+               list.clients().size() > known ? CLNT_LIST_MSG_ADDED : CLNT_LIST_MSG_UPDATED, address.c_str());
+    return true;
 }
 
 // What clnt_list_get_local_hostinfo leaves to its caller.
@@ -125,9 +142,10 @@ tbs_status_t HostProcedures::look_up(const rvzd_clnt_list_lookup_req_t &request,
 
 tbs_status_t HostProcedures::enter(const rvzd_clnt_list_register_req_t &request, const Caller &caller,
                                    Reply<rvzd_clnt_list_register_reply_t> & /*reply*/) {
-    take_registration(list_, request, caller);
-    on_change_();
-    return TBS_ST_OK;
+    const bool is_taken = take_registration(list_, request, caller);
+    if (list_.has_changed())
+        on_change_();
+    return is_taken ? TBS_ST_OK : TBS_ST_TRY_AGAIN;
 }
 
 tbs_status_t HostProcedures::hostinfo(const rvzd_hostinfo_req_t & /*request*/, const Caller & /*caller*/,

@@ -32,6 +32,15 @@ constexpr std::array identities = {
 };
 static_assert(identities.size() == RGY_DB_ALL);
 
+// The first of the site's settings has, beside the entry of its name, one in an old form without a name: there may be
+// one of each. No name begins with a semicolon.
+constexpr const char *old_form_identity = ";default_viewsize;";
+
+bool is_old_form(rgy_db_t db, const Items &items) {
+    return db == RGY_DB_SITE_CONFIG && value_of(items, registry_item_name(RGY_ITEM_NAME)).empty() &&
+           items.contains(registry_item_name(RGY_ITEM_DEFAULT_VIEWSIZE));
+}
+
 } // namespace
 
 std::optional<Items> items_of(const std::string &flex_text) {
@@ -61,6 +70,8 @@ std::optional<std::string> spelled_uuid(const std::string &text) {
 std::string identity_of(rgy_db_t db, const Items &items) {
     if (db >= identities.size())
         return "";
+    if (is_old_form(db, items))
+        return old_form_identity;
     std::string identity;
     for (const uint32_t item : identities[db].items) {
         const std::string value = item < RGY_ITEM_COUNT ? value_of(items, registry_item_name(item)) : "";

@@ -8,7 +8,6 @@ namespace velia::server {
 namespace {
 
 constexpr size_t word_bytes = 4;
-constexpr uint32_t nobodies[] = {65534, UINT32_MAX, UINT32_MAX - 1};
 constexpr const char *password_setting = "password";
 constexpr uint64_t numbers_of_former_master = 1'000'000; // more than it can have given since the last copy
 
@@ -40,20 +39,17 @@ void put_question(std::string &question, const Selection &selection, uint64_t cu
     question.append(selection.region).append(selection.key).append(selection.value);
 }
 
+// A writer of a setting looks for the old value before it asks for the stamps. Another who came in between must send it
+// back to look again, or its write would be lost; the stamps alone do not tell, since they are younger.
+tbs_status_t status_of_standing(rgy_db_t db) {
+    return db == RGY_DB_SITE_CONFIG ? TBS_ST_STALE_ID : TBS_ST_ALREADY_EXISTS;
+}
+
 } // namespace
 
 size_t encoded_bytes(const Record &record) {
     const size_t padded = (record.flex_text.size() + word_bytes - 1) / word_bytes * word_bytes;
     return 2 * word_bytes + padded; // number, length, text
-}
-
-bool has_own_credentials(const Caller &caller) {
-    if (!caller.credentials)
-        return false;
-    for (const uint32_t nobody : nobodies)
-        if (caller.credentials->uid == nobody)
-            return false;
-    return true;
 }
 
 Batch Registry::fetch(const Selection &selection, uint64_t cursor, const BatchLimits &limits, const Filter &filter) {
@@ -137,7 +133,7 @@ AnswerMemory::Answer Registry::answer(const Selection &selection, uint64_t curso
 
 tbs_status_t Registry::add(rgy_db_t db, const rgy_dtm_pair_t &stamps, const std::string &flex_text,
                            const Caller &caller) {
-    if (!has_own_credentials(caller))
+    if (!is_somebody(caller.credentials))
         return TBS_ST_NO_ACCESS;
     const auto items = storable_items(flex_text);
     if (!items)
@@ -146,7 +142,7 @@ tbs_status_t Registry::add(rgy_db_t db, const rgy_dtm_pair_t &stamps, const std:
     case Store::AddResult::stale:
         return TBS_ST_STALE_ID;
     case Store::AddResult::exists:
-        return TBS_ST_ALREADY_EXISTS;
+        return status_of_standing(db);
     case Store::AddResult::added:
         break;
     }
@@ -154,7 +150,7 @@ tbs_status_t Registry::add(rgy_db_t db, const rgy_dtm_pair_t &stamps, const std:
 }
 
 tbs_status_t Registry::remove(rgy_db_t db, uint64_t id, const Caller &caller) {
-    if (!has_own_credentials(caller))
+    if (!is_somebody(caller.credentials))
         return TBS_ST_NO_ACCESS;
     Record removed;
     return store_.remove(db, id, removed) ? TBS_ST_OK : TBS_ST_NOT_FOUND;

@@ -106,7 +106,8 @@ public:
                                 const Filter &filter) override;
 
     // TBS_ST_NO_ACCESS: the caller does not say who it is; TBS_ST_STALE_ID: the stamps are not those of now;
-    // TBS_ST_ALREADY_EXISTS: one of the same identity stands there; TBS_ST_INVALID_ARG: malformed.
+    // TBS_ST_ALREADY_EXISTS: one of the same identity stands there, which among the site's settings is TBS_ST_STALE_ID,
+    // too; TBS_ST_INVALID_ARG: malformed.
     tbs_status_t add(rgy_db_t db, const rgy_dtm_pair_t &stamps, const std::string &flex_text, const Caller &caller);
 
     // A number is given once only, so whoever knows it means that record: the stamps are not looked at, and a client
@@ -134,8 +135,5 @@ private:
 
 // The bytes that a record takes in a reply.
 size_t encoded_bytes(const Record &record);
-
-// True for callers that say who they are, and are not nobody.
-bool has_own_credentials(const Caller &caller);
 
 } // namespace velia::server

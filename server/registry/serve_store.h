@@ -70,7 +70,7 @@ void run_decoded(StoreErrand &errand, Registry &registry, XDR &arguments) {
     Reply<typename Kind::Record> reply;
     const auto status = work(registry, decoded.request(), errand.caller, reply);
     const ReplySink take = [&](MessageBytes bytes) { errand.reply = std::move(bytes); };
-    const Call call = {errand.xid, errand.caller, take, {}};
+    const Call call = {errand.xid, errand.caller, take};
     AnswerNow<typename Kind::Record>(procedure, decoded.request(), call)(status, reply.record);
     errand.afterwards = std::move(reply.afterwards);
 }
@@ -137,18 +137,24 @@ template <const auto &procedure, Lane lane, auto work>
 bool run_on_store(void *owner, XDR &arguments, const Call &call) {
     using Kind = StoreWork<decltype(work)>;
     auto &service = *static_cast<RegistryService *>(owner);
-    if (!service.is_serving().value_or(true) || (lane == Lane::update && !service.is_master())) {
-        call.sink(bare_reply<procedure>(call.xid, TBS_ST_NO_SERVER));
-        return true;
-    }
+    const bool has_registry = service.is_serving().value_or(true) && (lane != Lane::update || service.is_master());
     // A search's arguments may be long: what they are is left to the thread.
     if constexpr (lane == Lane::search) {
-        send_errand<procedure, lane, work>(service, call, call.arguments);
+        if (!call.is_permitted({procedure.number}))
+            call.sink(bare_reply<procedure>(call.xid, TBS_ST_NO_ACCESS));
+        else if (!has_registry)
+            call.sink(bare_reply<procedure>(call.xid, TBS_ST_NO_SERVER));
+        else
+            send_errand<procedure, lane, work>(service, call, call.arguments);
     } else {
         const Decoded<procedure, typename Kind::Request> decoded(arguments);
         if (!decoded.is_whole())
             return false;
-        if (!answer_from_memory<procedure, work>(service, decoded.request(), call))
+        if (!call.is_permitted(demand_of(procedure.number, decoded.request())))
+            refuse<procedure>(procedure, decoded.request(), call);
+        else if (!has_registry)
+            call.sink(bare_reply<procedure>(call.xid, TBS_ST_NO_SERVER));
+        else if (!answer_from_memory<procedure, work>(service, decoded.request(), call))
             send_errand<procedure, lane, work>(service, call, call.arguments.first(xdr_getpos(&arguments)));
     }
     return true;

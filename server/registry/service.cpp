@@ -3,6 +3,7 @@
 #include <array>
 #include <ctime>
 
+#include <server/daemon/private_files.h>
 #include <server/registry/copy.h>
 #include <server/registry/messages.h>
 #include <server/registry/role.h>
@@ -79,6 +80,7 @@ tbs_status_t make_master(Store &store) {
         }
         registry.become_master();
         remember_role(store, RGY_SVR_MASTER);
+        const PublicUmask umask; // clients of this host read the role
         const auto status = rgy_set_svr_type(RGY_SVR_MASTER);
         if (status != TBS_ST_OK) {
             remember_role(store, RGY_SVR_STANDBY);

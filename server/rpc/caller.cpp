@@ -1,6 +1,7 @@
 // Questions about a caller's address.
 #include <server/rpc/caller.h>
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <array>
 #include <cstring>
@@ -9,21 +10,19 @@ namespace velia::server {
 
 namespace {
 
-bool same_host(const ks_sockaddr_storage_t &left, const ks_sockaddr_storage_t &right) {
-    if (left.base.sa_family != right.base.sa_family)
-        return false;
-    if (left.base.sa_family == AF_INET)
-        return left.ipv4.sin_addr.s_addr == right.ipv4.sin_addr.s_addr;
-    return memcmp(&left.ipv6.sin6_addr, &right.ipv6.sin6_addr, sizeof left.ipv6.sin6_addr) == 0;
-}
-
-bool is_loopback(const ks_sockaddr_storage_t &address) {
-    if (address.base.sa_family == AF_INET)
-        return ntohl(address.ipv4.sin_addr.s_addr) >> 24 == IN_LOOPBACKNET;
-    return address.base.sa_family == AF_INET6 && IN6_IS_ADDR_LOOPBACK(&address.ipv6.sin6_addr);
-}
+constexpr uint32_t nobodies[] = {65534, UINT32_MAX, UINT32_MAX - 1};
 
 } // namespace
+
+bool is_somebody(const std::optional<Credentials> &credentials) {
+    return credentials && std::none_of(std::begin(nobodies), std::end(nobodies),
+                                       [&](uint32_t nobody) { return credentials->uid == nobody; });
+}
+
+std::optional<Credentials> believed(const std::optional<Credentials> &claimed,
+                                    const std::optional<KnownCaller> &known) {
+    return known && is_somebody(claimed) ? Credentials{known->uid, known->gid} : claimed;
+}
 
 ks_sockaddr_storage_t unmapped(const ks_sockaddr_storage_t &address) {
     if (address.base.sa_family != AF_INET6 || !IN6_IS_ADDR_V4MAPPED(&address.ipv6.sin6_addr))
@@ -33,11 +32,6 @@ ks_sockaddr_storage_t unmapped(const ks_sockaddr_storage_t &address) {
     plain.ipv4.sin_port = address.ipv6.sin6_port;
     memcpy(&plain.ipv4.sin_addr, address.ipv6.sin6_addr.s6_addr + 12, sizeof plain.ipv4.sin_addr);
     return plain;
-}
-
-bool is_from_this_host(const Caller &caller) {
-    const auto peer = unmapped(caller.peer);
-    return is_loopback(peer) || same_host(peer, unmapped(caller.local));
 }
 
 Sender::Host host_of(const ks_sockaddr_storage_t &address) {
@@ -51,6 +45,8 @@ Sender::Host host_of(const ks_sockaddr_storage_t &address) {
 }
 
 Sender sender_of(const Caller &caller) {
+    if (caller.known)
+        return {{AF_UNIX, caller.known->uid}, static_cast<uint64_t>(caller.known->pid)};
     const auto &peer = caller.peer;
     return {host_of(peer), peer.base.sa_family == AF_INET6 ? peer.ipv6.sin6_port : peer.ipv4.sin_port};
 }

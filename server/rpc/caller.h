@@ -4,6 +4,8 @@
 #include <optional>
 #include <string>
 
+#include <sys/types.h>
+
 #include <server/loop/fair_queue.h>
 #include <server/rpc/call_header.h>
 #include <support/sysutl.h>
@@ -11,21 +13,33 @@
 
 namespace velia::server {
 
+// Who sent a message over a socket of this host, by the kernel's word and as of the sending.
+struct KnownCaller {
+    pid_t pid = 0; // 0: of a process that cannot be seen from here
+    uid_t uid = UINT32_MAX;
+    gid_t gid = UINT32_MAX;
+    bool operator==(const KnownCaller &) const = default;
+};
+
 struct Caller {
     ks_sockaddr_storage_t peer = {};
     ks_sockaddr_storage_t local = {}; // the address of ours to which the call came
     rvzd_protocol_in_t transport = RVZD_PROTOCOL_NONE;
+    std::optional<KnownCaller> known;       // none: it came over IP, and is a stranger from wherever
     std::optional<Credentials> credentials; // none: it did not say who it is
 };
+
+// True for credentials of somebody, not of nobody.
+bool is_somebody(const std::optional<Credentials> &credentials);
+
+// What a caller claims to be; whoever is known is who it is, but may still be nobody if it wants to.
+std::optional<Credentials> believed(const std::optional<Credentials> &claimed, const std::optional<KnownCaller> &known);
 
 // An IPv4 address out of its IPv6 wrapping, so that both forms of one host compare and print alike.
 ks_sockaddr_storage_t unmapped(const ks_sockaddr_storage_t &address);
 
-// True when the call came from this host: over loopback, or from the address to which it went.
-bool is_from_this_host(const Caller &caller);
-
 // Whose the call is where shares are given: its address, of IPv6 the network of it, since a host has as many addresses
-// there as it likes; and its port.
+// there as it likes; and its port. Of whoever is known, its user and its process.
 Sender sender_of(const Caller &caller);
 Sender::Host host_of(const ks_sockaddr_storage_t &address);
 

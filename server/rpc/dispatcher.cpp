@@ -13,8 +13,9 @@ bool_t xdr_nothing(XDR * /*stream*/, void * /*record*/) {
 
 } // namespace
 
-Dispatcher::Dispatcher(uint32_t program, uint32_t version, const std::vector<ServedProcedure> &procedures)
-    : program_(program), version_(version) {
+Dispatcher::Dispatcher(uint32_t program, uint32_t version, const Guard &guard,
+                       const std::vector<ServedProcedure> &procedures)
+    : program_(program), version_(version), guard_(guard) {
     set_procedures(procedures);
 }
 
@@ -73,10 +74,10 @@ void Dispatcher::run(const CallHeader &header, const Caller &caller, const Reply
     XDR arguments;
     auto *bytes = const_cast<unsigned char *>(header.arguments.data()); // only read
     xdrmem_create(&arguments, reinterpret_cast<char *>(bytes), static_cast<u_int>(header.arguments.size()), XDR_DECODE);
-    Caller known = caller;
-    known.credentials = header.credentials;
+    Caller told = caller;
+    told.credentials = believed(header.credentials, caller.known);
     try {
-        if (!procedure->run(procedure->owner, arguments, {header.xid, known, sink, header.arguments}))
+        if (!procedure->run(procedure->owner, arguments, {header.xid, told, sink, &guard_, header.arguments}))
             sink(encode_refusal(header.xid, GARBAGE_ARGS));
     } catch (const std::bad_alloc &) { // the request's trouble, not the daemon's
         sink(encode_refusal(header.xid, SYSTEM_ERR));

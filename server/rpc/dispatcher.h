@@ -7,6 +7,7 @@
 
 #include <server/rpc/call_header.h>
 #include <server/rpc/caller.h>
+#include <server/rpc/guard.h>
 #include <server/rpc/reply.h>
 
 namespace velia::server {
@@ -19,7 +20,10 @@ struct Call {
     uint32_t xid;
     const Caller &caller;
     const ReplySink &sink;
-    Bytes arguments = {}; // from where its arguments begin
+    const Guard *guard = nullptr; // of every call that a dispatcher runs
+    Bytes arguments = {};         // from where its arguments begin
+
+    bool is_permitted(const Demand &demand) const { return guard == nullptr || guard->permits(demand, caller); }
 };
 
 // A row of a program's table; serve.h makes it of a procedure and who does its work.
@@ -37,7 +41,8 @@ struct ServedProcedure {
 // Procedure 0 of the program, which answers nothing to nothing, needs no row.
 class Dispatcher {
 public:
-    Dispatcher(uint32_t program, uint32_t version, const std::vector<ServedProcedure> &procedures);
+    // The guard has to outlive the dispatcher.
+    Dispatcher(uint32_t program, uint32_t version, const Guard &guard, const std::vector<ServedProcedure> &procedures);
 
     // Replaces the table, for the calls to come.
     void set_procedures(const std::vector<ServedProcedure> &procedures);
@@ -57,6 +62,7 @@ private:
 
     uint32_t program_;
     uint32_t version_;
+    const Guard &guard_;
     std::vector<ServedProcedure> procedures_; // each at the place of its number; one that has nothing to run is none
 };
 

@@ -13,6 +13,7 @@
 #pragma once
 
 #include <exception>
+#include <utility>
 
 #include <server/rpc/dispatcher.h>
 #include <server/rpc/reply_record.h>
@@ -89,12 +90,35 @@ void work_and_answer(Owner &owner, LaterWork<Owner, Request, Record> work, const
     (owner.*work)(request, call.caller, Answer<Record>(procedure, request, call));
 }
 
+// What the guard has to know of a request.
+template <class Request>
+Demand demand_of(uint32_t procedure, const Request &request) {
+    Demand demand = {procedure};
+    if constexpr (requires { request.op; })
+        demand.operation = request.op;
+    if constexpr (requires { request.pid; })
+        demand.pid = request.pid;
+    return demand;
+}
+
+// A record with a status of its own tells by it: clients are told nothing of the header's there.
+template <const auto &procedure, class Request, class Record>
+void refuse(const Procedure<Request, Record> & /*typed*/, const Request &request, const Call &call) {
+    Record record = {};
+    tbs_status_t status = TBS_ST_NO_ACCESS;
+    if constexpr (requires { record.toggle.status; })
+        record.toggle.status = std::exchange(status, TBS_ST_OK);
+    AnswerNow<Record>(procedure, request, call)(status, record);
+}
+
 template <const auto &procedure, auto work, class Owner>
 bool run_work(void *owner, XDR &arguments, const Call &call) {
     auto request = procedure.empty_request();
     const bool is_decoded = procedure.xdr_request(&arguments, &request) != FALSE;
-    if (is_decoded)
+    if (is_decoded && call.is_permitted(demand_of(procedure.number, request)))
         work_and_answer<procedure>(*static_cast<Owner *>(owner), work, request, call);
+    else if (is_decoded)
+        refuse<procedure>(procedure, request, call);
     xdr_free(procedure.request_routine(), &request);
     return is_decoded;
 }

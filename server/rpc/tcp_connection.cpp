@@ -7,6 +7,8 @@
 #include <sys/socket.h>
 #include <utility>
 
+#include <server/rpc/local_sockets.h>
+
 namespace velia::server {
 
 namespace {
@@ -18,8 +20,8 @@ constexpr int64_t stuck_ms = 1000; // a peer that has taken nothing of its repli
 
 TcpConnection::TcpConnection(uv_loop_t *loop, UniqueFd fd, const Caller &caller, const Dispatcher &dispatcher,
                              Owner owner)
-    : fd_(std::move(fd)), caller_(caller), host_(sender_of(caller).host), dispatcher_(dispatcher),
-      owner_(std::move(owner)), request_begun_ms_(monotonic_ms()), progress_ms_(request_begun_ms_),
+    : fd_(std::move(fd)), caller_(caller), dispatcher_(dispatcher), owner_(std::move(owner)),
+      request_begun_ms_(monotonic_ms()), progress_ms_(request_begun_ms_),
       poll_(loop, fd_.get(), event_target<&TcpConnection::on_ready>(*this)) {}
 
 void TcpConnection::begin() {
@@ -72,12 +74,24 @@ bool TcpConnection::receive() {
     if (!input_.empty() || !may_serve())
         return true; // an event of before
     static std::array<unsigned char, piece_bytes> piece;
-    const ssize_t count = recv(fd_.get(), piece.data(), piece.size(), MSG_DONTWAIT);
+    std::optional<KnownCaller> sender;
+    const ssize_t count = caller_.known ? receive_from_known(fd_.get(), piece.data(), piece.size(), sender)
+                                        : recv(fd_.get(), piece.data(), piece.size(), MSG_DONTWAIT);
     if (count < 0)
         return errno == EAGAIN || errno == EINTR;
     input_.assign(piece.begin(), piece.begin() + count);
     input_at_ = 0;
-    return count > 0;
+    return count > 0 && take_sender(sender);
+}
+
+// A connection may pass from hand to hand, but a record is one sender's.
+bool TcpConnection::take_sender(const std::optional<KnownCaller> &sender) {
+    if (!caller_.known)
+        return true;
+    if (!sender || (assembler_.is_within_record() && sender != caller_.known))
+        return false;
+    caller_.known = sender;
+    return true;
 }
 
 // Works on one request, if there is a whole one in what has come.

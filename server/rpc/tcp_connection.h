@@ -1,4 +1,4 @@
-// One TCP connection: records in, replies out in the order in which they are given.
+// One connection, over TCP or from this host: records in, replies out in the order in which they are given.
 #pragma once
 
 #include <deque>
@@ -48,11 +48,12 @@ public:
 
     // When it last completed a request or took a part of a reply.
     int64_t progress_ms() const { return progress_ms_; }
-    const Sender::Host &host() const { return host_; }
+    Sender::Host host() const { return sender_of(caller_).host; }
 
 private:
     void on_ready(int events);
     bool receive();
+    bool take_sender(const std::optional<KnownCaller> &sender);
     bool serve_one();
     void reply(const MessageBytes &message);
     bool send();
@@ -61,8 +62,7 @@ private:
     void end();
 
     UniqueFd fd_;
-    Caller caller_;
-    Sender::Host host_;
+    Caller caller_; // of the record that comes in
     const Dispatcher &dispatcher_;
     Owner owner_;
     RecordAssembler assembler_;

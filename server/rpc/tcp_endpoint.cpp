@@ -29,6 +29,12 @@ TcpEndpoint::TcpEndpoint(uv_loop_t *loop, UniqueFd fd, const Dispatcher &dispatc
     poll_.watch(UV_READABLE);
 }
 
+TcpEndpoint::TcpEndpoint(uv_loop_t *loop, LocalSocket local, const Dispatcher &dispatcher,
+                         const ConnectionLimits &limits)
+    : TcpEndpoint(loop, std::move(local.fd), dispatcher, limits) {
+    local_address_ = local.address;
+}
+
 TcpEndpoint::~TcpEndpoint() {
     poll_.watch(0);
 }
@@ -44,6 +50,7 @@ bool TcpEndpoint::accept_one() {
     socklen_t length = sizeof caller.peer;
     UniqueFd fd(accept4(fd_.get(), &caller.peer.base, &length, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (fd) {
+        take_addresses(fd.get(), caller);
         admit(std::move(fd), caller);
         return true;
     }
@@ -66,14 +73,25 @@ bool TcpEndpoint::accept_one() {
     return false;
 }
 
-void TcpEndpoint::admit(UniqueFd fd, const Caller &accepted) {
-    Caller caller = accepted;
+// Of a caller of this host nothing is known before its first message; whoever it is then, it is known by it.
+void TcpEndpoint::take_addresses(int fd, Caller &caller) const {
+    if (local_address_) {
+        caller.peer = caller.local = *local_address_;
+        caller.known = KnownCaller{};
+        return;
+    }
     socklen_t length = sizeof caller.local;
-    getsockname(fd.get(), &caller.local.base, &length);
+    getsockname(fd, &caller.local.base, &length);
+}
+
+void TcpEndpoint::admit(UniqueFd fd, const Caller &caller) {
     if (connections_.size() >= limits_.connections_max && !make_room(sender_of(caller).host))
         return;
     const int on = 1;
-    setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    if (local_address_)
+        setsockopt(fd.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
+    else
+        setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     const uint64_t number = next_number_++;
     TcpConnection::Owner owner = {[this, number] { connections_.erase(number); },
                                   [this, number] {

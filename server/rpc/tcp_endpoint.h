@@ -1,10 +1,11 @@
-// Calls over one listening TCP socket, with a bound on the connections and on what each may cost.
+// Calls over one listening socket, of TCP or of this host, with a bound on the connections and on what each may cost.
 #pragma once
 
 #include <deque>
 #include <map>
 #include <memory>
 
+#include <server/rpc/local_sockets.h>
 #include <server/rpc/tcp_connection.h>
 
 namespace velia::server {
@@ -13,6 +14,9 @@ class TcpEndpoint {
 public:
     // The dispatcher has to outlive the endpoint.
     TcpEndpoint(uv_loop_t *loop, UniqueFd fd, const Dispatcher &dispatcher, const ConnectionLimits &limits);
+
+    // The same for callers of this host, who are known.
+    TcpEndpoint(uv_loop_t *loop, LocalSocket local, const Dispatcher &dispatcher, const ConnectionLimits &limits);
     ~TcpEndpoint();
 
     void set_limits(const ConnectionLimits &limits) { limits_ = limits; }
@@ -22,6 +26,7 @@ private:
 
     void accept_some();
     bool accept_one();
+    void take_addresses(int fd, Caller &caller) const;
     void admit(UniqueFd fd, const Caller &caller);
     bool make_room(const Sender::Host &newcomer);
     void take_turns();
@@ -29,6 +34,7 @@ private:
 
     uv_loop_t *loop_;
     UniqueFd fd_;
+    std::optional<ks_sockaddr_storage_t> local_address_; // of callers of this host
     const Dispatcher &dispatcher_;
     ConnectionLimits limits_;
     Connections connections_;

@@ -99,8 +99,11 @@ struct UdpEndpoint::Arrivals {
 struct UdpEndpoint::Channel {
     UniqueFd fd;
     ReplayCache replies;
+    ReplyRate &rate;
 
-    void send(const MessageBytes &reply, const Caller &caller) {
+    void send(const MessageBytes &reply, const Caller &caller, size_t request_bytes) {
+        if (!rate.permits(caller.peer, request_bytes, reply.size(), monotonic_ms()))
+            return;
         Caller ends = caller;
         iovec bytes = {const_cast<unsigned char *>(reply.data()), reply.size()};
         PacketInfo control = {};
@@ -118,12 +121,17 @@ struct UdpEndpoint::PendingCall {
     std::weak_ptr<Channel> channel;
     ReplayCache::Key key; // of one that runs once
     Caller caller;
+    size_t request_bytes;
 };
 
-UdpEndpoint::UdpEndpoint(uv_loop_t *loop, UniqueFd fd, const Dispatcher &dispatcher)
-    : channel_(std::make_shared<Channel>(Channel{std::move(fd), {}})), dispatcher_(dispatcher),
+UdpEndpoint::UdpEndpoint(uv_loop_t *loop, UniqueFd fd, const Dispatcher &dispatcher, ReplyRate &rate)
+    : channel_(std::make_shared<Channel>(Channel{std::move(fd), {}, rate})), dispatcher_(dispatcher),
       poll_(loop, channel_->fd.get(), event_target<&UdpEndpoint::receive>(*this)) {
     setsockopt(channel_->fd.get(), SOL_SOCKET, SO_RCVBUF, &waiting_bytes, sizeof waiting_bytes);
+    ks_sockaddr_storage_t own = {};
+    socklen_t length = sizeof own;
+    getsockname(channel_->fd.get(), &own.base, &length);
+    sysutl_sockaddr_get_port(&own.base, &port_);
     poll_.watch(UV_READABLE);
 }
 
@@ -137,6 +145,7 @@ void UdpEndpoint::receive() {
     FairQueue<size_t> in_turn({datagrams_a_turn, datagrams_a_turn, datagrams_a_turn});
     for (size_t i = 0; i < count; ++i) {
         take_local_address(arrivals->headers[i].msg_hdr, arrivals->callers[i].local);
+        sysutl_sockaddr_set_port(&arrivals->callers[i].local.base, port_);
         in_turn.push(sender_of(arrivals->callers[i]), i);
     }
     while (const auto next = in_turn.pop())
@@ -149,10 +158,10 @@ void UdpEndpoint::take(Bytes message, const Caller &caller) {
     if (dispatcher_.must_run_once(header))
         return take_once(header, message, caller);
     // Sinks are copied on the way to who answers: what they know is made once.
-    const auto call = std::make_shared<const PendingCall>(PendingCall{channel_, {}, caller});
+    const auto call = std::make_shared<const PendingCall>(PendingCall{channel_, {}, caller, message.size()});
     dispatcher_.dispatch(header, caller, [call](const MessageBytes &reply) {
         if (const auto open = call->channel.lock())
-            open->send(reply, call->caller);
+            open->send(reply, call->caller, call->request_bytes);
     });
 }
 
@@ -161,20 +170,20 @@ void UdpEndpoint::take_once(const CallHeader &header, Bytes message, const Calle
     const MessageBytes *earlier_reply = nullptr;
     switch (channel_->replies.begin(key, monotonic_ms(), &earlier_reply)) {
     case ReplayCache::Verdict::answered:
-        return channel_->send(*earlier_reply, caller);
+        return channel_->send(*earlier_reply, caller, message.size());
     case ReplayCache::Verdict::in_progress:
         return;
     case ReplayCache::Verdict::too_many:
-        return channel_->send(dispatcher_.try_again(header), caller);
+        return channel_->send(dispatcher_.try_again(header), caller, message.size());
     case ReplayCache::Verdict::is_new:
         break;
     }
-    const auto call = std::make_shared<const PendingCall>(PendingCall{channel_, key, caller});
+    const auto call = std::make_shared<const PendingCall>(PendingCall{channel_, key, caller, message.size()});
     dispatcher_.dispatch(header, caller, [call](MessageBytes reply) {
         const auto open = call->channel.lock();
         if (open == nullptr)
             return;
-        open->send(reply, call->caller);
+        open->send(reply, call->caller, call->request_bytes);
         open->replies.finish(call->key, monotonic_ms(), std::move(reply));
     });
 }

@@ -7,13 +7,14 @@
 #include <server/loop/unique_fd.h>
 #include <server/rpc/dispatcher.h>
 #include <server/rpc/replay_cache.h>
+#include <server/rpc/reply_rate.h>
 
 namespace velia::server {
 
 class UdpEndpoint {
 public:
-    // The dispatcher has to outlive the endpoint.
-    UdpEndpoint(uv_loop_t *loop, UniqueFd fd, const Dispatcher &dispatcher);
+    // The dispatcher and the rate, which endpoints share, have to outlive the endpoint.
+    UdpEndpoint(uv_loop_t *loop, UniqueFd fd, const Dispatcher &dispatcher, ReplyRate &rate);
     ~UdpEndpoint();
 
 private:
@@ -27,6 +28,7 @@ private:
 
     std::shared_ptr<Channel> channel_; // replies given later find it gone when the endpoint is
     const Dispatcher &dispatcher_;
+    uint16_t port_ = 0; // of the socket, in network order
     PollHandle poll_;
 };
 

@@ -8,6 +8,7 @@
 
 #include "clock.h"
 #include "limits.h"
+#include "local_road.h"
 #include "transaction.h"
 
 namespace velia::support::transport {
@@ -24,11 +25,16 @@ void number_call(Client &client) {
     client.transaction_is_set = false;
 }
 
+void exchange(Client &client, const Call &call, int64_t until_us, bool waits) {
+    if (!exchange_locally(client, call, until_us, waits))
+        client.transport->exchange(client, call, until_us, waits);
+}
+
 // A peer that does not take the credentials is asked again with others, as long as there are any.
 void exchange_with_credentials(Client &client, const Call &call, int64_t until_us, bool waits) {
     for (int renewals_left = 2;; --renewals_left) {
         number_call(client);
-        client.transport->exchange(client, call, until_us, waits);
+        exchange(client, call, until_us, waits);
         if (client.error.re_status != RPC_AUTHERROR || renewals_left == 0 || !renew_credentials(call, client.error))
             return;
     }
@@ -77,6 +83,7 @@ bool turn_to(Client &client, const netbuf &address) {
         return false;
     sysutl_copy_sockaddr(&client.peer, wanted);
     client.peer_buffer.len = sysutl_sockaddr_size(wanted);
+    look_for_local_road(client);
     return client.transport->turn_to_peer(client) == 0;
 }
 
@@ -194,11 +201,14 @@ bool begin_client(Client &client, const Transport &transport, const Origin &orig
     client.time_out = {-1, -1};
     client.descriptor = origin.descriptor;
     client.transport = &transport;
+    client.local.connection.descriptor = -1;
+    look_for_local_road(client);
     return client.base.cl_auth != nullptr;
 }
 
 void discard_client(Client &client) {
     client.transport->release(client);
+    leave_local_road(client);
     release(client.request);
     free(client.base.cl_netid);
     free(client.base.cl_tp);

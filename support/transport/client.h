@@ -6,8 +6,23 @@
 #include <support/ks.h>
 
 #include "message.h"
+#include "record_reader.h"
 
 namespace velia::support::transport {
+
+struct Connection {
+    int descriptor;
+    RecordReader replies;
+    bool is_broken; // what stands at the descriptor cannot be used any more
+};
+
+// The connection to the broker of this host, and where it stands; see local_road.h.
+struct LocalRoad {
+    Connection connection; // no descriptor: there was none when it was looked for
+    int64_t look_again_us;
+    uint32_t generation; // of the process that looked
+    bool is_possible;    // the peer is a broker, and of this host
+};
 
 // The record behind a CLIENT, which is its first member; a transport's own record begins with it.
 struct Client {
@@ -25,6 +40,7 @@ struct Client {
     int descriptor;
     bool owns_descriptor;
     OutBuffer request;
+    LocalRoad local;
     const struct Transport *transport;
 };
 

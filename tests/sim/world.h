@@ -86,6 +86,7 @@ struct Faults {
     int tcp_client = never;
     int rt_sched = never;
     int rt_handle_fd = never;
+    int server_groups = never;
     int error_number = EIO; // errno of a fault
 
     // True when this call is the one to fail; it and all later ones do.

@@ -11,7 +11,7 @@ set(SIM_WRAPPED
   rt_sched rt_handle_fd pfm_on_exit ks_system_init imsg_set_app_name ivlthread_mutex_lock
   sysutl_set_socket_nonblocking sysutl_host_numeric
   credmap_local_to_remote_sid ivlthread_alloc_tls ivlthread_free_tls strutl_write hash_set_order readdir
-  clp_get_next_flag_value clp_get_last_flag_name
+  clp_get_next_flag_value clp_get_last_flag_name credutl_set_server_group_lifetime
   gethostname fclose time socket bind getsockname connect close getaddrinfo freeaddrinfo select getsockopt)
 set(SIM_WRAP_OPTIONS)
 foreach(NAME IN LISTS SIM_WRAPPED)

@@ -271,6 +271,12 @@ int __wrap_credutl_getgroups(int group_count_max, uint32_t *groups) {
     return fails(&Faults::getgroups) ? -1 : __real_credutl_getgroups(group_count_max, groups);
 }
 
+int __real_credutl_set_server_group_lifetime(int seconds);
+int __wrap_credutl_set_server_group_lifetime(int seconds) {
+    World::current().support_call();
+    return fails(&Faults::server_groups) ? 1 : __real_credutl_set_server_group_lifetime(seconds);
+}
+
 int __wrap_credutl_is_privileged() {
     World::current().support_call();
     return World::current().privileged;

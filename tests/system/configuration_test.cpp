@@ -159,7 +159,7 @@ TEST(Start, AsAnOrdinaryUserServesAndStartsServers) {
     Child::Options options;
     if (getuid() == 0) {
         options.user = nobody;
-        std::filesystem::permissions(site.root(), std::filesystem::perms::all);
+        site.give_to(nobody);
     }
     site.write("daemon-1.out", "");
     std::filesystem::permissions(site.path("daemon-1.out"), std::filesystem::perms::all);

@@ -76,7 +76,10 @@ TEST(Contact, TwoDaemonsShareOneMachineUnderTwoAddresses) {
     Site site;
     site.configure("");
     Daemon first(site, {"--listen", "127.0.0.1"});
-    Daemon second(site, {"--listen", "127.0.0.2"});
+    std::filesystem::create_directories(site.path("beta/host/config"));
+    Child::Options beta;
+    beta.environment = {"VELIA_ROOT=" + site.path("beta")};
+    Daemon second(site, {"--listen", "127.0.0.2", "--port", std::to_string(site.port())}, beta);
     ASSERT_TRUE(first.is_ready() && second.is_ready());
     EXPECT_EQ(Handle("alpha").status(), TBS_ST_OK);
     EXPECT_EQ(Handle("beta").status(), TBS_ST_OK);

@@ -30,7 +30,7 @@ struct Fairness : testing::Test {
     void SetUp() override {
         site.write("host/config/rgy_svr.conf", "master");
         site.write("host/config/rgy_hosts.conf", "alpha\n\n");
-        site.configure(script_line(slow_program, "shared", "-", "sleep 600"));
+        site.configure(trusted_hosts + script_line(slow_program, "shared", "-", "sleep 600"));
         run(site, {"/bin/sh", "-c", "printf 'secret\\n' | '" RVZD_SERVER "' --set-registry-password"});
         fill_registry(site, RGY_DB_REGIONS, entries);
         change_registry(site, "UPDATE entry SET region = CAST('east' AS BLOB)");

@@ -42,7 +42,7 @@ struct KillsAtFiles : Kills {
     void SetUp() override {
         site.write("host/config/rgy_svr.conf", "master");
         site.write("host/config/rgy_hosts.conf", "alpha\nbeta\n");
-        site.configure("option registry-copy 1\n");
+        site.configure(std::string("option registry-copy 1\n") + trusted_hosts);
         master = std::make_unique<Daemon>(site, Names{"--listen", "127.0.0.1"});
         ASSERT_TRUE(master->is_ready()) << master->output();
         for (const auto &name : names)

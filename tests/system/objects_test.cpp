@@ -274,7 +274,7 @@ struct ServerRoles : RegisteredObjects {
     void SetUp() override {
         site.write("host/config/rgy_svr.conf", "master");
         site.write("host/config/rgy_hosts.conf", "alpha\nbeta\n");
-        site.configure("option registry-copy 1\n");
+        site.configure(std::string("option registry-copy 1\n") + trusted_hosts);
         daemon = std::make_unique<Daemon>(site, std::vector<std::string>{"--listen", "127.0.0.1"});
         ASSERT_TRUE(daemon->is_ready()) << daemon->output();
         for (const char *directory : {"beta/host/config", "beta/host/priv", "beta/host/data", "beta/log"})

@@ -16,6 +16,7 @@
 #include <tests/system/support/client.h>
 #include <tests/system/support/daemon.h>
 #include <tests/system/support/registry_calls.h>
+#include <tests/system/support/unread.h>
 
 using namespace velia::system_test;
 
@@ -69,31 +70,13 @@ int status_of(pid_t child) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-constexpr const char *socket_tables[] = {"/proc/net/udp", "/proc/net/udp6", "/proc/net/tcp", "/proc/net/tcp6"};
-
-// Whether requests lie unread in a socket of the port.
-bool is_request_waiting(const char *table, uint16_t port) {
-    std::ifstream lines(table);
-    for (std::string line; std::getline(lines, line);) {
-        unsigned at = 0;
-        unsigned unread = 0;
-        if (sscanf(line.c_str(), " %*u: %*[0-9A-F]:%4X %*s %*s %*8X:%8X", &at, &unread) == 2 && at == port &&
-            unread > 0)
-            return true;
-    }
-    return false;
-}
-
 // A thread that waits for the reply to `call` from the construction on: the daemon is silent meanwhile.
 class ThreadInCall {
 public:
     ThreadInCall(const Site &site, const Daemon &daemon, std::function<void()> call) : daemon_(daemon) {
         daemon_.signal(SIGSTOP);
         thread_ = std::thread(std::move(call));
-        EXPECT_TRUE(eventually([&] {
-            return std::ranges::any_of(socket_tables,
-                                       [&](const char *table) { return is_request_waiting(table, site.port()); });
-        }));
+        EXPECT_TRUE(eventually([&] { return is_request_waiting(site); }));
     }
     ~ThreadInCall() {
         daemon_.signal(SIGCONT);

@@ -29,7 +29,7 @@ struct Registry : testing::Test {
     void SetUp() override {
         site.write("host/config/rgy_svr.conf", "master");
         site.write("host/config/rgy_hosts.conf", "alpha\n\n");
-        site.configure("");
+        site.configure(trusted_hosts);
         start();
     }
     void start(std::vector<std::string> arguments = {}) {
@@ -342,7 +342,10 @@ TEST_F(Registry, WhenTheMasterStopsDuringAScanTheStandbyStillAnswersWhoAsksIt) {
     const std::filesystem::path standby_root = site.path("standby");
     std::filesystem::create_directories(standby_root / "log");
     std::filesystem::copy(site.path("config"), standby_root / "config", std::filesystem::copy_options::recursive);
-    std::filesystem::copy(site.path("host"), standby_root / "host", std::filesystem::copy_options::recursive);
+    for (const char *directory : {"host/config", "host/priv"}) {
+        std::filesystem::create_directories(standby_root / directory);
+        std::filesystem::copy(site.path(directory), standby_root / directory, std::filesystem::copy_options::recursive);
+    }
     site.write("standby/host/config/rgy_svr.conf", "standby");
     Child::Options options;
     options.environment = {"VELIA_ROOT=" + standby_root.string(), "VELIA_HOSTNAME=beta"};

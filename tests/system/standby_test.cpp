@@ -32,7 +32,7 @@ struct Standby : testing::Test {
     void SetUp() override {
         site.write("host/config/rgy_svr.conf", "master");
         site.write("host/config/rgy_hosts.conf", "alpha\nbeta\n");
-        site.configure("option registry-copy 1\n");
+        site.configure(std::string("option registry-copy 1\n") + trusted_hosts);
         start_master();
     }
     void start_master() {

@@ -1,4 +1,5 @@
 // Listing and watching the servers of a host.
+#include <tests/system/support/unread.h>
 #include <tests/system/support/veliactl.h>
 
 #include <algorithm>
@@ -119,23 +120,6 @@ private:
     std::string read_;
     int fd_ = -1;
 };
-
-// Whether a datagram waits for a process that does not read, at a port of IPv4 or IPv6: the system's table has it as
-// "... LOCAL_ADDRESS:PORT REMOTE:PORT STATE SENDING:WAITING ...", in hexadecimal.
-bool has_waiting_datagram(uint16_t port) {
-    for (const char *path : {"/proc/net/udp", "/proc/net/udp6"}) {
-        std::ifstream table(path);
-        for (std::string line; std::getline(table, line);) {
-            char local[64] = "";
-            unsigned local_port = 0;
-            unsigned waiting = 0;
-            if (sscanf(line.c_str(), " %*[^:]: %63[0-9A-F]:%x %*s %*s %*x:%x", local, &local_port, &waiting) == 3 &&
-                local_port == port && waiting > 0)
-                return true;
-        }
-    }
-    return false;
-}
 
 // The program of the first server of which this change is told; 0 for none, and for a line that is no object.
 uint32_t first_program_that(const Objects &told, const std::string &change) {
@@ -270,7 +254,7 @@ TEST_F(VeliactlList, WatchingEndsAtOnceThoughTheBrokerIsSilent) {
     Watch watch(site, {"--timeout", "3600"});
     ASSERT_TRUE(watch.comes_to_say("present"));
     daemon->signal(SIGSTOP);
-    ASSERT_TRUE(eventually([&] { return has_waiting_datagram(site.port()); })) << "it is asked, and does not answer";
+    ASSERT_TRUE(eventually([&] { return is_request_waiting(site); })) << "it is asked, and does not answer";
     EXPECT_EQ(watch.end(SIGINT), INTERRUPTED);
     daemon->signal(SIGCONT);
 }

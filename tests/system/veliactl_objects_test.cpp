@@ -149,7 +149,7 @@ struct VeliactlRole : VeliactlTest {
     void SetUp() override {
         site.write("host/config/rgy_svr.conf", "master");
         site.write("host/config/rgy_hosts.conf", "alpha\nbeta\n");
-        serve("option registry-copy 1\n", {"--listen", "127.0.0.1"});
+        serve(std::string("option registry-copy 1\n") + trusted_hosts, {"--listen", "127.0.0.1"});
         for (const char *directory : {"beta/host/config", "beta/host/priv", "beta/host/data", "beta/log"})
             std::filesystem::create_directories(site.path(directory));
         std::filesystem::create_symlink(site.path("config"), site.path("beta/config"));

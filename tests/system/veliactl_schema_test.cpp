@@ -22,6 +22,8 @@ constexpr const char *uuid = "0b5f8a52-7d1a-4c39-9d54-1a2b3c4d5e6f";
 constexpr const char *other_uuid = "5e6f0b5f-7d1a-4c39-9d54-1a2b3c4d8a52";
 const Words in_berlin = {"TZ=Europe/Berlin"};
 
+constexpr const char *settings_file = "settings"; // of the site
+
 // A line for each command, in an order in which each has something to tell.
 struct CommandLine {
     const char *path;
@@ -54,6 +56,16 @@ const CommandLine command_lines[] = {
     {"clients lookup", {"alpha", "alpha"}},
     {"tz", {"2026"}},
     {"poolmap explain", {"/a/=/b/|/c/=/d/", "/a/x"}},
+    {"knob set", {"fl_site_name", "lab", "--level", "site"}},
+    {"knob list", {}},
+    {"knob get", {"fl_site_name"}},
+    {"knob explain", {"fl_site_name"}},
+    {"knob check", {"view_cache_size", "2m"}},
+    {"knob diff", {"alpha", "beta", "--all"}},
+    {"knob export", {"/dev/null", "--level", "site"}},
+    {"knob import", {settings_file}},
+    {"knob monitor", {"--looks", "1"}},
+    {"knob unset", {"fl_site_name", "--level", "site"}},
     {"registry check", {"vault_tag", "--password-file", "/dev/null"}},
     {"registry demote", {}},
     {"registry promote", {}},
@@ -66,14 +78,16 @@ struct VeliactlSchema : VeliactlTest {
         site.write("host/config/rgy_svr.conf", "master");
         site.write("host/config/rgy_hosts.conf", "alpha\n\n");
         site.write("host/config/rgy_region.conf", "east\n");
+        site.write(settings_file, "level = host\nview_cache_size = 2m\n");
         serve(sample_line(390600, "shared", "-", "--quiet-seconds 30"));
     }
-    static Words words_of(const CommandLine &line, const char *form) {
+    Words words_of(const CommandLine &line, const char *form) const {
         Words words = {"--output", form};
         std::istringstream path(line.path);
         for (std::string word; path >> word;)
             words.push_back(word);
-        words.insert(words.end(), line.arguments.begin(), line.arguments.end());
+        for (const auto &argument : line.arguments)
+            words.push_back(argument == settings_file ? site.path(argument) : argument);
         return words;
     }
     static void expect_objects(const std::string &errors) {

@@ -6,6 +6,7 @@
 //   system_client views CLIENT STOP_FILE             registers views until the file exists; CLIENT is a number, not 0
 //   system_client rounds HOST PROGRAM udp|tcp NAME COUNT STOP_FILE LIMIT_MS
 //                                                    looks up and adds, so often or until the file exists
+//   system_client knob NAME FIRST COUNT              writes so many numbers as the site's value of the setting
 //   system_client role TYPE                          makes this host a registry server of this type; prints the status
 #include <chrono>
 #include <cstdio>
@@ -14,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include <tests/system/client/knobs.h>
 #include <tests/system/client/objects.h>
 #include <tests/system/client/rounds.h>
 #include <tests/system/client/servers.h>
@@ -69,6 +71,8 @@ int main(int argc, char **argv) {
                            std::stoi(words[5]), words[6], std::stoll(words[7])})
                    ? EXIT_SUCCESS
                    : EXIT_FAILURE;
+    if (is_command("knob", 4))
+        return write_knob(words[1], std::stoi(words[2]), std::stoi(words[3])) ? EXIT_SUCCESS : EXIT_FAILURE;
     if (is_command("role", 2))
         return change_role(std::stoi(words[1]));
     if (is_command("loop", 4))

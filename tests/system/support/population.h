@@ -1,4 +1,4 @@
-// Many servers in a broker's table. Each is a registration of a child process that does nothing but live. The
+// Many servers in a broker's table. Each is a registration of a child process that does nothing else but live. The
 // benchmarks use it, too, and so it knows no framework of tests.
 #pragma once
 
@@ -27,12 +27,19 @@ public:
     tbs_status_t add(rvzd_handle_t *handle, const std::string &path);
 
     // Whose registration the server with this number is.
-    pid_t process_of(size_t number) const { return processes_.at(number / servers_of_a_process); }
+    pid_t process_of(size_t number) const { return members_.at(number / servers_of_a_process).pid; }
 
 private:
     static constexpr size_t servers_of_a_process = 8;
 
-    std::vector<pid_t> processes_;
+    struct Member {
+        pid_t pid;
+        int orders; // a socket: an order there, the broker's status back
+    };
+
+    bool add_member(rvzd_handle_t *handle);
+
+    std::vector<Member> members_;
     size_t count_ = 0;
 };
 

@@ -177,7 +177,8 @@ RoundFigures Rounds::figures() const {
 std::unique_ptr<Daemon> daemon_for_rounds(const Site &site) {
     site.write("host/config/rgy_svr.conf", "master");
     site.write("host/config/rgy_hosts.conf", "alpha\n\n");
-    site.configure(sample_line(Rounds::program, "shared", "-", "--quiet-seconds 60"));
+    site.configure("access 127.0.0.0/8 read,register,write\n" +
+                   sample_line(Rounds::program, "shared", "-", "--quiet-seconds 60"));
     return std::make_unique<Daemon>(site);
 }
 

@@ -72,6 +72,15 @@ std::string Site::read(const std::string &name) const {
     return text.str();
 }
 
+void Site::give_to(uid_t user) const {
+    std::filesystem::permissions(root_, std::filesystem::perms(0755));
+    for (const auto &entry : std::filesystem::recursive_directory_iterator(root_))
+        if (lchown(entry.path().c_str(), user, user) != 0)
+            throw std::runtime_error("no right to give " + entry.path().string() + " away");
+    if (chown(root_.c_str(), user, user) != 0)
+        throw std::runtime_error("no right to give the site away");
+}
+
 std::string sample_line(uint32_t program, const std::string &kind, const std::string &control,
                         const std::string &arguments, const std::string &transports) {
     return transports + " " + kind + " " + std::to_string(program) + " 1 " + control + " - - " + SAMPLE_SERVER +

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <sys/types.h>
 
 namespace velia::system_test {
 
@@ -24,6 +25,9 @@ public:
     std::string write(const std::string &name, const std::string &text) const;
     std::string read(const std::string &name) const;
 
+    // Makes another user the owner of all that is there, and lets everybody see it.
+    void give_to(uid_t user) const;
+
     // The daemon's configuration file.
     void configure(const std::string &text) const { write("rvzd_server.conf", text); }
 
@@ -31,6 +35,10 @@ private:
     std::filesystem::path root_;
     uint16_t port_;
 };
+
+// Lines of the configuration that let other hosts of a site change and administer, as which addresses of loopback
+// serve.
+inline constexpr const char *trusted_hosts = "access 127.0.0.0/8 read,register,write,administer\n";
 
 // A line of the configuration for the sample server. `control` "-" for the defaults.
 std::string sample_line(uint32_t program, const std::string &kind, const std::string &control,

@@ -71,7 +71,8 @@ TEST(ClientTable, IsBounded) {
     ClientList list;
     for (uint32_t i = 0; i < CLIENTS_MAX; ++i) {
         ListedHost client = client_at("10.0.0.0", "x");
-        client.address.ipv4.sin_addr.s_addr = htonl(0x0a000000 + i);
+        const uint32_t network = i / CLIENTS_OF_NETWORK_MAX;
+        client.address.ipv4.sin_addr.s_addr = htonl(0x0a000000 + (network << 16) + i % CLIENTS_OF_NETWORK_MAX);
         ASSERT_TRUE(list.enter(client));
     }
     EXPECT_FALSE(list.enter(client_at("192.168.0.1", "late")));
@@ -266,6 +267,7 @@ TEST_F(ClientFile, FullListAtItsLongestIsReadBack) {
         text = std::string(255, 'x');
     for (uint32_t i = 0; i < CLIENTS_MAX; ++i) {
         client.address.ipv6.sin6_addr.s6_addr32[3] = 0xfdfd0000 + i;
+        client.address.ipv6.sin6_addr.s6_addr[5] = static_cast<uint8_t>(100 + i / CLIENTS_OF_NETWORK_MAX);
         ASSERT_TRUE(list.enter(client));
     }
     ASSERT_TRUE(write_client_file(name(), list));
@@ -289,4 +291,43 @@ TEST_F(ClientFile, CutOffAtAnyByteGivesNoMoreThanItHolds) {
         read(list);
         EXPECT_LE(list.clients().size(), 2u);
     }
+}
+
+TEST(ClientTable, OneNetworkGetsItsShareOfTheListAndNoMore) {
+    ClientList list;
+    const auto enter = [&](uint32_t ipv4) {
+        ListedHost client;
+        client.address.ipv4.sin_family = AF_INET;
+        client.address.ipv4.sin_addr.s_addr = htonl(ipv4);
+        return list.enter(std::move(client));
+    };
+    uint32_t entered = 0;
+    while (enter(0x0a010000U + entered))
+        ++entered;
+    EXPECT_EQ(entered, uint32_t{CLIENTS_OF_NETWORK_MAX});
+    EXPECT_TRUE(enter(0x0a010000U)) << "who is there may come again";
+    EXPECT_TRUE(enter(0x0a020000U)) << "another network has its own";
+    uint32_t of_loopback = 0;
+    while (enter(0x7f000001U + 0x10000U * of_loopback))
+        ++of_loopback;
+    EXPECT_EQ(of_loopback, uint32_t{CLIENTS_OF_LOOPBACK_MAX});
+}
+
+TEST(ClientTable, OnlyWhatIsNewIsWorthWriting) {
+    ClientList list;
+    auto client = client_at("10.0.0.1", "one");
+    client.registry_time = 100'000;
+    list.enter(client);
+    list.note_saved();
+    client.registry_time += CLIENT_TIME_KEPT_S - 1;
+    list.enter(client);
+    EXPECT_FALSE(list.has_changed());
+    EXPECT_EQ(list.clients().front().registry_time, client.registry_time) << "but told";
+    client.texts[CLIENT_REGION] = "lab";
+    list.enter(client);
+    EXPECT_TRUE(list.has_changed());
+    list.note_saved();
+    client.registry_time += CLIENT_TIME_KEPT_S;
+    list.enter(client);
+    EXPECT_TRUE(list.has_changed());
 }

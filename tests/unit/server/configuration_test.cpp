@@ -277,3 +277,43 @@ TEST(SystemNames, TakeNumbersAsTheyAreAndKnowRoot) {
 }
 
 } // namespace
+
+TEST_F(ConfigurationFile, AccessLinesStandInTheirOrder) {
+    const auto result = parse_configuration("access 10.1.0.0/16 read,write\naccess fd00::7 administer # one\n"
+                                            "access any none\n",
+                                            names);
+    EXPECT_THAT(result.errors, IsEmpty());
+    ASSERT_EQ(result.configuration.access.size(), 3u);
+    EXPECT_EQ(result.configuration.access[0].bits, 112u) << "of the address in its IPv6 wrapping";
+    EXPECT_EQ(result.configuration.access[0].rights, uint32_t{ACCESS_READ} | uint32_t{ACCESS_WRITE});
+    EXPECT_EQ(result.configuration.access[1].bits, 128u);
+    EXPECT_EQ(result.configuration.access[1].rights, uint32_t{ACCESS_ADMINISTER});
+    EXPECT_EQ(result.configuration.access[2].bits, 0u);
+    EXPECT_EQ(result.configuration.access[2].rights, 0u);
+}
+
+TEST_F(ConfigurationFile, AccessLineThatIsWrongIsRefusedInWords) {
+    const std::string how = "Access is written: access ADDRESS[/BITS] RIGHT[,RIGHT...]";
+    EXPECT_THAT(told_of_line("access any"), ElementsAre(failure(how.c_str())));
+    EXPECT_THAT(told_of_line("access any read write"), ElementsAre(failure(how.c_str())));
+    const std::string place = "An access line names an address, ADDRESS/BITS or any: ";
+    for (const std::string wrong : {"host7", "10.1.2", "10.1.2.3.4", "/8", "all"})
+        EXPECT_THAT(told_of_line("access " + wrong + " read"), ElementsAre(failure((place + wrong + " read").c_str())));
+    const std::string bits = "An address has no such number of bits: ";
+    for (const std::string wrong : {"10.0.0.0/33", "10.0.0.0/", "10.0.0.0/-1", "10.0.0.0/8x", "::/129"})
+        EXPECT_THAT(told_of_line("access " + wrong + " read"), ElementsAre(failure((bits + wrong + " read").c_str())));
+    for (const std::string wrong : {"10.0.0.1/8", "fd00::1/64", "10.0.0.0/4"})
+        EXPECT_THAT(told_of_line("access " + wrong + " read"),
+                    ElementsAre(failure(("The address has bits beyond its prefix: " + wrong + " read").c_str())));
+    const std::string rights =
+        "Access is none, or some of read, register, write and administer with commas between them: ";
+    for (const std::string wrong : {"root", "read,", ",read", "read,none", "READ"})
+        EXPECT_THAT(told_of_line("access any " + wrong), ElementsAre(failure((rights + "any " + wrong).c_str())));
+}
+
+TEST_F(ConfigurationFile, AccessLinesAreBounded) {
+    std::string text;
+    for (int i = 0; i < CONFIG_ACCESS_LINES_MAX + 1; ++i)
+        text += "access any read\n";
+    EXPECT_THAT(told(text), ElementsAre(failure("Too many access lines", CONFIG_ACCESS_LINES_MAX + 1)));
+}

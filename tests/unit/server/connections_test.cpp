@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 
 #include <server/rpc/tcp_endpoint.h>
+#include <tests/unit/server/open_guard.h>
 
 using namespace velia::server;
 
@@ -160,6 +161,7 @@ protected:
     size_t large_replies = 0;
     Dispatcher dispatcher{program,
                           3,
+                          server_tests::open_guard,
                           {{ping, false, false, this, refuse},
                            {long_work, false, false, this, leave_unanswered},
                            {large_reply, false, false, this, answer_at_length}}};

@@ -1,5 +1,6 @@
 // What a call comes to, by its procedure: answered, refused, or left to whoever works on it.
 #include <server/rpc/serve.h>
+#include <tests/unit/server/open_guard.h>
 
 #include <cstring>
 #include <stdexcept>
@@ -113,7 +114,7 @@ protected:
     }
 
     Owner owner;
-    Dispatcher dispatcher{RVZD_PROGRAM, RVZD_VERSION, owner.rows()};
+    Dispatcher dispatcher{RVZD_PROGRAM, RVZD_VERSION, server_tests::open_guard, owner.rows()};
     std::vector<MessageBytes> replies;
 };
 

@@ -88,6 +88,27 @@ TEST_F(RegistryTest, ATagIsThereOnceInEachRegion) {
     EXPECT_EQ(add(RGY_DB_VIEW_TAG, "-tag=/vaults/src;-region=r1;"), TBS_ST_OK);
 }
 
+// A writer that looked before another one wrote, and asked for its stamps after it, has to look again.
+TEST_F(RegistryTest, ASettingThatStandsMakesItsWriterStale) {
+    ASSERT_EQ(add(RGY_DB_SITE_CONFIG, "-name=fl_site_name;-value=a;"), TBS_ST_OK);
+    EXPECT_EQ(add(RGY_DB_SITE_CONFIG, "-name=fl_site_name;-value=b;"), TBS_ST_STALE_ID);
+    EXPECT_EQ(add(RGY_DB_SITE_CONFIG, "-name=other;-value=b;"), TBS_ST_OK);
+    EXPECT_EQ(registry->count(RGY_DB_SITE_CONFIG), 2u);
+}
+
+TEST_F(RegistryTest, TheOldFormOfASettingStandsBesideItsPairOnce) {
+    ASSERT_EQ(add(RGY_DB_SITE_CONFIG, "-default_viewsize=2048000;"), TBS_ST_OK);
+    EXPECT_EQ(add(RGY_DB_SITE_CONFIG, "-default_viewsize=2048001;"), TBS_ST_STALE_ID);
+    EXPECT_EQ(add(RGY_DB_SITE_CONFIG, "-name=view_cache_size;-value=2048000;"), TBS_ST_OK);
+    EXPECT_EQ(add(RGY_DB_SITE_CONFIG, "-name=view_cache_size;-value=2048001;"), TBS_ST_STALE_ID);
+    EXPECT_EQ(add(RGY_DB_SITE_CONFIG, "-name=;-default_viewsize=2048001;"), TBS_ST_STALE_ID);
+    EXPECT_EQ(add(RGY_DB_SITE_CONFIG, "-title=nobody's;"), TBS_ST_OK);
+    EXPECT_EQ(add(RGY_DB_SITE_CONFIG, "-title=nobody's;"), TBS_ST_OK);
+    EXPECT_EQ(add(RGY_DB_DOMAINS, "-default_viewsize=1;"), TBS_ST_OK);
+    EXPECT_EQ(add(RGY_DB_DOMAINS, "-default_viewsize=1;"), TBS_ST_OK);
+    EXPECT_EQ(registry->count(RGY_DB_SITE_CONFIG), 4u);
+}
+
 TEST_F(RegistryTest, WhatWasRemovedMayBeAddedAgainUnderAnotherNumber) {
     ASSERT_EQ(add(RGY_DB_REGIONS, "-name=r1;"), TBS_ST_OK);
     const auto first = registry->fetch(all_of(RGY_DB_REGIONS), 0, {1, 8000}).records.at(0);

@@ -13,6 +13,7 @@
 #include <server/registry/remote_source.h>
 #include <server/rpc/serve.h>
 #include <server/rpc/tcp_endpoint.h>
+#include <tests/unit/server/open_guard.h>
 #include <veliaxdr/rgy_wire.h>
 
 using namespace velia::server;
@@ -134,7 +135,7 @@ private:
     uint16_t port_ = 0;
     uv_loop_t loop_ = {};
     uv_async_t end_ = {};
-    Dispatcher dispatcher_{RVZD_PROGRAM, RVZD_VERSION, rows()};
+    Dispatcher dispatcher_{RVZD_PROGRAM, RVZD_VERSION, server_tests::open_guard, rows()};
     std::unique_ptr<TcpEndpoint> endpoint_;
     std::thread thread_;
 };

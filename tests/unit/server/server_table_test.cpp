@@ -179,7 +179,7 @@ TEST_F(ServerRegistration, OfWhatIsNoServerIsRefused) {
     const auto is_refused = [&](const ServerTable::RegisterRequest &request) {
         return table.register_server(request, now) == TBS_ST_ERROR && table.processes().empty();
     };
-    const ServerTable::RegisterRequest good = {udp_trait, uuid(1), "/a", ports(), 50};
+    const ServerTable::RegisterRequest good = {udp_trait, uuid(1), "/a", ports(), 50, user};
     for (const int32_t pid : {-1, 0, 1}) {
         auto request = good;
         request.pid = pid;
@@ -281,3 +281,39 @@ TEST_F(ServerReports, SchedInfoKeepsTheLatestOfEachKindUpToABound) {
 }
 
 } // namespace
+
+TEST_F(FindServer, ConfiguredProgramIsServedByItsOwnUsersProcessesAlone) {
+    auto of_another = service();
+    of_another.user = geteuid() + 7;
+    configure({of_another});
+    launcher.existing = {50, 51};
+    user = geteuid() + 8;
+    EXPECT_EQ(register_server(50), TBS_ST_ERROR);
+    user = geteuid();
+    EXPECT_EQ(register_server(50), TBS_ST_ERROR) << "nor by the daemon's";
+    user = geteuid() + 7;
+    EXPECT_EQ(register_server(51, 4321), TBS_ST_OK);
+    EXPECT_EQ(port_of(find()), 4321u);
+}
+
+TEST_F(FindServer, WhoRegistersLaterTakesNoClientsFromOthers) {
+    launcher.existing = {50, 60, 40};
+    user = geteuid() + 1;
+    register_server(60, 6000);
+    user = geteuid() + 2;
+    register_server(50, 5000);
+    EXPECT_EQ(port_of(find()), 6000u);
+    user = geteuid();
+    register_server(40, 4000);
+    EXPECT_EQ(port_of(find()), 4000u) << "the administrator's goes first";
+}
+
+TEST_F(FindServer, ProcessOfAnotherUserHasNothingOfItsNumbersFormerOwner) {
+    launcher.existing = {50};
+    user = geteuid() + 1;
+    register_server(50, 5000, tcp_trait);
+    user = geteuid() + 2;
+    register_server(50, 5001, udp_trait);
+    EXPECT_EQ(table.processes().at(50).registrations.size(), 1u);
+    EXPECT_EQ(status_of(find("", 0, tcp_trait)), TBS_ST_NOT_FOUND);
+}

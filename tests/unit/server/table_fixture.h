@@ -3,6 +3,7 @@
 
 #include <map>
 #include <set>
+#include <unistd.h>
 
 #include <arpa/inet.h>
 
@@ -98,7 +99,7 @@ protected:
 
     tbs_status_t register_server(int32_t pid, uint32_t port = 4000, const rvzd_rpc_trait_t &trait = udp_trait,
                                  const std::string &path = "", uint8_t uuid_number = 0) {
-        return table.register_server({trait, uuid(uuid_number), path, ports(port), pid}, now);
+        return table.register_server({trait, uuid(uuid_number), path, ports(port), pid, user}, now);
     }
     velia::server::ProcessState state(int32_t pid) const { return table.processes().at(pid).state; }
     bool is_known(int32_t pid) const { return table.processes().contains(pid); }
@@ -123,6 +124,7 @@ protected:
     }
 
     FakeLauncher launcher;
+    uid_t user = geteuid(); // whose the processes are that register
     velia::server::ServerTable table{launcher};
     velia::server::Moment now = 1'000'000;
     size_t question_count = 0;

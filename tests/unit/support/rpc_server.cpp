@@ -2,11 +2,14 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 
 #include <arpa/inet.h>
 #include <poll.h>
 #include <rpc/rpc_msg.h>
 #include <unistd.h>
+
+#include <common/local_road.h>
 
 namespace {
 
@@ -53,7 +56,24 @@ RpcServer::RpcServer(int family, int type, Answer answer, const char *ipv4_addre
     socklen_t length = sysutl_sockaddr_size(&address_.base);
     must(bind(socket_, &address_.base, length) == 0);
     must(getsockname(socket_, &address_.base, &length) == 0);
-    must(type == SOCK_DGRAM || listen(socket_, 16) == 0);
+    begin();
+}
+
+RpcServer::RpcServer(const std::string &root, const ks_sockaddr_storage_t &address, Answer answer)
+    : address_(address), type_(SOCK_STREAM), answer_(std::move(answer)) {
+    const std::string directory = root + "/" + velia::local_road_directory;
+    char name[velia::local_road_name_size];
+    must(velia::local_road_name(&address.base, name));
+    std::filesystem::create_directories(directory);
+    std::filesystem::remove(directory + "/" + name);
+    const velia::LocalRoadAddress place(directory.c_str(), name);
+    socket_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    must(bind(socket_, place.get(), place.length()) == 0);
+    begin();
+}
+
+void RpcServer::begin() {
+    must(type_ == SOCK_DGRAM || listen(socket_, 16) == 0);
     must(pipe(orders_) == 0);
     thread_ = std::thread([this] { serve(); });
 }

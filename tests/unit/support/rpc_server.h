@@ -19,6 +19,9 @@ public:
 
     // Listens on the loopback address of `family` (IPv4: on `ipv4_address`) for datagrams or connections.
     RpcServer(int family, int type, Answer answer = echo, const char *ipv4_address = "127.0.0.1");
+    // Listens in the site's directory for callers of the host who want the broker at `address`, or, with the wildcard
+    // address, at any.
+    RpcServer(const std::string &root, const ks_sockaddr_storage_t &address, Answer answer = echo);
     ~RpcServer();
     RpcServer(const RpcServer &) = delete;
     RpcServer &operator=(const RpcServer &) = delete;
@@ -35,6 +38,7 @@ public:
     static bool echo(const rpc_msg &call, XDR *arguments, XDR *results);
 
 private:
+    void begin();
     void serve();
     void obey();
     void take_datagram();

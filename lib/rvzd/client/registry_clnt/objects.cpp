@@ -3,6 +3,7 @@
 
 #include <rvzd/client/registry_clnt/bindings.h>
 #include <rvzd/client/registry_clnt/registry_clnt.h>
+#include <rvzd/client/registry_clnt/stale_passes.h>
 #include <support/strutl.h>
 #include <veliaxdr/rgy_fetch.h>
 #include <veliaxdr/rgy_manage.h>
@@ -11,8 +12,6 @@ using namespace velia;
 using namespace velia::registry_clnt;
 
 namespace {
-
-constexpr int tries_max = 10;
 
 // What is registered. Null texts and a null second uuid have no item.
 struct Object {
@@ -59,6 +58,7 @@ constexpr UuidItem uuid_items[] = {
 struct Try {
     tbs_status_t status;
     const char *step;
+    bool is_stale = false;
 };
 constexpr Try done = {TBS_ST_OK, nullptr};
 
@@ -137,14 +137,12 @@ void drop_stale(rgy_entry_t *&entry) {
         print_failed("rgy_delete_entry", status);
 }
 
-Try try_until_not_stale(const Object &object, rgy_entry_t *&entry) {
-    Try result = done;
-    for (int tries = 0; tries < tries_max; ++tries) {
-        result = try_once(object, entry);
-        if (result.status != TBS_ST_STALE_ID || entry == nullptr)
-            break;
+// Without an entry it was no add that said so.
+Try try_and_drop_stale(const Object &object, rgy_entry_t *&entry) {
+    Try result = try_once(object, entry);
+    result.is_stale = result.status == TBS_ST_STALE_ID && entry != nullptr;
+    if (result.is_stale)
         drop_stale(entry);
-    }
     return result;
 }
 
@@ -160,7 +158,8 @@ tbs_status_t add_object(const Object &object) {
     return with_release(
         [&] {
             const auto result = with_lock(
-                cache_lock, [&] { return try_until_not_stale(object, entry); }, nothing);
+                cache_lock, [&] { return until_not_stale([&] { return try_and_drop_stale(object, entry); }); },
+                nothing);
             if (result.step != nullptr)
                 print_failed(result.step, result.status);
             return result.status;

@@ -11,19 +11,22 @@
 
 #include <support/ks.h>
 
+#include <common/local_road.h>
+
 #include "../rpc_server.h"
+#include "../test_site.h"
 
 namespace {
 
 constexpr int calls = 50;
-constexpr uint32_t program = 390600;
+constexpr uint32_t usual_program = 390600;
 
 // Between two of these the calls are made.
 void mark() {
     syscall(SYS_getppid);
 }
 
-[[noreturn]] void make_calls(const sockaddr *address, int type) {
+[[noreturn]] void make_calls(const sockaddr *address, int type, uint32_t program) {
     int socket_fd = -1;
     CLIENT *client = type == SOCK_DGRAM ? ks_clntudp_create_sockaddr(address, program, 1, 3, 0, &socket_fd)
                                         : ks_clnttcp_create_sockaddr(address, program, 1, &socket_fd, 0, 0);
@@ -74,12 +77,16 @@ int total(const std::map<long, int> &counts) {
     return sum;
 }
 
-std::map<long, int> counts_of(int type) {
-    const RpcServer server(AF_INET, type);
+std::map<long, int> counts_of(int type, const sockaddr *address, uint32_t program) {
     const pid_t child = fork();
     if (child == 0)
-        make_calls(server.address(), type);
+        make_calls(address, type, program);
     return trace(child);
+}
+
+std::map<long, int> counts_of(int type) {
+    const RpcServer server(AF_INET, type);
+    return counts_of(type, server.address(), usual_program);
 }
 
 std::string told(const std::map<long, int> &counts) {
@@ -103,4 +110,19 @@ TEST(SystemCalls, OfATcpCallAreThree) {
     const auto counts = counts_of(SOCK_STREAM);
     EXPECT_LT(total(counts), calls * 7 / 2) << told(counts);
     EXPECT_GE(total(counts), calls * 3) << told(counts);
+}
+
+// Whatever transport the client was made for, and that of connections, too: sending tells their end.
+TEST(SystemCalls, OfACallToTheBrokerOfThisHostAreTwo) {
+    const TestSite site;
+    for (const int type : {SOCK_DGRAM, SOCK_STREAM}) {
+        const RpcServer nobody(AF_INET, type);
+        ks_sockaddr_storage_t address;
+        sysutl_copy_sockaddr(&address, nobody.address());
+        const RpcServer broker(site.path(""), address);
+        const auto counts = counts_of(type, nobody.address(), velia::local_road_program);
+        EXPECT_LT(total(counts), calls * 5 / 2) << told(counts);
+        EXPECT_GE(total(counts), calls * 2) << told(counts);
+        EXPECT_EQ(nobody.calls(), 0u);
+    }
 }

@@ -1,0 +1,198 @@
+// Between fork and exec the child calls only what may be called there: the system. All that takes storage is done
+// before. What goes wrong there comes back over a pipe that exec closes.
+#include <server/broker/service_process.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
+#include <string_view>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <server/loop/unique_fd.h>
+
+namespace velia::server {
+
+namespace {
+
+constexpr mode_t usual_umask = 022;
+constexpr int groups_at_first = 64;
+constexpr const char *usual_path = "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+
+constexpr std::string_view kept_names[] = {"LANG", "LANGUAGE", "TZ", "NO_COLOR"};
+constexpr std::string_view kept_beginnings[] = {
+    "LC_",   "VELIA_", "IRONVALE_", "IVL_",   "IVLWEB_",
+#ifdef VELIA_CHECK_INVARIANTS // what programs under test are told by whoever tests them
+    "ASAN_", "LSAN_",  "TSAN_",     "UBSAN_", "GCOV_",
+#endif
+};
+
+bool is_kept(std::string_view variable) {
+    const auto name = variable.substr(0, variable.find('='));
+    return std::ranges::find(kept_names, name) != std::end(kept_names) ||
+           std::ranges::any_of(kept_beginnings,
+                               [&](std::string_view beginning) { return name.starts_with(beginning); });
+}
+
+std::vector<gid_t> groups_of(const char *name, gid_t group) {
+    std::vector<gid_t> groups(groups_at_first);
+    auto count = static_cast<int>(groups.size());
+    if (getgrouplist(name, group, groups.data(), &count) < 0) {
+        groups.resize(static_cast<size_t>(count));
+        getgrouplist(name, group, groups.data(), &count);
+    }
+    groups.resize(static_cast<size_t>(count));
+    return groups;
+}
+
+std::vector<char *> pointers_to(const std::vector<std::string> &words) {
+    std::vector<char *> pointers;
+    pointers.reserve(words.size() + 1);
+    for (const auto &word : words)
+        pointers.push_back(const_cast<char *>(word.c_str())); // exec only reads
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+// The system's own calls: those of the C library would have other threads do the same.
+bool take_account(const Account &account) {
+    return account.is_daemons || (syscall(SYS_setgroups, account.groups.size(), account.groups.data()) == 0 &&
+                                  syscall(SYS_setresgid, account.group, account.group, account.group) == 0 &&
+                                  syscall(SYS_setresuid, account.user, account.user, account.user) == 0);
+}
+
+// Out of the way of the numbers that they are to have, and then to these.
+bool take_descriptors(const std::vector<int> &descriptors, std::vector<int> &moved, int error_pipe) {
+    const auto count = static_cast<int>(descriptors.size());
+    for (size_t i = 0; i < descriptors.size(); ++i)
+        if ((moved[i] = fcntl(descriptors[i], F_DUPFD_CLOEXEC, count)) < 0)
+            return false;
+    if (error_pipe < count)
+        return false;
+    for (int i = 0; i < count; ++i)
+        if (dup2(moved[static_cast<size_t>(i)], i) < 0)
+            return false;
+    return close_range(static_cast<unsigned>(count), ~0U, CLOSE_RANGE_CLOEXEC) == 0 || errno == ENOSYS;
+}
+
+void forget_signals() {
+    struct sigaction usual = {};
+    usual.sa_handler = SIG_DFL;
+    for (int number = 1; number < NSIG; ++number)
+        sigaction(number, &usual, nullptr);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+struct Prepared {
+    std::vector<char *> words;
+    std::vector<char *> environment;
+    std::vector<int> moved;
+};
+
+[[noreturn]] void become(const ProcessRequest &request, Prepared &prepared, int error_pipe) {
+    forget_signals();
+    umask(usual_umask);
+    if (take_descriptors(request.descriptors, prepared.moved, error_pipe) && take_account(request.account))
+        execve(prepared.words.front(), prepared.words.data(), prepared.environment.data());
+    const int error_number = errno;
+    [[maybe_unused]] const ssize_t told = write(error_pipe, &error_number, sizeof error_number);
+    _exit(EXIT_FAILURE);
+}
+
+// Signals wait meanwhile: the child would run the daemon's handlers for its own.
+pid_t fork_undisturbed(const ProcessRequest &request, Prepared &prepared, int error_pipe) {
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    const pid_t pid = fork();
+    if (pid == 0)
+        become(request, prepared, error_pipe);
+    const int error_number = errno;
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    errno = error_number;
+    return pid;
+}
+
+// 0 once exec has closed the pipe.
+int error_from(int error_pipe) {
+    int error_number = 0;
+    ssize_t count = 0;
+    do
+        count = read(error_pipe, &error_number, sizeof error_number);
+    while (count < 0 && errno == EINTR);
+    return count == static_cast<ssize_t>(sizeof error_number) ? error_number : 0;
+}
+
+} // namespace
+
+std::optional<Account> account_of(const Service &service) {
+    Account account;
+    account.user = service.user.value_or(geteuid());
+    account.group = service.group.value_or(getegid());
+    account.is_daemons = account.user == geteuid() && account.group == getegid();
+    const passwd *entry = getpwuid(account.user);
+    if (entry != nullptr) {
+        account.name = entry->pw_name;
+        account.home = entry->pw_dir;
+        account.shell = entry->pw_shell;
+    }
+    if (account.user == geteuid() && !service.group)
+        return account;
+    account.is_daemons = false;
+    if (!service.group && entry == nullptr)
+        return std::nullopt;
+    if (!service.group)
+        account.group = entry->pw_gid;
+    account.groups = {account.group};
+    if (!account.name.empty() && account.user != 0)
+        account.groups = groups_of(std::string(account.name).c_str(), account.group);
+    return account;
+}
+
+std::vector<std::string> environment_of(const Account &account) {
+    std::vector<std::string> variables = {usual_path, "HOME=" + account.home, "SHELL=" + account.shell};
+    if (!account.name.empty())
+        variables.insert(variables.end(), {"USER=" + account.name, "LOGNAME=" + account.name});
+    for (char **variable = environ; *variable != nullptr; ++variable)
+        if (is_kept(*variable))
+            variables.emplace_back(*variable);
+    return variables;
+}
+
+pid_t start_process(const ProcessRequest &request, int *error_number) {
+    Prepared prepared = {pointers_to(request.words), pointers_to(request.environment),
+                         std::vector<int>(request.descriptors.size())};
+    std::array<int, 2> ends = {};
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+        *error_number = errno;
+        return -1;
+    }
+    const UniqueFd reader(ends[0]);
+    UniqueFd writer(ends[1]);
+    // Beyond the numbers that are given out.
+    UniqueFd error_pipe(fcntl(writer.get(), F_DUPFD_CLOEXEC, static_cast<int>(request.descriptors.size())));
+    writer.reset();
+    const pid_t pid = error_pipe ? fork_undisturbed(request, prepared, error_pipe.get()) : -1;
+    *error_number = errno;
+    if (pid < 0)
+        return -1;
+    error_pipe.reset();
+    *error_number = error_from(reader.get());
+    if (*error_number == 0)
+        return pid;
+    waitpid(pid, nullptr, 0);
+    return -1;
+}
+
+} // namespace velia::server

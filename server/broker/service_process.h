@@ -1,0 +1,40 @@
+// Making the process of a service: as who its line says, with that user's groups and no others, with an environment of
+// its own, and with no descriptor but those that it is given.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <server/config/service.h>
+
+namespace velia::server {
+
+// As whom a service runs.
+struct Account {
+    bool is_daemons = true; // nothing is changed
+    uid_t user = 0;
+    gid_t group = 0;
+    std::vector<gid_t> groups;
+    std::string name; // empty: the user has no entry
+    std::string home = "/";
+    std::string shell = "/bin/sh";
+};
+
+// Without a group of its own in the line a service has its user's: none, where the user has no entry to tell it.
+std::optional<Account> account_of(const Service &service);
+
+// Of the daemon's environment what the system's own programs and this suite go by; who the user is, and the usual path.
+std::vector<std::string> environment_of(const Account &account);
+
+struct ProcessRequest {
+    const std::vector<std::string> &words; // the program's path first
+    const std::vector<std::string> &environment;
+    const Account &account;
+    const std::vector<int> &descriptors; // in the process 0, 1, 2 ...
+};
+
+// The number of the process that runs the program by now; negative, with the reason in *error_number, for none.
+pid_t start_process(const ProcessRequest &request, int *error_number);
+
+} // namespace velia::server

@@ -1,0 +1,425 @@
+// Who may do what: every row of the table of rights, asked for by everybody; and attacks that once succeeded.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <grp.h>
+#include <poll.h>
+#include <sstream>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <server/rights/rights.h>
+#include <server/rpc/reply_rate.h>
+#include <tests/system/support/client.h>
+#include <tests/system/support/daemon.h>
+#include <tests/system/support/registry_calls.h>
+#include <tests/system/support/registry_file.h>
+#include <tests/system/support/speaker.h>
+
+using namespace velia;
+using namespace velia::system_test;
+using server::Right;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace {
+
+constexpr uid_t user_of_daemon = 12345;
+constexpr uid_t other_user = 12346;
+constexpr uint32_t program = 390600;
+constexpr const char *trusted_address = "127.0.0.6";
+constexpr const char *other_address = "127.0.0.5";
+
+struct TrustTest : testing::Test {
+    Site site;
+    std::unique_ptr<Daemon> daemon;
+
+    void SetUp() override {
+        if (getuid() != 0)
+            GTEST_SKIP() << "only root can be other users";
+        site.write("host/config/rgy_svr.conf", "master");
+        site.write("host/config/rgy_hosts.conf", "alpha\n\n");
+        site.configure(std::string("access ") + trusted_address + " read,register,write,administer\n");
+    }
+    void serve(uid_t user, const std::vector<std::string> &arguments = {}) {
+        Child::Options options;
+        options.user = user;
+        site.write("daemon-1.out", "");
+        site.give_to(user);
+        daemon = std::make_unique<Daemon>(site, arguments, options);
+        ASSERT_TRUE(daemon->is_ready()) << daemon->output();
+    }
+};
+
+// One who asks, and what it may have.
+struct Asker {
+    uid_t user;
+    SpeaksOver road;
+    std::string from;
+    Claims claims;
+
+    bool is_known() const { return road == SpeaksOver::HOST; }
+    bool may(Right right) const {
+        const bool is_trusted = from == trusted_address;
+        switch (right) {
+        case Right::write:
+            return (is_known() || is_trusted) && claims == Claims::ROOT;
+        case Right::report:
+            return is_known();
+        case Right::administer:
+            return is_known() ? user == 0 || user == user_of_daemon : is_trusted;
+        default:
+            return true;
+        }
+    }
+    std::string text() const {
+        return "user " + std::to_string(user) + ", road " + std::to_string(static_cast<int>(road)) + " from " + from +
+               ", claims " + std::to_string(static_cast<int>(claims));
+    }
+};
+
+std::vector<Asker> everybody() {
+    std::vector<Asker> askers;
+    for (const Claims claims : {Claims::NOTHING, Claims::NOBODY, Claims::ROOT}) {
+        for (const uid_t user : {uid_t{0}, user_of_daemon, other_user})
+            askers.push_back({user, SpeaksOver::HOST, "the host", claims});
+        for (const SpeaksOver road : {SpeaksOver::UDP, SpeaksOver::TCP})
+            for (const char *from : {"127.0.0.1", other_address, trusted_address})
+                for (const uid_t user : {uid_t{0}, other_user})
+                    askers.push_back({user, road, from, claims});
+    }
+    return askers;
+}
+
+template <class Request>
+Request request_for(const server::RightsRow &row, int32_t pid) {
+    Request request = {};
+    if constexpr (requires { request.op; })
+        request.op = row.operation;
+    if constexpr (requires { request.pid; })
+        request.pid = pid;
+    return request;
+}
+
+// What was answered otherwise than the table says.
+std::string surprises(const Site &site, const Asker &asker) {
+    std::ostringstream told;
+    const Speaker speaker(site, asker.road, asker.claims, asker.from == "the host" ? "127.0.0.1" : asker.from);
+    const auto judge = [&](const server::RightsRow &row, const char *subject, tbs_status_t status, bool is_permitted) {
+        if (status == -1 || (status != TBS_ST_NO_ACCESS) != is_permitted)
+            told << asker.text() << ": " << row.name << " " << row.operation_name << subject << ": " << status << "\n";
+    };
+    for (const auto &row : server::rights_rows)
+        for_each_procedure([&](const auto &procedure) {
+            if (procedure.number != row.procedure)
+                return;
+            using Request = decltype(procedure.empty_request());
+            judge(row, " of itself", speaker.ask(procedure, request_for<Request>(row, getpid())), asker.may(row.right));
+            if (row.right == Right::report)
+                judge(row, " of its parent", speaker.ask(procedure, request_for<Request>(row, getppid())), false);
+        });
+    return told.str();
+}
+
+rvzd_registry_clnt_conf_req_t host_change(char *host) {
+    return {{}, RGY_PROTOCOL_VERSION, RGY_CONF_SET_HOST, host};
+}
+
+rvzd_register_server_req_t registration(uint32_t of_program, uint32_t port, int32_t pid) {
+    rvzd_register_server_req_t request = {};
+    request.trait = {of_program, 1, RVZD_PROTOCOL_UDP};
+    request.ports = {1, {{AF_INET, port}, {0, 0}}};
+    request.pid = pid;
+    return request;
+}
+
+} // namespace
+
+TEST_F(TrustTest, EveryRowOfTheTableIsKeptForEverybody) {
+    serve(user_of_daemon);
+    for (const Asker &asker : everybody()) {
+        EXPECT_THAT(told_as(asker.user, [&] { return surprises(site, asker); }), IsEmpty());
+        // Who may give the registry up did; the role's file still says master.
+        daemon->signal(SIGHUP);
+        ASSERT_TRUE(eventually([&] {
+            const Speaker speaker(site, SpeaksOver::HOST, Claims::NOTHING);
+            return speaker.ask(procedures::rgy_get_id, {}) == TBS_ST_OK;
+        }));
+    }
+}
+
+// Where the owner of a closed socket was looked up, it was root.
+TEST_F(TrustTest, ACallerWhoClosesItsSocketAtOnceIsNobody) {
+    serve(0);
+    char evil[] = "evil";
+    for (const SpeaksOver road : {SpeaksOver::HOST, SpeaksOver::UDP, SpeaksOver::TCP})
+        for (const Claims claims : {Claims::NOTHING, Claims::NOBODY, Claims::ROOT})
+            told_as(other_user, [&] {
+                for (int i = 0; i < 20; ++i) {
+                    const Speaker speaker(site, road, claims);
+                    speaker.send(speaker.call(procedures::rgy_clnt_conf_change, host_change(evil)));
+                    speaker.send(speaker.call(procedures::rgy_svr_conf_change,
+                                              {{}, RGY_PROTOCOL_VERSION, RGY_CONF_DEMOTE, evil}));
+                }
+                return "";
+            });
+    const Speaker after(site, SpeaksOver::HOST, Claims::NOTHING);
+    EXPECT_EQ(after.ask(procedures::rgy_get_id, {}), TBS_ST_OK) << "the registry was given up";
+    EXPECT_EQ(site.read("host/config/rgy_hosts.conf"), "alpha\n\n");
+}
+
+// The daemon's own socket stood in the table under the port from which the call came.
+TEST_F(TrustTest, ACallerAtTheDaemonsOwnPortIsNobody) {
+    serve(0, {"--listen", "127.0.0.1"});
+    char evil[] = "evil";
+    for (const SpeaksOver road : {SpeaksOver::UDP, SpeaksOver::TCP})
+        EXPECT_EQ(told_as(other_user,
+                          [&] {
+                              const Speaker speaker(site, road, Claims::ROOT, "127.0.0.9", site.port());
+                              return std::to_string(speaker.ask(procedures::rgy_clnt_conf_change, host_change(evil)));
+                          }),
+                  std::to_string(TBS_ST_NO_ACCESS));
+    EXPECT_EQ(site.read("host/config/rgy_hosts.conf"), "alpha\n\n");
+}
+
+TEST_F(TrustTest, NoProcessReportsInTheNameOfAnother) {
+    site.configure("udp resident 390600 1 - - - " SAMPLE_SERVER " --prog 390600\n");
+    serve(0);
+    ASSERT_TRUE(eventually([] { return echo("alpha", program, RVZD_PROTOCOL_UDP, "x") == "x"; })) << daemon->output();
+    const pid_t server_pid = daemon->started().at(0);
+    const auto told = told_as(other_user, [&] {
+        std::ostringstream statuses;
+        for (const SpeaksOver road : {SpeaksOver::HOST, SpeaksOver::UDP, SpeaksOver::TCP}) {
+            const Speaker speaker(site, road, Claims::ROOT);
+            statuses << speaker.ask(procedures::server_idle, {{}, server_pid, 1}) << " "
+                     << speaker.ask(procedures::server_busy, {{}, server_pid, {}}) << " "
+                     << speaker.ask(procedures::register_server, registration(program, 4000, server_pid)) << " ";
+        }
+        return statuses.str();
+    });
+    std::string refused;
+    for (int i = 0; i < 9; ++i)
+        refused += std::to_string(TBS_ST_NO_ACCESS) + " ";
+    EXPECT_EQ(told, refused);
+    EXPECT_EQ(echo("alpha", program, RVZD_PROTOCOL_UDP, "x"), "x");
+    EXPECT_EQ(daemon->started().size(), 1U) << "it was ended: " << daemon->output();
+}
+
+// Of itself anybody may report, but not as a program that the configuration gives to another user.
+TEST_F(TrustTest, AConfiguredProgramIsNotServedByAnotherUsersProcess) {
+    site.configure(sample_line(program, "shared", "-"));
+    serve(0);
+    const auto register_both = [&] {
+        const Speaker speaker(site, SpeaksOver::HOST, Claims::NOTHING);
+        const auto configured = speaker.ask(procedures::register_server, registration(program, 4000, getpid()));
+        const auto own = speaker.ask(procedures::register_server, registration(program + 1, 4000, getpid()));
+        return std::to_string(configured) + " " + std::to_string(own);
+    };
+    EXPECT_EQ(told_as(other_user, register_both), std::to_string(TBS_ST_ERROR) + " 0");
+    EXPECT_EQ(told_as(0, register_both), "0 0") << "the daemon's user";
+}
+
+TEST_F(TrustTest, AReloadTakesAProgramFromWhoMayNotServeItAnyMore) {
+    site.configure("");
+    serve(0);
+    std::array<int, 2> until = {};
+    ASSERT_EQ(pipe2(until.data(), O_CLOEXEC), 0);
+    const pid_t squatter = fork();
+    if (squatter == 0) {
+        close(until[1]);
+        char end = 0;
+        const bool is_changed = setgroups(0, nullptr) == 0 && setgid(other_user) == 0 && setuid(other_user) == 0;
+        const Speaker speaker(site, SpeaksOver::HOST, Claims::NOTHING);
+        speaker.ask(procedures::register_server, registration(program, 4000, getpid()));
+        _exit(is_changed && read(until[0], &end, 1) == 0 ? EXIT_SUCCESS : EXIT_FAILURE);
+    }
+    const Handle handle;
+    ASSERT_TRUE(eventually([&] { return find(handle, program).status == TBS_ST_OK; }));
+    site.configure(sample_line(program, "shared", "-"));
+    daemon->signal(SIGHUP);
+    EXPECT_TRUE(eventually([] { return echo("alpha", program, RVZD_PROTOCOL_UDP, "x") == "x"; })) << daemon->output();
+    close(until[1]);
+    close(until[0]);
+    int status = 0;
+    ASSERT_EQ(waitpid(squatter, &status, 0), squatter);
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(TrustTest, ClaimsChangeNothingOverIp) {
+    site.configure("");
+    serve(0);
+    char evil[] = "evil";
+    char entry[] = "-name=evil;";
+    for (const SpeaksOver road : {SpeaksOver::UDP, SpeaksOver::TCP}) {
+        const Speaker speaker(site, road, Claims::ROOT);
+        EXPECT_EQ(speaker.ask(procedures::rgy_set_backup, {{}, RGY_PROTOCOL_VERSION, evil}), TBS_ST_NO_ACCESS);
+        rvzd_registry_add_req_t addition = {};
+        addition.flex_text = entry;
+        EXPECT_EQ(speaker.ask(procedures::rgy_add_entry, addition), TBS_ST_NO_ACCESS);
+        EXPECT_EQ(speaker.ask(procedures::rgy_remove_entry, {}), TBS_ST_NO_ACCESS);
+    }
+    EXPECT_EQ(names_of(RGY_DB_REGIONS), std::vector<std::string>{});
+}
+
+// A right of the line that was, and is not any more after a reload.
+TEST_F(TrustTest, AccessLinesAreReadAgain) {
+    serve(0);
+    char hosts[] = "beta";
+    const Speaker speaker(site, SpeaksOver::TCP, Claims::NOTHING, trusted_address);
+    const auto set_backup = [&] { return speaker.ask(procedures::rgy_set_backup, {{}, RGY_PROTOCOL_VERSION, hosts}); };
+    EXPECT_EQ(set_backup(), TBS_ST_OK);
+    site.configure("access 127.0.0.0/8 none\n");
+    daemon->signal(SIGHUP);
+    EXPECT_TRUE(eventually([&] { return set_backup() == TBS_ST_NO_ACCESS; }));
+    EXPECT_EQ(speaker.ask(procedures::list_servers, {}), TBS_ST_NO_ACCESS);
+    EXPECT_EQ(speaker.ask(procedures::contact, {{}, RVZD_PROTOCOL_CURRENT}), TBS_ST_OK);
+    EXPECT_EQ(Handle("alpha", RVZD_PROTOCOL_UDP).status(), TBS_ST_OK) << "of callers of the host no line says anything";
+}
+
+TEST_F(TrustTest, ABackupHostIsNotAcceptedByAStandbyWhichWouldForgetIt) {
+    serve(0); // has a registry to serve, which a standby without a copy has not
+    daemon.reset();
+    site.write("host/config/rgy_svr.conf", "standby");
+    serve(0);
+    char hosts[] = "beta";
+    const Speaker speaker(site, SpeaksOver::HOST, Claims::ROOT);
+    ASSERT_EQ(speaker.ask(procedures::rgy_get_id, {}), TBS_ST_OK);
+    EXPECT_EQ(speaker.ask(procedures::rgy_set_backup, {{}, RGY_PROTOCOL_VERSION, hosts}), TBS_ST_NO_SERVER);
+}
+
+// A record that one process begins and another ends would be of either.
+TEST_F(TrustTest, ARecordOfTwoSendersIsNotTaken) {
+    serve(0);
+    char evil[] = "evil";
+    const Speaker speaker(site, SpeaksOver::HOST, Claims::ROOT);
+    const Bytes call = speaker.call(procedures::rgy_clnt_conf_change, host_change(evil));
+    const auto half = static_cast<ptrdiff_t>(call.size() / 2);
+    EXPECT_EQ(told_as(other_user,
+                      [&] { return speaker.send(Bytes(call.begin(), call.begin() + half)) ? "sent" : "not sent"; }),
+              "sent");
+    speaker.send(Bytes(call.begin() + half, call.end()));
+    EXPECT_EQ(speaker.ask(procedures::rgy_get_id, {}), -1) << "the connection is ended";
+    EXPECT_EQ(site.read("host/config/rgy_hosts.conf"), "alpha\n\n");
+}
+
+// What a process says on a connection that another user made is its own word.
+TEST_F(TrustTest, AConnectionOfRootsGivesNobodyElseItsRights) {
+    serve(0);
+    char evil[] = "evil";
+    const Speaker speaker(site, SpeaksOver::HOST, Claims::ROOT);
+    ASSERT_EQ(speaker.ask(procedures::rgy_get_id, {}), TBS_ST_OK);
+    EXPECT_EQ(told_as(other_user,
+                      [&] { return std::to_string(speaker.ask(procedures::rgy_clnt_conf_change, host_change(evil))); }),
+              std::to_string(TBS_ST_NO_ACCESS));
+}
+
+TEST_F(TrustTest, DescriptorsThatAreSentAlongAreNotTaken) {
+    serve(0);
+    const auto descriptors = [&] {
+        const std::filesystem::directory_iterator all("/proc/" + std::to_string(daemon->pid()) + "/fd");
+        return std::distance(begin(all), end(all));
+    };
+    const Speaker speaker(site, SpeaksOver::HOST, Claims::NOTHING);
+    ASSERT_EQ(speaker.ask(procedures::rgy_get_id, {}), TBS_ST_OK);
+    const auto before = descriptors();
+    for (int i = 0; i < 20; ++i) {
+        Bytes call = speaker.call(procedures::rgy_get_id, {});
+        iovec bytes = {call.data(), call.size()};
+        alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> room = {};
+        msghdr header = {};
+        header.msg_iov = &bytes;
+        header.msg_iovlen = 1;
+        header.msg_control = room.data();
+        header.msg_controllen = room.size();
+        cmsghdr *first = CMSG_FIRSTHDR(&header);
+        first->cmsg_level = SOL_SOCKET;
+        first->cmsg_type = SCM_RIGHTS;
+        first->cmsg_len = CMSG_LEN(sizeof(int));
+        const int passed = STDIN_FILENO;
+        memcpy(CMSG_DATA(first), &passed, sizeof passed);
+        ASSERT_GT(sendmsg(speaker.fd(), &header, MSG_NOSIGNAL), 0);
+    }
+    const Speaker other(site, SpeaksOver::HOST, Claims::NOTHING);
+    ASSERT_EQ(other.ask(procedures::rgy_get_id, {}), TBS_ST_OK);
+    EXPECT_LE(descriptors(), before + 1);
+}
+
+TEST_F(TrustTest, ARootDirectoryHasOneDaemon) {
+    serve(0);
+    const Daemon second(site, {"--port", std::to_string(site.port() + 1)});
+    EXPECT_FALSE(second.is_ready());
+    EXPECT_THAT(second.output(), HasSubstr("already running"));
+    EXPECT_EQ(Handle("alpha", RVZD_PROTOCOL_UDP).status(), TBS_ST_OK) << "the first has kept its sockets";
+}
+
+// Whoever could put a socket there would be taken for the daemon.
+TEST_F(TrustTest, ADirectoryOfAnotherUserIsNotTaken) {
+    std::filesystem::create_directories(site.path("host/run"));
+    ASSERT_EQ(chown(site.path("host/run").c_str(), other_user, other_user), 0);
+    const Daemon wrong(site);
+    EXPECT_FALSE(wrong.is_ready());
+    EXPECT_THAT(wrong.output(), HasSubstr("belongs to somebody else"));
+    std::filesystem::remove(site.path("host/run"));
+    std::filesystem::create_directories(site.path("elsewhere"));
+    std::filesystem::create_directory_symlink(site.path("elsewhere"), site.path("host/run"));
+    EXPECT_FALSE(Daemon(site).is_ready());
+}
+
+TEST_F(TrustTest, ADirectoryThatOthersCouldWriteToIsTightenedAndTold) {
+    std::filesystem::create_directories(site.path("host/run"));
+    std::filesystem::permissions(site.path("host/run"), std::filesystem::perms::all);
+    const Daemon careful(site);
+    ASSERT_TRUE(careful.is_ready()) << careful.output();
+    EXPECT_THAT(careful.output(), HasSubstr("Others could write to"));
+    EXPECT_EQ(std::filesystem::status(site.path("host/run")).permissions(), std::filesystem::perms(0755));
+}
+
+// A server whose support layer is its own, as one is that knows of no socket of this host: it reports over IP.
+TEST_F(TrustTest, AServerThatTheDaemonStartedMayReportOverIp) {
+    std::filesystem::create_directories(site.path("far"));
+    std::filesystem::create_directory_symlink(site.path("config"), site.path("far/config"));
+    site.configure("udp resident 390600 1 - - - /bin/sh -c \"VELIA_ROOT=" + site.path("far") +
+                   " exec " SAMPLE_SERVER " --prog 390600 $1\" sh\n");
+    serve(0);
+    EXPECT_TRUE(eventually([] { return echo("alpha", program, RVZD_PROTOCOL_UDP, "x") == "x"; })) << daemon->output();
+    const pid_t server_pid = daemon->started().at(0);
+    for (const SpeaksOver road : {SpeaksOver::UDP, SpeaksOver::TCP}) {
+        const Speaker speaker(site, road, Claims::ROOT);
+        EXPECT_EQ(speaker.ask(procedures::server_idle, {{}, server_pid, 1}), TBS_ST_NO_ACCESS) << "another's socket";
+    }
+}
+
+// A made-up sender would have been sent a hundred times what it sent.
+TEST_F(TrustTest, LargeRepliesGoToOneNetworkAtABoundedRateOverUdpAlone) {
+    serve(0);
+    fill_registry(site, RGY_DB_REGIONS, 1000);
+    rvzd_registry_get_req_t listing = {};
+    listing.db = RGY_DB_REGIONS;
+    listing.max_entries = 1000;
+    const Speaker victim(site, SpeaksOver::UDP, Claims::NOTHING);
+    const auto begun = std::chrono::steady_clock::now();
+    size_t received = 0;
+    Bytes reply(65536);
+    for (int i = 0; i < 200; ++i) {
+        ASSERT_TRUE(victim.send(victim.call(procedures::rgy_get_entry, listing)));
+        pollfd readable = {victim.fd(), POLLIN, 0};
+        if (poll(&readable, 1, 2) > 0)
+            received += static_cast<size_t>(recv(victim.fd(), reply.data(), reply.size(), 0));
+    }
+    const auto lasted_ms =
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begun);
+    EXPECT_GT(received, size_t{server::REPLY_RATE_SHARE_BYTES} / 2);
+    EXPECT_LT(received, size_t{server::REPLY_RATE_SHARE_BYTES} +
+                            static_cast<size_t>(lasted_ms.count() + 1) * server::REPLY_RATE_BYTES_PER_MS);
+    const Speaker small(site, SpeaksOver::UDP, Claims::NOTHING);
+    EXPECT_EQ(small.ask(procedures::contact, {{}, RVZD_PROTOCOL_CURRENT}), TBS_ST_OK);
+    const Speaker over_tcp(site, SpeaksOver::TCP, Claims::NOTHING);
+    for (int i = 0; i < 50; ++i)
+        ASSERT_EQ(over_tcp.ask(procedures::rgy_get_entry, listing), TBS_ST_OK) << i;
+}
