@@ -1,11 +1,13 @@
 // rvzd_server, the rendezvous daemon: from the command line to the loop and out again.
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <fcntl.h>
 #include <iostream>
+#include <optional>
 #include <string>
 
 #include <arpa/inet.h>
@@ -14,6 +16,7 @@
 #include <server/daemon/background.h>
 #include <server/daemon/command_line.h>
 #include <server/daemon/daemon.h>
+#include <server/daemon/log.h>
 #include <server/daemon/private_files.h>
 #include <server/messages.h>
 #include <server/registry/copy.h>
@@ -89,7 +92,8 @@ uint16_t port_of(const CommandLine &line) {
     return ntohs(port);
 }
 
-void serve(const CommandLine &line, Listeners listeners, const Configuration &configuration, Background &background) {
+void serve(const CommandLine &line, Listeners listeners, const Configuration &configuration, Background &background,
+           Log &log) {
     const ServiceManager manager;
     const PidFile pid_file(line.pid_file);
     print_listeners(listeners);
@@ -99,6 +103,7 @@ void serve(const CommandLine &line, Listeners listeners, const Configuration &co
         Loop loop;
         Daemon daemon(loop.get(), std::move(listeners), line.config_file, configuration, manager);
         print(IMSG_PLAIN, MSG_UP_AND_RUNNING);
+        log.flush(); // whoever waits for us finds it said
         background.came_up();
         send_ready_fd(line.ready_fd);
         manager.send_ready();
@@ -136,7 +141,7 @@ int set_registry_password() {
     return EXIT_SUCCESS;
 }
 
-int run(CommandLine &line) {
+int run(CommandLine &line, std::optional<Log> &log) {
     if (line.set_registry_password)
         return set_registry_password();
     if (line.copy_registry) {
@@ -167,7 +172,8 @@ int run(CommandLine &line) {
     Background background;
     if (!line.foreground && !background.enter())
         return EXIT_FAILURE;
-    serve(line, std::move(*listeners), read.configuration, background);
+    log.emplace();
+    serve(line, std::move(*listeners), read.configuration, background, *log);
     return EXIT_SUCCESS;
 }
 
@@ -179,10 +185,12 @@ int main(int argc, char **argv) {
     close_descriptors_on_exec();
     CommandLine line;
     int exit_status = EXIT_FAILURE;
+    std::optional<Log> log;   // until the last message
+    signal(SIGXFSZ, SIG_IGN); // what a file cannot hold is the trouble of whoever wanted it written
     try {
         if (!parse_command_line(argc, argv, line, exit_status))
             return exit_status;
-        exit_status = run(line);
+        exit_status = run(line, log);
     } catch (const std::exception &error) {
         imsg_print(IMSG_ERROR, "%s\n", IMSG_FORMAT, error.what());
     }

@@ -1,6 +1,7 @@
 // Positions in the broker's message table that the daemon prints; the library's own are in <veliaxdr/rvzd_messages.h>.
 #pragma once
 
+#include <server/loop/line_rate.h>
 #include <veliaxdr/rvzd_messages.h>
 
 namespace velia::server {
@@ -61,6 +62,13 @@ enum Message : int {
 template <class... Arguments>
 void print(int severity, int position, Arguments... arguments) {
     imsg_print(severity, &_rvzd_rvzd_msg_table, position, arguments...);
+}
+
+// The same of what any stranger may cause, as often as he likes: too many are left out, and counted.
+template <class... Arguments>
+void print_of_stranger(int severity, int position, Arguments... arguments) {
+    if (may_tell_of_stranger())
+        print(severity, position, arguments...);
 }
 
 } // namespace velia::server

@@ -32,6 +32,8 @@ int log_descriptor = -1;
 bool is_inside_a_line; // the log, or without one standard error, after its last message
 imsg_sink_t message_sink;
 void *sink_context;
+imsg_writer_t message_writer;
+void *writer_context;
 
 void lock_printer() {
     velia::support::free_in_children(printer_lock);
@@ -150,6 +152,13 @@ void append_time(Output &output) {
     output.append(text);
 }
 
+void write_out(int descriptor, const Output &output) {
+    if (message_writer != nullptr)
+        message_writer(writer_context, descriptor, output.bytes, output.length);
+    else
+        write_all(descriptor, output.bytes, output.length);
+}
+
 // Heads every line by the time; a message without a newline leaves its line to be continued.
 void write_to_log(const Output &message) {
     Output lines = {};
@@ -162,7 +171,7 @@ void write_to_log(const Output &message) {
         is_inside_a_line = end == nullptr;
         at = stop;
     }
-    write_all(log_descriptor, lines.bytes, lines.length);
+    write_out(log_descriptor, lines);
     free(lines.bytes);
 }
 
@@ -170,7 +179,7 @@ void write_to_log(const Output &message) {
 void write_to_stream(int severity, const Output &message) {
     fflush(severity == IMSG_PLAIN || severity == IMSG_PROGRESS ? stdout : stderr);
     const int descriptor = stream_descriptor(severity);
-    write_all(descriptor, message.bytes, message.length);
+    write_out(descriptor, message);
     if (descriptor == STDERR_FILENO && message.length > 0)
         is_inside_a_line = message.bytes[message.length - 1] != '\n';
 }
@@ -304,12 +313,14 @@ void imsg_set_app_name(const char *name) {
     pthread_mutex_unlock(&printer_lock);
 }
 
-// A descriptor in use is replaced in place, so that no message meets a closed one.
+// A descriptor in use is replaced in place, so that no message meets a closed one. A pipe that nobody reads is refused,
+// and not waited for.
 int imsg_init_daemon(const char *log_path) {
     constexpr mode_t log_mode = 0640;
-    const int opened = open(log_path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, log_mode);
+    const int opened = open(log_path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, log_mode);
     if (opened < 0)
         return errno;
+    fcntl(opened, F_SETFL, O_APPEND);
     lock_printer();
     if (log_descriptor < 0) {
         log_descriptor = opened;
@@ -325,4 +336,11 @@ int imsg_init_daemon(const char *log_path) {
 void imsg_set_sink(imsg_sink_t sink, void *context) {
     message_sink = sink;
     sink_context = context;
+}
+
+void imsg_set_writer(imsg_writer_t writer, void *context) {
+    lock_printer();
+    message_writer = writer;
+    writer_context = context;
+    pthread_mutex_unlock(&printer_lock);
 }

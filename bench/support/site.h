@@ -24,6 +24,7 @@ public:
 
     uint16_t port() const { return port_; }
     const std::string &root() const { return root_; }
+    pid_t pid() const { return daemon_; }
     static constexpr const char *host = "bench-host";
     static constexpr uint32_t sample_program = 390600;
 

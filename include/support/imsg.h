@@ -124,6 +124,13 @@ typedef void (*imsg_sink_t)(void *context, int severity, const char *subsystem, 
                             const char *text);
 void imsg_set_sink(imsg_sink_t sink, void *context);
 
+/*
+ * What writes messages to their stream or to the log, headed as they are, instead of the printer, which waits until the
+ * descriptor takes them; null restores that. It is called by one thread at a time, and must not print.
+ */
+typedef void (*imsg_writer_t)(void *context, int descriptor, const char *bytes, size_t size);
+void imsg_set_writer(imsg_writer_t writer, void *context);
+
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }

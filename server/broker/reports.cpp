@@ -19,10 +19,10 @@ std::string ports_text(const rvzd_server_port_list_t &ports) {
 
 void print_invalid(const ServerTable::RegisterRequest &request) {
     std::array<char, TBS_UUID_STR_SIZE> uuid;
-    print(IMSG_WARNING, MSG_INVALID_REGISTER, static_cast<unsigned>(request.trait.prog),
-          static_cast<int>(request.trait.vers), static_cast<int>(request.trait.proto),
-          tbs_uuid_to_str(&request.uuid, uuid.data()), printable(request.path).c_str(), static_cast<int>(request.pid),
-          ports_text(request.ports).c_str());
+    print_of_stranger(IMSG_WARNING, MSG_INVALID_REGISTER, static_cast<unsigned>(request.trait.prog),
+                      static_cast<int>(request.trait.vers), static_cast<int>(request.trait.proto),
+                      tbs_uuid_to_str(&request.uuid, uuid.data()), printable(request.path).c_str(),
+                      static_cast<int>(request.pid), ports_text(request.ports).c_str());
 }
 
 void trace_register(const ServerTable::RegisterRequest &request) {
@@ -103,8 +103,8 @@ tbs_status_t ServerTable::register_server(const RegisterRequest &request, Moment
     std::erase_if(registrations, [&](const Registration &known) {
         const bool is_same = same_trait(known.trait, request.trait);
         if (is_same && known.path != request.path)
-            print(IMSG_WARNING, MSG_USED_TO_BE, static_cast<int>(request.pid), printable(request.path).c_str(),
-                  printable(known.path).c_str());
+            print_of_stranger(IMSG_WARNING, MSG_USED_TO_BE, static_cast<int>(request.pid),
+                              printable(request.path).c_str(), printable(known.path).c_str());
         return is_same;
     });
     registrations.push_back({++last_cookie_, request.trait, request.uuid, request.path, request.ports});
@@ -130,7 +130,7 @@ tbs_status_t ServerTable::report_idle(int32_t pid, bool may_end, Moment now) {
     const Step step(*this);
     Process *process = find_process(pid);
     if (process == nullptr) {
-        print(IMSG_WARNING, MSG_IDLE_FROM_UNKNOWN, static_cast<int>(pid));
+        print_of_stranger(IMSG_WARNING, MSG_IDLE_FROM_UNKNOWN, static_cast<int>(pid));
         return TBS_ST_NOT_FOUND;
     }
     process->has_reported = true;
@@ -148,7 +148,7 @@ tbs_status_t ServerTable::report_busy(int32_t pid, Moment now) {
     const Step step(*this);
     Process *process = find_process(pid);
     if (process == nullptr) {
-        print(IMSG_WARNING, MSG_BUSY_FROM_UNKNOWN, static_cast<int>(pid));
+        print_of_stranger(IMSG_WARNING, MSG_BUSY_FROM_UNKNOWN, static_cast<int>(pid));
         return TBS_ST_NOT_FOUND;
     }
     process->has_reported = true;
@@ -170,7 +170,7 @@ tbs_status_t ServerTable::add_alternate_uuid(int32_t pid, const tbs_uuid_t &uuid
         return TBS_ST_OK;
     if (process->alternate_uuids.size() >= ALTERNATE_UUIDS_MAX) {
         std::array<char, TBS_UUID_STR_SIZE> text;
-        print(IMSG_ERROR, MSG_UUID_TABLE_FULL, tbs_uuid_to_str(&uuid, text.data()), static_cast<int>(pid));
+        print_of_stranger(IMSG_ERROR, MSG_UUID_TABLE_FULL, tbs_uuid_to_str(&uuid, text.data()), static_cast<int>(pid));
         return TBS_ST_ERROR;
     }
     process->alternate_uuids.push_back(uuid);

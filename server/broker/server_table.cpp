@@ -21,10 +21,10 @@ void answer_status(const FindDone &done, tbs_status_t status) {
 
 void print_unknown(const FindRequest &request) {
     std::array<char, TBS_UUID_STR_SIZE> uuid;
-    print(IMSG_WARNING, MSG_UNKNOWN_SERVER, static_cast<unsigned>(request.trait.prog),
-          static_cast<int>(request.trait.vers), static_cast<int>(request.trait.proto),
-          tbs_uuid_to_str(&request.uuid, uuid.data()), printable(request.path).c_str(),
-          client_name(request.client).c_str());
+    print_of_stranger(IMSG_WARNING, MSG_UNKNOWN_SERVER, static_cast<unsigned>(request.trait.prog),
+                      static_cast<int>(request.trait.vers), static_cast<int>(request.trait.proto),
+                      tbs_uuid_to_str(&request.uuid, uuid.data()), printable(request.path).c_str(),
+                      client_name(request.client).c_str());
 }
 
 bool is_started(const Process &process) {
@@ -51,10 +51,10 @@ void print_mismatch(Match match, const Process &process, const FindRequest &requ
     tbs_uuid_to_str(&request.uuid, uuid.data());
     const auto name = process.name();
     if (match == Match::wrong_uuid)
-        print(IMSG_WARNING, MSG_WRONG_UUID, name.c_str(), printable(request.path).c_str(), uuid.data());
+        print_of_stranger(IMSG_WARNING, MSG_WRONG_UUID, name.c_str(), printable(request.path).c_str(), uuid.data());
     else if (match == Match::wrong_path)
-        print(IMSG_WARNING, MSG_WRONG_PATH, client_name(request.client).c_str(), name.c_str(), uuid.data(),
-              printable(request.path).c_str());
+        print_of_stranger(IMSG_WARNING, MSG_WRONG_PATH, client_name(request.client).c_str(), name.c_str(), uuid.data(),
+                          printable(request.path).c_str());
 }
 
 } // namespace
@@ -77,6 +77,14 @@ size_t ServerTable::waiter_count() const {
     for (const auto &[pid, process] : processes_)
         count += process.waiters.size();
     return count;
+}
+
+size_t ServerTable::waiter_count_of(const Sender::Host &host) const {
+    ptrdiff_t count = 0;
+    for (const auto &[pid, process] : processes_)
+        count += std::count_if(process.waiters.begin(), process.waiters.end(),
+                               [&](const Waiter &waiter) { return host_of(waiter.request.client) == host; });
+    return static_cast<size_t>(count);
 }
 
 // A program of the configuration is served by what the daemon starts, and by the user as whom it would.
@@ -183,7 +191,7 @@ void ServerTable::find_in_service(const ServicePointer &service, const FindReque
     if (is_shutting_down_ || !service->may_start(now))
         return answer_status(done, TBS_ST_ERROR);
     if (count_of(service) >= service->service.control.processes_max || processes_.size() >= PROCESSES_MAX) {
-        print(IMSG_WARNING, MSG_TOO_FEW_SERVERS, service->service.path.c_str());
+        print_of_stranger(IMSG_WARNING, MSG_TOO_FEW_SERVERS, service->service.path.c_str());
         return answer_status(done, TBS_ST_ERROR);
     }
     process = start(service, request, now);
@@ -200,7 +208,7 @@ void ServerTable::serve(Process &process, const FindRequest &request, Moment now
     const int64_t start_ms = int64_t{process.service->service.control.start_s} * 1000;
     if (is_started(process) && now - process.started >= start_ms)
         return answer_status(done, TBS_ST_ERROR);
-    if (waiter_count() >= WAITERS_MAX)
+    if (waiter_count() >= WAITERS_MAX || waiter_count_of(host_of(request.client)) >= HOST_WAITERS_MAX)
         return answer_status(done, TBS_ST_TRY_AGAIN);
     if (imsg_get_desired_verbosity() >= 1 && imsg_should_trace("xdr/rvzd", 1))
         print(IMSG_TRACE, MSG_WAITING);

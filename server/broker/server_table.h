@@ -13,7 +13,8 @@ namespace velia::server {
 
 enum {
     PROCESSES_MAX = 4096,
-    WAITERS_MAX = 1024,     // of all processes; beyond it a find is answered with TBS_ST_TRY_AGAIN
+    WAITERS_MAX = 1024,     // of all processes; beyond it a find is answered with TBS_ST_TRY_AGAIN,
+    HOST_WAITERS_MAX = 256, // and beyond this, one of a host that has so many
     SERVER_PATH_MAX = 1023, // a longer one would not fit the records of a server list
 };
 
@@ -96,6 +97,7 @@ private:
                const FindDone &done);
     uint32_t count_of(const ServicePointer &service) const;
     size_t waiter_count() const;
+    size_t waiter_count_of(const Sender::Host &host) const;
 
     // Reports, in reports.cpp.
     Process *find_process(int32_t pid);

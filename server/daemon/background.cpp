@@ -18,6 +18,8 @@ namespace {
 constexpr int first_own_fd = 3;
 constexpr int descriptors_looked_at = 1024;
 
+std::string redirected_log; // where messages go, if not to the terminal
+
 [[noreturn]] void wait_for_child(int fd) {
     char word = 0;
     ssize_t count = 0;
@@ -73,16 +75,24 @@ bool Background::enter() {
 }
 
 bool redirect_to_log(const std::string &name) {
-    const auto path = log_path(name);
+    redirected_log = log_path(name);
+    const char *path = redirected_log.c_str();
     const UniqueFd fd(open_private_log(path));
-    if (!fd || imsg_init_daemon(path.c_str()) != 0) {
-        imsg_print_shared(IMSG_ERROR, "xdr/rvzd", &_tbs_cmsg_tbs_msg_table, TBS_MSG_CANNOT_OPEN, path.c_str(),
-                          imsg_strerror(errno));
+    const int error_number = !fd ? errno : imsg_init_daemon(path);
+    if (error_number != 0) {
+        imsg_print_shared(IMSG_ERROR, "xdr/rvzd", &_tbs_cmsg_tbs_msg_table, TBS_MSG_CANNOT_OPEN, path,
+                          imsg_strerror(error_number));
         return false;
     }
+    fcntl(fd.get(), F_SETFL, O_APPEND); // servers write to it, too
     dup2(fd.get(), STDOUT_FILENO);
     dup2(fd.get(), STDERR_FILENO);
     return true;
+}
+
+void reopen_log() {
+    if (!redirected_log.empty())
+        redirect_to_log(std::string(redirected_log));
 }
 
 void close_descriptors_on_exec() {

@@ -28,6 +28,9 @@ private:
 // "/" is a file of the log directory. False: it cannot be written, and that is told.
 bool redirect_to_log(const std::string &name);
 
+// Opens that file again by its name, which may be another one by now. What cannot be opened is told in the former.
+void reopen_log();
+
 // Marks every descriptor beyond the standard ones to be closed on exec: servers inherit what they are given, and
 // nothing that the daemon was given by its own parent.
 void close_descriptors_on_exec();

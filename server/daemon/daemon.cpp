@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstring>
 
+#include <server/daemon/background.h>
 #include <server/hosts/client_file.h>
 #include <server/messages.h>
 #include <server/rights/socket_owner.h>
@@ -66,6 +67,7 @@ Daemon::Daemon(uv_loop_t *loop, Listeners listeners, std::string config_file, co
         signals_.push_back(std::make_unique<SignalHandle>(loop, signal_number, [this] { stop(); }));
     watch_role();
     apply(configuration);
+    registry_.take_role_at_once();
 }
 
 // The role's file is written in place: it is looked at when its writer has had time to finish.
@@ -81,7 +83,6 @@ void Daemon::watch_role() {
 void Daemon::apply(const Configuration &configuration) {
     gate_.set_access(configuration.access);
     registry_.set_copy_interval(configuration.options.registry_copy_s);
-    registry_.take_role();
     const uint32_t protocol = configuration.options.protocol;
     auto procedures = broker_procedures_.rows(protocol);
     for (const auto &more : {host_procedures_.rows(protocol), registry_procedures_.rows()})
@@ -109,11 +110,14 @@ void Daemon::reload() {
     if (stop_requests_ > 0)
         return;
     manager_.send_reloading();
+    reopen_log();
     const auto result = read_configuration(config_file_, system_names());
-    if (result.errors.empty())
+    if (result.errors.empty()) {
         apply(result.configuration);
-    else
+        registry_.take_role();
+    } else {
         print_configuration_errors(config_file_, result.errors);
+    }
     manager_.send_ready();
 }
 

@@ -70,11 +70,19 @@ bool secure_private_files() {
 }
 
 int open_private_log(const std::string &path) {
-    const int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW, private_mode);
+    const int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW | O_NONBLOCK,
+                        private_mode); // a pipe that nobody reads is refused, and not waited for
     struct stat status = {};
     if (fd >= 0 && fstat(fd, &status) == 0 && is_loose(status) && fchmod(fd, status.st_mode & private_mode) == 0)
         print_loose(path, status.st_mode);
     return fd;
+}
+
+void share_with_host(const char *config_file) {
+    constexpr mode_t public_mode = 0644;
+    std::array<char, TBS_PATH_SIZE> path;
+    if (tbs_product_host_config_dir(path.data(), config_file) == TBS_ST_OK)
+        chmod(path.data(), public_mode);
 }
 
 } // namespace velia::server

@@ -19,16 +19,8 @@ bool secure_private_files();
 // told and tightened. -1 with errno.
 int open_private_log(const std::string &path);
 
-// For files that all users of the host read.
-class PublicUmask {
-public:
-    PublicUmask() : before_(umask(022)) {}
-    ~PublicUmask() { umask(before_); }
-    PublicUmask(const PublicUmask &) = delete;
-    PublicUmask &operator=(const PublicUmask &) = delete;
-
-private:
-    mode_t before_;
-};
+// Lets all users of the host read a file of its configuration that was just written. The mask is the whole process's,
+// and other threads make files meanwhile.
+void share_with_host(const char *config_file);
 
 } // namespace velia::server

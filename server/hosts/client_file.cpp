@@ -125,19 +125,24 @@ void read_lines(TextFile &file, const std::string &file_name, ClientList &list) 
     print(IMSG_PLAIN, CLNT_LIST_MSG_READ_LINES, entries, file_name.c_str());
 }
 
-// The first line; false, and said, for a version that is not known.
-bool read_version(TextFile &file, const std::string &file_name) {
+enum class Version { known, another, unreadable };
+
+// Of the first line; said, where it is not the known one.
+Version read_version(TextFile &file, const std::string &file_name) {
     TextLine line = {};
     const FileOutcome outcome = file.next_line(line);
-    if (outcome == FileOutcome::too_large || outcome == FileOutcome::unreadable)
-        return print_failed_read(file_name, file, outcome);
+    if (outcome == FileOutcome::too_large || outcome == FileOutcome::unreadable) {
+        print_failed_read(file_name, file, outcome);
+        return Version::unreadable;
+    }
     std::string_view version(line.text, line.length);
     const bool has_version = version.starts_with(version_line) && version.ends_with(';');
     version = has_version ? version.substr(version_line.size(), version.size() - version_line.size() - 1)
                           : std::string_view("none");
-    if (version != known_version)
-        print(IMSG_ERROR, CLNT_LIST_MSG_UNKNOWN_VERSION, std::string(version).c_str());
-    return version == known_version;
+    if (version == known_version)
+        return Version::known;
+    print(IMSG_ERROR, CLNT_LIST_MSG_UNKNOWN_VERSION, std::string(version).c_str());
+    return has_version ? Version::another : Version::unreadable;
 }
 
 // Closed also when memory runs out on the way.
@@ -175,12 +180,18 @@ void read_client_file(const std::string &file_name, ClientList &list) {
         return;
     }
     const std::unique_ptr<TextFile, FileCloser> closer(&file);
-    if (read_version(file, file_name))
-        read_lines(file, file_name, list);
+    switch (read_version(file, file_name)) {
+    case Version::known:
+        return read_lines(file, file_name, list);
+    case Version::another:
+        return list.withhold();
+    case Version::unreadable:
+        return;
+    }
 }
 
 bool write_client_file(const std::string &file_name, ClientList &list) {
-    if (!list.has_changed())
+    if (!list.has_changed() || list.is_withheld())
         return true;
     const std::string new_name = file_name + ".new";
     const std::string old_name = file_name + ".old";

@@ -15,7 +15,8 @@ enum class LineFault { none, invalid_entry, invalid_address, duplicate_address }
 LineFault parse_client_line(std::string_view line, ListedHost &client);
 
 // Enters what the file says. A missing file is an empty list, and one of another version is not read; nor is one that
-// is no regular file, or larger than any that is written, which is told and never waited for.
+// is no regular file, or larger than any that is written, which is told and never waited for. What a file of another
+// version says is not known, and so the list is withheld from then on, and never written over it.
 void read_client_file(const std::string &file_name, ClientList &list);
 
 // Writes the list if it has changed, and keeps the file before it with ".old" behind its name. False, and told, when

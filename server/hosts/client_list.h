@@ -65,11 +65,16 @@ public:
     bool has_changed() const { return has_changed_; }
     void note_saved() { has_changed_ = false; }
 
+    // There are others, of which nothing is known: the list is neither told nor saved.
+    void withhold() { is_withheld_ = true; }
+    bool is_withheld() const { return is_withheld_; }
+
 private:
     std::vector<ListedHost> clients_;
     std::map<std::string, size_t> by_address_;
     std::map<AddressBytes, size_t> of_network_; // how many
     bool has_changed_ = false;
+    bool is_withheld_ = false;
 };
 
 std::string numeric_address(const ks_sockaddr_storage_t &address);

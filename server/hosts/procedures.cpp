@@ -106,6 +106,8 @@ std::vector<ServedProcedure> HostProcedures::rows(uint32_t protocol) {
 template <bool is_v70>
 tbs_status_t HostProcedures::get(const rvzd_clnt_list_get_req_t &request, const Caller &caller,
                                  Reply<rvzd_clnt_list_get_reply_t> &reply) {
+    if (list_.is_withheld())
+        return TBS_ST_UNSUPPORTED;
     auto &entries = reply.arena.keep(std::vector<clnt_entry_t>());
     const auto &clients = list_.clients();
     const size_t bytes_max = caller.transport == RVZD_PROTOCOL_UDP ? udp_piece_bytes_max : tcp_piece_bytes_max;
@@ -129,6 +131,8 @@ tbs_status_t HostProcedures::get(const rvzd_clnt_list_get_req_t &request, const 
 template <bool is_v70>
 tbs_status_t HostProcedures::look_up(const rvzd_clnt_list_lookup_req_t &request, const Caller & /*caller*/,
                                      Reply<rvzd_clnt_list_lookup_reply_t> &reply) {
+    if (list_.is_withheld())
+        return TBS_ST_UNSUPPORTED;
     const ListedHost *client = list_.find(request.hostname != nullptr ? request.hostname : "");
     if (client == nullptr || !can_tell(*client, is_v70))
         return TBS_ST_NOT_FOUND;

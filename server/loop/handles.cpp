@@ -3,6 +3,11 @@
 
 #include <ctime>
 #include <stdexcept>
+#include <string>
+#include <utility>
+
+#include <server/loop/line_rate.h>
+#include <support/imsg.h>
 
 namespace velia::server {
 
@@ -28,12 +33,18 @@ void close_state(State *state) {
 
 } // namespace
 
+void no_memory_for_event() {
+    if (may_tell_of_stranger())
+        imsg_print(IMSG_ERROR, "There is no memory for what has come.\n", IMSG_FORMAT);
+}
+
 struct PollHandle::State {
     uv_poll_t handle;
     EventTarget target;
+    int events; // that are watched
 };
 
-PollHandle::PollHandle(uv_loop_t *loop, int fd, EventTarget target) : state_(new State{{}, target}) {
+PollHandle::PollHandle(uv_loop_t *loop, int fd, EventTarget target) : state_(new State{{}, target, 0}) {
     const int code = uv_poll_init(loop, &state_->handle, fd);
     if (code != 0) {
         delete state_;
@@ -48,12 +59,16 @@ PollHandle::~PollHandle() {
 }
 
 void PollHandle::watch(int events) {
+    if (std::exchange(state_->events, events) == events)
+        return; // to begin it anew costs two system calls
     if (events == 0) {
         uv_poll_stop(&state_->handle);
         return;
     }
     uv_poll_start(&state_->handle, events, [](uv_poll_t *handle, int status, int ready) {
         auto *state = static_cast<State *>(handle->data);
+        if (status < 0)
+            state->events = 0; // the library has stopped it
         if (state->target.call != nullptr)
             state->target.call(state->target.owner, status < 0 ? UV_READABLE : ready);
     });
@@ -84,6 +99,31 @@ void TimerHandle::start(uint64_t delay_ms, uint64_t repeat_ms) {
 
 void TimerHandle::stop() {
     uv_timer_stop(&state_->handle);
+}
+
+struct RoundHandle::State {
+    uv_idle_t handle;
+    std::function<void()> function;
+};
+
+RoundHandle::RoundHandle(uv_loop_t *loop, std::function<void()> on_round) : state_(new State{{}, std::move(on_round)}) {
+    uv_idle_init(loop, &state_->handle);
+    state_->handle.data = state_;
+}
+
+RoundHandle::~RoundHandle() {
+    close_state(state_);
+}
+
+void RoundHandle::start() {
+    uv_idle_start(&state_->handle, [](uv_idle_t *handle) {
+        if (const auto function = static_cast<State *>(handle->data)->function)
+            function();
+    });
+}
+
+void RoundHandle::stop() {
+    uv_idle_stop(&state_->handle);
 }
 
 struct SignalHandle::State {

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <new>
 
 #include <uv.h>
 
@@ -15,14 +16,21 @@ struct EventTarget {
     void (*call)(void *owner, int events);
 };
 
+// Tells, now and then, that an event came to nothing.
+void no_memory_for_event();
+
 template <auto member, class Owner>
 EventTarget event_target(Owner &owner) {
     return {&owner, [](void *object, int events) {
                 auto *receiver = static_cast<Owner *>(object);
-                if constexpr (requires { (receiver->*member)(events); })
-                    (receiver->*member)(events);
-                else
-                    (receiver->*member)();
+                try {
+                    if constexpr (requires { (receiver->*member)(events); })
+                        (receiver->*member)(events);
+                    else
+                        (receiver->*member)();
+                } catch (const std::bad_alloc &) {
+                    no_memory_for_event();
+                }
             }};
 }
 
@@ -51,6 +59,22 @@ public:
 
     // `repeat_ms` 0: once.
     void start(uint64_t delay_ms, uint64_t repeat_ms = 0);
+    void stop();
+
+private:
+    struct State;
+    State *state_;
+};
+
+// Called in each round of the loop while it is on, which does not wait meanwhile.
+class RoundHandle {
+public:
+    RoundHandle(uv_loop_t *loop, std::function<void()> on_round);
+    ~RoundHandle();
+    RoundHandle(const RoundHandle &) = delete;
+    RoundHandle &operator=(const RoundHandle &) = delete;
+
+    void start();
     void stop();
 
 private:

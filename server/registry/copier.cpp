@@ -38,9 +38,8 @@ struct Copier::Process {
     Copier *owner;
 };
 
-Copier::Copier(uv_loop_t *loop, std::function<void()> on_copy)
-    : loop_(loop), on_copy_(std::move(on_copy)), interval_timer_(loop, [this] { copy(); }),
-      deadline_timer_(loop, [this] {
+Copier::Copier(uv_loop_t *loop)
+    : loop_(loop), interval_timer_(loop, [this] { copy(); }), deadline_timer_(loop, [this] {
           is_another_due_ = false;
           kill_process();
       }) {}
@@ -121,7 +120,6 @@ void Copier::copy() {
 void Copier::ended(bool is_success) {
     is_failure_told_ = !is_success && !is_stopped_;
     is_stopped_ = false;
-    on_copy_();
     if (is_another_due_) {
         is_another_due_ = false;
         return copy();

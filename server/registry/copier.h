@@ -12,8 +12,7 @@ namespace velia::server {
 
 class Copier {
 public:
-    // `on_copy` is called after each process, also one that failed, as it may have come half way.
-    Copier(uv_loop_t *loop, std::function<void()> on_copy);
+    explicit Copier(uv_loop_t *loop);
     ~Copier();
     Copier(const Copier &) = delete;
     Copier &operator=(const Copier &) = delete;
@@ -37,7 +36,6 @@ private:
     void close_process();
 
     uv_loop_t *loop_;
-    std::function<void()> on_copy_;
     TimerHandle interval_timer_;
     TimerHandle deadline_timer_;
     Process *process_ = nullptr; // the one that runs

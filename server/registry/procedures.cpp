@@ -6,6 +6,7 @@
 
 #include <server/broker/process.h>
 #include <server/daemon/private_files.h>
+#include <server/registry/serve_store.h>
 #include <veliaxdr/rgy_role.h>
 #include <veliaxdr/rgy_site.h>
 #include <veliaxdr/rgy_wire.h>
@@ -13,6 +14,8 @@
 namespace velia::server {
 
 namespace {
+
+using EmptyReply = Reply<rvzd_null_reply_t>;
 
 // Below what the RPC library takes for a datagram, its headers included; and below what one record may be.
 constexpr size_t udp_records_bytes_max = 8000;
@@ -68,14 +71,27 @@ Fetch fetch_of(const rvzd_registry_findbyattr_req_t &request) {
                 const Items &items) { return has_attribute(value_of(items, key), name, value); }};
 }
 
+// What it takes to try the patterns on a record, in looks at one.
+uint64_t work_of(const std::vector<std::string> &patterns) {
+    constexpr uint64_t tries_a_look = 4;
+    constexpr uint64_t bytes_a_look = 64;
+    uint64_t bytes = 0;
+    for (const auto &pattern : patterns)
+        bytes += pattern.size();
+    return patterns.size() / tries_a_look + bytes / bytes_a_look;
+}
+
 Fetch fetch_of(const rvzd_registry_get_pattern_req_t &request) {
     std::vector<std::string> patterns;
     for (int64_t i = 0; i < request.patterns_length; ++i)
         patterns.push_back(text_of(request.patterns[i]));
-    return {{}, [patterns](const Items &items) {
-                return std::any_of(patterns.begin(), patterns.end(),
-                                   [&](const std::string &pattern) { return matches_pattern(items, pattern); });
-            }};
+    const uint64_t work = work_of(patterns);
+    return {{},
+            {[patterns = std::move(patterns)](const Items &items) {
+                 return std::any_of(patterns.begin(), patterns.end(),
+                                    [&](const std::string &pattern) { return matches_pattern(items, pattern); });
+             },
+             work}};
 }
 
 // The batch goes into the reply's arena; its records' texts are lent.
@@ -92,109 +108,100 @@ void take_batch(AnswerMemory::Answer made, Reply<rvzd_registry_get_reply_t> &rep
 
 // The registry host or its backup in this host's hosts file.
 tbs_status_t change_hosts(int64_t op, const std::string &host) {
-    const PublicUmask umask; // clients of this host read it
     const auto status = rgy_clnt_conf_change(op, host.c_str());
+    share_with_host("rgy_hosts.conf"); // clients read it
     rgy_hostname_cache_inval();
     return status;
 }
 
-} // namespace
-
-std::vector<ServedProcedure> RegistryProcedures::rows() {
-    using P = RegistryProcedures;
-    return {
-        serve<procedures::rgy_get_id, &P::get_id>(*this),
-        serve<procedures::rgy_get_dtm, &P::get_dtm>(*this),
-        serve<procedures::rgy_get_entry, &P::fetch<rvzd_registry_get_req_t>>(*this),
-        serve<procedures::rgy_findbystring_entry, &P::fetch<rvzd_registry_findbystring_req_t>>(*this),
-        serve<procedures::rgy_findbyuuid_entry, &P::fetch<rvzd_registry_findbyuuid_req_t>>(*this),
-        serve<procedures::rgy_findbyattr_entry, &P::fetch<rvzd_registry_findbyattr_req_t>>(*this),
-        serve<procedures::rgy_get_pattern_entry, &P::fetch<rvzd_registry_get_pattern_req_t>>(*this),
-        serve<procedures::rgy_add_entry, &P::add_entry>(*this),
-        serve<procedures::rgy_remove_entry, &P::remove_entry>(*this),
-        serve<procedures::rgy_chk_access, &P::chk_access>(*this),
-        serve<procedures::rgy_get_db_list, &P::get_db_list>(*this),
-        serve<procedures::rgy_get_backup, &P::get_backup>(*this),
-        serve<procedures::rgy_set_backup, &P::set_backup>(*this),
-        serve<procedures::rgy_clnt_conf_change, &P::clnt_conf_change>(*this),
-        serve<procedures::rgy_svr_conf_change, &P::svr_conf_change>(*this),
-    };
-}
-
-tbs_status_t RegistryProcedures::get_id(Registry &registry, const rvzd_registry_get_id_req_t &request,
-                                        const Caller & /*caller*/, Reply<rvzd_registry_get_id_reply_t> &reply) {
+tbs_status_t get_id(RegistryView &registry, const rvzd_registry_get_id_req_t &request, const Caller & /*caller*/,
+                    Reply<rvzd_registry_get_id_reply_t> &reply) {
     if (!is_db(request.db))
         return TBS_ST_INVALID_ARG;
+    const auto stamps = registry.stamps_of(static_cast<rgy_db_t>(request.db));
+    if (!stamps)
+        return not_in_memory;
     reply.record.version = RGY_PROTOCOL_VERSION;
-    reply.record.dtm = registry.stamps(static_cast<rgy_db_t>(request.db)).pair;
+    reply.record.dtm = stamps->pair;
     return TBS_ST_OK;
 }
 
-tbs_status_t RegistryProcedures::get_dtm(Registry &registry, const rvzd_registry_get_dtm_req_t &request,
-                                         const Caller & /*caller*/, Reply<rvzd_registry_get_dtm_reply_t> &reply) {
+tbs_status_t get_dtm(RegistryView &registry, const rvzd_registry_get_dtm_req_t &request, const Caller & /*caller*/,
+                     Reply<rvzd_registry_get_dtm_reply_t> &reply) {
     if (!is_db(request.db))
         return TBS_ST_INVALID_ARG;
-    const Stamps stamps = registry.stamps(static_cast<rgy_db_t>(request.db));
+    const auto stamps = registry.stamps_of(static_cast<rgy_db_t>(request.db));
+    if (!stamps)
+        return not_in_memory;
     reply.record.version = RGY_PROTOCOL_VERSION;
-    reply.record.dtm = stamps.pair;
-    reply.record.aux_uuid1 = stamps.registry;
-    reply.record.aux_uuid2 = stamps.copy;
+    reply.record.dtm = stamps->pair;
+    reply.record.aux_uuid1 = stamps->registry;
+    reply.record.aux_uuid2 = stamps->copy;
     return TBS_ST_OK;
 }
 
+// The five fetches, which differ in what they select and pass.
 template <class Request>
-tbs_status_t RegistryProcedures::fetch(Registry &registry, const Request &request, const Caller &caller,
-                                       Reply<rvzd_registry_get_reply_t> &reply) {
+tbs_status_t fetch(RegistryView &registry, const Request &request, const Caller &caller,
+                   Reply<rvzd_registry_get_reply_t> &reply) {
     if (!is_db(request.db) || request.max_entries < 1)
         return TBS_ST_INVALID_ARG;
     Fetch fetch = fetch_of(request);
     fetch.selection.db = static_cast<rgy_db_t>(request.db);
     fetch.selection.region = text_of(request.region);
+    // The stamps first: entries that are younger than their stamps are only fetched once more, but older ones would be
+    // taken for what is there now.
+    const auto stamps = registry.stamps_of(fetch.selection.db);
+    if (!stamps)
+        return not_in_memory;
     reply.record.version = reply_version(request.version);
+    reply.record.dtm = stamps->pair;
     const BatchLimits limits = {
         reply.record.version == single_entry_version ? 1 : static_cast<uint64_t>(request.max_entries),
         caller.transport == RVZD_PROTOCOL_UDP ? udp_records_bytes_max : tcp_records_bytes_max};
-    // The stamps first: entries that are younger than their stamps are only fetched once more, but older ones would be
-    // taken for what is there now.
-    reply.record.dtm = registry.stamps(fetch.selection.db).pair;
-    take_batch(registry.answer(fetch.selection, request.cursor, limits, fetch.filter), reply);
+    auto batch = registry.answer(fetch.selection, request.cursor, limits, fetch.filter);
+    if (batch == nullptr)
+        return not_in_memory;
+    take_batch(std::move(batch), reply);
     return TBS_ST_OK;
 }
 
-tbs_status_t RegistryProcedures::add_entry(Registry &registry, const rvzd_registry_add_req_t &request,
-                                           const Caller &caller, EmptyReply & /*reply*/) {
-    if (!service_.is_master())
-        return TBS_ST_NO_SERVER;
+// What has been changed is told once it is on disk.
+template <class Record>
+void tell_change(Reply<Record> &reply, rgy_db_t db, bool is_added, std::string what, const Caller &caller) {
+    reply.afterwards = [=, what = std::move(what)] { RegistryService::print_change(db, is_added, what, caller); };
+}
+
+tbs_status_t add_entry(Registry &registry, const rvzd_registry_add_req_t &request, const Caller &caller,
+                       EmptyReply &reply) {
     if (!is_db(request.db))
         return TBS_ST_INVALID_ARG;
     const auto db = static_cast<rgy_db_t>(request.db);
     const std::string text = text_of(request.flex_text);
     const auto status = registry.add(db, request.dtm, text, caller);
     if (status == TBS_ST_OK)
-        RegistryService::print_change(db, true, printable(text), caller);
+        tell_change(reply, db, true, printable(text), caller);
     return status;
 }
 
-tbs_status_t RegistryProcedures::remove_entry(Registry &registry, const rvzd_registry_remove_req_t &request,
-                                              const Caller &caller, EmptyReply & /*reply*/) {
-    if (!service_.is_master())
-        return TBS_ST_NO_SERVER;
+tbs_status_t remove_entry(Registry &registry, const rvzd_registry_remove_req_t &request, const Caller &caller,
+                          EmptyReply &reply) {
     if (!is_db(request.db))
         return TBS_ST_INVALID_ARG;
     const auto db = static_cast<rgy_db_t>(request.db);
     const auto status = registry.remove(db, request.entry_id, caller);
     if (status == TBS_ST_OK)
-        RegistryService::print_change(db, false, std::to_string(request.entry_id), caller);
+        tell_change(reply, db, false, std::to_string(request.entry_id), caller);
     return status;
 }
 
-tbs_status_t RegistryProcedures::chk_access(Registry &registry, const rvzd_registry_chk_access_req_t &request,
-                                            const Caller & /*caller*/, EmptyReply & /*reply*/) {
+tbs_status_t chk_access(Registry &registry, const rvzd_registry_chk_access_req_t &request, const Caller & /*caller*/,
+                        EmptyReply & /*reply*/) {
     return registry.check_password(text_of(request.password));
 }
 
-tbs_status_t RegistryProcedures::get_db_list(Registry &registry, const rvzd_registry_get_db_req_t &request,
-                                             const Caller & /*caller*/, Reply<rvzd_registry_get_db_reply_t> &reply) {
+tbs_status_t get_db_list(Registry &registry, const rvzd_registry_get_db_req_t &request, const Caller & /*caller*/,
+                         Reply<rvzd_registry_get_db_reply_t> &reply) {
     auto &dbs = reply.arena.keep(std::array<rgy_db_info_t, RGY_DB_ALL>());
     const auto count = std::clamp<int64_t>(request.db_max, 0, RGY_DB_ALL);
     for (rgy_db_t db = 0; db < count; ++db) {
@@ -208,18 +215,40 @@ tbs_status_t RegistryProcedures::get_db_list(Registry &registry, const rvzd_regi
     return TBS_ST_OK;
 }
 
-tbs_status_t RegistryProcedures::get_backup(Registry &registry, const rvzd_registry_get_backup_req_t & /*request*/,
-                                            const Caller & /*caller*/, Reply<rvzd_registry_get_backup_reply_t> &reply) {
+tbs_status_t get_backup(Registry &registry, const rvzd_registry_get_backup_req_t & /*request*/,
+                        const Caller & /*caller*/, Reply<rvzd_registry_get_backup_reply_t> &reply) {
     reply.record.host_list = reply.arena.text(registry.backup_hosts());
     return TBS_ST_OK;
 }
 
-tbs_status_t RegistryProcedures::set_backup(Registry &registry, const rvzd_registry_set_backup_req_t &request,
-                                            const Caller & /*caller*/, EmptyReply & /*reply*/) {
-    if (!service_.is_master())
-        return TBS_ST_NO_SERVER;
+tbs_status_t set_backup(Registry &registry, const rvzd_registry_set_backup_req_t &request, const Caller & /*caller*/,
+                        EmptyReply & /*reply*/) {
     registry.set_backup_hosts(text_of(request.host_list));
     return TBS_ST_OK;
+}
+
+} // namespace
+
+std::vector<ServedProcedure> RegistryProcedures::rows() {
+    using P = RegistryProcedures;
+    return {
+        serve_store<procedures::rgy_get_id, Lane::look_up, &get_id>(service_),
+        serve_store<procedures::rgy_get_dtm, Lane::look_up, &get_dtm>(service_),
+        serve_store<procedures::rgy_get_entry, Lane::search, &fetch<rvzd_registry_get_req_t>>(service_),
+        serve_store<procedures::rgy_findbystring_entry, Lane::look_up, &fetch<rvzd_registry_findbystring_req_t>>(
+            service_),
+        serve_store<procedures::rgy_findbyuuid_entry, Lane::look_up, &fetch<rvzd_registry_findbyuuid_req_t>>(service_),
+        serve_store<procedures::rgy_findbyattr_entry, Lane::search, &fetch<rvzd_registry_findbyattr_req_t>>(service_),
+        serve_store<procedures::rgy_get_pattern_entry, Lane::search, &fetch<rvzd_registry_get_pattern_req_t>>(service_),
+        serve_store<procedures::rgy_add_entry, Lane::update, &add_entry>(service_),
+        serve_store<procedures::rgy_remove_entry, Lane::update, &remove_entry>(service_),
+        serve_store<procedures::rgy_chk_access, Lane::hash, &chk_access>(service_),
+        serve_store<procedures::rgy_get_db_list, Lane::look_up, &get_db_list>(service_),
+        serve_store<procedures::rgy_get_backup, Lane::look_up, &get_backup>(service_),
+        serve_store<procedures::rgy_set_backup, Lane::update, &set_backup>(service_),
+        serve<procedures::rgy_clnt_conf_change, &P::clnt_conf_change>(*this),
+        serve<procedures::rgy_svr_conf_change, &P::svr_conf_change>(*this),
+    };
 }
 
 tbs_status_t RegistryProcedures::clnt_conf_change(const rvzd_registry_clnt_conf_req_t &request,
@@ -235,7 +264,7 @@ void RegistryProcedures::svr_conf_change(const rvzd_registry_svr_conf_req_t &req
     case RGY_CONF_PROMOTE:
         return service_.promote(done);
     case RGY_CONF_DEMOTE:
-        return done(service_.step_down());
+        return service_.step_down(done);
     default:
         return done(TBS_ST_INVALID_ARG);
     }

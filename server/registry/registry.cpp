@@ -11,6 +11,19 @@ constexpr size_t word_bytes = 4;
 constexpr const char *password_setting = "password";
 constexpr uint64_t numbers_of_former_master = 1'000'000; // more than it can have given since the last copy
 
+// The measure of work is one look at a record in the store's order; what else costs time is told in looks.
+constexpr uint64_t work_of_look = 1;
+constexpr uint64_t work_of_items = 8; // to take its text apart
+constexpr size_t bytes_a_look = 64;   // of a reply
+
+bool passes(const Filter &filter, const Record &record, uint64_t &work) {
+    if (!filter)
+        return true;
+    work += work_of_items + filter.work_of_record;
+    const auto items = items_of(record.flex_text);
+    return items && filter.passes(*items);
+}
+
 // As it may be stored and sent again: not empty, in the right form, no longer than the wire carries.
 std::optional<Items> storable_items(const std::string &flex_text) {
     if (flex_text.empty() || flex_text.size() > RGY_WIRE_FLEX_MAX || flex_text.find('\n') != std::string::npos)
@@ -43,56 +56,78 @@ Batch Registry::fetch(const Selection &selection, uint64_t cursor, const BatchLi
     Batch batch;
     size_t bytes = 0;
     uint64_t last_seen = cursor;
-    uint64_t visits = 0;
-    store_.scan(selection, cursor, [&](const Record &record) {
-        if (visits++ == REGISTRY_VISITS_MAX) {
-            batch.cursor = last_seen;
-            return false;
+    uint64_t work = 0;
+    const auto cut = [&] {
+        batch.cursor = last_seen;
+        return false;
+    };
+    store_.scan(selection, cursor, [&](uint64_t id, const Record *record) {
+        if (work >= REGISTRY_WORK_MAX)
+            return cut();
+        work += work_of_look;
+        if (record == nullptr || !passes(filter, *record, work)) {
+            last_seen = id;
+            return true;
         }
-        if (filter) {
-            const auto items = items_of(record.flex_text);
-            if (!items || !filter(*items)) {
-                last_seen = record.id;
-                return true;
-            }
-        }
-        const size_t more_bytes = encoded_bytes(record);
+        const size_t more_bytes = encoded_bytes(*record);
         const bool fits = batch.records.size() < limits.records_max && bytes + more_bytes <= limits.bytes_max;
-        if (!fits && !(batch.records.empty() && limits.records_max > 0)) {
-            batch.cursor = last_seen;
-            return false;
-        }
+        if (!fits && !(batch.records.empty() && limits.records_max > 0))
+            return cut();
         bytes += more_bytes;
-        batch.records.push_back(record);
-        last_seen = record.id;
+        work += more_bytes / bytes_a_look;
+        batch.records.push_back(*record);
+        last_seen = id;
         return true;
     });
     return batch;
 }
 
-Registry::Known &Registry::known() {
-    if (const uint64_t version = store_.version(); version != known_.version)
-        known_ = {version, {}, {}};
+void RegistryMemory::follow(std::unique_ptr<StoreVersion> version) {
+    version_ = std::move(version);
+    known_ = {};
+    answers_ = AnswerMemory(REGISTRY_ANSWERS_BYTES_MAX);
+}
+
+RegistryMemory::Known &RegistryMemory::known() {
+    if (const uint64_t now = version(); now != known_.version)
+        known_ = {now, {}, {}};
     return known_;
 }
 
+AnswerMemory::Answer RegistryMemory::answer(const Selection &selection, uint64_t cursor, const BatchLimits &limits,
+                                            const Filter &filter) {
+    if (filter || selection.key.empty())
+        return nullptr;
+    put_question(question_, selection, cursor, limits);
+    return answers_.find(question_, version());
+}
+
+void RegistryMemory::learn(uint64_t version, Learned learned) {
+    if (version_ == nullptr || known().version != version)
+        return;
+    for (rgy_db_t db = 0; db < RGY_DB_ALL; ++db)
+        if (learned.stamps[db])
+            known_.stamps[db] = learned.stamps[db];
+    if (learned.is_filled)
+        known_.is_filled = learned.is_filled;
+    if (learned.answer != nullptr)
+        answers_.keep(std::move(learned.question), version, std::move(learned.answer));
+}
+
 Stamps Registry::stamps(rgy_db_t db) {
-    auto &stamps = known().stamps.at(db);
-    if (!stamps)
-        stamps = store_.stamps(db);
-    return *stamps;
+    const Stamps stamps = store_.stamps(db);
+    if (learned_ != nullptr)
+        learned_->stamps.at(db) = stamps;
+    return stamps;
 }
 
 AnswerMemory::Answer Registry::answer(const Selection &selection, uint64_t cursor, const BatchLimits &limits,
                                       const Filter &filter) {
-    if (filter || selection.key.empty())
-        return std::make_shared<const Batch>(fetch(selection, cursor, limits, filter));
-    const uint64_t version = store_.version();
-    put_question(question_, selection, cursor, limits);
-    if (auto remembered = answers_.find(question_, version))
-        return remembered;
-    auto made = std::make_shared<const Batch>(fetch(selection, cursor, limits));
-    answers_.keep(question_, version, made);
+    auto made = std::make_shared<const Batch>(fetch(selection, cursor, limits, filter));
+    if (learned_ != nullptr && !filter && !selection.key.empty()) {
+        put_question(learned_->question, selection, cursor, limits);
+        learned_->answer = made;
+    }
     return made;
 }
 
@@ -122,10 +157,10 @@ tbs_status_t Registry::remove(rgy_db_t db, uint64_t id, const Caller &caller) {
 }
 
 bool Registry::is_filled() {
-    auto &is_filled = known().is_filled;
-    if (!is_filled)
-        is_filled = !store_.setting(origin_setting).empty();
-    return *is_filled;
+    const bool is_filled = !store_.setting(origin_setting).empty();
+    if (learned_ != nullptr)
+        learned_->is_filled = is_filled;
+    return is_filled;
 }
 
 void Registry::become_master() {

@@ -17,8 +17,8 @@
 namespace velia::server {
 
 enum {
-    REGISTRY_VISITS_MAX = 5000,            // records that one request looks at; the rest is for the next one
-    REGISTRY_ANSWERS_BYTES_MAX = 16 << 20, // of answers in memory
+    REGISTRY_WORK_MAX = 5000, // of one request, in looks at a record; the rest is for the next one
+    REGISTRY_ANSWERS_BYTES_MAX = 16 << 20,
 };
 
 // How much a reply may hold.
@@ -28,21 +28,82 @@ struct BatchLimits {
 };
 
 // Which records a fetch wants, beyond what the store can select.
-using Filter = std::function<bool(const Items &)>;
+struct Filter {
+    Filter() = default;
+    template <class Passes>
+    Filter(Passes filter, uint64_t work = 0) : passes(std::move(filter)), work_of_record(work) {}
 
-class Registry {
+    explicit operator bool() const { return passes != nullptr; }
+
+    std::function<bool(const Items &)> passes;
+    uint64_t work_of_record = 0; // beyond a look at it and its items, in the same measure
+};
+
+// What the registry says to those who read: out of memory, or of its store.
+class RegistryView {
 public:
-    explicit Registry(Store &store) : store_(store) {}
+    RegistryView() = default;
+    virtual ~RegistryView() = default;
+    RegistryView(const RegistryView &) = delete;
+    RegistryView &operator=(const RegistryView &) = delete;
+
+    // Nothing, and null, where it is not known here.
+    virtual std::optional<Stamps> stamps_of(rgy_db_t db) = 0;
+    virtual AnswerMemory::Answer answer(const Selection &selection, uint64_t cursor, const BatchLimits &limits,
+                                        const Filter &filter) = 0;
+};
+
+// What was read of a store for one request.
+struct Learned {
+    std::array<std::optional<Stamps>, RGY_DB_ALL> stamps;
+    std::optional<bool> is_filled;
+    std::string question;
+    AnswerMemory::Answer answer;
+};
+
+// What the registry has told lately. Each of it is good for one version of the store.
+class RegistryMemory : public RegistryView {
+public:
+    // Begins anew, on another store.
+    void follow(std::unique_ptr<StoreVersion> version);
+
+    uint64_t version() { return version_ != nullptr ? version_->now() : 0; }
+
+    std::optional<Stamps> stamps_of(rgy_db_t db) override { return known().stamps.at(db); }
+    AnswerMemory::Answer answer(const Selection &selection, uint64_t cursor, const BatchLimits &limits,
+                                const Filter &filter) override;
+    std::optional<bool> is_filled() { return known().is_filled; }
+
+    // Takes what was read since the store had this version; it is forgotten if there is another one by now.
+    void learn(uint64_t version, Learned learned);
+
+private:
+    struct Known {
+        uint64_t version;
+        std::array<std::optional<Stamps>, RGY_DB_ALL> stamps;
+        std::optional<bool> is_filled;
+    };
+    Known &known();
+
+    std::unique_ptr<StoreVersion> version_;
+    Known known_ = {};
+    AnswerMemory answers_{REGISTRY_ANSWERS_BYTES_MAX};
+    std::string question_; // the last one; its storage serves again
+};
+
+// The rules, over one thread's store.
+class Registry : public RegistryView {
+public:
+    explicit Registry(Store &store, Learned *learned = nullptr) : store_(store), learned_(learned) {}
 
     Stamps stamps(rgy_db_t db);
+    std::optional<Stamps> stamps_of(rgy_db_t db) override { return stamps(db); }
     uint64_t count(rgy_db_t db) { return store_.count(db); }
 
     // At least one record comes, however small `bytes_max` is, or the cursor moves on.
     Batch fetch(const Selection &selection, uint64_t cursor, const BatchLimits &limits, const Filter &filter = {});
-
-    // The same. A look-up by an item that was answered before is answered from memory while the store is as it was.
     AnswerMemory::Answer answer(const Selection &selection, uint64_t cursor, const BatchLimits &limits,
-                                const Filter &filter = {});
+                                const Filter &filter) override;
 
     // TBS_ST_NO_ACCESS: the caller does not say who it is; TBS_ST_STALE_ID: the stamps are not those of now;
     // TBS_ST_ALREADY_EXISTS: one of the same identity stands there, which among the site's settings is TBS_ST_STALE_ID,
@@ -68,18 +129,8 @@ public:
     void set_backup_hosts(const std::string &hosts) { store_.set_setting("backup", hosts); }
 
 private:
-    // What was read of the store, and is so while it has this version.
-    struct Known {
-        uint64_t version;
-        std::array<std::optional<Stamps>, RGY_DB_ALL> stamps;
-        std::optional<bool> is_filled;
-    };
-    Known &known();
-
     Store &store_;
-    Known known_ = {};
-    AnswerMemory answers_{REGISTRY_ANSWERS_BYTES_MAX};
-    std::string question_; // the last one; its storage serves again
+    Learned *learned_; // null: nobody asks
 };
 
 // The bytes that a record takes in a reply.

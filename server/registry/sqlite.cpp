@@ -24,11 +24,12 @@ void throw_system_error() {
     throw StoreError(imsg_strerror(errno));
 }
 
+// A file that is there is not touched: the system drops this process's locks on a file when any of its descriptors of
+// that file is closed.
 void make_private_file(const std::string &file_name) {
-    const int fd = open(file_name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
-    if (fd < 0)
+    const UniqueFd fd(open(file_name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR));
+    if (!fd && errno != EEXIST)
         throw_system_error();
-    close(fd);
 }
 
 void remove_file(const std::string &file_name) {
@@ -38,6 +39,13 @@ void remove_file(const std::string &file_name) {
 
 void put_on_disk(const std::string &file_name) {
     const UniqueFd fd(open(file_name.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+    if (!fd || fsync(fd.get()) != 0)
+        throw_system_error();
+}
+
+void put_directory_on_disk(const std::string &file_name) {
+    const std::string directory = file_name.substr(0, file_name.rfind('/') + 1);
+    const UniqueFd fd(open(directory.empty() ? "." : directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!fd || fsync(fd.get()) != 0)
         throw_system_error();
 }
@@ -59,7 +67,14 @@ void Sqlite::write_ahead() {
     mode.run();
 }
 
-const volatile uint64_t *Sqlite::map_log_index() {
+void Sqlite::leave_log(bool is_left) {
+    int persists = is_left ? 1 : 0;
+    sqlite3_db_config(database_.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, persists, nullptr);
+    sqlite3_file_control(database_.get(), "main", SQLITE_FCNTL_PERSIST_WAL, &persists);
+}
+
+// The log's index is shared memory that begins with a header, which a commit rewrites as its last act.
+const volatile uint64_t *Sqlite::commit_marks() {
     sqlite3_file *file = nullptr;
     if (!has_log_ || sqlite3_file_control(database_.get(), "main", SQLITE_FCNTL_FILE_POINTER, &file) != SQLITE_OK ||
         file->pMethods == nullptr || file->pMethods->iVersion < 2)
@@ -70,15 +85,10 @@ const volatile uint64_t *Sqlite::map_log_index() {
                : nullptr;
 }
 
-// The log's index is shared memory that begins with a header, which a commit rewrites as its last act. A header that is
-// read while it is written is like none before or behind it.
-std::optional<CommitMark> Sqlite::commit_mark() {
-    if (log_index_ == nullptr)
-        log_index_ = map_log_index();
-    if (log_index_ == nullptr)
-        return std::nullopt;
+// A header that is read while it is written is like none before or behind it.
+CommitMark read_mark(const volatile uint64_t *marks) {
     CommitMark mark;
-    std::copy_n(log_index_, mark.size(), mark.begin());
+    std::copy_n(marks, mark.size(), mark.begin());
     std::atomic_thread_fence(std::memory_order_acquire);
     return mark;
 }
@@ -86,6 +96,12 @@ std::optional<CommitMark> Sqlite::commit_mark() {
 void Sqlite::run(const char *sql) {
     if (sqlite3_exec(database_.get(), sql, nullptr, nullptr, nullptr) != SQLITE_OK)
         fail();
+}
+
+void Sqlite::fail() const {
+    if (sqlite3_errcode(database_.get()) == SQLITE_BUSY)
+        throw StoreBusy(sqlite3_errmsg(database_.get()));
+    throw StoreError(sqlite3_errmsg(database_.get()));
 }
 
 Statement::Statement(Sqlite &database, const char *sql) : database_(database) {
@@ -110,7 +126,15 @@ bool Statement::step() {
     }
     const std::string words = sqlite3_errmsg(database_.get()); // before the reset changes them
     sqlite3_reset(statement_.get());
+    if (result == SQLITE_BUSY)
+        throw StoreBusy(words);
     throw StoreError(words);
+}
+
+bool Statement::is_empty_or(int column, std::string_view text) const {
+    const auto *bytes = static_cast<const char *>(sqlite3_column_blob(statement_.get(), column));
+    const auto length = static_cast<size_t>(sqlite3_column_bytes(statement_.get(), column));
+    return length == 0 || std::string_view(bytes, length) == text;
 }
 
 std::string Statement::text(int column) const {
@@ -147,13 +171,18 @@ void Statement::bind(int position, const tbs_uuid_t &value) {
     check(sqlite3_bind_blob(statement_.get(), position, &value, sizeof value, SQLITE_TRANSIENT));
 }
 
+Transaction::Transaction(Sqlite &database) : database_(database), is_step_(database.is_in_transaction()) {
+    database_.run(is_step_ ? "SAVEPOINT step" : "BEGIN IMMEDIATE");
+}
+
 Transaction::~Transaction() {
     if (is_open_)
-        sqlite3_exec(database_.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+        sqlite3_exec(database_.get(), is_step_ ? "ROLLBACK TO step; RELEASE step" : "ROLLBACK", nullptr, nullptr,
+                     nullptr);
 }
 
 void Transaction::commit() {
-    database_.run("COMMIT");
+    database_.run(is_step_ ? "RELEASE step" : "COMMIT");
     is_open_ = false;
 }
 

@@ -22,38 +22,45 @@ void remove_file(const std::string &file_name); // if it is there
 // The contents of a file that SQLite has let go of.
 void put_on_disk(const std::string &file_name);
 
+// That the file has its name.
+void put_directory_on_disk(const std::string &file_name);
+
 // What errno says, as a StoreError.
 [[noreturn]] void throw_system_error();
 
 // Unlike all others of a database: each commit leaves a new one.
 using CommitMark = std::array<uint64_t, 6>;
 
+// Takes no system call and no lock.
+CommitMark read_mark(const volatile uint64_t *marks);
+
 class Sqlite {
 public:
     explicit Sqlite(const std::string &file_name);
 
+    // Leaves the files as they are found when the database is closed: none is cleared away.
+    void leave_log(bool is_left);
+
     // From now on changes go to a write-ahead log.
     void write_ahead();
 
-    // The mark of the last commit, whoever made it; nothing where it cannot be told. It takes no system call and no
-    // lock.
-    std::optional<CommitMark> commit_mark();
+    // Where the mark of the last commit is, whoever makes it, for as long as the database is open; null where it cannot
+    // be told.
+    const volatile uint64_t *commit_marks();
+    bool is_in_transaction() const { return sqlite3_get_autocommit(database_.get()) == 0; }
 
     void run(const char *sql);
     int64_t last_row_id() const { return sqlite3_last_insert_rowid(database_.get()); }
     int64_t changed_rows() const { return sqlite3_changes64(database_.get()); }
     sqlite3 *get() const { return database_.get(); }
-    [[noreturn]] void fail() const { throw StoreError(sqlite3_errmsg(database_.get())); }
+    [[noreturn]] void fail() const;
 
 private:
-    const volatile uint64_t *map_log_index();
-
     struct Close {
         void operator()(sqlite3 *database) const { sqlite3_close_v2(database); }
     };
     std::unique_ptr<sqlite3, Close> database_;
     bool has_log_ = false;
-    const volatile uint64_t *log_index_ = nullptr; // mapped for as long as the database is open
 };
 
 class Statement {
@@ -76,6 +83,7 @@ public:
     }
     void reset() { sqlite3_reset(statement_.get()); }
 
+    bool is_empty_or(int column, std::string_view text) const;
     int64_t number(int column) const { return sqlite3_column_int64(statement_.get(), column); }
     std::string text(int column) const;
     tbs_uuid_t uuid(int column) const;
@@ -96,10 +104,10 @@ private:
     std::unique_ptr<sqlite3_stmt, Finalize> statement_;
 };
 
-// Rolls back unless it was committed.
+// Rolls back unless it was committed. Within another it is a step of that.
 class Transaction {
 public:
-    explicit Transaction(Sqlite &database) : database_(database) { database_.run("BEGIN IMMEDIATE"); }
+    explicit Transaction(Sqlite &database);
     ~Transaction();
     Transaction(const Transaction &) = delete;
     Transaction &operator=(const Transaction &) = delete;
@@ -107,6 +115,7 @@ public:
 
 private:
     Sqlite &database_;
+    const bool is_step_;
     bool is_open_ = true;
 };
 

@@ -2,12 +2,17 @@
 // acknowledged; the stamps change in the transaction of the update that they tell of.
 #include <server/registry/store.h>
 
+#include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 #include <server/registry/sqlite.h>
 #include <support/fileutl.h>
+#include <support/imsg.h>
 
 namespace velia::server {
 
@@ -27,7 +32,18 @@ CREATE TABLE stamp (db INTEGER PRIMARY KEY, dtm BLOB NOT NULL, svr_dtm BLOB NOT 
 CREATE TABLE setting (name BLOB PRIMARY KEY, value BLOB NOT NULL) WITHOUT ROWID;
 )";
 
-constexpr const char *region_condition = " AND (?3 = x'' OR region = x'' OR region = ?3)";
+// How many entries each database has, so that nobody has to count them. A database of before has none of this, and a
+// program of before keeps it true all the same.
+constexpr const char *totals = R"(
+CREATE TABLE total (db INTEGER PRIMARY KEY, entries INTEGER NOT NULL);
+INSERT INTO total SELECT db, count(*) FROM entry GROUP BY db;
+CREATE TRIGGER entry_added AFTER INSERT ON entry BEGIN
+    INSERT INTO total VALUES (new.db, 1) ON CONFLICT (db) DO UPDATE SET entries = entries + 1;
+END;
+CREATE TRIGGER entry_removed AFTER DELETE ON entry BEGIN
+    UPDATE total SET entries = entries - 1 WHERE db = old.db;
+END;
+)";
 
 bool is_same(const rgy_dtm_pair_t &left, const rgy_dtm_pair_t &right) {
     return memcmp(&left, &right, sizeof left) == 0;
@@ -43,26 +59,57 @@ tbs_uuid_t new_uuid() {
     return uuid;
 }
 
-class SqliteStore : public Store {
-public:
-    SqliteStore(const std::string &file_name, bool &is_new) : database_(file_name) {
-        database_.write_ahead();
-        database_.run("PRAGMA synchronous = FULL");
-        is_new = prepare_schema();
-        statements_ = std::make_unique<Statements>(database_);
-        registry_ = named_uuid("registry");
-        copy_ = named_uuid("copy");
-    }
+int64_t stored_number(Sqlite &database, const char *question) {
+    Statement query(database, question);
+    const int64_t number = query.step() ? query.number(0) : 0;
+    query.reset();
+    return number;
+}
 
-    // The mark is taken before what it stands for is read: a commit in between shows the next time.
-    uint64_t version() override {
-        const auto mark = database_.commit_mark();
-        if (!mark || mark != seen_) {
-            registry_ = named_uuid("registry");
+class SqliteVersion : public StoreVersion {
+public:
+    explicit SqliteVersion(const volatile uint64_t *marks) : marks_(marks) {}
+
+    uint64_t now() override {
+        if (marks_ == nullptr)
+            return ++version_;
+        if (const auto mark = read_mark(marks_); mark != seen_) {
             seen_ = mark;
             ++version_;
         }
         return version_;
+    }
+
+private:
+    const volatile uint64_t *marks_;
+    CommitMark seen_ = {};
+    uint64_t version_ = 1;
+};
+
+class SqliteStore : public Store {
+public:
+    explicit SqliteStore(const std::string &file_name) : database_(file_name) {
+        refuse_others();
+        database_.write_ahead();
+        database_.run("PRAGMA synchronous = FULL");
+        make_totals();
+        statements_ = std::make_unique<Statements>(database_);
+        registry_ = named_uuid("registry");
+        copy_ = named_uuid("copy");
+        version_ = watch_version();
+        seen_version_ = version_->now();
+    }
+
+    std::unique_ptr<StoreVersion> watch_version() override {
+        return std::make_unique<SqliteVersion>(database_.commit_marks());
+    }
+
+    // The version is taken before what it stands for is read: a commit in between shows the next time.
+    void refresh() override {
+        if (const uint64_t version = version_->now(); version != seen_version_) {
+            registry_ = named_uuid("registry");
+            seen_version_ = version;
+        }
     }
 
     Stamps stamps(rgy_db_t db) override {
@@ -81,15 +128,24 @@ public:
         return count;
     }
 
-    void scan(const Selection &selection, uint64_t after_id,
-              const std::function<bool(const Record &)> &visit) override {
-        Statement &query = selection.key.empty() ? statements_->scan_all.with(selection.db, after_id, selection.region)
-                                                 : statements_->scan_item.with(selection.db, after_id, selection.region,
-                                                                               selection.key, selection.value);
-        while (query.step())
-            if (!visit({static_cast<uint64_t>(query.number(0)), query.text(1)}))
+    void scan(const Selection &selection, uint64_t after_id, const Visit &visit) override {
+        Statement &query = selection.key.empty()
+                               ? statements_->scan_all.with(selection.db, after_id)
+                               : statements_->scan_item.with(selection.db, after_id, selection.key, selection.value);
+        while (query.step()) {
+            const auto id = static_cast<uint64_t>(query.number(0));
+            const bool is_selected = selection.region.empty() || query.is_empty_or(2, selection.region);
+            const Record record = is_selected ? Record{id, query.text(1)} : Record{};
+            if (!visit(id, is_selected ? &record : nullptr))
                 break;
+        }
         query.reset();
+    }
+
+    void together(const std::function<void()> &body) override {
+        Transaction transaction(database_);
+        body();
+        transaction.commit();
     }
 
     AddResult add(rgy_db_t db, const rgy_dtm_pair_t &expected, const std::string &identity,
@@ -177,14 +233,11 @@ private:
         explicit Statements(Sqlite &database)
             : stamp(database, "SELECT dtm, svr_dtm FROM stamp WHERE db = ?1"),
               put_stamp(database, "INSERT OR REPLACE INTO stamp (db, dtm, svr_dtm) VALUES (?1, ?2, ?3)"),
-              count(database, "SELECT count(*) FROM entry WHERE db = ?1"),
-              scan_all(database, (std::string("SELECT id, text FROM entry WHERE db = ?1 AND id > ?2") +
-                                  region_condition + " ORDER BY id")
-                                     .c_str()),
-              scan_item(database, (std::string("SELECT id, text FROM item JOIN entry ON entry.id = item.entry "
-                                               "WHERE item.db = ?1 AND item.entry > ?2 AND key = ?4 AND value = ?5") +
-                                   region_condition + " ORDER BY item.entry")
-                                      .c_str()),
+              count(database, "SELECT entries FROM total WHERE db = ?1"),
+              scan_all(database, "SELECT id, text, region FROM entry WHERE db = ?1 AND id > ?2 ORDER BY id"),
+              scan_item(database, "SELECT id, text, region FROM item JOIN entry ON entry.id = item.entry "
+                                  "WHERE item.db = ?1 AND item.entry > ?2 AND key = ?3 AND value = ?4 "
+                                  "ORDER BY item.entry"),
               bearer(database, "SELECT id FROM entry WHERE db = ?1 AND identity = ?2 AND identity <> x''"),
               insert(database, "INSERT INTO entry (id, db, region, identity, text) VALUES (?1, ?2, ?3, ?4, ?5)"),
               insert_item(database, "INSERT OR IGNORE INTO item (db, key, value, entry) VALUES (?1, ?2, ?3, ?4)"),
@@ -207,31 +260,25 @@ private:
         return uuid;
     }
 
-    int64_t stored_schema_version() {
-        Statement query(database_, "PRAGMA user_version");
-        const int64_t version = query.step() ? query.number(0) : 0;
-        query.reset();
-        return version;
-    }
-
-    // True when the file is a new one.
-    bool prepare_schema() {
-        Transaction transaction(database_);
-        const int64_t version = stored_schema_version();
+    // Only what this program has made, or one before it, is opened for changes.
+    void refuse_others() {
+        database_.leave_log(true);
+        const int64_t version = stored_number(database_, "PRAGMA user_version");
         if (version > schema_version)
             throw StoreError("the registry was written by a newer version of this program");
-        if (version == schema_version)
-            return false;
-        database_.run(schema);
-        database_.run("PRAGMA user_version = 1");
-        Statement put(database_, "INSERT INTO setting (name, value) VALUES (?1, ?2)");
-        put.with(std::string_view("registry"), new_uuid()).run();
-        put.with(std::string_view("copy"), new_uuid()).run();
-        Statement put_stamp(database_, "INSERT INTO stamp (db, dtm, svr_dtm) VALUES (?1, ?2, ?3)");
-        for (rgy_db_t db = 0; db < RGY_DB_ALL; ++db)
-            put_stamp.with(db, new_uuid(), new_uuid()).run();
+        if (version < 1)
+            throw StoreError("the file is no registry");
+        database_.leave_log(false);
+    }
+
+    void make_totals() {
+        constexpr const char *question = "SELECT count(*) FROM sqlite_master WHERE name = 'total'";
+        if (stored_number(database_, question) != 0)
+            return;
+        Transaction transaction(database_);
+        if (stored_number(database_, question) == 0)
+            database_.run(totals);
         transaction.commit();
-        return true;
     }
 
     // Who has this identity.
@@ -261,12 +308,12 @@ private:
     // Takes out of `contents` what stands here as it does there; the result is what stands here only.
     std::vector<uint64_t> take_kept(rgy_db_t db, Contents &contents) {
         std::vector<uint64_t> gone;
-        scan({db, "", "", ""}, 0, [&](const Record &record) {
-            const auto found = contents.find(record.id);
-            if (found != contents.end() && found->second == record.flex_text)
+        scan({db, "", "", ""}, 0, [&](uint64_t id, const Record *record) {
+            const auto found = contents.find(id);
+            if (found != contents.end() && found->second == record->flex_text)
                 contents.erase(found);
             else
-                gone.push_back(record.id);
+                gone.push_back(id);
             return true;
         });
         return gone;
@@ -298,16 +345,56 @@ private:
 
     Sqlite database_;
     std::unique_ptr<Statements> statements_;
-    std::optional<CommitMark> seen_;
-    uint64_t version_ = 0;
+    std::unique_ptr<StoreVersion> version_;
+    uint64_t seen_version_ = 0;
     tbs_uuid_t registry_ = {};
     tbs_uuid_t copy_ = {};
 };
 
+void make_empty_registry(const std::string &file_name) {
+    Sqlite database(file_name);
+    Transaction transaction(database);
+    database.run(schema);
+    database.run(totals);
+    database.run("PRAGMA user_version = 1");
+    Statement put(database, "INSERT INTO setting (name, value) VALUES (?1, ?2)");
+    put.with(std::string_view("registry"), new_uuid()).run();
+    put.with(std::string_view("copy"), new_uuid()).run();
+    Statement put_stamp(database, "INSERT INTO stamp (db, dtm, svr_dtm) VALUES (?1, ?2, ?3)");
+    for (rgy_db_t db = 0; db < RGY_DB_ALL; ++db)
+        put_stamp.with(db, new_uuid(), new_uuid()).run();
+    transaction.commit();
+}
+
+// A registry gets its name when it is whole. So whoever is killed amid that leaves none, and a file of the name that is
+// empty was a registry once, or is somebody else's. True when it was made; not when another process was quicker.
+bool make_if_absent(const std::string &file_name) {
+    struct stat status = {};
+    if (lstat(file_name.c_str(), &status) == 0) {
+        if (S_ISREG(status.st_mode) && status.st_size == 0)
+            throw StoreError("the file is empty, and a registry never is: put its copy in its place, or remove it to "
+                             "begin a new one");
+        return false;
+    }
+    if (errno != ENOENT)
+        throw_system_error();
+    const std::string unfinished = file_name + ".new." + std::to_string(getpid());
+    remove_file(unfinished);
+    make_empty_registry(unfinished);
+    const bool is_made = link(unfinished.c_str(), file_name.c_str()) == 0;
+    const int error_number = errno;
+    remove_file(unfinished);
+    if (!is_made && error_number != EEXIST)
+        throw StoreError(imsg_strerror(error_number));
+    put_directory_on_disk(file_name);
+    return is_made;
+}
+
 } // namespace
 
 std::unique_ptr<Store> open_sqlite_store(const std::string &file_name, bool &is_new) {
-    return std::make_unique<SqliteStore>(file_name, is_new);
+    is_new = make_if_absent(file_name);
+    return std::make_unique<SqliteStore>(file_name);
 }
 
 } // namespace velia::server

@@ -18,6 +18,11 @@ class StoreError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// Somebody else has the database, and had it for long. It may be tried again.
+class StoreBusy : public StoreError {
+    using StoreError::StoreError;
+};
+
 // The stamps of one database: a pair that is new after each update, and two uuids that name the registry and this copy
 // of it.
 struct Stamps {
@@ -38,6 +43,20 @@ struct Selection {
 // A whole database, as it was read from another host: texts by their numbers.
 using Contents = std::map<uint64_t, std::string>;
 
+// Another number than before when anything has been changed since it was last asked for, by whomever: what was read
+// under a number is still so when there is this number again. It is asked for before each answer: it takes no system
+// call and waits for nobody, and any thread may have one of its own. The store has to outlive it.
+class StoreVersion {
+public:
+    StoreVersion() = default;
+    virtual ~StoreVersion() = default;
+    StoreVersion(const StoreVersion &) = delete;
+    StoreVersion &operator=(const StoreVersion &) = delete;
+
+    virtual uint64_t now() = 0;
+};
+
+// One thread's way to the data. Several may be open on one registry.
 class Store {
 public:
     Store() = default;
@@ -45,22 +64,27 @@ public:
     Store(const Store &) = delete;
     Store &operator=(const Store &) = delete;
 
-    // Another number than before when anything has been changed since it was last asked for, by whomever: what was read
-    // under a number is still so when the store has this number again. It is asked for before each answer, and so
-    // cheap. Notice is taken of what another process made of the registry's name.
-    virtual uint64_t version() = 0;
+    virtual std::unique_ptr<StoreVersion> watch_version() = 0;
+
+    // Takes notice of what others made of the registry's name.
+    virtual void refresh() = 0;
 
     virtual Stamps stamps(rgy_db_t db) = 0;
     virtual uint64_t count(rgy_db_t db) = 0;
 
-    // Visits the selected records with numbers above `after_id` in the order of their numbers, until the visitor has
-    // enough (false) or there are no more. Cheap to begin anywhere.
-    virtual void scan(const Selection &selection, uint64_t after_id,
-                      const std::function<bool(const Record &)> &visit) = 0;
+    // Visits the records with numbers above `after_id` in the order of their numbers, until the visitor has enough
+    // (false) or there are no more. A region leaves records out one by one: these are visited, too, as null, since they
+    // cost time. Cheap to begin anywhere.
+    using Visit = std::function<bool(uint64_t id, const Record *record)>;
+    virtual void scan(const Selection &selection, uint64_t after_id, const Visit &visit) = 0;
 
-    // Each is one transaction, and on disk when it returns. Adding gives the number of the record, or nothing when
-    // `identity` is taken or `expected` are no longer the stamps; removing is false where there is no such record. Both
-    // change the stamps.
+    // What the body changes is one transaction, and on disk when this returns. What a StoreError in it leaves has not
+    // been changed.
+    virtual void together(const std::function<void()> &body) = 0;
+
+    // Each is one transaction, and on disk when it returns, or a step of that in which others are put together. Adding
+    // gives the number of the record, or nothing when `identity` is taken or `expected` are no longer the stamps;
+    // removing is false where there is no such record. Both change the stamps.
     enum class AddResult { added, stale, exists };
     virtual AddResult add(rgy_db_t db, const rgy_dtm_pair_t &expected, const std::string &identity,
                           const std::string &flex_text, const Items &items) = 0;
@@ -84,7 +108,8 @@ public:
     virtual void set_setting(const std::string &name, const std::string &value) = 0;
 };
 
-// Opens the registry in this file, and makes it if it is not there; `is_new` tells which.
+// Opens the registry in this file, and makes it if it is not there; `is_new` tells which. A file that is empty, that
+// something else has made, or a newer version of this program, is refused and left as it is.
 std::unique_ptr<Store> open_sqlite_store(const std::string &file_name, bool &is_new);
 
 } // namespace velia::server

@@ -46,6 +46,23 @@ ks_sockaddr_storage_t unmapped(const ks_sockaddr_storage_t &address) {
     return plain;
 }
 
+Sender::Host host_of(const ks_sockaddr_storage_t &address) {
+    const auto plain = unmapped(address);
+    Sender::Host host = {plain.base.sa_family, 0};
+    if (plain.base.sa_family == AF_INET6)
+        memcpy(&host[1], &plain.ipv6.sin6_addr, sizeof host[1]);
+    else if (plain.base.sa_family == AF_INET)
+        host[1] = plain.ipv4.sin_addr.s_addr;
+    return host;
+}
+
+Sender sender_of(const Caller &caller) {
+    if (caller.known)
+        return {{AF_UNIX, caller.known->uid}, static_cast<uint64_t>(caller.known->pid)};
+    const auto &peer = caller.peer;
+    return {host_of(peer), peer.base.sa_family == AF_INET6 ? peer.ipv6.sin6_port : peer.ipv4.sin_port};
+}
+
 std::string address_text(const ks_sockaddr_storage_t &address) {
     const auto plain = unmapped(address);
     std::array<char, INET6_ADDRSTRLEN> text = {};

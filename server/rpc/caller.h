@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <server/loop/fair_queue.h>
 #include <server/rpc/call_header.h>
 #include <support/sysutl.h>
 #include <veliaxdr/rvzd_wire.h>
@@ -44,6 +45,11 @@ std::optional<Credentials> believed(const std::optional<Credentials> &claimed, c
 
 // An IPv4 address out of its IPv6 wrapping, so that both forms of one host compare and print alike.
 ks_sockaddr_storage_t unmapped(const ks_sockaddr_storage_t &address);
+
+// Whose the call is where shares are given: its address, of IPv6 the network of it, since a host has as many addresses
+// there as it likes; and its port. Of whoever is known, its user and its process.
+Sender sender_of(const Caller &caller);
+Sender::Host host_of(const ks_sockaddr_storage_t &address);
 
 // The peer's address without its port.
 std::string address_text(const ks_sockaddr_storage_t &address);

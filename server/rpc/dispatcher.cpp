@@ -1,6 +1,8 @@
 // Each way in which a call can be wrong has its own reply, in the order in which a caller can be told.
 #include <server/rpc/dispatcher.h>
 
+#include <new>
+
 namespace velia::server {
 
 namespace {
@@ -37,6 +39,13 @@ bool Dispatcher::must_run_once(const CallHeader &header) const {
     return procedure != nullptr && procedure->runs_once;
 }
 
+MessageBytes Dispatcher::try_again(const CallHeader &header) const {
+    const ServedProcedure *procedure = find(header.procedure);
+    return procedure != nullptr && procedure->bare_reply != nullptr
+               ? procedure->bare_reply(header.xid, TBS_ST_TRY_AGAIN)
+               : encode_refusal(header.xid, SYSTEM_ERR);
+}
+
 void Dispatcher::dispatch(const CallHeader &header, const Caller &caller, const ReplySink &sink) const {
     switch (header.fault) {
     case CallFault::no_call:
@@ -67,10 +76,13 @@ void Dispatcher::run(const CallHeader &header, const Caller &caller, const Reply
     xdrmem_create(&arguments, reinterpret_cast<char *>(bytes), static_cast<u_int>(header.arguments.size()), XDR_DECODE);
     Caller told = caller;
     told.credentials = believed(header.credentials, caller.known);
-    const bool is_decoded = procedure->run(procedure->owner, arguments, {header.xid, told, sink, &guard_});
+    try {
+        if (!procedure->run(procedure->owner, arguments, {header.xid, told, sink, &guard_, header.arguments}))
+            sink(encode_refusal(header.xid, GARBAGE_ARGS));
+    } catch (const std::bad_alloc &) { // the request's trouble, not the daemon's
+        sink(encode_refusal(header.xid, SYSTEM_ERR));
+    }
     xdr_destroy(&arguments);
-    if (!is_decoded)
-        sink(encode_refusal(header.xid, GARBAGE_ARGS));
 }
 
 } // namespace velia::server

@@ -21,6 +21,7 @@ struct Call {
     const Caller &caller;
     const ReplySink &sink;
     const Guard *guard = nullptr; // of every call that a dispatcher runs
+    Bytes arguments = {};         // from where its arguments begin
 
     bool is_permitted(const Demand &demand) const { return guard == nullptr || guard->permits(demand, caller); }
 };
@@ -33,6 +34,8 @@ struct ServedProcedure {
     void *owner; // has to outlive the table
     // Takes the arguments off the stream and runs the work; false when they are garbage.
     bool (*run)(void *owner, XDR &arguments, const Call &call);
+    // A reply of its form that has nothing but a status.
+    MessageBytes (*bare_reply)(uint32_t xid, tbs_status_t status) = nullptr;
 };
 
 // Procedure 0 of the program, which answers nothing to nothing, needs no row.
@@ -46,6 +49,9 @@ public:
 
     // Runs one call message, whose header was read. The sink is called at once, later, or, for what is no call, never.
     void dispatch(const CallHeader &header, const Caller &caller, const ReplySink &sink) const;
+
+    // The reply to a call that is not run now, since too much has been asked for by who makes it.
+    MessageBytes try_again(const CallHeader &header) const;
 
     // True when the message calls a procedure that runs once.
     bool must_run_once(const CallHeader &header) const;

@@ -7,9 +7,9 @@ namespace velia::server {
 
 namespace {
 
-// Empty when the message cannot be encoded. The daemon has one thread, and so one buffer to encode in.
+// Empty when the message cannot be encoded. Each thread has a buffer to encode in.
 MessageBytes encode(rpc_msg &message) {
-    static std::array<unsigned char, REPLY_BYTES_MAX> buffer;
+    static thread_local std::array<unsigned char, REPLY_BYTES_MAX> buffer;
     XDR stream;
     xdrmem_create(&stream, reinterpret_cast<char *>(buffer.data()), REPLY_BYTES_MAX, XDR_ENCODE);
     const u_int length = xdr_replymsg(&stream, &message) ? xdr_getpos(&stream) : 0;

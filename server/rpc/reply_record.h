@@ -1,6 +1,7 @@
 // A reply on its way out: the record that is encoded, and an arena for what the record only points to.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -36,6 +37,7 @@ template <class Record>
 struct Reply {
     Record record = {};
     Arena arena;
+    std::function<void()> afterwards; // of work in a thread: what the loop does once it is done for good
 };
 
 // A text that outlives the reply, as records hold it.

@@ -123,10 +123,23 @@ bool run_work(void *owner, XDR &arguments, const Call &call) {
     return is_decoded;
 }
 
+template <class Request, class Record>
+MessageBytes encode_status(const Procedure<Request, Record> &procedure, uint32_t xid, tbs_status_t status) {
+    Record record = {};
+    if constexpr (requires { record.header; })
+        record.header.status = status;
+    return encode_success(xid, procedure.reply_routine(), &record);
+}
+
+template <const auto &procedure>
+MessageBytes bare_reply(uint32_t xid, tbs_status_t status) {
+    return encode_status(procedure, xid, status);
+}
+
 template <const auto &procedure, auto work, class Owner>
 ServedProcedure serve(Owner &owner) {
-    return {procedure.number, procedure.runs == Runs::ONCE, procedure.over == Over::TCP, &owner,
-            run_work<procedure, work, Owner>};
+    return {procedure.number, procedure.runs == Runs::ONCE,     procedure.over == Over::TCP,
+            &owner,           run_work<procedure, work, Owner>, bare_reply<procedure>};
 }
 
 } // namespace velia::server

@@ -1,11 +1,13 @@
-// When all places are taken a newcomer gets that of the peer who has deserved it least: one that never completed a
-// request, then the longest idle. Peers for whom work is being done keep theirs.
+// When all places are taken a newcomer gets that of the connection of least use, wherever it stands: first one that is
+// of none at all, then one of the host that has most of them, the longest without progress. Those for which work is
+// being done keep theirs, unless their host has more than the newcomer's.
 #include <server/rpc/tcp_endpoint.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <tuple>
 
 #include <server/messages.h>
 
@@ -16,13 +18,14 @@ namespace {
 constexpr int accepts_a_turn = 64;
 constexpr uint64_t sweep_interval_ms = 250;
 constexpr int64_t tell_interval_ms = 10000;
-constexpr int rank_kept = 3; // peers of this rank and above are not dropped for others
+constexpr int64_t turns_ms = 1; // for requests that have come with others; then sockets are looked at again
 
 } // namespace
 
 TcpEndpoint::TcpEndpoint(uv_loop_t *loop, UniqueFd fd, const Dispatcher &dispatcher, const ConnectionLimits &limits)
     : loop_(loop), fd_(std::move(fd)), dispatcher_(dispatcher), limits_(limits),
-      poll_(loop, fd_.get(), event_target<&TcpEndpoint::accept_some>(*this)), sweep_timer_(loop, [this] { sweep(); }) {
+      poll_(loop, fd_.get(), event_target<&TcpEndpoint::accept_some>(*this)), sweep_timer_(loop, [this] { sweep(); }),
+      rounds_(loop, [this] { take_turns(); }) {
     poll_.watch(UV_READABLE);
 }
 
@@ -57,7 +60,7 @@ bool TcpEndpoint::accept_one() {
     if (!is_short_of_descriptors)
         return false;
     const int error_number = errno;
-    if (make_room())
+    if (make_room({}))
         return true;
     if (monotonic_ms() - told_ms_ > tell_interval_ms) {
         told_ms_ = monotonic_ms();
@@ -82,7 +85,7 @@ void TcpEndpoint::take_addresses(int fd, Caller &caller) const {
 }
 
 void TcpEndpoint::admit(UniqueFd fd, const Caller &caller) {
-    if (connections_.size() >= limits_.connections_max && !make_room())
+    if (connections_.size() >= limits_.connections_max && !make_room(sender_of(caller).host))
         return;
     const int on = 1;
     if (local_address_)
@@ -90,26 +93,53 @@ void TcpEndpoint::admit(UniqueFd fd, const Caller &caller) {
     else
         setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     const uint64_t number = next_number_++;
-    auto connection = std::make_shared<TcpConnection>(loop_, std::move(fd), caller, dispatcher_,
-                                                      [this, number] { connections_.erase(number); });
+    TcpConnection::Owner owner = {[this, number] { connections_.erase(number); },
+                                  [this, number] {
+                                      turns_.push_back(number);
+                                      rounds_.start();
+                                  }};
+    auto connection = std::make_shared<TcpConnection>(loop_, std::move(fd), caller, dispatcher_, std::move(owner));
     if (connections_.empty())
         sweep_timer_.start(sweep_interval_ms, sweep_interval_ms);
     connections_.emplace(number, connection);
     connection->begin();
 }
 
-bool TcpEndpoint::make_room() {
-    const auto order = [](const Connections::value_type &left, const Connections::value_type &right) {
-        const auto key = [](const auto &connection) {
-            return std::pair(connection->rank(), connection->last_activity_ms());
-        };
-        return key(left.second) < key(right.second);
+bool TcpEndpoint::make_room(const Sender::Host &newcomer) {
+    const int64_t now_ms = monotonic_ms();
+    std::map<Sender::Host, size_t> counts;
+    for (const auto &[number, connection] : connections_)
+        ++counts[connection->host()];
+    // The higher, the more it deserves its place.
+    const auto merit = [&](const TcpConnection &connection) {
+        const auto use = connection.use(now_ms);
+        const size_t others = connections_.size() - counts.at(connection.host());
+        return std::tuple(!connection.is_useless(now_ms), others, use, connection.progress_ms());
     };
-    const auto victim = std::min_element(connections_.begin(), connections_.end(), order);
-    if (victim == connections_.end() || victim->second->rank() >= rank_kept)
+    const auto victim =
+        std::min_element(connections_.begin(), connections_.end(), [&](const auto &left, const auto &right) {
+            return merit(*left.second) < merit(*right.second);
+        });
+    if (victim == connections_.end())
+        return false;
+    const bool is_worked_for = victim->second->use(now_ms) == TcpConnection::Use::worked_for;
+    if (is_worked_for && counts.at(victim->second->host()) <= counts[newcomer] + 1)
         return false;
     connections_.erase(victim);
     return true;
+}
+
+// Each of those that wait has one request worked on, as long as there is time; the others come first in the next round.
+void TcpEndpoint::take_turns() {
+    const int64_t end_ms = monotonic_ms() + turns_ms;
+    for (size_t count = turns_.size(); count > 0 && monotonic_ms() <= end_ms; --count) {
+        const auto connection = connections_.find(turns_.front());
+        turns_.pop_front();
+        if (connection != connections_.end())
+            connection->second->take_turn();
+    }
+    if (turns_.empty())
+        rounds_.stop();
 }
 
 void TcpEndpoint::sweep() {

@@ -1,6 +1,7 @@
 // Calls over one listening socket, of TCP or of this host, with a bound on the connections and on what each may cost.
 #pragma once
 
+#include <deque>
 #include <map>
 #include <memory>
 
@@ -27,7 +28,8 @@ private:
     bool accept_one();
     void take_addresses(int fd, Caller &caller) const;
     void admit(UniqueFd fd, const Caller &caller);
-    bool make_room();
+    bool make_room(const Sender::Host &newcomer);
+    void take_turns();
     void sweep();
 
     uv_loop_t *loop_;
@@ -37,10 +39,12 @@ private:
     ConnectionLimits limits_;
     Connections connections_;
     uint64_t next_number_ = 0;
-    int64_t told_ms_ = 0; // when a failed accept was last told
+    std::deque<uint64_t> turns_; // connections of which more has come than was worked on
+    int64_t told_ms_ = 0;        // when a failed accept was last told
     bool is_paused_ = false;
     PollHandle poll_;
     TimerHandle sweep_timer_;
+    RoundHandle rounds_;
 };
 
 } // namespace velia::server

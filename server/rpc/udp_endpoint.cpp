@@ -1,17 +1,20 @@
 // Datagrams in, replies out, each from the address to which its call came. What cannot be sent at once is dropped: the
-// client sends its call again.
+// client sends its call again. Those that have come together are worked on in turn of their senders.
 #include <server/rpc/udp_endpoint.h>
 
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <memory>
+#include <sys/socket.h>
 
 namespace velia::server {
 
 namespace {
 
-constexpr int datagrams_a_turn = 64; // then other descriptors have theirs
+constexpr size_t datagrams_a_turn = 32; // then other descriptors have theirs
 constexpr size_t datagram_bytes_max = 65536;
+constexpr int waiting_bytes = 4 << 20; // that the system is to keep; it gives what it will
 
 union PacketInfo {
     std::array<char, CMSG_SPACE(sizeof(in6_pktinfo))> room;
@@ -59,6 +62,40 @@ void set_local_address(msghdr &header, PacketInfo &control, const ks_sockaddr_st
 
 } // namespace
 
+// What one call to the system brings. The daemon has one thread that receives, and so one of these.
+struct UdpEndpoint::Arrivals {
+    std::array<std::array<unsigned char, datagram_bytes_max>, datagrams_a_turn> bytes;
+    std::array<PacketInfo, datagrams_a_turn> controls;
+    std::array<iovec, datagrams_a_turn> vectors;
+    std::array<Caller, datagrams_a_turn> callers;
+    std::array<mmsghdr, datagrams_a_turn> headers;
+
+    void make_ready() {
+        for (size_t i = 0; i < datagrams_a_turn; ++i) {
+            vectors[i] = {bytes[i].data(), bytes[i].size()};
+            callers[i] = {};
+            callers[i].transport = RVZD_PROTOCOL_UDP;
+            msghdr &header = headers[i].msg_hdr;
+            header = {};
+            header.msg_name = &callers[i].peer;
+            header.msg_namelen = sizeof callers[i].peer;
+            header.msg_iov = &vectors[i];
+            header.msg_iovlen = 1;
+            header.msg_control = controls[i].room.data();
+            header.msg_controllen = controls[i].room.size();
+        }
+    }
+    // How many came.
+    size_t receive(int fd) {
+        make_ready();
+        int count = 0;
+        do {
+            count = recvmmsg(fd, headers.data(), datagrams_a_turn, MSG_DONTWAIT, nullptr);
+        } while (count < 0 && (errno == EINTR || errno == ECONNREFUSED)); // of an earlier reply
+        return count > 0 ? static_cast<size_t>(count) : 0;
+    }
+};
+
 struct UdpEndpoint::Channel {
     UniqueFd fd;
     ReplayCache replies;
@@ -82,7 +119,7 @@ struct UdpEndpoint::Channel {
 
 struct UdpEndpoint::PendingCall {
     std::weak_ptr<Channel> channel;
-    ReplayCache::Key key; // empty for one that may be run again
+    ReplayCache::Key key; // of one that runs once
     Caller caller;
     size_t request_bytes;
 };
@@ -90,6 +127,7 @@ struct UdpEndpoint::PendingCall {
 UdpEndpoint::UdpEndpoint(uv_loop_t *loop, UniqueFd fd, const Dispatcher &dispatcher, ReplyRate &rate)
     : channel_(std::make_shared<Channel>(Channel{std::move(fd), {}, rate})), dispatcher_(dispatcher),
       poll_(loop, channel_->fd.get(), event_target<&UdpEndpoint::receive>(*this)) {
+    setsockopt(channel_->fd.get(), SOL_SOCKET, SO_RCVBUF, &waiting_bytes, sizeof waiting_bytes);
     ks_sockaddr_storage_t own = {};
     socklen_t length = sizeof own;
     getsockname(channel_->fd.get(), &own.base, &length);
@@ -102,56 +140,51 @@ UdpEndpoint::~UdpEndpoint() {
 }
 
 void UdpEndpoint::receive() {
-    static std::array<unsigned char, datagram_bytes_max> buffer;
-    for (int i = 0; i < datagrams_a_turn; ++i) {
-        Caller caller;
-        caller.transport = RVZD_PROTOCOL_UDP;
-        iovec bytes = {buffer.data(), buffer.size()};
-        PacketInfo control = {};
-        msghdr header = {};
-        header.msg_name = &caller.peer;
-        header.msg_namelen = sizeof caller.peer;
-        header.msg_iov = &bytes;
-        header.msg_iovlen = 1;
-        header.msg_control = control.room.data();
-        header.msg_controllen = control.room.size();
-        const ssize_t length = recvmsg(channel_->fd.get(), &header, MSG_DONTWAIT);
-        if (length < 0) {
-            // An error that an earlier reply brought back is not the end of the queue.
-            if (errno == ECONNREFUSED || errno == EINTR)
-                continue;
-            return;
-        }
-        if ((header.msg_flags & MSG_TRUNC) != 0)
-            continue;
-        take_local_address(header, caller.local);
-        sysutl_sockaddr_set_port(&caller.local.base, port_);
-        take(Bytes(buffer.data(), static_cast<size_t>(length)), caller);
+    static const auto arrivals = std::make_unique<Arrivals>();
+    const size_t count = arrivals->receive(channel_->fd.get());
+    FairQueue<size_t> in_turn({datagrams_a_turn, datagrams_a_turn, datagrams_a_turn});
+    for (size_t i = 0; i < count; ++i) {
+        take_local_address(arrivals->headers[i].msg_hdr, arrivals->callers[i].local);
+        sysutl_sockaddr_set_port(&arrivals->callers[i].local.base, port_);
+        in_turn.push(sender_of(arrivals->callers[i]), i);
     }
+    while (const auto next = in_turn.pop())
+        if ((arrivals->headers[*next].msg_hdr.msg_flags & MSG_TRUNC) == 0)
+            take(Bytes(arrivals->bytes[*next].data(), arrivals->headers[*next].msg_len), arrivals->callers[*next]);
 }
 
 void UdpEndpoint::take(Bytes message, const Caller &caller) {
     const CallHeader header = read_call_header(message);
-    ReplayCache::Key key;
-    if (dispatcher_.must_run_once(header)) {
-        key = ReplayCache::key_of(caller, message);
-        const MessageBytes *earlier_reply = nullptr;
-        const auto verdict = channel_->replies.begin(key, monotonic_ms(), &earlier_reply);
-        if (verdict == ReplayCache::Verdict::answered)
-            return channel_->send(*earlier_reply, caller, message.size());
-        if (verdict != ReplayCache::Verdict::is_new)
-            return;
-    }
+    if (dispatcher_.must_run_once(header))
+        return take_once(header, message, caller);
     // Sinks are copied on the way to who answers: what they know is made once.
-    const auto call =
-        std::make_shared<const PendingCall>(PendingCall{channel_, std::move(key), caller, message.size()});
+    const auto call = std::make_shared<const PendingCall>(PendingCall{channel_, {}, caller, message.size()});
+    dispatcher_.dispatch(header, caller, [call](const MessageBytes &reply) {
+        if (const auto open = call->channel.lock())
+            open->send(reply, call->caller, call->request_bytes);
+    });
+}
+
+void UdpEndpoint::take_once(const CallHeader &header, Bytes message, const Caller &caller) {
+    const auto key = ReplayCache::key_of(caller, message);
+    const MessageBytes *earlier_reply = nullptr;
+    switch (channel_->replies.begin(key, monotonic_ms(), &earlier_reply)) {
+    case ReplayCache::Verdict::answered:
+        return channel_->send(*earlier_reply, caller, message.size());
+    case ReplayCache::Verdict::in_progress:
+        return;
+    case ReplayCache::Verdict::too_many:
+        return channel_->send(dispatcher_.try_again(header), caller, message.size());
+    case ReplayCache::Verdict::is_new:
+        break;
+    }
+    const auto call = std::make_shared<const PendingCall>(PendingCall{channel_, key, caller, message.size()});
     dispatcher_.dispatch(header, caller, [call](MessageBytes reply) {
         const auto open = call->channel.lock();
         if (open == nullptr)
             return;
         open->send(reply, call->caller, call->request_bytes);
-        if (!call->key.empty())
-            open->replies.finish(call->key, monotonic_ms(), std::move(reply));
+        open->replies.finish(call->key, monotonic_ms(), std::move(reply));
     });
 }
 

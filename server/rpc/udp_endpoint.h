@@ -18,11 +18,13 @@ public:
     ~UdpEndpoint();
 
 private:
+    struct Arrivals;
     struct Channel;
     struct PendingCall;
 
     void receive();
     void take(Bytes message, const Caller &caller);
+    void take_once(const CallHeader &header, Bytes message, const Caller &caller);
 
     std::shared_ptr<Channel> channel_; // replies given later find it gone when the endpoint is
     const Dispatcher &dispatcher_;

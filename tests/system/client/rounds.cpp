@@ -15,6 +15,7 @@ using velia::system_test::Handle;
 namespace {
 
 constexpr int tries_max = 1000;
+constexpr useconds_t pause_us = 5000; // a daemon that is not there refuses at once
 
 // Nothing makes two entries of a title alone the same to the registry, so one that is added twice stands there twice.
 constexpr rgy_db_t db = RGY_DB_REGIONS;
@@ -62,9 +63,13 @@ public:
 private:
     template <class Work>
     bool succeeds(Work &&work) const {
-        for (int tries = 0; tries < tries_max && access(wanted_.stop_file.c_str(), F_OK) != 0; ++tries)
-            if (work() == TBS_ST_OK)
+        for (int tries = 0; tries < tries_max && access(wanted_.stop_file.c_str(), F_OK) != 0; ++tries) {
+            const tbs_status_t status = work();
+            if (status == TBS_ST_OK)
                 return true;
+            if (status != TBS_ST_STALE_ID)
+                usleep(pause_us);
+        }
         return false;
     }
 

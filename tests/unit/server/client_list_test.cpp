@@ -207,6 +207,19 @@ TEST_F(ClientFile, OfAnUnknownVersionIsNotRead) {
     }
 }
 
+// What a newer program has written is not lost, and the few that come meanwhile are not given out as all.
+TEST_F(ClientFile, OfANewerVersionIsKeptAndItsListWithheld) {
+    const std::string newer = "-dbversion=2.0;\n-address=10.0.0.1;-something=new;\n";
+    write(newer);
+    ClientList list;
+    read(list);
+    EXPECT_TRUE(list.is_withheld());
+    ASSERT_TRUE(list.enter(client_at("10.0.0.9", "new")));
+    EXPECT_TRUE(write_client_file(name(), list));
+    std::ifstream file(name());
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), newer);
+}
+
 TEST_F(ClientFile, ThatIsNoFileIsNotWaitedForAndAnEmptyList) {
     bad_files::for_each(name(), 64 << 20, [&](const std::string &words) {
         ClientList list;

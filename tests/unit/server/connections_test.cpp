@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
+#include <array>
 #include <functional>
 #include <optional>
 #include <sched.h>
@@ -18,6 +19,7 @@ namespace {
 constexpr uint32_t program = 390512;
 constexpr uint32_t ping = 0;
 constexpr uint32_t long_work = 1;
+constexpr uint32_t large_reply = 2;
 constexpr int64_t deadline_ms = 20000;
 
 class Connections : public testing::Test {
@@ -54,16 +56,46 @@ protected:
         return true;
     }
 
-    UniqueFd connect_peer() {
+    UniqueFd connect_peer() { return connect_peer_from(1); }
+    // From a host of its own: 127.0.0.`host`.
+    UniqueFd connect_peer_from(uint32_t host) {
         UniqueFd fd(socket(AF_INET, SOCK_STREAM, 0));
+        sockaddr_in local = {};
+        local.sin_family = AF_INET;
+        local.sin_addr.s_addr = htonl(INADDR_LOOPBACK + host - 1);
+        EXPECT_EQ(bind(fd.get(), reinterpret_cast<sockaddr *>(&local), sizeof local), 0);
         EXPECT_EQ(connect(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
         return fd;
     }
     // A peer whose first request was answered.
-    UniqueFd served_peer() {
-        UniqueFd fd = connect_peer();
+    UniqueFd served_peer() { return served_peer_from(1); }
+    UniqueFd served_peer_from(uint32_t host) {
+        UniqueFd fd = connect_peer_from(host);
         complete_request(fd);
         return fd;
+    }
+    // Asks, and reads nothing, until no reply leaves the daemon any more.
+    void fill_with_replies(const UniqueFd &fd) {
+        const auto call = with_record_mark(call_message(large_reply));
+        size_t before = 0;
+        do {
+            before = large_replies;
+            for (int i = 0; i < 16; ++i)
+                send(fd.get(), call.data(), call.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+            let_pass(20);
+        } while (large_replies != before);
+    }
+    void let_pass(int64_t time_ms) {
+        const int64_t now_ms = monotonic_ms();
+        EXPECT_TRUE(run_until([&] { return monotonic_ms() > now_ms + time_ms; }));
+    }
+    // What was not taken may still be read.
+    void expect_gone(const UniqueFd &fd) {
+        EXPECT_TRUE(run_until([&] {
+            std::array<char, 65536> bytes;
+            const ssize_t count = recv(fd.get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
+            return count == 0 || (count < 0 && errno == ECONNRESET);
+        }));
     }
     void complete_request(const UniqueFd &fd) {
         send_call(fd, ping);
@@ -121,10 +153,18 @@ protected:
         static_cast<Connections *>(owner)->unanswered.push_back(call.sink);
         return true;
     }
+    static bool answer_at_length(void *owner, XDR & /*arguments*/, const Call &call) {
+        ++static_cast<Connections *>(owner)->large_replies;
+        call.sink(MessageBytes(60000, 0));
+        return true;
+    }
+    size_t large_replies = 0;
     Dispatcher dispatcher{program,
                           3,
                           server_tests::open_guard,
-                          {{ping, false, false, this, refuse}, {long_work, false, false, this, leave_unanswered}}};
+                          {{ping, false, false, this, refuse},
+                           {long_work, false, false, this, leave_unanswered},
+                           {large_reply, false, false, this, answer_at_length}}};
     std::optional<TcpEndpoint> endpoint;
 };
 
@@ -160,6 +200,90 @@ TEST_F(Connections, PeersForWhomWorkIsBeingDoneKeepTheirPlaces) {
     expect_closed(newcomer);
     EXPECT_FALSE(is_closed(first));
     EXPECT_FALSE(is_closed(second));
+}
+
+// Whoever reads nothing may send what he likes: he makes no progress.
+TEST_F(Connections, NewcomerGetsThePlaceOfOneThatTakesNoReplies) {
+    serve(limits(2));
+    const UniqueFd good = served_peer();
+    const UniqueFd hoarder = served_peer();
+    fill_with_replies(hoarder);
+    begin_long_work(good);
+    let_pass(1100);
+    const UniqueFd newcomer = served_peer();
+    expect_gone(hoarder);
+    EXPECT_FALSE(is_closed(good));
+    EXPECT_FALSE(is_closed(newcomer));
+}
+
+TEST_F(Connections, WhoTakesNoRepliesIsDroppedInTimeWhateverHeSends) {
+    serve(limits(16, 300));
+    const UniqueFd hoarder = served_peer();
+    fill_with_replies(hoarder);
+    const auto calls = with_record_mark(call_message(large_reply));
+    EXPECT_TRUE(run_until([&] {
+        const ssize_t sent = send(hoarder.get(), calls.data(), 4, MSG_NOSIGNAL | MSG_DONTWAIT);
+        return sent < 0 && errno != EAGAIN;
+    }));
+}
+
+TEST_F(Connections, WhoTakesNoRepliesIsNotWorkedForAnyFurther) {
+    serve(limits());
+    const UniqueFd hoarder = served_peer();
+    fill_with_replies(hoarder);
+    const size_t before = large_replies;
+    const UniqueFd other = served_peer();
+    complete_request(other);
+    EXPECT_EQ(large_replies, before);
+}
+
+// Of those of one host the longest without progress goes, not one of a host that has few.
+TEST_F(Connections, NewcomerGetsAPlaceOfTheHostThatHasMostOfThem) {
+    serve(limits(4));
+    const UniqueFd only = served_peer_from(2);
+    begin_long_work(only);
+    std::vector<UniqueFd> many;
+    for (int i = 0; i < 3; ++i) {
+        many.push_back(served_peer());
+        begin_long_work(many.back());
+        let_a_moment_pass();
+    }
+    const UniqueFd newcomer = served_peer_from(3);
+    expect_closed(many.front());
+    EXPECT_FALSE(is_closed(only));
+    EXPECT_FALSE(is_closed(many.back()));
+    const UniqueFd another = connect_peer_from(1);
+    expect_closed(another);
+}
+
+// It has only just come, and those of the others have completed something already.
+TEST_F(Connections, OneThatHasJustComeIsNotDroppedForOneOfTheHostThatHasMost) {
+    serve(limits(4));
+    std::vector<UniqueFd> many;
+    for (int i = 0; i < 3; ++i)
+        many.push_back(served_peer());
+    const UniqueFd fresh = connect_peer_from(2);
+    EXPECT_TRUE(run_until([&, rounds = 0]() mutable { return ++rounds > 10; }));
+    many.push_back(served_peer());
+    expect_closed(many.front());
+    complete_request(fresh);
+}
+
+// What came in one piece is worked on in turns, and the others have theirs in between.
+TEST_F(Connections, ManyRequestsOfOneConnectionWaitForThoseOfOthers) {
+    serve(limits());
+    const UniqueFd greedy = served_peer();
+    const UniqueFd modest = served_peer();
+    MessageBytes calls;
+    for (size_t i = 0; i < 40; ++i) {
+        const auto call = with_record_mark(call_message(long_work));
+        calls.insert(calls.end(), call.begin(), call.end());
+    }
+    send_bytes(greedy, calls);
+    send_call(modest, ping);
+    EXPECT_TRUE(run_until([&] { return take_reply(modest); }));
+    EXPECT_LT(unanswered.size(), 10u);
+    EXPECT_TRUE(run_until([&] { return unanswered.size() == 40; }));
 }
 
 TEST_F(Connections, AFloodOfSilentPeersKeepsNoClientOut) {

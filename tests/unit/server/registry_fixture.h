@@ -30,6 +30,7 @@ protected:
         reopen();
     }
     ~RegistryFixture() override {
+        memory.follow(nullptr);
         registry.reset();
         store.reset();
         std::filesystem::remove_all(directory_);
@@ -38,8 +39,10 @@ protected:
     void reopen() {
         registry.reset();
         store.reset();
+        memory.follow(nullptr);
         store = open_sqlite_store(file_name(), is_new);
         registry = std::make_unique<Registry>(*store);
+        memory.follow(store->watch_version());
     }
     std::string file_name() const { return directory_ / "registry.db"; }
 
@@ -68,7 +71,26 @@ protected:
     }
     static Selection all_of(rgy_db_t db) { return {db, "", "", ""}; }
 
+    template <class Read>
+    auto learning(Read &&read) {
+        const uint64_t version = memory.version();
+        Learned learned;
+        store->refresh();
+        Registry reader(*store, &learned);
+        auto result = read(reader);
+        memory.learn(version, std::move(learned));
+        return result;
+    }
+
+    // As the daemon does it: out of memory, or else from the store, which the memory learns of.
+    AnswerMemory::Answer answer(const Selection &selection, uint64_t cursor, const BatchLimits &limits,
+                                const Filter &filter = {}) {
+        if (auto remembered = memory.answer(selection, cursor, limits, filter))
+            return remembered;
+        return learning([&](Registry &reader) { return reader.answer(selection, cursor, limits, filter); });
+    }
     bool is_new = false;
+    RegistryMemory memory;
     std::unique_ptr<Store> store;
     std::unique_ptr<Registry> registry;
     Caller user = caller_with_uid(1000);

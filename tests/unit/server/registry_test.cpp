@@ -21,6 +21,11 @@ bool is_same(const rgy_dtm_pair_t &left, const rgy_dtm_pair_t &right) {
     return memcmp(&left, &right, sizeof left) == 0;
 }
 
+std::string bytes_of(const std::string &file_name) {
+    std::ifstream file(file_name, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
 const std::string uuid_text = "0b5f8a52-7d1a-4c39-9d54-1a2b3c4d5e6f";
 
 } // namespace
@@ -211,21 +216,81 @@ TEST_F(RegistryTest, ARecordThatAloneIsTooLargeStillComes) {
     EXPECT_EQ(batch.cursor, 1u);
 }
 
-TEST_F(RegistryTest, ASearchThatFindsNothingForLongIsResumed) {
-    // Many, without a commit to disk for each of them.
-    Sqlite database(file_name());
-    Transaction transaction(database);
-    Statement insert(database, "INSERT INTO entry (db, region, identity, text) VALUES (?1, x'', x'', ?2)");
-    for (int i = 0; i <= REGISTRY_VISITS_MAX; ++i)
-        insert.with(uint32_t{RGY_DB_REGIONS}, "-name=" + std::to_string(i) + ";").run();
-    transaction.commit();
-    const Filter last_one = [](const Items &items) {
-        return value_of(items, "-name") == std::to_string(REGISTRY_VISITS_MAX);
-    };
-    const Batch first = registry->fetch(all_of(RGY_DB_REGIONS), 0, {1, 8000}, last_one);
-    EXPECT_THAT(first.records, IsEmpty());
-    EXPECT_EQ(first.cursor, uint64_t{REGISTRY_VISITS_MAX});
-    EXPECT_THAT(registry->fetch(all_of(RGY_DB_REGIONS), first.cursor, {1, 8000}, last_one).records, SizeIs(1));
+namespace {
+
+// Many entries, without a commit to disk for each of them. Their names are their numbers, and only the last matches.
+struct LongSearch : RegistryFixture {
+    static constexpr int entries = 3 * REGISTRY_WORK_MAX;
+
+    LongSearch() {
+        Sqlite database(file_name());
+        Transaction transaction(database);
+        Statement insert(database, "INSERT INTO entry (db, region, identity, text) VALUES (?1, ?2, x'', ?3)");
+        for (int i = 1; i <= entries; ++i)
+            insert
+                .with(uint32_t{RGY_DB_REGIONS}, std::string_view(i < entries ? "east" : "west"),
+                      "-name=" + std::to_string(i) + ";")
+                .run();
+        transaction.commit();
+    }
+
+    static bool is_last(const Items &items) { return value_of(items, "-name") == std::to_string(entries); }
+
+    // How many requests it takes, each of which has to come further, and what is found by all of them.
+    int requests(const Selection &selection, const Filter &filter) {
+        int count = 0;
+        size_t found = 0;
+        uint64_t cursor = 0;
+        do {
+            const Batch batch = registry->fetch(selection, cursor, {10, 8000}, filter);
+            EXPECT_TRUE(batch.cursor == 0 || batch.cursor > cursor);
+            cursor = batch.cursor;
+            found += batch.records.size();
+            ++count;
+        } while (cursor != 0);
+        EXPECT_EQ(found, 1u);
+        return count;
+    }
+};
+
+} // namespace
+
+TEST_F(LongSearch, IsCutAndResumedByLooksAtRecordsOfOtherRegions) {
+    EXPECT_EQ(requests({RGY_DB_REGIONS, "west", "", ""}, {}), 3);
+}
+
+TEST_F(LongSearch, IsCutSoonerWhereEachRecordIsTakenApart) {
+    EXPECT_EQ(requests(all_of(RGY_DB_REGIONS), is_last), 27) << "which is work of nine looks";
+}
+
+TEST_F(LongSearch, IsCutSoonestWhereMuchIsTriedOnEachRecord) {
+    EXPECT_EQ(requests(all_of(RGY_DB_REGIONS), {is_last, 991}), 3000);
+    const Batch batch = registry->fetch(all_of(RGY_DB_REGIONS), 7, {10, 8000}, {is_last, 1'000'000});
+    EXPECT_EQ(batch.cursor, 8u) << "a single record is more than one request may cost, and yet it goes on";
+}
+
+TEST_F(LongSearch, EntriesAreCountedAsTheyComeAndGo) {
+    EXPECT_EQ(registry->count(RGY_DB_REGIONS), uint64_t{entries});
+    ASSERT_EQ(add(RGY_DB_REGIONS, "-name=new;"), TBS_ST_OK);
+    EXPECT_EQ(registry->count(RGY_DB_REGIONS), uint64_t{entries + 1});
+    ASSERT_EQ(registry->remove(RGY_DB_REGIONS, 1, user), TBS_ST_OK);
+    EXPECT_EQ(registry->count(RGY_DB_REGIONS), uint64_t{entries});
+    store->replace(RGY_DB_REGIONS, std::nullopt, {{5, "-name=5;"}, {9, "-name=nine;"}});
+    EXPECT_EQ(registry->count(RGY_DB_REGIONS), 2u);
+    store->begin_anew({});
+    EXPECT_EQ(registry->count(RGY_DB_REGIONS), 0u);
+}
+
+// As programs of before have left it.
+TEST_F(LongSearch, EntriesOfARegistryWithoutTotalsAreCountedOnce) {
+    registry.reset();
+    store.reset();
+    Sqlite(file_name()).run("DROP TRIGGER entry_added; DROP TRIGGER entry_removed; DROP TABLE total");
+    reopen();
+    EXPECT_FALSE(is_new);
+    EXPECT_EQ(registry->count(RGY_DB_REGIONS), uint64_t{entries});
+    ASSERT_EQ(add(RGY_DB_REGIONS, "-name=new;"), TBS_ST_OK);
+    EXPECT_EQ(registry->count(RGY_DB_REGIONS), uint64_t{entries + 1});
 }
 
 TEST_F(RegistryTest, AttributesAreFoundByNameAndByValue) {
@@ -277,6 +342,63 @@ TEST_F(RegistryTest, AFileThatIsNoRegistryIsRefusedAndLeftAsItIs) {
     std::string line;
     std::getline(std::ifstream(other), line);
     EXPECT_EQ(line.substr(0, 7), "this is");
+}
+
+// A registry was there once, or it is somebody else's: nothing is served in its place.
+TEST_F(RegistryTest, AnEmptyFileIsNoNewRegistry) {
+    const std::string other = file_name() + ".other";
+    std::ofstream(other).close();
+    bool is_new_file = false;
+    EXPECT_THROW(open_sqlite_store(other, is_new_file), StoreError);
+    EXPECT_EQ(std::filesystem::file_size(other), 0u);
+}
+
+TEST_F(RegistryTest, ADatabaseOfSomethingElseIsRefusedAndLeftAsItIs) {
+    const std::string other = file_name() + ".other";
+    Sqlite(other).run("CREATE TABLE one (one INTEGER)");
+    const std::string before = bytes_of(other);
+    bool is_new_file = false;
+    EXPECT_THROW(open_sqlite_store(other, is_new_file), StoreError);
+    EXPECT_EQ(bytes_of(other), before);
+}
+
+// Also what its daemon, killed, has left in its log.
+TEST_F(RegistryTest, ARegistryOfANewerVersionIsRefusedAndLeftAsItIs) {
+    ASSERT_EQ(add(RGY_DB_REGIONS, "-name=r1;"), TBS_ST_OK);
+    const std::string newer = file_name() + ".newer";
+    Sqlite(file_name()).run("PRAGMA user_version = 2");
+    for (const std::string suffix : {"", "-wal"})
+        std::filesystem::copy_file(file_name() + suffix, newer + suffix);
+    const std::string before = bytes_of(newer) + bytes_of(newer + "-wal");
+    bool is_new_file = false;
+    EXPECT_THROW(open_sqlite_store(newer, is_new_file), StoreError);
+    EXPECT_EQ(bytes_of(newer) + bytes_of(newer + "-wal"), before);
+}
+
+TEST_F(RegistryTest, ARegistryThatWasNotFinishedHasNoName) {
+    std::vector<std::string> names;
+    for (const auto &entry : std::filesystem::directory_iterator(std::filesystem::path(file_name()).parent_path()))
+        names.push_back(entry.path().filename());
+    EXPECT_THAT(names, testing::UnorderedElementsAre("registry.db", "registry.db-wal", "registry.db-shm"));
+}
+
+TEST_F(RegistryTest, UpdatesTogetherAreOneOrNone) {
+    const Stamps before = registry->stamps(RGY_DB_REGIONS);
+    EXPECT_THROW(store->together([&] {
+        EXPECT_EQ(add(RGY_DB_REGIONS, "-name=r1;"), TBS_ST_OK);
+        EXPECT_EQ(add(RGY_DB_REGIONS, "-name=r1;"), TBS_ST_ALREADY_EXISTS);
+        throw StoreError("the disk is full");
+    }),
+                 StoreError);
+    EXPECT_THAT(texts_of(all_of(RGY_DB_REGIONS)), IsEmpty());
+    EXPECT_TRUE(is_same(registry->stamps(RGY_DB_REGIONS).pair, before.pair));
+    store->together([&] {
+        EXPECT_EQ(add(RGY_DB_REGIONS, "-name=r1;"), TBS_ST_OK);
+        EXPECT_EQ(registry->add(RGY_DB_REGIONS, before.pair, "-name=r2;", user), TBS_ST_STALE_ID);
+        EXPECT_EQ(add(RGY_DB_REGIONS, "-name=r3;"), TBS_ST_OK);
+    });
+    reopen();
+    EXPECT_THAT(texts_of(all_of(RGY_DB_REGIONS)), ElementsAre("-name=r1;", "-name=r3;"));
 }
 
 TEST_F(RegistryTest, OnlyItsOwnerReadsTheFile) {

@@ -113,10 +113,21 @@ TEST_F(FindServer, BeyondTheNumberOfServersIsRefusedAndTold) {
 TEST_F(FindServer, IsRefusedForTheMomentWhenTooManyWait) {
     configure({service()});
     for (int i = 0; i < WAITERS_MAX; ++i)
-        find();
-    EXPECT_EQ(status_of(find()), TBS_ST_TRY_AGAIN);
+        find_from(static_cast<uint32_t>(i / HOST_WAITERS_MAX));
+    EXPECT_EQ(status_of(find_from(77)), TBS_ST_TRY_AGAIN);
     register_server(100);
     EXPECT_THAT(answers, SizeIs(WAITERS_MAX + 1));
+}
+
+TEST_F(FindServer, OfAHostOfWhichManyWaitIsRefusedForTheMomentAndThatOfAnotherIsNot) {
+    configure({service()});
+    for (int i = 0; i < HOST_WAITERS_MAX; ++i)
+        find_from(1);
+    EXPECT_EQ(status_of(find_from(1)), TBS_ST_TRY_AGAIN);
+    const size_t other = find_from(2);
+    EXPECT_FALSE(answers.contains(other));
+    register_server(100);
+    EXPECT_EQ(status_of(other), TBS_ST_OK);
 }
 
 TEST_F(FindServer, OfAServerThatCannotBeStartedIsAnErrorInTheLaunchersWords) {

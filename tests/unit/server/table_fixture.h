@@ -75,12 +75,19 @@ protected:
 
     // Asks, and keeps the answer under the number given back.
     size_t find(const std::string &path = "", uint8_t uuid_number = 0, const rvzd_rpc_trait_t &trait = udp_trait) {
+        return find({trait, uuid(uuid_number), path, client_address()});
+    }
+    size_t find_from(uint32_t host) {
+        auto client = client_address();
+        client.ipv4.sin_addr.s_addr = htonl(0x0a000000 + host);
+        return find({udp_trait, {}, "", client});
+    }
+    size_t find(const velia::server::FindRequest &request) {
         const size_t number = question_count++;
-        table.find({trait, uuid(uuid_number), path, client_address()}, now,
-                   [this, number](const velia::server::FindAnswer &answer) {
-                       EXPECT_FALSE(answers.contains(number)) << "answered twice";
-                       answers[number] = answer;
-                   });
+        table.find(request, now, [this, number](const velia::server::FindAnswer &answer) {
+            EXPECT_FALSE(answers.contains(number)) << "answered twice";
+            answers[number] = answer;
+        });
         return number;
     }
     bool is_answered(size_t number) const { return answers.contains(number); }

@@ -1,0 +1,136 @@
+#include <server/daemon/log.h>
+
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <deque>
+#include <mutex>
+#include <poll.h>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <utility>
+
+#include <support/imsg.h>
+
+namespace velia::server {
+
+namespace {
+
+constexpr std::chrono::seconds last_wait(1);
+
+struct Message {
+    int fd;
+    std::string text;
+};
+
+// False: it cannot be written, or not all of it.
+bool write_whole(const Message &message) {
+    for (size_t at = 0; at < message.text.size();) {
+        const ssize_t count = write(message.fd, message.text.data() + at, message.text.size() - at);
+        if (count >= 0) {
+            at += static_cast<size_t>(count);
+            continue;
+        }
+        pollfd writable = {message.fd, POLLOUT, 0};
+        const bool may_go_on = errno == EINTR || (errno == EAGAIN && poll(&writable, 1, -1) > 0);
+        if (!may_go_on)
+            return false;
+    }
+    return true;
+}
+
+} // namespace
+
+struct Log::State {
+    std::mutex lock;
+    std::condition_variable is_changed;
+    std::deque<Message> waiting;
+    size_t waiting_bytes = 0;
+    uint64_t lost = 0; // messages, since that was last told
+    bool is_writing = false;
+    bool is_over = false;
+    bool is_ended = false;
+
+    static void take(void *context, int fd, const char *bytes, size_t size) {
+        auto *state = static_cast<State *>(context);
+        {
+            const std::lock_guard held(state->lock);
+            if (state->waiting_bytes + size > BYTES_MAX) {
+                ++state->lost;
+                return;
+            }
+            state->waiting.push_back({fd, std::string(bytes, size)});
+            state->waiting_bytes += size;
+        }
+        state->is_changed.notify_all();
+    }
+
+    // False at the end.
+    bool next(Message &message) {
+        std::unique_lock held(lock);
+        is_changed.wait(held, [this] { return is_over || !waiting.empty(); });
+        if (waiting.empty())
+            return false;
+        is_writing = true;
+        message = std::move(waiting.front());
+        waiting.pop_front();
+        waiting_bytes -= message.text.size();
+        return true;
+    }
+
+    void note(bool is_written) {
+        uint64_t told = 0;
+        {
+            const std::lock_guard held(lock);
+            is_writing = false;
+            if (!is_written)
+                ++lost;
+            else if (waiting.empty())
+                told = std::exchange(lost, 0);
+        }
+        is_changed.notify_all();
+        if (told != 0)
+            imsg_print(IMSG_WARNING, "%llu messages could not be written.\n", IMSG_FORMAT,
+                       static_cast<unsigned long long>(told));
+    }
+
+    void run() {
+        for (Message message; next(message);)
+            note(write_whole(message));
+        const std::lock_guard held(lock);
+        is_ended = true;
+        is_changed.notify_all();
+    }
+};
+
+Log::Log() : state_(std::make_shared<State>()) {
+    sigset_t all;
+    sigset_t former;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &former);
+    std::thread([state = state_] { state->run(); }).detach();
+    pthread_sigmask(SIG_SETMASK, &former, nullptr);
+    imsg_set_writer(State::take, state_.get());
+}
+
+uint64_t Log::lost() const {
+    const std::lock_guard held(state_->lock);
+    return state_->lost;
+}
+
+void Log::flush() {
+    std::unique_lock held(state_->lock);
+    state_->is_changed.wait_for(held, last_wait, [this] { return state_->waiting.empty() && !state_->is_writing; });
+}
+
+Log::~Log() {
+    imsg_set_writer(nullptr, nullptr);
+    std::unique_lock held(state_->lock);
+    state_->is_over = true;
+    state_->is_changed.notify_all();
+    state_->is_changed.wait_for(held, last_wait, [this] { return state_->is_ended; });
+}
+
+} // namespace velia::server

@@ -1,0 +1,33 @@
+// Messages on their way to the log, or to the terminal. A thread writes them, so that nobody waits for a disk, or for
+// who does not read the other end. What there is no room for, or cannot be written, is counted, and told when that is
+// over.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+namespace velia::server {
+
+class Log {
+public:
+    enum { BYTES_MAX = 1 << 20 };
+
+    // From now on messages come here. Not before a fork: the child would have no thread.
+    Log();
+    // Writes what is left, as far as that is taken within a second.
+    ~Log();
+    Log(const Log &) = delete;
+    Log &operator=(const Log &) = delete;
+
+    // Until what was said so far is written, for a second at most.
+    void flush();
+
+    // Messages that were not written, and of which that is still to be told.
+    uint64_t lost() const;
+
+private:
+    struct State;
+    std::shared_ptr<State> state_; // the thread's, too, which may be in the midst of a write at the end
+};
+
+} // namespace velia::server

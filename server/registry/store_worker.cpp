@@ -1,0 +1,94 @@
+// Updates that wait at one moment are one transaction. Where that fails, none of them has been made, and each is tried
+// by itself, so that the one that fails is the only one.
+#include <server/registry/store_worker.h>
+
+#include <server/registry/role.h>
+
+namespace velia::server {
+
+namespace {
+
+class NoStore : public StoreError {
+    using StoreError::StoreError;
+};
+
+template <class Body>
+StoreFailure failure_of(Body &&body) {
+    try {
+        body();
+        return {};
+    } catch (const NoStore &) {
+        return {TBS_ST_NO_SERVER, ""};
+    } catch (const StoreBusy &) {
+        return {TBS_ST_TRY_AGAIN, ""};
+    } catch (const std::exception &error) {
+        return {TBS_ST_ERROR, error.what()};
+    }
+}
+
+} // namespace
+
+StoreWorker::StoreWorker(uv_loop_t *loop, const Worker::Shape &shape, bool is_writer)
+    : worker_(loop, shape,
+              is_writer ? [this](Worker::Batch &batch) { run_together(batch); }
+                        : std::function<void(Worker::Batch &)>()) {}
+
+Store &StoreWorker::store() {
+    if (store_ == nullptr && !file_name_.empty())
+        store_ = existing_store(file_name_);
+    if (store_ == nullptr)
+        throw NoStore("no registry is open");
+    return *store_;
+}
+
+void StoreWorker::run(Task &task, StoreFailure &failure) {
+    if (is_together_)
+        return task.work(*store_);
+    failure = refusal_ ? *refusal_ : failure_of([&] {
+        store().refresh();
+        task.work(*store_);
+    });
+}
+
+void StoreWorker::run_together(Worker::Batch &batch) {
+    const StoreFailure failure = failure_of([&] {
+        store().refresh();
+        is_together_ = true;
+        store_->together([&] {
+            for (const auto &job : batch)
+                job.work();
+        });
+    });
+    is_together_ = false;
+    if (failure.status == TBS_ST_OK)
+        return;
+    if (failure.status != TBS_ST_ERROR)
+        refusal_ = failure;
+    for (const auto &job : batch)
+        job.work();
+    refusal_.reset();
+}
+
+bool StoreWorker::submit(const Sender &sender, Task task) {
+    struct Running {
+        Task task;
+        StoreFailure failure;
+    };
+    const auto running = std::make_shared<Running>(Running{std::move(task), {}});
+    return worker_.submit(sender, {[this, running] { run(running->task, running->failure); },
+                                   [running] { running->task.done(running->failure); }});
+}
+
+void StoreWorker::use(const std::string &file_name) {
+    worker_.submit_first({[this, file_name] {
+                              store_.reset();
+                              file_name_ = file_name;
+                          },
+                          [] {}});
+}
+
+void StoreWorker::change(std::function<void(std::unique_ptr<Store> &)> work, std::function<void()> done) {
+    worker_.submit_first({[this, work = std::move(work)] { work(store_); }, std::move(done)});
+}
+
+} // namespace velia::server

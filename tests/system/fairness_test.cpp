@@ -1,0 +1,153 @@
+// A client is served while others ask for what costs much, hoard connections, or hold what the daemon needs. How soon,
+// in figures: ./dev bench fairness.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <tests/system/support/attacks.h>
+#include <tests/system/support/client.h>
+#include <tests/system/support/daemon.h>
+#include <tests/system/support/raw.h>
+#include <tests/system/support/registry_calls.h>
+#include <tests/system/support/registry_file.h>
+
+using namespace velia::system_test;
+
+namespace {
+
+constexpr uint32_t slow_program = 390700;
+constexpr size_t entries = 100'000;
+constexpr auto soon = std::chrono::seconds(3); // what was found held clients up for longer, or for good
+
+struct Fairness : testing::Test {
+    Site site;
+    std::unique_ptr<Daemon> daemon;
+
+    void SetUp() override {
+        site.write("host/config/rgy_svr.conf", "master");
+        site.write("host/config/rgy_hosts.conf", "alpha\n\n");
+        site.configure(trusted_hosts + script_line(slow_program, "shared", "-", "sleep 600"));
+        run(site, {"/bin/sh", "-c", "printf 'secret\\n' | '" RVZD_SERVER "' --set-registry-password"});
+        fill_registry(site, RGY_DB_REGIONS, entries);
+        change_registry(site, "UPDATE entry SET region = CAST('east' AS BLOB)");
+        daemon = std::make_unique<Daemon>(site);
+        ASSERT_TRUE(daemon->is_ready()) << daemon->output();
+    }
+
+    Target target() const { return {site.port(), site.path("host/priv/registry.db"), slow_program}; }
+
+    template <class Body>
+    static std::chrono::milliseconds duration_of(Body &&body) {
+        const auto begin = std::chrono::steady_clock::now();
+        body();
+        return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begin);
+    }
+
+    static tbs_status_t look_up() {
+        const auto handle = own_handle("alpha");
+        rgy_dtm_pair_t stamps = {};
+        return rvzd_rgy_get_id(handle.get(), RGY_DB_VIEW_TAG, RGY_PROTOCOL_VERSION, &stamps);
+    }
+    void expect_service(bool with_adds) const {
+        EXPECT_TRUE(serves_a_good_client(site));
+        EXPECT_EQ(look_up(), TBS_ST_OK);
+        static int number;
+        if (with_adds) {
+            EXPECT_EQ(add(RGY_DB_VIEW_TAG, name_entry("good" + std::to_string(++number))), TBS_ST_OK);
+        }
+    }
+};
+
+struct FairnessDuring : Fairness, testing::WithParamInterface<std::string> {};
+
+INSTANTIATE_TEST_SUITE_P(Attack, FairnessDuring, testing::ValuesIn(Attack::names()),
+                         [](const auto &attack) { return attack.param; });
+
+} // namespace
+
+TEST_P(FairnessDuring, AGoodClientIsServed) {
+    const Attack attack(GetParam(), target());
+    const bool is_locked = GetParam() == "lock";
+    std::chrono::milliseconds longest = {};
+    for (int i = 0; i < 40; ++i)
+        longest = std::max(longest, duration_of([&] { expect_service(!is_locked); }));
+    RecordProperty("longest_ms", static_cast<int>(longest.count()));
+    EXPECT_LT(longest, soon);
+    EXPECT_EQ(kill(daemon->pid(), 0), 0);
+}
+
+TEST_F(Fairness, AClientIsServedWhileAllOfThemGoOn) {
+    std::vector<std::unique_ptr<Attack>> attacks;
+    for (const auto &name : Attack::names())
+        if (name != "lock")
+            attacks.push_back(std::make_unique<Attack>(name, target()));
+    std::chrono::milliseconds longest = {};
+    for (int i = 0; i < 20; ++i)
+        longest = std::max(longest, duration_of([&] { expect_service(true); }));
+    RecordProperty("longest_ms", static_cast<int>(longest.count()));
+    EXPECT_LT(longest, 2 * soon);
+}
+
+// A change waits for whoever has the database; it is acknowledged when it is there, and told to try again else.
+TEST_F(Fairness, WhatWasAcknowledgedWhileTheDatabaseWasHeldIsThere) {
+    std::vector<std::string> acknowledged;
+    {
+        const Attack attack("lock", target());
+        for (int i = 0; i < 5; ++i) {
+            const std::string name = "held" + std::to_string(i);
+            if (add(RGY_DB_VIEW_TAG, name_entry(name)) == TBS_ST_OK)
+                acknowledged.push_back(name);
+        }
+    }
+    const auto names = names_of(RGY_DB_VIEW_TAG);
+    ASSERT_TRUE(names);
+    EXPECT_EQ(*names, acknowledged);
+}
+
+// Nobody reads what the daemon says.
+TEST_F(Fairness, AnUnreadLogHoldsNobodyUp) {
+    daemon->signal(SIGTERM);
+    daemon->wait();
+    const std::string log = site.path("unread");
+    ASSERT_EQ(mkfifo(log.c_str(), 0600), 0);
+    const int reader = open(log.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    daemon = std::make_unique<Daemon>(site, std::vector<std::string>{"--log-file", log});
+    ASSERT_TRUE(daemon->is_ready());
+    for (int i = 0; i < 2000; ++i) // two lines each, and each is always told
+        ASSERT_EQ(add(RGY_DB_VIEW_TAG, name_entry("said" + std::to_string(i))), TBS_ST_OK) << i;
+    daemon->signal(SIGTERM);
+    EXPECT_EQ(daemon->wait(), 0);
+    close(reader);
+}
+
+TEST_F(Fairness, SighupOpensTheLogFileAgain) {
+    daemon->signal(SIGTERM);
+    daemon->wait();
+    const std::string log = site.path("some.log");
+    daemon = std::make_unique<Daemon>(site, std::vector<std::string>{"--log-file", log});
+    ASSERT_TRUE(daemon->is_ready());
+    std::filesystem::rename(log, log + ".1");
+    daemon->signal(SIGHUP);
+    ASSERT_TRUE(eventually([&] { return std::filesystem::exists(log); }));
+    EXPECT_EQ(add(RGY_DB_VIEW_TAG, name_entry("later")), TBS_ST_OK);
+    EXPECT_TRUE(eventually([&] { return site.read("some.log").find("later") != std::string::npos; }));
+    EXPECT_EQ(site.read("some.log.1").find("later"), std::string::npos);
+}
+
+// What a file cannot hold is refused; the daemon goes on, and so does everybody who only reads.
+TEST_F(Fairness, AFileThatMayNotGrowEndsARequestAndNotTheDaemon) {
+    const rlimit small = {std::filesystem::file_size(site.path("host/priv/registry.db")) / 1024, RLIM_INFINITY};
+    ASSERT_EQ(prlimit(daemon->pid(), RLIMIT_FSIZE, &small, nullptr), 0);
+    tbs_status_t status = TBS_ST_OK;
+    for (int i = 0; i < 200 && status == TBS_ST_OK; ++i)
+        status = add(RGY_DB_VIEW_TAG, name_entry("full" + std::to_string(i)));
+    EXPECT_EQ(status, TBS_ST_ERROR);
+    EXPECT_EQ(look_up(), TBS_ST_OK);
+    const rlimit unlimited = {RLIM_INFINITY, RLIM_INFINITY};
+    ASSERT_EQ(prlimit(daemon->pid(), RLIMIT_FSIZE, &unlimited, nullptr), 0);
+    EXPECT_EQ(add(RGY_DB_VIEW_TAG, name_entry("after")), TBS_ST_OK);
+}

@@ -1,0 +1,121 @@
+// Messages to a pipe that nobody reads, and to a file that may not grow.
+#include <server/daemon/log.h>
+
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <fstream>
+#include <functional>
+#include <sched.h>
+#include <sstream>
+#include <string>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <support/imsg.h>
+
+using testing::HasSubstr;
+using velia::server::Log;
+
+namespace {
+
+// Each test has a process of its own, and so a log of its own.
+struct LogTest : testing::Test {
+    LogTest() {
+        std::string name = testing::TempDir() + "/velia-log-XXXXXX";
+        close(mkstemp(name.data()));
+        path = name;
+    }
+    ~LogTest() override { unlink(path.c_str()); }
+
+    static void say(const std::string &text) { imsg_print(IMSG_PLAIN, "%s\n", IMSG_FORMAT, text.c_str()); }
+    std::string written() const {
+        std::ostringstream text;
+        text << std::ifstream(path).rdbuf();
+        return text.str();
+    }
+    bool comes_to_say(const std::string &text) const {
+        for (int i = 0; i < 10000 && written().find(text) == std::string::npos; ++i)
+            usleep(1000);
+        return written().find(text) != std::string::npos;
+    }
+
+    std::string path;
+};
+
+} // namespace
+
+TEST_F(LogTest, WhatIsSaidIsWrittenInItsOrder) {
+    ASSERT_EQ(imsg_init_daemon(path.c_str()), 0);
+    {
+        const Log log;
+        for (int i = 0; i < 1000; ++i)
+            say("message " + std::to_string(i));
+    }
+    std::istringstream lines(written());
+    std::string line;
+    for (int i = 0; i < 1000; ++i) {
+        ASSERT_TRUE(std::getline(lines, line));
+        EXPECT_THAT(line, testing::EndsWith("message " + std::to_string(i)));
+    }
+}
+
+TEST_F(LogTest, APipeThatNobodyReadsHoldsNobodyUpAndWhatWasLostIsTold) {
+    unlink(path.c_str());
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    const int reader = open(path.c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_EQ(imsg_init_daemon(path.c_str()), 0);
+    const Log log;
+    const std::string text(10000, 'x');
+    for (int i = 0; i < 200; ++i)
+        say(text); // as much as there is room for twice
+    std::string read_text;
+    std::array<char, 65536> bytes;
+    while (read_text.find("messages could not be written") == std::string::npos) {
+        const ssize_t count = read(reader, bytes.data(), bytes.size());
+        if (count > 0)
+            read_text.append(bytes.data(), static_cast<size_t>(count));
+        sched_yield();
+    }
+    EXPECT_THAT(read_text, HasSubstr(text + "\n"));
+}
+
+TEST_F(LogTest, AtTheEndAPipeThatNobodyReadsIsNotWaitedForLong) {
+    unlink(path.c_str());
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    const int reader = open(path.c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_EQ(imsg_init_daemon(path.c_str()), 0);
+    {
+        const Log log;
+        say(std::string(500000, 'x'));
+    }
+    close(reader);
+}
+
+TEST_F(LogTest, APipeWithoutAReaderIsNoLog) {
+    unlink(path.c_str());
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    EXPECT_EQ(imsg_init_daemon(path.c_str()), ENXIO);
+}
+
+TEST_F(LogTest, AFileThatMayNotGrowLosesMessagesAndSaysSoWhenItMay) {
+    signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(imsg_init_daemon(path.c_str()), 0);
+    const Log log;
+    rlimit limit = {};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
+    const rlimit small = {10, limit.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+    say("this is lost");
+    while (log.lost() == 0)
+        sched_yield();
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    say("and this is written");
+    EXPECT_TRUE(comes_to_say("1 messages could not be written"));
+    EXPECT_THAT(written(), HasSubstr("and this is written"));
+}
