@@ -219,7 +219,7 @@ void RegistryService::take_role_at_once() {
         updates_.wait();
 }
 
-void RegistryService::promote(Answered answer) {
+void RegistryService::promote(const Answered &answer) {
     if (is_changing_)
         return answer(TBS_ST_TRY_AGAIN);
     is_changing_ = true;

@@ -56,7 +56,7 @@ public:
     // any other, TBS_ST_NOT_SET for one that has no copy, TBS_ST_TRY_AGAIN during another promotion; else what went
     // wrong, told.
     using Answered = std::function<void(tbs_status_t)>;
-    void promote(Answered answer);
+    void promote(const Answered &answer);
 
     // A master stops serving until it has another role. TBS_ST_UNSUPPORTED for any other.
     void step_down(Answered answer);

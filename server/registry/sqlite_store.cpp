@@ -96,7 +96,7 @@ public:
         statements_ = std::make_unique<Statements>(database_);
         registry_ = named_uuid("registry");
         copy_ = named_uuid("copy");
-        version_ = watch_version();
+        version_ = SqliteStore::watch_version();
         seen_version_ = version_->now();
     }
 

@@ -80,6 +80,11 @@ void *__wrap_ivlthread_alloc_tls(size_t size) {
     return block != nullptr ? memset(block, 0xA5, size) : nullptr; // nobody promised zeros
 }
 
+int __real_ivlthread_set_tls(ivlthread_key_t key, void *value);
+int __wrap_ivlthread_set_tls(ivlthread_key_t key, void *value) {
+    return noted().keeps_no_thread_values ? 1 : __real_ivlthread_set_tls(key, value);
+}
+
 void __real_ivlthread_free_tls(void *block);
 void __wrap_ivlthread_free_tls(void *block) {
     --sim::thread_blocks();

@@ -32,6 +32,8 @@ struct Noted {
 
     int raise_of_udp_client = 0; // with which the making of one ends by itself; 0: with none
 
+    bool keeps_no_thread_values = false; // so that a thread's first one fails
+
     // The rows of the next flags that a command line is found to have; with none given, what stands there.
     std::deque<int> flag_rows;
 

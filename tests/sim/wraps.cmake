@@ -10,7 +10,7 @@ set(SIM_WRAPPED
   fileutl_is_localhost fileutl_path_host getenv_safe
   rt_sched rt_handle_fd pfm_on_exit ks_system_init imsg_set_app_name ivlthread_mutex_lock
   sysutl_set_socket_nonblocking sysutl_host_numeric
-  credmap_local_to_remote_sid ivlthread_alloc_tls ivlthread_free_tls strutl_write hash_set_order readdir
+  credmap_local_to_remote_sid ivlthread_alloc_tls ivlthread_free_tls ivlthread_set_tls strutl_write hash_set_order readdir
   clp_get_next_flag_value clp_get_last_flag_name credutl_set_server_group_lifetime
   sched_c_clnt_exit_before sched_c_clnt_exit_after sched_c_clnt_exit_error ks_clnt_create
   gethostname fclose time sleep socket bind getsockname connect close getaddrinfo freeaddrinfo select getsockopt)

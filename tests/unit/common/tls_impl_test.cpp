@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <support/imsg.h>
 #include <tests/sim/noted.h>
 #include <tests/sim/world.h>
 
@@ -50,6 +51,16 @@ TEST(PerThreadBlock, NewBlocksAreZeroed) {
     sim::World world;
     const rvzd_tls_t zeroed = {};
     EXPECT_EQ(memcmp(rvzd_tls_get(), &zeroed, sizeof zeroed), 0);
+}
+
+TEST(PerThreadBlock, ThatCannotBeKeptEndsTheProcess) {
+    sim::World world;
+    sim::noted().keeps_no_thread_values = true;
+    const auto first_call = [] {
+        imsg_set_sink(nullptr, nullptr); // what is printed at such an end goes to the standard error again
+        rvzd_tls_get();
+    };
+    EXPECT_DEATH(first_call(), "tls_impl");
 }
 
 TEST(PerThreadBlock, EndsWithItsThread) {

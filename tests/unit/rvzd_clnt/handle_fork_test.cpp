@@ -72,7 +72,7 @@ TEST_F(HandlesAfterAFork, AConnectionThatCannotBeMadeAnewIsTold) {
         world.unreachable = {"127.0.0.2"};
         const bool is_refused = rvzd_get_rpc_clnt(handle) == nullptr;
         const auto errors = world.take_errors();
-        return is_refused && world.live_clients() == 0 && !errors.empty() &&
+        return is_refused && world.live_clients() == 0 && world.live_descriptors() == 0 && !errors.empty() &&
                errors.back() == message_of(IMSG_ERROR, _rvzd_rvzd_msg_table, RVZD_MSG_CANNOT_CONTACT, "alpha");
     }));
     rvzd_free_handle(handle);
