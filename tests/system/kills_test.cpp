@@ -58,8 +58,9 @@ struct KillsAtFiles : Kills {
     void disarm() const { std::filesystem::remove(arming()); }
 
     Names environment(int at) const {
-        return {"VELIA_ROOT=" + site.path("beta"), "VELIA_HOSTNAME=beta", "LD_PRELOAD=" ENDED_PROCESS_PRELOAD,
-                "ENDED_FROM=" + arming(), "ENDED_AT=" + std::to_string(at)};
+        return {"VELIA_ROOT=" + site.path("beta"),   "VELIA_HOSTNAME=beta",
+                "LD_PRELOAD=" ENDED_PROCESS_PRELOAD, "ENDED_FROM=" + arming(),
+                "ENDED_AT=" + std::to_string(at),    "ASAN_OPTIONS=verify_asan_link_order=0"};
     }
     std::unique_ptr<Daemon> start_beta(int at = 0) const {
         Child::Options options;
