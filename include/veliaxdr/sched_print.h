@@ -1,10 +1,10 @@
 /*
  * Jobs and tasks as people read them, and as the definition language has them.
  *
- *     sched_job_properties_t job = {0};
- *     if (sched_job_get_properties(scheduler, handle, &job) == TBS_ST_OK)
- *         sched_utl_print_job_props(scheduler, &job);
- *     sched_free_job_properties(scheduler, &job);
+ *     sched_job_properties_t properties = {0};
+ *     if (sched_job_get_properties(scheduler, nightly, &properties) == TBS_ST_OK)
+ *         sched_utl_print_job_props(scheduler, &properties);
+ *     sched_free_job_properties(scheduler, &properties);
  *
  * Everything is printed at severity 0. The texts that stand for a time not known, for a completed schedule and for now,
  * and the buffer of sched_utl_www_to_str, are made at first use and kept, without a lock.

@@ -9,6 +9,7 @@
 #include <support/stg.h>
 #include <support/tbs.h>
 #include <support/xdr_prims.h>
+#include <veliaxdr/sched_jobs.h>
 
 typedef struct entry {
     int count;

@@ -26,7 +26,7 @@ unit=$work/package/lib/systemd/system/rvzd_server.service
 read -ra start <<<"$(sed -n 's/^ExecStart=//p' "$unit")"
 [ "${start[0]}" = "$work/package/sbin/rvzd_server" ] || fail "it starts ${start[0]}"
 [ "${start[-1]}" = "$work/package/etc/velia/rvzd_server.conf" ] || fail "its configuration is ${start[-1]}"
-! grep -q @ "$unit" || fail "the unit has holes: $(grep @ "$unit")"
+! grep -qE '@[A-Za-z_]+@' "$unit" || fail "the unit has holes: $(grep -E '@[A-Za-z_]+@' "$unit")"
 
 echo "an administrator's configuration stays"
 echo "option connections 64 # mine" >"$work/package/etc/velia/rvzd_server.conf"
