@@ -29,6 +29,8 @@ endif()
 if(VELIA_COVERAGE)
   target_compile_options(velia_flags INTERFACE "$<${VELIA_IS_PRODUCT}:--coverage;-fprofile-update=atomic>")
   target_link_options(velia_flags INTERFACE --coverage)
+  target_sources(velia_flags INTERFACE
+    "$<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:${PROJECT_SOURCE_DIR}/tests/coverage/whole_counts.c>")
 endif()
 
 # All code tells a fuzz harness which of its branches an input takes.
