@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <support/pfm.h>
 #include <support/stg.h>
 #include <support/sysutl.h>
 #include <tests/sim/noted.h>
@@ -112,6 +113,8 @@ int __wrap_close(int fd) {
     World &world = World::current();
     world.network.closed.push_back(fd);
     world.descriptors.erase(fd);
+    if (sim::noted().raise_at_close != 0)
+        pfm_post_raise(sim::noted().raise_at_close);
     return __real_close(fd);
 }
 

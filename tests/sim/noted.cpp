@@ -1,6 +1,8 @@
 // The wrapped operations whose loans and words are noted. See wraps.cpp for where a raise may arrive.
 #include <tests/sim/noted.h>
 
+#include <cstring>
+
 #include <dirent.h>
 
 #include <gtest/gtest.h>
@@ -75,7 +77,10 @@ int __wrap_credmap_local_to_remote_sid(const credutl_sid_credentials_t *credenti
 void *__real_ivlthread_alloc_tls(size_t size);
 void *__wrap_ivlthread_alloc_tls(size_t size) {
     ++sim::thread_blocks();
-    return __real_ivlthread_alloc_tls(size);
+    void *block = __real_ivlthread_alloc_tls(size);
+    if (noted().soils_thread_blocks && block != nullptr)
+        memset(block, 0x5a, size);
+    return block;
 }
 
 int __real_ivlthread_set_tls(ivlthread_key_t key, void *value);

@@ -33,6 +33,9 @@ struct Noted {
     int raise_of_udp_client = 0; // with which the making of one ends by itself; 0: with none
 
     bool keeps_no_thread_values = false; // so that a thread's first one fails
+    bool soils_thread_blocks = false;    // as a support layer may that promises nothing of what is in a new one
+
+    int raise_at_close = 0; // that arrives while a descriptor is closed; 0: none
 
     // The rows of the next flags that a command line is found to have; with none given, what stands there.
     std::deque<int> flag_rows;

@@ -49,6 +49,7 @@ TEST(PerThreadBlock, TwoThreadsGetDifferentBlocksAndStrings) {
 
 TEST(PerThreadBlock, NewBlocksAreZeroed) {
     sim::World world;
+    sim::noted().soils_thread_blocks = true;
     const rvzd_tls_t zeroed = {};
     EXPECT_EQ(memcmp(rvzd_tls_get(), &zeroed, sizeof zeroed), 0);
 }

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <support/stg.h>
+#include <tests/sim/noted.h>
 #include <tests/sim/without_standard_input.h>
 #include <veliaxdr/rvzd_probe.h>
 
@@ -372,6 +373,19 @@ TEST_F(ConnectProbe, ARaiseAnywhereClosesAllSocketsOnce) {
             expect_each_socket_was_closed_once();
         });
     EXPECT_GE(raises, 8);
+}
+
+// It lands when all is released, and releases once more.
+TEST_F(ConnectProbe, ARaiseDuringTheReleaseFindsNothingLeft) {
+    add_target({EINPROGRESS});
+    world.network.script = {sim::times_out()};
+    sim::noted().raise_at_close = sim::raise_code;
+    auto probing = [] { rvzd_nonblock_connect_ping("target"); };
+    EXPECT_EQ(sim::run_and_catch(probing), sim::raise_code);
+    sim::noted().raise_at_close = 0;
+    EXPECT_EQ(world.live_descriptors(), 0u);
+    EXPECT_EQ(world.live_blocks(), 0u);
+    expect_each_socket_was_closed_once();
 }
 
 // A listener on loopback, on a port of the system's choice.
