@@ -21,8 +21,6 @@ namespace {
 
 constexpr size_t env_size = 256;
 
-// Positions in the support layer's own table.
-
 enum class BindResult { bound, failed, exhausted };
 
 struct BindRequest {
