@@ -7,8 +7,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-static void let_a_child_write(int status, void *unused) {
+static int exit_status;
+
+static void note(int status, void *unused) {
     (void)unused;
+    exit_status = status;
+}
+
+/* Last of the program's own, so that the counts of all the others are among them. */
+__attribute__((destructor(101))) static void let_a_child_write(void) {
     fflush(NULL);
     pid_t child = fork();
     if (child < 0)
@@ -25,9 +32,9 @@ static void let_a_child_write(int status, void *unused) {
         return; /* to the end of exit(), where the counts are written */
     }
     waitpid(child, NULL, 0);
-    _exit(status);
+    _exit(exit_status);
 }
 
 __attribute__((constructor(101))) static void prepare(void) {
-    on_exit(let_a_child_write, NULL);
+    on_exit(note, NULL);
 }
