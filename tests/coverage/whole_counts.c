@@ -16,8 +16,9 @@ static void note(int status, void *unused) {
 
 /* Last of the program's own, so that the counts of all the others are among them. */
 __attribute__((destructor(101))) static void let_a_child_write(void) {
+    pid_t (*volatile plain_fork)(void) = fork; /* a call by name is made one that clears the counts of the child */
     fflush(NULL);
-    pid_t child = fork();
+    pid_t child = plain_fork();
     if (child < 0)
         return;
     if (child == 0) {
