@@ -6,14 +6,12 @@
 #include <cstring>
 #include <functional>
 #include <map>
-#include <mutex>
 
 #include <support/imsg.h>
 #include <support/ks.h>
-#include <tests/hostile/datagram_peer.h>
-#include <tests/hostile/stream_peer.h>
 #include <tests/system/support/client.h>
 #include <tests/system/support/rounds.h>
+#include <tests/system/support/scripted_broker.h>
 #include <veliaxdr/rgy_wire.h>
 #include <veliaxdr/rvzd_hosts.h>
 #include <veliaxdr/rvzd_procedure_rows.hpp>
@@ -21,19 +19,12 @@
 #include <veliaxdr/rvzd_svr.h>
 
 using namespace velia::system_test;
-using velia::hostile::as_record;
-using velia::hostile::as_words;
 using velia::hostile::Bytes;
-using velia::hostile::DatagramPeer;
-using velia::hostile::StreamPeer;
-using velia::hostile::transaction_of;
-using velia::hostile::word_of;
 
 namespace {
 
 constexpr uint32_t values[] = {0, 1, 0x7fffffff, 0x80000000, 0xffffffff};
-constexpr size_t word_bytes = 4;
-constexpr size_t reply_header_bytes = 24;
+constexpr size_t word_bytes = ScriptedBroker::word_bytes;
 constexpr int64_t limit_ms = 40;
 constexpr int64_t soon_us = 2'000'000;
 constexpr int tries_max = 100;
@@ -124,74 +115,11 @@ Bytes encoded(bool_t (*routine)(XDR *, Reply *), uint32_t protocol_version) {
     return routine(&stream, &reply) ? Bytes(bytes, xdr_getpos(&stream)) : Bytes();
 }
 
-// What is done to the replies to one procedure.
-struct Spoiling {
-    enum class Kind { none, cut, word } kind = Kind::none;
-    size_t at = 0; // where the reply is cut, or the number of its word
-    uint32_t value = 0;
-};
-
-// The broker, over either transport.
-class Broker {
-public:
-    Broker(uint32_t transport, uint32_t protocol_version) {
-        velia::for_each_procedure(
-            [&](const auto &row) { results_[row.number] = encoded(row.xdr_reply, protocol_version); });
-        if (transport == RVZD_PROTOCOL_UDP)
-            datagrams_ = std::make_unique<DatagramPeer>(
-                AF_INET, [this](const DatagramPeer::Call &call) { call.send(reply_to(call.request)); });
-        else
-            streams_ = std::make_unique<StreamPeer>(AF_INET, [this](StreamPeer::Connection &connection) {
-                while (const auto request = connection.request())
-                    connection.send(as_record(reply_to(*request)));
-            });
-    }
-
-    uint16_t port() const {
-        uint16_t port = 0;
-        sysutl_sockaddr_get_port(datagrams_ ? datagrams_->address() : streams_->address(), &port);
-        return ntohs(port);
-    }
-
-    // From now on; counts the replies that are spoiled so.
-    void spoil(uint32_t procedure, const Spoiling &spoiling) {
-        const std::lock_guard guard(lock_);
-        procedure_ = procedure;
-        spoiling_ = spoiling;
-        asked_ = 0;
-    }
-    size_t asked() {
-        const std::lock_guard guard(lock_);
-        return asked_;
-    }
-    size_t reply_bytes(uint32_t procedure) const { return reply_header_bytes + results_.at(procedure).size(); }
-
-private:
-    Bytes reply_to(const Bytes &request) {
-        constexpr size_t procedure_word = 5;
-        const std::lock_guard guard(lock_);
-        const uint32_t procedure = word_of(request, procedure_word);
-        Bytes reply = as_words({transaction_of(request), 1, 0, 0, 0, 0});
-        if (const auto results = results_.find(procedure); results != results_.end())
-            reply += results->second;
-        if (procedure != procedure_)
-            return reply;
-        ++asked_;
-        if (spoiling_.kind == Spoiling::Kind::cut)
-            reply.resize(spoiling_.at);
-        if (spoiling_.kind == Spoiling::Kind::word)
-            reply.replace(spoiling_.at * word_bytes, word_bytes, as_words({spoiling_.value}));
-        return reply;
-    }
-
-    std::map<uint32_t, Bytes> results_; // by procedure
-    std::mutex lock_;
-    uint32_t procedure_ = 0;
-    Spoiling spoiling_;
-    size_t asked_ = 0;
-    std::unique_ptr<DatagramPeer> datagrams_;
-    std::unique_ptr<StreamPeer> streams_;
-};
+std::map<uint32_t, Bytes> good_results(uint32_t protocol_version) {
+    std::map<uint32_t, Bytes> results;
+    velia::for_each_procedure([&](const auto &row) { results[row.number] = encoded(row.xdr_reply, protocol_version); });
+    return results;
+}
 
 // A question of the client's. It takes over what comes of it and gives it back.
 struct Question {
@@ -395,7 +323,7 @@ struct Road {
 
 class SpoiledReplies : public testing::TestWithParam<Road> {
 protected:
-    SpoiledReplies() : broker_(GetParam().transport, GetParam().protocol_version) {
+    SpoiledReplies() : broker_(GetParam().transport, good_results(GetParam().protocol_version)) {
         site_.write("config/services.conf", "rvzd " + std::to_string(broker_.port()) + "\n");
         site_.write("config/hosts.conf", "alpha 127.0.0.1\npeer 127.0.0.1\n");
         imsg_set_sink([](void *, int, const char *, const imsg_table_t *, int, const char *) {}, nullptr);
@@ -444,11 +372,11 @@ protected:
 
     void try_results(const std::vector<Question> &questions) {
         for (const auto &question : questions)
-            try_all(question, reply_header_bytes);
+            try_all(question, ScriptedBroker::reply_header_bytes);
     }
 
     Site site_;
-    Broker broker_;
+    ScriptedBroker broker_;
     size_t calls_ = 0;
     int64_t longest_us_ = 0;
 };

@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include <tests/unit/xdr/samples.h>
+#include <tests/wire/both_sides.h>
 #include <tests/wire/stub_records.h>
 #include <veliaxdr/rgy_wire.h>
 #include <veliaxdr/rvzd_procedures.h>
@@ -13,9 +13,6 @@
 using namespace wire_tests;
 
 namespace {
-
-constexpr int samples_of_a_kind = 100;
-constexpr int samples_cut = 4;
 
 void fill_pair(Sampler &s, rgy_dtm_pair_t &r) {
     fill(s, r.dtm);
@@ -130,26 +127,6 @@ void for_each_pair(Visit &&visit) {
 #undef PROCEDURE
 }
 
-template <class Record>
-Bytes sent_again(bool_t (*routine)(XDR *, Record *), const Bytes &bytes) {
-    Record record = {};
-    size_t consumed = 0;
-    EXPECT_TRUE(decode(routine, bytes, record, &consumed));
-    EXPECT_EQ(consumed, bytes.size());
-    Bytes again;
-    EXPECT_TRUE(encode(routine, record, again));
-    release(routine, record);
-    return again;
-}
-
-template <class Record>
-bool is_refused(bool_t (*routine)(XDR *, Record *), const Bytes &bytes) {
-    Record record = {};
-    const bool done = decode(routine, bytes, record);
-    release(routine, record);
-    return !done;
-}
-
 class RegistryAgreement : public testing::Test {
 protected:
     Sampler sampler{20260202};
@@ -158,9 +135,7 @@ protected:
     Bytes sample(bool_t (*routine)(XDR *, Record *)) {
         Record record = {};
         fill_record(sampler, record);
-        Bytes bytes;
-        EXPECT_TRUE(encode(routine, record, bytes));
-        return bytes;
+        return sent(routine, record);
     }
 };
 
@@ -174,27 +149,13 @@ TEST_F(RegistryAgreement, OfTheProgramsNumbers) {
 }
 
 TEST_F(RegistryAgreement, BothSidesTakeTheBytesWholeAndSendThemAgainAsTheyWere) {
-    for_each_pair([&](const char *name, auto our_routine, auto twin_routine) {
-        SCOPED_TRACE(name);
-        for (int i = 0; i < samples_of_a_kind; ++i) {
-            const Bytes bytes = sample(our_routine);
-            ASSERT_EQ(sent_again(twin_routine, bytes), bytes);
-            ASSERT_EQ(sent_again(our_routine, bytes), bytes);
-        }
-    });
+    expect_both_sides_take_bytes_whole([](auto &&visit) { for_each_pair(visit); },
+                                       [&](auto routine) { return sample(routine); });
 }
 
 TEST_F(RegistryAgreement, BothSidesRefuseTheBytesCutAnywhere) {
-    for_each_pair([&](const char *name, auto our_routine, auto twin_routine) {
-        SCOPED_TRACE(name);
-        for (int i = 0; i < samples_cut; ++i) {
-            const Bytes bytes = sample(our_routine);
-            for (size_t size = 1; size < bytes.size(); ++size) {
-                ASSERT_TRUE(is_refused(our_routine, bytes.substr(0, size))) << size;
-                ASSERT_TRUE(is_refused(twin_routine, bytes.substr(0, size))) << size;
-            }
-        }
-    });
+    expect_both_sides_refuse_bytes_cut_anywhere([](auto &&visit) { for_each_pair(visit); },
+                                                [&](auto routine) { return sample(routine); });
 }
 
 TEST_F(RegistryAgreement, AFieldMeansTheSameOnBothSides) {
