@@ -8,7 +8,6 @@
 #include <cstring>
 
 #include <server/daemon/background.h>
-#include <server/hosts/client_file.h>
 #include <server/messages.h>
 #include <server/rights/socket_owner.h>
 #include <support/tbs.h>
@@ -19,8 +18,6 @@ namespace {
 
 constexpr uint64_t stop_grace_ms = 5000; // for servers to end by their lifelines; then they are killed
 constexpr uint64_t kill_grace_ms = 2000;
-constexpr uint64_t save_delay_ms = 1000;        // clients that come together are written together
-constexpr uint64_t save_delay_of_client_ms = 5; // and a long list, which is written as a whole, more seldom
 constexpr uint64_t role_delay_ms = 100;
 constexpr const char *client_file_name = "clients";
 constexpr const char *role_file_name = "rgy_svr.conf";
@@ -46,14 +43,12 @@ Daemon::Daemon(uv_loop_t *loop, Listeners listeners, std::string config_file, co
     : loop_(loop), config_file_(std::move(config_file)), manager_(manager),
       launcher_(loop, listeners.server_addresses,
                 [this](int32_t pid, const ServerTable::ExitStatus &status) { process_exited(pid, status); }),
-      table_(launcher_), registry_(loop), client_file_(private_file(client_file_name)),
-      broker_procedures_(table_, [this] { schedule(); }), host_procedures_(clients_, [this] { save_clients_soon(); }),
-      registry_procedures_(registry_),
+      table_(launcher_), registry_(loop), client_keeper_(loop, private_file(client_file_name), clients_),
+      broker_procedures_(table_, [this] { schedule(); }),
+      host_procedures_(clients_, [this] { client_keeper_.save_soon(); }), registry_procedures_(registry_),
       gate_([this](int32_t pid, const Caller &caller) { return table_.is_child(pid) && owns_socket(pid, caller); }),
       dispatcher_(RVZD_PROGRAM, RVZD_VERSION, gate_, {}), due_timer_(loop, [this] { run_due(); }),
-      stop_timer_(loop, [this] { stop(); }), save_timer_(loop, [this] { save_clients(); }),
-      role_timer_(loop, [this] { registry_.take_role(); }) {
-    read_client_file(client_file_, clients_);
+      stop_timer_(loop, [this] { stop(); }), role_timer_(loop, [this] { registry_.take_role(); }) {
     for (auto &fd : listeners.udp)
         udp_endpoints_.push_back(std::make_unique<UdpEndpoint>(loop, std::move(fd), dispatcher_, reply_rate_));
     for (auto &fd : listeners.tcp)
@@ -92,18 +87,6 @@ void Daemon::apply(const Configuration &configuration) {
         endpoint->set_limits(limits_of(configuration.options));
     table_.configure(configuration.services, monotonic_ms());
     schedule();
-}
-
-// At the first change, and not put off by those that follow.
-void Daemon::save_clients_soon() {
-    if (!is_save_due_)
-        save_timer_.start(save_delay_ms + clients_.clients().size() * save_delay_of_client_ms);
-    is_save_due_ = true;
-}
-
-void Daemon::save_clients() {
-    is_save_due_ = false;
-    write_client_file(client_file_, clients_);
 }
 
 void Daemon::reload() {
@@ -156,7 +139,7 @@ void Daemon::stop() {
         udp_endpoints_.clear();
         tcp_endpoints_.clear();
         registry_.stop_copying();
-        save_clients();
+        client_keeper_.save_now();
         stop_timer_.start(stop_grace_ms);
     } else if (stop_requests_ == 2) {
         table_.kill_remaining();

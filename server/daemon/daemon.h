@@ -11,6 +11,7 @@
 #include <server/config/configuration.h>
 #include <server/daemon/listeners.h>
 #include <server/daemon/readiness.h>
+#include <server/hosts/client_keeper.h>
 #include <server/hosts/client_list.h>
 #include <server/hosts/procedures.h>
 #include <server/registry/procedures.h>
@@ -33,8 +34,6 @@ private:
     void apply(const Configuration &configuration);
     void reload();
     void stop();
-    void save_clients();
-    void save_clients_soon();
     void watch_role();
     void schedule();
     void run_due();
@@ -48,7 +47,7 @@ private:
     ServerTable table_;
     RegistryService registry_;
     ClientList clients_;
-    std::string client_file_;
+    ClientKeeper client_keeper_;
     BrokerProcedures broker_procedures_;
     HostProcedures host_procedures_;
     RegistryProcedures registry_procedures_;
@@ -59,11 +58,9 @@ private:
     std::vector<std::unique_ptr<TcpEndpoint>> tcp_endpoints_;
     TimerHandle due_timer_;
     TimerHandle stop_timer_;
-    TimerHandle save_timer_;
     TimerHandle role_timer_;
     std::unique_ptr<DirectoryWatch> role_watch_;
     std::vector<std::unique_ptr<SignalHandle>> signals_;
-    bool is_save_due_ = false;
     int stop_requests_ = 0;
 };
 

@@ -66,20 +66,35 @@ void take_texts(const clnt_hostinfo_t &info, ListedHost &client) {
         client.texts[i] = storable(info.*fields[i], i == CLIENT_OPTIONS);
 }
 
+bool ClientList::has_share(const ListedHost &client) const {
+    const auto of_network = of_network_.find(network_of(client.address));
+    return (client.is_proven || unproven_ < CLIENTS_UNPROVEN_MAX) &&
+           (of_network == of_network_.end() || of_network->second < share_of(client.address));
+}
+
+// What was proven once stays so.
+void ClientList::replace(size_t place, ListedHost client) {
+    ListedHost &listed = clients_[place];
+    if (client.is_proven && !listed.is_proven)
+        --unproven_;
+    client.is_proven = client.is_proven || listed.is_proven;
+    listed = std::move(client);
+}
+
 bool ClientList::enter(ListedHost client) {
     const auto known = by_address_.find(numeric_address(client.address));
     if (known == by_address_.end()) {
-        const auto of_network = of_network_.find(network_of(client.address));
-        const bool has_share = of_network == of_network_.end() || of_network->second < share_of(client.address);
-        const bool has_room = has_share && restore(std::move(client));
-        has_changed_ = has_changed_ || has_room;
-        return has_room;
+        const bool is_entered = has_share(client) && restore(std::move(client));
+        if (is_entered)
+            changed_.insert(clients_.size() - 1);
+        return is_entered;
     }
-    ListedHost &listed = clients_[known->second];
+    const ListedHost &listed = clients_[known->second];
     const bool is_worth = is_worth_writing(listed, client);
     client.written_time = is_worth ? client.registry_time : listed.written_time;
-    has_changed_ = has_changed_ || is_worth;
-    listed = std::move(client);
+    if (is_worth)
+        changed_.insert(known->second);
+    replace(known->second, std::move(client));
     return true;
 }
 
@@ -87,9 +102,32 @@ bool ClientList::restore(ListedHost client) {
     if (clients_.size() >= CLIENTS_MAX || !by_address_.emplace(numeric_address(client.address), clients_.size()).second)
         return false;
     ++of_network_[network_of(client.address)];
+    unproven_ += client.is_proven ? 0 : 1;
     client.written_time = client.registry_time;
     clients_.push_back(std::move(client));
     return true;
+}
+
+void ClientList::restore_later(ListedHost client) {
+    const auto known = by_address_.find(numeric_address(client.address));
+    if (known == by_address_.end()) {
+        restore(std::move(client));
+        return;
+    }
+    client.written_time = client.registry_time;
+    replace(known->second, std::move(client));
+}
+
+std::vector<ListedHost> ClientList::take_changed(size_t count_max) {
+    std::vector<ListedHost> taken;
+    while (!changed_.empty() && taken.size() < count_max)
+        taken.push_back(clients_[changed_.extract(changed_.begin()).value()]);
+    return taken;
+}
+
+void ClientList::give_back(const std::vector<ListedHost> &unsaved) {
+    for (const ListedHost &client : unsaved)
+        changed_.insert(by_address_.at(numeric_address(client.address)));
 }
 
 const ListedHost *ClientList::find(const std::string &hostname) const {

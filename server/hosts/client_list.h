@@ -5,6 +5,7 @@
 #include <ctime>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,7 @@ namespace velia::server {
 enum {
     CLIENTS_MAX = 20000,
     CLIENTS_OF_NETWORK_MAX = 4096,
+    CLIENTS_UNPROVEN_MAX = CLIENTS_MAX / 2,
     CLIENTS_OF_LOOPBACK_MAX = 16, // any local user has all addresses of it
     CLIENT_NETWORK_BITS_IPV4 = 16,
     CLIENT_NETWORK_BITS_IPV6 = 48,
@@ -44,6 +46,7 @@ struct ListedHost {
     std::string texts[CLIENT_TEXT_COUNT];
     time_t registry_time = 0; // of the last registry contact
     time_t written_time = 0;  // the one that the file has, or is to get
+    bool is_proven = false;   // it has been answered at this address, which over UDP anybody can write
 
     // A record whose texts are this client's own. Where `empty_as_null` is set, those that are empty are null.
     clnt_entry_t lend(bool empty_as_null) const;
@@ -54,26 +57,37 @@ void take_texts(const clnt_hostinfo_t &info, ListedHost &client);
 
 class ClientList {
 public:
-    // Enters the client, or takes over what it says now. False when the list, or its network's share of it, is full.
+    // Enters the client, or takes over what it says now. False when the list, or the share of its network or of those
+    // whose address is not proven, is full.
     bool enter(ListedHost client);
 
     // As it was saved, whatever its network's share. False, and nothing entered, for an address that is there.
     bool restore(ListedHost client);
 
+    // As it was saved later than what is there.
+    void restore_later(ListedHost client);
+
     const std::vector<ListedHost> &clients() const { return clients_; }
     const ListedHost *find(const std::string &hostname) const; // by its name, in any case
-    bool has_changed() const { return has_changed_; }
-    void note_saved() { has_changed_ = false; }
+
+    // What is worth saving and has not been saved. Who takes some of it saves it, or gives it back.
+    bool has_changed() const { return !changed_.empty(); }
+    std::vector<ListedHost> take_changed(size_t count_max);
+    void give_back(const std::vector<ListedHost> &unsaved);
 
     // There are others, of which nothing is known: the list is neither told nor saved.
     void withhold() { is_withheld_ = true; }
     bool is_withheld() const { return is_withheld_; }
 
 private:
+    bool has_share(const ListedHost &client) const;
+    void replace(size_t place, ListedHost client);
+
     std::vector<ListedHost> clients_;
     std::map<std::string, size_t> by_address_;
     std::map<AddressBytes, size_t> of_network_; // how many
-    bool has_changed_ = false;
+    std::set<size_t> changed_;                  // places of clients
+    size_t unproven_ = 0;
     bool is_withheld_ = false;
 };
 

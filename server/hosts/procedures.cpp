@@ -48,8 +48,9 @@ void print_full(const std::string &address) {
     if (now - told < interval_s)
         return;
     told = now;
-    imsg_print(IMSG_WARNING, "The list of client hosts, or its network's share of it, is full for %s\n", IMSG_FORMAT,
-               address.c_str());
+    imsg_print(IMSG_WARNING,
+               "The list of client hosts, or the share in it of its network or of callers over UDP, is full for %s\n",
+               IMSG_FORMAT, address.c_str());
 }
 
 // False when there is no room.
@@ -59,6 +60,7 @@ bool take_registration(ClientList &list, const rvzd_clnt_list_register_req_t &re
     sysutl_sockaddr_set_port(&client.address.base, 0);
     take_texts(request.hostinfo, client);
     client.registry_time = time(nullptr);
+    client.is_proven = caller.known.has_value() || caller.transport != RVZD_PROTOCOL_UDP;
     const size_t known = list.clients().size();
     const std::string address = numeric_address(client.address);
     if (!list.enter(std::move(client))) {

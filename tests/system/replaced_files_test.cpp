@@ -102,8 +102,13 @@ TEST_F(ReplacedFiles, TheClientListOfAKilledDaemonIsTheOldOne) {
         site.configure("");
         const auto killed = start_daemon({}, watched(step, clients));
         come_as_a_client();
+        killed->signal(SIGTERM);
         EXPECT_EQ(killed->wait(), 128 + SIGKILL) << killed->output();
         EXPECT_EQ(site.read("host/priv/clients"), former);
+        serve("", {"--listen", "127.0.0.1"});
+        EXPECT_EQ(veliactl({"clients", "lookup", "alpha", "alpha"}).status, DONE) << "who came is not lost";
+        daemon.reset();
+        std::filesystem::remove(site.path("host/priv/clients.journal.old"));
     }
 }
 

@@ -42,6 +42,9 @@ protected:
         text << std::ifstream(file_name).rdbuf();
         return text.str();
     }
+    bool save(ClientList &list) const {
+        return add_to_client_journal(name(), list.take_changed(CLIENTS_MAX)) == 0 && join_client_files(name());
+    }
     // What is printed while the file is read.
     std::string read(ClientList &list) const {
         testing::internal::CaptureStderr();
@@ -71,11 +74,14 @@ TEST(ClientTable, IsBounded) {
     ClientList list;
     for (uint32_t i = 0; i < CLIENTS_MAX; ++i) {
         ListedHost client = client_at("10.0.0.0", "x");
+        client.is_proven = true;
         const uint32_t network = i / CLIENTS_OF_NETWORK_MAX;
         client.address.ipv4.sin_addr.s_addr = htonl(0x0a000000 + (network << 16) + i % CLIENTS_OF_NETWORK_MAX);
         ASSERT_TRUE(list.enter(client));
     }
-    EXPECT_FALSE(list.enter(client_at("192.168.0.1", "late")));
+    ListedHost late = client_at("192.168.0.1", "late");
+    late.is_proven = true;
+    EXPECT_FALSE(list.enter(late));
     EXPECT_TRUE(list.enter(client_at("10.0.0.1", "known")));
     EXPECT_THAT(list.clients(), SizeIs(CLIENTS_MAX));
 }
@@ -115,7 +121,7 @@ TEST_F(ClientFile, WhatWasWrittenIsReadBack) {
     six.address.ipv6.sin6_family = AF_INET6;
     inet_pton(AF_INET6, "fd00::7", &six.address.ipv6.sin6_addr);
     list.enter(six);
-    ASSERT_TRUE(write_client_file(name(), list));
+    ASSERT_TRUE(save(list));
     EXPECT_FALSE(list.has_changed());
 
     ClientList again;
@@ -132,35 +138,128 @@ TEST_F(ClientFile, TheOneBeforeIsKeptAndNoMore) {
     ClientList list;
     for (const char *host : {"one", "two", "three"}) {
         list.enter(client_at("10.0.0.1", host));
-        ASSERT_TRUE(write_client_file(name(), list));
+        ASSERT_TRUE(save(list));
     }
     EXPECT_THAT(text_of(name()), HasSubstr("three"));
     EXPECT_THAT(text_of(name() + ".old"), HasSubstr("two"));
     EXPECT_FALSE(std::filesystem::exists(name() + ".new"));
 }
 
-TEST_F(ClientFile, AnUnchangedListIsNotWritten) {
-    ClientList list;
-    EXPECT_TRUE(write_client_file(name(), list));
+TEST_F(ClientFile, AnEmptyListIsNotWritten) {
+    EXPECT_TRUE(join_client_files(name()));
     EXPECT_FALSE(std::filesystem::exists(name()));
 }
 
-TEST_F(ClientFile, AWriteThatFailsLeavesTheFileAndTheChange) {
+TEST_F(ClientFile, AWriteThatFailsLeavesTheFileAndTheJournal) {
     ClientList list;
     list.enter(client_at("10.0.0.1", "one"));
     std::filesystem::create_directory(name());
     std::ofstream(name() + "/inside") << "x";
     testing::internal::CaptureStderr();
-    EXPECT_FALSE(write_client_file(name(), list));
+    EXPECT_FALSE(save(list));
     EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr(name()));
+    std::filesystem::remove_all(name());
+    EXPECT_TRUE(join_client_files(name()));
+    EXPECT_THAT(text_of(name()), HasSubstr("one"));
+}
+
+// A registration writes its own line, however long the list.
+TEST_F(ClientFile, WhatIsSavedIsAddedToTheJournalAndTheFileIsLeftAlone) {
+    ClientList list;
+    list.enter(client_at("10.0.0.1", "one"));
+    ASSERT_TRUE(save(list));
+    const std::string file = text_of(name());
+    list.enter(client_at("10.0.0.1", "renamed"));
+    list.enter(client_at("10.0.0.2", "two"));
+    ASSERT_EQ(add_to_client_journal(name(), list.take_changed(1)), 0);
     EXPECT_TRUE(list.has_changed());
+    ASSERT_EQ(add_to_client_journal(name(), list.take_changed(1)), 0);
+    EXPECT_FALSE(list.has_changed());
+    EXPECT_EQ(text_of(name()), file);
+    EXPECT_EQ(text_of(journal_of(name())), "-address=10.0.0.1;-hostname=renamed;\n-address=10.0.0.2;-hostname=two;\n");
+    ClientList again;
+    EXPECT_EQ(read_client_file(name(), again), 2U);
+    ASSERT_THAT(again.clients(), SizeIs(2));
+    EXPECT_EQ(again.clients()[0].texts[CLIENT_HOSTNAME], "renamed");
+    EXPECT_EQ(again.clients()[1].texts[CLIENT_HOSTNAME], "two");
+    EXPECT_FALSE(again.has_changed());
+}
+
+TEST_F(ClientFile, WhatCouldNotBeSavedIsSavedTheNextTime) {
+    ClientList list;
+    list.enter(client_at("10.0.0.1", "one"));
+    std::filesystem::create_directory(journal_of(name()));
+    const auto taken = list.take_changed(CLIENTS_MAX);
+    EXPECT_EQ(add_to_client_journal(name(), taken), EISDIR);
+    EXPECT_FALSE(list.has_changed());
+    list.give_back(taken);
+    EXPECT_TRUE(list.has_changed());
+    std::filesystem::remove(journal_of(name()));
+    EXPECT_TRUE(save(list));
+}
+
+TEST_F(ClientFile, AJournalIsNotWrittenThroughALink) {
+    std::ofstream(name() + ".elsewhere") << "kept\n";
+    std::filesystem::create_symlink(name() + ".elsewhere", journal_of(name()));
+    EXPECT_EQ(add_to_client_journal(name(), {client_at("10.0.0.1", "one")}), ELOOP);
+    EXPECT_EQ(text_of(name() + ".elsewhere"), "kept\n");
+}
+
+// Killed after any byte of a line: those before it count, and the next one stands on its own.
+TEST_F(ClientFile, AJournalThatEndsAmidALineLosesThatLineAlone) {
+    const std::string whole = "-address=10.0.0.1;-hostname=one;\n";
+    const std::string cut = "-address=10.0.0.2;-hostname=two;";
+    for (size_t length = 0; length <= cut.size(); ++length) {
+        std::ofstream(journal_of(name())) << whole << cut.substr(0, length);
+        ClientList list;
+        EXPECT_EQ(read_client_file(name(), list), 1U);
+        EXPECT_THAT(list.clients(), SizeIs(1)) << length;
+        ASSERT_EQ(add_to_client_journal(name(), {client_at("10.0.0.3", "three")}), 0);
+        EXPECT_EQ(text_of(journal_of(name())), whole + "-address=10.0.0.3;-hostname=three;\n") << length;
+    }
+}
+
+TEST_F(ClientFile, AJournalWithoutEndIsNotAddedToForEver) {
+    std::ofstream(journal_of(name())) << "x";
+    std::filesystem::resize_file(journal_of(name()), (32U << 20) + 1);
+    EXPECT_EQ(add_to_client_journal(name(), {client_at("10.0.0.1", "one")}), EFBIG);
+}
+
+// Killed at any step of the joining: what stands aside, what came after it, and a file that has it already.
+TEST_F(ClientFile, AJoiningThatIsBrokenOffLosesNothing) {
+    const auto hosts = [&] {
+        ClientList list;
+        EXPECT_EQ(read(list), "");
+        std::string names;
+        for (const ListedHost &client : list.clients())
+            names += client.texts[CLIENT_HOSTNAME] + " ";
+        return names;
+    };
+    write("-dbversion=1.0;\n-address=10.0.0.1;-hostname=one;\n");
+    std::ofstream(former_journal_of(name())) << "-address=10.0.0.1;-hostname=uno;\n-address=10.0.0.2;-hostname=two;\n";
+    std::ofstream(journal_of(name())) << "-address=10.0.0.2;-hostname=due;\n";
+    EXPECT_EQ(hosts(), "uno due ");
+    ASSERT_TRUE(join_client_files(name()));
+    EXPECT_FALSE(std::filesystem::exists(former_journal_of(name())));
+    EXPECT_EQ(hosts(), "uno due ");
+    ASSERT_TRUE(join_client_files(name()));
+    EXPECT_FALSE(std::filesystem::exists(journal_of(name())));
+    EXPECT_EQ(hosts(), "uno due ");
+    EXPECT_EQ(text_of(name()), "-dbversion=1.0;\n-address=10.0.0.1;-hostname=uno;\n-address=10.0.0.2;-hostname=due;\n");
+}
+
+TEST_F(ClientFile, BadLinesOfAJournalAreToldAndTheOthersCount) {
+    std::ofstream(journal_of(name())) << "nonsense\n-address=10.0.0.1;-hostname=one;\n";
+    ClientList list;
+    EXPECT_THAT(read(list), HasSubstr("Invalid entry, file \"" + journal_of(name()) + "\", line 1"));
+    EXPECT_THAT(list.clients(), SizeIs(1));
 }
 
 TEST_F(ClientFile, AListThatWasNotWrittenToItsEndDoesNotReplaceTheGoodOne) {
     ClientList list;
     for (const char *address : {"10.0.0.1", "10.0.0.2", "10.0.0.3"}) // longer than what is said of it
         list.enter(client_at(address, std::string(200, 'x')));
-    ASSERT_TRUE(write_client_file(name(), list));
+    ASSERT_TRUE(save(list));
     const std::string good = text_of(name());
     list.enter(client_at("10.0.0.4", "four"));
     signal(SIGXFSZ, SIG_IGN);
@@ -169,13 +268,14 @@ TEST_F(ClientFile, AListThatWasNotWrittenToItsEndDoesNotReplaceTheGoodOne) {
     const rlimit short_disk = {good.size() + 10, usual.rlim_max};
     testing::internal::CaptureStderr();
     setrlimit(RLIMIT_FSIZE, &short_disk);
-    const bool is_written = write_client_file(name(), list);
+    const bool is_written = save(list);
     setrlimit(RLIMIT_FSIZE, &usual);
     EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr(name() + ".new"));
     EXPECT_FALSE(is_written);
-    EXPECT_TRUE(list.has_changed());
     EXPECT_EQ(text_of(name()), good);
     EXPECT_FALSE(std::filesystem::exists(name() + ".new"));
+    EXPECT_TRUE(join_client_files(name())) << "later";
+    EXPECT_THAT(text_of(name()), HasSubstr("four"));
 }
 
 TEST_F(ClientFile, BadLinesAreToldAndTheOthersCount) {
@@ -215,9 +315,11 @@ TEST_F(ClientFile, OfANewerVersionIsKeptAndItsListWithheld) {
     read(list);
     EXPECT_TRUE(list.is_withheld());
     ASSERT_TRUE(list.enter(client_at("10.0.0.9", "new")));
-    EXPECT_TRUE(write_client_file(name(), list));
-    std::ifstream file(name());
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), newer);
+    EXPECT_FALSE(save(list));
+    EXPECT_EQ(text_of(name()), newer);
+    ClientList again;
+    read(again);
+    EXPECT_THAT(again.clients(), IsEmpty()) << "a journal is nothing without what it continues";
 }
 
 TEST_F(ClientFile, ThatIsNoFileIsNotWaitedForAndAnEmptyList) {
@@ -232,7 +334,7 @@ TEST_F(ClientFile, ThatIsNoFileIsReplacedByTheNextWrite) {
     const bad_files::BadFile file(bad_files::Kind::pipe, name());
     ClientList list;
     list.enter(client_at("10.0.0.1", "one"));
-    ASSERT_TRUE(write_client_file(name(), list));
+    ASSERT_TRUE(save(list));
     ClientList again;
     EXPECT_EQ(read(again), "");
     EXPECT_THAT(again.clients(), SizeIs(1));
@@ -259,6 +361,7 @@ TEST_F(ClientFile, LineThatIsTooLongIsOneThatIsNotUnderstood) {
 TEST_F(ClientFile, FullListAtItsLongestIsReadBack) {
     ClientList list;
     ListedHost client;
+    client.is_proven = true;
     client.address.ipv6.sin6_family = AF_INET6;
     for (auto &byte : client.address.ipv6.sin6_addr.s6_addr)
         byte = 0xfd;
@@ -270,7 +373,7 @@ TEST_F(ClientFile, FullListAtItsLongestIsReadBack) {
         client.address.ipv6.sin6_addr.s6_addr[5] = static_cast<uint8_t>(100 + i / CLIENTS_OF_NETWORK_MAX);
         ASSERT_TRUE(list.enter(client));
     }
-    ASSERT_TRUE(write_client_file(name(), list));
+    ASSERT_TRUE(save(list));
     ClientList again;
     EXPECT_EQ(read(again), "");
     EXPECT_THAT(again.clients(), SizeIs(CLIENTS_MAX));
@@ -318,7 +421,7 @@ TEST(ClientTable, OnlyWhatIsNewIsWorthWriting) {
     auto client = client_at("10.0.0.1", "one");
     client.registry_time = 100'000;
     list.enter(client);
-    list.note_saved();
+    list.take_changed(CLIENTS_MAX);
     client.registry_time += CLIENT_TIME_KEPT_S - 1;
     list.enter(client);
     EXPECT_FALSE(list.has_changed());
@@ -326,8 +429,33 @@ TEST(ClientTable, OnlyWhatIsNewIsWorthWriting) {
     client.texts[CLIENT_REGION] = "lab";
     list.enter(client);
     EXPECT_TRUE(list.has_changed());
-    list.note_saved();
+    list.take_changed(CLIENTS_MAX);
     client.registry_time += CLIENT_TIME_KEPT_S;
     list.enter(client);
     EXPECT_TRUE(list.has_changed());
+}
+
+// Over UDP anybody writes any address, and so has as many networks as it likes.
+TEST(ClientTable, WhoseAddressIsNotProvenLeaveRoomForThoseWhoProveIt) {
+    ClientList list;
+    ListedHost client = client_at("10.0.0.0", "x");
+    uint32_t entered = 0;
+    const auto enter = [&] {
+        client.address.ipv4.sin_addr.s_addr = htonl(0x0a000000U + ((entered % 16) << 16) + entered / 16);
+        return list.enter(client);
+    };
+    while (enter())
+        ++entered;
+    EXPECT_EQ(entered, uint32_t{CLIENTS_UNPROVEN_MAX});
+    client.is_proven = true;
+    EXPECT_TRUE(enter());
+    EXPECT_TRUE(list.enter(client_at("10.0.0.1", "known"))) << "who is there may come again";
+
+    // Who has proven its address has left the share of the others, for good.
+    ListedHost proven = client_at("10.0.0.0", "x");
+    proven.is_proven = true;
+    ASSERT_TRUE(list.enter(proven));
+    ASSERT_TRUE(list.enter(client_at("10.0.0.0", "x")));
+    EXPECT_TRUE(list.enter(client_at("10.100.0.1", "one for it")));
+    EXPECT_FALSE(list.enter(client_at("10.100.0.2", "and no more")));
 }
