@@ -16,7 +16,7 @@ refuse() { # folder, forbidden include pattern, why, headers that may be include
 only() { # include pattern, why, the files that may
     local pattern=$1 why=$2 hits
     shift 2
-    hits=$(grep -rlE "^#include <($pattern)" include lib support server cli samples tests bench fuzz |
+    hits=$(grep -rlE "^#include <($pattern)" include lib support schedule server cli samples tests bench fuzz |
         grep -vxF "$(printf '%s\n' "$@")" || true)
     if [ -n "$hits" ]; then
         printf '<%s>: %s\n%s\n' "$pattern" "$why" "$hits" >&2
@@ -38,6 +38,8 @@ refuse lib/common '(rvzd|veliaxdr/rvzd)' 'the common frame stands below the clie
 refuse lib/rvzd/xdr '(rvzd/client)/' 'XDR routines stand below the clients'
 refuse "$foundation_files" '(support|veliaxdr|rvzd|common|lib|server|cli|tests|rpc)/' \
     'the foundation stands below all else of ours' "$foundation"
+refuse schedule '(common|rvzd|lib|server|cli|tests)/' 'what a schedule means knows public headers and the foundation' \
+    "$foundation"
 refuse server '(common|rvzd|lib|cli|tests)/' 'the daemon uses the public headers, as any outsider would, and the foundation' \
     "$foundation|common/require\.h"
 refuse cli '(common|rvzd|lib|server|tests)/' 'the tool uses the public headers, as any outsider would, and the foundation' \
