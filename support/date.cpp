@@ -10,6 +10,7 @@
 namespace {
 
 constexpr int base_year = 1900;
+constexpr time_t date_of_now = 1; // as schedules have it
 
 // Texts of one thread: a printer may show several dates in one message.
 struct TextRing {
@@ -116,6 +117,10 @@ const char *date_fmt_token_date_time(time_t time) {
 int date_str_to_time(const char *text, time_t *time) {
     if (text == nullptr)
         return 0;
+    if (strcmp(text, "<now>") == 0) {
+        *time = date_of_now;
+        return 1;
+    }
     if (*text == '@')
         return read_seconds(text + 1, *time) ? 1 : 0;
     Reader reader = {text};

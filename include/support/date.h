@@ -27,9 +27,9 @@ const char *date_fmt_token_date(time_t time);
 const char *date_fmt_token_date_time(time_t time);
 
 /*
- * Reads one of the two forms, or the "@" form, and stores the time in `*time`; a date alone is its midnight. Between
- * date and time stands one blank or a "T". Returns non-zero on success; 0, with `*time` untouched, for any other
- * text, also for a day that the month does not have.
+ * Reads one of the two forms, the "@" form, or "<now>", which is 1, and stores the time in `*time`; a date alone is its
+ * midnight. Between date and time stands one blank or a "T". Returns non-zero on success; 0, with `*time` untouched,
+ * for any other text, also for a day that the month does not have.
  */
 int date_str_to_time(const char *text, time_t *time);
 

@@ -44,8 +44,16 @@ TEST_F(Date, ADateAloneIsItsMidnight) {
     EXPECT_EQ(parsed("2024-05-28T00:00:01"), 1716854401);
 }
 
+TEST_F(Date, NowIsOne) {
+    EXPECT_EQ(parsed("<now>"), 1);
+}
+
 TEST_F(Date, RefusesAllElse) {
     for (const char *text : {"",
+                             "<now",
+                             "<now> ",
+                             "<NOW>",
+                             "now",
                              "2024",
                              "2024-5-28",
                              "2024-05-28 ",
