@@ -21,6 +21,7 @@ modules='
 6 scheduler      rvzd/client/sched_c_clnt/
 7 server_groups  rvzd/client/server_groups
 7 sched_utl      rvzd/sched_utl/
+8 definitions    rvzd/sched_utl_parse/
 '
 
 symbols() { # lines of "object kind symbol", kind D for what an object defines for all, U for what it wants

@@ -1,0 +1,258 @@
+// Lines, tags and the values that both grammars share.
+#include <rvzd/sched_utl_parse/engine.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include <common/trace.h>
+#include <common/with.h>
+#include <support/date.h>
+#include <support/strutl.h>
+#include <veliaxdr/sched_jobs.h>
+
+namespace velia::sched_utl_parse {
+
+namespace {
+
+constexpr char subsystem[] = "scheduler";
+constexpr char module_name[] = "sched_utl_parse";
+constexpr char any_tag[] = "*";
+constexpr char blanks[] = " \t\n\v\f\r";
+constexpr size_t tag_size = 256;
+
+// A line of more comes in pieces, each of which counts as one.
+constexpr size_t longest_piece = sizeof(parse_state_t::line) - 1;
+constexpr FileBounds definition_file = {64 << 20, longest_piece};
+
+// The first word of a text, cut to what a tag may have; empty where there is none.
+void take_first_word(const char *text, char (&word)[tag_size]) {
+    const char *begin = text + strspn(text, blanks);
+    strutl_ncpy(word, begin, std::min(strcspn(begin, blanks), tag_size - 1));
+}
+
+// The current line as tag and value. A tag that was cut has its rest in the value.
+struct Split {
+    char tag[tag_size];
+    char *value;
+};
+
+Split split(parse_state_t *state) {
+    Split parts;
+    size_t position = 0;
+    take_first_word(state->line, parts.tag);
+    strutl_find_str(state->line, 0, parts.tag, &position);
+    parts.value = state->line + position + strlen(parts.tag);
+    return parts;
+}
+
+bool begins_with(const char *tag, const char *beginning) {
+    char begun[tag_size];
+    strutl_ncpy(begun, tag, std::min(strlen(beginning), tag_size - 1));
+    return strutl_stricoll(begun, beginning) == 0;
+}
+
+// What is no file of definitions by its kind or size is told in the reader's own words.
+tbs_status_t tell_file_error(int message, const parse_state_t *state, FileOutcome outcome) {
+    char words[file_words_size];
+    const tbs_status_t status = tbs_errno2status(state->file.error_number());
+    imsg_print(IMSG_ERROR, &_tbs_cmsg_tbs_msg_table, message, state->path,
+               is_refused(outcome) ? state->file.why(outcome, words) : tbs_strerror(status));
+    return status;
+}
+
+tbs_status_t refuse_path(const char *path) {
+    imsg_print(IMSG_ERROR, &_tbs_cmsg_tbs_msg_table, TBS_MSG_CANNOT_OPEN, path, tbs_strerror(TBS_ST_NAME_TOO_LONG));
+    return TBS_ST_NAME_TOO_LONG;
+}
+
+tbs_status_t open_file(parse_state_t *state, const char *path) {
+    if (strutl_cpy_buf(state->path, path, sizeof state->path) != 0)
+        return refuse_path(path);
+    const FileOutcome outcome = with_inhibit([&] {
+        const FileOutcome opened = state->file.open(state->path, definition_file);
+        state->is_open = opened == FileOutcome::ok;
+        return opened;
+    });
+    return outcome == FileOutcome::ok ? tbs_status_t{TBS_ST_OK} : tell_file_error(TBS_MSG_CANNOT_OPEN, state, outcome);
+}
+
+FileOutcome read_piece(parse_state_t *state) {
+    if (state->owes_empty_line) {
+        state->owes_empty_line = false;
+        state->line[0] = '\0';
+        return FileOutcome::ok;
+    }
+    TextLine piece;
+    const FileOutcome outcome = state->file.next_line(piece);
+    if (outcome != FileOutcome::ok && outcome != FileOutcome::line_too_long)
+        return outcome;
+    strutl_cpy_buf(state->line, piece.text, sizeof state->line);
+    state->owes_empty_line = outcome == FileOutcome::ok && piece.has_end && piece.length == longest_piece;
+    return FileOutcome::ok;
+}
+
+bool is_comment(const char *line) {
+    const char *begin = line + strspn(line, blanks);
+    return *begin == '\0' || *begin == '#';
+}
+
+tbs_status_t expected_another(const parse_state_t *state, const char *tag) {
+    return refuse(state, SCHED_MSG_EXPECTED_TAG, tag);
+}
+
+const parse_tag_action_t *row_for(const char *tag, uint32_t count, const parse_tag_action_t *table) {
+    for (uint32_t i = 0; i < count; ++i)
+        if (strcmp(table[i].tag, any_tag) == 0 || begins_with(tag, table[i].tag))
+            return &table[i];
+    return nullptr;
+}
+
+} // namespace
+
+tbs_status_t no_memory() {
+    trace(subsystem, 1, "%s: no memory\n", module_name);
+    return TBS_ST_NO_MEMORY;
+}
+
+tbs_status_t parse_new_state(sched_h_t handle, const char *path, parse_state_t **out) {
+    with_inhibit([&] {
+        *out = static_cast<parse_state_t *>(stg_malloc(sizeof(parse_state_t)));
+        if (*out != nullptr)
+            memset(static_cast<void *>(*out), 0, sizeof **out);
+    });
+    if (*out == nullptr)
+        return no_memory();
+    (*out)->handle = handle;
+    const tbs_status_t status = open_file(*out, path);
+    if (status != TBS_ST_OK)
+        release_state(out);
+    return status;
+}
+
+void release_state(parse_state_t **state) {
+    with_inhibit([&] {
+        parse_state_t *released = *state;
+        *state = nullptr;
+        if (released == nullptr)
+            return;
+        if (released->is_open)
+            released->file.close();
+        xdr_free(reinterpret_cast<xdrproc_t>(xdr_sched_notify_info_t), &released->jparse_ni);
+        xdr_free(reinterpret_cast<xdrproc_t>(xdr_sched_task_properties_t), &released->task_rec);
+        sched_free_job_properties(released->handle, &released->job_rec);
+        stg_free(released);
+    });
+}
+
+tbs_status_t parse_next_line(parse_state_t *state, bool skip_comments, bool eof_allowed) {
+    if (state->unget_flag != 0) {
+        state->unget_flag = 0;
+        return TBS_ST_OK;
+    }
+    do {
+        const FileOutcome outcome = read_piece(state);
+        if (outcome == FileOutcome::end)
+            return eof_allowed ? tbs_status_t{TBS_ST_NOT_FOUND} : refuse(state, SCHED_MSG_UNEXPECTED_EOF);
+        if (outcome != FileOutcome::ok)
+            return tell_file_error(TBS_MSG_CANNOT_READ, state, outcome);
+        ++state->line_no;
+    } while (skip_comments && is_comment(state->line));
+    return TBS_ST_OK;
+}
+
+tbs_status_t parse_unget_cur_line(parse_state_t *state) {
+    if (state->unget_flag != 0) {
+        tbs_log_int_error(subsystem, &_sched_rvzd_msg_table, SCHED_MSG_MULTILEVEL_UNGET, module_name, __LINE__, 0);
+        return TBS_ST_ERROR;
+    }
+    state->unget_flag = 1;
+    return TBS_ST_OK;
+}
+
+tbs_status_t parse_cur_match(parse_state_t *state, bool is_required, const char *expected_tag, parse_action_t action) {
+    Split parts = split(state);
+    if (strcmp(expected_tag, any_tag) == 0 || strutl_stricoll(parts.tag, expected_tag) == 0)
+        return action != nullptr ? action(state, parts.tag, parts.value) : tbs_status_t{TBS_ST_OK};
+    return is_required ? expected_another(state, expected_tag) : parse_unget_cur_line(state);
+}
+
+tbs_status_t parse_next_match_set(parse_state_t *state, bool skip_comments, uint32_t count,
+                                  const parse_tag_action_t *table) {
+    const tbs_status_t status = parse_next_line(state, skip_comments, false);
+    if (status != TBS_ST_OK)
+        return status;
+    Split parts = split(state);
+    const parse_tag_action_t *row = row_for(parts.tag, count, table);
+    if (row == nullptr)
+        return expected_another(state, parts.tag);
+    return row->action != nullptr ? row->action(state, parts.tag, parts.value) : tbs_status_t{TBS_ST_OK};
+}
+
+tbs_status_t parse_next_match_set_until(parse_state_t *state, bool skip_comments, uint32_t count,
+                                        const parse_tag_action_t *table, const char *end_tag) {
+    while (true) {
+        tbs_status_t status = parse_next_line(state, skip_comments, false);
+        if (status != TBS_ST_OK || begins_with(split(state).tag, end_tag))
+            return status;
+        status = parse_unget_cur_line(state);
+        if (status == TBS_ST_OK)
+            status = parse_next_match_set(state, skip_comments, count, table);
+        if (status != TBS_ST_OK)
+            return status;
+    }
+}
+
+char *stripped(char *value) {
+    return strutl_strip_whitespace(value, 1, 1);
+}
+
+tbs_status_t parse_quoted(const parse_state_t *state, char *value, char **out) {
+    char *text = stripped(value);
+    if (*text == '"') {
+        ++text;
+        const size_t length = strlen(text);
+        if (length == 0 || text[length - 1] != '"')
+            return refuse(state, SCHED_MSG_MISSING_QUOTE);
+        text[length - 1] = '\0';
+    }
+    *out = text;
+    return TBS_ST_OK;
+}
+
+tbs_status_t replace_by_quoted(const parse_state_t *state, char *value, char **text) {
+    char *given = nullptr;
+    const tbs_status_t status = parse_quoted(state, value, &given);
+    if (status != TBS_ST_OK)
+        return status;
+    const bool is_kept = with_inhibit([&] {
+        char *copy = stg_strdup(given);
+        if (copy == nullptr)
+            return false;
+        stg_free(*text);
+        *text = copy;
+        return true;
+    });
+    return is_kept ? tbs_status_t{TBS_ST_OK} : no_memory();
+}
+
+tbs_status_t parse_get_bool(parse_state_t *state, const char *text, tbs_boolean_t *out) {
+    char word[tag_size];
+    take_first_word(text, word);
+    if (*word == '\0')
+        return refuse(state, SCHED_MSG_MISSING_BOOLEAN);
+    const bool is_true = strutl_stricoll(word, "TRUE") == 0;
+    if (!is_true && strutl_stricoll(word, "FALSE") != 0)
+        return refuse(state, SCHED_MSG_ILLEGAL_BOOLEAN, word);
+    *out = is_true ? 1 : 0;
+    return TBS_ST_OK;
+}
+
+tbs_status_t parse_get_date(parse_state_t *state, const char *text, time_t *out) {
+    char word[tag_size];
+    take_first_word(text, word);
+    if (*word == '\0')
+        return refuse(state, SCHED_MSG_MISSING_DATE);
+    return date_str_to_time(word, out) != 0 ? tbs_status_t{TBS_ST_OK} : refuse(state, SCHED_MSG_ILLEGAL_DATE, word);
+}
+
+} // namespace velia::sched_utl_parse

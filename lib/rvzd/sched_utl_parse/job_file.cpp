@@ -1,0 +1,144 @@
+// A file of job definitions becomes an array of jobs. One that is wrong loses the file; one that another has
+// anticipated is passed over.
+#include <rvzd/sched_utl_parse/job_grammar.h>
+
+#include <cstring>
+
+#include <common/with.h>
+#include <veliaxdr/sched_check.h>
+#include <veliaxdr/sched_jobs.h>
+#include <veliaxdr/sched_tasks.h>
+
+using namespace velia;
+using namespace velia::sched_utl_parse;
+
+namespace {
+
+struct JobFile {
+    sched_h_t handle;
+    parse_state_t *state;
+    uint32_t count;
+    sched_job_properties_t *jobs;
+    char **infos;
+};
+
+void release(JobFile &file) {
+    sched_free_jobs(file.handle, file.count, &file.jobs);
+    sched_utl_free_extra_job_infos(file.handle, file.count, &file.infos);
+    file.count = 0;
+    release_state(&file.state);
+}
+
+tbs_status_t read_definition(parse_state_t *state) {
+    tbs_status_t status = parse_next_line(state, true, true);
+    if (status == TBS_ST_OK)
+        status = parse_cur_match(state, true, "Job.Begin", nullptr);
+    return status == TBS_ST_OK
+               ? parse_next_match_set_until(state, true, num_top_tag_actions, top_tag_actions, "Job.End")
+               : status;
+}
+
+tbs_status_t look_up_task(parse_state_t *state) {
+    if (state->task_name[0] == '\0')
+        return TBS_ST_OK;
+    const tbs_status_t status = sched_task_name_to_id(state->handle, state->task_name, &state->job_rec.rw.task);
+    if (status != TBS_ST_OK)
+        imsg_print(IMSG_ERROR, &_sched_rvzd_msg_table, SCHED_MSG_CANNOT_LOOK_UP_TASK, state->task_name,
+                   tbs_strerror(status));
+    return status;
+}
+
+tbs_status_t validate(parse_state_t *state) {
+    sched_validate_job_rw_properties_err_mask_t err_mask = 0;
+    sched_job_properties_t &job = state->job_rec;
+    return sched_utl_validate_job_rw_properties(state->handle, job.ro.job_id, &job.rw, 0, 0, &err_mask);
+}
+
+// Tells the first of those stored that has the id or, after that, the name.
+bool is_duplicate(const JobFile &file) {
+    const sched_job_properties_t &job = file.state->job_rec;
+    const auto line_no = static_cast<int>(file.state->line_no);
+    for (uint32_t i = 0; i < file.count; ++i) {
+        if (job.ro.job_id != 0 && file.jobs[i].ro.job_id == job.ro.job_id) {
+            imsg_print(IMSG_ERROR, &_sched_rvzd_msg_table, SCHED_MSG_DUPLICATE_JOB_ID, job.ro.job_id, line_no);
+            return true;
+        }
+        if (strcmp(file.jobs[i].rw.name, job.rw.name) == 0) {
+            imsg_print(IMSG_ERROR, &_sched_rvzd_msg_table, SCHED_MSG_DUPLICATE_JOB_NAME, job.rw.name, line_no);
+            return true;
+        }
+    }
+    return false;
+}
+
+bool keep_followed_name(JobFile &file) {
+    char *name = nullptr;
+    if (file.state->follows_name[0] != '\0') {
+        name = stg_strdup(file.state->follows_name);
+        if (name == nullptr)
+            return false;
+    }
+    const bool is_kept = add_extra_job_info(file.infos, file.count, name);
+    if (!is_kept)
+        stg_free(name);
+    return is_kept;
+}
+
+// What is left in the state is the next definition's to begin with.
+tbs_status_t store_job(JobFile &file) {
+    parse_state_t *state = file.state;
+    const bool is_stored = with_inhibit([&] {
+        if (!make_room(file.jobs, file.count) || !keep_followed_name(file))
+            return false;
+        file.jobs[file.count++] = state->job_rec;
+        state->job_rec = {};
+        state->task_name[0] = state->follows_name[0] = '\0';
+        return true;
+    });
+    return is_stored ? tbs_status_t{TBS_ST_OK} : no_memory();
+}
+
+tbs_status_t take_definition(JobFile &file) {
+    tbs_status_t status = read_definition(file.state);
+    if (status == TBS_ST_OK)
+        status = look_up_task(file.state);
+    if (status == TBS_ST_OK)
+        status = validate(file.state);
+    return status == TBS_ST_OK && !is_duplicate(file) ? store_job(file) : status;
+}
+
+// A task that the scheduler does not know ends the file early, as its end does.
+tbs_status_t read_file(JobFile &file, const char *path) {
+    tbs_status_t status = parse_new_state(file.handle, path, &file.state);
+    if (status != TBS_ST_OK)
+        return status;
+    while (status == TBS_ST_OK)
+        status = take_definition(file);
+    return status == TBS_ST_NOT_FOUND ? tbs_status_t{TBS_ST_OK} : status;
+}
+
+} // namespace
+
+tbs_status_t sched_utl_parse_job_properties(sched_h_t handle, const char *path, uint32_t *count,
+                                            sched_job_properties_t **jobs, char ***extra_job_infos) {
+    JobFile file = {};
+    file.handle = handle;
+    return with_cleanup(
+        [&] {
+            const tbs_status_t status = read_file(file, path);
+            if (status != TBS_ST_OK) {
+                release(file);
+                imsg_print(IMSG_ERROR, &_sched_rvzd_msg_table, SCHED_MSG_PROBLEM_IN_JOBS);
+                return status;
+            }
+            release_state(&file.state);
+            with_inhibit([&] {
+                *count = file.count;
+                *jobs = file.jobs;
+                *extra_job_infos = file.infos;
+                file = {};
+            });
+            return status;
+        },
+        [&] { release(file); });
+}

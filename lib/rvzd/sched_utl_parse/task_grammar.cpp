@@ -1,0 +1,144 @@
+// A file of task definitions becomes an array of tasks.
+#include <rvzd/sched_utl_parse/engine.h>
+
+#include <cstring>
+
+#include <common/with.h>
+#include <support/credutl.h>
+#include <veliaxdr/sched_handle.h>
+#include <veliaxdr/sched_tasks.h>
+
+using namespace velia;
+using namespace velia::sched_utl_parse;
+
+namespace {
+
+tbs_status_t tparse_add_id(parse_state_t *state, const char * /*tag*/, char *value) {
+    return sched_task_id_from_str(state->handle, stripped(value), &state->task_rec.task_id);
+}
+
+tbs_status_t tparse_add_name(parse_state_t *state, const char * /*tag*/, char *value) {
+    return replace_by_quoted(state, value, &state->task_rec.name);
+}
+
+tbs_status_t tparse_add_pname(parse_state_t *state, const char * /*tag*/, char *value) {
+    return replace_by_quoted(state, value, &state->task_rec.pathname);
+}
+
+tbs_status_t tparse_add_ui_info(parse_state_t *state, const char * /*tag*/, char *value) {
+    return replace_by_quoted(state, value, &state->task_rec.ui.ui_info);
+}
+
+// Credentials are printed, and never read.
+tbs_status_t tparse_add_creds(parse_state_t * /*state*/, const char * /*tag*/, char * /*value*/) {
+    imsg_print(IMSG_ERROR, &_sched_rvzd_msg_table, SCHED_MSG_CREDENTIALS_NOT_READ);
+    return TBS_ST_ERROR;
+}
+
+constexpr ExpectedLine first_lines[] = {
+    {"Task.Begin", nullptr},
+    {"Task.Id:", tparse_add_id},
+    {"Task.Name:", tparse_add_name},
+    {"Task.Pathname:", tparse_add_pname},
+};
+
+constexpr parse_tag_action_t optional_lines[] = {
+    {"Task.UIInfo:", tparse_add_ui_info},
+    {"Task.RunAsCredentials:", tparse_add_creds},
+};
+
+struct TaskFile {
+    sched_h_t handle;
+    parse_state_t *state;
+    uint32_t count;
+    sched_task_properties_t *tasks;
+};
+
+void release(TaskFile &file) {
+    sched_free_tasks(file.handle, file.count, &file.tasks);
+    file.count = 0;
+    release_state(&file.state);
+}
+
+tbs_status_t read_lines(parse_state_t *state) {
+    credutl_init_credentials(CREDUTL_NO_ID, CREDUTL_NO_ID, 0, nullptr, &state->task_rec.run_as);
+    const tbs_status_t status = parse_lines(state, first_lines);
+    return status == TBS_ST_OK
+               ? parse_next_match_set_until(state, true, std::size(optional_lines), optional_lines, "Task.End")
+               : status;
+}
+
+tbs_status_t read_definition(parse_state_t *state) {
+    const tbs_status_t status = read_lines(state);
+    return status == TBS_ST_OK && state->task_rec.task_id == 0 ? refuse(state, SCHED_MSG_ILLEGAL_TASK_ID) : status;
+}
+
+bool is_duplicate(const TaskFile &file) {
+    const sched_task_properties_t &task = file.state->task_rec;
+    const auto line_no = static_cast<int>(file.state->line_no);
+    for (uint32_t i = 0; i < file.count; ++i) {
+        if (file.tasks[i].task_id == task.task_id) {
+            imsg_print(IMSG_ERROR, &_sched_rvzd_msg_table, SCHED_MSG_DUPLICATE_TASK_ID, task.task_id, line_no);
+            return true;
+        }
+        if (strcmp(file.tasks[i].name, task.name) == 0) {
+            imsg_print(IMSG_ERROR, &_sched_rvzd_msg_table, SCHED_MSG_DUPLICATE_TASK_NAME, task.name, line_no);
+            return true;
+        }
+    }
+    return false;
+}
+
+tbs_status_t store_task(TaskFile &file) {
+    const bool is_stored = with_inhibit([&] {
+        if (!make_room(file.tasks, file.count))
+            return false;
+        file.tasks[file.count++] = file.state->task_rec;
+        file.state->task_rec = {};
+        return true;
+    });
+    return is_stored ? tbs_status_t{TBS_ST_OK} : no_memory();
+}
+
+// A first line tells whether there is a further definition; then it is read anew, as that one's.
+tbs_status_t take_definition(TaskFile &file) {
+    tbs_status_t status = parse_next_line(file.state, true, true);
+    if (status != TBS_ST_OK)
+        return status;
+    status = read_definition(file.state);
+    return status == TBS_ST_OK && !is_duplicate(file) ? store_task(file) : status;
+}
+
+tbs_status_t read_file(TaskFile &file, const char *path) {
+    tbs_status_t status = parse_new_state(file.handle, path, &file.state);
+    if (status != TBS_ST_OK)
+        return status;
+    while (status == TBS_ST_OK)
+        status = take_definition(file);
+    return status == TBS_ST_NOT_FOUND ? tbs_status_t{TBS_ST_OK} : status;
+}
+
+} // namespace
+
+tbs_status_t sched_utl_parse_task_properties(sched_h_t handle, const char *path, uint32_t *count,
+                                             sched_task_properties_t **tasks) {
+    TaskFile file = {};
+    file.handle = handle;
+    return with_cleanup(
+        [&] {
+            const tbs_status_t status = read_file(file, path);
+            if (status != TBS_ST_OK) {
+                release(file);
+                imsg_print(IMSG_ERROR, &_sched_rvzd_msg_table, SCHED_MSG_PROBLEM_IN_TASKS);
+                return status;
+            }
+            release_state(&file.state);
+            with_inhibit([&] {
+                *count = file.count;
+                *tasks = file.tasks;
+                file = {};
+            });
+            return status;
+        },
+        [&] { release(file); });
+}
