@@ -17,7 +17,7 @@ require_in() { # word, pages...
 }
 
 code() { # expression: what its matches in product code hold between quotation marks
-    grep -rhoE --include='*.cpp' --include='*.h' -- "$1" lib support server cli | grep -oE '"[^"]+"' | tr -d '"' | sort -u
+    grep -rhoE --include='*.cpp' --include='*.h' -- "$1" lib support schedule server cli | grep -oE '"[^"]+"' | tr -d '"' | sort -u
 }
 
 for variable in $(code 'getenv(_safe)?\("[A-Z_]+"') $(code '_variable(\[\])? = "[A-Z_]+"') \
