@@ -2,6 +2,7 @@
 #include <rvzd/sched_utl_parse/engine.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstring>
 
 #include <common/trace.h>
@@ -24,31 +25,34 @@ constexpr size_t tag_size = 256;
 constexpr size_t longest_piece = sizeof(parse_state_t::line) - 1;
 constexpr FileBounds definition_file = {64 << 20, longest_piece};
 
-// The first word of a text, cut to what a tag may have; empty where there is none.
-void take_first_word(const char *text, char (&word)[tag_size]) {
+// The first word of a text, cut to what a tag may have; empty where there is none. Returns where it begins.
+const char *take_first_word(const char *text, char (&word)[tag_size]) {
     const char *begin = text + strspn(text, blanks);
     strutl_ncpy(word, begin, std::min(strcspn(begin, blanks), tag_size - 1));
+    return begin;
 }
 
 // The current line as tag and value. A tag that was cut has its rest in the value.
 struct Split {
     char tag[tag_size];
+    size_t tag_length;
     char *value;
 };
 
-Split split(parse_state_t *state) {
-    Split parts;
-    size_t position = 0;
-    take_first_word(state->line, parts.tag);
-    strutl_find_str(state->line, 0, parts.tag, &position);
-    parts.value = state->line + position + strlen(parts.tag);
-    return parts;
+void split(parse_state_t *state, Split &parts) {
+    const char *begin = take_first_word(state->line, parts.tag);
+    parts.tag_length = strlen(parts.tag);
+    parts.value = parts.tag_length != 0 ? state->line + (begin - state->line) + parts.tag_length : state->line;
 }
 
-bool begins_with(const char *tag, const char *beginning) {
+// Most of what does not begin so is told by its length, or by the character where the beginning ends.
+bool begins_with(const Split &parts, const char *beginning) {
+    const size_t length = strlen(beginning);
+    if (parts.tag_length < length || (length != 0 && tolower(static_cast<uint8_t>(parts.tag[length - 1])) !=
+                                                         tolower(static_cast<uint8_t>(beginning[length - 1]))))
+        return false;
     char begun[tag_size];
-    strutl_ncpy(begun, tag, std::min(strlen(beginning), tag_size - 1));
-    return strutl_stricoll(begun, beginning) == 0;
+    return strutl_stricoll(strutl_ncpy(begun, parts.tag, length), beginning) == 0;
 }
 
 // What is no file of definitions by its kind or size is told in the reader's own words.
@@ -100,11 +104,18 @@ tbs_status_t expected_another(const parse_state_t *state, const char *tag) {
     return refuse(state, SCHED_MSG_EXPECTED_TAG, tag);
 }
 
-const parse_tag_action_t *row_for(const char *tag, uint32_t count, const parse_tag_action_t *table) {
+const parse_tag_action_t *row_for(const Split &parts, uint32_t count, const parse_tag_action_t *table) {
     for (uint32_t i = 0; i < count; ++i)
-        if (strcmp(table[i].tag, any_tag) == 0 || begins_with(tag, table[i].tag))
+        if (strcmp(table[i].tag, any_tag) == 0 || begins_with(parts, table[i].tag))
             return &table[i];
     return nullptr;
+}
+
+tbs_status_t match_set(parse_state_t *state, const Split &parts, uint32_t count, const parse_tag_action_t *table) {
+    const parse_tag_action_t *row = row_for(parts, count, table);
+    if (row == nullptr)
+        return expected_another(state, parts.tag);
+    return row->action != nullptr ? row->action(state, parts.tag, parts.value) : tbs_status_t{TBS_ST_OK};
 }
 
 } // namespace
@@ -170,7 +181,8 @@ tbs_status_t parse_unget_cur_line(parse_state_t *state) {
 }
 
 tbs_status_t parse_cur_match(parse_state_t *state, bool is_required, const char *expected_tag, parse_action_t action) {
-    Split parts = split(state);
+    Split parts;
+    split(state, parts);
     if (strcmp(expected_tag, any_tag) == 0 || strutl_stricoll(parts.tag, expected_tag) == 0)
         return action != nullptr ? action(state, parts.tag, parts.value) : tbs_status_t{TBS_ST_OK};
     return is_required ? expected_another(state, expected_tag) : parse_unget_cur_line(state);
@@ -181,22 +193,22 @@ tbs_status_t parse_next_match_set(parse_state_t *state, bool skip_comments, uint
     const tbs_status_t status = parse_next_line(state, skip_comments, false);
     if (status != TBS_ST_OK)
         return status;
-    Split parts = split(state);
-    const parse_tag_action_t *row = row_for(parts.tag, count, table);
-    if (row == nullptr)
-        return expected_another(state, parts.tag);
-    return row->action != nullptr ? row->action(state, parts.tag, parts.value) : tbs_status_t{TBS_ST_OK};
+    Split parts;
+    split(state, parts);
+    return match_set(state, parts, count, table);
 }
 
 tbs_status_t parse_next_match_set_until(parse_state_t *state, bool skip_comments, uint32_t count,
                                         const parse_tag_action_t *table, const char *end_tag) {
     while (true) {
         tbs_status_t status = parse_next_line(state, skip_comments, false);
-        if (status != TBS_ST_OK || begins_with(split(state).tag, end_tag))
+        if (status != TBS_ST_OK)
             return status;
-        status = parse_unget_cur_line(state);
-        if (status == TBS_ST_OK)
-            status = parse_next_match_set(state, skip_comments, count, table);
+        Split parts;
+        split(state, parts);
+        if (begins_with(parts, end_tag))
+            return TBS_ST_OK;
+        status = match_set(state, parts, count, table);
         if (status != TBS_ST_OK)
             return status;
     }

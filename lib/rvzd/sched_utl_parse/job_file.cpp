@@ -1,6 +1,7 @@
 // A file of job definitions becomes an array of jobs. One that is wrong loses the file; one that another has
 // anticipated is passed over.
 #include <rvzd/sched_utl_parse/job_grammar.h>
+#include <rvzd/sched_utl_parse/known.h>
 
 #include <cstring>
 
@@ -20,12 +21,14 @@ struct JobFile {
     uint32_t count;
     sched_job_properties_t *jobs;
     char **infos;
+    Known known;
 };
 
 void release(JobFile &file) {
     sched_free_jobs(file.handle, file.count, &file.jobs);
     sched_utl_free_extra_job_infos(file.handle, file.count, &file.infos);
     file.count = 0;
+    with_inhibit([&] { release(file.known); });
     release_state(&file.state);
 }
 
@@ -54,21 +57,28 @@ tbs_status_t validate(parse_state_t *state) {
     return sched_utl_validate_job_rw_properties(state->handle, job.ro.job_id, &job.rw, 0, 0, &err_mask);
 }
 
-// Tells the first of those stored that has the id or, after that, the name.
+const sched_job_properties_t &job_at(const void *jobs, uint32_t place) {
+    return static_cast<const sched_job_properties_t *>(jobs)[place];
+}
+
+Definitions stored(const JobFile &file) {
+    return {file.jobs, [](const void *jobs, uint32_t place) { return job_at(jobs, place).ro.job_id; },
+            [](const void *jobs, uint32_t place) -> const char * { return job_at(jobs, place).rw.name; }};
+}
+
 bool is_duplicate(const JobFile &file) {
     const sched_job_properties_t &job = file.state->job_rec;
     const auto line_no = static_cast<int>(file.state->line_no);
-    for (uint32_t i = 0; i < file.count; ++i) {
-        if (job.ro.job_id != 0 && file.jobs[i].ro.job_id == job.ro.job_id) {
-            imsg_print(IMSG_ERROR, &_sched_rvzd_msg_table, SCHED_MSG_DUPLICATE_JOB_ID, job.ro.job_id, line_no);
-            return true;
-        }
-        if (strcmp(file.jobs[i].rw.name, job.rw.name) == 0) {
-            imsg_print(IMSG_ERROR, &_sched_rvzd_msg_table, SCHED_MSG_DUPLICATE_JOB_NAME, job.rw.name, line_no);
-            return true;
-        }
+    switch (taken_by(file.known, stored(file), job.ro.job_id, job.rw.name)) {
+    case Taken::id:
+        imsg_print(IMSG_ERROR, &_sched_rvzd_msg_table, SCHED_MSG_DUPLICATE_JOB_ID, job.ro.job_id, line_no);
+        return true;
+    case Taken::name:
+        imsg_print(IMSG_ERROR, &_sched_rvzd_msg_table, SCHED_MSG_DUPLICATE_JOB_NAME, job.rw.name, line_no);
+        return true;
+    default:
+        return false;
     }
-    return false;
 }
 
 bool keep_followed_name(JobFile &file) {
@@ -88,9 +98,10 @@ bool keep_followed_name(JobFile &file) {
 tbs_status_t store_job(JobFile &file) {
     parse_state_t *state = file.state;
     const bool is_stored = with_inhibit([&] {
-        if (!make_room(file.jobs, file.count) || !keep_followed_name(file))
+        if (!make_room(file.jobs, file.count) || !make_room(file.known, stored(file)) || !keep_followed_name(file))
             return false;
-        file.jobs[file.count++] = state->job_rec;
+        file.jobs[file.count] = state->job_rec;
+        note(file.known, stored(file), file.count++);
         state->job_rec = {};
         state->task_name[0] = state->follows_name[0] = '\0';
         return true;
@@ -133,6 +144,7 @@ tbs_status_t sched_utl_parse_job_properties(sched_h_t handle, const char *path, 
             }
             release_state(&file.state);
             with_inhibit([&] {
+                release(file.known);
                 *count = file.count;
                 *jobs = file.jobs;
                 *extra_job_infos = file.infos;

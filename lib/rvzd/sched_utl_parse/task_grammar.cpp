@@ -1,5 +1,6 @@
 // A file of task definitions becomes an array of tasks.
 #include <rvzd/sched_utl_parse/engine.h>
+#include <rvzd/sched_utl_parse/known.h>
 
 #include <cstring>
 
@@ -52,11 +53,13 @@ struct TaskFile {
     parse_state_t *state;
     uint32_t count;
     sched_task_properties_t *tasks;
+    Known known;
 };
 
 void release(TaskFile &file) {
     sched_free_tasks(file.handle, file.count, &file.tasks);
     file.count = 0;
+    with_inhibit([&] { release(file.known); });
     release_state(&file.state);
 }
 
@@ -73,27 +76,36 @@ tbs_status_t read_definition(parse_state_t *state) {
     return status == TBS_ST_OK && state->task_rec.task_id == 0 ? refuse(state, SCHED_MSG_ILLEGAL_TASK_ID) : status;
 }
 
+const sched_task_properties_t &task_at(const void *tasks, uint32_t place) {
+    return static_cast<const sched_task_properties_t *>(tasks)[place];
+}
+
+Definitions stored(const TaskFile &file) {
+    return {file.tasks, [](const void *tasks, uint32_t place) { return task_at(tasks, place).task_id; },
+            [](const void *tasks, uint32_t place) -> const char * { return task_at(tasks, place).name; }};
+}
+
 bool is_duplicate(const TaskFile &file) {
     const sched_task_properties_t &task = file.state->task_rec;
     const auto line_no = static_cast<int>(file.state->line_no);
-    for (uint32_t i = 0; i < file.count; ++i) {
-        if (file.tasks[i].task_id == task.task_id) {
-            imsg_print(IMSG_ERROR, &_sched_rvzd_msg_table, SCHED_MSG_DUPLICATE_TASK_ID, task.task_id, line_no);
-            return true;
-        }
-        if (strcmp(file.tasks[i].name, task.name) == 0) {
-            imsg_print(IMSG_ERROR, &_sched_rvzd_msg_table, SCHED_MSG_DUPLICATE_TASK_NAME, task.name, line_no);
-            return true;
-        }
+    switch (taken_by(file.known, stored(file), task.task_id, task.name)) {
+    case Taken::id:
+        imsg_print(IMSG_ERROR, &_sched_rvzd_msg_table, SCHED_MSG_DUPLICATE_TASK_ID, task.task_id, line_no);
+        return true;
+    case Taken::name:
+        imsg_print(IMSG_ERROR, &_sched_rvzd_msg_table, SCHED_MSG_DUPLICATE_TASK_NAME, task.name, line_no);
+        return true;
+    default:
+        return false;
     }
-    return false;
 }
 
 tbs_status_t store_task(TaskFile &file) {
     const bool is_stored = with_inhibit([&] {
-        if (!make_room(file.tasks, file.count))
+        if (!make_room(file.tasks, file.count) || !make_room(file.known, stored(file)))
             return false;
-        file.tasks[file.count++] = file.state->task_rec;
+        file.tasks[file.count] = file.state->task_rec;
+        note(file.known, stored(file), file.count++);
         file.state->task_rec = {};
         return true;
     });
@@ -134,6 +146,7 @@ tbs_status_t sched_utl_parse_task_properties(sched_h_t handle, const char *path,
             }
             release_state(&file.state);
             with_inhibit([&] {
+                release(file.known);
                 *count = file.count;
                 *tasks = file.tasks;
                 file = {};

@@ -175,6 +175,15 @@ TEST_F(DefinitionLines, MissingFileIsToldWithItsPath) {
     EXPECT_EQ(sim::Holdings::now(world), before);
 }
 
+// The process's own memory looks like a file, and nothing is at its beginning.
+TEST_F(DefinitionLines, FileThatCannotBeReadIsTold) {
+    path = "/proc/self/mem";
+    const tbs_status_t status = read_jobs();
+    EXPECT_EQ(status, tbs_errno2status(EIO));
+    EXPECT_EQ(told(), "Error reading from \"/proc/self/mem\": " + std::string(tbs_strerror(status)) + ".\n" + bad_jobs);
+    EXPECT_EQ(sim::Holdings::now(world), before);
+}
+
 TEST_F(DefinitionLines, PathThatDoesNotFitIsRefused) {
     write(job());
     const std::string name = "definitions";
