@@ -129,19 +129,21 @@ TEST_F(SchedulerAgreement, AbsentListsComeInEmpty) {
     release(xdr_sched_get_app_perms_V2_back, perms_reply);
 }
 
+// With more behind it than any of them needs, so that nothing else can be what is refused.
 TEST_F(SchedulerAgreement, BothSidesRefuseASchedulesKindAndADayThatThereIsNot) {
-    Job job;
-    const Bytes good = sent(xdr_sched_job_rw_properties_t, (job.set_monthly_day(), job.rw));
-    const size_t kind_place = 4 + 8 + 4; // behind "nightly" and ""
-    const size_t day_place = kind_place + 4 + 2 * 8 + 3 * 4 + 4;
-    for (const size_t place : {kind_place, day_place})
-        for (const char value : {'\x05', '\x7f'}) {
-            Bytes bytes = good;
-            bytes[place + 3] = value;
-            EXPECT_TRUE(is_refused(xdr_sched_job_rw_properties_t, bytes)) << place;
-            EXPECT_TRUE(is_refused(xdr_scheduler_job, bytes)) << place;
-        }
-    EXPECT_FALSE(is_refused(xdr_scheduler_job, good));
+    const Bytes rest(64, '\0');
+    for (const char kind : {'\0', '\1', '\4', '\5', '\x7f'}) {
+        const Bytes bytes = Bytes(3, '\0') + kind + rest;
+        const bool is_none = kind == '\0' || kind > '\4';
+        EXPECT_EQ(is_refused(xdr_sched_schedule_t, bytes), is_none) << static_cast<int>(kind);
+        EXPECT_EQ(is_refused(xdr_scheduler_schedule, bytes), is_none) << static_cast<int>(kind);
+    }
+    const Bytes common_and_frequency(2 * 8 + 4 * 4, '\0');
+    for (const char spec : {'\0', '\1', '\2', '\x7f'}) {
+        const Bytes bytes = common_and_frequency + Bytes(3, '\0') + spec + rest;
+        EXPECT_EQ(is_refused(xdr_sched_monthly_sched_t, bytes), spec > '\1') << static_cast<int>(spec);
+        EXPECT_EQ(is_refused(xdr_scheduler_monthly, bytes), spec > '\1') << static_cast<int>(spec);
+    }
 }
 
 TEST_F(SchedulerAgreement, BothSidesRefuseOneGroupTooMany) {

@@ -197,12 +197,13 @@ TEST_F(JobFile, EachTaskIsLookedUpForItsJob) {
 // ---- storage and raises ----
 
 const std::string with_everything =
+    follower("second", "by night") +
     "Job.Begin\nJob.Name: \"by night\"\nJob.Id: 4\nJob.Description.Begin:\none\ntwo\nJob.Description.End:\n"
     "Job.Schedule.Weekly.Frequency: 2\nJob.Schedule.Weekly.Days: Mon\nJob.Schedule.StartDate: 2026-01-02\n"
     "Job.Task: build\nJob.Args: -all \"two words\"\n"
     "Job.NotifyInfo.OnEvents: JobBegin\nJob.NotifyInfo.Using: email\nJob.NotifyInfo.Recipients: anna,ben\n"
     "Job.NotifyInfo.OnEvents: JobEndFail\nJob.NotifyInfo.Using: email\nJob.NotifyInfo.Recipients: carl\nJob.End\n" +
-    follower("second", "by night") + follower("second", "nobody");
+    follower("second", "nobody");
 
 class JobFileSweep : public JobFile {
 protected:

@@ -175,6 +175,15 @@ TEST_F(DefinitionLines, MissingFileIsToldWithItsPath) {
     EXPECT_EQ(sim::Holdings::now(world), before);
 }
 
+TEST_F(DefinitionLines, FilesAreClosed) {
+    const auto open_files = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+    const auto before_reading = open_files();
+    expect_read(job());
+    EXPECT_EQ(open_files(), before_reading);
+    expect_refused("wrong\n", syntax_error(1, "Expected tag \"Job.Begin\"."));
+    EXPECT_EQ(open_files(), before_reading);
+}
+
 // The process's own memory looks like a file, and nothing is at its beginning.
 TEST_F(DefinitionLines, FileThatCannotBeReadIsTold) {
     path = "/proc/self/mem";
