@@ -24,6 +24,9 @@ extern const Commands knob_commands;
 extern const Commands knob_update_commands;
 extern const Commands knob_transfer_commands;
 extern const Commands knob_monitor_commands;
+extern const Commands acl_commands;
+extern const Commands job_commands;
+extern const Commands job_create_commands;
 extern const Commands completion_commands;
 extern const Commands complete_words_commands;
 

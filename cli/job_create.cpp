@@ -1,0 +1,278 @@
+// veliactl job create, and the tasks that a job may have.
+#include <cli/commands.h>
+
+#include <array>
+#include <cstdio>
+
+#include <cli/jobs.h>
+#include <cli/messages.h>
+#include <cli/results.h>
+#include <support/date.h>
+#include <veliaxdr/sched_check.h>
+#include <veliaxdr/sched_jobs.h>
+#include <veliaxdr/sched_tasks.h>
+
+namespace velia::cli {
+
+namespace {
+
+struct Creation {
+    std::string host;
+    std::string name;
+    std::string task;
+    std::string description;
+    std::vector<std::string> arguments;
+    int32_t days = 0;
+    int32_t weeks = 0;
+    int32_t months = 0;
+    std::string after;
+    bool now = false;
+    std::string on;
+    std::string first;
+    std::string again;
+    std::string until = "24:00";
+    int32_t time_limit_s = 0;
+    bool is_deleted_when_completed = false;
+    bool is_dry_run = false;
+};
+
+struct TaskArguments {
+    std::string host;
+};
+
+// "08:30" in seconds; false for what is no time of a day.
+bool seconds_of(const std::string &text, uint32_t &seconds) {
+    unsigned hours = 0;
+    unsigned minutes = 0;
+    char rest = 0;
+    if (sscanf(text.c_str(), "%2u:%2u%c", &hours, &minutes, &rest) != 2 || minutes > 59)
+        return false;
+    seconds = hours * 3600 + minutes * 60;
+    return seconds <= 86400;
+}
+
+std::string fault_of_time(const std::string &text) {
+    uint32_t seconds = 0;
+    return seconds_of(text, seconds) ? "" : "'" + text + "' is no time of a day, as 08:30 or 24:00";
+}
+
+Options creation_options(Creation &creation) {
+    constexpr Range frequency = {1, INT32_MAX};
+    constexpr const char *schedule = "schedule";
+    return joined(
+        {job_host_options(creation.host),
+         {{.name = "NAME", .help = "of the new job", .target = &creation.name, .is_required = true},
+          {.name = "ARGUMENT", .help = "of its program, any number", .target = &creation.arguments},
+          {.name = "--task", .type = "NAME", .help = "what it runs", .target = &creation.task, .is_required = true},
+          {.name = "--now", .help = "run it now, and once", .target = &creation.now, .one_of = schedule},
+          {.name = "--days",
+           .type = "N",
+           .help = "run it every N days",
+           .target = &creation.days,
+           .range = frequency,
+           .one_of = schedule},
+          {.name = "--weeks",
+           .type = "N",
+           .help = "run it every N weeks, on the days of --on",
+           .target = &creation.weeks,
+           .range = frequency,
+           .one_of = schedule},
+          {.name = "--months",
+           .type = "N",
+           .help = "run it every N months, on the day of --on",
+           .target = &creation.months,
+           .range = frequency,
+           .one_of = schedule},
+          {.name = "--after",
+           .type = "JOB",
+           .help = "run it whenever another job has ended",
+           .target = &creation.after,
+           .one_of = schedule},
+          {.name = "--on",
+           .type = "DAYS",
+           .help = "Mon,Fri of weeks; 31 or \"Last Weekday\" of months",
+           .target = &creation.on},
+          {.name = "--first",
+           .type = "HH:MM",
+           .help = "first start of a day (default: midnight, and at once today)",
+           .target = &creation.first,
+           .fault = fault_of_time},
+          {.name = "--again",
+           .type = "HH:MM",
+           .help = "start it again in such steps",
+           .target = &creation.again,
+           .fault = fault_of_time},
+          {.name = "--until",
+           .type = "HH:MM",
+           .help = "the last of these",
+           .target = &creation.until,
+           .fault = fault_of_time,
+           .shows_default = true},
+          {.name = "--time-limit",
+           .type = "SECONDS",
+           .help = "end a run that takes longer",
+           .target = &creation.time_limit_s,
+           .range = frequency},
+          {.name = "--description", .type = "TEXT", .help = "free text", .target = &creation.description},
+          {.name = "--delete-when-completed",
+           .help = "delete it with its last run",
+           .target = &creation.is_deleted_when_completed},
+          {.name = "--dry-run", .help = "only check it", .target = &creation.is_dry_run}}});
+}
+
+Options task_options(TaskArguments &arguments) {
+    return job_host_options(arguments.host);
+}
+
+int create_job(const Creation &creation, const Settings &settings);
+int list_tasks(const TaskArguments &arguments, const Settings &settings);
+
+constexpr Column create_columns[] = {{"action", Type::text, "created; with --dry-run would create"},
+                                     {"id", Type::integer, "number of the job", true},
+                                     {"name", Type::text, "of the job"}};
+constexpr Output create_output = {Output::Shape::one, create_columns};
+
+constexpr Column task_columns[] = {{"id", Type::integer, "number of the task"},
+                                   {"name", Type::text, "of the task"},
+                                   {"program", Type::text, "what it runs"},
+                                   {"text", Type::text, "for user interfaces", true}};
+constexpr Output task_output = {Output::Shape::list, task_columns};
+
+constexpr Command commands[] = {
+    {.path = "job create",
+     .help = "Make a job",
+     .examples = {"veliactl job create build7 backup --task nightly --days 1 --first 02:30",
+                  "veliactl job create build7 report --task mail --months 1 --on \"Last Weekday\" --first 17:00 all",
+                  "veliactl job create build7 once --task nightly --now --delete-when-completed"},
+     .make = call_of<create_job, creation_options>,
+     .output = &create_output},
+    {.path = "task", .help = "The programs that jobs may run"},
+    {.path = "task list",
+     .help = "List them all",
+     .examples = {"veliactl task list build7"},
+     .make = call_of<list_tasks, task_options>,
+     .output = &task_output},
+};
+
+// "31", or "Last Fri". False for what is neither.
+bool set_month_day(const std::string &text, sched_monthly_sched_t &monthly) {
+    std::array<char, 16> ordinal = {};
+    std::array<char, 16> kind = {};
+    if (sscanf(text.c_str(), "%u", &monthly.day.number) == 1)
+        return true;
+    if (sscanf(text.c_str(), "%15s %15s", ordinal.data(), kind.data()) != 2)
+        return false;
+    monthly.day_spec_kind = SCHED_MONTHLY_DAY_KIND;
+    monthly.day.kind = {sched_utl_mds_ordinal_from_str(ordinal.data()), sched_utl_mds_kind_from_str(kind.data())};
+    return monthly.day.kind.ordinal < SCHED_MDS_ORDINAL_ROWS - 1 && monthly.day.kind.kind < SCHED_MDS_KIND_ROWS - 1;
+}
+
+bool set_days(const Creation &creation, sched_schedule_t &schedule) {
+    if (creation.weeks != 0) {
+        schedule.kind = SCHED_KIND_WEEKLY;
+        schedule.u.weekly.frequency = creation.weeks;
+        schedule.u.weekly.days = sched_utl_dow_mask_from_str(creation.on.c_str());
+        return schedule.u.weekly.days != 0;
+    }
+    if (creation.months != 0) {
+        schedule.kind = SCHED_KIND_MONTHLY;
+        schedule.u.monthly.frequency = creation.months;
+        return set_month_day(creation.on, schedule.u.monthly);
+    }
+    schedule.kind = SCHED_KIND_DAILY;
+    schedule.u.daily.frequency = creation.now ? 1 : creation.days;
+    return creation.on.empty();
+}
+
+bool set_schedule(const Creation &creation, sched_schedule_t &schedule) {
+    if (!set_days(creation, schedule))
+        return false;
+    auto &common = *sched_utl_get_common_sched(&schedule);
+    common.lifetime.start_date = SCHED_DATE_NOW;
+    common.lifetime.last_date = creation.now ? SCHED_DATE_NOW : 0;
+    common.start_times.first_start_time = SCHED_TIME_NOT_GIVEN;
+    if (!creation.first.empty())
+        seconds_of(creation.first, common.start_times.first_start_time);
+    seconds_of(creation.until, common.start_times.last_start_time);
+    if (!creation.again.empty())
+        seconds_of(creation.again, common.start_times.restart_frequency);
+    return true;
+}
+
+int send_job(const SchedulerHandle &scheduler, const Creation &creation, sched_job_rw_properties_t &rw, Cell &id) {
+    sched_validate_job_rw_properties_err_mask_t err_mask = 0;
+    auto status = sched_utl_validate_job_rw_properties(scheduler.get(), 0, &rw, 1, 0, &err_mask);
+    sched_job_h_t made = nullptr;
+    if (status == TBS_ST_OK && !creation.is_dry_run)
+        status = sched_job_create(scheduler.get(), &rw, &made, &err_mask);
+    if (made != nullptr)
+        id = made->job_id;
+    sched_job_free_handle(scheduler.get(), &made);
+    return status == TBS_ST_OK ? int{exit_done} : fail_of_scheduler(status, creation.host, "The job cannot be made");
+}
+
+int create_job(const Creation &creation, const Settings &settings) {
+    sched_job_rw_properties_t rw = {};
+    if (creation.after.empty() && !set_schedule(creation, rw.schedule)) {
+        tell_failure(TBS_ST_INVALID_ARG, "", "'%s' is no day of such a schedule\n", creation.on.c_str());
+        return exit_usage;
+    }
+    int exit_status = exit_done;
+    const auto scheduler = open_scheduler(creation.host, settings, exit_status);
+    if (scheduler == nullptr)
+        return exit_status;
+    if (!creation.after.empty()) {
+        rw.schedule.kind = SCHED_KIND_SEQUENTIAL;
+        rw.schedule.u.sequential.follows_job = job_of(scheduler, creation.host, creation.after, exit_status);
+    }
+    if (exit_status != exit_done)
+        return exit_status;
+    if (const auto status = sched_task_name_to_id(scheduler.get(), creation.task.c_str(), &rw.task);
+        status != TBS_ST_OK)
+        return fail_of_scheduler(status, creation.host, "There is no task '" + creation.task + "'");
+    Creation texts = creation; // the record's are not constant
+    std::vector<char *> arguments;
+    for (auto &argument : texts.arguments)
+        arguments.push_back(argument.data());
+    rw.name = texts.name.data();
+    rw.description = texts.description.data();
+    rw.arg_count = static_cast<uint32_t>(arguments.size());
+    rw.args = arguments.data();
+    rw.run_control.max_run_time = static_cast<uint32_t>(creation.time_limit_s);
+    rw.delete_when_completed = creation.is_deleted_when_completed ? 1 : 0;
+    Cell id;
+    exit_status = send_job(scheduler, creation, rw, id);
+    if (exit_status != exit_done)
+        return exit_status;
+    Results results(create_output, settings, creation.is_dry_run ? Results::Of::look : Results::Of::change);
+    results.add({creation.is_dry_run ? "would create" : "created", id, creation.name});
+    results.finish();
+    return exit_done;
+}
+
+int list_tasks(const TaskArguments &arguments, const Settings &settings) {
+    int exit_status = exit_done;
+    const auto scheduler = open_scheduler(arguments.host, settings, exit_status);
+    if (scheduler == nullptr)
+        return exit_status;
+    uint32_t count = 0;
+    sched_task_properties_t *tasks = nullptr;
+    const auto status = sched_get_tasks(scheduler.get(), &count, &tasks);
+    if (status != TBS_ST_OK)
+        return fail_of_scheduler(status, arguments.host, "The tasks cannot be listed");
+    Results results(task_output, settings);
+    for (uint32_t i = 0; i < count; ++i) {
+        const char *text = tasks[i].ui.ui_info;
+        results.add({tasks[i].task_id, tasks[i].name, tasks[i].pathname,
+                     text != nullptr && *text != '\0' ? Cell(text) : Cell()});
+    }
+    sched_free_tasks(scheduler.get(), count, &tasks);
+    results.finish();
+    return exit_done;
+}
+
+} // namespace
+
+const Commands job_create_commands = commands;
+
+} // namespace velia::cli

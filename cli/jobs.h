@@ -1,0 +1,47 @@
+// What the commands about jobs share: a handle on a host's scheduler, and a job by its name or number.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <cli/command.h>
+#include <veliaxdr/rvzd_wire.h>
+#include <veliaxdr/sched_jobs.h>
+
+namespace velia::cli {
+
+struct FreeScheduler {
+    void operator()(sched_h_t handle) const { sched_free_handle(&handle); }
+};
+using SchedulerHandle = std::unique_ptr<sched_handle, FreeScheduler>;
+
+// Null, and told, where there is none; `status` is then how the command ends.
+SchedulerHandle open_scheduler(const std::string &host, const Settings &settings, int &status);
+
+// A job of that name, or else of that number; 0, told, for none.
+sched_job_id_t job_of(const SchedulerHandle &scheduler, const std::string &host, const std::string &job, int &status);
+
+// Tells what failed, and gives the exit status for it.
+int fail_of_scheduler(tbs_status_t status, const std::string &host, const std::string &what);
+
+// Its properties for the body; what is not there is told.
+template <class Body>
+int with_properties(const SchedulerHandle &scheduler, const std::string &host, sched_job_id_t id, Body &&body) {
+    sched_job_handle job = {id};
+    sched_job_properties_t properties = {};
+    const auto status = sched_job_get_properties(scheduler.get(), &job, &properties);
+    const int exit_status =
+        status == TBS_ST_OK ? body(properties) : fail_of_scheduler(status, host, "The job cannot be read");
+    sched_free_job_properties(scheduler.get(), &properties);
+    return exit_status;
+}
+
+struct JobArguments {
+    std::string host;
+    std::string job;
+};
+Options job_host_options(std::string &host);
+Options job_options(JobArguments &arguments);
+
+} // namespace velia::cli
