@@ -45,7 +45,7 @@ public:
     std::optional<Start> after(int64_t moment) const {
         std::optional<Start> best;
         const auto consider = [&](const Start &start) {
-            if (start.at > moment && start.at >= first_.at && (!best || start.at < best->at))
+            if (start.at > moment && (!best || start.at < best->at))
                 best = start;
         };
         consider(first_);

@@ -21,6 +21,7 @@
 #include <server/messages.h>
 #include <server/registry/copy.h>
 #include <server/registry/service.h>
+#include <server/scheduler/keeper.h>
 #include <support/fileutl.h>
 #include <support/ks.h>
 #include <veliaxdr/rgy_manage.h>
@@ -180,6 +181,8 @@ int run(CommandLine &line, std::optional<Log> &log) {
 } // namespace
 
 int main(int argc, char **argv) {
+    if (argc > 1 && strcmp(argv[1], keep_run_switch) == 0)
+        return keep_run(argc, argv);
     ks_system_init(argc, argv, nullptr);
     imsg_set_app_name("rvzd_server");
     close_descriptors_on_exec();

@@ -94,6 +94,13 @@ void forget_signals() {
     sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
+void hold(int signal_number) {
+    sigset_t held;
+    sigemptyset(&held);
+    sigaddset(&held, signal_number);
+    sigprocmask(SIG_BLOCK, &held, nullptr);
+}
+
 struct Prepared {
     std::vector<char *> words;
     std::vector<char *> environment;
@@ -104,6 +111,10 @@ struct Prepared {
     forget_signals();
     prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL, 0, 0, 0); // the daemon's, for its ports
     umask(usual_umask);
+    if (request.leads_session)
+        setsid();
+    if (request.holds_term)
+        hold(SIGTERM);
     if (take_descriptors(request.descriptors, prepared.moved, error_pipe) && take_account(request.account))
         execve(prepared.words.front(), prepared.words.data(), prepared.environment.data());
     const int error_number = errno;

@@ -32,6 +32,8 @@ struct ProcessRequest {
     const std::vector<std::string> &environment;
     const Account &account;
     const std::vector<int> &descriptors; // in the process 0, 1, 2 ...
+    bool leads_session = false;          // with a group of processes that can be ended as one
+    bool holds_term = false;             // SIGTERM waits until it asks for it
 };
 
 // The number of the process that runs the program by now; negative, with the reason in *error_number, for none.

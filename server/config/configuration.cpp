@@ -44,6 +44,9 @@ constexpr std::array option_keys = {
     NumberKey<Options>{"idle-connection", &Options::idle_connection_s, 1, seconds_max},
     NumberKey<Options>{"request", &Options::request_s, 1, seconds_max},
     NumberKey<Options>{"registry-copy", &Options::registry_copy_s, 1, seconds_max},
+    NumberKey<Options>{"catch-up", &Options::catch_up_s, 0, seconds_max},
+    NumberKey<Options>{"jobs", &Options::jobs_max, 1, 1024},
+    NumberKey<Options>{"job-output", &Options::job_output_mib, 0, 4096},
 };
 
 struct KindName {
@@ -115,6 +118,10 @@ public:
             option(words.words);
         else if (words.words.front() == "access")
             access(words.words);
+        else if (words.words.front() == "task")
+            task(words.words);
+        else if (words.words.front() == "notify")
+            notify(words.words);
         else
             service(words.words);
     }
@@ -142,6 +149,24 @@ private:
         if (!line)
             return fail(MSG_CONFIG_FAILURE, std::string(fault) + ": " + words[1] + " " + words[2]);
         lines.push_back(*line);
+    }
+
+    void task(const std::vector<std::string> &words) {
+        auto &tasks = result_.configuration.tasks;
+        const auto id = words.size() > 1 ? to_number(words[1]) : std::nullopt;
+        if (words.size() < 4 || words.size() > 5 || !id || *id == 0 || !words[3].starts_with('/'))
+            return fail(MSG_CONFIG_FAILURE, "A task is written: task NUMBER NAME PROGRAM [TEXT]");
+        const bool is_known = std::any_of(tasks.begin(), tasks.end(),
+                                          [&](const Task &other) { return other.id == *id || other.name == words[2]; });
+        if (is_known || tasks.size() == CONFIG_TASKS_MAX)
+            return fail(MSG_CONFIG_FAILURE, is_known ? "The task stands already: " + words[2] : "Too many tasks");
+        tasks.push_back({*id, words[2], words[3], words.size() == 5 ? words[4] : ""});
+    }
+
+    void notify(const std::vector<std::string> &words) {
+        if (words.size() != 2 || !words[1].starts_with('/'))
+            return fail(MSG_CONFIG_FAILURE, "The program that notifies is written: notify PROGRAM");
+        result_.configuration.notify_program = words[1];
     }
 
     void service(const std::vector<std::string> &words) {

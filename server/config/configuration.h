@@ -17,6 +17,7 @@ enum {
     CONFIG_FILE_BYTES_MAX = 1 << 20,
     CONFIG_ERRORS_MAX = 100,
     CONFIG_ACCESS_LINES_MAX = 1000,
+    CONFIG_TASKS_MAX = 1000,
 };
 
 struct ConfigurationError {

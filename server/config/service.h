@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <server/config/access.h>
+#include <server/scheduler/task.h>
 #include <veliaxdr/rvzd_wire.h>
 
 namespace velia::server {
@@ -53,6 +54,9 @@ struct Options {
     uint32_t idle_connection_s = 300;
     uint32_t request_s = 30;       // from the first byte of a request to its last
     uint32_t registry_copy_s = 10; // between two looks of a standby at the master's registry
+    uint32_t catch_up_s = 3600;    // how old a start that fell due while the daemon was down may be, to be made
+    uint32_t jobs_max = 16;        // that run at once
+    uint32_t job_output_mib = 64;  // of a run's output, that its file holds
     bool operator==(const Options &) const = default;
 };
 
@@ -60,6 +64,8 @@ struct Configuration {
     std::vector<Service> services;
     std::vector<AccessLine> access; // in the order of the file: the first that names a host decides
     Options options;
+    std::vector<Task> tasks;
+    std::string notify_program; // empty: none
 };
 
 } // namespace velia::server

@@ -47,8 +47,9 @@ Daemon::Daemon(uv_loop_t *loop, Listeners listeners, std::string config_file, co
       broker_procedures_(table_, [this] { schedule(); }),
       host_procedures_(clients_, [this] { client_keeper_.save_soon(); }), registry_procedures_(registry_),
       gate_([this](int32_t pid, const Caller &caller) { return table_.is_child(pid) && owns_socket(pid, caller); }),
-      dispatcher_(RVZD_PROGRAM, RVZD_VERSION, gate_, {}), due_timer_(loop, [this] { run_due(); }),
-      stop_timer_(loop, [this] { stop(); }), role_timer_(loop, [this] { registry_.take_role(); }) {
+      scheduler_(loop), scheduler_procedures_(scheduler_, gate_), dispatcher_(RVZD_PROGRAM, RVZD_VERSION, gate_, {}),
+      due_timer_(loop, [this] { run_due(); }), stop_timer_(loop, [this] { stop(); }),
+      role_timer_(loop, [this] { registry_.take_role(); }) {
     for (auto &fd : listeners.udp)
         udp_endpoints_.push_back(std::make_unique<UdpEndpoint>(loop, std::move(fd), dispatcher_, reply_rate_));
     for (auto &fd : listeners.tcp)
@@ -63,6 +64,7 @@ Daemon::Daemon(uv_loop_t *loop, Listeners listeners, std::string config_file, co
     watch_role();
     apply(configuration);
     registry_.take_role_at_once();
+    scheduler_.open();
 }
 
 // The role's file is written in place: it is looked at when its writer has had time to finish.
@@ -78,9 +80,12 @@ void Daemon::watch_role() {
 void Daemon::apply(const Configuration &configuration) {
     gate_.set_access(configuration.access);
     registry_.set_copy_interval(configuration.options.registry_copy_s);
+    scheduler_.configure({configuration.tasks, configuration.notify_program, configuration.options.jobs_max,
+                          configuration.options.catch_up_s, configuration.options.job_output_mib});
     const uint32_t protocol = configuration.options.protocol;
     auto procedures = broker_procedures_.rows(protocol);
-    for (const auto &more : {host_procedures_.rows(protocol), registry_procedures_.rows()})
+    for (const auto &more :
+         {host_procedures_.rows(protocol), registry_procedures_.rows(), scheduler_procedures_.rows()})
         procedures.insert(procedures.end(), more.begin(), more.end());
     dispatcher_.set_procedures(procedures);
     for (const auto &endpoint : tcp_endpoints_)
@@ -140,6 +145,7 @@ void Daemon::stop() {
         tcp_endpoints_.clear();
         registry_.stop_copying();
         client_keeper_.save_now();
+        scheduler_.stop();
         stop_timer_.start(stop_grace_ms);
     } else if (stop_requests_ == 2) {
         table_.kill_remaining();

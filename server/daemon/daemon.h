@@ -19,6 +19,8 @@
 #include <server/rights/gate.h>
 #include <server/rpc/tcp_endpoint.h>
 #include <server/rpc/udp_endpoint.h>
+#include <server/scheduler/procedures.h>
+#include <server/scheduler/scheduler.h>
 
 namespace velia::server {
 
@@ -52,6 +54,8 @@ private:
     HostProcedures host_procedures_;
     RegistryProcedures registry_procedures_;
     Gate gate_;
+    Scheduler scheduler_;
+    SchedulerProcedures scheduler_procedures_;
     Dispatcher dispatcher_;
     ReplyRate reply_rate_;
     std::vector<std::unique_ptr<UdpEndpoint>> udp_endpoints_;

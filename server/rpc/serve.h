@@ -21,6 +21,15 @@
 
 namespace velia::server {
 
+// Replies of the scheduler's have no header, but the status as their own.
+template <class Record>
+constexpr bool has_status_alone = !requires(Record record) {
+    record.header;
+}
+&&requires(Record record) {
+    record.status;
+};
+
 // Gives the answer of one call, once, to a sink: that of the call for one that is answered at once, or one of its own.
 template <class Record, class Sink>
 class AnswerTo {
@@ -37,6 +46,8 @@ public:
     void operator()(tbs_status_t status, Record record) const {
         if constexpr (requires { record.header; })
             record.header = {sequence_, status};
+        else if constexpr (has_status_alone<Record>)
+            record.status = status;
         sink_(encode_success(xid_, reply_routine_, &record));
     }
 
@@ -128,6 +139,8 @@ MessageBytes encode_status(const Procedure<Request, Record> &procedure, uint32_t
     Record record = {};
     if constexpr (requires { record.header; })
         record.header.status = status;
+    else if constexpr (has_status_alone<Record>)
+        record.status = status;
     return encode_success(xid, procedure.reply_routine(), &record);
 }
 

@@ -86,6 +86,16 @@ TEST(NextStart, RestartsOfAStartAtOnceCountFromIt) {
               "runs 2026-03-21 00:00 +0100\n");
 }
 
+TEST(NextStart, NoRestartIsBeforeAStartAtOnceInTheSecondOfTwoHours) {
+    const Zone zone = read_zone("Europe/Berlin").value();
+    auto schedule = daily(SCHED_TIME_NOT_GIVEN);
+    schedule.u.daily.common.start_times = {SCHED_TIME_NOT_GIVEN, 86400, 900};
+    constexpr int64_t created = 1792891800; // 2026-10-25 02:30 +0100, for the second time
+    ASSERT_EQ(zone.offset_at(created - 3600), 7200);
+    ASSERT_EQ(zone.offset_at(created), 3600);
+    EXPECT_EQ(next_start({&schedule, &zone, created, created}, created - 7200), (Start{created, Shift::none}));
+}
+
 TEST(NextStart, AFirstStartThatHadGoneByIsNotMadeUpFor) {
     EXPECT_EQ(runs(berlin + "every 1 days, first 10:29", 1), "runs 2026-03-21 10:29 +0100\n");
     EXPECT_EQ(runs(berlin + "every 1 days, first 10:30", 1), "runs 2026-03-20 10:30 +0100\n");

@@ -115,6 +115,39 @@ TEST_F(ConfigurationFile, OptionOutOfItsRangeOrUnknownIsToldAndLeavesTheUsual) {
     EXPECT_THAT(told("option protocol 5 6"), ElementsAre(failure("An option is written: option NAME VALUE", 1)));
 }
 
+TEST_F(ConfigurationFile, OptionsOfTheSchedulerAreSetByName) {
+    const Options made = options("option catch-up 0\noption jobs 7\noption job-output 8\n");
+    EXPECT_EQ(made.catch_up_s, 0U);
+    EXPECT_EQ(made.jobs_max, 7U);
+    EXPECT_EQ(made.job_output_mib, 8U);
+}
+
+TEST_F(ConfigurationFile, TasksHaveANumberANameAndAProgram) {
+    const auto result = parse_configuration("task 7 nightly /bin/backup \"two words\"\ntask 0x8 other /bin/x\n", names);
+    EXPECT_THAT(result.errors, IsEmpty());
+    EXPECT_THAT(result.configuration.tasks,
+                ElementsAre(Task{7, "nightly", "/bin/backup", "two words"}, Task{8, "other", "/bin/x", ""}));
+}
+
+TEST_F(ConfigurationFile, ATaskThatIsNoneIsTold) {
+    for (const char *line : {"task", "task 1 name", "task 0 name /bin/x", "task x name /bin/x", "task 1 name bin/x",
+                             "task 1 name /bin/x text more"})
+        EXPECT_THAT(told_of_line(line), ElementsAre(failure("A task is written: task NUMBER NAME PROGRAM [TEXT]")))
+            << line;
+}
+
+TEST_F(ConfigurationFile, ATaskOfAKnownNumberOrNameIsTold) {
+    EXPECT_THAT(told("task 1 one /bin/x\ntask 1 two /bin/x\n"), ElementsAre(failure("The task stands already: two")));
+    EXPECT_THAT(told("task 1 one /bin/x\ntask 2 one /bin/x\n"), ElementsAre(failure("The task stands already: one")));
+}
+
+TEST_F(ConfigurationFile, TheProgramThatNotifiesIsAPath) {
+    EXPECT_EQ(parse_configuration("notify /bin/mail\n", names).configuration.notify_program, "/bin/mail");
+    EXPECT_THAT(told_of_line("notify"), ElementsAre(failure("The program that notifies is written: notify PROGRAM")));
+    EXPECT_THAT(told_of_line("notify mail"),
+                ElementsAre(failure("The program that notifies is written: notify PROGRAM")));
+}
+
 TEST_F(ConfigurationFile, LineThatIsTooLongIsTold) {
     const std::string longest = "udp shared 2 1 - - - /" + std::string(1001, 'a');
     ASSERT_EQ(longest.size(), 1023u);

@@ -1,0 +1,200 @@
+// Jobs in one SQLite file, with a write-ahead log and full synchronisation. Numbers are never given twice, so a handle
+// never means another job.
+#include <server/scheduler/job_store.h>
+
+#include <server/registry/sqlite.h>
+
+namespace velia::server {
+
+namespace {
+
+// Each step makes a database of one version one of the next.
+constexpr const char *steps[] = {R"(
+CREATE TABLE job (id INTEGER PRIMARY KEY AUTOINCREMENT, body BLOB NOT NULL, owner INTEGER,
+                  created_who BLOB NOT NULL, created_where BLOB NOT NULL, created_when INTEGER NOT NULL,
+                  changed_who BLOB NOT NULL, changed_where BLOB NOT NULL, changed_when INTEGER NOT NULL,
+                  considered INTEGER NOT NULL, changed_start INTEGER NOT NULL);
+CREATE TABLE run (job INTEGER NOT NULL REFERENCES job (id) ON DELETE CASCADE, started INTEGER NOT NULL,
+                  due INTEGER NOT NULL, ended INTEGER NOT NULL, exit_status INTEGER NOT NULL,
+                  process_id BLOB NOT NULL, messages BLOB NOT NULL, PRIMARY KEY (job, started)) WITHOUT ROWID;
+CREATE TABLE owed (job INTEGER PRIMARY KEY REFERENCES job (id) ON DELETE CASCADE);
+CREATE TABLE setting (name BLOB PRIMARY KEY, value BLOB NOT NULL) WITHOUT ROWID;
+)"};
+
+constexpr int64_t schema_version = std::size(steps);
+constexpr std::string_view acl_setting = "acl";
+
+int64_t version_of(Sqlite &database) {
+    Statement query(database, "PRAGMA user_version");
+    const int64_t version = query.step() ? query.number(0) : 0;
+    query.reset();
+    return version;
+}
+
+bool is_empty(Sqlite &database) {
+    Statement query(database, "SELECT count(*) FROM sqlite_master");
+    const bool is_empty = query.step() && query.number(0) == 0;
+    query.reset();
+    return is_empty;
+}
+
+void bring_up_to_date(Sqlite &database) {
+    const int64_t version = version_of(database);
+    if (version > schema_version)
+        throw StoreError("the scheduler's database is of a newer version");
+    if (version == 0 && !is_empty(database))
+        throw StoreError("this is no database of a scheduler");
+    if (version == schema_version)
+        return;
+    Transaction transaction(database);
+    for (int64_t step = version; step < schema_version; ++step)
+        database.run(steps[step]);
+    database.run(("PRAGMA user_version = " + std::to_string(schema_version)).c_str());
+    transaction.commit();
+}
+
+struct Statements {
+    explicit Statements(Sqlite &database)
+        : jobs(database,
+               "SELECT id, body, owner IS NULL, owner, created_who, created_where, created_when, changed_who, "
+               "changed_where, changed_when, considered, changed_start FROM job ORDER BY id"),
+          runs(database, "SELECT job, started, due, ended, exit_status, process_id, messages FROM run "
+                         "ORDER BY job, started"),
+          owed(database, "SELECT job FROM owed ORDER BY job"),
+          acl(database, "SELECT value FROM setting WHERE name = ?1"),
+          add(database, "INSERT INTO job (body, owner, created_who, created_where, created_when, changed_who, "
+                        "changed_where, changed_when, considered, changed_start) "
+                        "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10)"),
+          change(database, "UPDATE job SET body = ?2, owner = ?3, changed_who = ?4, changed_where = ?5, "
+                           "changed_when = ?6, considered = max(considered, ?7), changed_start = ?8 WHERE id = ?1"),
+          remove(database, "DELETE FROM job WHERE id = ?1"),
+          consider(database, "UPDATE job SET considered = max(considered, ?2) WHERE id = ?1"),
+          set_considered(database, "UPDATE job SET considered = ?2 WHERE id = ?1"),
+          begin(database, "INSERT INTO run (job, started, due, ended, exit_status, process_id, messages) "
+                          "VALUES (?1, ?2, ?3, 0, 0, x'', x'')"),
+          forget(database, "DELETE FROM run WHERE job = ?1 AND started = ?2"),
+          end(database, "UPDATE run SET ended = ?3, exit_status = ?4, process_id = ?5, messages = ?6 "
+                        "WHERE job = ?1 AND started = ?2"),
+          keep_youngest(database, "DELETE FROM run WHERE job = ?1 AND ended <> 0 AND started NOT IN (SELECT started "
+                                  "FROM run WHERE job = ?1 AND ended <> 0 ORDER BY started DESC LIMIT ?2)"),
+          owe(database, "INSERT OR IGNORE INTO owed SELECT id FROM job WHERE id = ?1"),
+          pay(database, "DELETE FROM owed WHERE job = ?1"),
+          set(database, "INSERT INTO setting VALUES (?1, ?2) ON CONFLICT (name) DO UPDATE SET value = excluded.value") {
+    }
+
+    Statement jobs, runs, owed, acl, add, change, remove, consider, set_considered, begin, forget, end, keep_youngest,
+        owe, pay, set;
+};
+
+std::optional<int64_t> stored_owner(const JobRow &row) {
+    return row.owner ? std::optional<int64_t>(*row.owner) : std::nullopt;
+}
+
+class SqliteJobStore : public JobStore {
+public:
+    explicit SqliteJobStore(const std::string &file_name) : database_(file_name) {
+        bring_up_to_date(database_);
+        database_.write_ahead();
+        database_.run("PRAGMA synchronous = FULL");
+        database_.run("PRAGMA foreign_keys = ON");
+        statements_ = std::make_unique<Statements>(database_);
+    }
+
+    JobContents read() override {
+        JobContents contents;
+        auto &jobs = statements_->jobs.with();
+        while (jobs.step())
+            contents.jobs.push_back(
+                {static_cast<sched_job_id_t>(jobs.number(0)), jobs.text(1),
+                 jobs.number(2) != 0 ? std::nullopt : std::optional(static_cast<uint32_t>(jobs.number(3))),
+                 Deed{jobs.text(4), jobs.text(5), jobs.number(6)}, Deed{jobs.text(7), jobs.text(8), jobs.number(9)},
+                 jobs.number(10), jobs.number(11)});
+        auto &runs = statements_->runs.with();
+        while (runs.step())
+            contents.runs.push_back({static_cast<sched_job_id_t>(runs.number(0)), runs.number(1), runs.number(2),
+                                     runs.number(3), static_cast<uint32_t>(runs.number(4)), runs.text(5),
+                                     runs.text(6)});
+        auto &owed = statements_->owed.with();
+        while (owed.step())
+            contents.owed.push_back(static_cast<sched_job_id_t>(owed.number(0)));
+        auto &acl = statements_->acl.with(acl_setting);
+        contents.acl = acl.step() ? acl.text(0) : "";
+        acl.reset();
+        return contents;
+    }
+
+    sched_job_id_t add(const JobRow &row) override {
+        Transaction transaction(database_);
+        statements_->add
+            .with(row.body, stored_owner(row), row.created.who, row.created.where, row.created.when, row.changed.who,
+                  row.changed.where, row.changed.when, row.considered, row.changed_start)
+            .run();
+        const auto id = static_cast<sched_job_id_t>(database_.last_row_id());
+        transaction.commit();
+        return id;
+    }
+
+    bool change(const JobRow &row) override {
+        return changes_one(statements_->change.with(row.id, row.body, stored_owner(row), row.changed.who,
+                                                    row.changed.where, row.changed.when, row.considered,
+                                                    row.changed_start));
+    }
+
+    bool remove(sched_job_id_t id) override { return changes_one(statements_->remove.with(id)); }
+
+    void consider(sched_job_id_t id, int64_t considered) override {
+        changes_one(statements_->consider.with(id, considered));
+    }
+
+    void begin(const RunRow &run) override {
+        Transaction transaction(database_);
+        statements_->begin.with(run.job, run.started, run.due).run();
+        statements_->consider.with(run.job, run.due).run();
+        statements_->pay.with(run.job).run();
+        transaction.commit();
+    }
+
+    void forget(const RunRow &run, int64_t considered) override {
+        Transaction transaction(database_);
+        statements_->forget.with(run.job, run.started).run();
+        statements_->set_considered.with(run.job, considered).run();
+        transaction.commit();
+    }
+
+    void end(const RunRow &run, const std::vector<sched_job_id_t> &owed, bool is_last) override {
+        Transaction transaction(database_);
+        statements_->end.with(run.job, run.started, run.ended, run.exit_status, run.process_id, run.messages).run();
+        statements_->keep_youngest.with(run.job, runs_kept).run();
+        for (const auto job : owed)
+            statements_->owe.with(job).run();
+        if (is_last)
+            statements_->remove.with(run.job).run();
+        transaction.commit();
+    }
+
+    void set_acl(const std::string &acl) override {
+        Transaction transaction(database_);
+        statements_->set.with(acl_setting, acl).run();
+        transaction.commit();
+    }
+
+private:
+    bool changes_one(Statement &statement) {
+        Transaction transaction(database_);
+        statement.run();
+        const bool is_changed = database_.changed_rows() == 1;
+        transaction.commit();
+        return is_changed;
+    }
+
+    Sqlite database_;
+    std::unique_ptr<Statements> statements_;
+};
+
+} // namespace
+
+std::unique_ptr<JobStore> open_job_store(const std::string &file_name) {
+    return std::make_unique<SqliteJobStore>(file_name);
+}
+
+} // namespace velia::server

@@ -1,0 +1,87 @@
+// Where the scheduler's jobs, their runs and its access control list are kept. The interface is narrow so that another
+// database can be put behind it; what the data mean is the scheduler's affair.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <veliaxdr/sched_wire.h>
+
+namespace velia::server {
+
+// Who did something, from where and when.
+struct Deed {
+    std::string who;
+    std::string where;
+    int64_t when = 0;
+};
+
+// A job on disk. The body is the record that its maker set, as it travels.
+struct JobRow {
+    sched_job_id_t id = 0;
+    std::string body;
+    std::optional<uint32_t> owner; // none: nobody whom the kernel knew
+    Deed created;
+    Deed changed;
+    int64_t considered = 0;    // the start up to which all have been made or passed over
+    int64_t changed_start = 0; // what "now" is, and nothing before it is made
+};
+
+// One run. A job and a start name it.
+struct RunRow {
+    sched_job_id_t job = 0;
+    int64_t started = 0;
+    int64_t due = 0; // 0: by hand, or behind another job
+    int64_t ended = 0;
+    uint32_t exit_status = 0;
+    std::string process_id;
+    std::string messages;
+};
+
+struct JobContents {
+    std::vector<JobRow> jobs;
+    std::vector<RunRow> runs;         // of each job from the oldest to the youngest; one that has not ended has 0 there
+    std::vector<sched_job_id_t> owed; // jobs whose followed one has ended, and that have not been started since
+    std::string acl;
+};
+
+// All but reading are one transaction each, and on disk when they return. A failure is a StoreError.
+class JobStore {
+public:
+    JobStore() = default;
+    virtual ~JobStore() = default;
+    JobStore(const JobStore &) = delete;
+    JobStore &operator=(const JobStore &) = delete;
+
+    virtual JobContents read() = 0;
+
+    // The number of the new job, never one that another had.
+    virtual sched_job_id_t add(const JobRow &row) = 0;
+    // False: there is no such job.
+    virtual bool change(const JobRow &row) = 0;
+    virtual bool remove(sched_job_id_t id) = 0;
+
+    // Starts up to this one have been made or passed over.
+    virtual void consider(sched_job_id_t id, int64_t considered) = 0;
+
+    // A run is about to begin: whatever becomes of it, none is begun for its start again.
+    virtual void begin(const RunRow &run) = 0;
+    // It did not, and its start may be made again.
+    virtual void forget(const RunRow &run, int64_t considered) = 0;
+    // It has ended; `owed` are to be started now; `is_last`: the job goes with it.
+    virtual void end(const RunRow &run, const std::vector<sched_job_id_t> &owed, bool is_last) = 0;
+
+    virtual void set_acl(const std::string &acl) = 0;
+};
+
+// How many ended runs of a job are kept.
+constexpr int64_t runs_kept = 20;
+
+// Opens the scheduler's database, and makes it if it is not there. One of a newer version, or that something else has
+// made, is refused and left as it is.
+std::unique_ptr<JobStore> open_job_store(const std::string &file_name);
+
+} // namespace velia::server

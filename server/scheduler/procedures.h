@@ -1,0 +1,121 @@
+// The scheduler's procedures of the broker's program.
+#pragma once
+
+#include <map>
+#include <vector>
+
+#include <server/rpc/guard.h>
+#include <server/rpc/serve.h>
+#include <server/scheduler/scheduler.h>
+
+namespace velia::server {
+
+// What the access control list has to give for a procedure, beside what the table of rights asks.
+struct PermissionRow {
+    uint32_t procedure;
+    Permission permission;
+};
+
+inline constexpr std::array permission_rows = {
+    PermissionRow{RVZD_PROC_SCHED_GET_JOBS, PERMISSION_READ},
+    PermissionRow{RVZD_PROC_SCHED_HAS_INFO_CHANGED, PERMISSION_READ},
+    PermissionRow{RVZD_PROC_SCHED_GET_TASKS, PERMISSION_READ},
+    PermissionRow{RVZD_PROC_SCHED_GET_ACL, PERMISSION_READ},
+    PermissionRow{RVZD_PROC_SCHED_SET_ACL, PERMISSION_NONE}, // for administrators, by the table of rights
+    PermissionRow{RVZD_PROC_SCHED_JOB_CREATE, PERMISSION_CHANGE},
+    PermissionRow{RVZD_PROC_SCHED_JOB_DELETE, PERMISSION_CHANGE},
+    PermissionRow{RVZD_PROC_SCHED_JOB_LOOKUP_BY_ID, PERMISSION_READ},
+    PermissionRow{RVZD_PROC_SCHED_JOB_GET_PROPERTIES, PERMISSION_READ},
+    PermissionRow{RVZD_PROC_SCHED_JOB_SET_PROPERTIES, PERMISSION_CHANGE},
+    PermissionRow{RVZD_PROC_SCHED_JOB_HAS_INFO_CHANGED, PERMISSION_READ},
+    PermissionRow{RVZD_PROC_SCHED_RJOB_GET_HANDLE, PERMISSION_READ},
+    PermissionRow{RVZD_PROC_SCHED_RJOB_GET_COMPLETION_INFO, PERMISSION_READ},
+    PermissionRow{RVZD_PROC_SCHED_RJOB_RUN_JOB, PERMISSION_RUN},
+    PermissionRow{RVZD_PROC_SCHED_RJOB_TERMINATE, PERMISSION_RUN},
+    PermissionRow{RVZD_PROC_SCHED_JOB_LOOKUP_BY_NAME, PERMISSION_READ},
+    PermissionRow{RVZD_PROC_SCHED_TASK_EXISTS, PERMISSION_READ},
+    PermissionRow{RVZD_PROC_SCHED_TASK_NAME_TO_ID, PERMISSION_READ},
+    PermissionRow{RVZD_PROC_SCHED_CHECK_ACC, PERMISSION_NONE},
+    PermissionRow{RVZD_PROC_SCHED_TASK_ID_TO_NAME, PERMISSION_READ},
+    PermissionRow{RVZD_PROC_SCHED_GET_APP_PERMS, PERMISSION_NONE},
+    PermissionRow{RVZD_PROC_SCHED_GET_TIME, PERMISSION_NONE},
+    PermissionRow{RVZD_PROC_SCHED_CONTACT, PERMISSION_NONE},
+    PermissionRow{RVZD_PROC_SCHED_JOB_CREATE_UTC, PERMISSION_CHANGE},
+    PermissionRow{RVZD_PROC_SCHED_JOB_GET_PROPERTIES_UTC, PERMISSION_READ},
+    PermissionRow{RVZD_PROC_SCHED_JOB_SET_PROPERTIES_UTC, PERMISSION_CHANGE},
+};
+
+// While there is no way to the database each answers TBS_ST_NO_SERVER.
+class SchedulerProcedures {
+public:
+    // Both have to outlive them. Whom the guard lets change the access control list is an administrator.
+    SchedulerProcedures(Scheduler &scheduler, const Guard &guard) : scheduler_(scheduler), guard_(guard) {}
+
+    std::vector<ServedProcedure> rows();
+
+private:
+    template <class Record>
+    using To = const Answer<Record> &;
+
+    void get_jobs(const sched_request_t &request, const Caller &caller, To<sched_get_jobs_reply_t> answer);
+    void has_info_changed(const sched_request_t &request, const Caller &caller, To<sched_boolean_reply_t> answer);
+    void get_tasks(const sched_request_t &request, const Caller &caller, To<sched_get_tasks_reply_t> answer);
+    void get_acl(const sched_request_t &request, const Caller &caller, To<sched_acl_reply_t> answer);
+    void set_acl(const sched_acl_request_t &request, const Caller &caller, To<sched_status_reply_t> answer);
+    void job_create(const sched_job_create_request_t &request, const Caller &caller,
+                    To<sched_job_create_reply_t> answer);
+    void job_create_utc(const sched_utc_create_request_t &request, const Caller &caller,
+                        To<sched_job_create_reply_t> answer);
+    void job_delete(const sched_job_delete_request_t &request, const Caller &caller, To<sched_job_reply_t> answer);
+    void job_lookup_by_id(const sched_job_id_request_t &request, const Caller &caller, To<sched_job_reply_t> answer);
+    void job_lookup_by_name(const sched_name_request_t &request, const Caller &caller, To<sched_job_reply_t> answer);
+    void job_get_properties(const sched_job_request_t &request, const Caller &caller,
+                            To<sched_properties_reply_t> answer);
+    void job_get_properties_utc(const sched_job_request_t &request, const Caller &caller, To<sched_utc_reply_t> answer);
+    void job_set_properties(const sched_job_set_request_t &request, const Caller &caller,
+                            To<sched_err_mask_reply_t> answer);
+    void job_set_properties_utc(const sched_utc_set_request_t &request, const Caller &caller,
+                                To<sched_err_mask_reply_t> answer);
+    void job_has_info_changed(const sched_job_request_t &request, const Caller &caller,
+                              To<sched_boolean_reply_t> answer);
+    void rjob_get_handle(const sched_job_request_t &request, const Caller &caller,
+                         To<sched_running_job_reply_t> answer);
+    void rjob_get_completion_info(const sched_running_job_request_t &request, const Caller &caller,
+                                  To<sched_completion_reply_t> answer);
+    void rjob_run_job(const sched_job_request_t &request, const Caller &caller, To<sched_running_job_reply_t> answer);
+    void rjob_terminate(const sched_running_job_request_t &request, const Caller &caller,
+                        To<sched_status_reply_t> answer);
+    void task_exists(const sched_task_request_t &request, const Caller &caller, To<sched_boolean_reply_t> answer);
+    void task_name_to_id(const sched_name_request_t &request, const Caller &caller, To<sched_task_id_reply_t> answer);
+    void task_id_to_name(const sched_task_name_request_t &request, const Caller &caller,
+                         To<sched_task_name_reply_t> answer);
+    void check_acc(const sched_permission_request_t &request, const Caller &caller, To<sched_status_reply_t> answer);
+    void get_app_perms(const sched_request_t &request, const Caller &caller, To<sched_app_perms_reply_t> answer);
+    void get_time(const sched_request_t &request, const Caller &caller, To<sched_time_reply_t> answer);
+    void contact(const sched_contact_request_t &request, const Caller &caller, To<sched_contact_reply_t> answer);
+
+    template <const auto &procedure, auto work>
+    ServedProcedure row();
+    template <const auto &procedure, auto work, class Request, class Record>
+    ServedProcedure row_of(const Procedure<Request, Record> &typed);
+    template <const auto &procedure, auto work, class Request, class Record>
+    void work_if_permitted(const Request &request, const Caller &caller, const Answer<Record> &answer);
+
+    bool is_administrator_here(const Caller &caller) const;
+    tbs_acl_permission_set_t permissions_of(const Caller &caller) const;
+    bool is_owner(const Job &job, const Caller &caller) const;
+
+    void create(sched_job_utc_rw_props_t &props, const Caller &caller, To<sched_job_create_reply_t> answer);
+    void set_properties(sched_job_h_t handle, sched_job_utc_rw_props_t &props, const Caller &caller,
+                        To<sched_err_mask_reply_t> answer);
+    tbs_status_t validate(sched_job_id_t id, sched_job_utc_rw_props_t &props, uint32_t &err_mask);
+    bool has_seen(const Caller &caller, sched_job_id_t job, uint64_t version);
+
+    Scheduler &scheduler_;
+    const Guard &guard_;
+    std::map<std::string, int> names_on_the_way_; // of jobs that are being written
+    // Which version of a job, or with 0 of all, a caller was told last.
+    std::map<std::pair<Sender, sched_job_id_t>, uint64_t> seen_;
+};
+
+} // namespace velia::server

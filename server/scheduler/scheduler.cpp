@@ -1,0 +1,525 @@
+// A run is written down before its process is made, and its process is a keeper's, which tells of the end in a file: so
+// whenever the daemon goes, nothing is started twice and no end is lost.
+#include <server/scheduler/scheduler.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <fcntl.h>
+#include <filesystem>
+#include <set>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <server/broker/service_process.h>
+#include <server/registry/store.h>
+#include <server/scheduler/keeper.h>
+#include <server/scheduler/messages.h>
+#include <server/scheduler/run_file.h>
+#include <support/tbs.h>
+
+namespace velia::server {
+
+namespace {
+
+constexpr const char *this_program = "/proc/self/exe";
+constexpr Worker::Shape store_shape = {{64, 1024, 4096}, 1, 0};
+constexpr uint64_t retry_ms = 1000;
+constexpr uint64_t bytes_of_mib = 1 << 20;
+constexpr size_t notifiers_max = 32;
+constexpr uint32_t status_unknown = 255;
+
+enum Event : sched_event_mask_t {
+    EVENT_BEGIN = 0x2,
+    EVENT_END_OK = 0x4,
+    EVENT_END_OK_WITH_MESSAGES = 0x8,
+    EVENT_END_FAIL = 0x10,
+};
+
+std::string private_path(const char *name) {
+    std::array<char, TBS_PATH_SIZE> path;
+    return tbs_product_host_priv_dir(path.data(), name) == TBS_ST_OK ? path.data() : "";
+}
+
+std::string id_text(const Job &job) {
+    return std::to_string(job.row.id);
+}
+
+RunOrder order_of(const Job &job, const Task &task, uint32_t output_mib) {
+    RunOrder order;
+    if (geteuid() == 0)
+        order.user = job.row.owner;
+    JobBody body(job.row.body);
+    const auto &rw = body.get().rw;
+    order.path = task.path;
+    order.seconds_max = rw.run_control.max_run_time;
+    order.output_bytes_max = output_mib * bytes_of_mib;
+    for (uint32_t i = 0; i < rw.arg_count; ++i)
+        order.arguments.emplace_back(rw.args[i]);
+    return order;
+}
+
+// Behind this the run's file is the keeper's. A number that is not positive: none was made, with the words why.
+int32_t make_keeper(const RunPaths &paths, const RunOrder &order, std::string &words) {
+    const UniqueFd notes = make_run_file(paths.notes);
+    const UniqueFd output(::open(paths.output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC | O_NOFOLLOW,
+                                 S_IRUSR | S_IWUSR));
+    const UniqueFd null(::open("/dev/null", O_RDWR | O_CLOEXEC));
+    int error_number = errno;
+    int32_t keeper = -1;
+    if (notes && output && null) {
+        auto arguments = keeper_arguments(order);
+        arguments.insert(arguments.begin(), this_program);
+        const Account own;
+        keeper = start_process({arguments,
+                                environment_of(own),
+                                own,
+                                {null.get(), null.get(), null.get(), notes.get(), output.get()},
+                                true,
+                                true},
+                               &error_number);
+    }
+    if (keeper < 0) {
+        words = imsg_strerror(error_number);
+        unlink(paths.notes.c_str());
+    }
+    return keeper;
+}
+
+// An end that nobody has told: the keeper itself was ended.
+RunRow ended_run(RunRow run, const std::optional<RunNotes> &notes) {
+    if (notes && notes->ended) {
+        run.ended = *notes->ended;
+        run.exit_status = notes->exit_status;
+        run.messages = notes->messages;
+    } else {
+        run.ended = time(nullptr);
+        run.exit_status = status_unknown;
+        run.messages = "The run's end is not known: its keeper was ended.\n";
+    }
+    return run;
+}
+
+} // namespace
+
+Scheduler::Scheduler(uv_loop_t *loop)
+    : loop_(loop), due_timer_(loop, [this] { look(); }), retry_timer_(loop, [this] { retry(); }),
+      worker_(loop, store_shape) {}
+
+void Scheduler::configure(const SchedulerSettings &settings) {
+    settings_ = settings;
+    jobs_.set_catch_up(settings.catch_up_s);
+    start_waiting();
+}
+
+const Task *Scheduler::task(sched_task_id_t id) const {
+    for (const auto &task : settings_.tasks)
+        if (task.id == id)
+            return &task;
+    return nullptr;
+}
+
+bool Scheduler::may_run(const std::optional<uint32_t> &owner) {
+    return geteuid() != 0 || owner.has_value();
+}
+
+bool Scheduler::ask(const Sender &sender, Work work, Done done) {
+    const auto status = std::make_shared<tbs_status_t>(TBS_ST_OK);
+    const auto words = std::make_shared<std::string>();
+    return worker_.submit(sender, {[this, work = std::move(work), status, words] {
+                                       try {
+                                           work(*store_);
+                                       } catch (const StoreBusy &) {
+                                           *status = TBS_ST_TRY_AGAIN;
+                                       } catch (const std::exception &error) {
+                                           *status = TBS_ST_ERROR;
+                                           *words = error.what();
+                                       }
+                                   },
+                                   [done = std::move(done), status, words] {
+                                       if (!words->empty())
+                                           imsg_print(IMSG_ERROR, "Scheduler: %s\n", IMSG_FORMAT, words->c_str());
+                                       done(*status);
+                                   }});
+}
+
+void Scheduler::open() {
+    const char *zone_name = getenv("TZ");
+    if (auto zone = schedule::read_zone(zone_name != nullptr ? zone_name : ""))
+        jobs_.set_zone(std::move(*zone));
+    else
+        imsg_print(IMSG_WARNING, "The scheduler's time zone cannot be read: it is UTC\n", IMSG_FORMAT);
+    directory_ = private_path("runs");
+    mkdir(directory_.c_str(), S_IRWXU);
+    const std::string file_name = private_path("scheduler.db");
+    JobContents contents;
+    try {
+        store_ = open_job_store(file_name);
+        contents = store_->read();
+    } catch (const StoreError &error) {
+        print_scheduler(IMSG_ERROR, MSG_JOBS_OPEN_FAILED, file_name.c_str());
+        imsg_print(IMSG_CONTINUATION, "%s\n", IMSG_FORMAT, error.what());
+        print_scheduler(IMSG_ERROR, MSG_JOBS_NOT_FUNCTIONAL);
+        return;
+    }
+    is_open_ = true;
+    if (jobs_.load(contents) != 0)
+        print_scheduler(IMSG_ERROR, MSG_JOBS_NOT_FUNCTIONAL);
+    if (!contents.acl.empty())
+        access_.take(contents.acl);
+    for (const auto &run : contents.runs)
+        if (run.ended == 0 && jobs_.find(run.job) != nullptr)
+            adopt(run, contents.owed);
+    clear_away();
+    start_followers(contents.owed);
+    look();
+}
+
+// A run of before that has not ended, as far as is known. Without a word of a process there was none, and its start may
+// be made again.
+void Scheduler::adopt(const RunRow &run, std::vector<sched_job_id_t> &owed) {
+    Job &job = *jobs_.find(run.job);
+    const auto paths = run_paths(directory_, run);
+    const bool lives = is_kept(paths.notes);
+    const auto notes = read_run_file(paths.notes);
+    if (!lives && (!notes || (notes->process == 0 && !notes->ended))) {
+        const int64_t considered = run.due != 0 ? run.due - 1 : job.row.considered;
+        store_->forget(run, considered);
+        jobs_.consider(job, considered);
+    } else if (!lives) {
+        const auto followers = jobs_.followers_of(run.job);
+        const RunRow ended = ended_run(run, notes);
+        store_->end(ended, followers, false);
+        job.runs.push_back(ended);
+        owed.insert(owed.end(), followers.begin(), followers.end());
+        tell_end(job, ended);
+    } else {
+        job.phase = Job::Phase::running;
+        job.run = run;
+        ++running_;
+        unended_.emplace_back(run, false);
+        retry_timer_.start(1);
+    }
+    if (!lives)
+        unlink(paths.notes.c_str());
+}
+
+void Scheduler::schedule() {
+    due_timer_.set(jobs_.next_due());
+}
+
+void Scheduler::take_up(const Job &job, sched_event_mask_t event, const std::string &what) {
+    notify(job, event, what);
+    schedule();
+}
+
+void Scheduler::look() {
+    if (!is_open_)
+        return;
+    for (const auto &due : jobs_.take_due(time(nullptr))) {
+        Job &job = *jobs_.find(due.job);
+        if (due.fate != Jobs::Fate::to_start) {
+            pass_over(due);
+            continue;
+        }
+        job.phase = Job::Phase::waiting;
+        waiting_.push_back({due.job, due.start, {}});
+    }
+    start_waiting();
+    schedule();
+}
+
+void Scheduler::pass_over(const Jobs::Due &due) {
+    const Job &job = *jobs_.find(due.job);
+    if (due.fate == Jobs::Fate::still_running)
+        print_scheduler(IMSG_WARNING, MSG_JOB_STILL_RUNNING, id_text(job).c_str(), job.name.c_str());
+    else
+        print_scheduler(IMSG_WARNING, MSG_JOB_NOT_RUN, id_text(job).c_str(), job.name.c_str());
+    const auto considered = job.row.considered;
+    worker_.submit_first({[this, id = due.job, considered] {
+                              try {
+                                  store_->consider(id, considered);
+                              } catch (const StoreError &) { // it is passed over again by the next daemon
+                              }
+                          },
+                          [] {}});
+}
+
+void Scheduler::start_waiting() {
+    while (is_open_ && !waiting_.empty() && running_ < settings_.runs_max) {
+        const Start start = std::move(waiting_.front());
+        waiting_.pop_front();
+        if (Job *job = jobs_.find(start.job); job != nullptr && job->phase == Job::Phase::waiting)
+            begin(*job, start);
+    }
+}
+
+void Scheduler::run_by_hand(Job &job, const Begun &begun) {
+    if (job.phase != Job::Phase::idle)
+        return begun(TBS_ST_ALREADY_EXISTS, 0);
+    if (running_ >= settings_.runs_max)
+        return begun(TBS_ST_TRY_AGAIN, 0);
+    begin(job, {job.row.id, 0, begun});
+}
+
+void Scheduler::begin(Job &job, const Start &start) {
+    RunRow run;
+    run.job = job.row.id;
+    run.due = start.due;
+    run.started = std::max<int64_t>(time(nullptr), job.runs.empty() ? 0 : job.runs.back().started + 1);
+    job.phase = Job::Phase::running;
+    job.run = run;
+    jobs_.touch(job);
+    ++running_;
+    const Task *task = this->task(job.task);
+    const RunOrder order = order_of(job, task != nullptr ? *task : Task{}, settings_.output_mib);
+    const bool is_allowed = task != nullptr && may_run(job.row.owner);
+    const auto keeper = std::make_shared<int32_t>(-1);
+    const auto status = std::make_shared<tbs_status_t>(TBS_ST_OK);
+    const auto written = std::make_shared<RunRow>(run);
+    worker_.submit_first(
+        {[this, order, is_allowed, keeper, status, written] {
+             try {
+                 store_->begin(*written);
+                 std::string words = "There is no such task, or nobody as whom it may run";
+                 if (is_allowed)
+                     *keeper = make_keeper(run_paths(directory_, *written), order, words);
+                 if (*keeper > 0)
+                     return;
+                 written->ended = time(nullptr);
+                 written->exit_status = status_not_found;
+                 written->messages = words + "\n";
+                 store_->end(*written, {}, false);
+             } catch (const std::exception &) {
+                 *status = TBS_ST_NO_STORAGE;
+             }
+         },
+         [this, keeper, status, written, begun = start.begun] { has_begun(*written, *keeper, *status, begun); }});
+}
+
+void Scheduler::has_begun(const RunRow &run, int32_t keeper, tbs_status_t status, const Begun &begun) {
+    if (keeper > 0) {
+        keep(run, keeper);
+        if (const Job *job = jobs_.find(run.job)) {
+            print_scheduler(IMSG_PLAIN, MSG_JOB_STARTED, id_text(*job).c_str(), job->name.c_str(), keeper);
+            notify(*job, EVENT_BEGIN, "was started");
+        }
+    } else {
+        if (const Job *job = jobs_.find(run.job))
+            print_scheduler(IMSG_ERROR, MSG_JOB_PROBLEMS, id_text(*job).c_str(), job->name.c_str());
+        RunRow ended = run;
+        if (status != TBS_ST_OK) {
+            ended.ended = time(nullptr);
+            ended.exit_status = status_unknown;
+            ended.messages = "The run could not be written down, and was not made.\n";
+        }
+        has_ended(ended, false);
+    }
+    if (begun)
+        begun(status, run.started);
+}
+
+void Scheduler::keep(const RunRow &run, int32_t keeper) {
+    Kept &kept = kept_[run.job];
+    kept.run = run;
+    kept.run.process_id = std::to_string(keeper);
+    if (Job *job = jobs_.find(run.job); job != nullptr) {
+        job->run.process_id = kept.run.process_id;
+        jobs_.touch(*job);
+    }
+    kept.watch = std::make_unique<ProcessWatch>(loop_, keeper, [this, id = run.job](int /*status*/) {
+        const RunRow ended = kept_[id].run;
+        kept_.erase(id);
+        take_end(ended, true);
+    });
+}
+
+bool Scheduler::terminate(sched_job_id_t id, int64_t started) {
+    const auto kept = kept_.find(id);
+    if (kept == kept_.end() || kept->second.run.started != started)
+        return false;
+    kept->second.watch->send(SIGTERM);
+    return true;
+}
+
+// What cannot be written now is tried again: the run's file stays until it is.
+void Scheduler::take_end(const RunRow &run, bool was_kept) {
+    const Job *job = jobs_.find(run.job);
+    const auto followers = jobs_.followers_of(run.job);
+    const bool is_last = job != nullptr && job->is_deleted_when_completed && job->has_completed();
+    const auto ended = std::make_shared<RunRow>(run);
+    const auto is_written = std::make_shared<bool>(false);
+    worker_.submit_first({[this, followers, is_last, was_kept, ended, is_written] {
+                              const auto paths = run_paths(directory_, *ended);
+                              const auto notes = read_run_file(paths.notes);
+                              if (was_kept && notes && !notes->ended && notes->process > 0)
+                                  kill(-notes->process, SIGKILL);
+                              *ended = ended_run(*ended, notes);
+                              try {
+                                  store_->end(*ended, followers, is_last);
+                                  unlink(paths.notes.c_str());
+                                  *is_written = true;
+                              } catch (const StoreError &) {
+                              }
+                          },
+                          [this, followers, is_last, run, was_kept, ended, is_written] {
+                              if (!*is_written) {
+                                  unended_.emplace_back(run, was_kept);
+                                  return retry_timer_.start(retry_ms);
+                              }
+                              has_ended(*ended, is_last);
+                              start_followers(followers);
+                          }});
+}
+
+void Scheduler::retry() {
+    for (const auto &[run, was_kept] : std::exchange(unended_, {})) {
+        const auto paths = run_paths(directory_, run);
+        const bool lives = kept_.find(run.job) == kept_.end() && is_kept(paths.notes);
+        const auto notes = lives ? read_run_file(paths.notes) : std::nullopt;
+        if (notes && notes->keeper > 0)
+            keep(run, notes->keeper);
+        else if (lives)
+            unended_.emplace_back(run, was_kept);
+        else
+            take_end(run, was_kept);
+    }
+    if (!unended_.empty())
+        retry_timer_.start(retry_ms);
+}
+
+void Scheduler::has_ended(const RunRow &run, bool is_last) {
+    --running_;
+    if (Job *job = jobs_.find(run.job); job != nullptr) {
+        job->phase = Job::Phase::idle;
+        job->run = {};
+        job->runs.push_back(run);
+        if (job->runs.size() > static_cast<size_t>(runs_kept)) {
+            drop_output({job->runs.front()});
+            job->runs.erase(job->runs.begin());
+        }
+        jobs_.touch(*job);
+        tell_end(*job, run);
+        if (is_last)
+            remove(*job);
+    } else {
+        drop_output({run});
+    }
+    start_waiting();
+    schedule();
+}
+
+// The job goes, and a run of it with it.
+void Scheduler::remove(const Job &job) {
+    drop_output(job.runs);
+    terminate(job.row.id, job.run.started);
+    jobs_.remove(job.row.id);
+    schedule();
+}
+
+void Scheduler::drop_output(const std::vector<RunRow> &runs) {
+    worker_.submit_first({[this, runs] {
+                              for (const auto &run : runs)
+                                  unlink(run_paths(directory_, run).output.c_str());
+                          },
+                          [] {}});
+}
+
+// Files of runs that nobody knows any more.
+void Scheduler::clear_away() {
+    std::set<std::string> known;
+    for (const auto &[id, job] : jobs_.all()) {
+        for (const auto &run : job.runs)
+            known.insert(run_paths(directory_, run).output);
+        known.insert(run_paths(directory_, job.run).output);
+        known.insert(run_paths(directory_, job.run).notes);
+    }
+    std::error_code failure;
+    for (const auto &entry : std::filesystem::directory_iterator(directory_, failure))
+        if (!known.contains(entry.path().string()) && !is_kept(entry.path()))
+            unlink(entry.path().c_str());
+}
+
+void Scheduler::tell_end(const Job &job, const RunRow &run) {
+    const bool is_good = run.exit_status == 0;
+    const bool has_messages = !run.messages.empty();
+    const std::string id = id_text(job);
+    const int process = atoi(run.process_id.c_str());
+    if (is_good && has_messages)
+        print_scheduler(IMSG_PLAIN, MSG_JOB_ENDED_WITH_MESSAGES, id.c_str(), job.name.c_str(), process,
+                        run.messages.c_str());
+    else if (is_good)
+        print_scheduler(IMSG_PLAIN, MSG_JOB_ENDED, id.c_str(), job.name.c_str(), process);
+    else if (has_messages)
+        print_scheduler(IMSG_ERROR, MSG_JOB_FAILED_WITH_MESSAGES, id.c_str(), job.name.c_str(), process,
+                        run.exit_status, run.messages.c_str());
+    else
+        print_scheduler(IMSG_ERROR, MSG_JOB_FAILED, id.c_str(), job.name.c_str(), process, run.exit_status);
+    const sched_event_mask_t good = has_messages ? EVENT_END_OK | EVENT_END_OK_WITH_MESSAGES : EVENT_END_OK;
+    notify(job, is_good ? good : EVENT_END_FAIL,
+           "ended with status " + std::to_string(run.exit_status) + "\n" + run.messages);
+}
+
+void Scheduler::start_followers(const std::vector<sched_job_id_t> &followers) {
+    for (const auto id : followers) {
+        Job *job = jobs_.find(id);
+        if (job == nullptr || job->phase != Job::Phase::idle)
+            continue;
+        job->phase = Job::Phase::waiting;
+        waiting_.push_back({id, 0, {}});
+    }
+    start_waiting();
+}
+
+void Scheduler::notify(const Job &job, sched_event_mask_t event, const std::string &what) {
+    if (settings_.notify_program.empty())
+        return;
+    JobBody body(job.row.body);
+    const auto &rw = body.get().rw;
+    for (uint32_t i = 0; i < rw.notify_count; ++i) {
+        const auto &wanted = rw.notify[i];
+        if ((wanted.events & event) == 0)
+            continue;
+        std::vector<std::string> recipients;
+        for (int32_t n = 0; n < wanted.recipient_count; ++n)
+            recipients.emplace_back(wanted.recipients[n]);
+        notify("Job " + id_text(job) + " \"" + job.name + "\" " + what.substr(0, what.find('\n')), recipients, what);
+    }
+}
+
+// The program has the subject and the recipients as its arguments, and the text on its standard input.
+void Scheduler::notify(const std::string &subject, const std::vector<std::string> &recipients,
+                       const std::string &text) {
+    if (notifiers_.size() >= notifiers_max)
+        return imsg_print(IMSG_WARNING, "Too many notifications at once: one was left out\n", IMSG_FORMAT);
+    std::vector<std::string> words = {settings_.notify_program, subject};
+    words.insert(words.end(), recipients.begin(), recipients.end());
+    const auto process = std::make_shared<int32_t>(-1);
+    const auto error_number = std::make_shared<int>(0);
+    worker_.submit_first(
+        {[words, text, process, error_number] {
+             const UniqueFd input(memfd_create("notification", MFD_CLOEXEC));
+             const UniqueFd null(::open("/dev/null", O_WRONLY | O_CLOEXEC));
+             if (write(input.get(), text.data(), text.size()) < 0 || lseek(input.get(), 0, SEEK_SET) < 0)
+                 return;
+             const Account own;
+             *process = start_process({words, environment_of(own), own, {input.get(), null.get(), null.get()}},
+                                      error_number.get());
+         },
+         [this, process, error_number, words] {
+             if (*process < 0)
+                 return imsg_print(IMSG_ERROR, "Unable to run the notification program \"%s\": %s\n", IMSG_FORMAT,
+                                   words[0].c_str(), imsg_strerror(*error_number));
+             notifiers_[*process] =
+                 std::make_unique<ProcessWatch>(loop_, *process, [this, number = *process](int status) {
+                     if (status != 0)
+                         imsg_print(IMSG_ERROR, "Notification failed: exit status 0x%x\n", IMSG_FORMAT, status);
+                     notifiers_.erase(number);
+                 });
+         }});
+}
+
+} // namespace velia::server
