@@ -18,9 +18,11 @@ namespace {
 constexpr uint64_t last_copy_ms = 5000; // the client that asks for the promotion waits
 
 // Each a bound on what its calls hold in memory: a search may be as long as a message, others are short.
+// Threads with the store share locks of SQLite's: one that is worth less than the others and is put off while it holds
+// such a lock puts all of them off.
 constexpr Worker::Shape look_up_shape = {{64, 1024, 4096}, 1, 0};
-constexpr Worker::Shape search_shape = {{64, 128, 512}, 1, 5};
-constexpr Worker::Shape hash_shape = {{16, 64, 256}, 1, 10};
+constexpr Worker::Shape search_shape = {{64, 128, 512}, 1, 0};
+constexpr Worker::Shape hash_shape = {{16, 64, 256}, 1, 15};
 constexpr Worker::Shape update_shape = {{64, 1024, 4096}, 256, 0};
 
 // False, and told, where it cannot be had.

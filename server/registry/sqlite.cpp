@@ -25,6 +25,12 @@ std::atomic<int64_t> wait_for_others_ms = usual_wait_for_others_ms;
 
 constexpr int log_index_bytes = 32768; // of the first piece in which it is mapped
 
+// SQLite counts its memory behind one lock of the process, at each piece of it: a search that is not worth much and is
+// put off while it holds that lock would put off everybody.
+void count_no_memory() {
+    [[maybe_unused]] static const int configured = sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+}
+
 } // namespace
 
 void wait_for_others(int64_t wait_ms) {
@@ -63,6 +69,7 @@ void put_directory_on_disk(const std::string &file_name) {
 
 Sqlite::Sqlite(const std::string &file_name) {
     make_private_file(file_name);
+    count_no_memory();
     sqlite3 *database = nullptr;
     const int result = sqlite3_open_v2(file_name.c_str(), &database,
                                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW, nullptr);
