@@ -11,8 +11,10 @@
 #include <grp.h>
 #include <poll.h>
 #include <sstream>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 #include <server/rights/rights.h>
@@ -465,6 +467,21 @@ TEST_F(TrustTest, ARootDirectoryHasOneDaemon) {
     EXPECT_FALSE(second.is_ready());
     EXPECT_THAT(second.output(), HasSubstr("already running"));
     EXPECT_EQ(Handle("alpha", RVZD_PROTOCOL_UDP).status(), TBS_ST_OK) << "the first has kept its sockets";
+}
+
+// What a killed daemon was just making of itself has the lock until it is something else.
+TEST_F(TrustTest, ALockThatIsHeldForAMomentIsWaitedFor) {
+    serve(0);
+    daemon->signal(SIGKILL);
+    daemon->wait();
+    const int lock = open(site.path("host/run/rvzd_server.lock").c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_EQ(flock(lock, LOCK_EX | LOCK_NB), 0);
+    std::thread child([lock] {
+        usleep(200'000);
+        close(lock);
+    });
+    EXPECT_TRUE(Daemon(site).is_ready());
+    child.join();
 }
 
 // Whoever could put a socket there would be taken for the daemon.
