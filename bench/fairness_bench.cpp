@@ -1,6 +1,6 @@
 // How soon good clients are served while others ask for what costs much: 16 of them look up and add, half over UDP and
 // half over TCP, during each attack and during all together. And what the daemon does without one: look-ups a second of
-// 64 clients, and what 1,000 connections cost.
+// 64 clients, what 1,000 connections cost, and how long one request of each kind keeps the loop, of a million entries.
 #include <bench/support/site.h>
 
 #include <algorithm>
@@ -59,13 +59,13 @@ void run_sql(const std::string &file, const std::string &sql) {
     sqlite3_close(database);
 }
 
-void fill(const std::string &file) {
+void fill(const std::string &file, int count) {
     run_sql(file, "INSERT INTO entry (db, region, identity, text) WITH RECURSIVE number(i) AS (SELECT 1 UNION ALL "
                   "SELECT i + 1 FROM number WHERE i < " +
-                      std::to_string(entries) + ") SELECT " + std::to_string(int{RGY_DB_REGIONS}) +
+                      std::to_string(count) + ") SELECT " + std::to_string(int{RGY_DB_REGIONS}) +
                       ", CAST('east' AS BLOB), x'', CAST('-name=region' || i || ';-region=east;' AS BLOB) FROM number;"
                       "INSERT INTO item SELECT db, CAST('-name' AS BLOB), CAST('region' || id AS BLOB), id FROM entry "
-                      "WHERE id <= 1000");
+                      "WHERE id <= 1000 ON CONFLICT DO NOTHING");
 }
 
 template <class Procedure, class Request>
@@ -294,6 +294,124 @@ bool measure_connections(const bench::Site &site) {
     return is_met;
 }
 
+// What the loop's thread has had of a processor, once it waits again: so how busy the machine is tells nothing.
+int64_t loop_ns(pid_t pid) {
+    const std::string task = "/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid);
+    for (int64_t before = -1;;) {
+        int64_t now = 0;
+        std::string state;
+        std::ifstream(task + "/schedstat") >> now;
+        std::ifstream(task + "/stat") >> state >> state >> state;
+        if (now == before && state == "S")
+            return now;
+        before = now;
+        usleep(200);
+    }
+}
+
+struct LoopRequest {
+    const char *name;
+    Bytes (*call)(uint32_t xid);
+};
+
+template <class Request>
+Request of_regions() {
+    static char nothing[] = "";
+    Request request = {};
+    request.db = RGY_DB_REGIONS;
+    request.version = RGY_PROTOCOL_VERSION;
+    if constexpr (requires { request.region; })
+        request.region = nothing;
+    if constexpr (requires { request.max_entries; })
+        request.max_entries = 1000;
+    return request;
+}
+
+Bytes region_call(const char *region, uint32_t xid) {
+    auto request = of_regions<rvzd_registry_get_req_t>();
+    request.region = const_cast<char *>(region);
+    return call_of(procedures::rgy_get_entry, request, xid);
+}
+
+// As much as one datagram holds.
+Bytes patterns_call(uint32_t xid) {
+    static char pattern[] = "*x*y";
+    std::vector<char *> patterns(900, pattern);
+    auto request = of_regions<rvzd_registry_get_pattern_req_t>();
+    request.patterns = patterns.data();
+    request.patterns_length = static_cast<int64_t>(patterns.size());
+    request.pattern_count = static_cast<int32_t>(patterns.size());
+    return call_of(procedures::rgy_get_pattern_entry, request, xid);
+}
+
+Bytes attribute_call(uint32_t xid) {
+    static char key[] = "-attribute";
+    static char nobody[] = "nobody";
+    auto request = of_regions<rvzd_registry_findbyattr_req_t>();
+    request.item_key = key;
+    request.attr_name = nobody;
+    request.attr_value = nobody;
+    return call_of(procedures::rgy_findbyattr_entry, request, xid);
+}
+
+const LoopRequest loop_requests[] = {
+    {"look-up by name", look_up_call},
+    {"listing of all", [](uint32_t xid) { return region_call("", xid); }},
+    {"listing of a region that nobody has", [](uint32_t xid) { return region_call("nobody", xid); }},
+    {"patterns", patterns_call},
+    {"attribute that nobody has", attribute_call},
+    {"databases with their counts",
+     [](uint32_t xid) {
+         return call_of(procedures::rgy_get_db_list, rvzd_registry_get_db_req_t{{}, RGY_PROTOCOL_VERSION, RGY_DB_ALL},
+                        xid);
+     }},
+    {"stamps",
+     [](uint32_t xid) { return call_of(procedures::rgy_get_id, of_regions<rvzd_registry_get_id_req_t>(), xid); }},
+    {"add with old stamps",
+     [](uint32_t xid) {
+         static char text[] = "-name=new;";
+         auto request = of_regions<rvzd_registry_add_req_t>();
+         request.flex_text = text;
+         return call_of(procedures::rgy_add_entry, request, xid);
+     }},
+    {"removal",
+     [](uint32_t xid) {
+         auto request = of_regions<rvzd_registry_remove_req_t>();
+         request.entry_id = 2000 + xid;
+         return call_of(procedures::rgy_remove_entry, request, xid);
+     }},
+    {"registration of a client",
+     [](uint32_t xid) { return call_of(procedures::clnt_list_register, rvzd_clnt_list_register_req_t{}, xid); }},
+    {"list of servers", [](uint32_t xid) { return call_of(procedures::list_servers, rvzd_list_servers_req_t{}, xid); }},
+};
+
+// What one request takes of the loop, with a million entries.
+bool measure_loop(const bench::Site &site) {
+    constexpr int million = 1'000'000;
+    constexpr int times = 40;
+    constexpr double most_us = 1000;
+    fill(site.root() + "/host/priv/registry.db", million - entries);
+    bool is_met = true;
+    uint32_t xid = 1;
+    for (const auto &[name, call] : loop_requests) {
+        const Client client(site.port(), true);
+        std::vector<double> times_us;
+        for (int i = 0; i < times; ++i) {
+            const Bytes bytes = call(++xid);
+            const int64_t before_ns = loop_ns(site.pid());
+            client.send(bytes);
+            client.receive();
+            times_us.push_back(static_cast<double>(loop_ns(site.pid()) - before_ns) / 1000);
+        }
+        std::sort(times_us.begin(), times_us.end());
+        const bool is_short = times_us.back() <= most_us;
+        printf("fairness/loop  %-36s median %7.1f us  most %7.1f us%s\n", name, times_us[times / 2], times_us.back(),
+               is_short ? "" : "   MISSED");
+        is_met &= is_short;
+    }
+    return is_met;
+}
+
 std::vector<std::string> all_but_on_changes() {
     std::vector<std::string> names = Attack::names();
     std::erase(names, attack_on_changes);
@@ -301,7 +419,7 @@ std::vector<std::string> all_but_on_changes() {
 }
 
 void prepare(const bench::Site &site) {
-    fill(site.root() + "/host/priv/registry.db");
+    fill(site.root() + "/host/priv/registry.db", entries);
     const std::string words = "printf 'secret\\n' | '" BENCH_DAEMON "' --set-registry-password";
     if (system(words.c_str()) != 0)
         exit(1);
@@ -324,6 +442,7 @@ int main(int argc, char **argv) {
     for (const auto &attack : Attack::names())
         names.push_back("fairness/" + attack);
     names.emplace_back("fairness/all");
+    names.emplace_back("fairness/loop");
     std::erase_if(names, [&](const std::string &name) { return !std::regex_search(name, wanted); });
     if (names.empty())
         return 0;
@@ -342,6 +461,8 @@ int main(int argc, char **argv) {
                        is_tcp ? "TCP" : "UDP");
         else if (name == "fairness/connections")
             is_met &= measure_connections(site);
+        else if (name == "fairness/loop")
+            is_met &= measure_loop(site);
         else if (name == "fairness/none")
             is_met &= measure(name.c_str(), site, {});
         else if (name == "fairness/all")

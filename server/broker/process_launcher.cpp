@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <server/broker/service_process.h>
+#include <server/daemon/log.h>
 #include <server/messages.h>
 #include <server/rpc/sockets.h>
 #include <veliaxdr/rvzd_socket.h>
@@ -23,6 +24,7 @@ constexpr int first_socket_fd = 4;
 
 constexpr size_t output_piece_bytes = 16384;
 constexpr int last_pieces_max = 16;
+constexpr uint64_t room_look_ms = 20;
 
 void set_blocking(int fd) {
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
@@ -69,7 +71,8 @@ struct Pipe {
 class ProcessLauncher::Output {
 public:
     Output(uv_loop_t *loop, UniqueFd fd, std::function<void()> on_end)
-        : fd_(std::move(fd)), on_end_(std::move(on_end)), poll_(loop, fd_.get(), event_target<&Output::copy>(*this)) {
+        : fd_(std::move(fd)), on_end_(std::move(on_end)), poll_(loop, fd_.get(), event_target<&Output::copy>(*this)),
+          room_timer_(loop, [this] { copy(); }) {
         poll_.watch(UV_READABLE);
     }
 
@@ -82,29 +85,38 @@ public:
     Output &operator=(const Output &) = delete;
 
 private:
-    enum class Copied { some, nothing, all };
+    enum class Copied { some, nothing, all, no_room };
 
-    // A log that cannot be written is no fault of the server's.
-    Copied copy_some() const {
-        std::array<char, output_piece_bytes> piece;
-        const ssize_t count = read(fd_.get(), piece.data(), piece.size());
+    // What the log has no room for waits here, and then in the pipe, and then the server waits.
+    Copied copy_some() {
+        if (!piece_.empty() && !Log::add_output(piece_.data(), piece_.size()))
+            return Copied::no_room;
+        piece_.resize(output_piece_bytes);
+        const ssize_t count = read(fd_.get(), piece_.data(), piece_.size());
+        piece_.resize(count > 0 ? static_cast<size_t>(count) : 0);
         if (count < 0 && (errno == EAGAIN || errno == EINTR))
             return Copied::nothing;
         if (count <= 0)
             return Copied::all;
-        [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, piece.data(), static_cast<size_t>(count));
+        if (!Log::add_output(piece_.data(), piece_.size()))
+            return Copied::no_room;
+        piece_.clear();
         return Copied::some;
     }
     void copy() {
-        if (copy_some() != Copied::all)
-            return;
-        poll_.watch(0);
-        std::exchange(on_end_, nullptr)(); // is the end of this object
+        const Copied copied = copy_some();
+        poll_.watch(copied == Copied::some || copied == Copied::nothing ? UV_READABLE : 0);
+        if (copied == Copied::no_room)
+            room_timer_.start(room_look_ms);
+        else if (copied == Copied::all)
+            std::exchange(on_end_, nullptr)(); // is the end of this object
     }
 
     UniqueFd fd_;
+    std::string piece_; // that was read and not taken
     std::function<void()> on_end_;
     PollHandle poll_;
+    TimerHandle room_timer_;
 };
 
 ProcessLauncher::ProcessLauncher(uv_loop_t *loop, std::vector<ks_sockaddr_storage_t> addresses, OnExit on_exit)
@@ -161,7 +173,7 @@ LaunchResult ProcessLauncher::launch(const Service &service) {
 
 LaunchResult ProcessLauncher::spawn(const Service &service, const std::vector<UniqueFd> &sockets,
                                     std::string start_switch) {
-    const auto account = account_of(service);
+    const auto &account = accounts_.of(service);
     if (!account)
         return {0, MSG_COMMAND_FAILED,
                 service.path + ": no group is known of user " + std::to_string(service.user.value_or(0))};

@@ -43,6 +43,24 @@ bool is_kept(std::string_view variable) {
                                [&](std::string_view beginning) { return name.starts_with(beginning); });
 }
 
+// A user as the system knows it; null if it does not.
+class UserEntry {
+public:
+    const passwd *find(uid_t user) {
+        passwd *found = nullptr;
+        while (getpwuid_r(user, &entry_, texts_.data(), texts_.size(), &found) == ERANGE && texts_.size() < texts_max)
+            texts_.resize(texts_.size() * 2);
+        return found;
+    }
+
+private:
+    static constexpr size_t texts_at_first = 4096;
+    static constexpr size_t texts_max = 1 << 20;
+
+    passwd entry_ = {};
+    std::vector<char> texts_ = std::vector<char>(texts_at_first);
+};
+
 std::vector<gid_t> groups_of(const char *name, gid_t group) {
     std::vector<gid_t> groups(groups_at_first);
     auto count = static_cast<int>(groups.size());
@@ -154,7 +172,8 @@ std::optional<Account> account_of(const Service &service) {
     account.user = service.user.value_or(geteuid());
     account.group = service.group.value_or(getegid());
     account.is_daemons = account.user == geteuid() && account.group == getegid();
-    const passwd *entry = getpwuid(account.user);
+    UserEntry user;
+    const passwd *entry = user.find(account.user);
     if (entry != nullptr) {
         account.name = entry->pw_name;
         account.home = entry->pw_dir;
@@ -171,6 +190,18 @@ std::optional<Account> account_of(const Service &service) {
     if (!account.name.empty() && account.user != 0)
         account.groups = groups_of(std::string(account.name).c_str(), account.group);
     return account;
+}
+
+Accounts::Accounts(const std::vector<Service> &services) {
+    for (const Service &service : services)
+        if (const Line line = {service.user, service.group}; !of_line_.contains(line))
+            of_line_[line] = account_of(service);
+}
+
+const std::optional<Account> &Accounts::of(const Service &service) const {
+    static const std::optional<Account> unknown;
+    const auto found = of_line_.find({service.user, service.group});
+    return found != of_line_.end() ? found->second : unknown;
 }
 
 std::vector<std::string> environment_of(const Account &account) {

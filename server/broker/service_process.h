@@ -2,8 +2,10 @@
 // its own, and with no descriptor but those that it is given.
 #pragma once
 
+#include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <server/config/service.h>
@@ -21,8 +23,22 @@ struct Account {
     std::string shell = "/bin/sh";
 };
 
-// Without a group of its own in the line a service has its user's: none, where the user has no entry to tell it.
+// Asks the system's files of users, which may be somewhere on the network: not for the loop. Without a group of its own
+// in the line a service has its user's: none, where the user has no entry to tell it.
 std::optional<Account> account_of(const Service &service);
+
+// The accounts of services, as they were when the configuration was read.
+class Accounts {
+public:
+    Accounts() = default;
+    explicit Accounts(const std::vector<Service> &services);
+
+    const std::optional<Account> &of(const Service &service) const;
+
+private:
+    using Line = std::pair<std::optional<uid_t>, std::optional<gid_t>>;
+    std::map<Line, std::optional<Account>> of_line_;
+};
 
 // Of the daemon's environment what the system's own programs and this suite go by; who the user is, and the usual path.
 std::vector<std::string> environment_of(const Account &account);

@@ -4,9 +4,12 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <charconv>
 #include <grp.h>
 #include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <common/text_file.h>
 #include <server/config/words.h>
@@ -297,6 +300,26 @@ ConfigurationResult failed_result(int message, unsigned long line, const TextFil
     return {{}, {{message, line, file.why(outcome, words)}}};
 }
 
+// A thread may ask, and so none of the library's own storage is used.
+template <class Entry, class Find>
+std::optional<uint32_t> number_of_name(Find &&find, const std::string &name, uint32_t Entry::*number) {
+    constexpr size_t texts_at_first = 4096;
+    constexpr size_t texts_max = 1 << 20; // a group's members
+    Entry entry = {};
+    Entry *found = nullptr;
+    std::vector<char> texts(texts_at_first);
+    while (find(name.c_str(), &entry, texts.data(), texts.size(), &found) == ERANGE && texts.size() < texts_max)
+        texts.resize(texts.size() * 2);
+    return found != nullptr ? std::optional(found->*number) : std::nullopt;
+}
+
+// Whoever else may lay a link there would choose what the daemon starts, and as whom.
+bool is_link_of_stranger(const std::string &file_name) {
+    struct stat status = {};
+    return lstat(file_name.c_str(), &status) == 0 && S_ISLNK(status.st_mode) && status.st_uid != 0 &&
+           status.st_uid != geteuid();
+}
+
 } // namespace
 
 NameLookup system_names() {
@@ -304,14 +327,12 @@ NameLookup system_names() {
     names.user = [](const std::string &name) -> std::optional<uid_t> {
         if (const auto number = to_number(name); number && *number != UINT32_MAX)
             return static_cast<uid_t>(*number);
-        const passwd *entry = getpwnam(name.c_str());
-        return entry != nullptr ? std::optional(entry->pw_uid) : std::nullopt;
+        return number_of_name<passwd>(getpwnam_r, name, &passwd::pw_uid);
     };
     names.group = [](const std::string &name) -> std::optional<gid_t> {
         if (const auto number = to_number(name); number && *number != UINT32_MAX)
             return static_cast<gid_t>(*number);
-        const group *entry = getgrnam(name.c_str());
-        return entry != nullptr ? std::optional(entry->gr_gid) : std::nullopt;
+        return number_of_name<group>(getgrnam_r, name, &group::gr_gid);
     };
     return names;
 }
@@ -327,6 +348,9 @@ ConfigurationResult parse_configuration(std::string_view text, const NameLookup 
 }
 
 ConfigurationResult read_configuration(const std::string &file_name, const NameLookup &names) {
+    if (is_link_of_stranger(file_name))
+        return {{},
+                {{MSG_CONFIG_UNREADABLE, 0, "It is a symbolic link of a user who is neither root nor the daemon's"}}};
     TextFile file;
     FileOutcome outcome = file.open(file_name.c_str(), file_bounds);
     if (outcome != FileOutcome::ok && !is_refused(outcome))

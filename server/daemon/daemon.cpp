@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <new>
 
 #include <server/daemon/background.h>
 #include <server/messages.h>
@@ -19,6 +21,7 @@ namespace {
 constexpr uint64_t stop_grace_ms = 5000; // for servers to end by their lifelines; then they are killed
 constexpr uint64_t kill_grace_ms = 2000;
 constexpr uint64_t role_delay_ms = 100;
+constexpr Worker::Shape reader_shape = {{1, 1, 1}, 1, 0};
 constexpr const char *client_file_name = "clients";
 constexpr const char *role_file_name = "rgy_svr.conf";
 
@@ -49,7 +52,7 @@ Daemon::Daemon(uv_loop_t *loop, Listeners listeners, std::string config_file, co
       gate_([this](int32_t pid, const Caller &caller) { return table_.is_child(pid) && owns_socket(pid, caller); }),
       scheduler_(loop), scheduler_procedures_(scheduler_, gate_), dispatcher_(RVZD_PROGRAM, RVZD_VERSION, gate_, {}),
       due_timer_(loop, [this] { run_due(); }), stop_timer_(loop, [this] { stop(); }),
-      role_timer_(loop, [this] { registry_.take_role(); }) {
+      role_timer_(loop, [this] { registry_.follow_role_file(); }), reader_(loop, reader_shape) {
     for (auto &fd : listeners.udp)
         udp_endpoints_.push_back(std::make_unique<UdpEndpoint>(loop, std::move(fd), dispatcher_, reply_rate_));
     for (auto &fd : listeners.tcp)
@@ -62,7 +65,7 @@ Daemon::Daemon(uv_loop_t *loop, Listeners listeners, std::string config_file, co
     for (const int signal_number : {SIGTERM, SIGINT})
         signals_.push_back(std::make_unique<SignalHandle>(loop, signal_number, [this] { stop(); }));
     watch_role();
-    apply(configuration);
+    apply(configuration, Accounts(configuration.services));
     registry_.take_role_at_once();
     scheduler_.open();
 }
@@ -77,7 +80,8 @@ void Daemon::watch_role() {
         });
 }
 
-void Daemon::apply(const Configuration &configuration) {
+void Daemon::apply(const Configuration &configuration, Accounts accounts) {
+    launcher_.set_accounts(std::move(accounts));
     gate_.set_access(configuration.access);
     registry_.set_copy_interval(configuration.options.registry_copy_s);
     scheduler_.configure({configuration.tasks, configuration.notify_program, configuration.options.jobs_max,
@@ -94,14 +98,33 @@ void Daemon::apply(const Configuration &configuration) {
     schedule();
 }
 
+// Names of users may be asked of another host, so a thread reads the configuration.
 void Daemon::reload() {
     if (stop_requests_ > 0)
         return;
     manager_.send_reloading();
     reopen_log();
-    const auto result = read_configuration(config_file_, system_names());
+    struct Read {
+        ConfigurationResult result;
+        Accounts accounts;
+    };
+    const auto read = std::make_shared<Read>();
+    reader_.submit_first({[read, file = config_file_] {
+                              try {
+                                  read->result = read_configuration(file, system_names());
+                                  read->accounts = Accounts(read->result.configuration.services);
+                              } catch (const std::bad_alloc &) {
+                                  read->result.errors.push_back({MSG_CONFIG_READ_ERROR, 0, imsg_strerror(ENOMEM)});
+                              }
+                          },
+                          [this, read] { take_configuration(read->result, std::move(read->accounts)); }});
+}
+
+void Daemon::take_configuration(const ConfigurationResult &result, Accounts accounts) {
+    if (stop_requests_ > 0)
+        return;
     if (result.errors.empty()) {
-        apply(result.configuration);
+        apply(result.configuration, std::move(accounts));
         registry_.take_role();
     } else {
         print_configuration_errors(config_file_, result.errors);
@@ -143,7 +166,7 @@ void Daemon::stop() {
         table_.shut_down(monotonic_ms());
         udp_endpoints_.clear();
         tcp_endpoints_.clear();
-        registry_.stop_copying();
+        registry_.stop();
         client_keeper_.save_now();
         scheduler_.stop();
         stop_timer_.start(stop_grace_ms);

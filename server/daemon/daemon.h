@@ -33,8 +33,9 @@ public:
     void run();
 
 private:
-    void apply(const Configuration &configuration);
+    void apply(const Configuration &configuration, Accounts accounts);
     void reload();
+    void take_configuration(const ConfigurationResult &result, Accounts accounts);
     void stop();
     void watch_role();
     void schedule();
@@ -66,6 +67,7 @@ private:
     std::unique_ptr<DirectoryWatch> role_watch_;
     std::vector<std::unique_ptr<SignalHandle>> signals_;
     int stop_requests_ = 0;
+    Worker reader_; // of the configuration, and of the system's users; goes first
 };
 
 } // namespace velia::server

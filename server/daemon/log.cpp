@@ -6,6 +6,7 @@
 #include <csignal>
 #include <deque>
 #include <mutex>
+#include <new>
 #include <poll.h>
 #include <string>
 #include <thread>
@@ -55,16 +56,25 @@ struct Log::State {
 
     static void take(void *context, int fd, const char *bytes, size_t size) {
         auto *state = static_cast<State *>(context);
-        {
-            const std::lock_guard held(state->lock);
-            if (state->waiting_bytes + size > BYTES_MAX) {
-                ++state->lost;
-                return;
-            }
-            state->waiting.push_back({fd, std::string(bytes, size)});
-            state->waiting_bytes += size;
+        if (state->add(fd, bytes, size, BYTES_MAX))
+            return;
+        const std::lock_guard held(state->lock);
+        ++state->lost;
+    }
+
+    // False when there would be more than this then, or there is no memory for it.
+    bool add(int fd, const char *bytes, size_t size, size_t bytes_max) {
+        try {
+            const std::lock_guard held(lock);
+            if (waiting_bytes + size > bytes_max)
+                return false;
+            waiting.push_back({fd, std::string(bytes, size)});
+            waiting_bytes += size;
+        } catch (const std::bad_alloc &) {
+            return false;
         }
-        state->is_changed.notify_all();
+        is_changed.notify_all();
+        return true;
     }
 
     // False at the end.
@@ -105,7 +115,10 @@ struct Log::State {
     }
 };
 
+std::shared_ptr<Log::State> Log::current;
+
 Log::Log() : state_(std::make_shared<State>()) {
+    current = state_;
     sigset_t all;
     sigset_t former;
     sigfillset(&all);
@@ -125,7 +138,15 @@ void Log::flush() {
     state_->is_changed.wait_for(held, last_wait, [this] { return state_->waiting.empty() && !state_->is_writing; });
 }
 
+bool Log::add_output(const char *bytes, size_t size) {
+    if (current != nullptr)
+        return current->add(STDERR_FILENO, bytes, size, BYTES_MAX / 2);
+    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, bytes, size);
+    return true;
+}
+
 Log::~Log() {
+    current = nullptr;
     imsg_set_writer(nullptr, nullptr);
     std::unique_lock held(state_->lock);
     state_->is_over = true;

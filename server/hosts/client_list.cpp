@@ -120,8 +120,8 @@ void ClientList::restore_later(ListedHost client) {
 
 std::vector<ListedHost> ClientList::take_changed(size_t count_max) {
     std::vector<ListedHost> taken;
-    while (!changed_.empty() && taken.size() < count_max)
-        taken.push_back(clients_[changed_.extract(changed_.begin()).value()]);
+    for (auto next = changed_.begin(); next != changed_.end() && taken.size() < count_max; next = changed_.erase(next))
+        taken.push_back(clients_[*next]);
     return taken;
 }
 

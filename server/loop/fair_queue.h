@@ -38,7 +38,12 @@ public:
         if (!has_room(sender))
             return false;
         Waiting &waiting = hosts_[sender.host];
-        waiting.channels[sender.channel].push_back(std::move(item));
+        try {
+            waiting.channels[sender.channel].push_back(std::move(item));
+        } catch (...) {
+            drop_empty(sender);
+            throw;
+        }
         ++waiting.count;
         ++count_;
         return true;
@@ -70,6 +75,16 @@ private:
         uint64_t last_channel = 0; // whose turn it was
         size_t count = 0;
     };
+
+    // What was made for an item that there was no memory for: pop() looks at none that is empty.
+    void drop_empty(const Sender &sender) {
+        const auto host = hosts_.find(sender.host);
+        const auto channel = host->second.channels.find(sender.channel);
+        if (channel != host->second.channels.end() && channel->second.empty())
+            host->second.channels.erase(channel);
+        if (host->second.count == 0)
+            hosts_.erase(host);
+    }
 
     // Whose turn it is: the next one in order, and behind the last the first.
     template <class Map>

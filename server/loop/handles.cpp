@@ -31,6 +31,19 @@ void close_state(State *state) {
     close(state);
 }
 
+// False where there was no memory for it. The function may end its owner, so a copy is called.
+template <class Function, class... Arguments>
+bool call_copy(const Function &function, Arguments... arguments) {
+    try {
+        if (const auto copy = function)
+            copy(arguments...);
+        return true;
+    } catch (const std::bad_alloc &) {
+        no_memory_for_event();
+        return false;
+    }
+}
+
 } // namespace
 
 void no_memory_for_event() {
@@ -89,9 +102,13 @@ TimerHandle::~TimerHandle() {
 }
 
 void TimerHandle::start(uint64_t delay_ms, uint64_t repeat_ms) {
+    // What there was no memory for comes again, since nobody else would ask for it.
+    constexpr uint64_t again_ms = 1000;
     const auto call = [](uv_timer_t *handle) {
-        if (const auto function = static_cast<State *>(handle->data)->function)
-            function();
+        if (!call_copy(static_cast<State *>(handle->data)->function) &&
+            uv_is_closing(reinterpret_cast<uv_handle_t *>(handle)) == 0 &&
+            uv_is_active(reinterpret_cast<uv_handle_t *>(handle)) == 0)
+            uv_timer_start(handle, handle->timer_cb, again_ms, 0);
     };
     uv_update_time(state_->handle.loop);
     uv_timer_start(&state_->handle, call, delay_ms, repeat_ms);
@@ -116,10 +133,7 @@ RoundHandle::~RoundHandle() {
 }
 
 void RoundHandle::start() {
-    uv_idle_start(&state_->handle, [](uv_idle_t *handle) {
-        if (const auto function = static_cast<State *>(handle->data)->function)
-            function();
-    });
+    uv_idle_start(&state_->handle, [](uv_idle_t *handle) { call_copy(static_cast<State *>(handle->data)->function); });
 }
 
 void RoundHandle::stop() {
@@ -135,10 +149,7 @@ SignalHandle::SignalHandle(uv_loop_t *loop, int signal_number, std::function<voi
     : state_(new State{{}, std::move(on_signal)}) {
     uv_signal_init(loop, &state_->handle);
     state_->handle.data = state_;
-    const auto call = [](uv_signal_t *handle, int) {
-        if (const auto function = static_cast<State *>(handle->data)->function)
-            function();
-    };
+    const auto call = [](uv_signal_t *handle, int) { call_copy(static_cast<State *>(handle->data)->function); };
     require_ok(uv_signal_start(&state_->handle, call, signal_number), "uv_signal_start");
 }
 
@@ -159,8 +170,8 @@ DirectoryWatch::DirectoryWatch(uv_loop_t *loop, const char *directory, std::func
         &state_->handle,
         [](uv_fs_event_t *handle, const char *file_name, int, int status) {
             const auto *state = static_cast<State *>(handle->data);
-            if (status == 0 && file_name != nullptr && state->function)
-                state->function(file_name);
+            if (status == 0 && file_name != nullptr)
+                call_copy(state->function, file_name);
         },
         directory, 0);
 }

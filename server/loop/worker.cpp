@@ -2,7 +2,10 @@
 // was sent, one event takes all that has ended.
 #include <server/loop/worker.h>
 
+#include <algorithm>
+#include <chrono>
 #include <csignal>
+#include <iterator>
 #include <new>
 #include <stdexcept>
 #include <sys/resource.h>
@@ -39,6 +42,22 @@ Worker::Worker(uv_loop_t *loop, const Shape &shape, std::function<void(Batch &)>
     thread_ = std::thread([this] { run(); });
     pthread_sigmask(SIG_SETMASK, &former, nullptr);
 }
+
+namespace {
+
+// There is nobody to answer to in a thread: it waits until the loop has given some memory back.
+template <class Body>
+void with_memory(Body &&body) {
+    constexpr std::chrono::milliseconds wait(1);
+    for (;;)
+        try {
+            return body();
+        } catch (const std::bad_alloc &) {
+            std::this_thread::sleep_for(wait);
+        }
+}
+
+} // namespace
 
 Worker::~Worker() {
     {
@@ -83,7 +102,7 @@ bool Worker::take(Batch &batch) {
         urgent_.pop_front();
         return true;
     }
-    while (batch.size() < shape_.batch_max)
+    while (batch.size() < shape_.batch_max) // and so much room there is
         if (auto job = waiting_.pop())
             batch.push_back(std::move(*job));
         else
@@ -93,18 +112,20 @@ bool Worker::take(Batch &batch) {
 
 void Worker::run() {
     setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), shape_.niceness); // of this thread alone
-    for (Batch batch; take(batch); batch.clear()) {
+    Batch batch;
+    with_memory([&] { batch.reserve(std::max<size_t>(shape_.batch_max, 1)); });
+    for (; take(batch); batch.clear()) {
         if (run_batch_ && batch.size() > 1)
             run_batch_(batch);
         else
             for (const Job &job : batch)
                 job.work();
-        {
+        with_memory([&] {
             const std::lock_guard held(lock_);
-            for (Job &job : batch)
-                ended_.push_back(std::move(job));
+            ended_.reserve(ended_.size() + batch.size());
+            std::move(batch.begin(), batch.end(), std::back_inserter(ended_));
             unended_ -= batch.size();
-        }
+        });
         is_idle_.notify_one();
         uv_async_send(wake_loop_);
     }

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <support/imsg.h>
@@ -50,6 +51,16 @@ std::optional<int32_t> role_in_file() {
     if (word != nullptr && *word == '\0' && is_absent(role_file()))
         return RGY_SVR_NONE;
     return word != nullptr ? role_of_word(word.get()) : std::nullopt;
+}
+
+std::string mark_of_role_file() {
+    struct stat status = {};
+    if (stat(role_file().c_str(), &status) != 0)
+        return "none";
+    const auto text = [](const timespec &time) {
+        return std::to_string(time.tv_sec) + "." + std::to_string(time.tv_nsec) + " ";
+    };
+    return std::to_string(status.st_ino) + " " + text(status.st_mtim) + text(status.st_ctim);
 }
 
 int32_t remembered_role(Store &store) {

@@ -16,6 +16,9 @@ namespace velia::server {
 // which the library has had words.
 std::optional<int32_t> role_in_file();
 
+// Another text after each time that the file is written.
+std::string mark_of_role_file();
+
 // The role that this store remembers; NONE if it never had one.
 int32_t remembered_role(Store &store);
 void remember_role(Store &store, int32_t role);

@@ -7,6 +7,7 @@
 #include <server/registry/copy.h>
 #include <server/registry/messages.h>
 #include <server/registry/role.h>
+#include <server/registry/sqlite.h>
 #include <support/date.h>
 #include <veliaxdr/rgy_local.h>
 
@@ -17,9 +18,11 @@ namespace {
 constexpr uint64_t last_copy_ms = 5000; // the client that asks for the promotion waits
 
 // Each a bound on what its calls hold in memory: a search may be as long as a message, others are short.
+// Threads with the store share locks of SQLite's: one that is worth less than the others and is put off while it holds
+// such a lock puts all of them off.
 constexpr Worker::Shape look_up_shape = {{64, 1024, 4096}, 1, 0};
-constexpr Worker::Shape search_shape = {{64, 128, 512}, 1, 5};
-constexpr Worker::Shape hash_shape = {{16, 64, 256}, 1, 10};
+constexpr Worker::Shape search_shape = {{64, 128, 512}, 1, 0};
+constexpr Worker::Shape hash_shape = {{16, 64, 256}, 1, 15};
 constexpr Worker::Shape update_shape = {{64, 1024, 4096}, 256, 0};
 
 // False, and told, where it cannot be had.
@@ -149,6 +152,9 @@ void RegistryService::stop_serving() {
 
 RegistryService::Taken RegistryService::take_in(std::unique_ptr<Store> &store, const std::optional<int32_t> &written) {
     Taken taken;
+    taken.is_taken_away = store != nullptr && !store->is_in_place();
+    if (taken.is_taken_away)
+        return taken;
     taken.role = role_of(store, written);
     if (!taken.role)
         return taken;
@@ -173,6 +179,12 @@ void RegistryService::begin_taking(const std::optional<int32_t> &written) {
 }
 
 void RegistryService::follow_role(Taken taken) {
+    if (taken.is_taken_away) {
+        copier_.stop();
+        stop_serving();
+        is_another_change_due_ = true; // without that store
+        return close_store([this] { end_change(); });
+    }
     if (!taken.role)
         return end_change();
     const bool is_server = *taken.role != RGY_SVR_NONE;
@@ -200,6 +212,7 @@ void RegistryService::take_role() {
     if (is_changing_)
         return;
     is_changing_ = true;
+    given_up_.clear();
     const auto written = role_in_file();
     begin_taking(written);
     const auto taken = std::make_shared<Taken>();
@@ -210,7 +223,22 @@ void RegistryService::take_role() {
 void RegistryService::end_change() {
     is_changing_ = false;
     if (is_another_change_due_)
+        return take_role();
+    if (step_downs_.empty())
+        return;
+    const auto answer = std::move(step_downs_.front());
+    step_downs_.pop_front();
+    step_down(answer);
+}
+
+void RegistryService::follow_role_file() {
+    if (given_up_.empty() || mark_of_role_file() != given_up_)
         take_role();
+}
+
+void RegistryService::stop() {
+    copier_.stop();
+    wait_for_others(0);
 }
 
 void RegistryService::take_role_at_once() {
@@ -257,17 +285,31 @@ void RegistryService::become_master(const Answered &answer) {
         });
 }
 
-// A file that is left half-written by whoever changes the role next does not make this host the master again.
-void RegistryService::step_down(Answered answer) {
-    if (!is_master_)
-        return answer(TBS_ST_UNSUPPORTED);
+// While a role is being taken, the one that comes of it is the one to give up.
+void RegistryService::step_down(const Answered &answer) {
+    if (is_changing_)
+        step_downs_.push_back(answer);
+    else if (!is_master_)
+        answer(TBS_ST_UNSUPPORTED);
+    else
+        give_up_role(answer);
+}
+
+// Neither a file that is left half-written by whoever changes the role next, nor one that was written before and is
+// only now heard of, makes this host the master again.
+void RegistryService::give_up_role(const Answered &answer) {
+    is_changing_ = true;
+    given_up_ = mark_of_role_file();
     stop_serving();
     updates_.change(
         [](std::unique_ptr<Store> &store) {
             remember(store, RGY_SVR_NONE);
             store.reset();
         },
-        [answer = std::move(answer)] { answer(TBS_ST_OK); });
+        [this, answer] {
+            answer(TBS_ST_OK);
+            end_change();
+        });
 }
 
 void RegistryService::print_change(rgy_db_t db, bool is_added, const std::string &what, const Caller &caller) {

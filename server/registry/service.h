@@ -2,6 +2,7 @@
 // the database: what is not in memory is asked of threads that have it open.
 #pragma once
 
+#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -38,7 +39,11 @@ public:
     void take_role();
     void take_role_at_once();
 
-    void stop_copying() { copier_.stop(); }
+    // The role's file has been written. One that this host has given up since is not taken again.
+    void follow_role_file();
+
+    // Copies no more, and waits for nobody who has the database.
+    void stop();
 
     // Whether there is a registry here that has something to tell; nothing where that has to be looked up.
     std::optional<bool> is_serving();
@@ -59,7 +64,7 @@ public:
     void promote(const Answered &answer);
 
     // A master stops serving until it has another role. TBS_ST_UNSUPPORTED for any other.
-    void step_down(Answered answer);
+    void step_down(const Answered &answer);
 
     // Tells of an update, who made it and what it was.
     static void print_change(rgy_db_t db, bool is_added, const std::string &what, const Caller &caller);
@@ -73,11 +78,13 @@ private:
         std::optional<int32_t> role; // none: it cannot be told, and nothing changes
         std::unique_ptr<StoreVersion> version;
         bool is_open = false;
+        bool is_taken_away = false; // the file was, under the store
     };
     static Taken take_in(std::unique_ptr<Store> &store, const std::optional<int32_t> &written);
     void begin_taking(const std::optional<int32_t> &written);
     void follow_role(Taken taken);
     void end_change();
+    void give_up_role(const Answered &answer);
     void close_store(std::function<void()> done);
     void serve(std::unique_ptr<StoreVersion> version);
     void stop_serving();
@@ -90,6 +97,8 @@ private:
     bool is_serving_ = false;
     bool is_changing_ = false;           // a role is being taken
     bool is_another_change_due_ = false; // since it began
+    std::deque<Answered> step_downs_;    // that wait for its end
+    std::string given_up_;               // the role's file as it was then
     RegistryMemory memory_;
     StoreWorker look_ups_;
     StoreWorker searches_;

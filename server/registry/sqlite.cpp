@@ -3,11 +3,14 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
+#include <server/loop/handles.h>
 #include <server/loop/unique_fd.h>
 #include <support/imsg.h>
 
@@ -15,10 +18,24 @@ namespace velia::server {
 
 namespace {
 
-constexpr int busy_timeout_ms = 5000;  // another process may set the password meanwhile
+// Short against the time for which somebody who comes back at once has let go.
+constexpr std::chrono::milliseconds wait_between_attempts(1);
+
+std::atomic<int64_t> wait_for_others_ms = usual_wait_for_others_ms;
+
 constexpr int log_index_bytes = 32768; // of the first piece in which it is mapped
 
+// SQLite counts its memory behind one lock of the process, at each piece of it: a search that is not worth much and is
+// put off while it holds that lock would put off everybody.
+void count_no_memory() {
+    [[maybe_unused]] static const int configured = sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+}
+
 } // namespace
+
+void wait_for_others(int64_t wait_ms) {
+    wait_for_others_ms = wait_ms;
+}
 
 void throw_system_error() {
     throw StoreError(imsg_strerror(errno));
@@ -52,13 +69,26 @@ void put_directory_on_disk(const std::string &file_name) {
 
 Sqlite::Sqlite(const std::string &file_name) {
     make_private_file(file_name);
+    count_no_memory();
     sqlite3 *database = nullptr;
     const int result = sqlite3_open_v2(file_name.c_str(), &database,
                                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW, nullptr);
     database_.reset(database);
     if (result != SQLITE_OK)
         throw StoreError(database != nullptr ? sqlite3_errmsg(database) : sqlite3_errstr(result));
-    sqlite3_busy_timeout(database, busy_timeout_ms);
+    sqlite3_busy_handler(database, is_worth_waiting, this);
+}
+
+// Another process may set the password meanwhile, or copy the file.
+int Sqlite::is_worth_waiting(void *database, int attempts) {
+    auto &waiting = *static_cast<Sqlite *>(database);
+    const int64_t now_ms = monotonic_ms();
+    if (attempts == 0)
+        waiting.waits_since_ms_ = now_ms;
+    if (now_ms - waiting.waits_since_ms_ >= wait_for_others_ms)
+        return 0;
+    std::this_thread::sleep_for(wait_between_attempts);
+    return 1;
 }
 
 void Sqlite::write_ahead() {

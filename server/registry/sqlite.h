@@ -34,9 +34,16 @@ using CommitMark = std::array<uint64_t, 6>;
 // Takes no system call and no lock.
 CommitMark read_mark(const volatile uint64_t *marks);
 
+// How long any thread waits for somebody else who has a database: a client's call takes two such waits. 0: not at all
+// any more, also who is waiting now.
+constexpr int64_t usual_wait_for_others_ms = 11000;
+void wait_for_others(int64_t wait_ms);
+
 class Sqlite {
 public:
     explicit Sqlite(const std::string &file_name);
+    Sqlite(const Sqlite &) = delete;
+    Sqlite &operator=(const Sqlite &) = delete;
 
     // Leaves the files as they are found when the database is closed: none is cleared away.
     void leave_log(bool is_left);
@@ -56,11 +63,14 @@ public:
     [[noreturn]] void fail() const;
 
 private:
+    static int is_worth_waiting(void *database, int attempts);
+
     struct Close {
         void operator()(sqlite3 *database) const { sqlite3_close_v2(database); }
     };
     std::unique_ptr<sqlite3, Close> database_;
     bool has_log_ = false;
+    int64_t waits_since_ms_ = 0;
 };
 
 class Statement {

@@ -10,6 +10,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include <server/loop/unique_fd.h>
 #include <server/registry/sqlite.h>
 #include <support/fileutl.h>
 #include <support/imsg.h>
@@ -66,6 +67,15 @@ int64_t stored_number(Sqlite &database, const char *question) {
     return number;
 }
 
+using FileIdentity = std::pair<dev_t, ino_t>;
+
+std::optional<FileIdentity> identity_of_file(const std::string &file_name) {
+    struct stat status = {};
+    if (stat(file_name.c_str(), &status) != 0)
+        return std::nullopt;
+    return FileIdentity(status.st_dev, status.st_ino);
+}
+
 class SqliteVersion : public StoreVersion {
 public:
     explicit SqliteVersion(const volatile uint64_t *marks) : marks_(marks) {}
@@ -88,7 +98,8 @@ private:
 
 class SqliteStore : public Store {
 public:
-    explicit SqliteStore(const std::string &file_name) : database_(file_name) {
+    explicit SqliteStore(const std::string &file_name)
+        : file_name_(file_name), database_(file_name), file_(identity_of_file(file_name)) {
         refuse_others();
         database_.write_ahead();
         database_.run("PRAGMA synchronous = FULL");
@@ -128,6 +139,8 @@ public:
         return count;
     }
 
+    bool is_in_place() override { return file_ && identity_of_file(file_name_) == file_; }
+
     void scan(const Selection &selection, uint64_t after_id, const Visit &visit) override {
         Statement &query = selection.key.empty()
                                ? statements_->scan_all.with(selection.db, after_id)
@@ -143,6 +156,7 @@ public:
     }
 
     void together(const std::function<void()> &body) override {
+        require_file();
         Transaction transaction(database_);
         body();
         transaction.commit();
@@ -150,6 +164,7 @@ public:
 
     AddResult add(rgy_db_t db, const rgy_dtm_pair_t &expected, const std::string &identity,
                   const std::string &flex_text, const Items &items) override {
+        require_file();
         Transaction transaction(database_);
         if (!is_same(stamps(db).pair, expected))
             return AddResult::stale;
@@ -162,6 +177,7 @@ public:
     }
 
     bool remove(rgy_db_t db, uint64_t id, Record &removed) override {
+        require_file();
         Transaction transaction(database_);
         auto &query = statements_->find.with(db, id);
         const bool is_found = query.step();
@@ -177,6 +193,7 @@ public:
     }
 
     void replace(rgy_db_t db, const std::optional<rgy_dtm_pair_t> &stamps, Contents contents) override {
+        require_file();
         Transaction transaction(database_);
         for (const uint64_t id : take_kept(db, contents))
             erase(id);
@@ -225,6 +242,7 @@ public:
     }
 
     void set_setting(const std::string &name, const std::string &value) override {
+        require_file();
         statements_->put_setting.with(name, value).run();
     }
 
@@ -250,6 +268,14 @@ private:
         Statement stamp, put_stamp, count, scan_all, scan_item, bearer, insert, insert_item, find, remove, remove_items,
             get_setting, put_setting;
     };
+
+    // What is acknowledged has to be there after a restart, too.
+    void require_file() {
+        if (!is_in_place())
+            throw StoreError(
+                "the file was taken away under the daemon: put it back, or its copy in its place, and send "
+                "the daemon SIGHUP");
+    }
 
     tbs_uuid_t named_uuid(std::string_view name) {
         auto &query = statements_->get_setting.with(name);
@@ -343,7 +369,9 @@ private:
 
     void renew_stamps(rgy_db_t db) { statements_->put_stamp.with(db, new_uuid(), new_uuid()).run(); }
 
+    const std::string file_name_;
     Sqlite database_;
+    const std::optional<FileIdentity> file_;
     std::unique_ptr<Statements> statements_;
     std::unique_ptr<StoreVersion> version_;
     uint64_t seen_version_ = 0;
@@ -378,6 +406,11 @@ bool make_if_absent(const std::string &file_name) {
     }
     if (errno != ENOENT)
         throw_system_error();
+    if (access(trace_of_registry(file_name).c_str(), F_OK) == 0)
+        throw StoreError("the file is gone, and a registry was there: put its copy in its place, or remove \"" +
+                         trace_of_registry(file_name) + "\" to begin a new one");
+    for (const char *suffix : {"-wal", "-shm"}) // of one that was removed on purpose: its log would be replayed
+        remove_file(file_name + suffix);
     const std::string unfinished = file_name + ".new." + std::to_string(getpid());
     remove_file(unfinished);
     make_empty_registry(unfinished);
@@ -390,11 +423,33 @@ bool make_if_absent(const std::string &file_name) {
     return is_made;
 }
 
+// For people, too, who find it alone.
+void leave_trace(const std::string &file_name) {
+    const std::string trace = trace_of_registry(file_name);
+    if (access(trace.c_str(), F_OK) == 0)
+        return;
+    const std::string text = "There was a registry at \"" + file_name + "\". Remove this file to begin a new one.\n";
+    const UniqueFd fd(open(trace.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR));
+    if (!fd && errno == EEXIST)
+        return; // another process was quicker
+    if (!fd)
+        throw_system_error();
+    [[maybe_unused]] const ssize_t written = write(fd.get(), text.data(), text.size()); // that it is there says enough
+    put_directory_on_disk(file_name);
+}
+
 } // namespace
 
+std::string trace_of_registry(const std::string &file_name) {
+    return file_name + ".made";
+}
+
+// The trace comes behind the registry: whoever is killed in between leaves it to the next one.
 std::unique_ptr<Store> open_sqlite_store(const std::string &file_name, bool &is_new) {
     is_new = make_if_absent(file_name);
-    return std::make_unique<SqliteStore>(file_name);
+    auto store = std::make_unique<SqliteStore>(file_name);
+    leave_trace(file_name);
+    return store;
 }
 
 } // namespace velia::server

@@ -69,6 +69,9 @@ public:
     // Takes notice of what others made of the registry's name.
     virtual void refresh() = 0;
 
+    // False: the data that stand under the store's name are not these any more, so nothing is changed here.
+    virtual bool is_in_place() = 0;
+
     virtual Stamps stamps(rgy_db_t db) = 0;
     virtual uint64_t count(rgy_db_t db) = 0;
 
@@ -108,8 +111,12 @@ public:
     virtual void set_setting(const std::string &name, const std::string &value) = 0;
 };
 
-// Opens the registry in this file, and makes it if it is not there; `is_new` tells which. A file that is empty, that
-// something else has made, or a newer version of this program, is refused and left as it is.
+// That there was a registry of this name once.
+std::string trace_of_registry(const std::string &file_name);
+
+// Opens the registry in this file, and makes it if none ever was there; `is_new` tells which. A file that is empty,
+// that something else has made, or a newer version of this program, is refused and left as it is; and none is made in
+// the place of one that is gone.
 std::unique_ptr<Store> open_sqlite_store(const std::string &file_name, bool &is_new);
 
 } // namespace velia::server

@@ -12,6 +12,15 @@ class NoStore : public StoreError {
     using StoreError::StoreError;
 };
 
+// Without words, where there is no memory for them.
+StoreFailure failed_with(const char *words) {
+    try {
+        return {TBS_ST_ERROR, words};
+    } catch (const std::bad_alloc &) {
+        return {TBS_ST_ERROR, ""};
+    }
+}
+
 template <class Body>
 StoreFailure failure_of(Body &&body) {
     try {
@@ -22,7 +31,7 @@ StoreFailure failure_of(Body &&body) {
     } catch (const StoreBusy &) {
         return {TBS_ST_TRY_AGAIN, ""};
     } catch (const std::exception &error) {
-        return {TBS_ST_ERROR, error.what()};
+        return failed_with(error.what());
     }
 }
 

@@ -4,11 +4,13 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <thread>
 
 #include <common/local_road.h>
 #include <server/messages.h>
@@ -68,11 +70,26 @@ bool make_directory(const std::string &name) {
     return false;
 }
 
+// A daemon that was killed while it was making a server's process leaves its lock to that for a moment.
+bool is_locked_soon(int fd) {
+    constexpr int attempts = 100;
+    constexpr std::chrono::milliseconds wait(10);
+    for (int i = 0; i < attempts; ++i) {
+        if (flock(fd, LOCK_EX | LOCK_NB) == 0)
+            return true;
+        if (errno != EWOULDBLOCK)
+            return false;
+        std::this_thread::sleep_for(wait);
+    }
+    errno = EWOULDBLOCK;
+    return false;
+}
+
 // The file stays: a lock on a file that is removed would be one on nothing.
 UniqueFd take_lock(const std::string &directory) {
     const std::string name = directory + "/" + lock_name;
     UniqueFd fd(open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, lock_mode));
-    if (fd && flock(fd.get(), LOCK_EX | LOCK_NB) == 0)
+    if (fd && is_locked_soon(fd.get()))
         return fd;
     if (fd && errno == EWOULDBLOCK)
         print(IMSG_ERROR, MSG_ALREADY_RUNNING);

@@ -15,10 +15,10 @@ namespace velia::server {
 
 namespace {
 
-constexpr int accepts_a_turn = 64;
 constexpr uint64_t sweep_interval_ms = 250;
 constexpr int64_t tell_interval_ms = 10000;
-constexpr int64_t turns_ms = 1; // for requests that have come with others; then sockets are looked at again
+constexpr uint64_t turns_ns = 1'000'000; // for newcomers, and for requests that have come with others; then all
+                                         // sockets are looked at again
 
 } // namespace
 
@@ -40,7 +40,8 @@ TcpEndpoint::~TcpEndpoint() {
 }
 
 void TcpEndpoint::accept_some() {
-    for (int i = 0; i < accepts_a_turn && accept_one(); ++i) {
+    const uint64_t end_ns = uv_hrtime() + turns_ns;
+    while (accept_one() && uv_hrtime() < end_ns) {
     }
 }
 
@@ -131,8 +132,8 @@ bool TcpEndpoint::make_room(const Sender::Host &newcomer) {
 
 // Each of those that wait has one request worked on, as long as there is time; the others come first in the next round.
 void TcpEndpoint::take_turns() {
-    const int64_t end_ms = monotonic_ms() + turns_ms;
-    for (size_t count = turns_.size(); count > 0 && monotonic_ms() <= end_ms; --count) {
+    const uint64_t end_ns = uv_hrtime() + turns_ns; // the usual clock is behind by as much as there is
+    for (size_t count = turns_.size(); count > 0 && uv_hrtime() < end_ns; --count) {
         const auto connection = connections_.find(turns_.front());
         turns_.pop_front();
         if (connection != connections_.end())

@@ -4,8 +4,12 @@
 
 #include <csignal>
 #include <fcntl.h>
+#include <fstream>
 #include <sys/resource.h>
+#include <thread>
 #include <unistd.h>
+
+#include <sqlite3.h>
 
 #include <tests/system/support/attacks.h>
 #include <tests/system/support/client.h>
@@ -54,6 +58,30 @@ struct Fairness : testing::Test {
     }
 };
 
+// Another process in the midst of a change.
+class HeldDatabase {
+public:
+    explicit HeldDatabase(const Site &site) {
+        EXPECT_EQ(
+            sqlite3_open_v2(site.path("host/priv/registry.db").c_str(), &database_, SQLITE_OPEN_READWRITE, nullptr),
+            SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(database_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+    }
+    ~HeldDatabase() { sqlite3_close(database_); }
+    HeldDatabase(const HeldDatabase &) = delete;
+    HeldDatabase &operator=(const HeldDatabase &) = delete;
+
+private:
+    sqlite3 *database_ = nullptr;
+};
+
+[[maybe_unused]] rlim_t address_space_of(pid_t pid) {
+    std::ifstream file("/proc/" + std::to_string(pid) + "/statm");
+    rlim_t pages = 0;
+    file >> pages;
+    return pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE));
+}
+
 struct FairnessDuring : Fairness, testing::WithParamInterface<std::string> {};
 
 INSTANTIATE_TEST_SUITE_P(Attack, FairnessDuring, testing::ValuesIn(Attack::names()),
@@ -92,6 +120,56 @@ TEST_F(Fairness, WhatWasAcknowledgedWhileTheDatabaseWasHeldIsThere) {
     const auto names = names_of(RGY_DB_VIEW_TAG);
     ASSERT_TRUE(names);
     EXPECT_EQ(*names, acknowledged);
+}
+
+// A client's call takes longer than somebody may have the database for a while, and so does the daemon's patience.
+TEST_F(Fairness, AChangeOutlastsALockOfSomeSeconds) {
+    std::thread writer;
+    tbs_status_t status = TBS_ST_ERROR;
+    {
+        const HeldDatabase held(site);
+        writer = std::thread([&] { status = add(RGY_DB_VIEW_TAG, name_entry("patient")); });
+        sleep(6); // longer than it was once waited for
+    }
+    writer.join();
+    EXPECT_EQ(status, TBS_ST_OK);
+    EXPECT_EQ(names_of(RGY_DB_VIEW_TAG), std::vector<std::string>{"patient"});
+}
+
+TEST_F(Fairness, ADaemonThatIsToEndDoesNotWaitForALock) {
+    const HeldDatabase held(site);
+    std::thread writer([] { add(RGY_DB_VIEW_TAG, name_entry("late")); });
+    for (int i = 0; i < 100; ++i) // by when the writer's call has come, too
+        ASSERT_EQ(look_up(), TBS_ST_OK);
+    daemon->signal(SIGTERM);
+    EXPECT_EQ(daemon->wait(10), 0) << "it waits longer for a lock";
+    writer.join();
+}
+
+// A server that writes without end waits for whoever reads the log; nobody else does.
+TEST_F(Fairness, AServerWhoseOutputNobodyReadsHoldsNobodyUp) {
+    daemon->signal(SIGTERM);
+    daemon->wait();
+    const std::string log = site.path("unread");
+    ASSERT_EQ(mkfifo(log.c_str(), 0600), 0);
+    const int reader = open(log.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    site.configure(trusted_hosts + script_line(slow_program, "resident", "start=600",
+                                               "while echo 0123456789012345678901234567890123456789; do "
+                                               "echo >>" +
+                                                   site.path("said") + "; done"));
+    daemon = std::make_unique<Daemon>(site, std::vector<std::string>{"--log-file", log});
+    ASSERT_TRUE(daemon->is_ready());
+    constexpr size_t more_than_any_pipe_holds = 5000;
+    ASSERT_TRUE(eventually([&] {
+        std::error_code none;
+        return std::filesystem::file_size(site.path("said"), none) > more_than_any_pipe_holds && !none;
+    }));
+    for (int i = 0; i < 100; ++i)
+        ASSERT_EQ(add(RGY_DB_VIEW_TAG, name_entry("said" + std::to_string(i))), TBS_ST_OK) << i;
+    daemon->signal(SIGTERM);
+    daemon->signal(SIGTERM); // it does not end by itself
+    EXPECT_EQ(daemon->wait(), 0);
+    close(reader);
 }
 
 // Nobody reads what the daemon says.
@@ -138,3 +216,28 @@ TEST_F(Fairness, AFileThatMayNotGrowEndsARequestAndNotTheDaemon) {
     ASSERT_EQ(prlimit(daemon->pid(), RLIMIT_FSIZE, &unlimited, nullptr), 0);
     EXPECT_EQ(add(RGY_DB_VIEW_TAG, name_entry("after")), TBS_ST_OK);
 }
+
+// The runtimes of sanitizers need more than there is, and end the process themselves.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+TEST_F(Fairness, AnEndOfMemoryEndsRequestsAndNotTheDaemon) {
+    expect_service(true); // what is made once is there
+    const rlimit little = {address_space_of(daemon->pid()), RLIM_INFINITY};
+    ASSERT_EQ(prlimit(daemon->pid(), RLIMIT_AS, &little, nullptr), 0);
+    {
+        std::vector<std::unique_ptr<Attack>> attacks;
+        for (const char *name : {"patterns", "region", "hoarders", "foreign", "unknown"})
+            attacks.push_back(std::make_unique<Attack>(name, target()));
+        EXPECT_TRUE(eventually(
+            [&] {
+                add(RGY_DB_VIEW_TAG, name_entry("some"));
+                return daemon->output().find("no memory") != std::string::npos || daemon->wait(0) != -1;
+            },
+            30))
+            << daemon->output();
+    }
+    const rlimit usual = {RLIM_INFINITY, RLIM_INFINITY};
+    ASSERT_EQ(prlimit(daemon->pid(), RLIMIT_AS, &usual, nullptr), 0) << "the daemon has ended: " << daemon->output();
+    EXPECT_TRUE(eventually([&] { return look_up() == TBS_ST_OK; })) << daemon->output();
+    EXPECT_EQ(add(RGY_DB_VIEW_TAG, name_entry("after")), TBS_ST_OK) << daemon->output();
+}
+#endif

@@ -460,3 +460,45 @@ TEST_F(Registry, ReadersAreEnteredInTheClientListAndItSurvivesARestart) {
     start();
     EXPECT_EQ(entry_of_this_host(), TBS_ST_OK);
 }
+
+// Nothing is served empty that was not, and whoever wants to begin anew says so.
+TEST_F(Registry, OneThatIsGoneIsNeitherServedEmptyNorBegunAnewByItself) {
+    ASSERT_EQ(add(RGY_DB_REGIONS, name_entry("kept")), TBS_ST_OK);
+    daemon->signal(SIGTERM);
+    ASSERT_EQ(daemon->wait(), 0);
+    std::filesystem::rename(site.path("host/priv/registry.db"), site.path("away"));
+    start();
+    EXPECT_TRUE(daemon->says("the file is gone, and a registry was there")) << daemon->output();
+    EXPECT_EQ(names_of(RGY_DB_REGIONS), std::nullopt);
+    std::filesystem::rename(site.path("away"), site.path("host/priv/registry.db"));
+    daemon->signal(SIGHUP);
+    EXPECT_TRUE(eventually([] { return names_of(RGY_DB_REGIONS) == std::vector<std::string>{"kept"}; }));
+    daemon->signal(SIGTERM);
+    ASSERT_EQ(daemon->wait(), 0);
+    std::filesystem::remove(site.path("host/priv/registry.db"));
+    std::filesystem::remove(site.path("host/priv/registry.db.made"));
+    start();
+    EXPECT_EQ(names_of(RGY_DB_REGIONS), std::vector<std::string>{});
+}
+
+// What is acknowledged is there after a restart, too.
+TEST_F(Registry, AnUpdateIsRefusedWhenTheFileWasTakenAwayUnderTheDaemon) {
+    ASSERT_EQ(add(RGY_DB_REGIONS, name_entry("kept")), TBS_ST_OK);
+    std::filesystem::create_directory(site.path("away"));
+    const auto move_all = [&](const char *from, const char *to) {
+        for (const char *name : {"registry.db", "registry.db-wal", "registry.db-shm"})
+            if (std::filesystem::exists(site.path(from) + "/" + name))
+                std::filesystem::rename(site.path(from) + "/" + name, site.path(to) + "/" + name);
+    };
+    move_all("host/priv", "away");
+    EXPECT_EQ(add(RGY_DB_REGIONS, name_entry("lost")), TBS_ST_ERROR);
+    EXPECT_TRUE(daemon->says("the file was taken away under the daemon")) << daemon->output();
+    daemon->signal(SIGHUP);
+    EXPECT_TRUE(daemon->says("the file is gone, and a registry was there")) << daemon->output();
+    EXPECT_TRUE(eventually([] { return names_of(RGY_DB_REGIONS) == std::nullopt; }));
+    move_all("away", "host/priv");
+    daemon->signal(SIGHUP);
+    EXPECT_TRUE(eventually([] { return names_of(RGY_DB_REGIONS) == std::vector<std::string>{"kept"}; }))
+        << daemon->output();
+    EXPECT_EQ(add(RGY_DB_REGIONS, name_entry("more")), TBS_ST_OK);
+}

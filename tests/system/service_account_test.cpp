@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <tests/system/support/client.h>
 #include <tests/system/support/daemon.h>
 
 using namespace velia::system_test;
@@ -116,4 +117,24 @@ TEST_F(ServiceAccount, CanAddToTheLogAndNeitherReadNorCutIt) {
 TEST_F(ServiceAccount, MakesFilesByTheUsualMask) {
     const auto told = told_by_service("-", "-", "echo mask $(umask)\n");
     EXPECT_THAT(told, HasSubstr("mask 0022\n"));
+}
+
+// Users may be asked of another host, which may take its time.
+TEST_F(ServiceAccount, IsLookedUpByNobodyWhomClientsWaitFor) {
+    Child::Options options;
+    options.environment = {std::string("LD_PRELOAD=") + SLOW_USERS_PRELOAD, "USERS_HELD_BY=" + site.path("held"),
+                           "ASAN_OPTIONS=verify_asan_link_order=0"};
+    const std::string first = sample_line(390600, "shared", "-");
+    site.configure(first);
+    daemon = std::make_unique<Daemon>(site, std::vector<std::string>{}, options);
+    ASSERT_TRUE(daemon->is_ready()) << daemon->output();
+    site.write("held", "");
+    EXPECT_EQ(echo("alpha", 390600, RVZD_PROTOCOL_UDP, "x"), "x") << "a service of before is started";
+    site.configure(first + "udp shared 390601 1 - root - " SAMPLE_SERVER " --prog 390601\n");
+    daemon->signal(SIGHUP);
+    for (int i = 0; i < 20; ++i)
+        ASSERT_EQ(Handle("alpha", RVZD_PROTOCOL_UDP).status(), TBS_ST_OK) << i;
+    EXPECT_NE(echo("alpha", 390601, RVZD_PROTOCOL_UDP, "x"), "x") << "it is not known yet as whom";
+    std::filesystem::remove(site.path("held"));
+    EXPECT_TRUE(eventually([] { return echo("alpha", 390601, RVZD_PROTOCOL_UDP, "x") == "x"; })) << daemon->output();
 }

@@ -1,4 +1,5 @@
 // A master and a standby on one machine: copying, promotion, demotion, and what may go wrong with them.
+#include <chrono>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -199,6 +200,21 @@ TEST_F(Standby, IsPromotedOnceAndStepsDownAgain) {
     EXPECT_EQ(add(RGY_DB_REGIONS, name_entry("late"), "beta"), TBS_ST_NO_SERVER);
 }
 
+// The promotion has written the role's file, which is looked at some time later.
+TEST_F(Standby, ThatStepsDownRightAfterItsPromotionIsNotMadeTheMasterAgainByWhatWasWrittenBefore) {
+    prepare_standby();
+    start_standby();
+    ASSERT_TRUE(standby_comes_to_have({}));
+    ASSERT_EQ(change_standby(PROMOTE), TBS_ST_OK);
+    ASSERT_EQ(change_standby(STEP_DOWN), TBS_ST_OK);
+    ASSERT_EQ(site.read("beta/host/config/rgy_svr.conf"), "master");
+    constexpr auto long_enough = std::chrono::milliseconds(400); // for it to be looked at
+    for (const auto begin = std::chrono::steady_clock::now(); std::chrono::steady_clock::now() < begin + long_enough;)
+        ASSERT_EQ(names_of(RGY_DB_REGIONS, 100, "beta"), std::nullopt);
+    site.write("beta/host/config/rgy_svr.conf", "master");
+    EXPECT_TRUE(standby_comes_to_have({})) << "whoever writes it again means it";
+}
+
 TEST_F(Standby, RoleIsTakenWhenItsFileChanges) {
     prepare_standby("not a server");
     start_standby();
@@ -258,7 +274,7 @@ TEST_F(Standby, ACopyOfAnotherRegistryThatFailsHalfWayIsNotServed) {
     ASSERT_TRUE(standby_comes_to_have({"one"})) << standby->output();
     kill_master();
     const std::string file_name = site.path("host/priv/registry.db");
-    for (const char *end : {"", "-wal", "-shm"})
+    for (const char *end : {"", "-wal", "-shm", ".made"})
         std::filesystem::remove(file_name + end);
     standby->signal(SIGSTOP); // until the new registry is as it should be
     start_master();

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <csignal>
@@ -10,8 +11,10 @@
 #include <grp.h>
 #include <poll.h>
 #include <sstream>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 #include <server/rights/rights.h>
@@ -139,6 +142,69 @@ rvzd_register_server_req_t registration(uint32_t of_program, uint32_t port, int3
     return request;
 }
 
+rgy_dtm_pair_t stamps_of_regions() {
+    const auto handle = own_handle("alpha");
+    rgy_dtm_pair_t stamps = {};
+    EXPECT_EQ(rvzd_rgy_get_id(handle.get(), RGY_DB_REGIONS, RGY_PROTOCOL_VERSION, &stamps), TBS_ST_OK);
+    return stamps;
+}
+
+std::string backup_hosts() {
+    const auto handle = own_handle("alpha");
+    std::array<char, RGY_WIRE_HOST_LIST_MAX + 1> text = {};
+    char *hosts = text.data();
+    EXPECT_EQ(rvzd_rgy_get_backup(handle.get(), RGY_PROTOCOL_VERSION, &hosts), TBS_ST_OK);
+    return hosts;
+}
+
+// Of a process that is not its own nobody may report.
+bool is_without_right(const Asker &asker, const server::RightsRow &row) {
+    return row.right == Right::report || !asker.may(row.right);
+}
+
+int rows_without_right(const Asker &asker) {
+    return static_cast<int>(std::count_if(server::rights_rows.begin(), server::rights_rows.end(),
+                                          [&](const auto &row) { return is_without_right(asker, row); }));
+}
+
+// Calls that would change something if they were obeyed.
+struct Mischief {
+    pid_t server_pid;
+    rgy_dtm_pair_t stamps;
+
+    template <class Request>
+    Request request(const server::RightsRow &row) const {
+        static char evil[] = "evil";
+        static char entry[] = "-name=evil;";
+        auto made = request_for<Request>(row, server_pid);
+        if constexpr (requires { made.dtm; })
+            made.dtm = stamps;
+        if constexpr (requires { made.flex_text; })
+            made.flex_text = entry;
+        if constexpr (requires { made.text; })
+            made.text = evil;
+        if constexpr (requires { made.host_list; })
+            made.host_list = evil;
+        if constexpr (std::is_same_v<Request, rvzd_register_server_req_t>)
+            made = registration(program + 1, 4000, server_pid);
+        return made;
+    }
+
+    // How many were sent, each over a socket that is closed at once.
+    int send_every_row(const Site &site, const Asker &asker) const {
+        int count = 0;
+        for (const auto &row : server::rights_rows)
+            for_each_procedure([&](const auto &procedure) {
+                if (procedure.number != row.procedure || !is_without_right(asker, row))
+                    return;
+                using Request = decltype(procedure.empty_request());
+                const Speaker speaker(site, asker.road, asker.claims);
+                count += speaker.send(speaker.call(procedure, request<Request>(row))) ? 1 : 0;
+            });
+        return count;
+    }
+};
+
 } // namespace
 
 TEST_F(TrustTest, EveryRowOfTheTableIsKeptForEverybody) {
@@ -154,24 +220,34 @@ TEST_F(TrustTest, EveryRowOfTheTableIsKeptForEverybody) {
     }
 }
 
-// Where the owner of a closed socket was looked up, it was root.
+// Where the owner of a closed socket was looked up, it was root. Every row is asked for by who has no right to it; who
+// could have it done would leave a trace of each.
 TEST_F(TrustTest, ACallerWhoClosesItsSocketAtOnceIsNobody) {
+    site.configure("udp resident 390600 1 - - - " SAMPLE_SERVER " --prog 390600\n");
     serve(0);
-    char evil[] = "evil";
+    ASSERT_TRUE(eventually([] { return echo("alpha", program, RVZD_PROTOCOL_UDP, "x") == "x"; })) << daemon->output();
+    const Mischief mischief = {daemon->started().at(0), stamps_of_regions()};
     for (const SpeaksOver road : {SpeaksOver::HOST, SpeaksOver::UDP, SpeaksOver::TCP})
-        for (const Claims claims : {Claims::NOTHING, Claims::NOBODY, Claims::ROOT})
-            told_as(other_user, [&] {
-                for (int i = 0; i < 20; ++i) {
-                    const Speaker speaker(site, road, claims);
-                    speaker.send(speaker.call(procedures::rgy_clnt_conf_change, host_change(evil)));
-                    speaker.send(speaker.call(procedures::rgy_svr_conf_change,
-                                              {{}, RGY_PROTOCOL_VERSION, RGY_CONF_DEMOTE, evil}));
-                }
-                return "";
+        for (const Claims claims : {Claims::NOTHING, Claims::NOBODY, Claims::ROOT}) {
+            const Asker asker = {other_user, road, "127.0.0.1", claims};
+            const auto sent = told_as(other_user, [&] {
+                int count = 0;
+                for (int i = 0; i < 5; ++i)
+                    count += mischief.send_every_row(site, asker);
+                return std::to_string(count);
             });
+            EXPECT_EQ(sent, std::to_string(5 * rows_without_right(asker))) << asker.text();
+        }
     const Speaker after(site, SpeaksOver::HOST, Claims::NOTHING);
     EXPECT_EQ(after.ask(procedures::rgy_get_id, {}), TBS_ST_OK) << "the registry was given up";
     EXPECT_EQ(site.read("host/config/rgy_hosts.conf"), "alpha\n\n");
+    EXPECT_EQ(site.read("host/config/rgy_svr.conf"), "master");
+    EXPECT_EQ(names_of(RGY_DB_REGIONS), std::vector<std::string>{});
+    EXPECT_EQ(backup_hosts(), "");
+    EXPECT_EQ(echo("alpha", program, RVZD_PROTOCOL_UDP, "x"), "x");
+    EXPECT_EQ(daemon->started().size(), 1U)
+        << "its server was ended, or another one is preferred: " << daemon->output();
+    EXPECT_EQ(find(Handle(), program + 1).status, TBS_ST_NOT_FOUND) << "a registration was taken";
 }
 
 // The daemon's own socket stood in the table under the port from which the call came.
@@ -371,12 +447,41 @@ TEST_F(TrustTest, DescriptorsThatAreSentAlongAreNotTaken) {
     EXPECT_LE(descriptors(), before + 1);
 }
 
+// What it leads to may be anybody's who is asked: a link of the administrator's is meant.
+TEST_F(TrustTest, AConfigurationIsReadThroughALinkOfTheAdministratorsAndOfNobodyElse) {
+    const std::string elsewhere = site.write("elsewhere.conf", "");
+    std::filesystem::remove(site.path("rvzd_server.conf"));
+    std::filesystem::create_symlink(elsewhere, site.path("rvzd_server.conf"));
+    serve(0);
+    ASSERT_EQ(lchown(site.path("rvzd_server.conf").c_str(), other_user, other_user), 0);
+    daemon->signal(SIGHUP);
+    EXPECT_TRUE(daemon->says("It is a symbolic link of a user who is neither root nor the daemon's"))
+        << daemon->output();
+    daemon.reset();
+    EXPECT_FALSE(Daemon(site).is_ready());
+}
+
 TEST_F(TrustTest, ARootDirectoryHasOneDaemon) {
     serve(0);
     const Daemon second(site, {"--port", std::to_string(site.port() + 1)});
     EXPECT_FALSE(second.is_ready());
     EXPECT_THAT(second.output(), HasSubstr("already running"));
     EXPECT_EQ(Handle("alpha", RVZD_PROTOCOL_UDP).status(), TBS_ST_OK) << "the first has kept its sockets";
+}
+
+// What a killed daemon was just making of itself has the lock until it is something else.
+TEST_F(TrustTest, ALockThatIsHeldForAMomentIsWaitedFor) {
+    serve(0);
+    daemon->signal(SIGKILL);
+    daemon->wait();
+    const int lock = open(site.path("host/run/rvzd_server.lock").c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_EQ(flock(lock, LOCK_EX | LOCK_NB), 0);
+    std::thread child([lock] {
+        usleep(200'000);
+        close(lock);
+    });
+    EXPECT_TRUE(Daemon(site).is_ready());
+    child.join();
 }
 
 // Whoever could put a socket there would be taken for the daemon.

@@ -119,3 +119,42 @@ TEST_F(LogTest, AFileThatMayNotGrowLosesMessagesAndSaysSoWhenItMay) {
     EXPECT_TRUE(comes_to_say("1 messages could not be written"));
     EXPECT_THAT(written(), HasSubstr("and this is written"));
 }
+
+// Servers that write much wait for themselves, and half of the room is left for messages.
+TEST_F(LogTest, WhatServersWriteHasHalfTheRoomAndMessagesTheRest) {
+    unlink(path.c_str());
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    const int reader = open(path.c_str(), O_RDONLY | O_NONBLOCK);
+    const int writer = open(path.c_str(), O_WRONLY | O_NONBLOCK);
+    ASSERT_EQ(imsg_init_daemon(path.c_str()), 0);
+    const int usual = dup(STDERR_FILENO);
+    dup2(writer, STDERR_FILENO);
+    {
+        const Log log;
+        const std::string piece(10000, 'x');
+        size_t taken = 0;
+        while (Log::add_output(piece.data(), piece.size()))
+            taken += piece.size();
+        EXPECT_GT(taken, size_t{Log::BYTES_MAX} / 2 - piece.size());
+        EXPECT_LT(taken, size_t{Log::BYTES_MAX} / 2 + 3 * 65536) << "and what the pipe holds";
+        say("a message");
+        EXPECT_EQ(log.lost(), 0U);
+        std::string read_text;
+        std::array<char, 65536> bytes;
+        while (read_text.find("a message") == std::string::npos) {
+            const ssize_t count = read(reader, bytes.data(), bytes.size());
+            if (count > 0)
+                read_text.append(bytes.data(), static_cast<size_t>(count));
+            sched_yield();
+        }
+        EXPECT_THAT(read_text, HasSubstr(piece));
+        EXPECT_TRUE(Log::add_output(piece.data(), piece.size()));
+    }
+    dup2(usual, STDERR_FILENO);
+}
+
+TEST_F(LogTest, WithoutALogWhatServersWriteIsWrittenAtOnce) {
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(Log::add_output("said", 4));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "said");
+}

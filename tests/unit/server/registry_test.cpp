@@ -379,7 +379,52 @@ TEST_F(RegistryTest, ARegistryThatWasNotFinishedHasNoName) {
     std::vector<std::string> names;
     for (const auto &entry : std::filesystem::directory_iterator(std::filesystem::path(file_name()).parent_path()))
         names.push_back(entry.path().filename());
-    EXPECT_THAT(names, testing::UnorderedElementsAre("registry.db", "registry.db-wal", "registry.db-shm"));
+    EXPECT_THAT(names,
+                testing::UnorderedElementsAre("registry.db", "registry.db-wal", "registry.db-shm", "registry.db.made"));
+}
+
+// Nothing is served empty that was not.
+TEST_F(RegistryTest, OneThatIsGoneIsNotBegunAnewUntilItsTraceIsRemoved) {
+    const std::string other = file_name() + ".other";
+    bool is_new_file = false;
+    open_sqlite_store(other, is_new_file).reset();
+    EXPECT_TRUE(is_new_file);
+    std::filesystem::remove(other);
+    try {
+        open_sqlite_store(other, is_new_file);
+        ADD_FAILURE() << "a new one was made";
+    } catch (const StoreError &error) {
+        EXPECT_THAT(error.what(), testing::HasSubstr("remove \"" + trace_of_registry(other) + "\""));
+    }
+    EXPECT_FALSE(std::filesystem::exists(other));
+    std::filesystem::remove(trace_of_registry(other));
+    open_sqlite_store(other, is_new_file).reset();
+    EXPECT_TRUE(is_new_file);
+}
+
+TEST_F(RegistryTest, OneOfBeforeThereWereTracesLeavesOneWhenItIsOpened) {
+    std::filesystem::remove(trace_of_registry(file_name()));
+    reopen();
+    EXPECT_TRUE(std::filesystem::exists(trace_of_registry(file_name())));
+    EXPECT_FALSE(is_new);
+}
+
+// It would be acknowledged, and be gone with the file.
+TEST_F(RegistryTest, NothingIsChangedWhenTheFileWasTakenAway) {
+    ASSERT_EQ(add(RGY_DB_REGIONS, "-name=r1;"), TBS_ST_OK);
+    const Stamps stamps = registry->stamps(RGY_DB_REGIONS);
+    std::filesystem::rename(file_name(), file_name() + ".away");
+    EXPECT_FALSE(store->is_in_place());
+    EXPECT_THROW(registry->add(RGY_DB_REGIONS, stamps.pair, "-name=r2;", user), StoreError);
+    EXPECT_THROW(registry->remove(RGY_DB_REGIONS, 1, user), StoreError);
+    EXPECT_THROW(registry->set_backup_hosts("b"), StoreError);
+    EXPECT_THROW(store->together([] {}), StoreError);
+    EXPECT_THROW(store->replace(RGY_DB_REGIONS, std::nullopt, {}), StoreError);
+    EXPECT_THAT(texts_of(all_of(RGY_DB_REGIONS)), ElementsAre("-name=r1;"));
+    std::ofstream(file_name()) << "another";
+    EXPECT_THROW(registry->add(RGY_DB_REGIONS, stamps.pair, "-name=r2;", user), StoreError);
+    std::filesystem::rename(file_name() + ".away", file_name());
+    EXPECT_EQ(registry->add(RGY_DB_REGIONS, stamps.pair, "-name=r2;", user), TBS_ST_OK);
 }
 
 TEST_F(RegistryTest, UpdatesTogetherAreOneOrNone) {

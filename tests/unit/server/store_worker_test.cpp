@@ -113,10 +113,36 @@ TEST_F(StoreWorkers, WhatSomebodyElseHasIsWaitedForOnceForAllThatWaitTogether) {
         ask_to_add(name);
     Sqlite another(file_name());
     const Transaction lock(another);
+    constexpr std::chrono::seconds wait(3);
+    wait_for_others(std::chrono::milliseconds(wait).count());
     const auto begin = std::chrono::steady_clock::now();
     let_go();
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(14)) << "three waits are fifteen";
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 3 * wait) << "one after the other";
     EXPECT_THAT(statuses, ElementsAre(TBS_ST_TRY_AGAIN, TBS_ST_TRY_AGAIN, TBS_ST_TRY_AGAIN));
+}
+
+// A daemon that is to end ends.
+TEST_F(StoreWorkers, NobodyWaitsForWhatSomebodyElseHasOnceItIsOver) {
+    start(true);
+    hold();
+    ask_to_add("a");
+    Sqlite another(file_name());
+    const Transaction lock(another);
+    gate.set_value();
+    wait_for_others(0);
+    worker->wait();
+    EXPECT_THAT(statuses, ElementsAre(TBS_ST_TRY_AGAIN));
+}
+
+TEST_F(StoreWorkers, WhatThereIsNoMemoryForIsTheOnlyOneThatFails) {
+    start(true);
+    hold();
+    ask_to_add("a");
+    ask([](Store &) { throw std::bad_alloc(); });
+    ask_to_add("c");
+    let_go();
+    EXPECT_THAT(statuses, ElementsAre(TBS_ST_OK, TBS_ST_ERROR, TBS_ST_OK));
+    EXPECT_THAT(texts_of(all_of(RGY_DB_REGIONS)), ElementsAre("-name=a;", "-name=c;"));
 }
 
 TEST_F(StoreWorkers, WithoutAStoreThereIsNoServer) {
