@@ -224,11 +224,11 @@ void RegistryService::end_change() {
     is_changing_ = false;
     if (is_another_change_due_)
         return take_role();
-    if (step_downs_.empty())
-        return;
-    const auto answer = std::move(step_downs_.front());
-    step_downs_.pop_front();
-    step_down(answer);
+    while (!is_changing_ && !waiting_.empty()) {
+        const auto change = std::move(waiting_.front());
+        waiting_.pop_front();
+        change();
+    }
 }
 
 void RegistryService::follow_role_file() {
@@ -249,7 +249,7 @@ void RegistryService::take_role_at_once() {
 
 void RegistryService::promote(const Answered &answer) {
     if (is_changing_)
-        return answer(TBS_ST_TRY_AGAIN);
+        return waiting_.push_back([this, answer] { promote(answer); });
     is_changing_ = true;
     const auto refuse = [this, answer](tbs_status_t status) {
         answer(status);
@@ -288,7 +288,7 @@ void RegistryService::become_master(const Answered &answer) {
 // While a role is being taken, the one that comes of it is the one to give up.
 void RegistryService::step_down(const Answered &answer) {
     if (is_changing_)
-        step_downs_.push_back(answer);
+        waiting_.push_back([this, answer] { step_down(answer); });
     else if (!is_master_)
         answer(TBS_ST_UNSUPPORTED);
     else

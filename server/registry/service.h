@@ -95,10 +95,10 @@ private:
     uint32_t copy_interval_s_ = 0;
     bool is_master_ = false;
     bool is_serving_ = false;
-    bool is_changing_ = false;           // a role is being taken
-    bool is_another_change_due_ = false; // since it began
-    std::deque<Answered> step_downs_;    // that wait for its end
-    std::string given_up_;               // the role's file as it was then
+    bool is_changing_ = false;                  // a role is being taken
+    bool is_another_change_due_ = false;        // since it began
+    std::deque<std::function<void()>> waiting_; // changes asked for since
+    std::string given_up_;                      // the role's file as it was then
     RegistryMemory memory_;
     StoreWorker look_ups_;
     StoreWorker searches_;

@@ -10,6 +10,8 @@
 #include <thread>
 
 #include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <tests/system/support/daemon.h>
 #include <tests/system/support/registry_calls.h>
@@ -198,6 +200,26 @@ TEST_F(Standby, IsPromotedOnceAndStepsDownAgain) {
     EXPECT_EQ(change_standby(PROMOTE), TBS_ST_UNSUPPORTED);
     ASSERT_EQ(change_standby(STEP_DOWN), TBS_ST_OK);
     EXPECT_EQ(add(RGY_DB_REGIONS, name_entry("late"), "beta"), TBS_ST_NO_SERVER);
+}
+
+// What is asked for while a role is being taken has its turn after that.
+TEST_F(Standby, AskedTwiceAtOnceIsPromotedOnce) {
+    prepare_standby();
+    start_standby();
+    ASSERT_TRUE(standby_comes_to_have({}));
+    enum Outcome : int { promoted, was_none_any_more, failed };
+    const auto promote = [] {
+        const tbs_status_t status = change_standby(PROMOTE);
+        return status == TBS_ST_OK ? promoted : status == TBS_ST_UNSUPPORTED ? was_none_any_more : failed;
+    };
+    const pid_t other = fork(); // a process makes its calls one after the other
+    if (other == 0)
+        _exit(promote());
+    const Outcome first = promote();
+    int status = 0;
+    ASSERT_EQ(waitpid(other, &status, 0), other);
+    EXPECT_THAT((std::vector<int>{first, WEXITSTATUS(status)}),
+                testing::UnorderedElementsAre(promoted, was_none_any_more));
 }
 
 // The promotion has written the role's file, which is looked at some time later.
