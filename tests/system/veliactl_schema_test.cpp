@@ -69,6 +69,18 @@ const CommandLine command_lines[] = {
     {"registry check", {"vault_tag", "--password-file", "/dev/null"}},
     {"registry demote", {}},
     {"registry promote", {}},
+    {"task list", {"alpha"}},
+    {"job create",
+     {"alpha", "nightly", "--task", "shell", "--weeks", "1", "--on", "Mon", "--first", "02:00", "--", "-c",
+      "exec sleep 600"}},
+    {"job list", {"alpha"}},
+    {"job show", {"alpha", "nightly"}},
+    {"job next", {"alpha", "nightly", "2"}},
+    {"job run", {"alpha", "nightly"}},
+    {"job stop", {"alpha", "nightly"}},
+    {"job delete", {"alpha", "nightly"}},
+    {"acl set", {"alpha", "everyone=read"}},
+    {"acl show", {"alpha"}},
 };
 // Without a password nobody is granted anything; it is told all the same.
 const std::map<std::string, int> other_statuses = {{"probe", 3}, {"registry check", 1}};
@@ -79,7 +91,7 @@ struct VeliactlSchema : VeliactlTest {
         site.write("host/config/rgy_hosts.conf", "alpha\n\n");
         site.write("host/config/rgy_region.conf", "east\n");
         site.write(settings_file, "level = host\nview_cache_size = 2m\n");
-        serve(sample_line(390600, "shared", "-", "--quiet-seconds 30"));
+        serve(sample_line(390600, "shared", "-", "--quiet-seconds 30") + "task 1 shell /bin/sh\n");
     }
     Words words_of(const CommandLine &line, const char *form) const {
         Words words = {"--output", form};
