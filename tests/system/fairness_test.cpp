@@ -139,7 +139,7 @@ TEST_F(Fairness, AChangeOutlastsALockOfSomeSeconds) {
 TEST_F(Fairness, ADaemonThatIsToEndDoesNotWaitForALock) {
     const HeldDatabase held(site);
     std::thread writer([] { add(RGY_DB_VIEW_TAG, name_entry("late")); });
-    for (int i = 0; i < 100; ++i) // by when the writer's call has come, too
+    for (int i = 0; i < 10; ++i) // by when the writer's call has come, too
         ASSERT_EQ(look_up(), TBS_ST_OK);
     daemon->signal(SIGTERM);
     EXPECT_EQ(daemon->wait(10), 0) << "it waits longer for a lock";
