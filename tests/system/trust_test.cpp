@@ -162,9 +162,14 @@ bool is_without_right(const Asker &asker, const server::RightsRow &row) {
     return row.right == Right::report || !asker.may(row.right);
 }
 
+// Of the broker's program.
 int rows_without_right(const Asker &asker) {
-    return static_cast<int>(std::count_if(server::rights_rows.begin(), server::rights_rows.end(),
-                                          [&](const auto &row) { return is_without_right(asker, row); }));
+    int count = 0;
+    for (const auto &row : server::rights_rows)
+        for_each_procedure([&](const auto &procedure) {
+            count += procedure.number == row.procedure && is_without_right(asker, row) ? 1 : 0;
+        });
+    return count;
 }
 
 // Calls that would change something if they were obeyed.

@@ -456,6 +456,7 @@ TEST(ClientTable, WhoseAddressIsNotProvenLeaveRoomForThoseWhoProveIt) {
     proven.is_proven = true;
     ASSERT_TRUE(list.enter(proven));
     ASSERT_TRUE(list.enter(client_at("10.0.0.0", "x")));
+    ASSERT_TRUE(list.enter(proven));
     EXPECT_TRUE(list.enter(client_at("10.100.0.1", "one for it")));
     EXPECT_FALSE(list.enter(client_at("10.100.0.2", "and no more")));
 }
