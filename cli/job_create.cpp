@@ -56,68 +56,82 @@ std::string fault_of_time(const std::string &text) {
     return seconds_of(text, seconds) ? "" : "'" + text + "' is no time of a day, as 08:30 or 24:00";
 }
 
-Options creation_options(Creation &creation) {
-    constexpr Range frequency = {1, INT32_MAX};
+constexpr Range frequencies = {1, INT32_MAX};
+
+// Exactly one of these.
+Options kind_options(Creation &creation) {
     constexpr const char *schedule = "schedule";
+    return {{.name = "--now", .help = "run it now, and once", .target = &creation.now, .one_of = schedule},
+            {.name = "--days",
+             .type = "N",
+             .help = "run it every N days",
+             .target = &creation.days,
+             .range = frequencies,
+             .one_of = schedule},
+            {.name = "--weeks",
+             .type = "N",
+             .help = "run it every N weeks, on the days of --on",
+             .target = &creation.weeks,
+             .range = frequencies,
+             .one_of = schedule},
+            {.name = "--months",
+             .type = "N",
+             .help = "run it every N months, on the day of --on",
+             .target = &creation.months,
+             .range = frequencies,
+             .one_of = schedule},
+            {.name = "--after",
+             .type = "JOB",
+             .help = "run it whenever another job has ended",
+             .target = &creation.after,
+             .one_of = schedule}};
+}
+
+Options time_options(Creation &creation) {
+    return {{.name = "--on",
+             .type = "DAYS",
+             .help = "Mon,Fri of weeks; 31 or \"Last Weekday\" of months",
+             .target = &creation.on},
+            {.name = "--first",
+             .type = "HH:MM",
+             .help = "first start of a day (default: midnight, and at once today)",
+             .target = &creation.first,
+             .fault = fault_of_time},
+            {.name = "--again",
+             .type = "HH:MM",
+             .help = "start it again in such steps",
+             .target = &creation.again,
+             .fault = fault_of_time},
+            {.name = "--until",
+             .type = "HH:MM",
+             .help = "the last of these",
+             .target = &creation.until,
+             .fault = fault_of_time,
+             .shows_default = true}};
+}
+
+Options run_options(Creation &creation) {
+    return {{.name = "--time-limit",
+             .type = "SECONDS",
+             .help = "end a run that takes longer",
+             .target = &creation.time_limit_s,
+             .range = frequencies},
+            {.name = "--description", .type = "TEXT", .help = "free text", .target = &creation.description},
+            {.name = "--delete-when-completed",
+             .help = "delete it with its last run",
+             .target = &creation.is_deleted_when_completed},
+            {.name = "--dry-run", .help = "only check it", .target = &creation.is_dry_run}};
+}
+
+Options creation_options(Creation &creation) {
     return joined(
         {job_host_options(creation.host),
          {{.name = "NAME", .help = "of the new job", .target = &creation.name, .is_required = true},
           {.name = "ARGUMENT", .help = "of its program, any number", .target = &creation.arguments},
-          {.name = "--task", .type = "NAME", .help = "what it runs", .target = &creation.task, .is_required = true},
-          {.name = "--now", .help = "run it now, and once", .target = &creation.now, .one_of = schedule},
-          {.name = "--days",
-           .type = "N",
-           .help = "run it every N days",
-           .target = &creation.days,
-           .range = frequency,
-           .one_of = schedule},
-          {.name = "--weeks",
-           .type = "N",
-           .help = "run it every N weeks, on the days of --on",
-           .target = &creation.weeks,
-           .range = frequency,
-           .one_of = schedule},
-          {.name = "--months",
-           .type = "N",
-           .help = "run it every N months, on the day of --on",
-           .target = &creation.months,
-           .range = frequency,
-           .one_of = schedule},
-          {.name = "--after",
-           .type = "JOB",
-           .help = "run it whenever another job has ended",
-           .target = &creation.after,
-           .one_of = schedule},
-          {.name = "--on",
-           .type = "DAYS",
-           .help = "Mon,Fri of weeks; 31 or \"Last Weekday\" of months",
-           .target = &creation.on},
-          {.name = "--first",
-           .type = "HH:MM",
-           .help = "first start of a day (default: midnight, and at once today)",
-           .target = &creation.first,
-           .fault = fault_of_time},
-          {.name = "--again",
-           .type = "HH:MM",
-           .help = "start it again in such steps",
-           .target = &creation.again,
-           .fault = fault_of_time},
-          {.name = "--until",
-           .type = "HH:MM",
-           .help = "the last of these",
-           .target = &creation.until,
-           .fault = fault_of_time,
-           .shows_default = true},
-          {.name = "--time-limit",
-           .type = "SECONDS",
-           .help = "end a run that takes longer",
-           .target = &creation.time_limit_s,
-           .range = frequency},
-          {.name = "--description", .type = "TEXT", .help = "free text", .target = &creation.description},
-          {.name = "--delete-when-completed",
-           .help = "delete it with its last run",
-           .target = &creation.is_deleted_when_completed},
-          {.name = "--dry-run", .help = "only check it", .target = &creation.is_dry_run}}});
+          {.name = "--task", .type = "NAME", .help = "what it runs", .target = &creation.task, .is_required = true}},
+         kind_options(creation),
+         time_options(creation),
+         run_options(creation)});
 }
 
 Options task_options(TaskArguments &arguments) {
@@ -211,6 +225,20 @@ int send_job(const SchedulerHandle &scheduler, const Creation &creation, sched_j
     return status == TBS_ST_OK ? int{exit_done} : fail_of_scheduler(status, creation.host, "The job cannot be made");
 }
 
+// What of the job only the scheduler knows.
+int ask_for_numbers(const SchedulerHandle &scheduler, const Creation &creation, sched_job_rw_properties_t &rw) {
+    int exit_status = exit_done;
+    if (!creation.after.empty()) {
+        rw.schedule.kind = SCHED_KIND_SEQUENTIAL;
+        rw.schedule.u.sequential.follows_job = job_of(scheduler, creation.host, creation.after, exit_status);
+    }
+    if (exit_status != exit_done)
+        return exit_status;
+    const auto status = sched_task_name_to_id(scheduler.get(), creation.task.c_str(), &rw.task);
+    return status == TBS_ST_OK ? int{exit_done}
+                               : fail_of_scheduler(status, creation.host, "There is no task '" + creation.task + "'");
+}
+
 int create_job(const Creation &creation, const Settings &settings) {
     sched_job_rw_properties_t rw = {};
     if (creation.after.empty() && !set_schedule(creation, rw.schedule)) {
@@ -219,17 +247,10 @@ int create_job(const Creation &creation, const Settings &settings) {
     }
     int exit_status = exit_done;
     const auto scheduler = open_scheduler(creation.host, settings, exit_status);
-    if (scheduler == nullptr)
-        return exit_status;
-    if (!creation.after.empty()) {
-        rw.schedule.kind = SCHED_KIND_SEQUENTIAL;
-        rw.schedule.u.sequential.follows_job = job_of(scheduler, creation.host, creation.after, exit_status);
-    }
+    if (scheduler != nullptr)
+        exit_status = ask_for_numbers(scheduler, creation, rw);
     if (exit_status != exit_done)
         return exit_status;
-    if (const auto status = sched_task_name_to_id(scheduler.get(), creation.task.c_str(), &rw.task);
-        status != TBS_ST_OK)
-        return fail_of_scheduler(status, creation.host, "There is no task '" + creation.task + "'");
     Creation texts = creation; // the record's are not constant
     std::vector<char *> arguments;
     for (auto &argument : texts.arguments)

@@ -44,6 +44,7 @@ port=$(free_port)
 echo "rvzd $port" >"$root/config/services.conf"
 echo "demo-host 127.0.0.1 ::1" >"$root/config/hosts.conf"
 echo "udp,tcp shared 390600 1 max=1,idle=60 - - $(command -v velia-sample-server)" >"$root/host/config/rvzd_server.conf"
+echo "task 1 shell /bin/sh" >>"$root/host/config/rvzd_server.conf"
 for file in config/hosts.conf config/services.conf host/config/rvzd_server.conf; do
     printf '  %-30s %s\n' "$file" "$(sed "s#$build/##" "$root/$file")"
 done
@@ -69,10 +70,18 @@ run veliactl server connect demo-host --prog 390600
 run veliactl server connect demo-host --prog 390600 --proto tcp --output json
 run veliactl server list demo-host
 
-step "6. What the daemon says of all that"
+step "6. It runs jobs: one now, whose output and status come back, one that fails, and one each night"
+run veliactl job create demo-host hello --task shell --days 1 --first 02:30 -- -c 'echo hello from job $$'
+run veliactl job run demo-host hello --wait
+run veliactl job create demo-host fails --task shell --days 1 --first 02:30 -- -c 'echo no such thing >&2; exit 3'
+run veliactl job run demo-host fails --wait || echo "    (exit status $?)"
+run veliactl job list demo-host
+run veliactl job next demo-host hello 2
+
+step "7. What the daemon says of all that"
 sed 's/^/    /' "$root/daemon.log"
 
-step "7. The daemon ends, and its server with it, through the lifeline"
+step "8. The daemon ends, and its server with it, through the lifeline"
 kill "$daemon_pid"
 wait "$daemon_pid" || { echo "the daemon failed"; exit 1; }
 daemon_pid=
@@ -87,7 +96,7 @@ fi
 echo "  both are gone"
 unset VELIA_ROOT VELIA_HOSTNAME
 
-step "8. A site of three hosts on loopback: a master registry, its standby, and a client"
+step "9. A site of three hosts on loopback: a master registry, its standby, and a client"
 make_host() { # name, role or nothing
     mkdir -p "$root/$1"/host/{config,priv,data} "$root/$1/log"
     ln -s "$root/config" "$root/$1/config"
@@ -122,7 +131,7 @@ on master veliactl registry role
 on client veliactl registry hosts
 on client veliactl registry region
 
-step "9. Regions, tags and an object are added; what stands there already is refused"
+step "10. Regions, tags and an object are added; what stands there already is refused"
 on client veliactl registry add regions name=east "title=The eastern lab" --dry-run
 on client veliactl registry add regions name=east "title=The eastern lab" --no-headers
 for name in src doc tools; do
@@ -131,29 +140,29 @@ done
 on client veliactl registry add vault_object vault_replica=0b5f8a52-7d1a-4c39-9d54-1a2b3c4d5e6f hostname=client --no-headers
 on client veliactl registry add regions name=east --no-headers || true
 
-step "10. They are found by string, uuid, attribute and pattern, and listed two at a time through a cursor"
+step "11. They are found by string, uuid, attribute and pattern, and listed two at a time through a cursor"
 on client veliactl registry find vault_tag --string tag=/vaults/doc
 on client veliactl registry find vault_object --uuid vault_replica=0b5f8a52-7d1a-4c39-9d54-1a2b3c4d5e6f --no-headers
 on client veliactl registry find vault_tag --attr attributes:poolmap=/x --no-headers
 on client veliactl registry find vault_tag --pattern '/vaults/[st]*' --output json
 on client veliactl registry list vault_tag --batch 2 --no-headers
 
-step "11. The read cache answers the same question from memory"
+step "12. The read cache answers the same question from memory"
 on client veliactl registry stats regions --string name=east --times 1000
 
-step "12. One client changes a record, and the other sees it"
+step "13. One client changes a record, and the other sees it"
 on other veliactl registry remove vault_tag --string tag=/vaults/doc
 on other veliactl registry add vault_tag tag=/vaults/doc region=east hostname=other --no-headers
 on client veliactl registry find vault_tag --string tag=/vaults/doc --no-headers
 on client veliactl registry dbs
 
-step "13. What the master tells of itself and of its clients"
+step "14. What the master tells of itself and of its clients"
 on client veliactl host info master --output json
 on client veliactl host tz master 2026
 on client veliactl clients list master
 sed -n '1,12p' "$root/master/daemon.log" | sed 's/^/    /'
 
-step "14. The master is killed and comes back: nothing that was acknowledged is lost"
+step "15. The master is killed and comes back: nothing that was acknowledged is lost"
 {
     kill -9 "${daemon_pids[0]}"
     wait "${daemon_pids[0]}"
@@ -162,7 +171,7 @@ rm "$root/master/ready"
 start_daemon master 127.0.0.2
 on client veliactl registry list vault_tag --no-headers
 
-step "15. Views and vaults are registered, each once; a pool map is explained"
+step "16. Views and vaults are registered, each once; a pool map is explained"
 view=7c1d0f3e-2b4a-4f6d-8e9c-0a1b2c3d4e5f
 on client veliactl view add $view --hostname client --path /views/me.vws --owner demo/me --attribute snapshot
 on client veliactl view add $view --hostname client --path /views/me.vws || true
@@ -172,7 +181,7 @@ on client veliactl view list --no-headers
 on client veliactl vault list --no-headers
 on client veliactl poolmap explain "/vaults/=/net/build7/vaults/|/old/=/vaults/" /vaults/src.vbs/pool
 
-step "16. The standby has been copying all the while"
+step "17. The standby has been copying all the while"
 for _ in $(seq 100); do
     VELIA_ROOT=$root/client VELIA_HOSTNAME=client veliactl view list --host standby --no-headers 2>/dev/null |
         grep -q $view && break
@@ -181,7 +190,7 @@ done
 on standby veliactl registry role --no-headers
 on client veliactl view list --host standby --no-headers
 
-step "17. The master dies for good and the standby is promoted, while a client goes on reading from it"
+step "18. The master dies for good and the standby is promoted, while a client goes on reading from it"
 read_on() { # until it is told to stop, counts good and failed reads
     local good=0 failed=0
     while [ ! -e "$root/enough" ]; do
@@ -208,7 +217,7 @@ touch "$root/enough"
 wait "$reader" || { echo "reading failed: $(cat "$root/reads")"; exit 1; }
 echo "  the reader: $(cat "$root/reads")"
 
-step "18. The new master can step down again"
+step "19. The new master can step down again"
 on standby veliactl registry demote
 on standby veliactl registry hosts --no-headers
 

@@ -5,7 +5,9 @@
 #include <arpa/inet.h>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
+#include <thread>
 
 #include <rpc/rpc.h>
 #include <rpc/rpcb_clnt.h>
@@ -27,11 +29,23 @@ void print_fault(const SocketFault &fault) {
         print(IMSG_ERROR, fault.message, imsg_strerror(fault.error_number));
 }
 
+// A daemon that was killed while it was making a process leaves its sockets to that for a moment.
+UniqueFd open_soon(const ks_sockaddr_storage_t &address, int type, bool is_dual, SocketFault *fault) {
+    constexpr int attempts = 100;
+    constexpr std::chrono::milliseconds wait(10);
+    auto socket = open_listening_socket({address, type, is_dual, 0}, fault);
+    for (int i = 0; i < attempts && !socket && fault->error_number == EADDRINUSE; ++i) {
+        std::this_thread::sleep_for(wait);
+        socket = open_listening_socket({address, type, is_dual, 0}, fault);
+    }
+    return socket;
+}
+
 bool open_pair(const ks_sockaddr_storage_t &address, bool is_dual, Listeners &listeners, SocketFault *fault) {
-    auto udp = open_listening_socket({address, SOCK_DGRAM, is_dual, 0}, fault);
+    auto udp = open_soon(address, SOCK_DGRAM, is_dual, fault);
     if (!udp)
         return false;
-    auto tcp = open_listening_socket({address, SOCK_STREAM, is_dual, 0}, fault);
+    auto tcp = open_soon(address, SOCK_STREAM, is_dual, fault);
     if (!tcp)
         return false;
     listeners.udp.push_back(std::move(udp));

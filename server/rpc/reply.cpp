@@ -7,14 +7,26 @@ namespace velia::server {
 
 namespace {
 
-// Empty when the message cannot be encoded. Each thread has a buffer to encode in.
-MessageBytes encode(rpc_msg &message) {
-    static thread_local std::array<unsigned char, REPLY_BYTES_MAX> buffer;
+// How much of the buffer it takes; 0 when the message cannot be encoded.
+uint32_t encode_into(rpc_msg &message, unsigned char *buffer, uint32_t size) {
     XDR stream;
-    xdrmem_create(&stream, reinterpret_cast<char *>(buffer.data()), REPLY_BYTES_MAX, XDR_ENCODE);
+    xdrmem_create(&stream, reinterpret_cast<char *>(buffer), size, XDR_ENCODE);
     const u_int length = xdr_replymsg(&stream, &message) ? xdr_getpos(&stream) : 0;
     xdr_destroy(&stream);
-    return {buffer.begin(), buffer.begin() + length};
+    return length;
+}
+
+// Empty when the message cannot be encoded. Each thread has a buffer to encode in, which only a long list outgrows.
+MessageBytes encode(rpc_msg &message, uint32_t bytes_max = REPLY_BYTES_MAX) {
+    static thread_local std::array<unsigned char, REPLY_BYTES_MAX> buffer;
+    uint32_t length = encode_into(message, buffer.data(), REPLY_BYTES_MAX);
+    if (length != 0 || bytes_max == REPLY_BYTES_MAX)
+        return {buffer.begin(), buffer.begin() + length};
+    MessageBytes bytes(bytes_max);
+    length = encode_into(message, bytes.data(), bytes_max);
+    bytes.resize(length);
+    bytes.shrink_to_fit();
+    return bytes;
 }
 
 rpc_msg accepted(uint32_t xid, accept_stat stat) {
@@ -38,11 +50,11 @@ rpc_msg denied(uint32_t xid, reject_stat stat) {
 
 } // namespace
 
-MessageBytes encode_success(uint32_t xid, xdrproc_t routine, void *record) {
+MessageBytes encode_success(uint32_t xid, xdrproc_t routine, void *record, uint32_t bytes_max) {
     rpc_msg message = accepted(xid, SUCCESS);
     message.acpted_rply.ar_results.where = static_cast<char *>(record);
     message.acpted_rply.ar_results.proc = routine;
-    auto bytes = encode(message);
+    auto bytes = encode(message, bytes_max);
     return bytes.empty() ? encode_refusal(xid, SYSTEM_ERR) : bytes;
 }
 

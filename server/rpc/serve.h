@@ -30,6 +30,13 @@ constexpr bool has_status_alone = !requires(Record record) {
     record.status;
 };
 
+// What comes as a whole, however long it is.
+template <class Record>
+constexpr uint32_t bytes_max_of = requires(Record record) {
+    record.jobs;
+}
+? LIST_BYTES_MAX : REPLY_BYTES_MAX;
+
 // Gives the answer of one call, once, to a sink: that of the call for one that is answered at once, or one of its own.
 template <class Record, class Sink>
 class AnswerTo {
@@ -48,7 +55,7 @@ public:
             record.header = {sequence_, status};
         else if constexpr (has_status_alone<Record>)
             record.status = status;
-        sink_(encode_success(xid_, reply_routine_, &record));
+        sink_(encode_success(xid_, reply_routine_, &record, bytes_max_of<Record>));
     }
 
 private:

@@ -484,6 +484,7 @@ void Scheduler::notify(const Job &job, sched_event_mask_t event, const std::stri
         if ((wanted.events & event) == 0)
             continue;
         std::vector<std::string> recipients;
+        recipients.reserve(static_cast<size_t>(wanted.recipient_count));
         for (int32_t n = 0; n < wanted.recipient_count; ++n)
             recipients.emplace_back(wanted.recipients[n]);
         notify("Job " + id_text(job) + " \"" + job.name + "\" " + what.substr(0, what.find('\n')), recipients, what);

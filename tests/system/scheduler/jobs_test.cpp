@@ -129,6 +129,15 @@ TEST_F(SchedulerJobs, ThatRunAreDeletedOnlyWithTheFlag) {
     EXPECT_FALSE(exists(id));
 }
 
+// More than one datagram's, one request's or one usual reply's worth.
+TEST_F(SchedulerJobs, AListOfManyComesAsAWhole) {
+    constexpr uint32_t many = 300;
+    const std::string argument(500, 'x');
+    for (uint32_t i = 0; i < many; ++i)
+        ASSERT_NE(create(NewJob("job " + std::to_string(i), {argument})), 0U);
+    EXPECT_EQ(count_jobs(), many);
+}
+
 TEST_F(SchedulerJobs, TellACallerOnceThatTheyHaveChanged) {
     EXPECT_EQ(has_changed(), 1);
     EXPECT_EQ(has_changed(), 0);

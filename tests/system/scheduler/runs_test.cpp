@@ -1,6 +1,7 @@
 // Runs of jobs: their output, their limits, their ends, and what becomes of them when the daemon goes.
 #include <algorithm>
 #include <cstring>
+#include <ctime>
 #include <set>
 
 #include <sqlite3.h>
@@ -18,6 +19,12 @@ struct SchedulerRuns : SchedulerFixture {
         std::vector<int64_t> dues;
         size_t distinct_dues() const { return std::set<int64_t>(dues.begin(), dues.end()).size(); }
     };
+    void change_database(const std::string &words) const {
+        sqlite3 *database = nullptr;
+        sqlite3_open_v2(site.path("host/priv/scheduler.db").c_str(), &database, SQLITE_OPEN_READWRITE, nullptr);
+        EXPECT_EQ(sqlite3_exec(database, words.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << words;
+        sqlite3_close(database);
+    }
     Made made_runs(sched_job_id_t id) const {
         Made made;
         sqlite3 *database = nullptr;
@@ -224,6 +231,34 @@ TEST_F(SchedulerRuns, AKilledKeeperIsARunOfUnknownEnd) {
     const Ran run = ran(id);
     EXPECT_EQ(run.status, 255U);
     EXPECT_TRUE(eventually([&] { return !is_alive(read("pid")); }));
+}
+
+// As a daemon leaves it that is killed between writing a run down and making its process.
+TEST_F(SchedulerRuns, ARunThatWasWrittenDownAndNotMadeIsMadeByTheNextDaemon) {
+    const auto id = create(script("again", "echo >>" + site.path("count")).every_second());
+    ASSERT_TRUE(eventually([&] { return lines("count") > 0; }));
+    kill_daemon();
+    const std::string number = std::to_string(id);
+    const int64_t due = time(nullptr) - 2;
+    change_database("DELETE FROM run WHERE job = " + number);
+    change_database("UPDATE job SET considered = " + std::to_string(due + 100000) + " WHERE id = " + number);
+    change_database("INSERT INTO run VALUES (" + number + ", 5, " + std::to_string(due) + ", 0, 0, x'', x'')");
+    const size_t before = lines("count");
+    restart();
+    EXPECT_TRUE(eventually([&] { return lines("count") > before; })) << daemon->output();
+}
+
+TEST_F(SchedulerRuns, ARunWhoseKeeperWentWithItsDaemonEndsUnknown) {
+    const auto id = create(script("gone", "true"));
+    kill_daemon();
+    const std::string number = std::to_string(id);
+    change_database("INSERT INTO run VALUES (" + number + ", 5, 0, 0, 0, x'', x'')");
+    site.write("host/priv/runs/" + number + ".5.run", "keeper 11\nprocess 12\n");
+    restart();
+    const Ran run = ran(id);
+    EXPECT_EQ(run.started, 5);
+    EXPECT_EQ(run.status, 255U);
+    EXPECT_FALSE(run.messages.empty());
 }
 
 TEST_F(SchedulerRuns, OutputOfRunsThatAreForgottenGoes) {
