@@ -1,6 +1,5 @@
 #include <server/registry/sqlite.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -118,8 +117,8 @@ const volatile uint64_t *Sqlite::commit_marks() {
 // A header that is read while it is written is like none before or behind it.
 CommitMark read_mark(const volatile uint64_t *marks) {
     CommitMark mark;
-    std::copy_n(marks, mark.size(), mark.begin());
-    std::atomic_thread_fence(std::memory_order_acquire);
+    for (size_t i = 0; i < mark.size(); ++i)
+        mark[i] = __atomic_load_n(marks + i, __ATOMIC_ACQUIRE);
     return mark;
 }
 
