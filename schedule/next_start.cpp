@@ -131,7 +131,8 @@ DayStarts starts_of(const Spec &spec, const sched_sched_start_times_t &times, Da
 std::optional<Start> next_start(const Spec &spec, int64_t after) {
     constexpr Day days_around = 3;
     const auto *common = sched_utl_get_common_sched(const_cast<sched_schedule_t *>(spec.schedule));
-    if (common == nullptr)
+    const bool is_after_all = after == INT64_MAX;
+    if (common == nullptr || is_after_all)
         return std::nullopt;
     const Lifetime lifetime = lifetime_of(spec, common->lifetime);
     std::optional<Start> best;
