@@ -61,6 +61,16 @@ TEST_F(ServiceAccount, IsTheUsersWithItsGroups) {
     EXPECT_THAT(told, HasSubstr("-G" + groups_of("nobody") + "\n"));
 }
 
+TEST_F(ServiceAccount, IsInTheFurtherGroupsOfItsUser) {
+    if (getuid() != 0)
+        GTEST_SKIP() << "only root can start others";
+    Child::Options options;
+    options.environment = {std::string("LD_PRELOAD=") + SLOW_USERS_PRELOAD, "USERS_GROUP=4343",
+                           "ASAN_OPTIONS=verify_asan_link_order=0"};
+    const auto told = told_by_service("nobody", "4242", own_id("-G"), options);
+    EXPECT_THAT(told, HasSubstr("-G 4242 4343\n"));
+}
+
 TEST_F(ServiceAccount, HasTheGroupOfTheLineBeforeTheUsersOwn) {
     if (getuid() != 0)
         GTEST_SKIP() << "only root can start others";
