@@ -178,8 +178,8 @@ private:
         rvzd_registry_get_id_reply_t stamps = {};
         if (!decode(procedures::rgy_get_id, bytes, stamps))
             return;
-        std::string text = "-tag=t" + std::to_string(getpid()) + "." + std::to_string(number_) + "." +
-                           std::to_string(xid_) + "." + std::to_string(reinterpret_cast<uintptr_t>(this)) + ";";
+        static std::atomic<uint64_t> tags; // of all attacks: none is there already
+        std::string text = "-tag=t" + std::to_string(++tags) + ";";
         rvzd_registry_add_req_t request = {};
         request.db = RGY_DB_VIEW_TAG;
         request.version = RGY_PROTOCOL_VERSION;
