@@ -37,6 +37,14 @@ struct ServiceAccount : testing::Test {
     static std::string own_id(const char *what) { return std::string("echo ") + what + " $(id " + what + ")\n"; }
 };
 
+// Only root can start a service as somebody else.
+struct OthersAccount : ServiceAccount {
+    void SetUp() override {
+        if (getuid() != 0)
+            GTEST_SKIP() << "needs root";
+    }
+};
+
 // A user with an entry, and its groups as the system has them.
 std::string groups_of(const char *user) {
     const passwd *entry = getpwnam(user);
@@ -51,9 +59,7 @@ std::string groups_of(const char *user) {
 
 } // namespace
 
-TEST_F(ServiceAccount, IsTheUsersWithItsGroups) {
-    if (getuid() != 0)
-        GTEST_SKIP() << "only root can start others";
+TEST_F(OthersAccount, IsTheUsersWithItsGroups) {
     const auto told = told_by_service("nobody", "-", own_id("-u") + own_id("-g") + own_id("-G"));
     const passwd *nobody = getpwnam("nobody");
     EXPECT_THAT(told, HasSubstr("-u " + std::to_string(nobody->pw_uid) + "\n"));
@@ -61,9 +67,7 @@ TEST_F(ServiceAccount, IsTheUsersWithItsGroups) {
     EXPECT_THAT(told, HasSubstr("-G" + groups_of("nobody") + "\n"));
 }
 
-TEST_F(ServiceAccount, IsInTheFurtherGroupsOfItsUser) {
-    if (getuid() != 0)
-        GTEST_SKIP() << "only root can start others";
+TEST_F(OthersAccount, IsInTheFurtherGroupsOfItsUser) {
     Child::Options options;
     options.environment = {std::string("LD_PRELOAD=") + SLOW_USERS_PRELOAD, "USERS_GROUP=4343",
                            "ASAN_OPTIONS=verify_asan_link_order=0"};
@@ -71,9 +75,7 @@ TEST_F(ServiceAccount, IsInTheFurtherGroupsOfItsUser) {
     EXPECT_THAT(told, HasSubstr("-G 4242 4343\n"));
 }
 
-TEST_F(ServiceAccount, HasTheGroupOfTheLineBeforeTheUsersOwn) {
-    if (getuid() != 0)
-        GTEST_SKIP() << "only root can start others";
+TEST_F(OthersAccount, HasTheGroupOfTheLineBeforeTheUsersOwn) {
     const auto told = told_by_service("nobody", "4242", own_id("-g") + own_id("-G"));
     EXPECT_THAT(told, HasSubstr("-g 4242\n"));
     EXPECT_THAT(told, HasSubstr("-G 4242"));
@@ -81,9 +83,7 @@ TEST_F(ServiceAccount, HasTheGroupOfTheLineBeforeTheUsersOwn) {
 }
 
 // A user that the system does not know has no group, and root's is none for it.
-TEST_F(ServiceAccount, WithoutAGroupIsNotStarted) {
-    if (getuid() != 0)
-        GTEST_SKIP() << "only root can start others";
+TEST_F(OthersAccount, WithoutAGroupIsNotStarted) {
     site.configure("udp resident 390600 1 restarts=0 54321 - /bin/sh -c \"id; sleep 1000\"\n");
     daemon = std::make_unique<Daemon>(site);
     EXPECT_TRUE(daemon->says("no group is known of user 54321")) << daemon->output();
