@@ -19,6 +19,10 @@ namespace {
 
 using Names = std::vector<std::string>;
 
+enum class Outcome { passed, skipped, failed };
+
+constexpr int exit_of_skipped = 77;
+
 // gtest's own notation: patterns between colons, behind the first dash those that are left out.
 bool matches_one_of(const std::string &name, std::string_view patterns) {
     while (!patterns.empty()) {
@@ -56,7 +60,9 @@ Names chosen_tests(const std::string &filter) {
     dup2(fileno(words), STDOUT_FILENO);
     dup2(fileno(words), STDERR_FILENO);
     GTEST_FLAG_SET(filter, name);
-    exit(RUN_ALL_TESTS());
+    const int status = RUN_ALL_TESTS();
+    const bool is_skipped = status == 0 && testing::UnitTest::GetInstance()->skipped_test_count() > 0;
+    exit(is_skipped ? exit_of_skipped : status);
 }
 
 void tell(FILE *words) {
@@ -66,7 +72,19 @@ void tell(FILE *words) {
         fwrite(piece, 1, bytes, stdout);
 }
 
-bool passes_in_child(const std::string &name) {
+Outcome outcome_of(int status) {
+    if (status == 0)
+        return Outcome::passed;
+    return WIFEXITED(status) && WEXITSTATUS(status) == exit_of_skipped ? Outcome::skipped : Outcome::failed;
+}
+
+const char *word_of(Outcome outcome) {
+    if (outcome == Outcome::skipped)
+        return "[  SKIPPED ]";
+    return outcome == Outcome::passed ? "[       OK ]" : "[  FAILED  ]";
+}
+
+Outcome run_in_child(const std::string &name) {
     printf("[ RUN      ] %s\n", name.c_str());
     fflush(nullptr);
     FILE *words = tmpfile();
@@ -74,15 +92,16 @@ bool passes_in_child(const std::string &name) {
     if (child == 0)
         run_here(name, words);
     int status = -1;
-    const bool passed = child > 0 && waitpid(child, &status, 0) == child && status == 0;
-    if (!passed && words != nullptr)
+    const bool has_ended = child > 0 && waitpid(child, &status, 0) == child;
+    const Outcome outcome = has_ended ? outcome_of(status) : Outcome::failed;
+    if (outcome == Outcome::failed && words != nullptr)
         tell(words);
     if (words != nullptr)
         fclose(words);
-    printf("%s %s\n", passed ? "[       OK ]" : "[  FAILED  ]", name.c_str());
+    printf("%s %s\n", word_of(outcome), name.c_str());
     if (WIFSIGNALED(status))
         printf("Its process was ended by signal %d.\n", WTERMSIG(status));
-    return passed;
+    return outcome;
 }
 
 } // namespace
@@ -93,13 +112,19 @@ int main(int argc, char **argv) {
         return RUN_ALL_TESTS();
     const Names names = chosen_tests(GTEST_FLAG_GET(filter));
     Names failed;
+    size_t skipped = 0;
     for (const std::string &name : names) {
-        if (!passes_in_child(name))
+        const Outcome outcome = run_in_child(name);
+        skipped += outcome == Outcome::skipped ? 1 : 0;
+        if (outcome == Outcome::failed)
             failed.push_back(name);
         if (!failed.empty() && GTEST_FLAG_GET(fail_fast))
             break;
     }
-    printf("%zu of %zu tests passed, each in a process of its own.\n", names.size() - failed.size(), names.size());
+    printf("%zu of %zu tests passed, each in a process of its own.\n", names.size() - failed.size() - skipped,
+           names.size());
+    if (skipped > 0)
+        printf("%zu tests were skipped.\n", skipped);
     for (const std::string &name : failed)
         printf("[  FAILED  ] %s\n", name.c_str());
     return failed.empty() && !names.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
