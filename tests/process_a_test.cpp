@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include <fcntl.h>
 #include <fnmatch.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -55,12 +56,26 @@ Names chosen_tests(const std::string &filter) {
     return names;
 }
 
+// What tests record of what they did is shown, however they end.
+void tell_properties(int fd) {
+    const auto &unit = *testing::UnitTest::GetInstance();
+    for (int suite = 0; suite < unit.total_test_suite_count(); ++suite)
+        for (int test = 0; test < unit.GetTestSuite(suite)->total_test_count(); ++test) {
+            const auto &result = *unit.GetTestSuite(suite)->GetTestInfo(test)->result();
+            for (int i = 0; i < result.test_property_count(); ++i)
+                dprintf(fd, "             %s: %s\n", result.GetTestProperty(i).key(),
+                        result.GetTestProperty(i).value());
+        }
+}
+
 [[noreturn]] void run_here(const std::string &name, FILE *words) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    const int shown_fd = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
     dup2(fileno(words), STDOUT_FILENO);
     dup2(fileno(words), STDERR_FILENO);
     GTEST_FLAG_SET(filter, name);
     const int status = RUN_ALL_TESTS();
+    tell_properties(shown_fd);
     const bool is_skipped = status == 0 && testing::UnitTest::GetInstance()->skipped_test_count() > 0;
     exit(is_skipped ? exit_of_skipped : status);
 }

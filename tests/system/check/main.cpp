@@ -32,7 +32,7 @@ void add_options(CLI::App &app, Options &options) {
     add_harms(app, options.plan.harms, options.plan.seed);
 }
 
-std::vector<Stop> stop_as_wanted(const Options &options, const Daemon &daemon, const Rounds &clients) {
+std::vector<Stop> stop_as_wanted(const Options &options, const Daemon &daemon, Rounds &clients) {
     std::vector<Stop> stops;
     if (options.stops == 0)
         return stops;

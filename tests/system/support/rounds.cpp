@@ -4,8 +4,10 @@
 #include <array>
 #include <chrono>
 #include <csignal>
+#include <fstream>
 #include <map>
 #include <sstream>
+#include <string_view>
 
 #include <tests/system/support/registry_calls.h>
 
@@ -15,6 +17,7 @@ namespace {
 
 constexpr rgy_db_t db = RGY_DB_REGIONS;
 constexpr double patience_s = 60;
+constexpr std::string_view added_beginning = "added ";
 
 std::string write_root(const Site &site, uint16_t port) {
     for (const char *directory : {"config/services", "host/config", "host/priv", "host/data", "log"})
@@ -92,27 +95,20 @@ bool Rounds::wait(double deadline_s) {
     return are_all_well;
 }
 
-bool Rounds::answered_since(int64_t since_us, size_t count) const {
-    return eventually(
-        [&] {
-            const auto made = calls();
-            return static_cast<size_t>(std::ranges::count_if(made, [&](const RoundCall &call) {
-                       return call.begin_us >= since_us && !call.is_failed();
-                   })) >= count;
-        },
-        patience_s);
+bool Rounds::answered_since(int64_t since_us, size_t count) {
+    const auto is_answered = [](const RoundCall &call, int64_t since) {
+        return call.begin_us >= since && !call.is_failed();
+    };
+    return eventually([&] { return count_since(since_us, is_answered) >= count; }, patience_s);
 }
 
-Stop Rounds::stop_until_failed(const Daemon &daemon, size_t count, double least_s) const {
+Stop Rounds::stop_until_failed(const Daemon &daemon, size_t count, double least_s) {
     Stop stop = {monotonic_us(), 0};
     daemon.signal(SIGSTOP);
+    const auto is_failed = [](const RoundCall &call, int64_t) { return call.is_failed(); };
     const auto has_lasted = [&] {
-        if (static_cast<double>(monotonic_us() - stop.begin_us) < least_s * 1e6)
-            return false;
-        const auto made = calls();
-        return static_cast<size_t>(std::ranges::count_if(made, [&](const RoundCall &call) {
-                   return call.end_us >= stop.begin_us && call.is_failed();
-               })) >= count;
+        return static_cast<double>(monotonic_us() - stop.begin_us) >= least_s * 1e6 &&
+               count_since(stop.begin_us, is_failed) >= count;
     };
     eventually(has_lasted, least_s + patience_s);
     daemon.signal(SIGCONT);
@@ -135,28 +131,40 @@ std::string Rounds::output() const {
     return text;
 }
 
-std::vector<std::string> Rounds::lines(const std::string &beginning) const {
-    std::vector<std::string> lines;
+void Rounds::read_on() {
+    told_.resize(clients_.size());
     for (size_t i = 0; i < clients_.size(); ++i) {
-        std::istringstream text(site_.read(output_name(i)));
-        for (std::string line; std::getline(text, line);)
-            if (line.starts_with(beginning))
-                lines.push_back(line);
+        Told &told = told_[i];
+        std::ifstream file(site_.path(output_name(i)));
+        file.seekg(told.position);
+        for (std::string line; std::getline(file, line) && !file.eof(); told.position = file.tellg()) {
+            RoundCall call;
+            if (line.starts_with(added_beginning))
+                told.added.push_back(line.substr(added_beginning.size()));
+            else if (std::istringstream(line) >> call.name >> call.status >> call.begin_us >> call.end_us)
+                told.calls.push_back(call);
+        }
     }
-    return lines;
 }
 
-std::vector<RoundCall> Rounds::calls() const {
+size_t Rounds::count_since(int64_t since_us, bool (*is_counted)(const RoundCall &call, int64_t since_us)) {
+    read_on();
+    size_t count = 0;
+    for (const auto &told : told_)
+        for (auto call = told.calls.rbegin(); call != told.calls.rend() && call->end_us >= since_us; ++call)
+            count += is_counted(*call, since_us) ? 1 : 0;
+    return count;
+}
+
+std::vector<RoundCall> Rounds::calls() {
+    read_on();
     std::vector<RoundCall> calls;
-    for (const auto &line : lines("")) {
-        RoundCall call;
-        if (std::istringstream(line) >> call.name >> call.status >> call.begin_us >> call.end_us)
-            calls.push_back(call);
-    }
+    for (const auto &told : told_)
+        calls.insert(calls.end(), told.calls.begin(), told.calls.end());
     return calls;
 }
 
-RoundFigures Rounds::figures() const {
+RoundFigures Rounds::figures() {
     RoundFigures figures;
     figures.calls = calls();
     for (const auto &call : figures.calls) {
@@ -166,11 +174,11 @@ RoundFigures Rounds::figures() const {
     const auto titles = titles_in_registry();
     for (const auto &[title, count] : titles)
         figures.doubled += count > 1 ? 1 : 0;
-    const std::string beginning = "added ";
-    for (const auto &line : lines(beginning)) {
-        ++figures.added;
-        figures.missing += titles.contains(line.substr(beginning.size())) ? 0 : 1;
-    }
+    for (const auto &told : told_)
+        for (const auto &title : told.added) {
+            ++figures.added;
+            figures.missing += titles.contains(title) ? 0 : 1;
+        }
     return figures;
 }
 

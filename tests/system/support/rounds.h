@@ -61,26 +61,36 @@ public:
     bool wait(double deadline_s);
 
     // Until so many calls that began since then were answered.
-    bool answered_since(int64_t since_us, size_t count) const;
+    bool answered_since(int64_t since_us, size_t count);
 
     // Stops the daemon for so long, and until so many calls have failed since.
-    Stop stop_until_failed(const Daemon &daemon, size_t count, double least_s = 0) const;
+    Stop stop_until_failed(const Daemon &daemon, size_t count, double least_s = 0);
 
     // Asks them to end. Their last calls are told as all others.
     void stop() const;
 
     std::string output() const;
-    std::vector<RoundCall> calls() const;
+    std::vector<RoundCall> calls();
 
     // Once they have ended: looks the registry through, without a relay.
-    RoundFigures figures() const;
+    RoundFigures figures();
 
 private:
+    // What a client has written up to a position, so that no line is read twice however long it writes.
+    struct Told {
+        std::streamoff position = 0;
+        std::vector<RoundCall> calls; // by their beginnings
+        std::vector<std::string> added;
+    };
+
     std::string output_name(size_t client) const;
-    std::vector<std::string> lines(const std::string &beginning) const;
+    void read_on();
+    // Of the calls that end at that moment or later; a client makes one after the other.
+    size_t count_since(int64_t since_us, bool (*is_counted)(const RoundCall &call, int64_t since_us));
 
     const Site &site_;
     std::vector<std::unique_ptr<Child>> clients_;
+    std::vector<Told> told_; // by each of them
 };
 
 // A daemon that is master of the registry and starts the server that the clients look up.
