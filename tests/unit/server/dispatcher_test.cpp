@@ -3,6 +3,7 @@
 #include <tests/unit/server/open_guard.h>
 
 #include <cstring>
+#include <new>
 #include <stdexcept>
 
 #include <gtest/gtest.h>
@@ -29,6 +30,8 @@ struct Subject {};
 class Owner {
 public:
     tbs_status_t contact(const rvzd_contact_req_t &request, const Caller &caller, Reply<rvzd_contact_reply_t> &reply) {
+        if (has_no_memory)
+            throw std::bad_alloc();
         offered = request.protocol_version;
         transport = caller.transport;
         reply.record.protocol_version = 9;
@@ -59,6 +62,7 @@ public:
                 serve<procedures::find_server, &Owner::later>(*this)};
     }
 
+    bool has_no_memory = false;
     uint64_t offered = 0;
     rvzd_protocol_in_t transport = RVZD_PROTOCOL_NONE;
     std::string told;
@@ -183,6 +187,18 @@ TEST_F(Dispatching, WorkThatThrowsIsToldAndAnsweredOnce) {
     ASSERT_EQ(replies.size(), 1u);
     EXPECT_EQ(results(procedures::rgy_get_dtm).header.status, TBS_ST_ERROR);
     EXPECT_EQ(owner.told, "the disk is gone");
+}
+
+TEST_F(Dispatching, AnEndOfMemoryEndsTheRequestAlone) {
+    owner.has_no_memory = true;
+    dispatch(call_of(procedures::contact));
+    ASSERT_EQ(replies.size(), 1u);
+    EXPECT_EQ(outcome(), SYSTEM_ERR);
+    owner.has_no_memory = false;
+    replies.clear();
+    dispatch(call_of(procedures::contact));
+    ASSERT_EQ(replies.size(), 1u);
+    EXPECT_EQ(outcome(), SUCCESS);
 }
 
 TEST_F(Dispatching, AnAnswerMayComeLater) {

@@ -132,11 +132,22 @@ TEST_F(WorkerTest, WhatWaitsTogetherIsHandedOverTogether) {
     EXPECT_THAT(batches, ElementsAre(3, 2));
 }
 
+TEST_F(WorkerTest, AnEndOfMemoryAtOneIsNotThatOfTheNext) {
+    Worker worker(&loop, {shares, 3});
+    hold(worker);
+    bool is_told = false;
+    worker.submit(sender(1), {[] {}, [] { throw std::bad_alloc(); }});
+    worker.submit(sender(1), {[] {}, [&] { is_told = true; }});
+    gate.set_value();
+    run_until([&] { return is_told; });
+}
+
 TEST_F(WorkerTest, AfterItsEndNothingIsTold) {
     bool is_told = false;
     {
         Worker worker(&loop, {shares});
         worker.submit(sender(1), {[] {}, [&] { is_told = true; }});
+        gate.set_value();
     }
     uv_run(&loop, UV_RUN_NOWAIT);
     EXPECT_FALSE(is_told);
