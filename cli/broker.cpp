@@ -11,10 +11,11 @@
 
 namespace velia::cli {
 
-Broker reach_broker(const std::string &host, uint32_t protocol, Duration timeout) {
+Broker reach_broker(const std::string &host, uint32_t protocol, Duration timeout, As as) {
     begin_wait(timeout);
     rvzd_handle_t *handle = nullptr;
-    const auto contact = [&] { return rvzd_get_handle_proto(host.c_str(), protocol, &handle); };
+    const uint32_t prim = as == As::caller ? 1 : 0;
+    const auto contact = [&] { return rvzd_get_handle_prim_proto(host.c_str(), protocol, prim, 0, &handle); };
     const tbs_status_t status = tell_failures_of(host, contact);
     if (status != TBS_ST_OK) {
         if (ks_deadline_left() == 0) // of which the library says nothing

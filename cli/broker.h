@@ -16,7 +16,8 @@ using Broker = std::unique_ptr<rvzd_handle_t, decltype(&rvzd_free_handle)>;
 
 // The host's broker, which has answered; null and printed if it has not within `timeout`, which goes for each call
 // through the handle, too. A host that follows another has the whole time for itself.
-Broker reach_broker(const std::string &host, uint32_t protocol, Duration timeout);
+enum class As { anyone, caller }; // without credentials or with those of the caller
+Broker reach_broker(const std::string &host, uint32_t protocol, Duration timeout, As as = As::anyone);
 
 // Calls procedure 0, which every program answers; false and printed, beginning with `failed_text`, when it does not.
 bool ping(CLIENT *client, Duration timeout, const char *failed_text, double &round_trip_ms);

@@ -35,13 +35,29 @@ std::string version_line() {
 
 std::vector<Command> all_commands() {
     std::vector<Command> all;
-    for (const Commands &rows : {contact_commands,        probe_commands,         server_commands,
-                                 server_list_commands,    registry_commands,      registry_update_commands,
-                                 registry_admin_commands, registry_role_commands, registry_site_commands,
-                                 object_commands,         host_commands,          time_zone_commands,
-                                 pool_map_commands,       knob_commands,          knob_update_commands,
-                                 knob_transfer_commands,  knob_monitor_commands,  job_commands,
-                                 job_create_commands,     acl_commands,           completion_commands,
+    for (const Commands &rows : {contact_commands,
+                                 probe_commands,
+                                 server_commands,
+                                 server_list_commands,
+                                 registry_commands,
+                                 registry_update_commands,
+                                 registry_transfer_commands,
+                                 registry_watch_commands,
+                                 registry_admin_commands,
+                                 registry_role_commands,
+                                 registry_site_commands,
+                                 object_commands,
+                                 host_commands,
+                                 time_zone_commands,
+                                 pool_map_commands,
+                                 knob_commands,
+                                 knob_update_commands,
+                                 knob_transfer_commands,
+                                 knob_monitor_commands,
+                                 job_commands,
+                                 job_create_commands,
+                                 acl_commands,
+                                 completion_commands,
                                  complete_words_commands})
         all.insert(all.end(), rows.begin(), rows.end());
     return all;

@@ -13,6 +13,8 @@ extern const Commands server_commands;
 extern const Commands server_list_commands;
 extern const Commands registry_commands;
 extern const Commands registry_update_commands;
+extern const Commands registry_transfer_commands;
+extern const Commands registry_watch_commands;
 extern const Commands registry_admin_commands;
 extern const Commands registry_role_commands;
 extern const Commands registry_site_commands;

@@ -129,23 +129,10 @@ tbs_status_t take_batch(std::vector<rgy_entry_t *> &entries, int64_t count, Prog
     return status;
 }
 
-// The items as they came.
-Cell items_of(const rgy_entry_t &entry) {
-    std::vector<std::string> names;
-    Cells values;
-    for (int32_t i = 0; i < entry.flex.count; ++i) {
-        const std::string name = entry.flex.items[i].name;
-        const char *value = entry.flex.items[i].value;
-        names.push_back(name);
-        values.push_back(item_cell(name, value));
-    }
-    return Cell::object(std::move(names), std::move(values));
-}
-
 int print_entries(const Search &search, const Settings &settings) {
     Results results(output, settings);
     const auto take = [&](rgy_entry_t *entry) {
-        results.add({entry->entry_id, entry->host, items_of(*entry)});
+        results.add({entry->entry_id, entry->host, items_cell(entry->flex)});
         return TBS_ST_OK;
     };
     const auto status = each_entry(search, take, [&] { return results.pause(); });
@@ -171,6 +158,16 @@ Cell attributes_cell(const std::string &text) {
 
 Cell item_cell(const std::string &name, const std::string &value) {
     return item_of_name(name) == RGY_ITEM_ATTRIBUTES ? attributes_cell(value) : Cell(value);
+}
+
+Cell items_cell(const rgy_flex_entry_t &flex) {
+    std::vector<std::string> names;
+    Cells values;
+    for (int32_t i = 0; i < flex.count; ++i) {
+        names.emplace_back(flex.items[i].name);
+        values.push_back(item_cell(names.back(), flex.items[i].value));
+    }
+    return Cell::object(std::move(names), std::move(values));
 }
 
 std::optional<std::string> settled_host(const std::string &given) {

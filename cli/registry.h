@@ -74,6 +74,9 @@ Cell attributes_cell(const std::string &text);
 // The value of an item, which may be attributes.
 Cell item_cell(const std::string &name, const std::string &value);
 
+// The items of an entry as they came.
+Cell items_cell(const rgy_flex_entry_t &flex);
+
 // The exit status that goes with a library status.
 int exit_status_of(tbs_status_t status);
 

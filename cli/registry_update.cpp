@@ -1,8 +1,12 @@
-// veliactl registry add and remove. A write tells what it would do with --dry-run, and does nothing then.
+// veliactl registry add, update and remove. A write tells what it would do with --dry-run, and does nothing then.
 #include <cli/registry.h>
 
+#include <algorithm>
+
+#include <cli/broker.h>
 #include <cli/commands.h>
 #include <cli/messages.h>
+#include <cli/registry_bulk.h>
 #include <cli/results.h>
 #include <support/imsg.h>
 #include <veliaxdr/rgy_site.h>
@@ -48,7 +52,39 @@ Options removal_options(Removal &removal) {
          {region_option(search.region), registry_host_option(search.host), dry_run_option(removal.is_dry_run)}});
 }
 
+struct Update {
+    Search search;
+    std::vector<std::string> set;
+    std::vector<std::string> unset;
+    bool is_dry_run = false;
+};
+
+std::string fault_of_item(const std::string &name) {
+    return item_of_name(name) ? "" : "'" + name + "' is no item";
+}
+
+Options update_options(Update &update) {
+    Search &search = update.search;
+    return joined({{db_place(search.db)},
+                   ways_to_search(search),
+                   {{.name = "--set",
+                     .type = "ITEM=VALUE",
+                     .help = "what the item is from now on; may be repeated",
+                     .target = &update.set,
+                     .beginnings = item_beginnings(),
+                     .fault = fault_of_item_value},
+                    {.name = "--unset",
+                     .type = "ITEM",
+                     .help = "an item that goes; may be repeated",
+                     .target = &update.unset,
+                     .fault = fault_of_item},
+                    region_option(search.region),
+                    registry_host_option(search.host),
+                    dry_run_option(update.is_dry_run)}});
+}
+
 int add(const Addition &addition, const Settings &settings);
+int update_entry(const Update &update, const Settings &settings);
 int remove(const Removal &removal, const Settings &settings);
 
 constexpr Column add_columns[] = {{"action", Type::text, "added, or would add"},
@@ -56,6 +92,18 @@ constexpr Column add_columns[] = {{"action", Type::text, "added, or would add"},
                                   {"registry", Type::text, "host of the registry"},
                                   {"entry", Type::items, "its items by name"}};
 constexpr Output add_output = {Output::Shape::one, add_columns};
+
+constexpr Column update_columns[] = {{"action", Type::text, "updated, or would update"},
+                                     {"db", Type::text, "the database"},
+                                     {"id", Type::integer, "the entry's number, which it keeps"},
+                                     {"registry", Type::text, "host of the registry"},
+                                     {"items", Type::items, "its items as they are then"}};
+constexpr Output update_output = {Output::Shape::one, update_columns};
+
+constexpr const char *update_notes =
+    R"(The search has to find one entry. It is changed in one step, and not at all if somebody else has changed the database
+since it was found; then it is looked for again.
+)";
 
 constexpr Column remove_columns[] = {{"action", Type::text, "removed, or would remove"},
                                      {"db", Type::text, "the database"},
@@ -70,6 +118,13 @@ constexpr Command commands[] = {
                   "veliactl registry add vault_tag tag=/vaults/src region=east hostname=build7 --dry-run"},
      .make = call_of<add, addition_options>,
      .output = &add_output},
+    {.path = "registry update",
+     .help = "Change items of one entry",
+     .examples = {"veliactl registry update regions --string name=east --set title='The eastern lab' --dry-run",
+                  "veliactl registry update vault_tag --string tag=/vaults/src --region east --unset title"},
+     .notes = update_notes,
+     .make = call_of<update_entry, update_options>,
+     .output = &update_output},
     {.path = "registry remove",
      .help = "Remove the entries that a search finds",
      .examples = {"veliactl registry remove regions --string name=east --dry-run",
@@ -130,6 +185,110 @@ int add(const Addition &addition, const Settings &settings) {
         return exit_status_of(status);
     Results results(add_output, settings, addition.is_dry_run ? Results::Of::look : Results::Of::change);
     results.add({addition.is_dry_run ? "would add" : "added", addition.db, *host, items_of(addition.items, text)});
+    results.finish();
+    return exit_done;
+}
+
+// An entry as it is to be.
+struct Updated {
+    uint64_t id = 0;
+    std::string host;
+    rgy_dtm_pair_t stamps = {};
+    std::vector<std::string> items; // "-name=value"
+};
+
+bool has_name(const std::string &item, const std::string &name) {
+    return item.starts_with(name + "=");
+}
+
+std::string name_of_item(const std::string &word) {
+    return registry_item_name(*item_of_name(word.substr(0, word.find('='))));
+}
+
+// The first of that name is changed where it stands, and others of it go.
+void put_item(std::vector<std::string> &items, const std::string &name, const std::optional<std::string> &value) {
+    const auto first = std::find_if(items.begin(), items.end(), [&](const auto &item) { return has_name(item, name); });
+    auto rest = first;
+    if (value && first == items.end()) {
+        items.push_back(name + "=" + *value);
+        return;
+    }
+    if (value)
+        *rest++ = name + "=" + *value;
+    items.erase(std::remove_if(rest, items.end(), [&](const auto &item) { return has_name(item, name); }), items.end());
+}
+
+Updated updated(const rgy_entry_t &entry, const Update &update) {
+    Updated result = {entry.entry_id, entry.host, entry.dtm, {}};
+    for (int32_t i = 0; i < entry.flex.count; ++i)
+        result.items.push_back(std::string(entry.flex.items[i].name) + "=" + entry.flex.items[i].value);
+    for (const auto &word : update.unset)
+        put_item(result.items, name_of_item(word), std::nullopt);
+    for (const auto &word : update.set)
+        put_item(result.items, name_of_item(word), item_value_of(word)->value);
+    return result;
+}
+
+// Nothing, and told, unless it is one.
+std::optional<Updated> find_one(const Update &update, int &exit_status) {
+    std::vector<Updated> found;
+    const auto status = each_entry(update.search, [&](rgy_entry_t *entry) {
+        found.push_back(updated(*entry, update));
+        return TBS_ST_OK;
+    });
+    exit_status = status == TBS_ST_OK ? exit_failed : exit_status_of_request(status);
+    if (status != TBS_ST_OK)
+        return std::nullopt;
+    if (found.size() == 1)
+        return found[0];
+    if (found.empty())
+        tell_failure(TBS_ST_NOT_FOUND, registry_of(update.search.host), "No such entry\n");
+    else
+        tell_failure(TBS_ST_INVALID_ARG, registry_of(update.search.host), "There are %zu such entries, not one\n",
+                     found.size());
+    return std::nullopt;
+}
+
+tbs_status_t send_update(const Updated &entry, rgy_db_t db, const Settings &settings) {
+    const Broker registry = reach_broker(entry.host, RVZD_PROTOCOL_TCP, settings.timeout, As::caller);
+    if (registry == nullptr)
+        return TBS_ST_NO_SERVER;
+    std::string text;
+    for (const auto &item : entry.items)
+        text += item + ";";
+    Changes changes(registry.get(), db, Changes::As::pieces, RGY_CHANGE_IF_UNCHANGED, entry.stamps);
+    const auto status = changes.add(entry.id, text);
+    return status == TBS_ST_OK ? changes.finish() : status;
+}
+
+Cell items_of(const Updated &entry) {
+    std::vector<std::string> names;
+    Cells values;
+    for (const auto &item : entry.items) {
+        names.push_back(item.substr(0, item.find('=')));
+        values.push_back(item_cell(names.back(), item.substr(item.find('=') + 1)));
+    }
+    return Cell::object(std::move(names), std::move(values));
+}
+
+int update_entry(const Update &update, const Settings &settings) {
+    tbs_status_t status = TBS_ST_STALE_ID;
+    std::optional<Updated> entry;
+    for (int tries = 0; status == TBS_ST_STALE_ID && tries < tries_max; ++tries) {
+        int exit_status = exit_failed;
+        entry = find_one(update, exit_status);
+        if (!entry)
+            return exit_status;
+        status =
+            update.is_dry_run ? tbs_status_t{TBS_ST_OK} : send_update(*entry, *db_of_name(update.search.db), settings);
+    }
+    if (status != TBS_ST_OK) {
+        tell_failure(status, entry->host, "The entry was not changed: %s\n", tbs_strerror(status));
+        return exit_status_of(status);
+    }
+    Results results(update_output, settings, update.is_dry_run ? Results::Of::look : Results::Of::change);
+    results.add(
+        {update.is_dry_run ? "would update" : "updated", update.search.db, entry->id, entry->host, items_of(*entry)});
     results.finish();
     return exit_done;
 }

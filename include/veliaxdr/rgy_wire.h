@@ -174,6 +174,33 @@ typedef struct rvzd_registry_set_backup_req {
     char *host_list;
 } rvzd_registry_set_backup_req_t;
 
+/*
+ * One of several changes of a database. Without a number it adds the entry of this text; with one and no text it
+ * removes that entry; with both it gives that entry another text, under its number.
+ */
+typedef struct rgy_change {
+    uint64_t entry_id;
+    char *flex_text; /* null is "" */
+} rgy_change_t;
+
+enum {
+    RGY_CHANGE_IF_UNCHANGED = 1,  /* not unless the stamps are still those of the request */
+    RGY_CHANGE_PASS_STANDING = 2, /* an entry that stands in the same words is not added, and that is good */
+    RGY_CHANGE_MORE_TO_COME = 4   /* of the set: nothing is made before the request without this */
+};
+
+typedef struct rvzd_registry_change_req {
+    rvzd_hdr_req_t header;
+    int64_t db;
+    int64_t version;
+    rgy_dtm_pair_t dtm;
+    uint32_t flags;
+    tbs_uuid_t set;  /* all zero for a request that is a set of its own */
+    uint32_t before; /* changes of the set that were sent before these */
+    int64_t count;
+    rgy_change_t *changes;
+} rvzd_registry_change_req_t;
+
 /* ---- replies ---- */
 
 typedef struct rvzd_registry_get_id_reply {
@@ -215,6 +242,16 @@ typedef struct rvzd_registry_get_backup_reply {
     char *host_list;
 } rvzd_registry_get_backup_reply_t;
 
+/* `outcome` is that of the changes; `failed` names the one that it is of, counted from 0 in the whole set. */
+typedef struct rvzd_registry_change_reply {
+    rvzd_hdr_reply_t header;
+    int64_t version;
+    rgy_dtm_pair_t dtm; /* after the changes */
+    int32_t outcome;
+    uint32_t failed;
+    uint32_t passed; /* entries that stood there and were passed over */
+} rvzd_registry_change_reply_t;
+
 typedef rvzd_null_reply_t rvzd_registry_add_reply_t;
 typedef rvzd_null_reply_t rvzd_registry_remove_reply_t;
 typedef rvzd_null_reply_t rvzd_registry_chk_access_reply_t;
@@ -241,6 +278,10 @@ bool_t xdr_rvzd_registry_clnt_conf_req_t(XDR *xdrs, rvzd_registry_clnt_conf_req_
 bool_t xdr_rvzd_registry_svr_conf_req_t(XDR *xdrs, rvzd_registry_svr_conf_req_t *record);
 bool_t xdr_rvzd_registry_get_backup_req_t(XDR *xdrs, rvzd_registry_get_backup_req_t *record);
 bool_t xdr_rvzd_registry_set_backup_req_t(XDR *xdrs, rvzd_registry_set_backup_req_t *record);
+
+bool_t xdr_rgy_change_t(XDR *xdrs, rgy_change_t *record);
+bool_t xdr_rvzd_registry_change_req_t(XDR *xdrs, rvzd_registry_change_req_t *record);
+bool_t xdr_rvzd_registry_change_reply_t(XDR *xdrs, rvzd_registry_change_reply_t *record);
 
 bool_t xdr_rvzd_registry_get_id_reply_t(XDR *xdrs, rvzd_registry_get_id_reply_t *record);
 bool_t xdr_rvzd_registry_get_dtm_reply_t(XDR *xdrs, rvzd_registry_get_dtm_reply_t *record);
@@ -303,6 +344,32 @@ tbs_status_t rvzd_rgy_add_entry(rvzd_handle_t *handle, rgy_db_t db, int64_t vers
                                 const char *flex_text);
 tbs_status_t rvzd_rgy_remove_entry(rvzd_handle_t *handle, rgy_db_t db, int64_t version, const rgy_dtm_pair_t *pair,
                                    uint64_t entry_id);
+
+/*
+ * Changes of many entries of a database, all or none of them: what the registry answers with stands on its disk.
+ * `changes` are `count`, and all of them have to fit into a request of RGY_CHANGE_BYTES_MAX bytes, for which each
+ * counts RGY_CHANGE_WORDS_BYTES and its text. `flags` are of RGY_CHANGE_...; `pair` is looked at with
+ * RGY_CHANGE_IF_UNCHANGED, and is that of the database afterwards. The handle has to be one over TCP.
+ *
+ * More than one request holds can be a set, of RGY_CHANGES_MAX changes at most: each request has the set's uuid, which
+ * is random, and the number of changes that went before; all but the last say RGY_CHANGE_MORE_TO_COME, and the last one
+ * makes them all. What the registry has of a set is forgotten with its end, or for newer ones: TBS_ST_TRY_AGAIN then,
+ * and the set has to be sent anew. `set` is null for changes that are none.
+ *
+ *   TBS_ST_OK              all are made; `passed` of them were passed over
+ *   TBS_ST_STALE_ID        the stamps are others by now; `failed` is 0
+ *   TBS_ST_ALREADY_EXISTS  an entry of the identity of change `failed`
+ *   TBS_ST_NOT_FOUND       no entry of the number of change `failed`
+ *   TBS_ST_INVALID_ARG     the text of change `failed` is no entry, or the change says nothing; or they are too many
+ *   TBS_ST_NO_ACCESS       this caller may change nothing; `failed` is 0
+ *   TBS_ST_NO_MEMORY       the set has become larger than RGY_CHANGES_MAX; `failed` is 0
+ *   TBS_ST_UNSUPPORTED     the registry does not know such changes; nothing is printed
+ *   else                   as for every proxy
+ */
+enum { RGY_CHANGE_BYTES_MAX = 60000, RGY_CHANGE_WORDS_BYTES = 12, RGY_CHANGES_MAX = 200000 };
+tbs_status_t rvzd_rgy_change_entries(rvzd_handle_t *handle, rgy_db_t db, int64_t version, rgy_dtm_pair_t *pair,
+                                     uint32_t flags, const tbs_uuid_t *set, uint32_t before,
+                                     const rgy_change_t *changes, int64_t count, uint32_t *failed, uint32_t *passed);
 
 /* Whether this user with this password may change a database. */
 tbs_status_t rvzd_rgy_chk_access(rvzd_handle_t *handle, rgy_db_t db, int64_t version, int64_t uid,

@@ -59,7 +59,8 @@
     ROW(32, RGY_GET_BACKUP,         rgy_get_backup,         rvzd_registry_get_backup_req_t,   rvzd_registry_get_backup_reply_t, REPEATABLE, ANY) \
     ROW(33, RGY_SET_BACKUP,         rgy_set_backup,         rvzd_registry_set_backup_req_t,   rvzd_registry_set_backup_reply_t, ONCE,       ANY) \
     ROW(34, RGY_FINDBYATTR_ENTRY,   rgy_findbyattr_entry,   rvzd_registry_findbyattr_req_t,   rvzd_registry_get_reply_t,        REPEATABLE, ANY) \
-    ROW(76, RGY_GET_PATTERN_ENTRY,  rgy_get_pattern_entry,  rvzd_registry_get_pattern_req_t,  rvzd_registry_get_reply_t,        REPEATABLE, ANY)
+    ROW(76, RGY_GET_PATTERN_ENTRY,  rgy_get_pattern_entry,  rvzd_registry_get_pattern_req_t,  rvzd_registry_get_reply_t,        REPEATABLE, ANY) \
+    ROW(10050, RGY_CHANGE_ENTRIES,  rgy_change_entries,     rvzd_registry_change_req_t,       rvzd_registry_change_reply_t,     ONCE,       TCP)
 
 /* The scheduler's. Their names are whole, and the routines of their records are xdr_<name>_V2_over and ..._V2_back. */
 #define RVZD_SCHEDULER_PROCEDURES(ROW) \

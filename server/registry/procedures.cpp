@@ -195,6 +195,25 @@ tbs_status_t remove_entry(Registry &registry, const rvzd_registry_remove_req_t &
     return status;
 }
 
+// The changes themselves are the reply's body: what became of them, when they could be looked at.
+tbs_status_t change_entries(Registry &registry, const rvzd_registry_change_req_t &request, const Caller &caller,
+                            Reply<rvzd_registry_change_reply_t> &reply) {
+    if (!is_db(request.db))
+        return TBS_ST_INVALID_ARG;
+    const auto db = static_cast<rgy_db_t>(request.db);
+    const auto outcome = registry.change(request, caller);
+    reply.record.version = RGY_PROTOCOL_VERSION;
+    reply.record.dtm = registry.stamps(db).pair;
+    reply.record.outcome = outcome.status;
+    reply.record.failed = outcome.failed;
+    reply.record.passed = outcome.passed;
+    if (outcome.status == TBS_ST_OK)
+        reply.afterwards = [=, done = outcome.done] {
+            RegistryService::print_changes(db, done.added, done.changed, done.removed, caller);
+        };
+    return TBS_ST_OK;
+}
+
 tbs_status_t chk_access(Registry &registry, const rvzd_registry_chk_access_req_t &request, const Caller & /*caller*/,
                         EmptyReply & /*reply*/) {
     return registry.check_password(text_of(request.password));
@@ -242,6 +261,7 @@ std::vector<ServedProcedure> RegistryProcedures::rows() {
         serve_store<procedures::rgy_get_pattern_entry, Lane::search, &fetch<rvzd_registry_get_pattern_req_t>>(service_),
         serve_store<procedures::rgy_add_entry, Lane::update, &add_entry>(service_),
         serve_store<procedures::rgy_remove_entry, Lane::update, &remove_entry>(service_),
+        serve_store<procedures::rgy_change_entries, Lane::update, &change_entries>(service_),
         serve_store<procedures::rgy_chk_access, Lane::hash, &chk_access>(service_),
         serve_store<procedures::rgy_get_db_list, Lane::look_up, &get_db_list>(service_),
         serve_store<procedures::rgy_get_backup, Lane::look_up, &get_backup>(service_),

@@ -1,5 +1,7 @@
 #include <server/registry/registry.h>
 
+#include <algorithm>
+
 #include <server/registry/copy.h>
 #include <server/registry/password.h>
 
@@ -15,6 +17,7 @@ constexpr uint64_t numbers_of_former_master = 1'000'000; // more than it can hav
 constexpr uint64_t work_of_look = 1;
 constexpr uint64_t work_of_items = 8; // to take its text apart
 constexpr size_t bytes_a_look = 64;   // of a reply
+constexpr int looks_for_standing_max = 1000;
 
 bool passes(const Filter &filter, const Record &record, uint64_t &work) {
     if (!filter)
@@ -45,7 +48,16 @@ tbs_status_t status_of_standing(rgy_db_t db) {
     return db == RGY_DB_SITE_CONFIG ? TBS_ST_STALE_ID : TBS_ST_ALREADY_EXISTS;
 }
 
+bool is_null(const tbs_uuid_t &uuid) {
+    constexpr tbs_uuid_t null = {};
+    return memcmp(&uuid, &null, sizeof null) == 0;
+}
+
 } // namespace
+
+std::string flex_text_of(const rgy_change_t &change) {
+    return change.flex_text != nullptr ? change.flex_text : "";
+}
 
 size_t encoded_bytes(const Record &record) {
     const size_t padded = (record.flex_text.size() + word_bytes - 1) / word_bytes * word_bytes;
@@ -154,6 +166,112 @@ tbs_status_t Registry::remove(rgy_db_t db, uint64_t id, const Caller &caller) {
         return TBS_ST_NO_ACCESS;
     Record removed;
     return store_.remove(db, id, removed) ? TBS_ST_OK : TBS_ST_NOT_FOUND;
+}
+
+Registry::Outcome Registry::change(const rvzd_registry_change_req_t &request, const Caller &caller) {
+    struct Refused {};
+    if (!is_somebody(caller.credentials))
+        return {TBS_ST_NO_ACCESS};
+    if ((request.flags & RGY_CHANGE_MORE_TO_COME) != 0)
+        return stage(request);
+    Outcome outcome;
+    try {
+        store_.together([&] {
+            make_all(request, outcome);
+            if (outcome.status != TBS_ST_OK)
+                throw Refused(); // and nothing of it is kept
+        });
+    } catch (const Refused &) {
+        outcome = {outcome.status, outcome.failed};
+    }
+    if (!is_null(request.set))
+        store_.forget_set(request.set);
+    return outcome;
+}
+
+Registry::Outcome Registry::stage(const rvzd_registry_change_req_t &request) {
+    if (is_null(request.set))
+        return {TBS_ST_INVALID_ARG};
+    if (request.before + static_cast<uint64_t>(request.count) > RGY_CHANGES_MAX) {
+        store_.forget_set(request.set);
+        return {TBS_ST_NO_MEMORY};
+    }
+    if (store_.size_of_set(request.set) != request.before)
+        return {TBS_ST_TRY_AGAIN};
+    store_.add_to_set(request.set, {request.changes, static_cast<size_t>(request.count)});
+    return {};
+}
+
+void Registry::make_all(const rvzd_registry_change_req_t &request, Outcome &outcome) {
+    const auto db = static_cast<rgy_db_t>(request.db);
+    const bool is_set = !is_null(request.set);
+    const auto make_next = [&](uint64_t id, const std::string &text) {
+        outcome.status = make(db, request.flags, id, text, outcome);
+        outcome.failed += outcome.status == TBS_ST_OK ? 1 : 0;
+        return outcome.status == TBS_ST_OK;
+    };
+    if ((request.flags & RGY_CHANGE_IF_UNCHANGED) != 0 && !is_same(store_.stamps(db).pair, request.dtm))
+        outcome.status = TBS_ST_STALE_ID;
+    else if (is_set && store_.size_of_set(request.set) != request.before)
+        outcome.status = TBS_ST_TRY_AGAIN;
+    else if (is_set)
+        store_.each_of_set(request.set, make_next);
+    for (int64_t i = 0; outcome.status == TBS_ST_OK && i < request.count; ++i)
+        make_next(request.changes[i].entry_id, flex_text_of(request.changes[i]));
+    if (outcome.status == TBS_ST_OK)
+        outcome.failed = 0;
+}
+
+tbs_status_t Registry::make(rgy_db_t db, uint32_t flags, uint64_t id, const std::string &text, Outcome &outcome) {
+    if (text.empty()) {
+        Record removed;
+        if (id == 0)
+            return TBS_ST_INVALID_ARG;
+        ++outcome.done.removed;
+        return store_.remove(db, id, removed) ? TBS_ST_OK : TBS_ST_NOT_FOUND;
+    }
+    const auto items = storable_items(text);
+    if (!items)
+        return TBS_ST_INVALID_ARG;
+    if (id == 0)
+        return add_or_pass(db, flags, text, *items, outcome);
+    ++outcome.done.changed;
+    switch (store_.change(db, id, identity_of(db, *items), text, *items)) {
+    case Store::ChangeResult::absent:
+        return TBS_ST_NOT_FOUND;
+    case Store::ChangeResult::exists:
+        return TBS_ST_ALREADY_EXISTS;
+    case Store::ChangeResult::changed:
+        break;
+    }
+    return TBS_ST_OK;
+}
+
+tbs_status_t Registry::add_or_pass(rgy_db_t db, uint32_t flags, const std::string &text, const Items &items,
+                                   Outcome &outcome) {
+    if ((flags & RGY_CHANGE_PASS_STANDING) != 0 && stands(db, text, items)) {
+        ++outcome.passed;
+        return TBS_ST_OK;
+    }
+    ++outcome.done.added;
+    const auto result = store_.add(db, store_.stamps(db).pair, identity_of(db, items), text, items);
+    return result == Store::AddResult::added ? TBS_ST_OK : TBS_ST_ALREADY_EXISTS;
+}
+
+// The longest value is the one that fewest share, so few records are looked at.
+bool Registry::stands(rgy_db_t db, const std::string &text, const Items &items) {
+    const auto longest = std::max_element(items.begin(), items.end(), [](const auto &one, const auto &other) {
+        return one.second.size() < other.second.size();
+    });
+    if (longest == items.end() || longest->first.empty())
+        return false;
+    bool is_found = false;
+    int looks = 0;
+    store_.scan({db, "", longest->first, longest->second}, 0, [&](uint64_t, const Record *record) {
+        is_found = record != nullptr && record->flex_text == text;
+        return !is_found && ++looks < looks_for_standing_max;
+    });
+    return is_found;
 }
 
 bool Registry::is_filled() {

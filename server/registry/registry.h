@@ -114,6 +114,18 @@ public:
     // can remove what it has fetched record by record. TBS_ST_NOT_FOUND: there is none of that number.
     tbs_status_t remove(rgy_db_t db, uint64_t id, const Caller &caller);
 
+    // A set of changes is made with its last request, all or none. What became of it, and of which one; `passed` stood
+    // there in the same words already.
+    struct Outcome {
+        tbs_status_t status = TBS_ST_OK;
+        uint32_t failed = 0;
+        uint32_t passed = 0;
+        struct {
+            uint32_t added = 0, changed = 0, removed = 0;
+        } done = {};
+    };
+    Outcome change(const rvzd_registry_change_req_t &request, const Caller &caller);
+
     // TBS_ST_NOT_FOUND: the registry has no password; TBS_ST_NO_ACCESS: it is another one.
     tbs_status_t check_password(const std::string &password);
     void set_password(const std::string &password); // empty: none from now on
@@ -129,6 +141,13 @@ public:
     void set_backup_hosts(const std::string &hosts) { store_.set_setting("backup", hosts); }
 
 private:
+    Outcome stage(const rvzd_registry_change_req_t &request);
+    void make_all(const rvzd_registry_change_req_t &request, Outcome &outcome);
+    tbs_status_t make(rgy_db_t db, uint32_t flags, uint64_t id, const std::string &text, Outcome &outcome);
+    tbs_status_t add_or_pass(rgy_db_t db, uint32_t flags, const std::string &text, const Items &items,
+                             Outcome &outcome);
+    bool stands(rgy_db_t db, const std::string &text, const Items &items);
+
     Store &store_;
     Learned *learned_; // null: nobody asks
 };

@@ -20,10 +20,6 @@ void require_ok(tbs_status_t status) {
         throw CopyError(tbs_strerror(status));
 }
 
-bool is_same(const rgy_dtm_pair_t &left, const rgy_dtm_pair_t &right) {
-    return memcmp(&left, &right, sizeof left) == 0;
-}
-
 // A page's elements, which own their texts.
 class Page {
 public:

@@ -319,6 +319,15 @@ void RegistryService::print_change(rgy_db_t db, bool is_added, const std::string
     print_registry(IMSG_PLAIN, MSG_WHAT, what.c_str());
 }
 
+void RegistryService::print_changes(rgy_db_t db, uint32_t added, uint32_t changed, uint32_t removed,
+                                    const Caller &caller) {
+    if (added + changed + removed == 0)
+        return;
+    const int uid = caller.credentials ? static_cast<int>(caller.credentials->uid) : -1;
+    imsg_print(IMSG_PLAIN, "%s: %u entries added, %u changed, %u removed by %d from %s\n", IMSG_FORMAT,
+               registry_db_name(db), added, changed, removed, uid, address_text(caller.peer).c_str());
+}
+
 tbs_status_t RegistryService::print_failure(const char *what) {
     print_registry(IMSG_ERROR, MSG_INTERNAL_ERROR, what);
     return TBS_ST_ERROR;

@@ -68,6 +68,7 @@ public:
 
     // Tells of an update, who made it and what it was.
     static void print_change(rgy_db_t db, bool is_added, const std::string &what, const Caller &caller);
+    static void print_changes(rgy_db_t db, uint32_t added, uint32_t changed, uint32_t removed, const Caller &caller);
 
     // Tells what the database said, and gives the status for the client.
     static tbs_status_t print_failure(const char *what);

@@ -46,10 +46,6 @@ CREATE TRIGGER entry_removed AFTER DELETE ON entry BEGIN
 END;
 )";
 
-bool is_same(const rgy_dtm_pair_t &left, const rgy_dtm_pair_t &right) {
-    return memcmp(&left, &right, sizeof left) == 0;
-}
-
 // Random, version 4.
 tbs_uuid_t new_uuid() {
     tbs_uuid_t uuid;
@@ -192,6 +188,55 @@ public:
         return true;
     }
 
+    ChangeResult change(rgy_db_t db, uint64_t id, const std::string &identity, const std::string &flex_text,
+                        const Items &items) override {
+        require_file();
+        Transaction transaction(database_);
+        auto &query = statements_->find.with(db, id);
+        const bool is_found = query.step();
+        query.reset();
+        if (!is_found)
+            return ChangeResult::absent;
+        if (const auto bearer = identity.empty() ? std::nullopt : bearer_of(db, identity); bearer && *bearer != id)
+            return ChangeResult::exists;
+        erase(id);
+        insert(db, static_cast<int64_t>(id), identity, flex_text, items);
+        renew_stamps(db);
+        transaction.commit();
+        return ChangeResult::changed;
+    }
+
+    void add_to_set(const tbs_uuid_t &set, std::span<const rgy_change_t> changes) override {
+        constexpr int64_t sets_max = 8;
+        Transaction transaction(database_);
+        const bool is_new = size_of_set(set) == 0;
+        if (is_new && stored_number(database_, "SELECT count(DISTINCT name) FROM temp.staged") >= sets_max)
+            database_.run("DELETE FROM temp.staged WHERE name = (SELECT name FROM temp.staged ORDER BY place LIMIT 1)");
+        Statement insert(database_, "INSERT INTO temp.staged (name, id, text) VALUES (?1, ?2, ?3)");
+        for (const rgy_change_t &change : changes)
+            insert.with(set, change.entry_id, flex_text_of(change)).run();
+        transaction.commit();
+    }
+
+    uint64_t size_of_set(const tbs_uuid_t &set) override {
+        make_place_for_sets();
+        Statement query(database_, "SELECT count(*) FROM temp.staged WHERE name = ?1");
+        return query.with(set).step() ? static_cast<uint64_t>(query.number(0)) : 0;
+    }
+
+    void each_of_set(const tbs_uuid_t &set,
+                     const std::function<bool(uint64_t id, const std::string &text)> &visit) override {
+        Statement query(database_, "SELECT id, text FROM temp.staged WHERE name = ?1 ORDER BY place");
+        query.with(set);
+        while (query.step() && visit(static_cast<uint64_t>(query.number(0)), query.text(1))) {
+        }
+    }
+
+    void forget_set(const tbs_uuid_t &set) override {
+        make_place_for_sets();
+        Statement(database_, "DELETE FROM temp.staged WHERE name = ?1").with(set).run();
+    }
+
     void replace(rgy_db_t db, const std::optional<rgy_dtm_pair_t> &stamps, Contents contents) override {
         require_file();
         Transaction transaction(database_);
@@ -268,6 +313,11 @@ private:
         Statement stamp, put_stamp, count, scan_all, scan_item, bearer, insert, insert_item, find, remove, remove_items,
             get_setting, put_setting;
     };
+
+    void make_place_for_sets() {
+        database_.run("CREATE TEMP TABLE IF NOT EXISTS staged (place INTEGER PRIMARY KEY, name BLOB, id INTEGER, "
+                      "text BLOB); CREATE INDEX IF NOT EXISTS temp.staged_by_name ON staged (name, place)");
+    }
 
     // What is acknowledged has to be there after a restart, too.
     void require_file() {

@@ -2,14 +2,17 @@
 // database behind it; what the data mean is the registry's affair, not the store's.
 #pragma once
 
+#include <cstring>
 #include <functional>
 #include <map>
 #include <memory>
 #include <optional>
+#include <span>
 #include <stdexcept>
 #include <string>
 
 #include <server/registry/record.h>
+#include <veliaxdr/rgy_wire.h>
 
 namespace velia::server {
 
@@ -30,6 +33,13 @@ struct Stamps {
     tbs_uuid_t registry = {};
     tbs_uuid_t copy = {};
 };
+
+inline bool is_same(const rgy_dtm_pair_t &left, const rgy_dtm_pair_t &right) {
+    return memcmp(&left, &right, sizeof left) == 0;
+}
+
+// What a change says; the empty text where it has none.
+std::string flex_text_of(const rgy_change_t &change);
 
 // Which records a scan visits: those whose item `key` is exactly `value`, or all if the key is empty. A region, if it
 // is not empty, leaves out the records of other regions; a record without a region is of every one.
@@ -87,11 +97,23 @@ public:
 
     // Each is one transaction, and on disk when it returns, or a step of that in which others are put together. Adding
     // gives the number of the record, or nothing when `identity` is taken or `expected` are no longer the stamps;
-    // removing is false where there is no such record. Both change the stamps.
+    // removing is false where there is no such record. All of them change the stamps.
     enum class AddResult { added, stale, exists };
     virtual AddResult add(rgy_db_t db, const rgy_dtm_pair_t &expected, const std::string &identity,
                           const std::string &flex_text, const Items &items) = 0;
     virtual bool remove(rgy_db_t db, uint64_t id, Record &removed) = 0;
+    // The record keeps its number.
+    enum class ChangeResult { changed, absent, exists };
+    virtual ChangeResult change(rgy_db_t db, uint64_t id, const std::string &identity, const std::string &flex_text,
+                                const Items &items) = 0;
+
+    // A set of changes that comes piece by piece: numbers and texts, in their order. It is not part of the data, and
+    // not kept over a restart; when there are many, the oldest is forgotten.
+    virtual void add_to_set(const tbs_uuid_t &set, std::span<const rgy_change_t> changes) = 0;
+    virtual uint64_t size_of_set(const tbs_uuid_t &set) = 0;
+    virtual void each_of_set(const tbs_uuid_t &set,
+                             const std::function<bool(uint64_t id, const std::string &text)> &visit) = 0;
+    virtual void forget_set(const tbs_uuid_t &set) = 0;
 
     // Makes a database what it is elsewhere, numbers and all. Two records of one identity can come of a reading during
     // which the database changed: the later one stays. Without stamps it gets new ones of its own. One transaction.

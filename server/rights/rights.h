@@ -82,6 +82,7 @@ inline constexpr std::array rights_rows = {
     RightsRow{RVZD_PROC_RGY_GET_ENTRY, "rgy_get_entry", any_operation, "", Right::read},
     RightsRow{RVZD_PROC_RGY_ADD_ENTRY, "rgy_add_entry", any_operation, "", Right::write},
     RightsRow{RVZD_PROC_RGY_REMOVE_ENTRY, "rgy_remove_entry", any_operation, "", Right::write},
+    RightsRow{RVZD_PROC_RGY_CHANGE_ENTRIES, "rgy_change_entries", any_operation, "", Right::write},
     RightsRow{RVZD_PROC_RGY_CHK_ACCESS, "rgy_chk_access", any_operation, "", Right::read},
     RightsRow{RVZD_PROC_RGY_GET_DTM, "rgy_get_dtm", any_operation, "", Right::read},
     RightsRow{RVZD_PROC_RGY_GET_DB_LIST, "rgy_get_db_list", any_operation, "", Right::read},

@@ -47,6 +47,15 @@ void fill_request(Sampler &s, Record &r) {
         r.flex_text = s.text(RGY_WIRE_FLEX_MAX);
     if constexpr (requires { r.entry_id; })
         r.entry_id = s.word();
+    if constexpr (requires { r.changes; }) {
+        r.flags = s.word();
+        fill(s, r.set);
+        r.before = s.word();
+        r.count = static_cast<int64_t>(s.number(4));
+        r.changes = r.count > 0 ? s.array<rgy_change_t>(static_cast<size_t>(r.count)) : nullptr;
+        for (int64_t i = 0; i < r.count; ++i)
+            r.changes[i] = {s.word(), s.text(200)};
+    }
     if constexpr (requires { r.uid; }) {
         r.uid = s.signed_word();
         r.password = s.text(RGY_WIRE_PASSWORD_MAX);
@@ -98,6 +107,13 @@ void fill_body(Sampler &s, rvzd_registry_get_db_reply_t &r) {
         fill(s, r.dbs[i].uuid2);
         r.dbs[i].last = s.signed_word();
     }
+}
+void fill_body(Sampler &s, rvzd_registry_change_reply_t &r) {
+    r.version = s.signed_word();
+    fill_pair(s, r.dtm);
+    r.outcome = s.signed_word();
+    r.failed = s.word();
+    r.passed = s.word();
 }
 void fill_body(Sampler &s, rvzd_registry_get_backup_reply_t &r) {
     r.host_list = s.text(RGY_WIRE_HOST_LIST_MAX);

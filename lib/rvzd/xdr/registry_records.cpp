@@ -154,6 +154,16 @@ bool_t xdr_rvzd_registry_remove_req_t(XDR *xdrs, rvzd_registry_remove_req_t *rec
     return code_stamped_prefix(xdrs, record) && velia_xdr_u_long(xdrs, &record->entry_id);
 }
 
+bool_t xdr_rgy_change_t(XDR *xdrs, rgy_change_t *record) {
+    return velia_xdr_u_long(xdrs, &record->entry_id) && text(xdrs, record->flex_text, RGY_WIRE_FLEX_MAX);
+}
+
+bool_t xdr_rvzd_registry_change_req_t(XDR *xdrs, rvzd_registry_change_req_t *record) {
+    return code_stamped_prefix(xdrs, record) && xdr_u_int(xdrs, &record->flags) &&
+           xdr_tbs_uuid_t(xdrs, &record->set) && xdr_u_int(xdrs, &record->before) &&
+           code_array<rgy_change_t, xdr_rgy_change_t>(xdrs, record->changes, record->count);
+}
+
 bool_t xdr_rvzd_registry_chk_access_req_t(XDR *xdrs, rvzd_registry_chk_access_req_t *record) {
     return code_db_prefix(xdrs, record) && velia_xdr_long(xdrs, &record->uid) &&
            text(xdrs, record->password, RGY_WIRE_PASSWORD_MAX);
@@ -193,6 +203,13 @@ bool_t xdr_rvzd_registry_get_dtm_reply_t(XDR *xdrs, rvzd_registry_get_dtm_reply_
 bool_t xdr_rvzd_registry_get_reply_t(XDR *xdrs, rvzd_registry_get_reply_t *record) {
     return code_reply(xdrs, record, [&] {
         return code_stamps(xdrs, record) && velia_xdr_u_long(xdrs, &record->cursor) && code_entries(xdrs, record);
+    });
+}
+
+bool_t xdr_rvzd_registry_change_reply_t(XDR *xdrs, rvzd_registry_change_reply_t *record) {
+    return code_reply(xdrs, record, [&] {
+        return code_stamps(xdrs, record) && xdr_int(xdrs, &record->outcome) && xdr_u_int(xdrs, &record->failed) &&
+               xdr_u_int(xdrs, &record->passed);
     });
 }
 

@@ -17,10 +17,6 @@ namespace {
 
 using RegistryTest = RegistryFixture;
 
-bool is_same(const rgy_dtm_pair_t &left, const rgy_dtm_pair_t &right) {
-    return memcmp(&left, &right, sizeof left) == 0;
-}
-
 std::string bytes_of(const std::string &file_name) {
     std::ifstream file(file_name, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};

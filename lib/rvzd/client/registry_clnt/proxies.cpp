@@ -1,5 +1,5 @@
-// The fifteen procedures of the registry. Each is a record and what becomes of its reply; five of them are fetches, and
-// six have no answer but a status.
+// The procedures of the registry, fifteen and one more. Each is a record and what becomes of its reply; five of them
+// are fetches, and six have no answer but a status.
 #include <veliaxdr/rgy_wire.h>
 
 #include <cstring>
@@ -56,6 +56,13 @@ tbs_status_t take_batch(const rvzd_registry_get_reply_t &reply, const Batch &bat
             return TBS_ST_NO_MEMORY;
     }
     return TBS_ST_OK;
+}
+
+bool are_sendable(const rgy_change_t *changes, int64_t count) {
+    size_t bytes = 0;
+    for (int64_t i = 0; i < count && bytes <= RGY_CHANGE_BYTES_MAX; ++i)
+        bytes += RGY_CHANGE_WORDS_BYTES + (changes[i].flex_text != nullptr ? strlen(changes[i].flex_text) : 0);
+    return count >= 0 && bytes <= RGY_CHANGE_BYTES_MAX;
 }
 
 tbs_status_t rpc_failed(clnt_stat /*outcome*/) {
@@ -195,6 +202,35 @@ tbs_status_t rvzd_rgy_add_entry(rvzd_handle_t *handle, rgy_db_t db, int64_t vers
 tbs_status_t rvzd_rgy_remove_entry(rvzd_handle_t *handle, rgy_db_t db, int64_t version, const rgy_dtm_pair_t *pair,
                                    uint64_t entry_id) {
     return order(handle, procedures::rgy_remove_entry, {{}, db, version, *pair, entry_id});
+}
+
+tbs_status_t rvzd_rgy_change_entries(rvzd_handle_t *handle, rgy_db_t db, int64_t version, rgy_dtm_pair_t *pair,
+                                     uint32_t flags, const tbs_uuid_t *set, uint32_t before,
+                                     const rgy_change_t *changes, int64_t count, uint32_t *failed, uint32_t *passed) {
+    rvzd_registry_change_req_t request = {
+        {}, db, version, *pair, flags, {}, before, count, const_cast<rgy_change_t *>(changes)};
+    if (set != nullptr)
+        request.set = *set;
+    rvzd_registry_change_reply_t reply = {};
+    *failed = 0;
+    if (!are_sendable(changes, count))
+        return TBS_ST_INVALID_ARG;
+    // A daemon of an older version does not know such changes, which is no failure to print.
+    const auto status_of = [&](clnt_stat outcome) -> tbs_status_t {
+        if (outcome == RPC_PROCUNAVAIL)
+            return TBS_ST_UNSUPPORTED;
+        if (outcome != RPC_SUCCESS) {
+            print_failed_call(rvzd_get_rpc_clnt(handle), procedures::rgy_change_entries.failed_text);
+            return TBS_ST_RPC_FAILED;
+        }
+        if (reply.header.status != TBS_ST_OK)
+            return reply.header.status;
+        *pair = reply.dtm;
+        *failed = reply.failed;
+        *passed = reply.passed;
+        return reply.outcome;
+    };
+    return broker_call(handle, quiet(procedures::rgy_change_entries), request, reply, status_of);
 }
 
 tbs_status_t rvzd_rgy_chk_access(rvzd_handle_t *handle, rgy_db_t db, int64_t version, int64_t uid,

@@ -1,0 +1,307 @@
+// veliactl registry export and import: entries as lines of JSON, in files that outlive a registry.
+#include <cli/registry.h>
+
+#include <fstream>
+#include <iostream>
+#include <map>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cli/broker.h>
+#include <cli/commands.h>
+#include <cli/messages.h>
+#include <cli/registry_bulk.h>
+#include <cli/results.h>
+#include <cli/streams.h>
+#include <cli/waits.h>
+#include <support/imsg.h>
+#include <veliaxdr/rgy_site.h>
+
+namespace velia::cli {
+
+namespace {
+
+constexpr size_t line_bytes_max = 65536;
+constexpr const char *standard_stream = "-";
+
+struct Export {
+    std::string file;
+    std::vector<std::string> dbs;
+    std::string host;
+};
+
+struct Import {
+    std::string file;
+    std::string host;
+    bool is_atomic = false;
+    bool is_dry_run = false;
+};
+
+Options export_options(Export &arguments) {
+    return {{.name = "FILE",
+             .help = "file to write, or - for standard output",
+             .target = &arguments.file,
+             .is_required = true},
+            {.name = "--db",
+             .type = "DB",
+             .help = "database, by name or number; may be repeated (default: all)",
+             .target = &arguments.dbs,
+             .fault = fault_of_db},
+            registry_host_option(arguments.host)};
+}
+
+Options import_options(Import &arguments) {
+    return {{.name = "FILE",
+             .help = "file to read, or - for standard input",
+             .target = &arguments.file,
+             .is_required = true},
+            {.name = "--atomic", .help = "all entries of a database, or none of them", .target = &arguments.is_atomic},
+            registry_host_option(arguments.host),
+            dry_run_option(arguments.is_dry_run)};
+}
+
+int export_entries(const Export &arguments, const Settings &settings);
+int import_entries(const Import &arguments, const Settings &settings);
+
+constexpr Column export_columns[] = {{"db", Type::text, "the database"},
+                                     {"entries", Type::integer, "how many were written"},
+                                     {"file", Type::text, "where they are"}};
+constexpr Output export_output = {Output::Shape::list, export_columns};
+
+constexpr Column import_columns[] = {{"action", Type::text, "added, or would add"},
+                                     {"db", Type::text, "the database"},
+                                     {"entries", Type::integer, "how many were added"},
+                                     {"passed", Type::integer, "how many stood there already"},
+                                     {"registry", Type::text, "host of the registry"}};
+constexpr Output import_output = {Output::Shape::list, import_columns};
+
+constexpr const char *export_notes =
+    R"(Each database is written as it stood at one moment. The file is complete or not there. Standard output has the lines
+alone.
+)";
+
+constexpr const char *import_notes =
+    R"(Every line is read before anything is changed. What stands in the registry in the same words is passed over, so an
+import that was broken off is gone on with by the same command. Numbers ("id") are not taken over. With --atomic a
+database gets all of its entries or none, 200000 at most.
+)";
+
+constexpr Command commands[] = {
+    {.path = "registry export",
+     .help = "Write entries to a file, one a line",
+     .examples = {"veliactl registry export site.jsonl", "veliactl registry export regions.jsonl --db regions",
+                  "veliactl registry export - --db vault_tag | grep build7"},
+     .notes = export_notes,
+     .make = call_of<export_entries, export_options>,
+     .output = &export_output},
+    {.path = "registry import",
+     .help = "Add the entries of a file",
+     .examples = {"veliactl registry import site.jsonl --dry-run", "veliactl registry import site.jsonl --atomic"},
+     .notes = import_notes,
+     .make = call_of<import_entries, import_options>,
+     .output = &import_output},
+};
+
+std::vector<rgy_db_t> dbs_of(const std::vector<std::string> &names) {
+    std::vector<rgy_db_t> dbs;
+    for (const auto &name : names)
+        dbs.push_back(*db_of_name(name));
+    for (rgy_db_t db = 0; names.empty() && db < RGY_DB_ALL; ++db)
+        dbs.push_back(db);
+    return dbs;
+}
+
+int tell_file(const std::string &file, const char *what) {
+    tell_failure(TBS_ST_ERROR, "", "'%s' cannot be %s: %s\n", file.c_str(), what, imsg_strerror(errno));
+    return exit_failed;
+}
+
+// A file that is complete or not there.
+class NewFile {
+public:
+    explicit NewFile(std::string name) : name_(std::move(name)), unfinished_(name_ + ".new"), file_(unfinished_) {}
+    ~NewFile() {
+        if (!is_kept_)
+            unlink(unfinished_.c_str());
+    }
+    NewFile(const NewFile &) = delete;
+    NewFile &operator=(const NewFile &) = delete;
+
+    std::ostream &stream() { return file_; }
+    bool keep() {
+        file_.close();
+        is_kept_ = file_.good() && rename(unfinished_.c_str(), name_.c_str()) == 0;
+        return is_kept_;
+    }
+
+private:
+    std::string name_;
+    std::string unfinished_;
+    std::ofstream file_;
+    bool is_kept_ = false;
+};
+
+int tell_registry(tbs_status_t status, const std::string &host) {
+    tell_failure(status, host, "The registry could not be read: %s\n", tbs_strerror(status));
+    return exit_status_of_request(status);
+}
+
+struct Written {
+    rgy_db_t db;
+    uint64_t entries;
+};
+
+int write_databases(const Export &arguments, const std::string &host, const Settings &settings, std::ostream &out,
+                    std::vector<Written> &written) {
+    const Broker registry = reach_broker(host, RVZD_PROTOCOL_TCP, settings.timeout);
+    if (registry == nullptr)
+        return exit_unreachable; // and told
+    for (const rgy_db_t db : dbs_of(arguments.dbs)) {
+        Database database;
+        const auto status = read_database(registry.get(), db, database);
+        if (status != TBS_ST_OK)
+            return tell_registry(status, host);
+        for (const auto &entry : database.entries)
+            out << line_of(entry) << '\n';
+        written.push_back({db, database.entries.size()});
+    }
+    return exit_done;
+}
+
+int export_entries(const Export &arguments, const Settings &settings) {
+    const auto host = settled_host(arguments.host);
+    if (!host)
+        return exit_failed;
+    std::vector<Written> written;
+    if (arguments.file == standard_stream) {
+        const int status = write_databases(arguments, *host, settings, std::cout, written);
+        return flush_results() ? status : exit_failed;
+    }
+    NewFile file(arguments.file);
+    if (!file.stream().good())
+        return tell_file(arguments.file, "written");
+    const int status = write_databases(arguments, *host, settings, file.stream(), written);
+    if (status != exit_done)
+        return status;
+    if (!file.keep())
+        return tell_file(arguments.file, "written");
+    Results results(export_output, settings, Results::Of::change);
+    for (const auto &[db, entries] : written)
+        results.add({registry_db_name(db), entries, arguments.file});
+    results.finish();
+    return exit_done;
+}
+
+// An entry of the file, and where it stands.
+struct Numbered {
+    EntryLine entry;
+    uint64_t line;
+};
+using Entries = std::map<rgy_db_t, std::vector<Numbered>>;
+
+int tell_line(const std::string &file, uint64_t line, const std::string &why) {
+    tell_failure(TBS_ST_INVALID_ARG, "", "%s:%llu: %s\n", file.c_str(), static_cast<unsigned long long>(line),
+                 why.c_str());
+    return exit_failed;
+}
+
+// Every line is looked at, so that all faults are told at once.
+int read_entries(const std::string &file, std::istream &in, Entries &entries) {
+    std::vector<char> buffer(line_bytes_max);
+    int status = exit_done;
+    uint64_t line = 0;
+    while (in.getline(buffer.data(), static_cast<std::streamsize>(buffer.size()))) {
+        ++line;
+        const std::string text = buffer.data();
+        std::string why;
+        if (text.find_first_not_of(" \t\r") == std::string::npos)
+            continue;
+        if (auto entry = entry_of_line(text, why))
+            entries[entry->db].push_back({std::move(*entry), line});
+        else
+            status = tell_line(file, line, why);
+    }
+    if (in.bad())
+        return tell_file(file, "read");
+    return in.eof() ? status : tell_line(file, line + 1, "the line is too long");
+}
+
+int read_file(const std::string &file, Entries &entries) {
+    if (file == standard_stream)
+        return read_entries("standard input", std::cin, entries);
+    struct stat status = {};
+    errno = 0;
+    if (stat(file.c_str(), &status) != 0)
+        return tell_file(file, "read");
+    if (!S_ISREG(status.st_mode)) {
+        tell_failure(TBS_ST_INVALID_ARG, "", "'%s' cannot be read: it is no file\n", file.c_str());
+        return exit_failed;
+    }
+    std::ifstream in(file, std::ios::binary);
+    return in ? read_entries(file, in, entries) : tell_file(file, "read");
+}
+
+int tell_import(const Import &arguments, const std::string &host, const Changes &changes,
+                const std::vector<Numbered> &entries, tbs_status_t status) {
+    const bool is_of_one = status == TBS_ST_ALREADY_EXISTS || status == TBS_ST_INVALID_ARG;
+    if (is_of_one)
+        tell_failure(status, host, "%s:%llu: the entry was not added: %s\n", arguments.file.c_str(),
+                     static_cast<unsigned long long>(entries.at(changes.failed()).line), tbs_strerror(status));
+    else
+        tell_failure(status, host, "Entries were not added: %s\n", tbs_strerror(status));
+    return exit_status_of(status);
+}
+
+int send_entries(const Import &arguments, const Settings &settings, const std::string &host, rvzd_handle_t *registry,
+                 const std::vector<Numbered> &entries, Results &results) {
+    const rgy_db_t db = entries[0].entry.db;
+    Changes changes(registry, db, arguments.is_atomic ? Changes::As::one : Changes::As::pieces,
+                    RGY_CHANGE_PASS_STANDING);
+    tbs_status_t status = TBS_ST_OK;
+    for (size_t i = 0; status == TBS_ST_OK && i < entries.size(); ++i) {
+        status = changes.add(0, entries[i].entry.flex_text);
+        begin_wait(settings.timeout);
+    }
+    if (status == TBS_ST_OK)
+        status = changes.finish();
+    const uint64_t done = status == TBS_ST_OK || !arguments.is_atomic ? changes.sent() : 0;
+    if (done > 0 || status == TBS_ST_OK)
+        results.add({"added", registry_db_name(db), done - changes.passed(), changes.passed(), host});
+    return status == TBS_ST_OK ? exit_done : tell_import(arguments, host, changes, entries, status);
+}
+
+int tell_what_would_be(const Entries &entries, const std::string &host, Results &results) {
+    for (const auto &[db, of_db] : entries)
+        results.add({"would add", registry_db_name(db), uint64_t{of_db.size()}, uint64_t{0}, host});
+    results.finish();
+    return exit_done;
+}
+
+int import_entries(const Import &arguments, const Settings &settings) {
+    Entries entries;
+    if (const int status = read_file(arguments.file, entries); status != exit_done)
+        return status;
+    const auto host = settled_host(arguments.host);
+    if (!host)
+        return exit_failed;
+    Results results(import_output, settings, arguments.is_dry_run ? Results::Of::look : Results::Of::change);
+    if (arguments.is_dry_run)
+        return tell_what_would_be(entries, *host, results);
+    const Broker registry = reach_broker(*host, RVZD_PROTOCOL_TCP, settings.timeout, As::caller);
+    if (registry == nullptr)
+        return exit_unreachable; // and told
+    int status = exit_done;
+    for (const auto &[db, of_db] : entries)
+        if (status == exit_done)
+            status = send_entries(arguments, settings, *host, registry.get(), of_db, results);
+    if (status == exit_done)
+        results.finish();
+    return status;
+}
+
+} // namespace
+
+const Commands registry_transfer_commands = commands;
+
+} // namespace velia::cli
