@@ -23,6 +23,7 @@ constexpr const char *other_uuid = "5e6f0b5f-7d1a-4c39-9d54-1a2b3c4d8a52";
 const Words in_berlin = {"TZ=Europe/Berlin"};
 
 constexpr const char *settings_file = "settings"; // of the site
+constexpr const char *entries_file = "entries";   // too
 
 // A line for each command, in an order in which each has something to tell.
 struct CommandLine {
@@ -38,6 +39,9 @@ const CommandLine command_lines[] = {
     {"registry add", {"vault_tag", "tag=/v", "title=a, b", "hostname=h", "attributes=ro,poolmap=/x=/y"}},
     {"registry find", {"vault_tag", "--string", "tag=/v"}},
     {"registry list", {"vault_tag"}},
+    {"registry update", {"vault_tag", "--string", "tag=/v", "--set", "title=c"}},
+    {"registry export", {"/dev/null", "--db", "vault_tag"}},
+    {"registry import", {entries_file}},
     {"registry stats", {"vault_tag", "--string", "tag=/v"}},
     {"registry dbs", {}},
     {"registry role", {}},
@@ -90,6 +94,7 @@ struct VeliactlSchema : VeliactlTest {
         site.write("host/config/rgy_svr.conf", "master");
         site.write("host/config/rgy_hosts.conf", "alpha\n\n");
         site.write("host/config/rgy_region.conf", "east\n");
+        site.write(entries_file, R"({"db":"regions","items":{"name":"east"}})");
         site.write(settings_file, "level = host\nview_cache_size = 2m\n");
         serve(sample_line(390600, "shared", "-", "--quiet-seconds 30") + "task 1 shell /bin/sh\n");
     }
@@ -99,7 +104,7 @@ struct VeliactlSchema : VeliactlTest {
         for (std::string word; path >> word;)
             words.push_back(word);
         for (const auto &argument : line.arguments)
-            words.push_back(argument == settings_file ? site.path(argument) : argument);
+            words.push_back(argument == settings_file || argument == entries_file ? site.path(argument) : argument);
         return words;
     }
     static void expect_objects(const std::string &errors) {

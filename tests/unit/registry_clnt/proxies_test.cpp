@@ -1,4 +1,4 @@
-// The fifteen proxies: what goes out, what comes back, and how a call fails.
+// The proxies: what goes out, what comes back, and how a call fails.
 #include <tests/unit/registry_clnt/registry_fixture.h>
 
 #include <functional>
@@ -28,6 +28,8 @@ struct Call {
     char host_list[RGY_WIRE_HOST_LIST_MAX + 1] = "before";
     char *host_list_out = host_list;
     tbs_uuid_t uuid = uuid_from(0x80);
+    uint32_t failed = 0;
+    uint32_t passed = 0;
 
     void release() {
         for (auto &entry : elist)
@@ -59,6 +61,9 @@ rgy_db_info_t dbs[] = {{0, const_cast<char *>("view_object"), uuid_from(5), uuid
                        {1, const_cast<char *>("view_tag"), uuid_from(8), uuid_from(9), -1}};
 const rvzd_registry_get_db_reply_t db_reply = {{}, 3, 2, dbs};
 const rvzd_registry_get_backup_reply_t backup_reply = {{}, const_cast<char *>("beta gamma")};
+
+const rgy_change_t changes[] = {{0, const_cast<char *>("-a=1;")}, {4711, nullptr}};
+const rvzd_registry_change_reply_t change_reply = {{}, 3, {}, TBS_ST_OK, 0, 1};
 
 const sim::Answer two_entries = batch({"-a=1;", "-b=2;"}, 9);
 const sim::Answer done = refusal(TBS_ST_OK);
@@ -114,6 +119,12 @@ const Proxy proxies[] = {
                                            c.elist, &c.count);
      },
      two_entries},
+    {"rvzd_rgy_change_entries", 10050, false,
+     [](Call &c) {
+         return rvzd_rgy_change_entries(c.handle, 3, 3, &c.pair, RGY_CHANGE_IF_UNCHANGED, &c.uuid, 7, changes, 2,
+                                        &c.failed, &c.passed);
+     },
+     sim::reply(xdr_rvzd_registry_change_reply_t, change_reply)},
 };
 
 class RegistryProxies : public RegistryTest {
@@ -346,12 +357,13 @@ TEST_P(RegistryFetch, WhatWasCopiedBeforeStorageRanOutStaysForTheCallerToFree) {
     EXPECT_TRUE(seen);
 }
 
-TEST_F(RegistryProxies, ABrokerThatDoesNotKnowPatternsIsANormalAnswer) {
+TEST_F(RegistryProxies, ABrokerThatDoesNotKnowPatternsOrManyChangesIsANormalAnswer) {
     for (const auto &proxy : proxies) {
         world.peer.answer(proxy.procedure, sim::failure(RPC_PROCUNAVAIL));
-        const bool is_pattern = proxy.procedure == RVZD_PROC_RGY_GET_PATTERN_ENTRY;
-        EXPECT_EQ(proxy.call(call), is_pattern ? TBS_ST_UNSUPPORTED : TBS_ST_RPC_FAILED) << proxy.name;
-        EXPECT_EQ(world.take_errors().size(), is_pattern ? 0u : 1u) << proxy.name;
+        const bool is_newer =
+            proxy.procedure == RVZD_PROC_RGY_GET_PATTERN_ENTRY || proxy.procedure == RVZD_PROC_RGY_CHANGE_ENTRIES;
+        EXPECT_EQ(proxy.call(call), is_newer ? TBS_ST_UNSUPPORTED : TBS_ST_RPC_FAILED) << proxy.name;
+        EXPECT_EQ(world.take_errors().size(), is_newer ? 0u : 1u) << proxy.name;
     }
 }
 
@@ -439,6 +451,41 @@ TEST_F(RegistryProxies, TheUpdatesSendStampsAndTheirMatter) {
     EXPECT_EQ(access.uid, 1000);
     EXPECT_STREQ(access.password, "secret");
     stg_free(access.password);
+}
+
+TEST_F(RegistryProxies, ManyChangesAreSentAsASetAndTellWhichFailed) {
+    rvzd_registry_change_reply_t refused = {{}, 3, {{{9}}, {}}, TBS_ST_ALREADY_EXISTS, 8, 0};
+    world.peer.answer(RVZD_PROC_RGY_CHANGE_ENTRIES, sim::reply(xdr_rvzd_registry_change_reply_t, refused));
+    const auto pair = call.pair;
+    EXPECT_EQ(proxies[15].call(call), TBS_ST_ALREADY_EXISTS);
+    EXPECT_EQ(call.failed, 8u);
+    EXPECT_EQ(call.pair.dtm.bytes[0], 9) << "the stamps are those of the registry";
+    auto sent = world.peer.last().decode(xdr_rvzd_registry_change_req_t);
+    EXPECT_TRUE(tbs_uuid_eq(&sent.dtm.dtm, &pair.dtm));
+    EXPECT_EQ(sent.flags, uint32_t{RGY_CHANGE_IF_UNCHANGED});
+    EXPECT_TRUE(tbs_uuid_eq(&sent.set, &call.uuid));
+    EXPECT_EQ(sent.before, 7u);
+    ASSERT_EQ(sent.count, 2);
+    EXPECT_STREQ(sent.changes[0].flex_text, "-a=1;");
+    EXPECT_EQ(sent.changes[1].entry_id, 4711u);
+    EXPECT_STREQ(sent.changes[1].flex_text, "");
+    xdr_free(reinterpret_cast<xdrproc_t>(xdr_rvzd_registry_change_req_t), &sent);
+}
+
+TEST_F(RegistryProxies, ChangesThatFitIntoNoRequestAreNotSent) {
+    const std::string text = "-title=" + std::string(4000, 't') + ";";
+    std::vector<rgy_change_t> many(15, {0, const_cast<char *>(text.c_str())});
+    const auto send = [&] {
+        return rvzd_rgy_change_entries(call.handle, 3, 3, &call.pair, 0, nullptr, 0, many.data(),
+                                       static_cast<int64_t>(many.size()), &call.failed, &call.passed);
+    };
+    const size_t calls = world.peer.calls.size();
+    EXPECT_EQ(send(), TBS_ST_INVALID_ARG);
+    EXPECT_EQ(world.peer.calls.size(), calls);
+    many.pop_back();
+    world.peer.answer(RVZD_PROC_RGY_CHANGE_ENTRIES, sim::reply(xdr_rvzd_registry_change_reply_t, change_reply));
+    EXPECT_EQ(send(), TBS_ST_OK);
+    EXPECT_EQ(call.passed, 1u);
 }
 
 TEST_F(RegistryProxies, TheConfigurationCallsSendOperationAndText) {

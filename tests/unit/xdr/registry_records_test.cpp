@@ -173,6 +173,13 @@ const RecordCase record_cases[] = {
          expect_bytes(xdr_rvzd_registry_remove_req_t, {request_header, 3, 3, stamps, 4711},
                       Fields().db_prefix().pair().word(4711));
      }},
+    {"ChangeRequest",
+     [] {
+         rgy_change_t changes[] = {{0, text("-a=1;")}, {4711, nullptr}};
+         expect_bytes(
+             xdr_rvzd_registry_change_req_t, {request_header, 3, 3, stamps, 2, uuid_from(0x80), 7, 2, changes},
+             Fields().db_prefix().pair().word(2).uuid(0x80).word(7).word(2).word(0).text("-a=1;").word(4711).text(""));
+     }},
     {"ChkAccessRequest",
      [] {
          expect_bytes(xdr_rvzd_registry_chk_access_req_t, {request_header, 3, 3, -2, text("secret")},
@@ -249,6 +256,11 @@ const RecordCase record_cases[] = {
                           .uuid(3)
                           .uuid(4)
                           .word(5));
+     }},
+    {"ChangeReply",
+     [] {
+         expect_bytes(xdr_rvzd_registry_change_reply_t, {good_reply, 3, stamps, 1072, 5, 6},
+                      Fields().good_reply().word(3).pair().word(1072).word(5).word(6));
      }},
     {"GetBackupReply",
      [] {
