@@ -48,9 +48,9 @@ void fill_request(Sampler &s, Record &r) {
     if constexpr (requires { r.entry_id; })
         r.entry_id = s.word();
     if constexpr (requires { r.changes; }) {
-        r.flags = s.word();
+        r.flags = static_cast<uint32_t>(s.word());
         fill(s, r.set);
-        r.before = s.word();
+        r.before = static_cast<uint32_t>(s.word());
         r.count = static_cast<int64_t>(s.number(4));
         r.changes = r.count > 0 ? s.array<rgy_change_t>(static_cast<size_t>(r.count)) : nullptr;
         for (int64_t i = 0; i < r.count; ++i)
@@ -112,8 +112,8 @@ void fill_body(Sampler &s, rvzd_registry_change_reply_t &r) {
     r.version = s.signed_word();
     fill_pair(s, r.dtm);
     r.outcome = s.signed_word();
-    r.failed = s.word();
-    r.passed = s.word();
+    r.failed = static_cast<uint32_t>(s.word());
+    r.passed = static_cast<uint32_t>(s.word());
 }
 void fill_body(Sampler &s, rvzd_registry_get_backup_reply_t &r) {
     r.host_list = s.text(RGY_WIRE_HOST_LIST_MAX);
