@@ -17,7 +17,13 @@
 namespace velia::cli {
 
 // Exit statuses, told in every command's help.
-enum ExitStatus { exit_done = 0, exit_failed = 1, exit_usage = 2, exit_unreachable = 3 };
+enum ExitStatus {
+    exit_done = 0,
+    exit_failed = 1,
+    exit_usage = 2,
+    exit_unreachable = 3,
+    exit_changes = 4, // of what only tells what would be done: there is something
+};
 
 struct Settings {
     Format format = Format::plain;

@@ -42,6 +42,7 @@ std::vector<Command> all_commands() {
                                  registry_commands,
                                  registry_update_commands,
                                  registry_transfer_commands,
+                                 registry_apply_commands,
                                  registry_watch_commands,
                                  registry_admin_commands,
                                  registry_role_commands,

@@ -15,6 +15,7 @@ extern const Commands registry_commands;
 extern const Commands registry_update_commands;
 extern const Commands registry_transfer_commands;
 extern const Commands registry_watch_commands;
+extern const Commands registry_apply_commands;
 extern const Commands registry_admin_commands;
 extern const Commands registry_role_commands;
 extern const Commands registry_site_commands;

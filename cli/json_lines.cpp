@@ -17,38 +17,16 @@ namespace {
 
 using Json = nlohmann::ordered_json; // the items keep their order
 
-struct Item {
-    std::string name; // without its hyphen
-    std::vector<std::string> values;
-};
-
 struct Flaw : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// In the order in which they stand first.
-std::optional<std::vector<Item>> items_of(const std::string &flex_text) {
-    rgy_flex_entry_t flex = {};
-    if (rgy_expand_flex_entry(flex_text.c_str(), &flex) != TBS_ST_OK)
-        return std::nullopt;
-    std::vector<Item> items;
-    for (int32_t i = 0; i < flex.count; ++i) {
-        const std::string name = std::string(flex.items[i].name).substr(1);
-        auto item = std::find_if(items.begin(), items.end(), [&](const Item &known) { return known.name == name; });
-        if (item == items.end())
-            item = items.insert(items.end(), {name, {}});
-        item->values.emplace_back(flex.items[i].value);
-    }
-    rgy_destroy_flex_entry(&flex);
-    return items;
-}
-
-bool are_known(const std::vector<Item> &items) {
+bool are_known(const std::vector<EntryItem> &items) {
     return std::all_of(items.begin(), items.end(),
-                       [](const Item &item) { return item_of_name(item.name).has_value(); });
+                       [](const EntryItem &item) { return item_of_name(item.name).has_value(); });
 }
 
-std::string text_of_items(const std::vector<Item> &items) {
+std::string text_of_items(const std::vector<EntryItem> &items) {
     std::string text;
     for (const auto &[name, values] : items)
         for (const auto &value : values)
@@ -102,10 +80,10 @@ std::string value_of(const std::string &name, const Json &value) {
     return text;
 }
 
-Item item_of(const std::string &name, const Json &value) {
+EntryItem item_of(const std::string &name, const Json &value) {
     if (!item_of_name(name))
         throw Flaw("\"" + name + "\" is no item");
-    Item item = {name, {}};
+    EntryItem item = {name, {}};
     if (!value.is_array())
         item.values.push_back(value_of(name, value));
     else
@@ -117,7 +95,7 @@ Item item_of(const std::string &name, const Json &value) {
 std::string text_of(const Json &object) {
     if (object.contains("bytes"))
         return bytes_of(member(object, "bytes", Json::value_t::string).get<std::string>());
-    std::vector<Item> items;
+    std::vector<EntryItem> items;
     for (const auto &[name, value] : member(object, "items", Json::value_t::object).items())
         items.push_back(item_of(name, value));
     return text_of_items(items);
@@ -143,11 +121,28 @@ EntryLine entry_of(const Json &object) {
 
 } // namespace
 
+std::optional<std::vector<EntryItem>> entry_items(const std::string &flex_text) {
+    rgy_flex_entry_t flex = {};
+    if (rgy_expand_flex_entry(flex_text.c_str(), &flex) != TBS_ST_OK)
+        return std::nullopt;
+    std::vector<EntryItem> items;
+    for (int32_t i = 0; i < flex.count; ++i) {
+        const std::string name = std::string(flex.items[i].name).substr(1);
+        auto item =
+            std::find_if(items.begin(), items.end(), [&](const EntryItem &known) { return known.name == name; });
+        if (item == items.end())
+            item = items.insert(items.end(), {name, {}});
+        item->values.emplace_back(flex.items[i].value);
+    }
+    rgy_destroy_flex_entry(&flex);
+    return items;
+}
+
 std::string line_of(const EntryLine &entry) {
     std::string line = "{\"db\":" + json_text(registry_db_name(entry.db));
     if (entry.id != 0)
         line += ",\"id\":" + std::to_string(entry.id);
-    const auto items = items_of(entry.flex_text);
+    const auto items = entry_items(entry.flex_text);
     if (!items || !are_known(*items) || !is_utf8(entry.flex_text) || text_of_items(*items) != entry.flex_text)
         return line + R"(,"bytes":")" + hexadecimal(entry.flex_text) + "\"}";
     line += ",\"items\":{";

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <veliaxdr/rgy_entry.h>
 
@@ -14,6 +15,14 @@ struct EntryLine {
     uint64_t id = 0; // 0: it has none
     std::string flex_text;
 };
+
+struct EntryItem {
+    std::string name; // without its hyphen
+    std::vector<std::string> values;
+};
+
+// In the order in which they stand first; nothing for what is no entry.
+std::optional<std::vector<EntryItem>> entry_items(const std::string &flex_text);
 
 // Without a line feed. An item that comes again has a list of its values. A text that JSON cannot hold as it is, since
 // it is no UTF-8, or has items of no known name, stands as "bytes" in hexadecimal digits.

@@ -3,26 +3,23 @@
 
 #include <fstream>
 #include <iostream>
-#include <map>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cli/broker.h>
 #include <cli/commands.h>
+#include <cli/entry_file.h>
 #include <cli/messages.h>
 #include <cli/registry_bulk.h>
 #include <cli/results.h>
 #include <cli/streams.h>
 #include <cli/waits.h>
-#include <support/imsg.h>
 #include <veliaxdr/rgy_site.h>
 
 namespace velia::cli {
 
 namespace {
 
-constexpr size_t line_bytes_max = 65536;
 constexpr const char *standard_stream = "-";
 
 struct Export {
@@ -112,11 +109,6 @@ std::vector<rgy_db_t> dbs_of(const std::vector<std::string> &names) {
     return dbs;
 }
 
-int tell_file(const std::string &file, const char *what) {
-    tell_failure(TBS_ST_ERROR, "", "'%s' cannot be %s: %s\n", file.c_str(), what, imsg_strerror(errno));
-    return exit_failed;
-}
-
 // A file that is complete or not there.
 class NewFile {
 public:
@@ -180,12 +172,12 @@ int export_entries(const Export &arguments, const Settings &settings) {
     }
     NewFile file(arguments.file);
     if (!file.stream().good())
-        return tell_file(arguments.file, "written");
+        return tell_file_trouble(arguments.file, "written");
     const int status = write_databases(arguments, *host, settings, file.stream(), written);
     if (status != exit_done)
         return status;
     if (!file.keep())
-        return tell_file(arguments.file, "written");
+        return tell_file_trouble(arguments.file, "written");
     Results results(export_output, settings, Results::Of::change);
     for (const auto &[db, entries] : written)
         results.add({registry_db_name(db), entries, arguments.file});
@@ -193,57 +185,8 @@ int export_entries(const Export &arguments, const Settings &settings) {
     return exit_done;
 }
 
-// An entry of the file, and where it stands.
-struct Numbered {
-    EntryLine entry;
-    uint64_t line;
-};
-using Entries = std::map<rgy_db_t, std::vector<Numbered>>;
-
-int tell_line(const std::string &file, uint64_t line, const std::string &why) {
-    tell_failure(TBS_ST_INVALID_ARG, "", "%s:%llu: %s\n", file.c_str(), static_cast<unsigned long long>(line),
-                 why.c_str());
-    return exit_failed;
-}
-
-// Every line is looked at, so that all faults are told at once.
-int read_entries(const std::string &file, std::istream &in, Entries &entries) {
-    std::vector<char> buffer(line_bytes_max);
-    int status = exit_done;
-    uint64_t line = 0;
-    while (in.getline(buffer.data(), static_cast<std::streamsize>(buffer.size()))) {
-        ++line;
-        const std::string text = buffer.data();
-        std::string why;
-        if (text.find_first_not_of(" \t\r") == std::string::npos)
-            continue;
-        if (auto entry = entry_of_line(text, why))
-            entries[entry->db].push_back({std::move(*entry), line});
-        else
-            status = tell_line(file, line, why);
-    }
-    if (in.bad())
-        return tell_file(file, "read");
-    return in.eof() ? status : tell_line(file, line + 1, "the line is too long");
-}
-
-int read_file(const std::string &file, Entries &entries) {
-    if (file == standard_stream)
-        return read_entries("standard input", std::cin, entries);
-    struct stat status = {};
-    errno = 0;
-    if (stat(file.c_str(), &status) != 0)
-        return tell_file(file, "read");
-    if (!S_ISREG(status.st_mode)) {
-        tell_failure(TBS_ST_INVALID_ARG, "", "'%s' cannot be read: it is no file\n", file.c_str());
-        return exit_failed;
-    }
-    std::ifstream in(file, std::ios::binary);
-    return in ? read_entries(file, in, entries) : tell_file(file, "read");
-}
-
 int tell_import(const Import &arguments, const std::string &host, const Changes &changes,
-                const std::vector<Numbered> &entries, tbs_status_t status) {
+                const std::vector<NumberedEntry> &entries, tbs_status_t status) {
     const bool is_of_one = status == TBS_ST_ALREADY_EXISTS || status == TBS_ST_INVALID_ARG;
     if (is_of_one)
         tell_failure(status, host, "%s:%llu: the entry was not added: %s\n", arguments.file.c_str(),
@@ -254,7 +197,7 @@ int tell_import(const Import &arguments, const std::string &host, const Changes 
 }
 
 int send_entries(const Import &arguments, const Settings &settings, const std::string &host, rvzd_handle_t *registry,
-                 const std::vector<Numbered> &entries, Results &results) {
+                 const std::vector<NumberedEntry> &entries, Results &results) {
     const rgy_db_t db = entries[0].entry.db;
     Changes changes(registry, db, arguments.is_atomic ? Changes::As::one : Changes::As::pieces,
                     RGY_CHANGE_PASS_STANDING);
@@ -271,7 +214,7 @@ int send_entries(const Import &arguments, const Settings &settings, const std::s
     return status == TBS_ST_OK ? exit_done : tell_import(arguments, host, changes, entries, status);
 }
 
-int tell_what_would_be(const Entries &entries, const std::string &host, Results &results) {
+int tell_what_would_be(const EntriesOfDbs &entries, const std::string &host, Results &results) {
     for (const auto &[db, of_db] : entries)
         results.add({"would add", registry_db_name(db), uint64_t{of_db.size()}, uint64_t{0}, host});
     results.finish();
@@ -279,8 +222,8 @@ int tell_what_would_be(const Entries &entries, const std::string &host, Results 
 }
 
 int import_entries(const Import &arguments, const Settings &settings) {
-    Entries entries;
-    if (const int status = read_file(arguments.file, entries); status != exit_done)
+    EntriesOfDbs entries;
+    if (const int status = read_entry_file(arguments.file, entries); status != exit_done)
         return status;
     const auto host = settled_host(arguments.host);
     if (!host)

@@ -21,6 +21,7 @@ struct Watch {
     std::string db;
     std::string host;
     Duration interval = std::chrono::seconds(2);
+    int64_t looks = 0;
     bool leaves_present_out = false;
 };
 
@@ -33,6 +34,11 @@ Options watch_options(Watch &watch) {
              .target = &watch.interval,
              .range = Range{1, 3600 * 1000},
              .shows_default = true},
+            {.name = "--looks",
+             .type = "COUNT",
+             .help = "end after so many looks (default: when interrupted)",
+             .target = &watch.looks,
+             .range = Range{1, INT32_MAX}},
             {.name = "--changes-only",
              .help = "do not show what is there at the beginning",
              .target = &watch.leaves_present_out}};
@@ -135,15 +141,16 @@ int watch_database(const Watch &watch, const Settings &settings) {
         show_changes({}, seen.texts, "present", results);
     Seen before = seen;
     // A watch of a database in which nothing happens writes nothing by which it would notice that its reader has gone.
-    while (!are_waits_over() && results.show() && wait_while_read(watch.interval)) {
-        if (look(watch, *host, settings, seen) != exit_done)
-            continue;
-        show_changes(before.texts, seen.texts, "added", results);
-        before = seen;
-    }
-    if (are_waits_over()) // the usual end of a watch
+    int64_t looks = 1;
+    for (; !are_waits_over() && results.show() && looks != watch.looks && wait_while_read(watch.interval); ++looks)
+        if (look(watch, *host, settings, seen) == exit_done) {
+            show_changes(before.texts, seen.texts, "added", results);
+            before = seen;
+        }
+    const bool is_done = looks == watch.looks;
+    if (is_done || are_waits_over())
         results.finish();
-    return exit_failed;
+    return is_done ? exit_done : exit_failed;
 }
 
 } // namespace

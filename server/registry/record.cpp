@@ -6,31 +6,11 @@
 #include <string_view>
 #include <vector>
 
+#include <common/entry_identity.h>
+
 namespace velia::server {
 
 namespace {
-
-struct Identity {
-    rgy_db_t db;
-    std::array<uint32_t, 2> items; // RGY_ITEM_COUNT: none
-};
-
-// Objects are unlike by their uuid, tags by their name within a region, the rest by their name.
-constexpr std::array identities = {
-    Identity{RGY_DB_VIEW_OBJECT, {RGY_ITEM_VIEW_UUID, RGY_ITEM_COUNT}},
-    Identity{RGY_DB_VIEW_TAG, {RGY_ITEM_TAG, RGY_ITEM_REGION}},
-    Identity{RGY_DB_VAULT_OBJECT, {RGY_ITEM_VAULT_REPLICA, RGY_ITEM_COUNT}},
-    Identity{RGY_DB_VAULT_TAG, {RGY_ITEM_TAG, RGY_ITEM_REGION}},
-    Identity{RGY_DB_REGIONS, {RGY_ITEM_NAME, RGY_ITEM_COUNT}},
-    Identity{RGY_DB_BBASE_OBJECT, {RGY_ITEM_ID, RGY_ITEM_COUNT}},
-    Identity{RGY_DB_BBASE_TAG, {RGY_ITEM_TAG, RGY_ITEM_REGION}},
-    Identity{RGY_DB_SITE_CONFIG, {RGY_ITEM_NAME, RGY_ITEM_COUNT}},
-    Identity{RGY_DB_STORAGE_PATH, {RGY_ITEM_NAME, RGY_ITEM_REGION}},
-    Identity{RGY_DB_DCT_DBS, {RGY_ITEM_DATABASE, RGY_ITEM_COUNT}},
-    Identity{RGY_DB_CT_SERVERS, {RGY_ITEM_NAME, RGY_ITEM_COUNT}},
-    Identity{RGY_DB_DOMAINS, {RGY_ITEM_DOMAIN, RGY_ITEM_COUNT}},
-};
-static_assert(identities.size() == RGY_DB_ALL);
 
 // The first of the site's settings has, beside the entry of its name, one in an old form without a name: there may be
 // one of each. No name begins with a semicolon.
@@ -68,12 +48,12 @@ std::optional<std::string> spelled_uuid(const std::string &text) {
 }
 
 std::string identity_of(rgy_db_t db, const Items &items) {
-    if (db >= identities.size())
+    if (db >= entry_identities.size())
         return "";
     if (is_old_form(db, items))
         return old_form_identity;
     std::string identity;
-    for (const uint32_t item : identities[db].items) {
+    for (const uint32_t item : entry_identities[db].items) {
         const std::string value = item < RGY_ITEM_COUNT ? value_of(items, registry_item_name(item)) : "";
         if (identity.empty() && value.empty())
             return "";

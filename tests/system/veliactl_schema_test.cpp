@@ -39,8 +39,11 @@ const CommandLine command_lines[] = {
     {"registry add", {"vault_tag", "tag=/v", "title=a, b", "hostname=h", "attributes=ro,poolmap=/x=/y"}},
     {"registry find", {"vault_tag", "--string", "tag=/v"}},
     {"registry list", {"vault_tag"}},
+    {"registry watch", {"vault_tag", "--looks", "1"}},
     {"registry update", {"vault_tag", "--string", "tag=/v", "--set", "title=c"}},
     {"registry export", {"/dev/null", "--db", "vault_tag"}},
+    {"registry plan", {"-f", entries_file}},
+    {"registry apply", {"-f", entries_file}},
     {"registry import", {entries_file}},
     {"registry stats", {"vault_tag", "--string", "tag=/v"}},
     {"registry dbs", {}},
@@ -87,7 +90,7 @@ const CommandLine command_lines[] = {
     {"acl show", {"alpha"}},
 };
 // Without a password nobody is granted anything; it is told all the same.
-const std::map<std::string, int> other_statuses = {{"probe", 3}, {"registry check", 1}};
+const std::map<std::string, int> other_statuses = {{"probe", 3}, {"registry plan", 4}, {"registry check", 1}};
 
 struct VeliactlSchema : VeliactlTest {
     void serve_all() {

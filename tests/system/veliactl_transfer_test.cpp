@@ -43,8 +43,8 @@ std::string line_of_region(const std::string &name) {
 
 TEST_F(VeliactlTransfer, WhatIsExportedIsImportedAsItWas) {
     for (const std::string text :
-         {"-name=east;-title=The \"eastern\" lab, \\ and more;", "-name=west;-type=;",
-          "-name=twice;-title=a;-title=b;", hostile_text.c_str(), "-name=u;-title=\u00fc\u4e16;"})
+         {"-name=east;-title=The \"eastern\" lab, \\ and more;", "-name=west;-type=;", "-name=twice;-title=a;-title=b;",
+          hostile_text.c_str(), "-name=u;-title=\u00fc\u4e16;"})
         ASSERT_EQ(add(RGY_DB_REGIONS, text), TBS_ST_OK) << text;
     ASSERT_EQ(add(RGY_DB_VAULT_TAG, "-tag=/v;-region=east;-attributes=a=b,ro;"), TBS_ST_OK);
     const std::string before = exported();
@@ -205,4 +205,65 @@ TEST_F(VeliactlTransfer, AWatchShowsWhatIsAddedChangedAndRemoved) {
     EXPECT_TRUE(shows("removed", "east"));
     watch.signal(SIGINT);
     EXPECT_EQ(watch.wait(), INTERRUPTED);
+}
+
+TEST_F(VeliactlTransfer, APlanTellsWhatAnApplyThenDoes) {
+    for (const char *text : {"-name=same;", "-name=east;-title=before;-project=x;", "-name=gone;"})
+        ASSERT_EQ(add(RGY_DB_REGIONS, text), TBS_ST_OK);
+    ASSERT_EQ(add(RGY_DB_DOMAINS, "-domain=untouched;"), TBS_ST_OK);
+    site.write("want.jsonl", R"({"db":"regions","items":{"name":"new"}})"
+                             "\n" +
+                                 line_of_region("same") +
+                                 R"({"db":"regions","items":{"name":"east","title":"after","owner":"alice"}})"
+                                 "\n");
+    const Words plan = {"registry", "plan", "-f", site.path("want.jsonl"), "--prune"};
+    const auto planned = objects(plan, 4);
+    ASSERT_EQ(planned.size(), 5u);
+    EXPECT_THAT(planned[0].dump(), HasSubstr("name=new"));
+    std::string all;
+    for (const auto &row : planned)
+        all += row.dump();
+    for (const char *part : {R"("before":"before")", R"("after":"after")", R"("item":"project")", R"("item":"owner")",
+                             R"("action":"remove")", R"("line":3)"})
+        EXPECT_THAT(all, HasSubstr(part));
+    EXPECT_THAT(all, Not(HasSubstr("same")));
+    EXPECT_THAT(names(), ElementsAre("same", "east", "gone"));
+    const auto done = objects({"registry", "apply", "-f", site.path("want.jsonl"), "--prune"});
+    EXPECT_EQ(done.size(), planned.size());
+    EXPECT_THAT(names(), ElementsAre("same", "east", "new"));
+    EXPECT_THAT(exported(), HasSubstr("untouched"));
+    EXPECT_THAT(objects(plan), IsEmpty()) << "there is nothing left to do";
+}
+
+TEST_F(VeliactlTransfer, WithoutPruneNothingIsRemoved) {
+    ASSERT_EQ(add(RGY_DB_REGIONS, "-name=stays;"), TBS_ST_OK);
+    site.write("want.jsonl", line_of_region("new"));
+    EXPECT_EQ(objects({"registry", "apply", "-f", site.path("want.jsonl")}).size(), 1u);
+    EXPECT_THAT(names(), ElementsAre("stays", "new"));
+}
+
+TEST_F(VeliactlTransfer, AnEntryThatAFileHasTwiceIsTold) {
+    site.write("want.jsonl", line_of_region("a") + line_of_region("b") + line_of_region("a"));
+    const auto outcome = veliactl({"registry", "apply", "-f", site.path("want.jsonl")});
+    EXPECT_EQ(outcome.status, FAILED);
+    EXPECT_THAT(outcome.errors, HasSubstr("want.jsonl:3: "));
+    EXPECT_THAT(outcome.errors, HasSubstr("line 1"));
+    EXPECT_THAT(names(), IsEmpty());
+}
+
+TEST_F(VeliactlTransfer, TagsOfTwoRegionsAreTwoEntriesAndAUuidIsOneHoweverItIsWritten) {
+    ASSERT_EQ(add(RGY_DB_VAULT_TAG, "-tag=/v;-region=east;"), TBS_ST_OK);
+    ASSERT_EQ(add(RGY_DB_VIEW_OBJECT, "-view_uuid=0B5F8A52-7D1A-4C39-9D54-1A2B3C4D5E6F;"), TBS_ST_OK);
+    site.write("want.jsonl",
+               R"({"db":"vault_tag","items":{"tag":"/v","region":"west"}})"
+               "\n"
+               R"({"db":"view_object","items":{"view_uuid":"0b5f8a52-7d1a-4c39-9d54-1a2b3c4d5e6f","hostname":"h"}})"
+               "\n");
+    const auto done = objects({"registry", "apply", "-f", site.path("want.jsonl")});
+    std::string all;
+    for (const auto &row : done)
+        all += row.dump() + "\n";
+    EXPECT_THAT(all, HasSubstr(R"("action":"add")"));
+    EXPECT_THAT(all, HasSubstr(R"("item":"hostname")"));
+    EXPECT_THAT(exported(), HasSubstr("east"));
 }
