@@ -8,6 +8,8 @@
 #include <pwd.h>
 
 #include <server/registry/store.h>
+#include <server/rpc/long_replies.h>
+#include <server/scheduler/changes.h>
 #include <veliaxdr/sched_check.h>
 
 namespace velia::server {
@@ -16,6 +18,7 @@ namespace {
 
 constexpr size_t seen_max = 4096;
 constexpr size_t jobs_max = 200000;
+constexpr size_t jobs_at_once_max = 8; // in one round, however long each is
 constexpr sched_event_mask_t event_deleted = 0x20;
 constexpr sched_event_mask_t event_modified = 0x40;
 
@@ -57,6 +60,12 @@ sched_job_properties_t lent(const Job &job, JobBody &body) {
     return properties;
 }
 
+bool encode_job(XDR &stream, const Job &job) {
+    JobBody body(job.row.body);
+    auto properties = lent(job, body);
+    return xdr_sched_job_properties_t(&stream, &properties) != FALSE;
+}
+
 // By whom, as he is known; names are looked up in the thread.
 struct Doer {
     std::optional<uint32_t> uid;
@@ -83,6 +92,9 @@ Deed deed_of(const Doer &doer, int64_t when) {
 }
 
 } // namespace
+
+SchedulerProcedures::SchedulerProcedures(Scheduler &scheduler, const Guard &guard)
+    : scheduler_(scheduler), guard_(guard), lister_(scheduler.loop(), scheduler.jobs(), encode_job) {}
 
 bool SchedulerProcedures::is_administrator_here(const Caller &caller) const {
     return guard_.permits({RVZD_PROC_SCHED_SET_ACL}, caller);
@@ -156,6 +168,8 @@ void SchedulerProcedures::job_has_info_changed(const sched_job_request_t &reques
 void SchedulerProcedures::get_jobs(const sched_request_t & /*request*/, const Caller &caller,
                                    To<sched_get_jobs_reply_t> answer) {
     const auto &jobs = scheduler_.jobs().all();
+    if (jobs.size() > jobs_at_once_max)
+        return get_many_jobs(caller, answer);
     std::vector<std::unique_ptr<JobBody>> bodies;
     std::vector<sched_job_properties_t> properties;
     for (const auto &[id, job] : jobs) {
@@ -166,6 +180,24 @@ void SchedulerProcedures::get_jobs(const sched_request_t & /*request*/, const Ca
     auto count = static_cast<uint32_t>(properties.size());
     auto *array = properties.data();
     answer(TBS_ST_OK, {TBS_ST_OK, &count, &array});
+}
+
+void SchedulerProcedures::get_many_jobs(const Caller &caller, To<sched_get_jobs_reply_t> answer) {
+    const auto sender = sender_of(caller);
+    uint32_t count = 0;
+    sched_job_properties_t *none = nullptr;
+    const bool is_taken =
+        has_room_for_long_reply(sender.host) &&
+        lister_.make(sender, answer.encoded(TBS_ST_OK, {TBS_ST_OK, &count, &none}), [answer](MessageBytes message) {
+            if (message.empty())
+                answer(TBS_ST_NO_STORAGE, {});
+            else
+                answer.send(std::move(message));
+        });
+    if (is_taken)
+        has_seen(caller, 0, scheduler_.jobs().version());
+    else
+        answer(TBS_ST_TRY_AGAIN, {});
 }
 
 void SchedulerProcedures::get_tasks(const sched_request_t & /*request*/, const Caller & /*caller*/,
@@ -196,10 +228,10 @@ void SchedulerProcedures::set_acl(const sched_acl_request_t &request, const Call
     const auto is_good = std::make_shared<bool>(false);
     const bool is_taken = scheduler_.ask(
         sender_of(caller),
-        [bytes, made, is_good](JobStore &store) {
+        [bytes, made, is_good, doer = doer_of(caller)](JobStore &store) {
             *is_good = made->take(bytes);
             if (*is_good)
-                store.set_acl(bytes);
+                store.set_acl(bytes, {0, deed_of(doer, time(nullptr)), "access", 0, "", ""});
         },
         [this, made, is_good, answer](tbs_status_t status) {
             if (status == TBS_ST_OK && *is_good)
@@ -341,9 +373,9 @@ void SchedulerProcedures::create(sched_job_utc_rw_props_t &props, const Caller &
     ++names_on_the_way_[name];
     const bool is_taken = scheduler_.ask(
         sender_of(caller),
-        [row, doer = doer_of(caller)](JobStore &store) {
+        [row, name, doer = doer_of(caller)](JobStore &store) {
             row->created = row->changed = deed_of(doer, row->changed_start);
-            row->id = store.add(*row);
+            row->id = store.add(*row, {0, row->changed, "created", 0, noted_name(name), ""});
         },
         [this, row, name, err_mask, answer](tbs_status_t done) mutable {
             names_on_the_way_.erase(name);
@@ -390,13 +422,14 @@ void SchedulerProcedures::set_properties(sched_job_h_t handle, sched_job_utc_rw_
     row->changed_start = time(nullptr);
     row->considered = std::max<int64_t>(row->considered, row->changed_start - 1);
     const auto is_there = std::make_shared<bool>(false);
+    const auto fields = changed_fields(JobBody(job->row.body).get().rw, props.rw);
     const std::string name = props.rw.name;
     ++names_on_the_way_[name];
     const bool is_taken = scheduler_.ask(
         sender_of(caller),
-        [row, is_there, doer = doer_of(caller)](JobStore &store) {
+        [row, is_there, name, fields, doer = doer_of(caller)](JobStore &store) {
             row->changed = deed_of(doer, row->changed_start);
-            *is_there = store.change(*row);
+            *is_there = store.change(*row, {0, row->changed, "changed", row->id, noted_name(name), fields});
         },
         [this, row, is_there, name, err_mask, answer](tbs_status_t done) mutable {
             names_on_the_way_.erase(name);
@@ -441,7 +474,10 @@ void SchedulerProcedures::job_delete(const sched_job_delete_request_t &request, 
     if (job->phase == Job::Phase::running && request.flag == 0)
         return refuse(TBS_ST_TRY_AGAIN);
     const bool is_taken = scheduler_.ask(
-        sender_of(caller), [id](JobStore &store) { store.remove(id); },
+        sender_of(caller),
+        [id, name = job->name, doer = doer_of(caller)](JobStore &store) {
+            store.remove(id, {0, deed_of(doer, time(nullptr)), "deleted", id, noted_name(name), ""});
+        },
         [this, id, answer](tbs_status_t status) {
             const Job *deleted = scheduler_.jobs().find(id);
             if (status == TBS_ST_OK && deleted != nullptr) {
@@ -533,6 +569,10 @@ std::vector<ServedProcedure> SchedulerProcedures::rows() {
         row<procedures::sched_job_create_utc, &P::job_create_utc>(),
         row<procedures::sched_job_get_properties_utc, &P::job_get_properties_utc>(),
         row<procedures::sched_job_set_properties_utc, &P::job_set_properties_utc>(),
+        row<procedures::sched_run_get_output, &P::run_get_output>(),
+        row<procedures::sched_run_get_history, &P::run_get_history>(),
+        row<procedures::sched_get_changes, &P::get_changes>(),
+        row<procedures::sched_get_next_runs, &P::get_next_runs>(),
     };
 }
 

@@ -122,6 +122,10 @@ const Task *Scheduler::task(sched_task_id_t id) const {
     return nullptr;
 }
 
+std::string Scheduler::output_path(const RunRow &run) const {
+    return run_paths(directory_, run).output;
+}
+
 bool Scheduler::may_run(const std::optional<uint32_t> &owner) {
     return geteuid() != 0 || owner.has_value();
 }

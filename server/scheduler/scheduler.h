@@ -39,6 +39,7 @@ public:
     void stop() { is_open_ = false; }
     bool is_open() const { return is_open_; }
 
+    uv_loop_t *loop() const { return loop_; }
     Jobs &jobs() { return jobs_; }
     AccessList &access() { return access_; }
     const std::vector<Task> &tasks() const { return settings_.tasks; }
@@ -62,6 +63,9 @@ public:
 
     // A job that is on disk no more. Its run ends, and what its runs put out goes.
     void remove(const Job &job);
+
+    // The file of what a run has put out.
+    std::string output_path(const RunRow &run) const;
 
     // As who a job of this owner runs; false for one that would have to run as root for somebody else.
     static bool may_run(const std::optional<uint32_t> &owner);
