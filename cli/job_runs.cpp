@@ -94,6 +94,7 @@ Options history_options(HistoryArguments &arguments) {
            .help = "also who changed what: jobs, and who may do what with them",
            .target = &arguments.with_changes},
           {.name = "--limit",
+           .type = "N",
            .help = "how many of the latest changes (default 100)",
            .target = &arguments.limit,
            .range = limits,

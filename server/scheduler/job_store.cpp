@@ -25,6 +25,7 @@ CREATE TABLE change (number INTEGER PRIMARY KEY AUTOINCREMENT, who BLOB NOT NULL
                      time INTEGER NOT NULL, what BLOB NOT NULL, job INTEGER NOT NULL, job_name BLOB NOT NULL,
                      fields BLOB NOT NULL);
 CREATE INDEX change_of_job ON change (job, number);
+ALTER TABLE job ADD COLUMN predefined INTEGER NOT NULL DEFAULT 0;
 )"};
 
 constexpr int64_t schema_version = std::size(steps);
@@ -63,14 +64,14 @@ struct Statements {
     explicit Statements(Sqlite &database)
         : jobs(database,
                "SELECT id, body, owner IS NULL, owner, created_who, created_where, created_when, changed_who, "
-               "changed_where, changed_when, considered, changed_start FROM job ORDER BY id"),
+               "changed_where, changed_when, considered, changed_start, predefined FROM job ORDER BY id"),
           runs(database, "SELECT job, started, due, ended, exit_status, process_id, messages FROM run "
                          "ORDER BY job, started"),
           owed(database, "SELECT job FROM owed ORDER BY job"),
           acl(database, "SELECT value FROM setting WHERE name = ?1"),
           add(database, "INSERT INTO job (body, owner, created_who, created_where, created_when, changed_who, "
-                        "changed_where, changed_when, considered, changed_start) "
-                        "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10)"),
+                        "changed_where, changed_when, considered, changed_start, predefined) "
+                        "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11)"),
           change(database, "UPDATE job SET body = ?2, owner = ?3, changed_who = ?4, changed_where = ?5, "
                            "changed_when = ?6, considered = max(considered, ?7), changed_start = ?8 WHERE id = ?1"),
           remove(database, "DELETE FROM job WHERE id = ?1"),
@@ -120,7 +121,7 @@ public:
                 {static_cast<sched_job_id_t>(jobs.number(0)), jobs.text(1),
                  jobs.number(2) != 0 ? std::nullopt : std::optional(static_cast<uint32_t>(jobs.number(3))),
                  Deed{jobs.text(4), jobs.text(5), jobs.number(6)}, Deed{jobs.text(7), jobs.text(8), jobs.number(9)},
-                 jobs.number(10), jobs.number(11)});
+                 jobs.number(10), jobs.number(11), jobs.number(12) != 0});
         auto &runs = statements_->runs.with();
         while (runs.step())
             contents.runs.push_back({static_cast<sched_job_id_t>(runs.number(0)), runs.number(1), runs.number(2),
@@ -139,7 +140,7 @@ public:
         Transaction transaction(database_);
         statements_->add
             .with(row.body, stored_owner(row), row.created.who, row.created.where, row.created.when, row.changed.who,
-                  row.changed.where, row.changed.when, row.considered, row.changed_start)
+                  row.changed.where, row.changed.when, row.considered, row.changed_start, uint32_t{row.is_predefined})
             .run();
         const auto id = static_cast<sched_job_id_t>(database_.last_row_id());
         note(change, id);

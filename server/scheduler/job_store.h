@@ -28,6 +28,7 @@ struct JobRow {
     Deed changed;
     int64_t considered = 0;    // the start up to which all have been made or passed over
     int64_t changed_start = 0; // what "now" is, and nothing before it is made
+    bool is_predefined = false;
 };
 
 // One run. A job and a start name it.

@@ -51,6 +51,7 @@ sched_job_completion_info_t lent(const RunRow &run) {
 sched_job_properties_t lent(const Job &job, JobBody &body) {
     static const RunRow none;
     sched_job_properties_t properties = {body.get().rw, {}};
+    properties.ro.predefined = job.row.is_predefined ? 1 : 0;
     properties.ro.job_id = job.row.id;
     properties.ro.next_run_time = job.next_run;
     properties.ro.created = lent(job.row.created);
@@ -80,14 +81,36 @@ Doer doer_of(const Caller &caller) {
             address_text(caller.peer)};
 }
 
-Deed deed_of(const Doer &doer, int64_t when) {
-    if (!doer.uid)
-        return {"nobody", doer.where, when};
+std::string look_up_name(uint32_t uid) {
     std::array<char, 4096> storage;
     passwd entry = {};
     passwd *found = nullptr;
-    getpwuid_r(*doer.uid, &entry, storage.data(), storage.size(), &found);
-    const std::string name = found != nullptr ? found->pw_name : std::to_string(*doer.uid);
+    getpwuid_r(uid, &entry, storage.data(), storage.size(), &found);
+    return found != nullptr ? found->pw_name : std::to_string(uid);
+}
+
+// A name may be asked of another host, and not at each request.
+std::string name_of_user(uint32_t uid) {
+    constexpr size_t names_max = 1024;
+    constexpr int64_t good_for_s = 60;
+    struct Name {
+        std::string text;
+        int64_t looked_up;
+    };
+    static thread_local std::map<uint32_t, Name> names;
+    const int64_t now = time(nullptr);
+    const auto found = names.find(uid);
+    if (found != names.end() && found->second.looked_up <= now && now - found->second.looked_up < good_for_s)
+        return found->second.text;
+    if (names.size() >= names_max)
+        names.clear();
+    return (names[uid] = {look_up_name(uid), now}).text;
+}
+
+Deed deed_of(const Doer &doer, int64_t when) {
+    if (!doer.uid)
+        return {"nobody", doer.where, when};
+    const std::string name = name_of_user(*doer.uid);
     return {doer.is_known ? name : name + "?", doer.where, when};
 }
 
@@ -337,7 +360,8 @@ tbs_status_t SchedulerProcedures::validate(sched_job_id_t id, sched_job_utc_rw_p
     if (status != TBS_ST_OK)
         return status;
     const Job *namesake = scheduler_.jobs().find(text_of(rw.name));
-    if ((namesake != nullptr && namesake->row.id != id) || names_on_the_way_.contains(rw.name)) {
+    if ((namesake != nullptr && namesake->row.id != id) || names_on_the_way_.contains(rw.name) ||
+        scheduler_.is_on_the_way(rw.name)) {
         err_mask = SCHED_ERR_NAME_DUPLICATE;
         return TBS_ST_INVALID_ARG;
     }
@@ -414,7 +438,10 @@ void SchedulerProcedures::set_properties(sched_job_h_t handle, sched_job_utc_rw_
     if (!is_owner(*job, caller))
         return answer(TBS_ST_NO_ACCESS, {});
     uint32_t err_mask = 0;
-    const auto status = validate(job->row.id, props, err_mask);
+    auto status = validate(job->row.id, props, err_mask);
+    if (status == TBS_ST_OK && job->row.is_predefined)
+        status = sched_utl_validate_predef_job_rw_properties(nullptr, &JobBody(job->row.body).get().rw, &props.rw, 1,
+                                                             &err_mask);
     if (status != TBS_ST_OK)
         return answer(status, {status, &err_mask});
     const auto row = std::make_shared<JobRow>(job->row);

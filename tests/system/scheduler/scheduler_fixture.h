@@ -17,6 +17,7 @@
 #include <veliaxdr/sched_handle.h>
 #include <veliaxdr/sched_jobs.h>
 #include <veliaxdr/sched_run.h>
+#include <veliaxdr/sched_runs.h>
 #include <veliaxdr/sched_tasks.h>
 
 namespace velia::system_test {

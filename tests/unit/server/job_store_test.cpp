@@ -39,6 +39,7 @@ struct JobStores : testing::Test {
         row.changed = {"ben", "there", 6};
         row.considered = 7;
         row.changed_start = 8;
+        row.is_predefined = true;
         return row;
     }
     static ChangeRow change(const char *what, int64_t when = 9) {
@@ -74,6 +75,7 @@ TEST_F(JobStores, KeepEachFieldOfAJob) {
     EXPECT_EQ(read.changed.when, 6);
     EXPECT_EQ(read.considered, 7);
     EXPECT_EQ(read.changed_start, 8);
+    EXPECT_TRUE(read.is_predefined);
 }
 
 TEST_F(JobStores, ChangeAndRemoveWhatIsThere) {
@@ -216,7 +218,7 @@ TEST_F(JobStores, KeepTheYoungestChanges) {
 TEST_F(JobStores, OfTheVersionBeforeAreTakenOn) {
     const auto id = store->add(row(), change("created"));
     store.reset();
-    Sqlite(file_name()).run("DROP TABLE change; PRAGMA user_version = 1");
+    Sqlite(file_name()).run("DROP TABLE change; ALTER TABLE job DROP COLUMN predefined; PRAGMA user_version = 1");
     store = open_job_store(file_name());
     EXPECT_EQ(store->read().jobs.at(0).id, id);
     EXPECT_THAT(store->changes(0, INT64_MAX, 10), IsEmpty());
