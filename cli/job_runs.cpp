@@ -15,6 +15,7 @@
 #include <cli/waits.h>
 #include <schedule/next_start.h>
 #include <support/date.h>
+#include <veliaxdr/sched_run.h>
 #include <veliaxdr/sched_runs.h>
 
 namespace velia::cli {
@@ -25,6 +26,13 @@ struct NextArguments {
     JobArguments of;
     int32_t count = 10;
     std::string zone;
+};
+struct RunNowArguments {
+    std::string host;
+    std::string task;
+    std::string name;
+    std::vector<std::string> arguments;
+    bool is_dry_run = false;
 };
 struct LogsArguments {
     JobArguments of;
@@ -54,6 +62,17 @@ Options run_options(ChangeArguments &arguments) {
                      .help = "until it has ended; its output is shown as it comes, and its exit status is that of the "
                              "command",
                      .target = &arguments.waits}}});
+}
+
+Options run_now_options(RunNowArguments &arguments) {
+    return joined({job_host_options(arguments.host),
+                   {{.name = "TASK", .help = "name of a task", .target = &arguments.task, .is_required = true},
+                    {.name = "ARGUMENT", .help = "of its program, any number", .target = &arguments.arguments},
+                    {.name = "--name",
+                     .type = "NAME",
+                     .help = "of the job (default: the task's, by hand, and a number)",
+                     .target = &arguments.name},
+                    {.name = "--dry-run", .help = "only tell what would be done", .target = &arguments.is_dry_run}}});
 }
 
 // As results show it, in each of their forms.
@@ -103,6 +122,7 @@ Options history_options(HistoryArguments &arguments) {
 
 int show_next(const NextArguments &arguments, const Settings &settings);
 int run_job(const ChangeArguments &arguments, const Settings &settings);
+int run_now(const RunNowArguments &arguments, const Settings &settings);
 int show_logs(const LogsArguments &arguments, const Settings &settings);
 int show_history(const HistoryArguments &arguments, const Settings &settings);
 
@@ -113,6 +133,11 @@ constexpr Column next_columns[] = {{"time", Type::time, "of the run"},
                                     "comes twice",
                                     true}};
 constexpr Output next_output = {Output::Shape::list, next_columns};
+
+constexpr Column run_now_columns[] = {{"action", Type::text, "what was done; with --dry-run what would be"},
+                                      {"task", Type::text, "that was run"},
+                                      {"name", Type::text, "of the job that it was, which is gone"}};
+constexpr Output run_now_output = {Output::Shape::one, run_now_columns};
 
 constexpr Column history_columns[] = {
     {"time", Type::time, "when it began, or was done"},
@@ -142,6 +167,12 @@ constexpr Command commands[] = {
      .examples = {"veliactl job run build7 nightly --wait"},
      .make = call_of<run_job, run_options>,
      .output = &change_output},
+    {.path = "job run-now",
+     .help = "Run a task once, as a job that is made for it and goes with it",
+     .examples = {"veliactl job run-now build7 report -- -all"},
+     .notes = "How it went is told in words; the exit status tells whether its end was seen.\n",
+     .make = call_of<run_now, run_now_options>,
+     .output = &run_now_output},
     {.path = "job logs",
      .help = "Show what a run of a job has put out",
      .examples = {"veliactl job logs build7 nightly --follow",
@@ -251,6 +282,28 @@ int run_job(const ChangeArguments &arguments, const Settings &settings) {
         tell_change(arguments, settings, "started", "", job, begun.started, {});
         return int{exit_done};
     });
+}
+
+// The library's own operation, which makes the job, waits, tells and deletes it.
+int run_now(const RunNowArguments &arguments, const Settings &settings) {
+    const std::string name =
+        !arguments.name.empty() ? arguments.name : arguments.task + " by hand " + std::to_string(getpid());
+    int exit_status = exit_done;
+    if (open_scheduler(arguments.host, settings, exit_status) == nullptr)
+        return exit_status;
+    std::vector<char *> words;
+    for (const auto &word : arguments.arguments)
+        words.push_back(const_cast<char *>(word.c_str()));
+    const auto status = arguments.is_dry_run
+                            ? tbs_status_t{TBS_ST_OK}
+                            : sched_utl_run_job_now(arguments.host.c_str(), arguments.task.c_str(), name.c_str(),
+                                                    words.data(), static_cast<int32_t>(words.size()));
+    if (status != TBS_ST_OK)
+        return fail_of_scheduler(status, arguments.host, "The task cannot be run, or its end was not seen");
+    Results results(run_now_output, settings, arguments.is_dry_run ? Results::Of::look : Results::Of::change);
+    results.add({arguments.is_dry_run ? "would run" : "ran", arguments.task, name});
+    results.finish();
+    return exit_done;
 }
 
 int show_logs(const LogsArguments &arguments, const Settings &settings) {

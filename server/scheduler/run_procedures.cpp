@@ -61,6 +61,8 @@ void SchedulerProcedures::run_get_output(const sched_run_output_request_t &reque
             *piece = read_output(path, offset, size_max);
         },
         [piece, started = run->started, ended = run->ended, answer](tbs_status_t status) {
+            if (!*piece && ended == 0)
+                *piece = OutputPiece{}; // it is being begun
             if (status != TBS_ST_OK || !*piece)
                 return answer(status != TBS_ST_OK ? status : tbs_status_t{TBS_ST_NOT_FOUND}, {});
             auto &bytes = (*piece)->bytes;

@@ -132,6 +132,28 @@ std::string surprises(const Site &site, const Asker &asker) {
     return told.str();
 }
 
+// The same of the scheduler's procedures, whose requests are empty but for an access list like the one that is there.
+std::string surprises_of_scheduler(const Site &site, const Asker &asker) {
+    std::ostringstream told;
+    const Speaker speaker(site, asker.road, asker.claims, asker.from == "the host" ? "127.0.0.1" : asker.from);
+    char nobody[] = "";
+    tbs_acl_entry_t everyone = {TBS_ACL_EVERYONE, nobody, 1};
+    tbs_acl_t list = {1, &everyone};
+    const auto judge = [&](const auto &procedure) {
+        auto request = procedure.empty_request();
+        if constexpr (std::is_same_v<decltype(request), sched_acl_request_t>)
+            request.acl = &list;
+        const Right right = server::right_to(procedure.number, server::any_operation);
+        const bool is_permitted = asker.may(right == Right::write ? Right::administer : right);
+        const tbs_status_t status = speaker.ask(procedure, request);
+        if (status == -1 || (status != TBS_ST_NO_ACCESS) != is_permitted)
+            told << asker.text() << ": " << procedure.name << ": " << status << "\n";
+    };
+    for_each_scheduler_procedure(judge);
+    for_each_run_procedure(judge);
+    return told.str();
+}
+
 rvzd_registry_clnt_conf_req_t host_change(char *host) {
     return {{}, RGY_PROTOCOL_VERSION, RGY_CONF_SET_HOST, host};
 }
@@ -309,6 +331,17 @@ TEST_F(TrustTest, EveryRowOfTheTableIsKeptForEverybody) {
             const Speaker speaker(site, SpeaksOver::HOST, Claims::NOTHING);
             return speaker.ask(procedures::rgy_get_id, {}) == TBS_ST_OK;
         }));
+    }
+}
+
+// Beside the table's rights there is the access list, by which everybody may read. Claims are not asked for: a
+// scheduler's client makes none.
+TEST_F(TrustTest, EveryRowOfTheSchedulersIsKeptForEverybody) {
+    serve(user_of_daemon);
+    for (const Asker &asker : everybody()) {
+        if (asker.road == SpeaksOver::UDP)
+            continue;
+        EXPECT_THAT(told_as(asker.user, [&] { return surprises_of_scheduler(site, asker); }), IsEmpty());
     }
 }
 

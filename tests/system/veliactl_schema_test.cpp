@@ -81,6 +81,7 @@ const CommandLine command_lines[] = {
     {"job show", {"alpha", "nightly"}},
     {"job next", {"alpha", "nightly", "2"}},
     {"job run", {"alpha", "nightly"}},
+    {"job run-now", {"alpha", "shell", "--", "-c", "exit 0"}},
     {"job logs", {"alpha", "nightly"}},
     {"job history", {"alpha", "nightly", "--changes"}},
     {"job stop", {"alpha", "nightly"}},

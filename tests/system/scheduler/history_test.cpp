@@ -137,6 +137,19 @@ TEST_F(RunHistory, OfOneThatCouldNotBeginTheSchedulersWordIsShown) {
     EXPECT_NE(of_nothing.text.find("There is no such task"), std::string::npos) << of_nothing.text;
 }
 
+TEST_F(RunHistory, ATaskIsRunNowByAJobThatGoesWithIt) {
+    const Told told = tool("job run-now alpha script --output jsonl --name mine -- -c 'echo said; exit 4'");
+    EXPECT_EQ(told.status, 0);
+    EXPECT_NE(told.text.find("{\"action\":\"ran\",\"task\":\"script\",\"name\":\"mine\"}"), std::string::npos)
+        << told.text;
+    EXPECT_NE(told.text.find("said"), std::string::npos) << told.text;
+    EXPECT_EQ(json("job list alpha"), "");
+    EXPECT_NE(json("job run-now alpha script --dry-run").find("would run"), std::string::npos);
+    EXPECT_EQ(tool("job run-now alpha none").status, 1);
+    kill_daemon();
+    EXPECT_EQ(tool("job run-now alpha script").status, 3);
+}
+
 TEST_F(RunHistory, ARunIsChosenByItsStartInEachFormOfResults) {
     const auto id = create(NewJob("twice", {"-c", "cat " + site.path("word")}));
     site.write("word", "one");
