@@ -1,17 +1,8 @@
 // veliactl job: the jobs of a host, when they run, and running them.
 #include <cli/commands.h>
 
-#include <array>
-#include <cstdio>
-#include <cstdlib>
-#include <unistd.h>
-
 #include <cli/jobs.h>
-#include <cli/messages.h>
 #include <cli/results.h>
-#include <cli/waits.h>
-#include <schedule/next_start.h>
-#include <support/date.h>
 #include <support/stg.h>
 #include <veliaxdr/sched_jobs.h>
 #include <veliaxdr/sched_print.h>
@@ -24,48 +15,12 @@ namespace {
 struct ListArguments {
     std::string host;
 };
-struct NextArguments {
-    JobArguments of;
-    int32_t count = 10;
-    std::string zone;
-};
-struct ChangeArguments {
-    JobArguments of;
-    bool is_dry_run = false;
-    bool waits = false;
-};
-
 Options list_options(ListArguments &arguments) {
     return job_host_options(arguments.host);
 }
 
-Options next_options(NextArguments &arguments) {
-    constexpr Range counts = {1, 10000};
-    return joined(
-        {job_options(arguments.of),
-         {{.name = "COUNT", .help = "how many runs (default 10)", .target = &arguments.count, .range = counts},
-          {.name = "--zone",
-           .type = "ZONE",
-           .help = "the zone of the scheduler's host (default: of this host)",
-           .target = &arguments.zone}}});
-}
-
-Options change_options(ChangeArguments &arguments) {
-    return joined({job_options(arguments.of),
-                   {{.name = "--dry-run", .help = "only tell what would be done", .target = &arguments.is_dry_run}}});
-}
-
-Options run_options(ChangeArguments &arguments) {
-    return joined({change_options(arguments),
-                   {{.name = "--wait",
-                     .help = "until it has ended; its output follows, and its exit status is that of the command",
-                     .target = &arguments.waits}}});
-}
-
 int list_jobs(const ListArguments &arguments, const Settings &settings);
 int show_job(const JobArguments &arguments, const Settings &settings);
-int show_next(const NextArguments &arguments, const Settings &settings);
-int run_job(const ChangeArguments &arguments, const Settings &settings);
 int stop_job(const ChangeArguments &arguments, const Settings &settings);
 int delete_job(const ChangeArguments &arguments, const Settings &settings);
 
@@ -89,21 +44,6 @@ constexpr Column job_columns[] = {JOB_COLUMNS,
 constexpr Output job_output = {Output::Shape::one, job_columns};
 constexpr Output list_output = {Output::Shape::list, std::span(job_columns).first(7)};
 
-constexpr Column next_columns[] = {{"time", Type::time, "of the run"},
-                                   {"wall", Type::text, "what the clock of its zone shows then"},
-                                   {"note", Type::text,
-                                    "moved: out of an hour that the clock skips; first or second: of an hour that "
-                                    "comes twice",
-                                    true}};
-constexpr Output next_output = {Output::Shape::list, next_columns};
-
-constexpr Column change_columns[] = {{"action", Type::text, "what was done; with --dry-run what would be"},
-                                     {"id", Type::integer, "number of the job"},
-                                     {"name", Type::text, "of the job"},
-                                     {"started", Type::time, "of the run", true},
-                                     {"status", Type::integer, "exit status of a run that was waited for", true}};
-constexpr Output change_output = {Output::Shape::one, change_columns};
-
 constexpr Command commands[] = {
     {.path = "job", .help = "Jobs of a scheduler"},
     {.path = "job list",
@@ -116,16 +56,6 @@ constexpr Command commands[] = {
      .examples = {"veliactl job show build7 nightly"},
      .make = call_of<show_job, job_options>,
      .output = &job_output},
-    {.path = "job next",
-     .help = "Tell when a job will run, by the scheduler's own reckoning",
-     .examples = {"veliactl job next build7 nightly 20 --zone Europe/Berlin"},
-     .make = call_of<show_next, next_options>,
-     .output = &next_output},
-    {.path = "job run",
-     .help = "Run a job now, whatever its schedule says",
-     .examples = {"veliactl job run build7 nightly --wait"},
-     .make = call_of<run_job, run_options>,
-     .output = &change_output},
     {.path = "job stop",
      .help = "End the run of a job",
      .examples = {"veliactl job stop build7 nightly"},
@@ -137,12 +67,6 @@ constexpr Command commands[] = {
      .make = call_of<delete_job, change_options>,
      .output = &change_output},
 };
-
-Cell moment(time_t time) {
-    return time == schedule::next_run_unknown || time == schedule::next_run_never
-               ? Cell()
-               : time_cell(time, date_fmt_token_date_time(time));
-}
 
 Cell text_cell(const char *text) {
     return text != nullptr && *text != '\0' ? Cell(text) : Cell();
@@ -177,18 +101,6 @@ int list_jobs(const ListArguments &arguments, const Settings &settings) {
     return exit_done;
 }
 
-// Opens the scheduler, finds the job and hands both over.
-template <class Body>
-int with_job(const JobArguments &arguments, const Settings &settings, Body &&body) {
-    int exit_status = exit_done;
-    const auto scheduler = open_scheduler(arguments.host, settings, exit_status);
-    const auto id = scheduler != nullptr ? job_of(scheduler, arguments.host, arguments.job, exit_status) : 0;
-    if (id == 0)
-        return exit_status;
-    return with_properties(scheduler, arguments.host, id,
-                           [&](const sched_job_properties_t &job) { return body(scheduler, job); });
-}
-
 int show_job(const JobArguments &arguments, const Settings &settings) {
     return with_job(arguments, settings, [&](const SchedulerHandle & /*scheduler*/, const auto &job) {
         Cells cells = list_cells(job);
@@ -204,96 +116,6 @@ int show_job(const JobArguments &arguments, const Settings &settings) {
         results.add(std::move(cells));
         results.finish();
         return int{exit_done};
-    });
-}
-
-std::string wall_text(const schedule::Zone &zone, int64_t moment) {
-    const int64_t offset = zone.offset_at(moment);
-    const time_t wall = moment + offset;
-    tm parts = {};
-    gmtime_r(&wall, &parts);
-    return iso_time(parts, static_cast<int>(offset / 60));
-}
-
-int show_next(const NextArguments &arguments, const Settings &settings) {
-    constexpr const char *notes[] = {nullptr, "moved", "first", "second"};
-    const char *own_zone = getenv("TZ");
-    const std::string name = !arguments.zone.empty() ? arguments.zone : own_zone != nullptr ? own_zone : "";
-    const auto zone = schedule::read_zone(name);
-    if (!zone) {
-        tell_failure(TBS_ST_INVALID_ARG, "", "There is no zone '%s'\n", name.c_str());
-        return exit_usage;
-    }
-    return with_job(arguments.of, settings, [&](const SchedulerHandle & /*scheduler*/, const auto &job) {
-        const schedule::Spec spec = {&job.rw.schedule, &*zone, job.ro.created.when, job.ro.last_modified.when};
-        Results results(next_output, settings);
-        auto start = schedule::next_start(spec, time(nullptr));
-        for (int32_t i = 0; i < arguments.count && start; ++i, start = schedule::next_start(spec, start->at)) {
-            const char *note = notes[static_cast<int>(start->shift)];
-            results.add({moment(start->at), wall_text(*zone, start->at), note != nullptr ? Cell(note) : Cell()});
-        }
-        results.finish();
-        return int{exit_done};
-    });
-}
-
-void tell_change(const ChangeArguments &arguments, const Settings &settings, const char *did, const char *would,
-                 const sched_job_properties_t &job, time_t started, Cell status) {
-    Results results(change_output, settings, arguments.is_dry_run ? Results::Of::look : Results::Of::change);
-    results.add({arguments.is_dry_run ? would : did, job.ro.job_id, job.rw.name, moment(started), std::move(status)});
-    results.finish();
-}
-
-// Asks again and again; the scheduler has no way to tell by itself. Nothing, told, if it cannot be asked any more.
-bool wait_for_end(const SchedulerHandle &scheduler, const std::string &host, sched_running_job_h_t run,
-                  const Settings &settings, sched_job_completion_info_t &info) {
-    constexpr useconds_t interval_us = 200000;
-    while (!are_waits_over()) {
-        begin_wait(settings.timeout);
-        const auto status = sched_rjob_get_completion_info(scheduler.get(), run, &info);
-        if (status != TBS_ST_OK) {
-            fail_of_scheduler(status, host, "The run cannot be watched");
-            return false;
-        }
-        if (info.ended != 0)
-            return true;
-        sched_free_job_completion_info(scheduler.get(), &info);
-        usleep(interval_us);
-    }
-    return false;
-}
-
-int wait_and_tell(const ChangeArguments &arguments, const Settings &settings, const SchedulerHandle &scheduler,
-                  const sched_job_properties_t &job, sched_running_job_h_t run) {
-    sched_job_completion_info_t info = {};
-    if (!wait_for_end(scheduler, arguments.of.host, run, settings, info))
-        return exit_failed;
-    const auto exit_status = static_cast<int>(info.exit_status);
-    if (info.messages != nullptr)
-        fputs(info.messages, stderr);
-    sched_free_job_completion_info(scheduler.get(), &info);
-    tell_change(arguments, settings, "ran", "", job, run->started, exit_status);
-    return exit_status;
-}
-
-int run_job(const ChangeArguments &arguments, const Settings &settings) {
-    return with_job(arguments.of, settings, [&](const SchedulerHandle &scheduler, const auto &job) {
-        if (arguments.is_dry_run) {
-            tell_change(arguments, settings, "", "would run", job, 0, {});
-            return int{exit_done};
-        }
-        sched_job_handle handle = {job.ro.job_id};
-        sched_running_job_h_t run = nullptr;
-        const auto status = sched_rjob_run_job(scheduler.get(), &handle, &run);
-        int exit_status = exit_done;
-        if (status != TBS_ST_OK)
-            exit_status = fail_of_scheduler(status, arguments.of.host, "The job cannot be run");
-        else if (arguments.waits)
-            exit_status = wait_and_tell(arguments, settings, scheduler, job, run);
-        else
-            tell_change(arguments, settings, "started", "", job, run->started, {});
-        sched_rjob_free_handle(scheduler.get(), &run);
-        return exit_status;
     });
 }
 

@@ -4,6 +4,9 @@
 
 #include <cli/broker.h>
 #include <cli/messages.h>
+#include <cli/results.h>
+#include <schedule/next_start.h>
+#include <support/date.h>
 #include <veliaxdr/sched_jobs.h>
 
 namespace velia::cli {
@@ -56,6 +59,36 @@ sched_job_id_t job_of(const SchedulerHandle &scheduler, const std::string &host,
 int fail_of_scheduler(tbs_status_t status, const std::string &host, const std::string &what) {
     tell_failure(status, host, "%s on host '%s': %s\n", what.c_str(), host.c_str(), tbs_strerror(status));
     return status == TBS_ST_RPC_FAILED ? exit_unreachable : exit_failed;
+}
+
+Cell moment(time_t time) {
+    return time == schedule::next_run_unknown || time == schedule::next_run_never
+               ? Cell()
+               : time_cell(time, date_fmt_token_date_time(time));
+}
+
+Options change_options(ChangeArguments &arguments) {
+    return joined({job_options(arguments.of),
+                   {{.name = "--dry-run", .help = "only tell what would be done", .target = &arguments.is_dry_run}}});
+}
+
+namespace {
+
+constexpr Column change_columns[] = {{"action", Type::text, "what was done; with --dry-run what would be"},
+                                     {"id", Type::integer, "number of the job"},
+                                     {"name", Type::text, "of the job"},
+                                     {"started", Type::time, "of the run", true},
+                                     {"status", Type::integer, "exit status of a run that was waited for", true}};
+
+} // namespace
+
+constexpr Output change_output = {Output::Shape::one, change_columns};
+
+void tell_change(const ChangeArguments &arguments, const Settings &settings, const char *did, const char *would,
+                 const sched_job_properties_t &job, time_t started, Cell status) {
+    Results results(change_output, settings, arguments.is_dry_run ? Results::Of::look : Results::Of::change);
+    results.add({arguments.is_dry_run ? would : did, job.ro.job_id, job.rw.name, moment(started), std::move(status)});
+    results.finish();
 }
 
 Options job_host_options(std::string &host) {

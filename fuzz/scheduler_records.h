@@ -3,6 +3,7 @@
 
 #include <fuzz/round_trips.h>
 
+#include <veliaxdr/sched_runs.h>
 #include <veliaxdr/sched_wire.h>
 
 namespace fuzz {

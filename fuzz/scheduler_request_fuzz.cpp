@@ -5,7 +5,10 @@ namespace {
 
 #define RECORD(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER)                                                     \
     fuzz::try_scheduler_record<REQUEST, xdr_##NAME##_V2_over>,
-constexpr void (*records[])(const fuzz::Bytes &) = {RVZD_SCHEDULER_PROCEDURES(RECORD)};
+#define OWN_RECORD(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER)                                                 \
+    fuzz::try_scheduler_record<REQUEST, xdr_##REQUEST>,
+constexpr void (*records[])(const fuzz::Bytes &) = {RVZD_SCHEDULER_PROCEDURES(RECORD) RVZD_RUN_PROCEDURES(OWN_RECORD)};
+#undef OWN_RECORD
 #undef RECORD
 
 } // namespace

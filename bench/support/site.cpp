@@ -21,6 +21,8 @@ namespace bench {
 
 namespace {
 
+constexpr const char *config_name = "/host/config/rvzd_server.conf";
+
 [[noreturn]] void give_up(const char *what) {
     perror(what);
     exit(1);
@@ -72,34 +74,42 @@ uint16_t free_port() {
     give_up("no free port");
 }
 
-Site::Site(const std::string &daemon, const std::string &sample_server) : root_(make_root()) {
+Site::Site(const std::string &daemon, const std::string &sample_server) : daemon_program_(daemon), root_(make_root()) {
     pin(End::client);
     write_file(root_ + "/config/hosts.conf", std::string(host) + " 127.0.0.1\n");
-    const std::string config = root_ + "/host/config/rvzd_server.conf";
-    write_file(config, "udp,tcp shared " + std::to_string(sample_program) + " 1 max=1,idle=0 - - " + sample_server +
-                           " --quiet-seconds 3600\n");
+    write_file(root_ + config_name, "udp,tcp shared " + std::to_string(sample_program) + " 1 max=1,idle=0 - - " +
+                                        sample_server + " --quiet-seconds 3600\n");
     write_file(root_ + "/host/config/rgy_svr.conf", "master");
     write_file(root_ + "/host/config/rgy_hosts.conf", std::string(host) + "\n\n");
     write_file(root_ + "/host/priv/.keep", "");
     setenv("VELIA_ROOT", root_.c_str(), 1);
     setenv("VELIA_HOSTNAME", host, 1);
-    for (int tries = 0; tries < 5; ++tries)
-        if (start_on_free_port(daemon, config))
+    for (int tries = 0; tries < 5; ++tries) {
+        port_ = free_port();
+        write_file(root_ + "/config/services.conf", "rvzd " + std::to_string(port_) + "\n");
+        if (start())
             return;
-    fprintf(stderr, "the daemon did not come up\n");
-    exit(1);
+    }
+    give_up("the daemon did not come up");
 }
 
-bool Site::start_on_free_port(const std::string &daemon, const std::string &config) {
-    port_ = free_port();
-    write_file(root_ + "/config/services.conf", "rvzd " + std::to_string(port_) + "\n");
+void Site::restart(const std::string &lines, const std::function<void()> &between) {
+    kill(daemon_, SIGTERM);
+    waitpid(daemon_, nullptr, 0);
+    between();
+    std::ofstream(root_ + config_name, std::ios::app) << lines;
+    if (!start())
+        give_up("the daemon did not come up again");
+}
+
+bool Site::start() {
     int ready[2];
     if (pipe(ready) != 0)
         give_up("pipe");
     daemon_ = fork();
     if (daemon_ == 0) {
         close(ready[0]);
-        run_daemon(daemon, config, ready[1]);
+        run_daemon(daemon_program_, root_ + config_name, ready[1]);
     }
     close(ready[1]);
     char answer = '\0';

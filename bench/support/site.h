@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include <sys/types.h>
@@ -22,6 +23,9 @@ public:
     Site(const Site &) = delete;
     Site &operator=(const Site &) = delete;
 
+    // Ends the daemon and starts it again with these lines behind its configuration; `between` finds its files alone.
+    void restart(const std::string &lines, const std::function<void()> &between);
+
     uint16_t port() const { return port_; }
     const std::string &root() const { return root_; }
     pid_t pid() const { return daemon_; }
@@ -29,8 +33,9 @@ public:
     static constexpr uint32_t sample_program = 390600;
 
 private:
-    bool start_on_free_port(const std::string &daemon, const std::string &config);
+    bool start();
 
+    const std::string daemon_program_;
     std::string root_;
     uint16_t port_ = 0;
     pid_t daemon_ = -1;

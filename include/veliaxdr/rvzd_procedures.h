@@ -90,6 +90,13 @@
     ROW(68, SCHED_JOB_CREATE_UTC,           sched_job_create_utc,           sched_utc_create_request_t,   sched_job_create_reply_t,   ONCE,       TCP) \
     ROW(69, SCHED_JOB_GET_PROPERTIES_UTC,   sched_job_get_properties_utc,   sched_job_request_t,          sched_utc_reply_t,          REPEATABLE, TCP) \
     ROW(70, SCHED_JOB_SET_PROPERTIES_UTC,   sched_job_set_properties_utc,   sched_utc_set_request_t,      sched_err_mask_reply_t,     ONCE,       TCP)
+
+/* Of this suite's own scheduler: its runs. Their numbers are far from the others', their names are whole. */
+#define RVZD_RUN_PROCEDURES(ROW) \
+    ROW(10100, SCHED_RUN_GET_OUTPUT,  sched_run_get_output,  sched_run_output_request_t,  sched_run_output_reply_t,  REPEATABLE, TCP) \
+    ROW(10101, SCHED_RUN_GET_HISTORY, sched_run_get_history, sched_run_history_request_t, sched_run_history_reply_t, REPEATABLE, TCP) \
+    ROW(10102, SCHED_GET_CHANGES,     sched_get_changes,     sched_changes_request_t,     sched_changes_reply_t,     REPEATABLE, TCP) \
+    ROW(10103, SCHED_GET_NEXT_RUNS,   sched_get_next_runs,   sched_next_runs_request_t,   sched_next_runs_reply_t,   REPEATABLE, TCP)
 /* clang-format on */
 
 #define RVZD_PROCEDURES(ROW)                                                                                           \
@@ -97,7 +104,10 @@
     RVZD_REGISTRY_PROCEDURES(ROW)
 
 #define RVZD_PROCEDURE_NUMBER(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER) RVZD_PROC_##CONSTANT = (NUMBER),
-enum { RVZD_PROCEDURES(RVZD_PROCEDURE_NUMBER) RVZD_SCHEDULER_PROCEDURES(RVZD_PROCEDURE_NUMBER) };
+enum {
+    RVZD_PROCEDURES(RVZD_PROCEDURE_NUMBER) RVZD_SCHEDULER_PROCEDURES(RVZD_PROCEDURE_NUMBER)
+        RVZD_RUN_PROCEDURES(RVZD_PROCEDURE_NUMBER)
+};
 #undef RVZD_PROCEDURE_NUMBER
 
 #endif

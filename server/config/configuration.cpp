@@ -137,8 +137,17 @@ private:
     void option(const std::vector<std::string> &words) {
         if (words.size() != 3)
             return fail(MSG_CONFIG_FAILURE, "An option is written: option NAME VALUE");
+        if (words[1] == "tasks" || words[1] == "schedule")
+            return file_of_definitions(words);
         if (!set_number(option_keys, words[1], words[2], result_.configuration.options))
             fail(MSG_CONFIG_FAILURE, "Unknown option or value out of range: " + words[1] + " " + words[2]);
+    }
+
+    void file_of_definitions(const std::vector<std::string> &words) {
+        if (!words[2].starts_with('/'))
+            return fail(MSG_CONFIG_FAILURE, "The file's path is not absolute: " + words[2]);
+        auto &configuration = result_.configuration;
+        (words[1] == "tasks" ? configuration.tasks_file : configuration.schedule_file) = words[2];
     }
 
     void access(const std::vector<std::string> &words) {
@@ -313,6 +322,18 @@ std::optional<uint32_t> number_of_name(Find &&find, const std::string &name, uin
     return found != nullptr ? std::optional(found->*number) : std::nullopt;
 }
 
+// The files that the lines name; a fault of one is no line's.
+void read_definitions(ConfigurationResult &result) {
+    auto &configuration = result.configuration;
+    std::string fault;
+    if (!configuration.tasks_file.empty())
+        fault = read_tasks(configuration.tasks_file, configuration.tasks, CONFIG_TASKS_MAX);
+    if (fault.empty() && !configuration.schedule_file.empty())
+        fault = read_schedule(configuration.schedule_file, configuration.schedule);
+    if (!fault.empty())
+        result.errors.push_back({MSG_CONFIG_FAILURE, 0, fault});
+}
+
 // Whoever else may lay a link there would choose what the daemon starts, and as whom.
 bool is_link_of_stranger(const std::string &file_name) {
     struct stat status = {};
@@ -364,7 +385,10 @@ ConfigurationResult read_configuration(const std::string &file_name, const NameL
         const auto lines = std::count(text.begin(), text.end(), '\n');
         return failed_result(MSG_CONFIG_READ_ERROR, static_cast<unsigned long>(lines) + 1, file, outcome);
     }
-    return parse_configuration(text, names);
+    auto result = parse_configuration(text, names);
+    if (result.errors.empty())
+        read_definitions(result);
+    return result;
 }
 
 void print_configuration_errors(const std::string &file_name, const std::vector<ConfigurationError> &errors) {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <server/config/access.h>
+#include <server/scheduler/definitions.h>
 #include <server/scheduler/task.h>
 #include <veliaxdr/rvzd_wire.h>
 
@@ -66,6 +67,9 @@ struct Configuration {
     Options options;
     std::vector<Task> tasks;
     std::string notify_program; // empty: none
+    std::string tasks_file;     // the same
+    std::string schedule_file;  // the same
+    std::vector<DefinedJob> schedule;
 };
 
 } // namespace velia::server

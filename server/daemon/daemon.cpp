@@ -85,7 +85,8 @@ void Daemon::apply(const Configuration &configuration, Accounts accounts) {
     gate_.set_access(configuration.access);
     registry_.set_copy_interval(configuration.options.registry_copy_s);
     scheduler_.configure({configuration.tasks, configuration.notify_program, configuration.options.jobs_max,
-                          configuration.options.catch_up_s, configuration.options.job_output_mib});
+                          configuration.options.catch_up_s, configuration.options.job_output_mib,
+                          configuration.schedule});
     const uint32_t protocol = configuration.options.protocol;
     auto procedures = broker_procedures_.rows(protocol);
     for (const auto &more :

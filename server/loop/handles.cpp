@@ -83,7 +83,7 @@ void PollHandle::watch(int events) {
         if (status < 0)
             state->events = 0; // the library has stopped it
         if (state->target.call != nullptr)
-            state->target.call(state->target.owner, status < 0 ? UV_READABLE : ready);
+            state->target.call(state->target.owner, status < 0 ? UV_READABLE | UV_WRITABLE : ready);
     });
 }
 

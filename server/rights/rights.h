@@ -125,6 +125,10 @@ inline constexpr std::array rights_rows = {
     RightsRow{RVZD_PROC_SCHED_JOB_CREATE_UTC, "sched_job_create_utc", any_operation, "", Right::write},
     RightsRow{RVZD_PROC_SCHED_JOB_GET_PROPERTIES_UTC, "sched_job_get_properties_utc", any_operation, "", Right::read},
     RightsRow{RVZD_PROC_SCHED_JOB_SET_PROPERTIES_UTC, "sched_job_set_properties_utc", any_operation, "", Right::write},
+    RightsRow{RVZD_PROC_SCHED_RUN_GET_OUTPUT, "sched_run_get_output", any_operation, "", Right::read},
+    RightsRow{RVZD_PROC_SCHED_RUN_GET_HISTORY, "sched_run_get_history", any_operation, "", Right::read},
+    RightsRow{RVZD_PROC_SCHED_GET_CHANGES, "sched_get_changes", any_operation, "", Right::read},
+    RightsRow{RVZD_PROC_SCHED_GET_NEXT_RUNS, "sched_get_next_runs", any_operation, "", Right::read},
 };
 
 // Of the operation's row, or else of the procedure's. What has no row needs the right to administer.

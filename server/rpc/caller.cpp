@@ -19,10 +19,15 @@ bool is_administrator(uid_t user) {
     return user == 0 || user == geteuid();
 }
 
+bool KnownCaller::is_in(gid_t group) const {
+    return group == gid || (groups != nullptr && std::find(groups->begin(), groups->end(), group) != groups->end());
+}
+
 KnownCaller known_by_both(const KnownCaller &maker, const KnownCaller &sender) {
     const bool is_sender_lent = is_administrator(sender.uid) && !is_administrator(maker.uid);
     KnownCaller known = is_sender_lent ? maker : sender;
     known.pid = maker.pid == sender.pid ? sender.pid : 0;
+    known.groups = maker.pid == sender.pid && maker.uid == sender.uid ? maker.groups : nullptr;
     return known;
 }
 

@@ -1,8 +1,10 @@
 // The two ends of a call.
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <sys/types.h>
 
@@ -21,6 +23,10 @@ struct KnownCaller {
     pid_t pid = 0; // 0: of a process that cannot be seen from here
     uid_t uid = UINT32_MAX;
     gid_t gid = UINT32_MAX;
+    // Further ones, as of when the connection was made, where the process that made it is it that speaks; null: none.
+    std::shared_ptr<const std::vector<gid_t>> groups = nullptr;
+
+    bool is_in(gid_t group) const;
     bool operator==(const KnownCaller &) const = default;
 };
 

@@ -173,12 +173,31 @@ std::vector<LocalSocket> LocalPlace::listen(const std::vector<ks_sockaddr_storag
     return sockets;
 }
 
+namespace {
+
+std::shared_ptr<const std::vector<gid_t>> groups_of(int fd) {
+    constexpr size_t groups_at_first = 64;
+    std::vector<gid_t> groups(groups_at_first);
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        auto length = static_cast<socklen_t>(groups.size() * sizeof(gid_t));
+        const int outcome = getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &length);
+        groups.resize(length / sizeof(gid_t)); // also as many as there are, where that was too few
+        if (outcome == 0)
+            return groups.empty() ? nullptr : std::make_shared<const std::vector<gid_t>>(std::move(groups));
+        if (errno != ERANGE)
+            break;
+    }
+    return nullptr;
+}
+
+} // namespace
+
 KnownCaller maker_of(int fd) {
     ucred maker = {};
     socklen_t length = sizeof maker;
     if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &maker, &length) != 0)
         return {};
-    return {maker.pid, maker.uid, maker.gid};
+    return {maker.pid, maker.uid, maker.gid, groups_of(fd)};
 }
 
 ssize_t receive_from_known(int fd, unsigned char *bytes, size_t size, std::optional<KnownCaller> &sender) {

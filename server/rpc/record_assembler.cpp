@@ -56,12 +56,17 @@ MessageBytes RecordAssembler::take() {
     return std::exchange(record_, {});
 }
 
-MessageBytes with_record_mark(const MessageBytes &message) {
-    const uint32_t marker = last_fragment_flag | static_cast<uint32_t>(message.size());
+MessageBytes record_mark(size_t message_bytes) {
+    const uint32_t marker = last_fragment_flag | static_cast<uint32_t>(message_bytes);
     MessageBytes record;
-    record.reserve(sizeof marker + message.size());
     for (const int shift : {24, 16, 8, 0})
         record.push_back(static_cast<unsigned char>(marker >> shift));
+    return record;
+}
+
+MessageBytes with_record_mark(const MessageBytes &message) {
+    MessageBytes record = record_mark(message.size());
+    record.reserve(record.size() + message.size());
     record.insert(record.end(), message.begin(), message.end());
     return record;
 }

@@ -44,6 +44,7 @@ private:
 };
 
 // The reply as one record of one fragment.
+MessageBytes record_mark(size_t message_bytes);
 MessageBytes with_record_mark(const MessageBytes &message);
 
 } // namespace velia::server

@@ -32,10 +32,15 @@ constexpr bool has_status_alone = !requires(Record record) {
 
 // What comes as a whole, however long it is.
 template <class Record>
-constexpr uint32_t bytes_max_of = requires(Record record) {
+constexpr bool is_list = requires(Record record) {
     record.jobs;
 }
-? LIST_BYTES_MAX : REPLY_BYTES_MAX;
+|| requires(Record record) {
+    record.runs;
+};
+
+template <class Record>
+constexpr uint32_t bytes_max_of = is_list<Record> ? LIST_BYTES_MAX : REPLY_BYTES_MAX;
 
 // Gives the answer of one call, once, to a sink: that of the call for one that is answered at once, or one of its own.
 template <class Record, class Sink>
@@ -50,13 +55,17 @@ public:
 
     // The client never looks at the reply's header word; it gets its own sequence number back, which helps whoever
     // reads a capture.
-    void operator()(tbs_status_t status, Record record) const {
+    void operator()(tbs_status_t status, Record record) const { sink_(encoded(status, record)); }
+
+    // For an answer that is made further: its message, and one that is to be sent.
+    MessageBytes encoded(tbs_status_t status, Record record) const {
         if constexpr (requires { record.header; })
             record.header = {sequence_, status};
         else if constexpr (has_status_alone<Record>)
             record.status = status;
-        sink_(encode_success(xid_, reply_routine_, &record, bytes_max_of<Record>));
+        return encode_success(xid_, reply_routine_, &record, bytes_max_of<Record>);
     }
+    void send(MessageBytes message) const { sink_(std::move(message)); }
 
 private:
     xdrproc_t reply_routine_;

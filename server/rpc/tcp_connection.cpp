@@ -14,6 +14,7 @@ namespace velia::server {
 namespace {
 
 constexpr size_t piece_bytes = 16384;
+constexpr size_t sent_a_turn = 512 * 1024;
 constexpr int64_t stuck_ms = 1000; // a peer that has taken nothing of its replies for so long does not read
 
 } // namespace
@@ -117,38 +118,52 @@ bool TcpConnection::serve_one() {
     progress_ms_ = monotonic_ms();
     ++calls_in_progress_;
     std::weak_ptr<TcpConnection> self = weak_from_this();
-    dispatcher_.dispatch(header, caller_, [self](const MessageBytes &message) {
+    dispatcher_.dispatch(header, caller_, [self](MessageBytes message) {
         if (const auto connection = self.lock())
-            connection->reply(message);
+            connection->reply(std::move(message));
     });
     return true;
 }
 
-void TcpConnection::reply(const MessageBytes &message) {
+// A long one goes by itself behind its mark: nothing of it is copied.
+void TcpConnection::add_unsent(MessageBytes message) {
+    if (message.size() <= reply_is_long_beyond) {
+        message = with_record_mark(message);
+        unsent_bytes_ += message.size();
+        return unsent_.push_back({std::move(message), nullptr});
+    }
+    auto mark = record_mark(message.size());
+    unsent_bytes_ += mark.size();
+    unsent_.push_back({std::move(mark), nullptr});
+    auto place = std::make_unique<LongReply>(host(), message.size());
+    unsent_.push_back({std::move(message), std::move(place)});
+}
+
+void TcpConnection::reply(MessageBytes message) {
     --calls_in_progress_;
     if (!owner_.on_end)
         return;
     if (unsent_.empty())
         taken_ms_ = monotonic_ms();
-    auto record = with_record_mark(message);
-    unsent_bytes_ += record.size();
-    unsent_.push_back(std::move(record));
+    add_unsent(std::move(message));
     if (!send() || unsent_bytes_ > UNSENT_BYTES_MAX)
         return end();
     go_on();
 }
 
+// Others have their turn between the parts of a long one.
 bool TcpConnection::send() {
-    while (!unsent_.empty()) {
-        const auto &first = unsent_.front();
-        const ssize_t count = ::send(fd_.get(), first.data() + sent_of_first_, first.size() - sent_of_first_,
-                                     MSG_DONTWAIT | MSG_NOSIGNAL);
+    for (size_t sent = 0; !unsent_.empty() && sent < sent_a_turn;) {
+        const auto &first = unsent_.front().bytes;
+        const ssize_t count = ::send(fd_.get(), first.data() + sent_of_first_,
+                                     std::min(first.size() - sent_of_first_, sent_a_turn), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (count < 0)
             return errno == EAGAIN || errno == EINTR;
         taken_ms_ = progress_ms_ = monotonic_ms();
+        sent += static_cast<size_t>(count);
         sent_of_first_ += static_cast<size_t>(count);
         if (sent_of_first_ == first.size()) {
-            unsent_bytes_ -= first.size();
+            unsent_bytes_ -= unsent_.front().place == nullptr ? first.size() : 0;
             unsent_.pop_front();
             sent_of_first_ = 0;
         }

@@ -8,6 +8,7 @@
 #include <server/loop/handles.h>
 #include <server/loop/unique_fd.h>
 #include <server/rpc/dispatcher.h>
+#include <server/rpc/long_replies.h>
 #include <server/rpc/record_assembler.h>
 
 namespace velia::server {
@@ -55,7 +56,8 @@ private:
     bool receive();
     bool take_sender(const std::optional<KnownCaller> &sender);
     bool serve_one();
-    void reply(const MessageBytes &message);
+    void reply(MessageBytes message);
+    void add_unsent(MessageBytes message);
     bool send();
     void go_on();
     bool may_serve() const;
@@ -70,7 +72,11 @@ private:
     RecordAssembler assembler_;
     MessageBytes input_; // what has come and is not looked at yet
     size_t input_at_ = 0;
-    std::deque<MessageBytes> unsent_;
+    struct Unsent {
+        MessageBytes bytes;
+        std::unique_ptr<LongReply> place; // of a long one, which is not counted in what may be unsent
+    };
+    std::deque<Unsent> unsent_;
     size_t unsent_bytes_ = 0;
     size_t sent_of_first_ = 0;
     uint32_t calls_in_progress_ = 0;

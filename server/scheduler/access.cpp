@@ -68,9 +68,9 @@ bool AccessList::take(const std::string &bytes) {
 tbs_acl_permission_set_t AccessList::permissions_of(const Caller &caller) const {
     tbs_acl_permission_set_t permissions = PERMISSION_NONE;
     for (const auto &entry : entries_) {
-        const bool is_his =
-            entry.kind == TBS_ACL_EVERYONE ||
-            (caller.known && entry.id == (entry.kind == TBS_ACL_USER ? caller.known->uid : caller.known->gid));
+        const bool is_his = entry.kind == TBS_ACL_EVERYONE ||
+                            (caller.known && (entry.kind == TBS_ACL_USER ? entry.id == caller.known->uid
+                                                                         : caller.known->is_in(entry.id)));
         if (is_his)
             permissions |= entry.permissions;
     }

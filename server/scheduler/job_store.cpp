@@ -19,6 +19,13 @@ CREATE TABLE run (job INTEGER NOT NULL REFERENCES job (id) ON DELETE CASCADE, st
                   process_id BLOB NOT NULL, messages BLOB NOT NULL, PRIMARY KEY (job, started)) WITHOUT ROWID;
 CREATE TABLE owed (job INTEGER PRIMARY KEY REFERENCES job (id) ON DELETE CASCADE);
 CREATE TABLE setting (name BLOB PRIMARY KEY, value BLOB NOT NULL) WITHOUT ROWID;
+)",
+                                 R"(
+CREATE TABLE change (number INTEGER PRIMARY KEY AUTOINCREMENT, who BLOB NOT NULL, place BLOB NOT NULL,
+                     time INTEGER NOT NULL, what BLOB NOT NULL, job INTEGER NOT NULL, job_name BLOB NOT NULL,
+                     fields BLOB NOT NULL);
+CREATE INDEX change_of_job ON change (job, number);
+ALTER TABLE job ADD COLUMN predefined INTEGER NOT NULL DEFAULT 0;
 )"};
 
 constexpr int64_t schema_version = std::size(steps);
@@ -57,14 +64,14 @@ struct Statements {
     explicit Statements(Sqlite &database)
         : jobs(database,
                "SELECT id, body, owner IS NULL, owner, created_who, created_where, created_when, changed_who, "
-               "changed_where, changed_when, considered, changed_start FROM job ORDER BY id"),
+               "changed_where, changed_when, considered, changed_start, predefined FROM job ORDER BY id"),
           runs(database, "SELECT job, started, due, ended, exit_status, process_id, messages FROM run "
                          "ORDER BY job, started"),
           owed(database, "SELECT job FROM owed ORDER BY job"),
           acl(database, "SELECT value FROM setting WHERE name = ?1"),
           add(database, "INSERT INTO job (body, owner, created_who, created_where, created_when, changed_who, "
-                        "changed_where, changed_when, considered, changed_start) "
-                        "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10)"),
+                        "changed_where, changed_when, considered, changed_start, predefined) "
+                        "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11)"),
           change(database, "UPDATE job SET body = ?2, owner = ?3, changed_who = ?4, changed_where = ?5, "
                            "changed_when = ?6, considered = max(considered, ?7), changed_start = ?8 WHERE id = ?1"),
           remove(database, "DELETE FROM job WHERE id = ?1"),
@@ -79,11 +86,17 @@ struct Statements {
                                   "FROM run WHERE job = ?1 AND ended <> 0 ORDER BY started DESC LIMIT ?2)"),
           owe(database, "INSERT OR IGNORE INTO owed SELECT id FROM job WHERE id = ?1"),
           pay(database, "DELETE FROM owed WHERE job = ?1"),
-          set(database, "INSERT INTO setting VALUES (?1, ?2) ON CONFLICT (name) DO UPDATE SET value = excluded.value") {
-    }
+          set(database, "INSERT INTO setting VALUES (?1, ?2) ON CONFLICT (name) DO UPDATE SET value = excluded.value"),
+          note(database, "INSERT INTO change (who, place, time, what, job, job_name, fields) "
+                         "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7)"),
+          drop_notes(database, "DELETE FROM change WHERE number <= ?1"),
+          all_changes(database, "SELECT number, who, place, time, what, job, job_name, fields FROM change "
+                                "WHERE number < ?1 ORDER BY number DESC LIMIT ?2"),
+          changes(database, "SELECT number, who, place, time, what, job, job_name, fields FROM change "
+                            "WHERE job = ?3 AND number < ?1 ORDER BY number DESC LIMIT ?2") {}
 
     Statement jobs, runs, owed, acl, add, change, remove, consider, set_considered, begin, forget, end, keep_youngest,
-        owe, pay, set;
+        owe, pay, set, note, drop_notes, all_changes, changes;
 };
 
 std::optional<int64_t> stored_owner(const JobRow &row) {
@@ -108,7 +121,7 @@ public:
                 {static_cast<sched_job_id_t>(jobs.number(0)), jobs.text(1),
                  jobs.number(2) != 0 ? std::nullopt : std::optional(static_cast<uint32_t>(jobs.number(3))),
                  Deed{jobs.text(4), jobs.text(5), jobs.number(6)}, Deed{jobs.text(7), jobs.text(8), jobs.number(9)},
-                 jobs.number(10), jobs.number(11)});
+                 jobs.number(10), jobs.number(11), jobs.number(12) != 0});
         auto &runs = statements_->runs.with();
         while (runs.step())
             contents.runs.push_back({static_cast<sched_job_id_t>(runs.number(0)), runs.number(1), runs.number(2),
@@ -123,27 +136,41 @@ public:
         return contents;
     }
 
-    sched_job_id_t add(const JobRow &row) override {
+    sched_job_id_t add(const JobRow &row, const ChangeRow &change) override {
         Transaction transaction(database_);
         statements_->add
             .with(row.body, stored_owner(row), row.created.who, row.created.where, row.created.when, row.changed.who,
-                  row.changed.where, row.changed.when, row.considered, row.changed_start)
+                  row.changed.where, row.changed.when, row.considered, row.changed_start, uint32_t{row.is_predefined})
             .run();
         const auto id = static_cast<sched_job_id_t>(database_.last_row_id());
+        note(change, id);
         transaction.commit();
         return id;
     }
 
-    bool change(const JobRow &row) override {
+    bool change(const JobRow &row, const ChangeRow &change) override {
         return changes_one(statements_->change.with(row.id, row.body, stored_owner(row), row.changed.who,
                                                     row.changed.where, row.changed.when, row.considered,
-                                                    row.changed_start));
+                                                    row.changed_start),
+                           &change, row.id);
     }
 
-    bool remove(sched_job_id_t id) override { return changes_one(statements_->remove.with(id)); }
+    bool remove(sched_job_id_t id, const ChangeRow &change) override {
+        return changes_one(statements_->remove.with(id), &change, id);
+    }
+
+    std::vector<ChangeRow> changes(sched_job_id_t job, int64_t before, uint32_t count_max) override {
+        std::vector<ChangeRow> changes;
+        auto &found = job != 0 ? statements_->changes.with(before, count_max, job)
+                               : statements_->all_changes.with(before, count_max);
+        while (found.step())
+            changes.push_back({found.number(0), Deed{found.text(1), found.text(2), found.number(3)}, found.text(4),
+                               static_cast<sched_job_id_t>(found.number(5)), found.text(6), found.text(7)});
+        return changes;
+    }
 
     void consider(sched_job_id_t id, int64_t considered) override {
-        changes_one(statements_->consider.with(id, considered));
+        changes_one(statements_->consider.with(id, considered), nullptr, id);
     }
 
     void begin(const RunRow &run) override {
@@ -172,17 +199,29 @@ public:
         transaction.commit();
     }
 
-    void set_acl(const std::string &acl) override {
+    void set_acl(const std::string &acl, const ChangeRow &change) override {
         Transaction transaction(database_);
         statements_->set.with(acl_setting, acl).run();
+        note(change, 0);
         transaction.commit();
     }
 
 private:
-    bool changes_one(Statement &statement) {
+    // In the transaction of what it tells of.
+    void note(const ChangeRow &change, sched_job_id_t job) {
+        statements_->note
+            .with(change.deed.who, change.deed.where, change.deed.when, change.what, job, change.job_name,
+                  change.fields)
+            .run();
+        statements_->drop_notes.with(database_.last_row_id() - changes_kept).run();
+    }
+
+    bool changes_one(Statement &statement, const ChangeRow *change, sched_job_id_t job) {
         Transaction transaction(database_);
         statement.run();
         const bool is_changed = database_.changed_rows() == 1;
+        if (is_changed && change != nullptr)
+            note(*change, job);
         transaction.commit();
         return is_changed;
     }

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include <veliaxdr/sched_wire.h>
+#include <veliaxdr/sched_runs.h>
 
 namespace velia::server {
 
@@ -28,6 +28,7 @@ struct JobRow {
     Deed changed;
     int64_t considered = 0;    // the start up to which all have been made or passed over
     int64_t changed_start = 0; // what "now" is, and nothing before it is made
+    bool is_predefined = false;
 };
 
 // One run. A job and a start name it.
@@ -39,6 +40,16 @@ struct RunRow {
     uint32_t exit_status = 0;
     std::string process_id;
     std::string messages;
+};
+
+// Who changed what, in the log of changes.
+struct ChangeRow {
+    int64_t number = 0; // grows
+    Deed deed;
+    std::string what;
+    sched_job_id_t job = 0; // 0: what is no job's
+    std::string job_name;
+    std::string fields; // of a changed job
 };
 
 struct JobContents {
@@ -58,11 +69,16 @@ public:
 
     virtual JobContents read() = 0;
 
+    // Each of these goes into the log of changes, together with what it does.
     // The number of the new job, never one that another had.
-    virtual sched_job_id_t add(const JobRow &row) = 0;
-    // False: there is no such job.
-    virtual bool change(const JobRow &row) = 0;
-    virtual bool remove(sched_job_id_t id) = 0;
+    virtual sched_job_id_t add(const JobRow &row, const ChangeRow &change) = 0;
+    // False: there is no such job, and nothing is noted.
+    virtual bool change(const JobRow &row, const ChangeRow &change) = 0;
+    virtual bool remove(sched_job_id_t id, const ChangeRow &change) = 0;
+    virtual void set_acl(const std::string &acl, const ChangeRow &change) = 0;
+
+    // Changes of a job, or with 0 of all, before that number: the youngest first.
+    virtual std::vector<ChangeRow> changes(sched_job_id_t job, int64_t before, uint32_t count_max) = 0;
 
     // Starts up to this one have been made or passed over.
     virtual void consider(sched_job_id_t id, int64_t considered) = 0;
@@ -73,12 +89,11 @@ public:
     virtual void forget(const RunRow &run, int64_t considered) = 0;
     // It has ended; `owed` are to be started now; `is_last`: the job goes with it.
     virtual void end(const RunRow &run, const std::vector<sched_job_id_t> &owed, bool is_last) = 0;
-
-    virtual void set_acl(const std::string &acl) = 0;
 };
 
 // How many ended runs of a job are kept.
 constexpr int64_t runs_kept = 20;
+constexpr int64_t changes_kept = SCHED_CHANGES_KEPT;
 
 // Opens the scheduler's database, and makes it if it is not there. One of a newer version, or that something else has
 // made, is refused and left as it is.

@@ -2,6 +2,7 @@
 // and tells what is to be started.
 #pragma once
 
+#include <algorithm>
 #include <map>
 #include <optional>
 #include <set>
@@ -48,6 +49,7 @@ public:
     };
 
     void set_zone(schedule::Zone zone);
+    const schedule::Zone &zone() const { return zone_; }
     void set_catch_up(int64_t seconds) { catch_up_s_ = seconds; }
 
     // As they were read. A body that cannot be decoded is left out and counted.
@@ -76,8 +78,13 @@ public:
     void touch(Job &job) { job.version = ++version_; }
     uint64_t version() const { return version_; }
 
-private:
+    // Behind which moment the starts are that a job will make, if it is `now`.
+    static int64_t to_come_behind(const Job &job, int64_t now) { return std::max(now - 1, job.row.considered); }
+
+    // Points into the job, and to the zone.
     schedule::Spec spec_of(const Job &job) const;
+
+private:
     bool take_body(Job &job) const;
     void reckon(Job &job);
     void forget_due(const Job &job) { due_.erase({job.next_run, job.row.id}); }

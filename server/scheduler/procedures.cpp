@@ -8,6 +8,8 @@
 #include <pwd.h>
 
 #include <server/registry/store.h>
+#include <server/rpc/long_replies.h>
+#include <server/scheduler/changes.h>
 #include <veliaxdr/sched_check.h>
 
 namespace velia::server {
@@ -16,6 +18,7 @@ namespace {
 
 constexpr size_t seen_max = 4096;
 constexpr size_t jobs_max = 200000;
+constexpr size_t jobs_at_once_max = 8; // in one round, however long each is
 constexpr sched_event_mask_t event_deleted = 0x20;
 constexpr sched_event_mask_t event_modified = 0x40;
 
@@ -48,6 +51,7 @@ sched_job_completion_info_t lent(const RunRow &run) {
 sched_job_properties_t lent(const Job &job, JobBody &body) {
     static const RunRow none;
     sched_job_properties_t properties = {body.get().rw, {}};
+    properties.ro.predefined = job.row.is_predefined ? 1 : 0;
     properties.ro.job_id = job.row.id;
     properties.ro.next_run_time = job.next_run;
     properties.ro.created = lent(job.row.created);
@@ -55,6 +59,12 @@ sched_job_properties_t lent(const Job &job, JobBody &body) {
     properties.ro.running_status = {unowned(job.run.process_id), job.run.started};
     properties.ro.last_completion = lent(job.runs.empty() ? none : job.runs.back());
     return properties;
+}
+
+bool encode_job(XDR &stream, const Job &job) {
+    JobBody body(job.row.body);
+    auto properties = lent(job, body);
+    return xdr_sched_job_properties_t(&stream, &properties) != FALSE;
 }
 
 // By whom, as he is known; names are looked up in the thread.
@@ -71,18 +81,43 @@ Doer doer_of(const Caller &caller) {
             address_text(caller.peer)};
 }
 
-Deed deed_of(const Doer &doer, int64_t when) {
-    if (!doer.uid)
-        return {"nobody", doer.where, when};
+std::string look_up_name(uint32_t uid) {
     std::array<char, 4096> storage;
     passwd entry = {};
     passwd *found = nullptr;
-    getpwuid_r(*doer.uid, &entry, storage.data(), storage.size(), &found);
-    const std::string name = found != nullptr ? found->pw_name : std::to_string(*doer.uid);
+    getpwuid_r(uid, &entry, storage.data(), storage.size(), &found);
+    return found != nullptr ? found->pw_name : std::to_string(uid);
+}
+
+// A name may be asked of another host, and not at each request.
+std::string name_of_user(uint32_t uid) {
+    constexpr size_t names_max = 1024;
+    constexpr int64_t good_for_s = 60;
+    struct Name {
+        std::string text;
+        int64_t looked_up;
+    };
+    static thread_local std::map<uint32_t, Name> names;
+    const int64_t now = time(nullptr);
+    const auto found = names.find(uid);
+    if (found != names.end() && found->second.looked_up <= now && now - found->second.looked_up < good_for_s)
+        return found->second.text;
+    if (names.size() >= names_max)
+        names.clear();
+    return (names[uid] = {look_up_name(uid), now}).text;
+}
+
+Deed deed_of(const Doer &doer, int64_t when) {
+    if (!doer.uid)
+        return {"nobody", doer.where, when};
+    const std::string name = name_of_user(*doer.uid);
     return {doer.is_known ? name : name + "?", doer.where, when};
 }
 
 } // namespace
+
+SchedulerProcedures::SchedulerProcedures(Scheduler &scheduler, const Guard &guard)
+    : scheduler_(scheduler), guard_(guard), lister_(scheduler.loop(), scheduler.jobs(), encode_job) {}
 
 bool SchedulerProcedures::is_administrator_here(const Caller &caller) const {
     return guard_.permits({RVZD_PROC_SCHED_SET_ACL}, caller);
@@ -156,6 +191,8 @@ void SchedulerProcedures::job_has_info_changed(const sched_job_request_t &reques
 void SchedulerProcedures::get_jobs(const sched_request_t & /*request*/, const Caller &caller,
                                    To<sched_get_jobs_reply_t> answer) {
     const auto &jobs = scheduler_.jobs().all();
+    if (jobs.size() > jobs_at_once_max)
+        return get_many_jobs(caller, answer);
     std::vector<std::unique_ptr<JobBody>> bodies;
     std::vector<sched_job_properties_t> properties;
     for (const auto &[id, job] : jobs) {
@@ -166,6 +203,24 @@ void SchedulerProcedures::get_jobs(const sched_request_t & /*request*/, const Ca
     auto count = static_cast<uint32_t>(properties.size());
     auto *array = properties.data();
     answer(TBS_ST_OK, {TBS_ST_OK, &count, &array});
+}
+
+void SchedulerProcedures::get_many_jobs(const Caller &caller, To<sched_get_jobs_reply_t> answer) {
+    const auto sender = sender_of(caller);
+    uint32_t count = 0;
+    sched_job_properties_t *none = nullptr;
+    const bool is_taken =
+        has_room_for_long_reply(sender.host) &&
+        lister_.make(sender, answer.encoded(TBS_ST_OK, {TBS_ST_OK, &count, &none}), [answer](MessageBytes message) {
+            if (message.empty())
+                answer(TBS_ST_NO_STORAGE, {});
+            else
+                answer.send(std::move(message));
+        });
+    if (is_taken)
+        has_seen(caller, 0, scheduler_.jobs().version());
+    else
+        answer(TBS_ST_TRY_AGAIN, {});
 }
 
 void SchedulerProcedures::get_tasks(const sched_request_t & /*request*/, const Caller & /*caller*/,
@@ -196,10 +251,10 @@ void SchedulerProcedures::set_acl(const sched_acl_request_t &request, const Call
     const auto is_good = std::make_shared<bool>(false);
     const bool is_taken = scheduler_.ask(
         sender_of(caller),
-        [bytes, made, is_good](JobStore &store) {
+        [bytes, made, is_good, doer = doer_of(caller)](JobStore &store) {
             *is_good = made->take(bytes);
             if (*is_good)
-                store.set_acl(bytes);
+                store.set_acl(bytes, {0, deed_of(doer, time(nullptr)), "access", 0, "", ""});
         },
         [this, made, is_good, answer](tbs_status_t status) {
             if (status == TBS_ST_OK && *is_good)
@@ -305,7 +360,8 @@ tbs_status_t SchedulerProcedures::validate(sched_job_id_t id, sched_job_utc_rw_p
     if (status != TBS_ST_OK)
         return status;
     const Job *namesake = scheduler_.jobs().find(text_of(rw.name));
-    if ((namesake != nullptr && namesake->row.id != id) || names_on_the_way_.contains(rw.name)) {
+    if ((namesake != nullptr && namesake->row.id != id) || names_on_the_way_.contains(rw.name) ||
+        scheduler_.is_on_the_way(rw.name)) {
         err_mask = SCHED_ERR_NAME_DUPLICATE;
         return TBS_ST_INVALID_ARG;
     }
@@ -341,9 +397,9 @@ void SchedulerProcedures::create(sched_job_utc_rw_props_t &props, const Caller &
     ++names_on_the_way_[name];
     const bool is_taken = scheduler_.ask(
         sender_of(caller),
-        [row, doer = doer_of(caller)](JobStore &store) {
+        [row, name, doer = doer_of(caller)](JobStore &store) {
             row->created = row->changed = deed_of(doer, row->changed_start);
-            row->id = store.add(*row);
+            row->id = store.add(*row, {0, row->changed, "created", 0, noted_name(name), ""});
         },
         [this, row, name, err_mask, answer](tbs_status_t done) mutable {
             names_on_the_way_.erase(name);
@@ -382,7 +438,10 @@ void SchedulerProcedures::set_properties(sched_job_h_t handle, sched_job_utc_rw_
     if (!is_owner(*job, caller))
         return answer(TBS_ST_NO_ACCESS, {});
     uint32_t err_mask = 0;
-    const auto status = validate(job->row.id, props, err_mask);
+    auto status = validate(job->row.id, props, err_mask);
+    if (status == TBS_ST_OK && job->row.is_predefined)
+        status = sched_utl_validate_predef_job_rw_properties(nullptr, &JobBody(job->row.body).get().rw, &props.rw, 1,
+                                                             &err_mask);
     if (status != TBS_ST_OK)
         return answer(status, {status, &err_mask});
     const auto row = std::make_shared<JobRow>(job->row);
@@ -390,13 +449,14 @@ void SchedulerProcedures::set_properties(sched_job_h_t handle, sched_job_utc_rw_
     row->changed_start = time(nullptr);
     row->considered = std::max<int64_t>(row->considered, row->changed_start - 1);
     const auto is_there = std::make_shared<bool>(false);
+    const auto fields = changed_fields(JobBody(job->row.body).get().rw, props.rw);
     const std::string name = props.rw.name;
     ++names_on_the_way_[name];
     const bool is_taken = scheduler_.ask(
         sender_of(caller),
-        [row, is_there, doer = doer_of(caller)](JobStore &store) {
+        [row, is_there, name, fields, doer = doer_of(caller)](JobStore &store) {
             row->changed = deed_of(doer, row->changed_start);
-            *is_there = store.change(*row);
+            *is_there = store.change(*row, {0, row->changed, "changed", row->id, noted_name(name), fields});
         },
         [this, row, is_there, name, err_mask, answer](tbs_status_t done) mutable {
             names_on_the_way_.erase(name);
@@ -441,7 +501,10 @@ void SchedulerProcedures::job_delete(const sched_job_delete_request_t &request, 
     if (job->phase == Job::Phase::running && request.flag == 0)
         return refuse(TBS_ST_TRY_AGAIN);
     const bool is_taken = scheduler_.ask(
-        sender_of(caller), [id](JobStore &store) { store.remove(id); },
+        sender_of(caller),
+        [id, name = job->name, doer = doer_of(caller)](JobStore &store) {
+            store.remove(id, {0, deed_of(doer, time(nullptr)), "deleted", id, noted_name(name), ""});
+        },
         [this, id, answer](tbs_status_t status) {
             const Job *deleted = scheduler_.jobs().find(id);
             if (status == TBS_ST_OK && deleted != nullptr) {
@@ -533,6 +596,10 @@ std::vector<ServedProcedure> SchedulerProcedures::rows() {
         row<procedures::sched_job_create_utc, &P::job_create_utc>(),
         row<procedures::sched_job_get_properties_utc, &P::job_get_properties_utc>(),
         row<procedures::sched_job_set_properties_utc, &P::job_set_properties_utc>(),
+        row<procedures::sched_run_get_output, &P::run_get_output>(),
+        row<procedures::sched_run_get_history, &P::run_get_history>(),
+        row<procedures::sched_get_changes, &P::get_changes>(),
+        row<procedures::sched_get_next_runs, &P::get_next_runs>(),
     };
 }
 

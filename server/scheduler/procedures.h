@@ -6,6 +6,7 @@
 
 #include <server/rpc/guard.h>
 #include <server/rpc/serve.h>
+#include <server/scheduler/job_lister.h>
 #include <server/scheduler/scheduler.h>
 
 namespace velia::server {
@@ -43,13 +44,17 @@ inline constexpr std::array permission_rows = {
     PermissionRow{RVZD_PROC_SCHED_JOB_CREATE_UTC, PERMISSION_CHANGE},
     PermissionRow{RVZD_PROC_SCHED_JOB_GET_PROPERTIES_UTC, PERMISSION_READ},
     PermissionRow{RVZD_PROC_SCHED_JOB_SET_PROPERTIES_UTC, PERMISSION_CHANGE},
+    PermissionRow{RVZD_PROC_SCHED_RUN_GET_OUTPUT, PERMISSION_READ},
+    PermissionRow{RVZD_PROC_SCHED_RUN_GET_HISTORY, PERMISSION_READ},
+    PermissionRow{RVZD_PROC_SCHED_GET_CHANGES, PERMISSION_READ},
+    PermissionRow{RVZD_PROC_SCHED_GET_NEXT_RUNS, PERMISSION_READ},
 };
 
 // While there is no way to the database each answers TBS_ST_NO_SERVER.
 class SchedulerProcedures {
 public:
     // Both have to outlive them. Whom the guard lets change the access control list is an administrator.
-    SchedulerProcedures(Scheduler &scheduler, const Guard &guard) : scheduler_(scheduler), guard_(guard) {}
+    SchedulerProcedures(Scheduler &scheduler, const Guard &guard);
 
     std::vector<ServedProcedure> rows();
 
@@ -58,6 +63,7 @@ private:
     using To = const Answer<Record> &;
 
     void get_jobs(const sched_request_t &request, const Caller &caller, To<sched_get_jobs_reply_t> answer);
+    void get_many_jobs(const Caller &caller, To<sched_get_jobs_reply_t> answer);
     void has_info_changed(const sched_request_t &request, const Caller &caller, To<sched_boolean_reply_t> answer);
     void get_tasks(const sched_request_t &request, const Caller &caller, To<sched_get_tasks_reply_t> answer);
     void get_acl(const sched_request_t &request, const Caller &caller, To<sched_acl_reply_t> answer);
@@ -93,6 +99,13 @@ private:
     void get_app_perms(const sched_request_t &request, const Caller &caller, To<sched_app_perms_reply_t> answer);
     void get_time(const sched_request_t &request, const Caller &caller, To<sched_time_reply_t> answer);
     void contact(const sched_contact_request_t &request, const Caller &caller, To<sched_contact_reply_t> answer);
+    void run_get_output(const sched_run_output_request_t &request, const Caller &caller,
+                        To<sched_run_output_reply_t> answer);
+    void run_get_history(const sched_run_history_request_t &request, const Caller &caller,
+                         To<sched_run_history_reply_t> answer);
+    void get_next_runs(const sched_next_runs_request_t &request, const Caller &caller,
+                       To<sched_next_runs_reply_t> answer);
+    void get_changes(const sched_changes_request_t &request, const Caller &caller, To<sched_changes_reply_t> answer);
 
     template <const auto &procedure, auto work>
     ServedProcedure row();
@@ -113,6 +126,7 @@ private:
 
     Scheduler &scheduler_;
     const Guard &guard_;
+    JobLister lister_;
     std::map<std::string, int> names_on_the_way_; // of jobs that are being written
     // Which version of a job, or with 0 of all, a caller was told last.
     std::map<std::pair<Sender, sched_job_id_t>, uint64_t> seen_;

@@ -1,5 +1,6 @@
 #include <server/scheduler/run_file.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
@@ -90,6 +91,20 @@ std::optional<RunNotes> read_run_file(const std::string &path) {
     const ssize_t count = read(fd.get(), text.data(), text.size());
     text.resize(count > 0 ? static_cast<size_t>(count) : 0);
     return read_notes(text);
+}
+
+std::optional<OutputPiece> read_output(const std::string &path, uint64_t offset, size_t size_max) {
+    const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    struct stat facts = {};
+    if (!fd || fstat(fd.get(), &facts) != 0)
+        return std::nullopt;
+    OutputPiece piece = {static_cast<uint64_t>(facts.st_size), {}};
+    if (offset >= piece.total)
+        return piece;
+    piece.bytes.resize(std::min<uint64_t>(size_max, piece.total - offset));
+    const ssize_t count = pread(fd.get(), piece.bytes.data(), piece.bytes.size(), static_cast<off_t>(offset));
+    piece.bytes.resize(count > 0 ? static_cast<size_t>(count) : 0);
+    return piece;
 }
 
 bool is_kept(const std::string &path) {

@@ -48,6 +48,13 @@ UniqueFd make_run_file(const std::string &path);
 // None: there is no such file.
 std::optional<RunNotes> read_run_file(const std::string &path);
 
+// What a run has put out, from a byte on; none: there is no such file.
+struct OutputPiece {
+    uint64_t total = 0;
+    std::string bytes;
+};
+std::optional<OutputPiece> read_output(const std::string &path, uint64_t offset, size_t size_max);
+
 // Whether a keeper has it.
 bool is_kept(const std::string &path);
 

@@ -16,6 +16,7 @@
 
 #include <server/broker/service_process.h>
 #include <server/registry/store.h>
+#include <server/scheduler/changes.h>
 #include <server/scheduler/keeper.h>
 #include <server/scheduler/messages.h>
 #include <server/scheduler/run_file.h>
@@ -112,6 +113,7 @@ Scheduler::Scheduler(uv_loop_t *loop)
 void Scheduler::configure(const SchedulerSettings &settings) {
     settings_ = settings;
     jobs_.set_catch_up(settings.catch_up_s);
+    make_predefined();
     start_waiting();
 }
 
@@ -120,6 +122,10 @@ const Task *Scheduler::task(sched_task_id_t id) const {
         if (task.id == id)
             return &task;
     return nullptr;
+}
+
+std::string Scheduler::output_path(const RunRow &run) const {
+    return run_paths(directory_, run).output;
 }
 
 bool Scheduler::may_run(const std::optional<uint32_t> &owner) {
@@ -175,6 +181,7 @@ void Scheduler::open() {
             adopt(run, contents.owed);
     clear_away();
     start_followers(contents.owed);
+    make_predefined();
     look();
 }
 
@@ -205,6 +212,65 @@ void Scheduler::adopt(const RunRow &run, std::vector<sched_job_id_t> &owed) {
     }
     if (!lives)
         unlink(paths.notes.c_str());
+}
+
+// What follows another is made behind it, when that has its number.
+void Scheduler::make_predefined() {
+    if (!is_open_)
+        return;
+    for (const auto &defined : settings_.schedule) {
+        if (const Job *job = jobs_.find(defined.name); job != nullptr) {
+            if (!job->row.is_predefined)
+                imsg_print(IMSG_WARNING, "The job \"%s\" of the default schedule is not made: there is another one\n",
+                           IMSG_FORMAT, defined.name.c_str());
+        } else if (const auto row = predefined_row(defined); row && on_the_way_.insert(defined.name).second) {
+            make(defined, *row);
+        }
+    }
+    for (const auto &defined : settings_.schedule)
+        if (on_the_way_.empty() && jobs_.find(defined.name) == nullptr)
+            imsg_print(IMSG_WARNING, "The job \"%s\" of the default schedule is not made: there is no job \"%s\"\n",
+                       IMSG_FORMAT, defined.name.c_str(), defined.follows.c_str());
+}
+
+std::optional<JobRow> Scheduler::predefined_row(const DefinedJob &defined) {
+    JobBody body(defined.body);
+    auto &props = body.get();
+    if (!defined.follows.empty()) {
+        const Job *followed = jobs_.find(defined.follows);
+        if (followed == nullptr)
+            return std::nullopt;
+        props.rw.schedule.u.sequential.follows_job = followed->row.id;
+    }
+    JobRow row;
+    row.body = xdr_bytes(xdr_sched_job_utc_rw_props_t, props);
+    row.owner = geteuid();
+    row.is_predefined = true;
+    row.changed_start = time(nullptr);
+    row.considered = row.changed_start - 1;
+    row.created = row.changed = {"default schedule", "this host", row.changed_start};
+    return row;
+}
+
+void Scheduler::make(const DefinedJob &defined, const JobRow &row) {
+    const auto made = std::make_shared<JobRow>(row);
+    const auto words = std::make_shared<std::string>();
+    worker_.submit_first({[this, made, words, name = noted_name(defined.name)] {
+                              try {
+                                  made->id = store_->add(*made, {0, made->created, "created", 0, name, ""});
+                              } catch (const std::exception &error) {
+                                  *words = error.what();
+                              }
+                          },
+                          [this, made, words, name = defined.name] {
+                              on_the_way_.erase(name);
+                              if (!words->empty())
+                                  return imsg_print(IMSG_ERROR, "The job \"%s\" cannot be made: %s\n", IMSG_FORMAT,
+                                                    name.c_str(), words->c_str());
+                              jobs_.add(*made);
+                              schedule();
+                              make_predefined(); // those that follow it
+                          }});
 }
 
 void Scheduler::schedule() {

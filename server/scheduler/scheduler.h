@@ -6,11 +6,13 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
 #include <server/loop/worker.h>
 #include <server/scheduler/access.h>
+#include <server/scheduler/definitions.h>
 #include <server/scheduler/jobs.h>
 #include <server/scheduler/process_watch.h>
 #include <server/scheduler/task.h>
@@ -24,6 +26,7 @@ struct SchedulerSettings {
     uint32_t runs_max = 16;
     uint32_t catch_up_s = 3600;
     uint32_t output_mib = 64;
+    std::vector<DefinedJob> schedule; // of predefined jobs; what is there under its name stays as it is
 };
 
 class Scheduler {
@@ -39,6 +42,7 @@ public:
     void stop() { is_open_ = false; }
     bool is_open() const { return is_open_; }
 
+    uv_loop_t *loop() const { return loop_; }
     Jobs &jobs() { return jobs_; }
     AccessList &access() { return access_; }
     const std::vector<Task> &tasks() const { return settings_.tasks; }
@@ -48,6 +52,9 @@ public:
     using Work = std::function<void(JobStore &)>;
     using Done = std::function<void(tbs_status_t)>;
     bool ask(const Sender &sender, Work work, Done done);
+
+    // A job of that name is being made.
+    bool is_on_the_way(const std::string &name) const { return on_the_way_.contains(name); }
 
     // What has been changed is due at another time, and the job's users are told.
     void take_up(const Job &job, sched_event_mask_t event, const std::string &what);
@@ -63,6 +70,9 @@ public:
     // A job that is on disk no more. Its run ends, and what its runs put out goes.
     void remove(const Job &job);
 
+    // The file of what a run has put out.
+    std::string output_path(const RunRow &run) const;
+
     // As who a job of this owner runs; false for one that would have to run as root for somebody else.
     static bool may_run(const std::optional<uint32_t> &owner);
 
@@ -77,6 +87,9 @@ private:
         Begun begun;
     };
 
+    void make_predefined();
+    std::optional<JobRow> predefined_row(const DefinedJob &defined);
+    void make(const DefinedJob &defined, const JobRow &row);
     void look();
     void pass_over(const Jobs::Due &due);
     void start_waiting();
@@ -102,6 +115,7 @@ private:
     std::string directory_; // of the runs
     std::map<sched_job_id_t, Kept> kept_;
     std::deque<Start> waiting_;
+    std::set<std::string> on_the_way_;
     size_t running_ = 0;
     std::vector<std::pair<RunRow, bool>> unended_; // whose end could not be written yet
     std::map<int32_t, std::unique_ptr<ProcessWatch>> notifiers_;

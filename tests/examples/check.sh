@@ -18,6 +18,7 @@ surroundings='
     rvzd_handle_t *handle = NULL; rvzd_rpc_trait_t trait = {0}; rvzd_socket_desc_t descs[4]; tbs_uuid_t uuid = {{0}};
     struct timeval time_out = {5, 0}; entry_t *record = NULL;
     sched_h_t scheduler = NULL; sched_job_h_t nightly = NULL; sched_job_rw_properties_t job = {0};
+    sched_job_id_t job_id = 17;
     XDR stream; XDR *xdrs = &stream; CLIENT *client = NULL; struct sockaddr *address = NULL; stg_area_t area = NULL;'
 
 for header in "$source"/include/veliaxdr/*.h "$source"/include/veliaxdr/*.hpp "$source"/include/support/*.h; do

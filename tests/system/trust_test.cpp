@@ -24,6 +24,8 @@
 #include <tests/system/support/registry_calls.h>
 #include <tests/system/support/registry_file.h>
 #include <tests/system/support/speaker.h>
+#include <veliaxdr/sched_access.h>
+#include <veliaxdr/sched_jobs.h>
 
 using namespace velia;
 using namespace velia::system_test;
@@ -130,6 +132,28 @@ std::string surprises(const Site &site, const Asker &asker) {
     return told.str();
 }
 
+// The same of the scheduler's procedures, whose requests are empty but for an access list like the one that is there.
+std::string surprises_of_scheduler(const Site &site, const Asker &asker) {
+    std::ostringstream told;
+    const Speaker speaker(site, asker.road, asker.claims, asker.from == "the host" ? "127.0.0.1" : asker.from);
+    char nobody[] = "";
+    tbs_acl_entry_t everyone = {TBS_ACL_EVERYONE, nobody, 1};
+    tbs_acl_t list = {1, &everyone};
+    const auto judge = [&](const auto &procedure) {
+        auto request = procedure.empty_request();
+        if constexpr (std::is_same_v<decltype(request), sched_acl_request_t>)
+            request.acl = &list;
+        const Right right = server::right_to(procedure.number, server::any_operation);
+        const bool is_permitted = asker.may(right == Right::write ? Right::administer : right);
+        const tbs_status_t status = speaker.ask(procedure, request);
+        if (status == -1 || (status != TBS_ST_NO_ACCESS) != is_permitted)
+            told << asker.text() << ": " << procedure.name << ": " << status << "\n";
+    };
+    for_each_scheduler_procedure(judge);
+    for_each_run_procedure(judge);
+    return told.str();
+}
+
 rvzd_registry_clnt_conf_req_t host_change(char *host) {
     return {{}, RGY_PROTOCOL_VERSION, RGY_CONF_SET_HOST, host};
 }
@@ -162,14 +186,98 @@ bool is_without_right(const Asker &asker, const server::RightsRow &row) {
     return row.right == Right::report || !asker.may(row.right);
 }
 
-// Of the broker's program.
+// Of the broker, the registry and the scheduler.
+template <class Visit>
+void for_every_procedure(Visit &&visit) {
+    for_each_procedure(visit);
+    for_each_scheduler_procedure(visit);
+    for_each_run_procedure(visit);
+}
+
 int rows_without_right(const Asker &asker) {
     int count = 0;
     for (const auto &row : server::rights_rows)
-        for_each_procedure([&](const auto &procedure) {
+        for_every_procedure([&](const auto &procedure) {
             count += procedure.number == row.procedure && is_without_right(asker, row) ? 1 : 0;
         });
     return count;
+}
+
+// The one job of the test, and what would be made of it.
+struct EvilJob {
+    EvilJob() {
+        made.name = made.description = name;
+        made.schedule.kind = SCHED_KIND_DAILY;
+        made.schedule.u.daily.frequency = 1;
+        made.schedule.u.daily.common.lifetime.start_date = 4102444800; // in the year 2100
+        made.task = 1;
+        utc.rw = made;
+    }
+    char name[5] = "evil";
+    sched_job_rw_properties_t made = {};
+    sched_job_utc_rw_props_t utc = {};
+    sched_job_handle handle = {1};
+    sched_job_h_t slot = &handle;
+    sched_running_job_handle run = {1, 1};
+    tbs_acl_entry_t everyone = {TBS_ACL_EVERYONE, name + 4, 7};
+    tbs_acl_t list = {1, &everyone};
+};
+
+template <class Request>
+void make_evil(Request &request) {
+    static EvilJob evil;
+    if constexpr (std::is_same_v<Request, sched_acl_request_t>)
+        request.acl = &evil.list;
+    if constexpr (std::is_same_v<Request, sched_job_create_request_t>)
+        request.job = &evil.made;
+    if constexpr (std::is_same_v<Request, sched_utc_create_request_t>)
+        request.job = &evil.utc;
+    if constexpr (std::is_same_v<Request, sched_job_delete_request_t>) {
+        request.job = &evil.slot;
+        request.flag = 1;
+    }
+    if constexpr (std::is_same_v<Request, sched_job_request_t>)
+        request.job = &evil.handle;
+    if constexpr (std::is_same_v<Request, sched_running_job_request_t>)
+        request.job = &evil.run;
+    if constexpr (requires { request.properties; })
+        request.job = &evil.handle;
+    if constexpr (std::is_same_v<Request, sched_job_set_request_t>)
+        request.properties = &evil.made;
+    if constexpr (std::is_same_v<Request, sched_utc_set_request_t>)
+        request.properties = &evil.utc;
+}
+
+// What a scheduler with one job shows of it, and who may do what.
+std::string state_of_scheduler() {
+    sched_h_t scheduler = nullptr;
+    EXPECT_EQ(sched_get_handle("alpha", &scheduler), TBS_ST_OK);
+    uint32_t count = 0;
+    sched_job_properties_t *jobs = nullptr;
+    tbs_acl_h_t acl = nullptr;
+    EXPECT_EQ(sched_get_jobs(scheduler, &count, &jobs), TBS_ST_OK);
+    EXPECT_EQ(sched_get_acl(scheduler, &acl), TBS_ST_OK);
+    std::ostringstream told;
+    for (uint32_t i = 0; i < count; ++i)
+        told << jobs[i].rw.name << " " << jobs[i].ro.last_completion.started << " " << jobs[i].ro.running_status.started
+             << ";";
+    for (uint32_t i = 0; acl != nullptr && i < acl->count; ++i)
+        told << acl->entries[i].kind << "=" << acl->entries[i].permissions << ";";
+    xdr_free(reinterpret_cast<xdrproc_t>(xdr_tbs_acl_h_t), &acl);
+    sched_free_jobs(scheduler, count, &jobs);
+    sched_free_handle(&scheduler);
+    return told.str();
+}
+
+void create_job(const char *name) {
+    EvilJob job;
+    job.made.name = job.made.description = const_cast<char *>(name);
+    sched_h_t scheduler = nullptr;
+    EXPECT_EQ(sched_get_handle("alpha", &scheduler), TBS_ST_OK);
+    sched_job_h_t made = nullptr;
+    EXPECT_EQ(sched_job_create(scheduler, &job.made, &made, nullptr), TBS_ST_OK);
+    sched_job_free_handle(scheduler, &made);
+    sched_free_handle(&scheduler);
 }
 
 // Calls that would change something if they were obeyed.
@@ -192,6 +300,7 @@ struct Mischief {
             made.host_list = evil;
         if constexpr (std::is_same_v<Request, rvzd_register_server_req_t>)
             made = registration(program + 1, 4000, server_pid);
+        make_evil(made);
         return made;
     }
 
@@ -199,7 +308,7 @@ struct Mischief {
     int send_every_row(const Site &site, const Asker &asker) const {
         int count = 0;
         for (const auto &row : server::rights_rows)
-            for_each_procedure([&](const auto &procedure) {
+            for_every_procedure([&](const auto &procedure) {
                 if (procedure.number != row.procedure || !is_without_right(asker, row))
                     return;
                 using Request = decltype(procedure.empty_request());
@@ -225,11 +334,25 @@ TEST_F(TrustTest, EveryRowOfTheTableIsKeptForEverybody) {
     }
 }
 
+// Beside the table's rights there is the access list, by which everybody may read. Claims are not asked for: a
+// scheduler's client makes none.
+TEST_F(TrustTest, EveryRowOfTheSchedulersIsKeptForEverybody) {
+    serve(user_of_daemon);
+    for (const Asker &asker : everybody()) {
+        if (asker.road == SpeaksOver::UDP)
+            continue;
+        EXPECT_THAT(told_as(asker.user, [&] { return surprises_of_scheduler(site, asker); }), IsEmpty());
+    }
+}
+
 // Where the owner of a closed socket was looked up, it was root. Every row is asked for by who has no right to it; who
 // could have it done would leave a trace of each.
 TEST_F(TrustTest, ACallerWhoClosesItsSocketAtOnceIsNobody) {
-    site.configure("udp resident 390600 1 - - - " SAMPLE_SERVER " --prog 390600\n");
+    site.configure("udp resident 390600 1 - - - " SAMPLE_SERVER " --prog 390600\ntask 1 script /bin/sh\n");
     serve(0);
+    create_job("good");
+    const std::string state = state_of_scheduler();
+    EXPECT_EQ(state, "good 0 0;0=1;");
     ASSERT_TRUE(eventually([] { return echo("alpha", program, RVZD_PROTOCOL_UDP, "x") == "x"; })) << daemon->output();
     const Mischief mischief = {daemon->started().at(0), stamps_of_regions()};
     for (const SpeaksOver road : {SpeaksOver::HOST, SpeaksOver::UDP, SpeaksOver::TCP})
@@ -253,6 +376,7 @@ TEST_F(TrustTest, ACallerWhoClosesItsSocketAtOnceIsNobody) {
     EXPECT_EQ(daemon->started().size(), 1U)
         << "its server was ended, or another one is preferred: " << daemon->output();
     EXPECT_EQ(find(Handle(), program + 1).status, TBS_ST_NOT_FOUND) << "a registration was taken";
+    EXPECT_EQ(state_of_scheduler(), state);
 }
 
 // The daemon's own socket stood in the table under the port from which the call came.

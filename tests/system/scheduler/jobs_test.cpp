@@ -138,6 +138,24 @@ TEST_F(SchedulerJobs, AListOfManyComesAsAWhole) {
     EXPECT_EQ(count_jobs(), many);
 }
 
+// Far more than a connection may have unsent.
+TEST_F(SchedulerJobs, AListOfTenThousandComesAsAWhole) {
+    constexpr uint32_t many = 10000;
+    create(NewJob("one", {std::string(500, 'x')}));
+    kill_daemon();
+    multiply_jobs(many - 1);
+    restart();
+    uint32_t count = 0;
+    sched_job_properties_t *jobs = nullptr;
+    ASSERT_EQ(sched_get_jobs(handle, &count, &jobs), TBS_ST_OK);
+    EXPECT_EQ(count, many);
+    for (uint32_t i = 0; i < count; ++i)
+        ASSERT_EQ(jobs[i].ro.job_id, i + 1);
+    EXPECT_STREQ(jobs[count - 1].rw.name, "one");
+    EXPECT_EQ(std::string(jobs[count - 1].rw.args[0]), std::string(500, 'x'));
+    sched_free_jobs(handle, count, &jobs);
+}
+
 TEST_F(SchedulerJobs, TellACallerOnceThatTheyHaveChanged) {
     EXPECT_EQ(has_changed(), 1);
     EXPECT_EQ(has_changed(), 0);

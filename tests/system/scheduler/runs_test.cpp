@@ -19,12 +19,6 @@ struct SchedulerRuns : SchedulerFixture {
         std::vector<int64_t> dues;
         size_t distinct_dues() const { return std::set<int64_t>(dues.begin(), dues.end()).size(); }
     };
-    void change_database(const std::string &words) const {
-        sqlite3 *database = nullptr;
-        sqlite3_open_v2(site.path("host/priv/scheduler.db").c_str(), &database, SQLITE_OPEN_READWRITE, nullptr);
-        EXPECT_EQ(sqlite3_exec(database, words.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << words;
-        sqlite3_close(database);
-    }
     Made made_runs(sched_job_id_t id) const {
         Made made;
         sqlite3 *database = nullptr;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <tests/system/support/daemon.h>
 #include <tests/system/support/site.h>
@@ -16,6 +17,7 @@
 #include <veliaxdr/sched_handle.h>
 #include <veliaxdr/sched_jobs.h>
 #include <veliaxdr/sched_run.h>
+#include <veliaxdr/sched_runs.h>
 #include <veliaxdr/sched_tasks.h>
 
 namespace velia::system_test {
@@ -160,6 +162,22 @@ protected:
     std::string read(const std::string &name) const {
         std::ifstream file(site.path(name));
         return {std::istreambuf_iterator<char>(file), {}};
+    }
+
+    void change_database(const std::string &words) const {
+        sqlite3 *database = nullptr;
+        sqlite3_open_v2(site.path("host/priv/scheduler.db").c_str(), &database, SQLITE_OPEN_READWRITE, nullptr);
+        EXPECT_EQ(sqlite3_exec(database, words.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << words;
+        sqlite3_close(database);
+    }
+    // Copies of the first job, for a daemon that is down.
+    void multiply_jobs(uint32_t copies) const {
+        change_database("WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < " +
+                        std::to_string(copies) +
+                        ") INSERT INTO job (body, owner, created_who, created_where, created_when, changed_who, "
+                        "changed_where, changed_when, considered, changed_start) SELECT body, owner, created_who, "
+                        "created_where, created_when, changed_who, changed_where, changed_when, considered, "
+                        "changed_start FROM job, n WHERE id = 1");
     }
 
     Site site;

@@ -55,7 +55,10 @@ public:
         Reply reply = {};
         tbs_status_t status = -1;
         if (procedure.xdr_reply(&stream, &reply)) {
-            status = reply.header.status;
+            if constexpr (requires { reply.header; })
+                status = reply.header.status;
+            else
+                status = reply.status;
             if constexpr (requires { reply.toggle.status; })
                 status = reply.toggle.status;
         }

@@ -20,6 +20,8 @@ constexpr uint32_t program = 390512;
 constexpr uint32_t ping = 0;
 constexpr uint32_t long_work = 1;
 constexpr uint32_t large_reply = 2;
+constexpr uint32_t long_list = 3;
+constexpr size_t long_list_bytes = 5'000'000;
 constexpr int64_t deadline_ms = 20000;
 
 class Connections : public testing::Test {
@@ -82,7 +84,7 @@ protected:
             before = large_replies;
             for (int i = 0; i < 16; ++i)
                 send(fd.get(), call.data(), call.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-            let_pass(20);
+            let_pass(200); // of a busy machine, too, none leaves any more
         } while (large_replies != before);
     }
     void let_pass(int64_t time_ms) {
@@ -158,15 +160,70 @@ protected:
         call.sink(MessageBytes(60000, 0));
         return true;
     }
+    static bool answer_with_a_list(void * /*owner*/, XDR & /*arguments*/, const Call &call) {
+        MessageBytes bytes(long_list_bytes, 1);
+        bytes.back() = 2;
+        call.sink(std::move(bytes));
+        return true;
+    }
+    // Takes what comes while the loop runs, until so much has.
+    MessageBytes take(const UniqueFd &fd, size_t size) {
+        MessageBytes taken;
+        std::array<unsigned char, 65536> piece;
+        EXPECT_TRUE(run_until([&] {
+            const ssize_t count = recv(fd.get(), piece.data(), piece.size(), MSG_DONTWAIT);
+            if (count > 0)
+                taken.insert(taken.end(), piece.begin(), piece.begin() + count);
+            return taken.size() >= size;
+        }));
+        return taken;
+    }
+    // Of connections from this host over IP.
+    static Sender::Host this_host() {
+        ks_sockaddr_storage_t address = {};
+        address.ipv4.sin_family = AF_INET;
+        address.ipv4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        return host_of(address);
+    }
     size_t large_replies = 0;
     Dispatcher dispatcher{program,
                           3,
                           server_tests::open_guard,
                           {{ping, false, false, this, refuse},
                            {long_work, false, false, this, leave_unanswered},
-                           {large_reply, false, false, this, answer_at_length}}};
+                           {large_reply, false, false, this, answer_at_length},
+                           {long_list, false, false, this, answer_with_a_list}}};
     std::optional<TcpEndpoint> endpoint;
 };
+
+TEST_F(Connections, AListThatIsLongerThanWhatMayBeUnsentComesWholeAndOthersAreServedMeanwhile) {
+    serve(limits());
+    const UniqueFd peer = served_peer();
+    const UniqueFd other = served_peer();
+    send_call(peer, long_list);
+    complete_request(other);
+    const auto record = take(peer, 4 + long_list_bytes);
+    ASSERT_EQ(record.size(), 4 + long_list_bytes);
+    EXPECT_EQ(MessageBytes(record.begin(), record.begin() + 4), record_mark(long_list_bytes));
+    EXPECT_EQ(record[4], 1);
+    EXPECT_EQ(record.back(), 2);
+    complete_request(peer);
+}
+
+TEST_F(Connections, LongListsThatNobodyTakesFillTheShareOfTheirHostAloneUntilTheirPeersGo) {
+    serve(limits(64));
+    std::vector<UniqueFd> hoarders;
+    while (has_room_for_long_reply(this_host()) && hoarders.size() < 40) {
+        hoarders.push_back(served_peer());
+        send_call(hoarders.back(), long_list);
+        let_pass(5);
+    }
+    EXPECT_FALSE(has_room_for_long_reply(this_host()));
+    EXPECT_GE(hoarders.size(), long_replies_of_host_max / long_list_bytes);
+    EXPECT_TRUE(has_room_for_long_reply({7, 7}));
+    hoarders.clear();
+    EXPECT_TRUE(run_until([&] { return has_room_for_long_reply(this_host()); }));
+}
 
 TEST_F(Connections, NewcomerGetsThePlaceOfAPeerThatNeverCompletedARequest) {
     serve(limits(2));

@@ -53,6 +53,25 @@ TEST(SchedulerAccess, EntriesAddUp) {
     EXPECT_EQ(list.permissions_of(known(8, 9)), 5U);
 }
 
+TEST(SchedulerAccess, EachGroupOfACallerCounts) {
+    AccessList list;
+    ASSERT_TRUE(list.take(list_of({entry(TBS_ACL_GROUP, "9", 4), entry(TBS_ACL_GROUP, "10", 2)})));
+    Caller caller = known(7, 8);
+    EXPECT_EQ(list.permissions_of(caller), 0U);
+    caller.known->groups = std::make_shared<const std::vector<gid_t>>(std::vector<gid_t>{5, 9});
+    EXPECT_EQ(list.permissions_of(caller), 4U);
+}
+
+// Whoever was left a connection, or writes over it as somebody else, has none of its maker's groups.
+TEST(SchedulerAccess, GroupsAreThoseOfTheProcessThatMadeTheConnection) {
+    const KnownCaller maker = {500, 7, 8, std::make_shared<const std::vector<gid_t>>(std::vector<gid_t>{9})};
+    EXPECT_TRUE(known_by_both(maker, {500, 7, 8}).is_in(9));
+    EXPECT_TRUE(known_by_both(maker, {500, 7, 8}).is_in(8));
+    EXPECT_FALSE(known_by_both(maker, {501, 7, 8}).is_in(9));
+    EXPECT_FALSE(known_by_both(maker, {500, 6, 8}).is_in(9));
+    EXPECT_FALSE(known_by_both({500, 7, 8}, maker).is_in(9));
+}
+
 TEST(SchedulerAccess, AClaimIsNobodys) {
     AccessList list;
     ASSERT_TRUE(list.take(list_of({entry(TBS_ACL_USER, "7", 7)})));
@@ -81,5 +100,6 @@ TEST(SchedulerAccess, EachProcedureHasAPermission) {
         EXPECT_TRUE(rows.insert(row.procedure).second) << row.procedure;
     std::set<uint32_t> procedures;
     velia::for_each_scheduler_procedure([&](const auto &procedure) { procedures.insert(procedure.number); });
+    velia::for_each_run_procedure([&](const auto &procedure) { procedures.insert(procedure.number); });
     EXPECT_EQ(rows, procedures);
 }

@@ -1,0 +1,34 @@
+/* Loaded before the C library: as long as the file that DISK_IS_FULL names is there, no file takes anything more. */
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+static int is_full(int fd) {
+    const char *file = getenv("DISK_IS_FULL");
+    struct stat facts;
+    if (file == NULL || access(file, F_OK) != 0 || fstat(fd, &facts) != 0 || !S_ISREG(facts.st_mode))
+        return 0;
+    errno = ENOSPC;
+    return 1;
+}
+
+#define REFUSED_WHEN_FULL(RESULT, NAME, PARAMETERS, ARGUMENTS)                                                         \
+    RESULT NAME PARAMETERS {                                                                                           \
+        RESULT(*function) PARAMETERS;                                                                                  \
+        if (is_full(fd))                                                                                               \
+            return -1;                                                                                                 \
+        *(void **)&function = dlsym(RTLD_NEXT, #NAME);                                                                 \
+        return function ARGUMENTS;                                                                                     \
+    }
+
+REFUSED_WHEN_FULL(ssize_t, pwrite, (int fd, const void *bytes, size_t size, off_t offset), (fd, bytes, size, offset))
+REFUSED_WHEN_FULL(ssize_t, pwrite64, (int fd, const void *bytes, size_t size, off64_t offset),
+                  (fd, bytes, size, offset))
+REFUSED_WHEN_FULL(int, fallocate, (int fd, int mode, off_t offset, off_t size), (fd, mode, offset, size))
+REFUSED_WHEN_FULL(int, fallocate64, (int fd, int mode, off64_t offset, off64_t size), (fd, mode, offset, size))
+REFUSED_WHEN_FULL(int, ftruncate, (int fd, off_t size), (fd, size))
+REFUSED_WHEN_FULL(int, ftruncate64, (int fd, off64_t size), (fd, size))

@@ -1,0 +1,111 @@
+// The routines of runs and changes against code that rpcgen made of doc/protocol/runs.x.
+#include <runs.h>
+#include <runs_routines.h>
+
+#include <gtest/gtest.h>
+
+#include <tests/unit/sched/run_samples.h>
+#include <tests/wire/both_sides.h>
+#include <tests/wire/stub_records.h>
+
+using namespace wire_tests;
+
+namespace {
+
+template <class Visit>
+void for_each_pair(Visit &&visit) {
+#define PROCEDURE(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER)                                                  \
+    {                                                                                                                  \
+        using Twins = StubRecords<decltype(NAME##_3)>;                                                                 \
+        visit(#NAME " request", velia::procedures::NAME.xdr_request, routine_of_twin<Twins::Request>());               \
+        visit(#NAME " reply", velia::procedures::NAME.xdr_reply, routine_of_twin<Twins::Reply>());                     \
+    }
+    RVZD_RUN_PROCEDURES(PROCEDURE)
+#undef PROCEDURE
+}
+
+class RunsAgreement : public testing::Test {
+protected:
+    Sampler sampler{20261122};
+
+    template <class Record>
+    Bytes sample(bool_t (*routine)(XDR *, Record *)) {
+        Record record = {};
+        fill(sampler, record);
+        return sent(routine, record);
+    }
+};
+
+} // namespace
+
+TEST_F(RunsAgreement, OfTheProgramsNumbers) {
+    EXPECT_EQ(RUNS_PROGRAM, uint32_t{RVZD_PROGRAM});
+    EXPECT_EQ(RUNS_VERSION, uint32_t{RVZD_VERSION});
+    EXPECT_EQ(RUNS_PIECE_MAX, int{SCHED_RUN_PIECE_MAX});
+#define EXPECT_NUMBER(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER)                                              \
+    EXPECT_EQ(CONSTANT, uint32_t{NUMBER}) << #NAME;
+    RVZD_RUN_PROCEDURES(EXPECT_NUMBER)
+#undef EXPECT_NUMBER
+}
+
+TEST_F(RunsAgreement, BothSidesTakeTheBytesWholeAndSendThemAgainAsTheyWere) {
+    expect_both_sides_take_bytes_whole([](auto &&visit) { for_each_pair(visit); },
+                                       [&](auto routine) { return sample(routine); });
+}
+
+TEST_F(RunsAgreement, BothSidesRefuseTheBytesCutAnywhere) {
+    expect_both_sides_refuse_bytes_cut_anywhere([](auto &&visit) { for_each_pair(visit); },
+                                                [&](auto routine) { return sample(routine); });
+}
+
+TEST_F(RunsAgreement, AFieldMeansTheSameOnBothSides) {
+    char text[] = "abc";
+    sched_run_output_reply_t output = {7, {1, 2, 3, 2, text}};
+    runs_output_reply output_twin = {};
+    ASSERT_TRUE(decode(xdr_runs_output_reply, sent(xdr_sched_run_output_reply_t, output), output_twin));
+    EXPECT_EQ(output_twin.status, 7);
+    EXPECT_EQ(output_twin.started, 1);
+    EXPECT_EQ(output_twin.ended, 2);
+    EXPECT_EQ(output_twin.total, 3U);
+    EXPECT_EQ(std::string(output_twin.bytes.bytes_val, output_twin.bytes.bytes_len), "ab");
+    release(xdr_runs_output_reply, output_twin);
+
+    sched_run_t run = {1, 2, 3, 4, text, nullptr};
+    runs_run run_twin = {};
+    ASSERT_TRUE(decode(xdr_runs_run, sent(xdr_sched_run_t, run), run_twin));
+    EXPECT_EQ(run_twin.due, 2);
+    EXPECT_EQ(run_twin.ended, 3);
+    EXPECT_EQ(run_twin.exit_status, 4U);
+    EXPECT_STREQ(run_twin.process_id, "abc");
+    EXPECT_STREQ(run_twin.messages, "");
+    release(xdr_runs_run, run_twin);
+
+    char where[] = "where";
+    char what[] = "what";
+    char fields[] = "fields";
+    sched_change_t change = {1, 2, text, where, what, 3, nullptr, fields};
+    runs_change change_twin = {};
+    ASSERT_TRUE(decode(xdr_runs_change, sent(xdr_sched_change_t, change), change_twin));
+    EXPECT_EQ(change_twin.number, 1U);
+    EXPECT_EQ(change_twin.when, 2);
+    EXPECT_STREQ(change_twin.who, "abc");
+    EXPECT_STREQ(change_twin.where, "where");
+    EXPECT_STREQ(change_twin.what, "what");
+    EXPECT_EQ(change_twin.job, 3U);
+    EXPECT_STREQ(change_twin.fields, "fields");
+    release(xdr_runs_change, change_twin);
+
+    sched_next_run_t next = {1, -2, 3};
+    runs_next next_twin = {};
+    ASSERT_TRUE(decode(xdr_runs_next, sent(xdr_sched_next_run_t, next), next_twin));
+    EXPECT_EQ(next_twin.at, 1);
+    EXPECT_EQ(next_twin.utc_offset, -2);
+    EXPECT_EQ(next_twin.clock_shift, 3U);
+}
+
+TEST_F(RunsAgreement, APieceThatIsTooLongIsRefused) {
+    const Bytes head(4 + 3 * 8, '\0');
+    const Bytes bytes = head + Bytes({'\0', '\0', static_cast<char>(0xC0), '\4'}) + Bytes(SCHED_RUN_PIECE_MAX + 4, 'x');
+    EXPECT_TRUE(is_refused(xdr_sched_run_output_reply_t, bytes));
+    EXPECT_TRUE(is_refused(xdr_runs_output_reply, bytes));
+}
