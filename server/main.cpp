@@ -20,6 +20,7 @@
 #include <server/daemon/private_files.h>
 #include <server/messages.h>
 #include <server/registry/copy.h>
+#include <server/registry/saved.h>
 #include <server/registry/service.h>
 #include <server/scheduler/keeper.h>
 #include <support/fileutl.h>
@@ -142,9 +143,55 @@ int set_registry_password() {
     return EXIT_SUCCESS;
 }
 
+template <class Work>
+int told_work(const char *what, const std::string &file_name, Work &&work) {
+    umask(private_umask);
+    try {
+        work();
+        return EXIT_SUCCESS;
+    } catch (const StoreError &error) {
+        imsg_print(IMSG_ERROR, "%s \"%s\": %s\n", IMSG_FORMAT, what, file_name.c_str(), error.what());
+        return EXIT_FAILURE;
+    }
+}
+
+int save_registry_to(const std::string &file_name) {
+    return told_work("The registry was not saved in", file_name, [&] {
+        save_registry(registry_file(), file_name, {});
+        imsg_print(IMSG_PLAIN, "The registry is saved in \"%s\".\n", IMSG_FORMAT, file_name.c_str());
+    });
+}
+
+// The lock of a daemon's place tells whether one runs.
+int restore_registry_from(const std::string &file_name) {
+    const auto place = LocalPlace::take();
+    return !place ? EXIT_FAILURE : told_work("The registry was not restored from", file_name, [&] {
+        const std::string kept = restore_registry(file_name, registry_file());
+        if (!kept.empty())
+            imsg_print(IMSG_PLAIN, "The former registry is kept in \"%s\".\n", IMSG_FORMAT, kept.c_str());
+        imsg_print(IMSG_PLAIN, "The registry is restored from \"%s\".\n", IMSG_FORMAT, file_name.c_str());
+    });
+}
+
+int check_registry_in(const std::string &given) {
+    const std::string file_name = given.empty() ? registry_file() : given;
+    return told_work("The registry is not whole in", file_name, [&] {
+        const auto found = given.empty() ? check_registry(file_name) : check_saved_registry(file_name);
+        imsg_print(IMSG_PLAIN, "\"%s\" is whole: %llu entries, %llu changes, term %llu.\n", IMSG_FORMAT,
+                   file_name.c_str(), static_cast<unsigned long long>(found.entries),
+                   static_cast<unsigned long long>(found.changes), static_cast<unsigned long long>(found.term));
+    });
+}
+
 int run(CommandLine &line, std::optional<Log> &log) {
     if (line.set_registry_password)
         return set_registry_password();
+    if (!line.save_registry.empty())
+        return save_registry_to(line.save_registry);
+    if (!line.restore_registry.empty())
+        return restore_registry_from(line.restore_registry);
+    if (line.check_registry)
+        return check_registry_in(*line.check_registry);
     if (line.copy_registry) {
         umask(private_umask);
         return run_copy();

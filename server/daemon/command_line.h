@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,9 @@ struct CommandLine {
     bool rpcbind = false;
     bool set_registry_password = false;
     bool copy_registry = false;
+    std::string save_registry;                 // to this file
+    std::string restore_registry;              // from this file
+    std::optional<std::string> check_registry; // a saved one; the empty name: this host's
 };
 
 enum { EXIT_USAGE = 2 };

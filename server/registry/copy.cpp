@@ -12,6 +12,7 @@
 
 #include <server/registry/messages.h>
 #include <server/registry/remote_source.h>
+#include <server/registry/saved.h>
 #include <server/registry/service.h>
 #include <support/date.h>
 #include <support/sysutl.h>
@@ -64,17 +65,8 @@ std::string now() {
     return date_fmt_token_date_time(time(nullptr));
 }
 
-// Beside those that were kept before.
-std::string free_name_for_former() {
-    const std::string name = registry_file() + ".old";
-    std::string found = name;
-    for (int i = 2; access(found.c_str(), F_OK) == 0; ++i)
-        found = name + "." + std::to_string(i);
-    return found;
-}
-
 void keep_former_registry(Store &store) {
-    const std::string kept = free_name_for_former();
+    const std::string kept = free_name_for_former(registry_file());
     store.save_to(kept);
     imsg_print(IMSG_PLAIN, "The former registry of this host is kept in \"%s\".\n", IMSG_FORMAT, kept.c_str());
 }
