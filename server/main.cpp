@@ -20,6 +20,7 @@
 #include <server/daemon/private_files.h>
 #include <server/messages.h>
 #include <server/registry/copy.h>
+#include <server/registry/look.h>
 #include <server/registry/saved.h>
 #include <server/registry/service.h>
 #include <server/scheduler/keeper.h>
@@ -196,12 +197,20 @@ int run(CommandLine &line, std::optional<Log> &log) {
         umask(private_umask);
         return run_copy();
     }
+    if (line.look_at_site) {
+        umask(private_umask);
+        return run_look();
+    }
     make_absolute(line.config_file);
     make_absolute(line.pid_file);
     const auto read = read_configuration(line.config_file, system_names());
     if (!read.errors.empty()) {
         print_configuration_errors(line.config_file, read.errors);
         return EXIT_FAILURE;
+    }
+    if (line.check_config) {
+        print_configuration(line.config_file, read.configuration, "is right");
+        return EXIT_SUCCESS;
     }
     umask(private_umask);
     auto place = LocalPlace::take();
@@ -244,6 +253,7 @@ int main(int argc, char **argv) {
     } catch (const std::exception &error) {
         imsg_print(IMSG_ERROR, "%s\n", IMSG_FORMAT, error.what());
     }
-    print(exit_status == 0 ? IMSG_PLAIN : IMSG_ERROR, MSG_EXITING, exit_status);
+    if (!line.is_single_work())
+        print(exit_status == 0 ? IMSG_PLAIN : IMSG_ERROR, MSG_EXITING, exit_status);
     return exit_status;
 }

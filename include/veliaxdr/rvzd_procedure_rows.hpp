@@ -12,6 +12,7 @@
 #pragma once
 
 #include <veliaxdr/rgy_wire.h>
+#include <veliaxdr/rvzd_daemon.h>
 #include <veliaxdr/rvzd_hosts.h>
 #include <veliaxdr/rvzd_procedures.h>
 #include <veliaxdr/rvzd_wire.h>
@@ -53,7 +54,7 @@ RVZD_SCHEDULER_PROCEDURES(VELIA_SCHEDULER_ROW)
 
 } // namespace procedures
 
-/* Call `visit(row)` for each procedure of the broker and the registry, and for each of the scheduler. */
+/* Call `visit(row)` for each procedure of the broker, the registry and the daemon, and for each of the scheduler. */
 #define VELIA_VISIT_ROW(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER) visit(procedures::NAME);
 template <class Visit>
 void for_each_procedure(Visit &&visit) {

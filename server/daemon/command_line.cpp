@@ -79,6 +79,10 @@ void declare(CLI::App &app, CommandLine &line) {
                    "look whether the registry that was saved in FILE, or without FILE this host's, is whole, and end")
         ->type_name("FILE")
         ->expected(0, 1);
+    app.add_flag("--look-at-site", line.look_at_site,
+                 "ask the site's other hosts whom they take for the master, and end; a running master does so itself");
+    app.add_flag("--check-config", line.check_config,
+                 "read the configuration file, tell its faults, and end; a running daemon is left alone");
     app.set_version_flag("--version", version_line());
     app.footer(footer);
 }

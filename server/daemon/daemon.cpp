@@ -50,9 +50,10 @@ Daemon::Daemon(uv_loop_t *loop, Listeners listeners, std::string config_file, co
       broker_procedures_(table_, [this] { schedule(); }),
       host_procedures_(clients_, [this] { client_keeper_.save_soon(); }), registry_procedures_(registry_),
       gate_([this](int32_t pid, const Caller &caller) { return table_.is_child(pid) && owns_socket(pid, caller); }),
-      scheduler_(loop), scheduler_procedures_(scheduler_, gate_), dispatcher_(RVZD_PROGRAM, RVZD_VERSION, gate_, {}),
-      due_timer_(loop, [this] { run_due(); }), stop_timer_(loop, [this] { stop(); }),
-      role_timer_(loop, [this] { registry_.follow_role_file(); }), reader_(loop, reader_shape) {
+      site_procedures_(loop, registry_, gate_), scheduler_(loop), scheduler_procedures_(scheduler_, gate_),
+      dispatcher_(RVZD_PROGRAM, RVZD_VERSION, gate_, {}), due_timer_(loop, [this] { run_due(); }),
+      stop_timer_(loop, [this] { stop(); }), role_timer_(loop, [this] { registry_.follow_role_file(); }),
+      reader_(loop, reader_shape) {
     for (auto &fd : listeners.udp)
         udp_endpoints_.push_back(std::make_unique<UdpEndpoint>(loop, std::move(fd), dispatcher_, reply_rate_));
     for (auto &fd : listeners.tcp)
@@ -88,8 +89,8 @@ void Daemon::apply(const Configuration &configuration, Accounts accounts) {
                           configuration.options.catch_up_s, configuration.options.job_output_mib});
     const uint32_t protocol = configuration.options.protocol;
     auto procedures = broker_procedures_.rows(protocol);
-    for (const auto &more :
-         {host_procedures_.rows(protocol), registry_procedures_.rows(), scheduler_procedures_.rows()})
+    for (const auto &more : {host_procedures_.rows(protocol), registry_procedures_.rows(), site_procedures_.rows(),
+                             scheduler_procedures_.rows()})
         procedures.insert(procedures.end(), more.begin(), more.end());
     dispatcher_.set_procedures(procedures);
     for (const auto &endpoint : tcp_endpoints_)
@@ -126,6 +127,7 @@ void Daemon::take_configuration(const ConfigurationResult &result, Accounts acco
     if (result.errors.empty()) {
         apply(result.configuration, std::move(accounts));
         registry_.take_role();
+        print_configuration(config_file_, result.configuration, "is read again");
     } else {
         print_configuration_errors(config_file_, result.errors);
     }

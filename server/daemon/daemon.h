@@ -16,6 +16,7 @@
 #include <server/hosts/procedures.h>
 #include <server/registry/procedures.h>
 #include <server/registry/service.h>
+#include <server/registry/site_procedures.h>
 #include <server/rights/gate.h>
 #include <server/rpc/tcp_endpoint.h>
 #include <server/rpc/udp_endpoint.h>
@@ -55,6 +56,7 @@ private:
     HostProcedures host_procedures_;
     RegistryProcedures registry_procedures_;
     Gate gate_;
+    SiteProcedures site_procedures_;
     Scheduler scheduler_;
     SchedulerProcedures scheduler_procedures_;
     Dispatcher dispatcher_;

@@ -7,6 +7,8 @@ namespace velia::server {
 
 namespace {
 
+constexpr uint32_t near_numbers = 256;
+
 bool_t xdr_nothing(XDR * /*stream*/, void * /*record*/) {
     return TRUE;
 }
@@ -21,7 +23,12 @@ Dispatcher::Dispatcher(uint32_t program, uint32_t version, const Guard &guard,
 
 void Dispatcher::set_procedures(const std::vector<ServedProcedure> &procedures) {
     procedures_.clear();
+    far_procedures_.clear();
     for (const auto &procedure : procedures) {
+        if (procedure.number >= near_numbers) {
+            far_procedures_[procedure.number] = procedure;
+            continue;
+        }
         if (procedures_.size() <= procedure.number)
             procedures_.resize(procedure.number + 1);
         procedures_[procedure.number] = procedure;
@@ -29,7 +36,10 @@ void Dispatcher::set_procedures(const std::vector<ServedProcedure> &procedures) 
 }
 
 const ServedProcedure *Dispatcher::find(uint32_t number) const {
-    return number < procedures_.size() && procedures_[number].run != nullptr ? &procedures_[number] : nullptr;
+    if (number < procedures_.size())
+        return procedures_[number].run != nullptr ? &procedures_[number] : nullptr;
+    const auto found = far_procedures_.find(number);
+    return found != far_procedures_.end() ? &found->second : nullptr;
 }
 
 bool Dispatcher::must_run_once(const CallHeader &header) const {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <vector>
 
 #include <server/rpc/call_header.h>
@@ -64,6 +65,7 @@ private:
     uint32_t version_;
     const Guard &guard_;
     std::vector<ServedProcedure> procedures_; // each at the place of its number; one that has nothing to run is none
+    std::map<uint32_t, ServedProcedure> far_procedures_; // whose numbers are far from the others
 };
 
 } // namespace velia::server
