@@ -11,6 +11,7 @@
 #include <server/config/configuration.h>
 #include <server/daemon/listeners.h>
 #include <server/daemon/readiness.h>
+#include <server/daemon/status.h>
 #include <server/hosts/client_keeper.h>
 #include <server/hosts/client_list.h>
 #include <server/hosts/procedures.h>
@@ -44,6 +45,9 @@ private:
     void process_exited(int32_t pid, const ServerTable::ExitStatus &status);
     void finish_if_idle();
 
+    DaemonFigures figures() const;
+
+    CallFigures calls_; // goes last
     uv_loop_t *loop_;
     std::string config_file_;
     const ServiceManager &manager_;
@@ -57,6 +61,8 @@ private:
     RegistryProcedures registry_procedures_;
     Gate gate_;
     SiteProcedures site_procedures_;
+    StatusProcedures status_procedures_;
+    DaemonFigures configured_; // of the configuration
     Scheduler scheduler_;
     SchedulerProcedures scheduler_procedures_;
     Dispatcher dispatcher_;

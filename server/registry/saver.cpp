@@ -95,14 +95,17 @@ void Saver::ask(uint64_t number, uint64_t offset, size_t bytes_max, const Answer
         forget();
         return answer(TBS_ST_OK, *piece);
     }
-    const bool is_taken = worker_.submit(
-        daemon_itself,
-        {[save = save_, piece, offset, bytes_max] {
-             piece->bytes.resize(bytes_max);
-             const ssize_t size = pread(save->fd.get(), piece->bytes.data(), bytes_max, static_cast<off_t>(offset));
-             piece->bytes.resize(size > 0 ? static_cast<size_t>(size) : 0);
-         },
-         [piece, answer] { answer(piece->bytes.empty() ? TBS_ST_ERROR : TBS_ST_OK, std::move(*piece)); }});
+    const bool is_taken =
+        worker_.submit(daemon_itself, {[save = save_, piece, offset, bytes_max] {
+                                           piece->bytes.resize(bytes_max);
+                                           const ssize_t size = pread(save->fd.get(), piece->bytes.data(), bytes_max,
+                                                                      static_cast<off_t>(offset));
+                                           piece->bytes.resize(size > 0 ? static_cast<size_t>(size) : 0);
+                                       },
+                                       [piece, answer] {
+                                           const bool is_read = !piece->bytes.empty();
+                                           answer(is_read ? TBS_ST_OK : TBS_ST_ERROR, std::move(*piece));
+                                       }});
     if (!is_taken)
         answer(TBS_ST_TRY_AGAIN, {});
 }

@@ -146,15 +146,7 @@ tbs_status_t make_master(Store &store) {
 RegistryService::RegistryService(uv_loop_t *loop)
     : copier_(loop, "--copy-registry", [this] { refresh_standing(); }),
       looker_(loop, "--look-at-site", [this] { refresh_standing(); }), look_timer_(loop, [this] { look_around(); }),
-      hold_timer_(loop, [this] { release_updates(); }), checkpoint_timer_(loop,
-                                                                          [this] {
-                                                                              updates_.change(
-                                                                                  [](std::unique_ptr<Store> &store) {
-                                                                                      if (store != nullptr)
-                                                                                          store->checkpoint();
-                                                                                  },
-                                                                                  [] {});
-                                                                          }),
+      hold_timer_(loop, [this] { release_updates(); }), checkpoint_timer_(loop, [this] { bring_log_home(); }),
       look_ups_(loop, look_up_shape, false), searches_(loop, search_shape, false), hashes_(loop, hash_shape, false),
       updates_(loop, update_shape, true) {}
 
@@ -241,15 +233,17 @@ void RegistryService::follow_host(const std::string &host, const Answered &answe
     take_role();
 }
 
-const RegistryService::Standing &RegistryService::standing() {
-    standing_.looked = copier_.ended_at();
-    standing_.current = copier_.succeeded_at();
-    standing_.failure = copier_.failure();
-    return standing_;
+RegistryService::Standing RegistryService::standing() const {
+    Standing standing = standing_;
+    standing.looked = copier_.ended_at();
+    standing.current = copier_.succeeded_at();
+    standing.failure = copier_.failure();
+    return standing;
 }
 
 // In the thread of the updates.
 void RegistryService::take_standing(Store &store, Taken &taken) {
+    store.refresh();
     taken.term = term_of(store);
     taken.registry = store.stamps(0).registry;
     taken.source = master_in_hosts_file();
@@ -296,6 +290,15 @@ void RegistryService::refresh_standing() {
             if (taken->is_open)
                 follow_standing(*taken);
         });
+}
+
+void RegistryService::bring_log_home() {
+    updates_.change(
+        [](std::unique_ptr<Store> &store) {
+            if (store != nullptr)
+                store->checkpoint();
+        },
+        [this] { refresh_standing(); });
 }
 
 void RegistryService::hear_of_term(uint64_t number, const std::string &host, bool is_believed) {

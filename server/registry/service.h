@@ -61,7 +61,7 @@ public:
     // What is said of an update that is not taken; TBS_ST_OK for one that is.
     tbs_status_t refusal_of_update() const;
 
-    // What this host knows of its registry's site, for all who ask. Texts live as long as nothing changes.
+    // What this host knows of its registry's site, for all who ask.
     struct Standing {
         int32_t role = 0;
         Term term;
@@ -72,7 +72,7 @@ public:
         std::string failure;
         uint64_t entries = 0;
     };
-    const Standing &standing();
+    Standing standing() const;
 
     // Somebody says that there is a term like this. Whoever may administer this host is believed; else the other hosts
     // of the site are asked.
@@ -127,6 +127,7 @@ private:
     static void take_standing(Store &store, Taken &taken);
     void follow_standing(Taken &taken);
     void refresh_standing();
+    void bring_log_home();
     void look_around();
     void look_at_once();
     void update_ended();

@@ -33,7 +33,7 @@ tbs_status_t SiteProcedures::state(const rvzd_registry_state_req_t &request, con
                                    Reply<rvzd_registry_state_reply_t> &reply) {
     service_.hear_of_term(request.term, printable_host(request.host),
                           guard_.permits({RVZD_PROC_REGISTRY_TURN}, caller));
-    const auto &standing = service_.standing();
+    const auto standing = service_.standing();
     auto &record = reply.record;
     record.role = standing.role;
     record.takes_updates = service_.refusal_of_update() == TBS_ST_OK ? 1 : 0;
