@@ -2,7 +2,11 @@
 // name when all of it is on disk.
 #include <cli/registry.h>
 
+#include <array>
 #include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <utility>
 
 #include <fcntl.h>
@@ -129,6 +133,15 @@ private:
     int fd_ = -1;
 };
 
+// Somebody may have named the wrong file.
+bool may_be_replaced(const std::string &name) {
+    constexpr char magic[] = "SQLite format 3";
+    std::ifstream file(name, std::ios::binary);
+    std::array<char, sizeof magic> begin = {};
+    return !std::filesystem::exists(name) ||
+           (file.read(begin.data(), begin.size()) && memcmp(begin.data(), magic, sizeof magic) == 0);
+}
+
 int tell_no_file(const std::string &file) {
     tell_failure(TBS_ST_ERROR, "", "'%s' could not be written: %s\n", file.c_str(), imsg_strerror(errno));
     return exit_failed;
@@ -173,6 +186,11 @@ int save(const Arguments &arguments, const Settings &settings) {
     const auto host = settled_host(arguments.host);
     if (!host)
         return exit_failed;
+    if (!may_be_replaced(arguments.file)) {
+        tell_failure(TBS_ST_ALREADY_EXISTS, "", "'%s' is no saved registry, and is not replaced\n",
+                     arguments.file.c_str());
+        return exit_failed;
+    }
     const Broker daemon = reach_broker(*host, RVZD_PROTOCOL_TCP, settings.timeout);
     if (daemon == nullptr)
         return exit_unreachable;

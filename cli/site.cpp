@@ -107,7 +107,7 @@ public:
 
     int run() {
         const int status = run_steps();
-        if (status == exit_done)
+        if (status == exit_done || is_at_end_)
             results_.finish();
         return status;
     }
@@ -129,6 +129,7 @@ private:
         }
         const int demoted = demote();
         const int followed = follow();
+        is_at_end_ = true;
         return demoted != exit_done ? demoted : followed;
     }
 
@@ -251,12 +252,13 @@ private:
         return state.ask(next_, settings_) == TBS_ST_OK && state->role == RGY_SVR_MASTER && state->takes_updates != 0;
     }
 
-    // Every other host that takes itself for the master.
+    // Every other host that takes itself for the master; a host may have several names.
     int demote() {
         int exit_status = exit_done;
         for (const auto &host : hosts_) {
             RegistryState state;
-            if (is_same_host(host, next_) || state.ask(host, settings_) != TBS_ST_OK || state->role != RGY_SVR_MASTER)
+            if (is_same_host(host, next_) || state.ask(host, settings_) != TBS_ST_OK || state->role != RGY_SVR_MASTER ||
+                is_same_host(state->master, next_))
                 continue;
             const auto status = order(host, RVZD_TURN_FOLLOW, next_);
             told("demote", host,
@@ -286,6 +288,7 @@ private:
     std::vector<std::string> hosts_;
     bool is_promoted_ = false;
     bool is_held_ = false;
+    bool is_at_end_ = false; // all steps were gone, though one may have left something to do
 };
 
 int turn_site(const Arguments &arguments, const Settings &settings) {
@@ -296,7 +299,7 @@ int turn_site(const Arguments &arguments, const Settings &settings) {
 
 tbs_status_t RegistryState::ask(rvzd_handle_t *daemon) {
     rvzd_registry_state_free(&reply_);
-    return rvzd_registry_state(daemon, 0, "", &reply_);
+    return rvzd_registry_state(daemon, nullptr, 0, "", &reply_);
 }
 
 tbs_status_t RegistryState::ask(const std::string &host, const Settings &settings) {

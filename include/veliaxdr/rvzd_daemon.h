@@ -5,7 +5,7 @@
  *     rvzd_handle_t *handle = NULL;
  *     rvzd_registry_state_reply_t state;
  *     if (rvzd_get_handle("build7", &handle) == TBS_ST_OK) {
- *         if (rvzd_registry_state(handle, 0, "", &state) == TBS_ST_OK) {
+ *         if (rvzd_registry_state(handle, NULL, 0, "", &state) == TBS_ST_OK) {
  *             printf("term %llu, the master is %s\n", (unsigned long long)state.term, state.master);
  *             rvzd_registry_state_free(&state);
  *         }
@@ -40,9 +40,13 @@ enum {
     RVZD_DAEMON_PROCEDURES_MAX = 1000 /* of which a daemon tells */
 };
 
-/* `term` and `host` tell the daemon of the highest term that the caller knows and of whose it is; 0 and "": of none. */
+/*
+ * `term` and `host` tell the daemon of the highest term of this registry that the caller knows, and whose it is; 0 and
+ * "" of none.
+ */
 typedef struct rvzd_registry_state_req {
     rvzd_hdr_req_t header;
+    tbs_uuid_t registry;
     uint64_t term;
     char *host;
 } rvzd_registry_state_req_t;
@@ -64,7 +68,8 @@ typedef struct rvzd_registry_state_reply {
     char *failure;   /* why the last time was in vain; empty if it was not */
 } rvzd_registry_state_reply_t;
 
-tbs_status_t rvzd_registry_state(rvzd_handle_t *handle, uint64_t term, const char *host,
+/* A null registry: the daemon is told of nothing. */
+tbs_status_t rvzd_registry_state(rvzd_handle_t *handle, const tbs_uuid_t *registry, uint64_t term, const char *host,
                                  rvzd_registry_state_reply_t *reply);
 void rvzd_registry_state_free(rvzd_registry_state_reply_t *reply);
 

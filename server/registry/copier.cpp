@@ -110,6 +110,8 @@ void Copier::start(uint32_t interval_s) {
 void Copier::stop() {
     interval_s_ = 0;
     told_.clear();
+    failure_.clear();
+    ended_at_ = succeeded_at_ = 0; // what comes next may be of another host
     interval_timer_.stop();
     deadline_timer_.stop();
     is_another_due_ = false;

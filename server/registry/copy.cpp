@@ -142,7 +142,7 @@ bool is_listed(const std::string &list, const std::string &host) {
 
 bool copy_registry(Source &source, Store &store, const std::function<void()> &keep_former,
                    const std::function<void()> &print_start) {
-    const Term term = source.term(known_to_tell(store));
+    const Term term = source.term(store.stamps(0).registry, known_to_tell(store));
     require_ahead(term, source.stamps(0), store);
     if (store.setting(origin_setting) == origin_master && is_alike(source, store))
         store.set_setting(origin_setting, origin_copy);

@@ -35,8 +35,9 @@ public:
     virtual Reading read(rgy_db_t db) = 0;
     virtual std::string backup_hosts() = 0;
 
-    // Under which term these data are changed, and which higher one it has heard of; it is told of `known`.
-    virtual Term term(const Term & /*known*/) { return {}; }
+    // Under which term these data are changed, and which higher one it has heard of; it is told of what is `known` of
+    // this registry.
+    virtual Term term(const tbs_uuid_t & /*registry*/, const Term & /*known*/) { return {}; }
 };
 
 class CopyError : public std::runtime_error {

@@ -31,14 +31,14 @@ struct FreeHandle {
 // What a host says; released at the end.
 class Answer {
 public:
-    Answer(const std::string &host, const Term &own) {
+    Answer(const std::string &host, const tbs_uuid_t &registry, const Term &own) {
         ks_set_deadline(answer_ms);
         rvzd_handle_t *handle = nullptr;
         constexpr int is_quiet = 1;
         if (rvzd_get_handle_prim_proto(host.c_str(), RVZD_PROTOCOL_UDP, 0, is_quiet, &handle) != TBS_ST_OK)
             return;
         const std::unique_ptr<rvzd_handle_t, FreeHandle> owner(handle);
-        is_there_ = rvzd_registry_state(handle, own.number, own.host.c_str(), &state_) == TBS_ST_OK;
+        is_there_ = rvzd_registry_state(handle, &registry, own.number, own.host.c_str(), &state_) == TBS_ST_OK;
     }
     ~Answer() { rvzd_registry_state_free(&state_); }
     Answer(const Answer &) = delete;
@@ -66,8 +66,9 @@ void hear(Store &store, const rvzd_registry_state_reply_t &state) {
 
 void look_at(Store &store) {
     const Term own = term_of(store);
+    const tbs_uuid_t registry = store.stamps(0).registry;
     for (const std::string &host : other_hosts(&store)) {
-        const Answer answer(host, own);
+        const Answer answer(host, registry, own);
         if (answer.state() != nullptr)
             hear(store, *answer.state());
     }

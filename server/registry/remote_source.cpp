@@ -101,9 +101,9 @@ std::string RemoteSource::backup_hosts() {
 }
 
 // A daemon of before there were terms has none.
-Term RemoteSource::term(const Term &known) {
+Term RemoteSource::term(const tbs_uuid_t &registry, const Term &known) {
     rvzd_registry_state_reply_t state = {};
-    const auto status = rvzd_registry_state(handle_.get(), known.number, known.host.c_str(), &state);
+    const auto status = rvzd_registry_state(handle_.get(), &registry, known.number, known.host.c_str(), &state);
     if (status == TBS_ST_UNSUPPORTED)
         return {};
     require_ok(status);

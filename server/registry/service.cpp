@@ -99,9 +99,14 @@ void remember(const std::unique_ptr<Store> &store, int32_t role) {
 }
 
 bool is_promotable(const std::optional<int32_t> &role, const std::unique_ptr<Store> &store) {
-    if (role == RGY_SVR_MASTER)
+    if (role != RGY_SVR_MASTER)
+        return role == RGY_SVR_STANDBY;
+    try {
         return store != nullptr && term_of(*store).is_superseded();
-    return role == RGY_SVR_STANDBY;
+    } catch (const StoreError &error) {
+        RegistryService::print_failure(error.what());
+        return false;
+    }
 }
 
 std::string master_in_hosts_file() {
@@ -301,9 +306,10 @@ void RegistryService::bring_log_home() {
         [this] { refresh_standing(); });
 }
 
-void RegistryService::hear_of_term(uint64_t number, const std::string &host, bool is_believed) {
+void RegistryService::hear_of_term(const tbs_uuid_t &registry, uint64_t number, const std::string &host,
+                                   bool is_believed) {
     if (standing_.role != RGY_SVR_MASTER || number <= std::max(standing_.term.number, standing_.term.heard) ||
-        host.empty() || is_this_host(host))
+        host.empty() || is_this_host(host) || tbs_uuid_eq(&registry, &standing_.registry) == 0)
         return;
     if (!is_believed)
         return look_around();
@@ -427,7 +433,7 @@ void RegistryService::follow_role(Taken taken) {
         return close_store([this] { end_change(); });
     }
     is_master_ = is_master;
-    is_held_ = false;
+    is_held_ = is_held_ && is_master; // a turn of the site goes on over a signal to read everything again
     follow_standing(taken);
     serve(std::move(taken.version));
     if (is_master)

@@ -74,9 +74,9 @@ public:
     };
     Standing standing() const;
 
-    // Somebody says that there is a term like this. Whoever may administer this host is believed; else the other hosts
-    // of the site are asked.
-    void hear_of_term(uint64_t number, const std::string &host, bool is_believed);
+    // Somebody says that this registry has a term like this. Whoever may administer this host is believed; else the
+    // other hosts of the site are asked.
+    void hear_of_term(const tbs_uuid_t &registry, uint64_t number, const std::string &host, bool is_believed);
 
     // A master takes no updates for so long; answered when the last one that it has taken is done. TBS_ST_UNSUPPORTED
     // for any other.

@@ -31,7 +31,7 @@ std::vector<ServedProcedure> SiteProcedures::rows() {
 
 tbs_status_t SiteProcedures::state(const rvzd_registry_state_req_t &request, const Caller &caller,
                                    Reply<rvzd_registry_state_reply_t> &reply) {
-    service_.hear_of_term(request.term, printable_host(request.host),
+    service_.hear_of_term(request.registry, request.term, printable_host(request.host),
                           guard_.permits({RVZD_PROC_REGISTRY_TURN}, caller));
     const auto standing = service_.standing();
     auto &record = reply.record;

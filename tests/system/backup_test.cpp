@@ -96,6 +96,9 @@ TEST_F(Backup, OfAnotherDaemonsSaveIsNotInTheWay) {
     EXPECT_EQ(rvzd_registry_save(handle.get(), 0, 0, &other), TBS_ST_TRY_AGAIN);
     EXPECT_EQ(rvzd_registry_save(handle.get(), begun.save + 1, 0, &other), TBS_ST_NOT_FOUND);
     EXPECT_THAT(veliactl({"registry", "save", saved()}).errors, HasSubstr("busy with another save"));
+    site.write("letters", "my letters");
+    EXPECT_EQ(veliactl({"registry", "save", site.path("letters")}).status, FAILED);
+    EXPECT_EQ(site.read("letters"), "my letters");
     rvzd_registry_save_reply_t whole = {};
     ASSERT_TRUE(eventually([&] {
         rvzd_registry_save_free(&whole);

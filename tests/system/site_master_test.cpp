@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <tests/system/support/registry_site.h>
+#include <veliaxdr/rgy_role.h>
 
 using namespace velia::system_test;
 using testing::HasSubstr;
@@ -97,16 +98,25 @@ TEST_F(SiteMaster, AClaimOfAStrangerIsLookedInto) {
     daemon->signal(SIGHUP);
     ASSERT_TRUE(daemon->says("is read again"));
     std::filesystem::remove_all(site.path("host/run")); // whoever comes now comes over IP
-    const pid_t stranger = fork();                      // without the connection of this process
+    const tbs_uuid_t registry = registry_of("alpha");
+    const pid_t stranger = fork(); // without the connection of this process
     if (stranger == 0)
-        _exit(state_of("alpha", 9, "nobody").status == TBS_ST_OK && add_region("two") == TBS_ST_NO_ACCESS ? 0 : 1);
+        _exit(state_of("alpha", 9, "nobody", registry).status == TBS_ST_OK && add_region("two") == TBS_ST_NO_ACCESS
+                  ? 0
+                  : 1);
     int status = 1;
     ASSERT_EQ(waitpid(stranger, &status, 0), stranger);
     EXPECT_EQ(status, 0);
     EXPECT_EQ(state_of("alpha").heard_term, 0u);
     EXPECT_EQ(add_region("two"), TBS_ST_OK) << "nobody stopped it";
     EXPECT_EQ(state_of("alpha", 9, "nobody").status, TBS_ST_OK);
+    EXPECT_EQ(add_region("three"), TBS_ST_OK) << "it is a term of another registry";
+    EXPECT_EQ(state_of("alpha", 9, "nobody", registry).status, TBS_ST_OK);
     EXPECT_TRUE(is_superseded("alpha")) << "an administrator is believed";
+    ASSERT_EQ(rvzd_rgy_svr_conf_change(own_handle("alpha").get(), RGY_PROTOCOL_VERSION, RGY_CONF_PROMOTE, ""),
+              TBS_ST_OK);
+    EXPECT_EQ(state_of("alpha").term, 10u) << "and takes the claim back";
+    EXPECT_EQ(add_region("four"), TBS_ST_OK);
 }
 
 TEST_F(SiteMaster, OneThatWasSupersededBecomesAStandbyAndKeepsWhatItAloneHad) {

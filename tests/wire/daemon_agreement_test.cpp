@@ -14,6 +14,7 @@ using namespace wire_tests;
 namespace {
 
 void fill_body(Sampler &s, rvzd_registry_state_req_t &r) {
+    fill(s, r.registry);
     r.term = s.hyper();
     r.host = s.text(RVZD_HOST_NAME_MAX);
 }

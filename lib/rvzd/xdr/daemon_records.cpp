@@ -31,8 +31,8 @@ bool_t code_figures(XDR *xdrs, rvzd_daemon_status_reply_t *record) {
 } // namespace
 
 bool_t xdr_rvzd_registry_state_req_t(XDR *xdrs, rvzd_registry_state_req_t *record) {
-    return xdr_rvzd_hdr_req_t(xdrs, &record->header) && xdr_u_int64_t(xdrs, &record->term) &&
-           text(xdrs, record->host, RVZD_HOST_NAME_MAX);
+    return xdr_rvzd_hdr_req_t(xdrs, &record->header) && xdr_tbs_uuid_t(xdrs, &record->registry) &&
+           xdr_u_int64_t(xdrs, &record->term) && text(xdrs, record->host, RVZD_HOST_NAME_MAX);
 }
 
 bool_t xdr_rvzd_registry_state_reply_t(XDR *xdrs, rvzd_registry_state_reply_t *record) {

@@ -61,13 +61,23 @@ struct RegistrySite : VeliactlTest {
         int64_t now = 0;
         int64_t current = 0;
     };
-    static State state_of(const char *host, uint64_t told_term = 0, const char *told_host = "") {
+    static tbs_uuid_t registry_of(const char *host) {
+        const auto handle = own_handle(host);
+        rgy_dtm_pair_t stamps = {};
+        tbs_uuid_t registry = {};
+        tbs_uuid_t copy = {};
+        EXPECT_EQ(rvzd_rgy_get_dtm(handle.get(), 0, RGY_PROTOCOL_VERSION, &stamps, &registry, &copy), TBS_ST_OK);
+        return registry;
+    }
+    static State state_of(const char *host, uint64_t told_term = 0, const char *told_host = "",
+                          const tbs_uuid_t &registry = {}) {
         State state;
         const auto handle = own_handle(host);
         if (handle == nullptr)
             return state;
         rvzd_registry_state_reply_t reply = {};
-        state.status = rvzd_registry_state(handle.get(), told_term, told_host, &reply);
+        state.status =
+            rvzd_registry_state(handle.get(), told_term == 0 ? nullptr : &registry, told_term, told_host, &reply);
         if (state.status == TBS_ST_OK)
             state = {state.status,     reply.role,   reply.takes_updates != 0, reply.term,
                      reply.heard_term, reply.master, reply.heard_host,         reply.failure,

@@ -38,9 +38,12 @@ void release(const Procedure<Request, Reply> &procedure, Reply *reply) {
 
 } // namespace
 
-tbs_status_t rvzd_registry_state(rvzd_handle_t *handle, uint64_t term, const char *host,
+tbs_status_t rvzd_registry_state(rvzd_handle_t *handle, const tbs_uuid_t *registry, uint64_t term, const char *host,
                                  rvzd_registry_state_reply_t *reply) {
-    return ask(handle, procedures::registry_state, {{}, term, as_sent(host)}, reply);
+    rvzd_registry_state_req_t request = {};
+    if (registry != nullptr)
+        request = {{}, *registry, term, as_sent(host)};
+    return ask(handle, procedures::registry_state, request, reply);
 }
 
 void rvzd_registry_state_free(rvzd_registry_state_reply_t *reply) {
