@@ -1,9 +1,13 @@
 // veliactl registry promote and demote: which host is the site's master registry.
 #include <cli/registry.h>
 
+#include <array>
+#include <fstream>
+
 #include <cli/commands.h>
 #include <cli/messages.h>
 #include <cli/results.h>
+#include <cli/site.h>
 #include <support/imsg.h>
 #include <support/sysutl.h>
 #include <veliaxdr/rgy_role.h>
@@ -15,6 +19,7 @@ namespace {
 
 struct Promotion {
     std::string host;
+    bool is_forced = false;
 };
 
 // What this host could not write into its own hosts file afterwards is not promoted.
@@ -29,11 +34,15 @@ Options promotion_options(Promotion &promotion) {
     return {{.name = "HOST",
              .help = "the standby (default: this host)",
              .target = &promotion.host,
-             .fault = fault_of_host_word}};
+             .fault = fault_of_host_word},
+            {.name = "--force",
+             .help = "also while another host is the master and takes updates",
+             .target = &promotion.is_forced}};
 }
 
 struct Demotion {
     std::string role = rgy_svrtype_table[RGY_SVR_STANDBY].text;
+    std::string follow;
 };
 
 Choices servers_that_are_no_master() {
@@ -53,7 +62,12 @@ Options demotion_options(Demotion &demotion) {
              .help = "what it becomes: slave, backup or standby",
              .target = &demotion.role,
              .words = servers_that_are_no_master(),
-             .shows_default = true}};
+             .shows_default = true},
+            {.name = "--follow",
+             .type = "HOST",
+             .help = "the master that it copies from then (default: the one before its promotion)",
+             .target = &demotion.follow,
+             .fault = fault_of_host_word}};
 }
 
 int promote(const Promotion &promotion, const Settings &settings);
@@ -61,10 +75,13 @@ int demote(const Demotion &demotion, const Settings &settings);
 
 constexpr const char *promotion_notes =
     R"(Without HOST this host, which must be a standby, becomes the master. With HOST the standby there becomes it, and this
-host takes it for its registry. A former master that still runs has to be demoted on its own host.
+host takes it for its registry. While the host that the standby copies from takes updates, this is refused: "veliactl site
+master HOST" makes the turn without losing an update, and --force promotes all the same; the former master hears of the
+higher term and takes no updates any more. The other hosts of the site follow, or are told with the command to run there.
 )";
 constexpr const char *demotion_notes =
-    R"(This host, which must be the master, steps down, and follows the registry that it followed before it was promoted.
+    R"(This host, which must be the master, steps down, and follows HOST, or without it the registry that it followed before
+it was promoted. It is refused where that would leave it copying from itself.
 )";
 
 constexpr Column columns[] = {{"host", Type::text, "whose role was changed"}, {"role", Type::text, "that it has now"}};
@@ -80,7 +97,7 @@ constexpr Command commands[] = {
      .output = &output},
     {.path = "registry demote",
      .help = "Let this host, the master registry server, step down",
-     .examples = {"veliactl registry demote", "veliactl registry demote --to backup --output json"},
+     .examples = {"veliactl registry demote --follow build8", "veliactl registry demote --to backup --output json"},
      .notes = demotion_notes,
      .make = call_of<demote, demotion_options>,
      .output = &output},
@@ -112,12 +129,72 @@ int change_role(const std::string &host, const std::string &role, const Settings
     return status == TBS_ST_OK ? print_role_of(host, role, settings) : print_unchanged(host, status);
 }
 
+// A daemon that is not asked this way is promoted as it always was.
+bool is_master_gone(const std::string &standby, const Settings &settings) {
+    RegistryState state;
+    if (state.ask(standby, settings) != TBS_ST_OK || *state->source == '\0' || is_same_host(state->source, standby))
+        return true;
+    const std::string source = state->source;
+    const tbs_uuid_t registry = state->registry;
+    if (state.ask(source, settings) != TBS_ST_OK || state->takes_updates == 0 ||
+        tbs_uuid_eq(&registry, &state->registry) == 0)
+        return true;
+    tell_failure(TBS_ST_UNSUPPORTED, source,
+                 "Host '%s' is the master and takes updates. \"veliactl site master %s\" makes the turn without losing "
+                 "one; --force promotes all the same\n",
+                 source.c_str(), standby.c_str());
+    return false;
+}
+
+// Whoever cannot be made to follow from here is told how.
+void turn_others(const std::string &master, const Settings &settings) {
+    for (const auto &host : hosts_of_site(master, settings)) {
+        if (is_same_host(host, sysutl_myhostname()))
+            continue;
+        const auto turned = turn_host(host, master, settings);
+        if (!turned.is_done)
+            imsg_print(IMSG_WARNING, "Host '%s' does not follow '%s' yet; %s\n", IMSG_FORMAT, host.c_str(),
+                       master.c_str(), turned.told.c_str());
+    }
+}
+
 int promote(const Promotion &promotion, const Settings &settings) {
-    const std::string &host = promotion.host;
     const std::string role = rgy_svrtype_table[RGY_SVR_MASTER].text;
-    if (host.empty())
-        return change_role(sysutl_myhostname(), role, settings, [] { return rgy_change_server_type(RGY_SVR_MASTER); });
-    return change_role(host, role, settings, [&] { return rgy_promote_standby_svr(host.c_str()); });
+    const std::string host = promotion.host.empty() ? sysutl_myhostname() : promotion.host;
+    const bool is_standby = !promotion.host.empty() || rgy_get_svr_type() == RGY_SVR_STANDBY;
+    if (is_standby && !promotion.is_forced && !is_master_gone(host, settings))
+        return exit_failed;
+    const int status = promotion.host.empty()
+                           ? change_role(host, role, settings, [] { return rgy_change_server_type(RGY_SVR_MASTER); })
+                           : change_role(host, role, settings, [&] { return rgy_promote_standby_svr(host.c_str()); });
+    if (status == exit_done)
+        turn_others(host, settings);
+    return status;
+}
+
+// Whom this host would copy from: the one that is given, the one that took over, or the one before its promotion.
+std::string host_to_follow(const Demotion &demotion, const std::string &host, const Settings &settings) {
+    if (!demotion.follow.empty())
+        return demotion.follow;
+    RegistryState state;
+    return state.ask(host, settings) == TBS_ST_OK ? state->heard_host : "";
+}
+
+// The first word of the hosts file from before the promotion.
+std::string former_master() {
+    std::array<char, TBS_PATH_SIZE> path = {};
+    if (generate_backup_pathname(registry_configuration_pathname(), path.data()) != TBS_ST_OK)
+        return "";
+    std::ifstream file(path.data());
+    std::string master;
+    file >> master;
+    return master;
+}
+
+tbs_status_t demote_to_follow(const std::string &host, const std::string &role, const std::string &master) {
+    rgy_svr_conf_change(host.c_str(), RGY_CONF_DEMOTE, "");
+    const auto status = rgy_clnt_conf_change(RGY_CONF_SET_HOST, master.c_str());
+    return status == TBS_ST_OK ? rgy_set_svr_type(type_of_name(role)) : status;
 }
 
 int demote(const Demotion &demotion, const Settings &settings) {
@@ -127,6 +204,15 @@ int demote(const Demotion &demotion, const Settings &settings) {
         tell_failure(TBS_ST_UNSUPPORTED, host, "Host '%s' is not the master registry server\n", host.c_str());
         return exit_failed;
     }
+    const std::string master = host_to_follow(demotion, host, settings);
+    if (is_same_host(master.empty() ? former_master() : master, host)) {
+        tell_failure(TBS_ST_INVALID_ARG, host,
+                     "Host '%s' would copy from itself: give the master that it is to follow with --follow\n",
+                     host.c_str());
+        return exit_failed;
+    }
+    if (!master.empty())
+        return change_role(host, role, settings, [&] { return demote_to_follow(host, role, master); });
     return change_role(host, role, settings, [&] { return rgy_change_server_type(type_of_name(role)); });
 }
 

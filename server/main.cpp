@@ -20,6 +20,8 @@
 #include <server/daemon/private_files.h>
 #include <server/messages.h>
 #include <server/registry/copy.h>
+#include <server/registry/look.h>
+#include <server/registry/saved.h>
 #include <server/registry/service.h>
 #include <server/scheduler/keeper.h>
 #include <support/fileutl.h>
@@ -142,12 +144,62 @@ int set_registry_password() {
     return EXIT_SUCCESS;
 }
 
+template <class Work>
+int told_work(const char *what, const std::string &file_name, Work &&work) {
+    umask(private_umask);
+    try {
+        work();
+        return EXIT_SUCCESS;
+    } catch (const StoreError &error) {
+        imsg_print(IMSG_ERROR, "%s \"%s\": %s\n", IMSG_FORMAT, what, file_name.c_str(), error.what());
+        return EXIT_FAILURE;
+    }
+}
+
+int save_registry_to(const std::string &file_name) {
+    return told_work("The registry was not saved in", file_name, [&] {
+        save_registry(registry_file(), file_name, {});
+        imsg_print(IMSG_PLAIN, "The registry is saved in \"%s\".\n", IMSG_FORMAT, file_name.c_str());
+    });
+}
+
+// The lock of a daemon's place tells whether one runs.
+int restore_registry_from(const std::string &file_name) {
+    const auto place = LocalPlace::take();
+    return !place ? EXIT_FAILURE : told_work("The registry was not restored from", file_name, [&] {
+        const std::string kept = restore_registry(file_name, registry_file());
+        if (!kept.empty())
+            imsg_print(IMSG_PLAIN, "The former registry is kept in \"%s\".\n", IMSG_FORMAT, kept.c_str());
+        imsg_print(IMSG_PLAIN, "The registry is restored from \"%s\".\n", IMSG_FORMAT, file_name.c_str());
+    });
+}
+
+int check_registry_in(const std::string &given) {
+    const std::string file_name = given.empty() ? registry_file() : given;
+    return told_work("The registry is not whole in", file_name, [&] {
+        const auto found = given.empty() ? check_registry(file_name) : check_saved_registry(file_name);
+        imsg_print(IMSG_PLAIN, "\"%s\" is whole: %llu entries, %llu changes, term %llu.\n", IMSG_FORMAT,
+                   file_name.c_str(), static_cast<unsigned long long>(found.entries),
+                   static_cast<unsigned long long>(found.changes), static_cast<unsigned long long>(found.term));
+    });
+}
+
 int run(CommandLine &line, std::optional<Log> &log) {
     if (line.set_registry_password)
         return set_registry_password();
+    if (!line.save_registry.empty())
+        return save_registry_to(line.save_registry);
+    if (!line.restore_registry.empty())
+        return restore_registry_from(line.restore_registry);
+    if (line.check_registry)
+        return check_registry_in(*line.check_registry);
     if (line.copy_registry) {
         umask(private_umask);
         return run_copy();
+    }
+    if (line.look_at_site) {
+        umask(private_umask);
+        return run_look();
     }
     make_absolute(line.config_file);
     make_absolute(line.pid_file);
@@ -155,6 +207,10 @@ int run(CommandLine &line, std::optional<Log> &log) {
     if (!read.errors.empty()) {
         print_configuration_errors(line.config_file, read.errors);
         return EXIT_FAILURE;
+    }
+    if (line.check_config) {
+        print_configuration(line.config_file, read.configuration, "is right");
+        return EXIT_SUCCESS;
     }
     umask(private_umask);
     auto place = LocalPlace::take();
@@ -197,6 +253,7 @@ int main(int argc, char **argv) {
     } catch (const std::exception &error) {
         imsg_print(IMSG_ERROR, "%s\n", IMSG_FORMAT, error.what());
     }
-    print(exit_status == 0 ? IMSG_PLAIN : IMSG_ERROR, MSG_EXITING, exit_status);
+    if (!line.is_single_work())
+        print(exit_status == 0 ? IMSG_PLAIN : IMSG_ERROR, MSG_EXITING, exit_status);
     return exit_status;
 }

@@ -12,6 +12,7 @@
 #pragma once
 
 #include <veliaxdr/rgy_wire.h>
+#include <veliaxdr/rvzd_daemon.h>
 #include <veliaxdr/rvzd_hosts.h>
 #include <veliaxdr/rvzd_procedures.h>
 #include <veliaxdr/rvzd_wire.h>
@@ -61,7 +62,9 @@ RVZD_RUN_PROCEDURES(VELIA_OWN_ROW)
 
 } // namespace procedures
 
-/* Call `visit(row)` for each procedure of the broker and the registry, of the scheduler, and of its runs. */
+/*
+ * Call `visit(row)` for each procedure of the broker, the registry and the daemon, of the scheduler, and of its runs.
+ */
 #define VELIA_VISIT_ROW(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER) visit(procedures::NAME);
 template <class Visit>
 void for_each_procedure(Visit &&visit) {

@@ -62,6 +62,13 @@
     ROW(76, RGY_GET_PATTERN_ENTRY,  rgy_get_pattern_entry,  rvzd_registry_get_pattern_req_t,  rvzd_registry_get_reply_t,        REPEATABLE, ANY) \
     ROW(10050, RGY_CHANGE_ENTRIES,  rgy_change_entries,     rvzd_registry_change_req_t,       rvzd_registry_change_reply_t,     ONCE,       TCP)
 
+/* Our own, of the daemon and its registry, in numbers far from the others. */
+#define RVZD_DAEMON_PROCEDURES(ROW) \
+    ROW(10000, DAEMON_STATUS,  daemon_status,  rvzd_daemon_status_req_t,  rvzd_daemon_status_reply_t,  REPEATABLE, ANY) \
+    ROW(10001, REGISTRY_STATE, registry_state, rvzd_registry_state_req_t, rvzd_registry_state_reply_t, REPEATABLE, ANY) \
+    ROW(10002, REGISTRY_SAVE,  registry_save,  rvzd_registry_save_req_t,  rvzd_registry_save_reply_t,  REPEATABLE, ANY) \
+    ROW(10003, REGISTRY_TURN,  registry_turn,  rvzd_registry_turn_req_t,  rvzd_null_reply_t,           ONCE,       ANY)
+
 /* The scheduler's. Their names are whole, and the routines of their records are xdr_<name>_V2_over and ..._V2_back. */
 #define RVZD_SCHEDULER_PROCEDURES(ROW) \
     ROW(36, SCHED_GET_JOBS,                 sched_get_jobs,                 sched_request_t,              sched_get_jobs_reply_t,     REPEATABLE, TCP) \
@@ -101,7 +108,8 @@
 
 #define RVZD_PROCEDURES(ROW)                                                                                           \
     RVZD_BROKER_PROCEDURES(ROW)                                                                                        \
-    RVZD_REGISTRY_PROCEDURES(ROW)
+    RVZD_REGISTRY_PROCEDURES(ROW)                                                                                      \
+    RVZD_DAEMON_PROCEDURES(ROW)
 
 #define RVZD_PROCEDURE_NUMBER(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER) RVZD_PROC_##CONSTANT = (NUMBER),
 enum {

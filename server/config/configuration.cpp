@@ -391,6 +391,12 @@ ConfigurationResult read_configuration(const std::string &file_name, const NameL
     return result;
 }
 
+void print_configuration(const std::string &file_name, const Configuration &configuration, const char *what_became) {
+    imsg_print(IMSG_PLAIN, "The configuration file \"%s\" %s: %zu services, %zu tasks, %zu access lines.\n",
+               IMSG_FORMAT, file_name.c_str(), what_became, configuration.services.size(), configuration.tasks.size(),
+               configuration.access.size());
+}
+
 void print_configuration_errors(const std::string &file_name, const std::vector<ConfigurationError> &errors) {
     for (const auto &[message, line, detail] : errors) {
         if (message == MSG_CONFIG_UNREADABLE)

@@ -45,6 +45,9 @@ ConfigurationResult parse_configuration(std::string_view text, const NameLookup 
 // The same for a file; what keeps it from being read is an error, too.
 ConfigurationResult read_configuration(const std::string &file_name, const NameLookup &names);
 
+// Tells what a file without errors holds, and what has become of it.
+void print_configuration(const std::string &file_name, const Configuration &configuration, const char *what_became);
+
 // Tells each error in the table's words.
 void print_configuration_errors(const std::string &file_name, const std::vector<ConfigurationError> &errors);
 

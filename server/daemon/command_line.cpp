@@ -68,6 +68,21 @@ void declare(CLI::App &app, CommandLine &line) {
     app.add_flag(
         "--copy-registry", line.copy_registry,
         "copy the registry of the master that the hosts file names, and end; a running standby does so itself");
+    app.add_option("--save-registry", line.save_registry,
+                   "save this host's registry in FILE, also while its daemon works, and end")
+        ->type_name("FILE");
+    app.add_option("--restore-registry", line.restore_registry,
+                   "put the registry that was saved in FILE in the place of this host's, which is kept, and end; the "
+                   "daemon must not run")
+        ->type_name("FILE");
+    app.add_option("--check-registry", line.check_registry,
+                   "look whether the registry that was saved in FILE, or without FILE this host's, is whole, and end")
+        ->type_name("FILE")
+        ->expected(0, 1);
+    app.add_flag("--look-at-site", line.look_at_site,
+                 "ask the site's other hosts whom they take for the master, and end; a running master does so itself");
+    app.add_flag("--check-config", line.check_config,
+                 "read the configuration file, tell its faults, and end; a running daemon is left alone");
     app.set_version_flag("--version", version_line());
     app.footer(footer);
 }

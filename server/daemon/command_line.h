@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,17 @@ struct CommandLine {
     bool rpcbind = false;
     bool set_registry_password = false;
     bool copy_registry = false;
+    bool look_at_site = false;
+    bool check_config = false;
+    std::string save_registry;                 // to this file
+    std::string restore_registry;              // from this file
+    std::optional<std::string> check_registry; // a saved one; the empty name: this host's
+
+    // It is no daemon, and its end is nobody's concern but of who started it.
+    bool is_single_work() const {
+        return copy_registry || look_at_site || check_config || check_registry || !save_registry.empty() ||
+               !restore_registry.empty();
+    }
 };
 
 enum { EXIT_USAGE = 2 };

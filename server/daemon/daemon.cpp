@@ -50,6 +50,7 @@ Daemon::Daemon(uv_loop_t *loop, Listeners listeners, std::string config_file, co
       broker_procedures_(table_, [this] { schedule(); }),
       host_procedures_(clients_, [this] { client_keeper_.save_soon(); }), registry_procedures_(registry_),
       gate_([this](int32_t pid, const Caller &caller) { return table_.is_child(pid) && owns_socket(pid, caller); }),
+      site_procedures_(loop, registry_, gate_), status_procedures_(calls_, [this] { return figures(); }),
       scheduler_(loop), scheduler_procedures_(scheduler_, gate_), dispatcher_(RVZD_PROGRAM, RVZD_VERSION, gate_, {}),
       due_timer_(loop, [this] { run_due(); }), stop_timer_(loop, [this] { stop(); }),
       role_timer_(loop, [this] { registry_.follow_role_file(); }), reader_(loop, reader_shape) {
@@ -64,6 +65,7 @@ Daemon::Daemon(uv_loop_t *loop, Listeners listeners, std::string config_file, co
     signals_.push_back(std::make_unique<SignalHandle>(loop, SIGHUP, [this] { reload(); }));
     for (const int signal_number : {SIGTERM, SIGINT})
         signals_.push_back(std::make_unique<SignalHandle>(loop, signal_number, [this] { stop(); }));
+    dispatcher_.count_in(calls_);
     watch_role();
     apply(configuration, Accounts(configuration.services));
     registry_.take_role_at_once();
@@ -87,16 +89,30 @@ void Daemon::apply(const Configuration &configuration, Accounts accounts) {
     scheduler_.configure({configuration.tasks, configuration.notify_program, configuration.options.jobs_max,
                           configuration.options.catch_up_s, configuration.options.job_output_mib,
                           configuration.schedule});
+    configured_.services = static_cast<uint32_t>(configuration.services.size());
+    configured_.connections_max = configuration.options.connections_max;
     const uint32_t protocol = configuration.options.protocol;
     auto procedures = broker_procedures_.rows(protocol);
-    for (const auto &more :
-         {host_procedures_.rows(protocol), registry_procedures_.rows(), scheduler_procedures_.rows()})
+    for (const auto &more : {host_procedures_.rows(protocol), registry_procedures_.rows(), site_procedures_.rows(),
+                             status_procedures_.rows(), scheduler_procedures_.rows()})
         procedures.insert(procedures.end(), more.begin(), more.end());
     dispatcher_.set_procedures(procedures);
     for (const auto &endpoint : tcp_endpoints_)
         endpoint->set_limits(limits_of(configuration.options));
     table_.configure(configuration.services, monotonic_ms());
     schedule();
+}
+
+DaemonFigures Daemon::figures() const {
+    DaemonFigures figures = configured_;
+    for (const auto &endpoint : tcp_endpoints_)
+        figures.connections += static_cast<uint32_t>(endpoint->connections());
+    for (const auto &[pid, process] : table_.processes()) {
+        ++figures.servers;
+        figures.servers_busy += process.state == ProcessState::busy ? 1 : 0;
+    }
+    figures.registry_entries = registry_.standing().entries;
+    return figures;
 }
 
 // Names of users may be asked of another host, so a thread reads the configuration.
@@ -127,6 +143,7 @@ void Daemon::take_configuration(const ConfigurationResult &result, Accounts acco
     if (result.errors.empty()) {
         apply(result.configuration, std::move(accounts));
         registry_.take_role();
+        print_configuration(config_file_, result.configuration, "is read again");
     } else {
         print_configuration_errors(config_file_, result.errors);
     }

@@ -11,11 +11,13 @@
 #include <server/config/configuration.h>
 #include <server/daemon/listeners.h>
 #include <server/daemon/readiness.h>
+#include <server/daemon/status.h>
 #include <server/hosts/client_keeper.h>
 #include <server/hosts/client_list.h>
 #include <server/hosts/procedures.h>
 #include <server/registry/procedures.h>
 #include <server/registry/service.h>
+#include <server/registry/site_procedures.h>
 #include <server/rights/gate.h>
 #include <server/rpc/tcp_endpoint.h>
 #include <server/rpc/udp_endpoint.h>
@@ -43,6 +45,9 @@ private:
     void process_exited(int32_t pid, const ServerTable::ExitStatus &status);
     void finish_if_idle();
 
+    DaemonFigures figures() const;
+
+    CallFigures calls_; // goes last
     uv_loop_t *loop_;
     std::string config_file_;
     const ServiceManager &manager_;
@@ -55,6 +60,9 @@ private:
     HostProcedures host_procedures_;
     RegistryProcedures registry_procedures_;
     Gate gate_;
+    SiteProcedures site_procedures_;
+    StatusProcedures status_procedures_;
+    DaemonFigures configured_; // of the configuration
     Scheduler scheduler_;
     SchedulerProcedures scheduler_procedures_;
     Dispatcher dispatcher_;

@@ -1,13 +1,20 @@
 #include <server/registry/copier.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstring>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <server/daemon/log.h>
 #include <server/registry/copy.h>
-#include <server/registry/messages.h>
+#include <support/imsg.h>
 
 namespace velia::server {
 
@@ -15,6 +22,20 @@ namespace {
 
 constexpr const char *this_program = "/proc/self/exe";
 constexpr uint64_t ms_per_s = 1000;
+constexpr size_t words_bytes_max = 4096;
+constexpr size_t reason_bytes_max = 1000;
+
+// The last line of what a process says, without its name and how bad it is.
+std::string reason_in(std::string words) {
+    while (words.ends_with('\n'))
+        words.pop_back();
+    words.erase(0, words.rfind('\n') + 1);
+    for (const char *before : {"rvzd_server: ", "Error: ", "Warning: "})
+        if (words.starts_with(before))
+            words.erase(0, strlen(before));
+    words.resize(std::min(words.size(), reason_bytes_max));
+    return words.empty() ? "the process was ended" : words;
+}
 
 uv_stdio_container_t descriptor(int fd) {
     uv_stdio_container_t container = {};
@@ -33,13 +54,34 @@ std::vector<char *> environment_with(std::string &variable) {
 
 } // namespace
 
+bool run_to_end(const char *option, int deadline_ms) {
+    std::string name = "rvzd_server";
+    std::string word = option;
+    std::array<char *, 3> arguments = {name.data(), word.data(), nullptr};
+    std::string daemon = copying_daemon_variable + ("=" + std::to_string(getpid()));
+    auto variables = environment_with(daemon);
+    pid_t pid = 0;
+    if (posix_spawn(&pid, this_program, nullptr, nullptr, arguments.data(), variables.data()) != 0)
+        return false;
+    const UniqueFd process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+    pollfd end = {process.get(), POLLIN, 0};
+    const bool is_ended = process && poll(&end, 1, deadline_ms) == 1;
+    if (!is_ended)
+        kill(pid, SIGKILL);
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return is_ended;
+}
+
 struct Copier::Process {
     uv_process_t handle = {};
     Copier *owner;
 };
 
-Copier::Copier(uv_loop_t *loop)
-    : loop_(loop), interval_timer_(loop, [this] { copy(); }), deadline_timer_(loop, [this] {
+Copier::Copier(uv_loop_t *loop, const char *option, std::function<void()> ended)
+    : loop_(loop), option_(option), on_end_(std::move(ended)), interval_timer_(loop, [this] { copy(); }),
+      deadline_timer_(loop, [this] {
           is_another_due_ = false;
           kill_process();
       }) {}
@@ -67,7 +109,9 @@ void Copier::start(uint32_t interval_s) {
 
 void Copier::stop() {
     interval_s_ = 0;
-    is_failure_told_ = false;
+    told_.clear();
+    failure_.clear();
+    ended_at_ = succeeded_at_ = 0; // what comes next may be of another host
     interval_timer_.stop();
     deadline_timer_.stop();
     is_another_due_ = false;
@@ -86,12 +130,12 @@ void Copier::finish(uint64_t deadline_ms, std::function<void()> done) {
         copy();
 }
 
-// What keeps a copy from being made is told the first time, not again in each interval.
 void Copier::copy() {
+    words_ = UniqueFd(memfd_create("words", MFD_CLOEXEC));
     std::array<uv_stdio_container_t, 3> descriptors = {descriptor(-1), descriptor(STDOUT_FILENO),
-                                                       descriptor(is_failure_told_ ? -1 : STDERR_FILENO)};
+                                                       descriptor(words_.get())};
     std::string name = "rvzd_server";
-    std::string option = "--copy-registry";
+    std::string option = option_;
     std::array<char *, 3> arguments = {name.data(), option.data(), nullptr};
     std::string daemon = copying_daemon_variable + ("=" + std::to_string(getpid()));
     auto variables = environment_with(daemon);
@@ -112,14 +156,40 @@ void Copier::copy() {
     if (code == 0)
         return;
     close_process();
-    if (!is_failure_told_)
-        print_registry(IMSG_ERROR, MSG_BACKUP_ERROR, uv_strerror(code));
+    const std::string words = uv_strerror(code);
+    if (words_ && write(words_.get(), words.data(), words.size()) < 0)
+        words_.reset();
     ended(false);
 }
 
+// It may say much, and the same each time.
+void Copier::take_words(bool is_success) {
+    std::string words(words_bytes_max, '\0');
+    const ssize_t size = words_ ? pread(words_.get(), words.data(), words.size(), 0) : 0;
+    words.resize(size > 0 ? static_cast<size_t>(size) : 0);
+    words_.reset();
+    ended_at_ = time(nullptr);
+    if (is_success) {
+        succeeded_at_ = ended_at_;
+        words.clear();
+    }
+    failure_ = is_success ? "" : reason_in(words);
+    if (words == told_)
+        return;
+    if (is_success)
+        imsg_print(IMSG_PLAIN, "rvzd_server %s succeeds again.\n", IMSG_FORMAT, option_.c_str());
+    told_ = words;
+    if (!Log::add_output(words.data(), words.size()))
+        told_.clear(); // there was no room
+}
+
 void Copier::ended(bool is_success) {
-    is_failure_told_ = !is_success && !is_stopped_;
+    if (!is_stopped_)
+        take_words(is_success);
+    const bool is_of_interest = !is_stopped_;
     is_stopped_ = false;
+    if (is_of_interest && on_end_)
+        on_end_();
     if (is_another_due_) {
         is_another_due_ = false;
         return copy();

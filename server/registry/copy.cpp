@@ -10,8 +10,10 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <server/registry/look.h>
 #include <server/registry/messages.h>
 #include <server/registry/remote_source.h>
+#include <server/registry/saved.h>
 #include <server/registry/service.h>
 #include <support/date.h>
 #include <support/sysutl.h>
@@ -21,7 +23,6 @@ namespace velia::server {
 
 namespace {
 
-constexpr const char *list_separators = " \t\r\n,;";
 constexpr const char *backup_setting = "backup";
 
 // Before anything of another registry is copied, what this host may alone have is put aside.
@@ -45,6 +46,14 @@ bool is_current(const Stamps &source, Store &store, rgy_db_t db) {
            memcmp(&source.pair, &stamps.pair, sizeof stamps.pair) == 0;
 }
 
+// Whoever steps down behind a turn of the site has nothing that the next master has not.
+bool is_alike(Source &source, Store &store) {
+    for (rgy_db_t db = 0; db < RGY_DB_ALL; ++db)
+        if (!is_current(source.stamps(db), store, db))
+            return false;
+    return true;
+}
+
 // The first word of the hosts file, unless it is this host.
 std::string master_of_site() {
     std::array<char, RVZD_HOST_NAME_MAX + 1> master = {};
@@ -64,17 +73,8 @@ std::string now() {
     return date_fmt_token_date_time(time(nullptr));
 }
 
-// Beside those that were kept before.
-std::string free_name_for_former() {
-    const std::string name = registry_file() + ".old";
-    std::string found = name;
-    for (int i = 2; access(found.c_str(), F_OK) == 0; ++i)
-        found = name + "." + std::to_string(i);
-    return found;
-}
-
 void keep_former_registry(Store &store) {
-    const std::string kept = free_name_for_former();
+    const std::string kept = free_name_for_former(registry_file());
     store.save_to(kept);
     imsg_print(IMSG_PLAIN, "The former registry of this host is kept in \"%s\".\n", IMSG_FORMAT, kept.c_str());
 }
@@ -93,38 +93,59 @@ void copy_from(const std::string &master) {
         print_registry(IMSG_PLAIN, MSG_BACKUP_FINISHED, now().c_str());
 }
 
-// A copying process that outlived its daemon would write over the registry of the next one, the master by then.
-void end_with_daemon(const char *daemon) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (std::to_string(getppid()) != daemon)
-        throw CopyError("the daemon that wanted the copy has ended");
-}
-
 // The daemon knows its role, also when the role's file has lost it.
 void require_right_to_copy() {
-    if (const char *daemon = getenv(copying_daemon_variable))
-        return end_with_daemon(daemon);
+    if (end_with_daemon())
+        return;
     const int32_t type = rgy_get_svr_type();
     if (type == RGY_SVR_NONE || type == RGY_SVR_MASTER)
         throw CopyError("this host is no standby, backup or slave");
 }
 
+// A copy knows under whom it was made; what a host has begun by itself and given up is nobody's term any more.
+Term known_to_tell(Store &store) {
+    return store.setting(origin_setting) == origin_copy ? term_of(store) : Term();
+}
+
+std::string words_of_term(uint64_t number, const std::string &host) {
+    return "term " + std::to_string(number) + (host.empty() ? "" : " of host \"" + host + "\"");
+}
+
+void require_ahead(const Term &theirs, const Stamps &source, Store &store) {
+    const Term own = known_to_tell(store);
+    const tbs_uuid_t registry = store.stamps(0).registry;
+    if (theirs.is_superseded())
+        throw CopyError("it is not the master any more, since " + words_of_term(theirs.heard, theirs.heard_host) +
+                        ": make this host follow that one with \"veliactl registry hosts --master\"");
+    if (tbs_uuid_eq(&source.registry, &registry) != 0 && own.number > theirs.number)
+        throw CopyError("it is behind this copy, which is of " + words_of_term(own.number, own.host));
+}
+
 } // namespace
 
+bool end_with_daemon() {
+    const char *daemon = getenv(copying_daemon_variable);
+    if (daemon == nullptr)
+        return false;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (std::to_string(getppid()) != daemon)
+        throw CopyError("the daemon that wanted this has ended");
+    return true;
+}
+
 bool is_listed(const std::string &list, const std::string &host) {
-    bool is_empty = true;
-    for (size_t begin = 0; (begin = list.find_first_not_of(list_separators, begin)) != std::string::npos;) {
-        const size_t end = std::min(list.find_first_of(list_separators, begin), list.size());
-        if (strcasecmp(list.substr(begin, end - begin).c_str(), host.c_str()) == 0)
-            return true;
-        is_empty = false;
-        begin = end;
-    }
-    return is_empty;
+    const auto hosts = hosts_in(list);
+    return hosts.empty() || std::any_of(hosts.begin(), hosts.end(), [&](const std::string &listed) {
+               return strcasecmp(listed.c_str(), host.c_str()) == 0;
+           });
 }
 
 bool copy_registry(Source &source, Store &store, const std::function<void()> &keep_former,
                    const std::function<void()> &print_start) {
+    const Term term = source.term(store.stamps(0).registry, known_to_tell(store));
+    require_ahead(term, source.stamps(0), store);
+    if (store.setting(origin_setting) == origin_master && is_alike(source, store))
+        store.set_setting(origin_setting, origin_copy);
     bool is_changed = false;
     const auto begin = [&](const Stamps &stamps) {
         if (is_changed)
@@ -145,6 +166,7 @@ bool copy_registry(Source &source, Store &store, const std::function<void()> &ke
         store.set_setting(backup_setting, hosts);
     if (is_changed)
         store.set_setting(origin_setting, origin_copy);
+    take_term(store, term.number, term.host);
     return is_changed;
 }
 

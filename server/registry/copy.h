@@ -6,6 +6,7 @@
 #include <string>
 
 #include <server/registry/store.h>
+#include <server/registry/term.h>
 
 namespace velia::server {
 
@@ -33,6 +34,10 @@ public:
     virtual Stamps stamps(rgy_db_t db) = 0;
     virtual Reading read(rgy_db_t db) = 0;
     virtual std::string backup_hosts() = 0;
+
+    // Under which term these data are changed, and which higher one it has heard of; it is told of what is `known` of
+    // this registry.
+    virtual Term term(const tbs_uuid_t & /*registry*/, const Term & /*known*/) { return {}; }
 };
 
 class CopyError : public std::runtime_error {
@@ -44,7 +49,7 @@ bool is_listed(const std::string &list, const std::string &host);
 
 // Makes the store like the source, database by database, each in one transaction. `keep_former` is called before a
 // registry is overwritten that is not a copy of this one, and `print_start` before the first change. False: nothing was
-// to be done.
+// to be done. Throws CopyError for a source that has been superseded, or is behind this copy of the same registry.
 bool copy_registry(Source &source, Store &store, const std::function<void()> &keep_former,
                    const std::function<void()> &print_start);
 
@@ -54,5 +59,9 @@ constexpr const char *copying_daemon_variable = "VELIA_COPYING_DAEMON";
 // Copies the registry of the master that this host's hosts file names, and tells what it did. The process's exit
 // status.
 int run_copy();
+
+// A process of the daemon's that outlived it would write over the registry of the next one, the master by then. Throws
+// CopyError where the daemon that is named in the environment is not the parent. False: none is named.
+bool end_with_daemon();
 
 } // namespace velia::server

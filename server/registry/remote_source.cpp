@@ -6,6 +6,7 @@
 
 #include <support/stg.h>
 #include <veliaxdr/rgy_wire.h>
+#include <veliaxdr/rvzd_daemon.h>
 
 namespace velia::server {
 
@@ -97,6 +98,18 @@ std::string RemoteSource::backup_hosts() {
     char *text = hosts.data();
     require_ok(rvzd_rgy_get_backup(handle_.get(), RGY_PROTOCOL_VERSION, &text));
     return hosts.data();
+}
+
+// A daemon of before there were terms has none.
+Term RemoteSource::term(const tbs_uuid_t &registry, const Term &known) {
+    rvzd_registry_state_reply_t state = {};
+    const auto status = rvzd_registry_state(handle_.get(), &registry, known.number, known.host.c_str(), &state);
+    if (status == TBS_ST_UNSUPPORTED)
+        return {};
+    require_ok(status);
+    Term term = {state.term, state.master, state.heard_term, state.heard_host};
+    rvzd_registry_state_free(&state);
+    return term;
 }
 
 } // namespace velia::server

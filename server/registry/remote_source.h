@@ -16,6 +16,7 @@ public:
     Stamps stamps(rgy_db_t db) override;
     Reading read(rgy_db_t db) override;
     std::string backup_hosts() override;
+    Term term(const tbs_uuid_t &registry, const Term &known) override;
 
 private:
     Reading read_once(rgy_db_t db);

@@ -133,17 +133,25 @@ bool answer_from_memory(RegistryService &service, const Request &request, const 
     return false;
 }
 
+// TBS_ST_OK where there is a registry for it.
+template <Lane lane>
+tbs_status_t refusal_of(RegistryService &service) {
+    if (!service.is_serving().value_or(true))
+        return TBS_ST_NO_SERVER;
+    return lane == Lane::update ? service.refusal_of_update() : tbs_status_t{TBS_ST_OK};
+}
+
 template <const auto &procedure, Lane lane, auto work>
 bool run_on_store(void *owner, XDR &arguments, const Call &call) {
     using Kind = StoreWork<decltype(work)>;
     auto &service = *static_cast<RegistryService *>(owner);
-    const bool has_registry = service.is_serving().value_or(true) && (lane != Lane::update || service.is_master());
+    const tbs_status_t refusal = refusal_of<lane>(service);
     // A search's arguments may be long: what they are is left to the thread.
     if constexpr (lane == Lane::search) {
         if (!call.is_permitted({procedure.number}))
             call.sink(bare_reply<procedure>(call.xid, TBS_ST_NO_ACCESS));
-        else if (!has_registry)
-            call.sink(bare_reply<procedure>(call.xid, TBS_ST_NO_SERVER));
+        else if (refusal != TBS_ST_OK)
+            call.sink(bare_reply<procedure>(call.xid, refusal));
         else
             send_errand<procedure, lane, work>(service, call, call.arguments);
     } else {
@@ -152,8 +160,8 @@ bool run_on_store(void *owner, XDR &arguments, const Call &call) {
             return false;
         if (!call.is_permitted(demand_of(procedure.number, decoded.request())))
             refuse<procedure>(procedure, decoded.request(), call);
-        else if (!has_registry)
-            call.sink(bare_reply<procedure>(call.xid, TBS_ST_NO_SERVER));
+        else if (refusal != TBS_ST_OK)
+            call.sink(bare_reply<procedure>(call.xid, refusal));
         else if (!answer_from_memory<procedure, work>(service, decoded.request(), call))
             send_errand<procedure, lane, work>(service, call, call.arguments.first(xdr_getpos(&arguments)));
     }

@@ -1,21 +1,32 @@
 #include <server/registry/service.h>
 
+#include <algorithm>
 #include <array>
 #include <ctime>
+#include <utility>
 
 #include <server/daemon/private_files.h>
 #include <server/registry/copy.h>
+#include <server/registry/look.h>
 #include <server/registry/messages.h>
 #include <server/registry/role.h>
 #include <server/registry/sqlite.h>
 #include <support/date.h>
+#include <support/sysutl.h>
 #include <veliaxdr/rgy_local.h>
+#include <veliaxdr/rgy_role.h>
+#include <veliaxdr/rgy_site.h>
 
 namespace velia::server {
 
 namespace {
 
 constexpr uint64_t last_copy_ms = 5000; // the client that asks for the promotion waits
+constexpr uint64_t look_ms = 30'000;    // of many hosts that are silent
+constexpr int look_at_start_ms = 3000;
+constexpr uint64_t look_delay_ms = 200; // behind a promotion, of which the former master is to hear soon
+constexpr uint64_t checkpoint_delay_ms = 500;
+constexpr uint32_t hold_s_max = 600;
 
 // Each a bound on what its calls hold in memory: a search may be as long as a message, others are short.
 // Threads with the store share locks of SQLite's: one that is worth less than the others and is put off while it holds
@@ -60,11 +71,24 @@ std::optional<int32_t> role_of(const std::unique_ptr<Store> &store, const std::o
     }
 }
 
+// Whoever was not the master before begins a term, unless it has heard of one that is above its own.
+void take_office(Store &store) {
+    const Term term = term_of(store);
+    const bool is_new = remembered_role(store) != RGY_SVR_MASTER || term.number == 0;
+    if (!is_new || term.is_superseded())
+        return;
+    if (!term.host.empty() && !is_this_host(term.host))
+        store.set_setting(former_master_setting, term.host);
+    begin_term(store, sysutl_myhostname());
+}
+
 void remember(const std::unique_ptr<Store> &store, int32_t role) {
     try {
         with_memory(store, [&](Store *memory) {
             if (memory == nullptr)
                 return;
+            if (role == RGY_SVR_MASTER)
+                take_office(*memory);
             remember_role(*memory, role);
             if (role == RGY_SVR_MASTER && memory->setting(origin_setting) != origin_master)
                 memory->set_setting(origin_setting, origin_master);
@@ -74,6 +98,26 @@ void remember(const std::unique_ptr<Store> &store, int32_t role) {
     }
 }
 
+bool is_promotable(const std::optional<int32_t> &role, const std::unique_ptr<Store> &store) {
+    if (role != RGY_SVR_MASTER)
+        return role == RGY_SVR_STANDBY;
+    try {
+        return store != nullptr && term_of(*store).is_superseded();
+    } catch (const StoreError &error) {
+        RegistryService::print_failure(error.what());
+        return false;
+    }
+}
+
+std::string master_in_hosts_file() {
+    std::array<char, RVZD_HOST_NAME_MAX + 1> master = {};
+    std::array<char, RVZD_HOST_NAME_MAX + 1> backup = {};
+    size_t lengths[2];
+    registry_prop_get_hostnames_local(master.size(), backup.size(), &lengths[0], &lengths[1], master.data(),
+                                      backup.data());
+    return master.data();
+}
+
 tbs_status_t make_master(Store &store) {
     Registry registry(store);
     try {
@@ -81,13 +125,20 @@ tbs_status_t make_master(Store &store) {
             print_registry(IMSG_ERROR, MSG_BACKUP_ERROR, "there is no copy of the master's registry yet");
             return TBS_ST_NOT_SET;
         }
-        registry.become_master();
-        remember_role(store, RGY_SVR_MASTER);
+        const Term before = term_of(store);
+        store.together([&] {
+            registry.become_master();
+            if (!before.host.empty() && !is_this_host(before.host))
+                store.set_setting(former_master_setting, before.host);
+            begin_term(store, sysutl_myhostname());
+            remember_role(store, RGY_SVR_MASTER);
+        });
         const auto status = rgy_set_svr_type(RGY_SVR_MASTER);
         share_with_host("rgy_svr.conf"); // clients read the role
         if (status != TBS_ST_OK) {
             remember_role(store, RGY_SVR_STANDBY);
             store.set_setting(origin_setting, origin_copy);
+            take_term(store, before.number, before.host);
         }
         return status;
     } catch (const StoreError &error) {
@@ -98,8 +149,11 @@ tbs_status_t make_master(Store &store) {
 } // namespace
 
 RegistryService::RegistryService(uv_loop_t *loop)
-    : copier_(loop), look_ups_(loop, look_up_shape, false), searches_(loop, search_shape, false),
-      hashes_(loop, hash_shape, false), updates_(loop, update_shape, true) {}
+    : copier_(loop, "--copy-registry", [this] { refresh_standing(); }),
+      looker_(loop, "--look-at-site", [this] { refresh_standing(); }), look_timer_(loop, [this] { look_around(); }),
+      hold_timer_(loop, [this] { release_updates(); }), checkpoint_timer_(loop, [this] { bring_log_home(); }),
+      look_ups_(loop, look_up_shape, false), searches_(loop, search_shape, false), hashes_(loop, hash_shape, false),
+      updates_(loop, update_shape, true) {}
 
 std::string registry_file() {
     std::array<char, TBS_PATH_SIZE> path;
@@ -119,8 +173,176 @@ StoreWorker &RegistryService::worker_of(Lane lane) {
     }
 }
 
+// Updates are counted, for whoever wants to know when the last one is done.
 bool RegistryService::ask(Lane lane, const Sender &sender, StoreWorker::Task task) {
-    return worker_of(lane).submit(sender, std::move(task));
+    if (lane != Lane::update)
+        return worker_of(lane).submit(sender, std::move(task));
+    const bool is_taken = updates_.submit(
+        sender, {std::move(task.work), [this, done = std::move(task.done)](const StoreFailure &failure) {
+                     done(failure);
+                     update_ended();
+                 }});
+    updates_in_hand_ += is_taken ? 1 : 0;
+    return is_taken;
+}
+
+void RegistryService::update_ended() {
+    --updates_in_hand_;
+    checkpoint_timer_.start(checkpoint_delay_ms);
+    if (updates_in_hand_ > 0)
+        return;
+    for (const auto &answer : std::exchange(holding_, {}))
+        answer(TBS_ST_OK);
+}
+
+tbs_status_t RegistryService::refusal_of_update() const {
+    if (!is_master_)
+        return TBS_ST_NO_SERVER;
+    return is_held_ ? TBS_ST_TRY_AGAIN : TBS_ST_OK;
+}
+
+void RegistryService::hold_updates(uint32_t seconds, const Answered &answer) {
+    if (!is_master_)
+        return answer(TBS_ST_UNSUPPORTED);
+    is_held_ = seconds > 0;
+    hold_timer_.start(uint64_t{std::min(seconds, hold_s_max)} * 1000);
+    if (updates_in_hand_ == 0)
+        answer(TBS_ST_OK);
+    else
+        holding_.push_back(answer);
+}
+
+tbs_status_t RegistryService::release_updates() {
+    is_held_ = false;
+    hold_timer_.stop();
+    return is_master_ ? TBS_ST_OK : TBS_ST_UNSUPPORTED;
+}
+
+// Its own name, or none, would leave a standby that copies from itself.
+void RegistryService::follow_host(const std::string &host, const Answered &answer) {
+    if (host.empty() || is_this_host(host))
+        return answer(TBS_ST_INVALID_ARG);
+    if (is_changing_)
+        return waiting_.push_back([this, host, answer] { follow_host(host, answer); });
+    auto status = rgy_clnt_conf_change(RGY_CONF_SET_HOST, host.c_str());
+    share_with_host("rgy_hosts.conf");
+    rgy_hostname_cache_inval();
+    if (status == TBS_ST_OK && role_in_file() != RGY_SVR_STANDBY) {
+        status = rgy_set_svr_type(RGY_SVR_STANDBY);
+        share_with_host("rgy_svr.conf");
+    }
+    if (status != TBS_ST_OK)
+        return answer(status);
+    copier_.stop(); // it asks the other host from now on
+    waiting_.push_back([answer] { answer(TBS_ST_OK); });
+    take_role();
+}
+
+RegistryService::Standing RegistryService::standing() const {
+    Standing standing = standing_;
+    standing.looked = copier_.ended_at();
+    standing.current = copier_.succeeded_at();
+    standing.failure = copier_.failure();
+    return standing;
+}
+
+// In the thread of the updates.
+void RegistryService::take_standing(Store &store, Taken &taken) {
+    store.refresh();
+    taken.term = term_of(store);
+    taken.registry = store.stamps(0).registry;
+    taken.source = master_in_hosts_file();
+    taken.has_others = !other_hosts(&store).empty();
+    taken.entries = 0;
+    for (rgy_db_t db = 0; db < RGY_DB_ALL; ++db)
+        taken.entries += store.count(db);
+}
+
+// A master that has heard of a higher term goes on telling what it has, and changes it no more.
+void RegistryService::follow_standing(Taken &taken) {
+    const bool was_superseded = standing_.term.is_superseded();
+    standing_.term = taken.term;
+    standing_.registry = taken.registry;
+    standing_.source = taken.source;
+    standing_.entries = taken.entries;
+    has_others_ = taken.has_others;
+    if (standing_.role != RGY_SVR_MASTER || !standing_.term.is_superseded())
+        return;
+    is_master_ = false;
+    if (!was_superseded)
+        imsg_print(IMSG_WARNING,
+                   "Host \"%s\" is the master of this registry's site, by term %llu; this host's is %llu. No updates "
+                   "are taken here any more. To make this host its standby: veliactl registry demote --follow %s\n",
+                   IMSG_FORMAT, standing_.term.heard_host.c_str(),
+                   static_cast<unsigned long long>(standing_.term.heard),
+                   static_cast<unsigned long long>(standing_.term.number), standing_.term.heard_host.c_str());
+}
+
+void RegistryService::refresh_standing() {
+    const auto taken = std::make_shared<Taken>();
+    updates_.change(
+        [taken](std::unique_ptr<Store> &store) {
+            try {
+                taken->is_open = store != nullptr;
+                if (taken->is_open)
+                    take_standing(*store, *taken);
+            } catch (const StoreError &error) {
+                taken->is_open = false;
+                print_failure(error.what());
+            }
+        },
+        [this, taken] {
+            if (taken->is_open)
+                follow_standing(*taken);
+        });
+}
+
+void RegistryService::bring_log_home() {
+    updates_.change(
+        [](std::unique_ptr<Store> &store) {
+            if (store != nullptr)
+                store->checkpoint();
+        },
+        [this] { refresh_standing(); });
+}
+
+void RegistryService::hear_of_term(const tbs_uuid_t &registry, uint64_t number, const std::string &host,
+                                   bool is_believed) {
+    if (standing_.role != RGY_SVR_MASTER || number <= std::max(standing_.term.number, standing_.term.heard) ||
+        host.empty() || is_this_host(host) || tbs_uuid_eq(&registry, &standing_.registry) == 0)
+        return;
+    if (!is_believed)
+        return look_around();
+    updates_.change(
+        [number, host](std::unique_ptr<Store> &store) {
+            try {
+                if (store != nullptr)
+                    server::hear_of_term(*store, number, host);
+            } catch (const StoreError &error) {
+                print_failure(error.what());
+            }
+        },
+        [this] { refresh_standing(); });
+}
+
+// A master asks the others now and then; one that asks already hears enough.
+void RegistryService::look_around() {
+    if (standing_.role != RGY_SVR_MASTER)
+        return;
+    look_timer_.start(uint64_t{copy_interval_s_} * 1000);
+    if (has_others_)
+        looker_.finish(look_ms, [] {});
+    else
+        refresh_standing();
+}
+
+// Before anybody is served: a host that was down may have been superseded meanwhile.
+void RegistryService::look_at_once() {
+    if (standing_.role != RGY_SVR_MASTER || !has_others_ || !is_master_)
+        return;
+    if (run_to_end("--look-at-site", look_at_start_ms))
+        refresh_standing();
+    updates_.wait();
 }
 
 // A copy is asked for each version of it: the copying process takes it out of service before it makes it another
@@ -142,6 +364,10 @@ void RegistryService::serve(std::unique_ptr<StoreVersion> version) {
 
 void RegistryService::stop_serving() {
     is_master_ = false;
+    standing_.role = RGY_SVR_NONE;
+    standing_.registry = {};
+    look_timer_.stop();
+    looker_.stop();
     memory_.follow(nullptr);
     if (!is_serving_)
         return;
@@ -161,8 +387,14 @@ RegistryService::Taken RegistryService::take_in(std::unique_ptr<Store> &store, c
     taken.is_open = *taken.role != RGY_SVR_NONE && open_store(store);
     if (taken.is_open || *taken.role == RGY_SVR_NONE)
         remember(store, *taken.role);
-    if (taken.is_open)
+    if (taken.is_open) {
         taken.version = store->watch_version();
+        try {
+            take_standing(*store, taken);
+        } catch (const StoreError &error) {
+            print_failure(error.what());
+        }
+    }
     return taken;
 }
 
@@ -189,15 +421,24 @@ void RegistryService::follow_role(Taken taken) {
         return end_change();
     const bool is_server = *taken.role != RGY_SVR_NONE;
     const bool is_master = *taken.role == RGY_SVR_MASTER;
+    standing_.role = *taken.role;
     if (is_master || !is_server)
         copier_.stop();
+    if (!is_master) {
+        looker_.stop();
+        look_timer_.stop();
+    }
     if (!is_server || !taken.is_open) {
         stop_serving();
         return close_store([this] { end_change(); });
     }
     is_master_ = is_master;
+    is_held_ = is_held_ && is_master; // a turn of the site goes on over a signal to read everything again
+    follow_standing(taken);
     serve(std::move(taken.version));
-    if (!is_master)
+    if (is_master)
+        look_timer_.start(look_delay_ms);
+    else
         copier_.start(copy_interval_s_);
     end_change();
 }
@@ -238,6 +479,9 @@ void RegistryService::follow_role_file() {
 
 void RegistryService::stop() {
     copier_.stop();
+    looker_.stop();
+    for (TimerHandle *timer : {&look_timer_, &hold_timer_, &checkpoint_timer_})
+        timer->stop();
     wait_for_others(0);
 }
 
@@ -245,6 +489,7 @@ void RegistryService::take_role_at_once() {
     take_role();
     while (is_changing_)
         updates_.wait();
+    look_at_once();
 }
 
 void RegistryService::promote(const Answered &answer) {
@@ -259,13 +504,16 @@ void RegistryService::promote(const Answered &answer) {
     updates_.change(
         [taken, written = role_in_file()](std::unique_ptr<Store> &store) {
             taken->role = role_of(store, written);
-            taken->is_open = taken->role == RGY_SVR_STANDBY && open_store(store);
+            taken->is_open = is_promotable(taken->role, store) && open_store(store);
         },
         [this, taken, answer, refuse] {
-            if (taken->role != RGY_SVR_STANDBY)
+            const bool is_superseded = taken->role == RGY_SVR_MASTER && taken->is_open;
+            if (taken->role != RGY_SVR_STANDBY && !is_superseded)
                 return refuse(TBS_ST_UNSUPPORTED);
             if (!taken->is_open)
                 return refuse(TBS_ST_ERROR);
+            if (is_superseded)
+                return become_master(answer);
             copier_.finish(last_copy_ms, [this, answer] { become_master(answer); });
         });
 }
@@ -289,7 +537,7 @@ void RegistryService::become_master(const Answered &answer) {
 void RegistryService::step_down(const Answered &answer) {
     if (is_changing_)
         waiting_.push_back([this, answer] { step_down(answer); });
-    else if (!is_master_)
+    else if (standing_.role != RGY_SVR_MASTER || !is_serving_)
         answer(TBS_ST_UNSUPPORTED);
     else
         give_up_role(answer);

@@ -12,6 +12,7 @@
 #include <server/registry/registry.h>
 #include <server/registry/role.h>
 #include <server/registry/store_worker.h>
+#include <server/registry/term.h>
 
 namespace velia::server {
 
@@ -54,13 +55,41 @@ public:
     // not before what was acknowledged until now.
     bool ask(Lane lane, const Sender &sender, StoreWorker::Task task);
 
-    // Only a master takes updates: what others hold is a copy.
+    // Only a master takes updates: what others hold is a copy. One that has been superseded is none any more.
     bool is_master() const { return is_master_; }
 
-    // A standby copies what it can still get, for some seconds at most, and becomes the master. TBS_ST_UNSUPPORTED for
-    // any other, TBS_ST_NOT_SET for one that has no copy, TBS_ST_TRY_AGAIN during another promotion; else what went
-    // wrong, told.
+    // What is said of an update that is not taken; TBS_ST_OK for one that is.
+    tbs_status_t refusal_of_update() const;
+
+    // What this host knows of its registry's site, for all who ask.
+    struct Standing {
+        int32_t role = 0;
+        Term term;
+        tbs_uuid_t registry = {};
+        std::string source; // whom a copy is made of
+        time_t looked = 0;
+        time_t current = 0;
+        std::string failure;
+        uint64_t entries = 0;
+    };
+    Standing standing() const;
+
+    // Somebody says that this registry has a term like this. Whoever may administer this host is believed; else the
+    // other hosts of the site are asked.
+    void hear_of_term(const tbs_uuid_t &registry, uint64_t number, const std::string &host, bool is_believed);
+
+    // A master takes no updates for so long; answered when the last one that it has taken is done. TBS_ST_UNSUPPORTED
+    // for any other.
     using Answered = std::function<void(tbs_status_t)>;
+    void hold_updates(uint32_t seconds, const Answered &answer);
+    tbs_status_t release_updates();
+
+    // Becomes a standby of another host, whatever it was, and is answered when it is one.
+    void follow_host(const std::string &host, const Answered &answer);
+
+    // A standby copies what it can still get, for some seconds at most, and becomes the master; so does a master that
+    // has been superseded, as it is. TBS_ST_UNSUPPORTED for any other, TBS_ST_NOT_SET for one that has no copy; else
+    // what went wrong, told.
     void promote(const Answered &answer);
 
     // A master stops serving until it has another role. TBS_ST_UNSUPPORTED for any other.
@@ -78,6 +107,11 @@ private:
     struct Taken {
         std::optional<int32_t> role; // none: it cannot be told, and nothing changes
         std::unique_ptr<StoreVersion> version;
+        Term term;
+        tbs_uuid_t registry = {};
+        std::string source;
+        uint64_t entries = 0;
+        bool has_others = false;
         bool is_open = false;
         bool is_taken_away = false; // the file was, under the store
     };
@@ -90,9 +124,25 @@ private:
     void serve(std::unique_ptr<StoreVersion> version);
     void stop_serving();
     void become_master(const Answered &answer);
+    static void take_standing(Store &store, Taken &taken);
+    void follow_standing(Taken &taken);
+    void refresh_standing();
+    void bring_log_home();
+    void look_around();
+    void look_at_once();
+    void update_ended();
     StoreWorker &worker_of(Lane lane);
 
     Copier copier_;
+    Copier looker_;
+    TimerHandle look_timer_;
+    TimerHandle hold_timer_;
+    TimerHandle checkpoint_timer_;
+    Standing standing_;
+    bool has_others_ = false;       // hosts of the site
+    bool is_held_ = false;          // updates are refused for a while
+    size_t updates_in_hand_ = 0;    // taken and not answered
+    std::vector<Answered> holding_; // who waits until there are none
     uint32_t copy_interval_s_ = 0;
     bool is_master_ = false;
     bool is_serving_ = false;

@@ -22,6 +22,11 @@ constexpr std::chrono::milliseconds wait_between_attempts(1);
 
 std::atomic<int64_t> wait_for_others_ms = usual_wait_for_others_ms;
 
+// Of the write-ahead log: who copies the files of a daemon finds little in it, and whoever opens them has little to
+// read.
+constexpr int log_pages_usual = 250;
+constexpr int64_t log_bytes_kept = int64_t{2} << 20;
+
 constexpr int log_index_bytes = 32768; // of the first piece in which it is mapped
 
 // SQLite counts its memory behind one lock of the process, at each piece of it: a search that is not worth much and is
@@ -66,12 +71,13 @@ void put_directory_on_disk(const std::string &file_name) {
         throw_system_error();
 }
 
-Sqlite::Sqlite(const std::string &file_name) {
-    make_private_file(file_name);
+Sqlite::Sqlite(const std::string &file_name, Access access) {
+    if (access == Access::change)
+        make_private_file(file_name);
     count_no_memory();
     sqlite3 *database = nullptr;
-    const int result = sqlite3_open_v2(file_name.c_str(), &database,
-                                       SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW, nullptr);
+    const int mode = access == Access::change ? SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE : SQLITE_OPEN_READONLY;
+    const int result = sqlite3_open_v2(file_name.c_str(), &database, mode | SQLITE_OPEN_NOFOLLOW, nullptr);
     database_.reset(database);
     if (result != SQLITE_OK)
         throw StoreError(database != nullptr ? sqlite3_errmsg(database) : sqlite3_errstr(result));
@@ -94,6 +100,12 @@ void Sqlite::write_ahead() {
     Statement mode(*this, "PRAGMA journal_mode = WAL");
     has_log_ = mode.step() && mode.text(0) == "wal";
     mode.run();
+    sqlite3_wal_autocheckpoint(database_.get(), log_pages_usual);
+    run(("PRAGMA journal_size_limit = " + std::to_string(log_bytes_kept)).c_str());
+}
+
+void Sqlite::checkpoint() {
+    sqlite3_wal_checkpoint_v2(database_.get(), nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
 }
 
 void Sqlite::leave_log(bool is_left) {

@@ -41,7 +41,9 @@ void wait_for_others(int64_t wait_ms);
 
 class Sqlite {
 public:
-    explicit Sqlite(const std::string &file_name);
+    // What is only read has to be there, and nothing is made beside it.
+    enum class Access { change, read };
+    explicit Sqlite(const std::string &file_name, Access access = Access::change);
     Sqlite(const Sqlite &) = delete;
     Sqlite &operator=(const Sqlite &) = delete;
 
@@ -50,6 +52,10 @@ public:
 
     // From now on changes go to a write-ahead log.
     void write_ahead();
+
+    // Puts what the log holds into the database, as far as nobody needs it there; the log is used anew then, and a
+    // long one is cut.
+    void checkpoint();
 
     // Where the mark of the last commit is, whoever makes it, for as long as the database is open; null where it cannot
     // be told.

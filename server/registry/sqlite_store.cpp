@@ -11,15 +11,14 @@
 #include <vector>
 
 #include <server/loop/unique_fd.h>
-#include <server/registry/sqlite.h>
+#include <server/registry/schema.h>
+#include <server/registry/trace.h>
 #include <support/fileutl.h>
 #include <support/imsg.h>
 
 namespace velia::server {
 
 namespace {
-
-constexpr int64_t schema_version = 1;
 
 constexpr const char *schema = R"(
 CREATE TABLE entry (id INTEGER PRIMARY KEY AUTOINCREMENT, db INTEGER NOT NULL, region BLOB NOT NULL,
@@ -33,19 +32,6 @@ CREATE TABLE stamp (db INTEGER PRIMARY KEY, dtm BLOB NOT NULL, svr_dtm BLOB NOT 
 CREATE TABLE setting (name BLOB PRIMARY KEY, value BLOB NOT NULL) WITHOUT ROWID;
 )";
 
-// How many entries each database has, so that nobody has to count them. A database of before has none of this, and a
-// program of before keeps it true all the same.
-constexpr const char *totals = R"(
-CREATE TABLE total (db INTEGER PRIMARY KEY, entries INTEGER NOT NULL);
-INSERT INTO total SELECT db, count(*) FROM entry GROUP BY db;
-CREATE TRIGGER entry_added AFTER INSERT ON entry BEGIN
-    INSERT INTO total VALUES (new.db, 1) ON CONFLICT (db) DO UPDATE SET entries = entries + 1;
-END;
-CREATE TRIGGER entry_removed AFTER DELETE ON entry BEGIN
-    UPDATE total SET entries = entries - 1 WHERE db = old.db;
-END;
-)";
-
 // Random, version 4.
 tbs_uuid_t new_uuid() {
     tbs_uuid_t uuid;
@@ -56,11 +42,8 @@ tbs_uuid_t new_uuid() {
     return uuid;
 }
 
-int64_t stored_number(Sqlite &database, const char *question) {
-    Statement query(database, question);
-    const int64_t number = query.step() ? query.number(0) : 0;
-    query.reset();
-    return number;
+std::string text_of(const tbs_uuid_t &uuid) {
+    return {reinterpret_cast<const char *>(uuid.bytes), sizeof uuid.bytes};
 }
 
 using FileIdentity = std::pair<dev_t, ino_t>;
@@ -95,11 +78,12 @@ private:
 class SqliteStore : public Store {
 public:
     explicit SqliteStore(const std::string &file_name)
-        : file_name_(file_name), database_(file_name), file_(identity_of_file(file_name)) {
+        : file_name_(file_name), database_(file_name), file_(identity_of_file(file_name)), trace_(file_name) {
         refuse_others();
         database_.write_ahead();
         database_.run("PRAGMA synchronous = FULL");
-        make_totals();
+        make_totals(database_);
+        trace_.leave();
         statements_ = std::make_unique<Statements>(database_);
         registry_ = named_uuid("registry");
         copy_ = named_uuid("copy");
@@ -156,6 +140,7 @@ public:
         Transaction transaction(database_);
         body();
         transaction.commit();
+        acknowledge();
     }
 
     AddResult add(rgy_db_t db, const rgy_dtm_pair_t &expected, const std::string &identity,
@@ -169,6 +154,7 @@ public:
         insert(db, std::nullopt, identity, flex_text, items);
         renew_stamps(db);
         transaction.commit();
+        acknowledge();
         return AddResult::added;
     }
 
@@ -185,6 +171,7 @@ public:
         erase(id);
         renew_stamps(db);
         transaction.commit();
+        acknowledge();
         return true;
     }
 
@@ -203,6 +190,7 @@ public:
         insert(db, static_cast<int64_t>(id), identity, flex_text, items);
         renew_stamps(db);
         transaction.commit();
+        acknowledge();
         return ChangeResult::changed;
     }
 
@@ -210,7 +198,7 @@ public:
         constexpr int64_t sets_max = 8;
         Transaction transaction(database_);
         const bool is_new = size_of_set(set) == 0;
-        if (is_new && stored_number(database_, "SELECT count(DISTINCT name) FROM temp.staged") >= sets_max)
+        if (is_new && number_answer(database_, "SELECT count(DISTINCT name) FROM temp.staged") >= sets_max)
             database_.run("DELETE FROM temp.staged WHERE name = (SELECT name FROM temp.staged ORDER BY place LIMIT 1)");
         Statement insert(database_, "INSERT INTO temp.staged (name, id, text) VALUES (?1, ?2, ?3)");
         for (const rgy_change_t &change : changes)
@@ -244,11 +232,9 @@ public:
             erase(id);
         for (const auto &[id, text] : contents)
             put(db, id, text);
-        if (stamps)
-            statements_->put_stamp.with(db, stamps->dtm, stamps->svr_dtm).run();
-        else
-            renew_stamps(db);
+        put_stamps(db, stamps ? *stamps : rgy_dtm_pair_t{new_uuid(), new_uuid()});
         transaction.commit();
+        acknowledge();
     }
 
     void begin_anew(const tbs_uuid_t &registry) override {
@@ -259,6 +245,7 @@ public:
         statements_->put_setting.with(std::string_view("registry"), registry).run();
         transaction.commit();
         registry_ = registry;
+        acknowledge();
     }
 
     void skip_numbers(uint64_t gap) override {
@@ -288,8 +275,16 @@ public:
 
     void set_setting(const std::string &name, const std::string &value) override {
         require_file();
+        Transaction transaction(database_);
         statements_->put_setting.with(name, value).run();
+        count_change();
+        transaction.commit();
+        acknowledge();
     }
+
+    uint64_t changes() override { return stored_changes(database_); }
+
+    void checkpoint() override { database_.checkpoint(); }
 
 private:
     struct Statements {
@@ -308,10 +303,12 @@ private:
               remove(database, "DELETE FROM entry WHERE id = ?1"),
               remove_items(database, "DELETE FROM item WHERE entry = ?1"),
               get_setting(database, "SELECT value FROM setting WHERE name = ?1"),
-              put_setting(database, "INSERT OR REPLACE INTO setting (name, value) VALUES (?1, ?2)") {}
+              put_setting(database, "INSERT OR REPLACE INTO setting (name, value) VALUES (?1, ?2)"),
+              count_change(database, "INSERT INTO total VALUES (-1, 1) "
+                                     "ON CONFLICT (db) DO UPDATE SET entries = entries + 1 RETURNING entries") {}
 
         Statement stamp, put_stamp, count, scan_all, scan_item, bearer, insert, insert_item, find, remove, remove_items,
-            get_setting, put_setting;
+            get_setting, put_setting, count_change;
     };
 
     void make_place_for_sets() {
@@ -339,22 +336,30 @@ private:
     // Only what this program has made, or one before it, is opened for changes.
     void refuse_others() {
         database_.leave_log(true);
-        const int64_t version = stored_number(database_, "PRAGMA user_version");
-        if (version > schema_version)
-            throw StoreError("the registry was written by a newer version of this program");
-        if (version < 1)
-            throw StoreError("the file is no registry");
+        require_registry(database_);
+        if (trace_.is_there())
+            refuse_older();
+        else
+            refuse_damaged();
         database_.leave_log(false);
     }
 
-    void make_totals() {
-        constexpr const char *question = "SELECT count(*) FROM sqlite_master WHERE name = 'total'";
-        if (stored_number(database_, question) != 0)
+    // Somebody has put it in the place of the one that was served here last.
+    void refuse_older() {
+        const auto mark = trace_.mark();
+        if (!mark)
             return;
-        Transaction transaction(database_);
-        if (stored_number(database_, question) == 0)
-            database_.run(totals);
-        transaction.commit();
+        const std::string name =
+            text_answer(database_, "SELECT value FROM setting WHERE name = CAST('registry' AS BLOB)");
+        if (name == text_of(mark->registry) && stored_changes(database_) < mark->changes)
+            throw StoreError("the file is older than what was acknowledged here: put the newer one back, or restore "
+                             "this one with rvzd_server --restore-registry");
+    }
+
+    // One that comes from elsewhere, such as the file of a running daemon: it may have been copied amid a change.
+    void refuse_damaged() {
+        if (const std::string words = text_answer(database_, "PRAGMA quick_check(1)"); words != "ok")
+            throw StoreError("the file is damaged: " + words);
     }
 
     // Who has this identity.
@@ -417,23 +422,43 @@ private:
             statements_->insert_item.with(db, key, *spelled, id).run();
     }
 
-    void renew_stamps(rgy_db_t db) { statements_->put_stamp.with(db, new_uuid(), new_uuid()).run(); }
+    void renew_stamps(rgy_db_t db) { put_stamps(db, {new_uuid(), new_uuid()}); }
+
+    void put_stamps(rgy_db_t db, const rgy_dtm_pair_t &pair) {
+        statements_->put_stamp.with(db, pair.dtm, pair.svr_dtm).run();
+        count_change();
+    }
+
+    void count_change() {
+        Statement &count = statements_->count_change;
+        if (count.step())
+            changes_ = static_cast<uint64_t>(count.number(0));
+        count.run();
+    }
+
+    // A step of what others are put together in is acknowledged with them.
+    void acknowledge() {
+        if (!database_.is_in_transaction())
+            trace_.note({registry_, changes_});
+    }
 
     const std::string file_name_;
     Sqlite database_;
     const std::optional<FileIdentity> file_;
+    RegistryTrace trace_;
     std::unique_ptr<Statements> statements_;
     std::unique_ptr<StoreVersion> version_;
     uint64_t seen_version_ = 0;
     tbs_uuid_t registry_ = {};
     tbs_uuid_t copy_ = {};
+    uint64_t changes_ = 0;
 };
 
 void make_empty_registry(const std::string &file_name) {
     Sqlite database(file_name);
     Transaction transaction(database);
     database.run(schema);
-    database.run(totals);
+    make_totals(database);
     database.run("PRAGMA user_version = 1");
     Statement put(database, "INSERT INTO setting (name, value) VALUES (?1, ?2)");
     put.with(std::string_view("registry"), new_uuid()).run();
@@ -473,33 +498,12 @@ bool make_if_absent(const std::string &file_name) {
     return is_made;
 }
 
-// For people, too, who find it alone.
-void leave_trace(const std::string &file_name) {
-    const std::string trace = trace_of_registry(file_name);
-    if (access(trace.c_str(), F_OK) == 0)
-        return;
-    const std::string text = "There was a registry at \"" + file_name + "\". Remove this file to begin a new one.\n";
-    const UniqueFd fd(open(trace.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR));
-    if (!fd && errno == EEXIST)
-        return; // another process was quicker
-    if (!fd)
-        throw_system_error();
-    [[maybe_unused]] const ssize_t written = write(fd.get(), text.data(), text.size()); // that it is there says enough
-    put_directory_on_disk(file_name);
-}
-
 } // namespace
 
-std::string trace_of_registry(const std::string &file_name) {
-    return file_name + ".made";
-}
-
-// The trace comes behind the registry: whoever is killed in between leaves it to the next one.
+// A trace comes behind the registry: whoever is killed in between leaves it to the next one.
 std::unique_ptr<Store> open_sqlite_store(const std::string &file_name, bool &is_new) {
     is_new = make_if_absent(file_name);
-    auto store = std::make_unique<SqliteStore>(file_name);
-    leave_trace(file_name);
-    return store;
+    return std::make_unique<SqliteStore>(file_name);
 }
 
 } // namespace velia::server

@@ -131,14 +131,20 @@ public:
     // Single values by their name, such as the password's hash; the empty text where there is none.
     virtual std::string setting(const std::string &name) = 0;
     virtual void set_setting(const std::string &name, const std::string &value) = 0;
+
+    // How many changes there have been, all of them on disk.
+    virtual uint64_t changes() = 0;
+
+    // Leaves little in what the database keeps beside its file.
+    virtual void checkpoint() = 0;
 };
 
 // That there was a registry of this name once.
 std::string trace_of_registry(const std::string &file_name);
 
 // Opens the registry in this file, and makes it if none ever was there; `is_new` tells which. A file that is empty,
-// that something else has made, or a newer version of this program, is refused and left as it is; and none is made in
-// the place of one that is gone.
+// that something else has made, or a newer version of this program, or that is older than what was acknowledged here,
+// is refused and left as it is; and none is made in the place of one that is gone.
 std::unique_ptr<Store> open_sqlite_store(const std::string &file_name, bool &is_new);
 
 } // namespace velia::server

@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include <veliaxdr/rgy_role.h>
+#include <veliaxdr/rvzd_daemon.h>
 #include <veliaxdr/rvzd_procedures.h>
 
 namespace velia::server {
@@ -98,6 +99,13 @@ inline constexpr std::array rights_rows = {
     RightsRow{RVZD_PROC_RGY_SET_BACKUP, "rgy_set_backup", any_operation, "", Right::administer},
     RightsRow{RVZD_PROC_RGY_FINDBYATTR_ENTRY, "rgy_findbyattr_entry", any_operation, "", Right::read},
     RightsRow{RVZD_PROC_RGY_GET_PATTERN_ENTRY, "rgy_get_pattern_entry", any_operation, "", Right::read},
+    RightsRow{RVZD_PROC_DAEMON_STATUS, "daemon_status", any_operation, "", Right::read},
+    RightsRow{RVZD_PROC_REGISTRY_STATE, "registry_state", any_operation, "", Right::read},
+    RightsRow{RVZD_PROC_REGISTRY_SAVE, "registry_save", any_operation, "", Right::administer},
+    RightsRow{RVZD_PROC_REGISTRY_TURN, "registry_turn", RVZD_TURN_HOLD, "hold updates", Right::administer},
+    RightsRow{RVZD_PROC_REGISTRY_TURN, "registry_turn", RVZD_TURN_RELEASE, "take updates again", Right::administer},
+    RightsRow{RVZD_PROC_REGISTRY_TURN, "registry_turn", RVZD_TURN_FOLLOW, "become a standby", Right::administer},
+    RightsRow{RVZD_PROC_REGISTRY_TURN, "registry_turn", any_operation, "any other", Right::administer},
     RightsRow{RVZD_PROC_SCHED_GET_JOBS, "sched_get_jobs", any_operation, "", Right::read},
     RightsRow{RVZD_PROC_SCHED_HAS_INFO_CHANGED, "sched_has_info_changed", any_operation, "", Right::read},
     RightsRow{RVZD_PROC_SCHED_GET_TASKS, "sched_get_tasks", any_operation, "", Right::read},

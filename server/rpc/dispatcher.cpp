@@ -7,6 +7,8 @@ namespace velia::server {
 
 namespace {
 
+constexpr uint32_t near_numbers = 256;
+
 bool_t xdr_nothing(XDR * /*stream*/, void * /*record*/) {
     return TRUE;
 }
@@ -21,7 +23,12 @@ Dispatcher::Dispatcher(uint32_t program, uint32_t version, const Guard &guard,
 
 void Dispatcher::set_procedures(const std::vector<ServedProcedure> &procedures) {
     procedures_.clear();
+    far_procedures_.clear();
     for (const auto &procedure : procedures) {
+        if (procedure.number >= near_numbers) {
+            far_procedures_[procedure.number] = procedure;
+            continue;
+        }
         if (procedures_.size() <= procedure.number)
             procedures_.resize(procedure.number + 1);
         procedures_[procedure.number] = procedure;
@@ -29,7 +36,10 @@ void Dispatcher::set_procedures(const std::vector<ServedProcedure> &procedures) 
 }
 
 const ServedProcedure *Dispatcher::find(uint32_t number) const {
-    return number < procedures_.size() && procedures_[number].run != nullptr ? &procedures_[number] : nullptr;
+    if (number < procedures_.size())
+        return procedures_[number].run != nullptr ? &procedures_[number] : nullptr;
+    const auto found = far_procedures_.find(number);
+    return found != far_procedures_.end() ? &found->second : nullptr;
 }
 
 bool Dispatcher::must_run_once(const CallHeader &header) const {
@@ -71,13 +81,25 @@ void Dispatcher::run(const CallHeader &header, const Caller &caller, const Reply
     const ServedProcedure *procedure = find(header.procedure);
     if (procedure == nullptr || (procedure->over_tcp_only && caller.transport != RVZD_PROTOCOL_TCP))
         return sink(encode_refusal(header.xid, PROC_UNAVAIL));
+    if (figures_ == nullptr)
+        return run_procedure(*procedure, header, caller, sink);
+    // An answer may come when this is long over.
+    run_procedure(*procedure, header, caller,
+                  [sink, figures = figures_, number = header.procedure, begin = now_us()](MessageBytes reply) {
+                      figures->add(number, now_us() - begin);
+                      sink(std::move(reply));
+                  });
+}
+
+void Dispatcher::run_procedure(const ServedProcedure &procedure, const CallHeader &header, const Caller &caller,
+                               const ReplySink &sink) const {
     XDR arguments;
     auto *bytes = const_cast<unsigned char *>(header.arguments.data()); // only read
     xdrmem_create(&arguments, reinterpret_cast<char *>(bytes), static_cast<u_int>(header.arguments.size()), XDR_DECODE);
     Caller told = caller;
     told.credentials = believed(header.credentials, caller.known);
     try {
-        if (!procedure->run(procedure->owner, arguments, {header.xid, told, sink, &guard_, header.arguments}))
+        if (!procedure.run(procedure.owner, arguments, {header.xid, told, sink, &guard_, header.arguments}))
             sink(encode_refusal(header.xid, GARBAGE_ARGS));
     } catch (const std::bad_alloc &) { // the request's trouble, not the daemon's
         sink(encode_refusal(header.xid, SYSTEM_ERR));

@@ -3,10 +3,12 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <vector>
 
 #include <server/rpc/call_header.h>
 #include <server/rpc/caller.h>
+#include <server/rpc/figures.h>
 #include <server/rpc/guard.h>
 #include <server/rpc/reply.h>
 
@@ -44,6 +46,9 @@ public:
     // The guard has to outlive the dispatcher.
     Dispatcher(uint32_t program, uint32_t version, const Guard &guard, const std::vector<ServedProcedure> &procedures);
 
+    // From now on calls are counted there, which has to outlive their answers.
+    void count_in(CallFigures &figures) { figures_ = &figures; }
+
     // Replaces the table, for the calls to come.
     void set_procedures(const std::vector<ServedProcedure> &procedures);
 
@@ -59,11 +64,15 @@ public:
 private:
     const ServedProcedure *find(uint32_t number) const;
     void run(const CallHeader &header, const Caller &caller, const ReplySink &sink) const;
+    void run_procedure(const ServedProcedure &procedure, const CallHeader &header, const Caller &caller,
+                       const ReplySink &sink) const;
 
     uint32_t program_;
     uint32_t version_;
     const Guard &guard_;
+    CallFigures *figures_ = nullptr;
     std::vector<ServedProcedure> procedures_; // each at the place of its number; one that has nothing to run is none
+    std::map<uint32_t, ServedProcedure> far_procedures_; // whose numbers are far from the others
 };
 
 } // namespace velia::server

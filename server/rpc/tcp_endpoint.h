@@ -19,6 +19,8 @@ public:
     TcpEndpoint(uv_loop_t *loop, LocalSocket local, const Dispatcher &dispatcher, const ConnectionLimits &limits);
     ~TcpEndpoint();
 
+    size_t connections() const { return connections_.size(); }
+
     void set_limits(const ConnectionLimits &limits) { limits_ = limits; }
 
 private:

@@ -367,7 +367,7 @@ TEST_F(VeliactlRole, AStandbyIsPromotedFromAClient) {
 TEST_F(VeliactlRole, AStandbyPromotesItselfAndStepsDownAgain) {
     ASSERT_EQ(veliactl({"registry", "add", "regions", "name=east"}).status, DONE);
     ASSERT_TRUE(has_copy());
-    const auto promoted = veliactl({"registry", "promote", "-o", "json"}, on_beta());
+    const auto promoted = veliactl({"registry", "promote", "--force", "-o", "json"}, on_beta());
     EXPECT_EQ(promoted.status, DONE) << promoted.errors;
     EXPECT_EQ(objects_of(promoted.output), (Objects{Json::object({{"host", "beta"}, {"role", "master"}})}));
     const auto demoted = veliactl({"registry", "demote", "--to", "backup", "-o", "json"}, on_beta());

@@ -147,7 +147,7 @@ TEST_F(VeliactlOutput, OfAChangeThatCannotBeWrittenIsToldOnStandardError) {
         {{"registry", "hosts", "--backup", "beta"}, "alpha   beta"},
         {{"registry", "backup", "beta"}, "BACKUP\nbeta"},
         {{"registry", "passwd", "--password-file", "/dev/null", "--server", RVZD_SERVER}, "password removed"},
-        {{"registry", "demote"}, "alpha  standby"},
+        {{"registry", "demote", "--follow", "beta"}, "alpha  standby"},
     };
     for (const auto &[words, told] : changes) {
         const auto outcome = veliactl_into(pipe.redirection(), words);

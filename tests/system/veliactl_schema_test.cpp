@@ -24,6 +24,7 @@ const Words in_berlin = {"TZ=Europe/Berlin"};
 
 constexpr const char *settings_file = "settings"; // of the site
 constexpr const char *entries_file = "entries";   // too
+constexpr const char *saved_file = "registry.saved";
 
 // A line for each command, in an order in which each has something to tell.
 struct CommandLine {
@@ -74,8 +75,11 @@ const CommandLine command_lines[] = {
     {"knob monitor", {"--looks", "1"}},
     {"knob unset", {"fl_site_name", "--level", "site"}},
     {"registry check", {"vault_tag", "--password-file", "/dev/null"}},
-    {"registry demote", {}},
+    {"registry save", {saved_file}},
+    {"daemon status", {"alpha"}},
+    {"registry demote", {"--follow", "beta"}},
     {"registry promote", {}},
+    {"site master", {"alpha"}},
     {"task list", {"alpha"}},
     {"job create",
      {"alpha", "nightly", "--task", "shell", "--weeks", "1", "--on", "Mon", "--first", "02:00", "--", "-c",
@@ -110,7 +114,9 @@ struct VeliactlSchema : VeliactlTest {
         for (std::string word; path >> word;)
             words.push_back(word);
         for (const auto &argument : line.arguments)
-            words.push_back(argument == settings_file || argument == entries_file ? site.path(argument) : argument);
+            words.push_back(argument == settings_file || argument == entries_file || argument == saved_file
+                                ? site.path(argument)
+                                : argument);
         return words;
     }
     static void expect_objects(const std::string &errors) {

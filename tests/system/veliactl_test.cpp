@@ -96,7 +96,9 @@ TEST_F(Veliactl, AnUnknownHostIsUnreachableInEveryCommand) {
                                                              {"host", "tz", nobody},
                                                              {"clients", "list", nobody},
                                                              {"clients", "lookup", nobody, "x"},
-                                                             {"registry", "promote", nobody}};
+                                                             {"registry", "promote", nobody},
+                                                             {"site", "master", nobody},
+                                                             {"daemon", "status", nobody}};
     const std::vector<std::vector<std::string>> of_the_registry = {
         {"registry", "list", "regions"},
         {"registry", "find", "regions", "--string", "name=x"},
@@ -104,6 +106,7 @@ TEST_F(Veliactl, AnUnknownHostIsUnreachableInEveryCommand) {
         {"registry", "add", "regions", "name=x"},
         {"registry", "remove", "regions", "--string", "name=x"},
         {"registry", "dbs"},
+        {"registry", "save", site.path("saved")},
         {"registry", "check"},
         {"view", "list"},
         {"vault", "list"},

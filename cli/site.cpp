@@ -1,0 +1,350 @@
+// veliactl site master: the whole turn of a site to another master, in the order in which no update is lost: the master
+// takes no updates any more, the next one has all that was taken, becomes the master, the former one becomes its
+// standby, and the hosts follow. Each step looks first whether it is done already, so that the whole can be run again.
+#include <cli/site.h>
+
+#include <array>
+#include <cstring>
+#include <functional>
+#include <optional>
+#include <poll.h>
+#include <strings.h>
+
+#include <cli/broker.h>
+#include <cli/commands.h>
+#include <cli/messages.h>
+#include <cli/registry.h>
+#include <cli/results.h>
+#include <cli/waits.h>
+#include <support/imsg.h>
+#include <support/sysutl.h>
+#include <veliaxdr/rgy_role.h>
+#include <veliaxdr/rgy_wire.h>
+
+namespace velia::cli {
+
+namespace {
+
+constexpr uint32_t hold_s = 120; // then the former master takes updates again by itself
+constexpr int between_looks_ms = 100;
+constexpr const char *list_separators = " \t\r\n,;";
+
+struct Arguments {
+    std::string host;
+    bool is_forced = false;
+};
+
+Options options_of(Arguments &arguments) {
+    return {
+        {.name = "HOST", .help = "the standby that becomes the master", .target = &arguments.host, .is_required = true},
+        {.name = "--force",
+         .help = "also when the master does not answer: what it alone has is lost then",
+         .target = &arguments.is_forced}};
+}
+
+int turn_site(const Arguments &arguments, const Settings &settings);
+
+constexpr Column columns[] = {{"step", Type::text, "find, hold, copy, promote, demote or follow"},
+                              {"host", Type::text, "which host it is about"},
+                              {"outcome", Type::text, "done, was done, or what is left to do"}};
+constexpr Output output = {Output::Shape::list, columns};
+
+constexpr const char *notes =
+    R"(The steps, each of which is told: the master takes no updates any more (hold), for two minutes at most; the standby
+comes to have all that was taken (copy), and becomes the master (promote); the former master becomes its standby (demote);
+and the hosts of the site take it for their registry (follow). A host that does not let this one change it is told with
+the command to run there. After a failure at any step the same command goes on where it was.
+)";
+
+constexpr Command commands[] = {
+    {.path = "site", .help = "The hosts of a site as a whole"},
+    {.path = "site master",
+     .help = "Make a standby the master of the site's registry, without losing an update",
+     .examples = {"veliactl site master build8", "veliactl site master build8 --force   # the master is gone for good"},
+     .notes = notes,
+     .make = call_of<turn_site, options_of>,
+     .output = &output},
+};
+
+constexpr int is_quiet = 1;
+
+Broker reach_quietly(const std::string &host, const Settings &settings) {
+    begin_wait(settings.timeout);
+    rvzd_handle_t *handle = nullptr;
+    if (rvzd_get_handle_prim_proto(host.c_str(), RVZD_PROTOCOL_UDP, 1, is_quiet, &handle) != TBS_ST_OK)
+        return {nullptr, rvzd_free_handle};
+    return {handle, rvzd_free_handle};
+}
+
+void append_hosts(std::vector<std::string> &hosts, const std::string &list) {
+    for (size_t begin = 0; (begin = list.find_first_not_of(list_separators, begin)) != std::string::npos;) {
+        const size_t end = std::min(list.find_first_of(list_separators, begin), list.size());
+        const std::string host = list.substr(begin, end - begin);
+        bool is_known = false;
+        for (const auto &other : hosts)
+            is_known = is_known || is_same_host(other, host);
+        if (!is_known)
+            hosts.push_back(host);
+        begin = end;
+    }
+}
+
+std::string names_in_hosts_file() {
+    std::array<char, RVZD_HOST_NAME_MAX + 1> master = {};
+    std::array<char, RVZD_HOST_NAME_MAX + 1> backup = {};
+    size_t lengths[2];
+    registry_prop_get_hostnames_local(master.size(), backup.size(), &lengths[0], &lengths[1], master.data(),
+                                      backup.data());
+    return std::string(master.data()) + " " + backup.data();
+}
+
+// The turn of one site.
+class Turn {
+public:
+    Turn(const Arguments &arguments, const Settings &settings)
+        : next_(arguments.host), is_forced_(arguments.is_forced), settings_(settings),
+          results_(output, settings, Results::Of::change) {}
+
+    int run() {
+        const int status = run_steps();
+        if (status == exit_done || is_at_end_)
+            results_.finish();
+        return status;
+    }
+
+private:
+    using Stamps = std::array<rgy_dtm_pair_t, RGY_DB_ALL>;
+
+    int run_steps() {
+        if (const int status = find(); status != exit_done)
+            return status;
+        if (!is_promoted_) {
+            int status = former_.empty() ? int{exit_done} : hold();
+            if (status == exit_done && !former_.empty())
+                status = copy();
+            if (status == exit_done)
+                status = promote();
+            if (status != exit_done)
+                return release(status);
+        }
+        const int demoted = demote();
+        const int followed = follow();
+        is_at_end_ = true;
+        return demoted != exit_done ? demoted : followed;
+    }
+
+    void told(const char *step, const std::string &host, const std::string &outcome) {
+        results_.add({step, host, outcome});
+        results_.pause();
+    }
+    int fail(const char *what, const std::string &host, tbs_status_t status) {
+        tell_failure(status, host, "%s host '%s': %s. Nothing is lost; the same command goes on from here\n", what,
+                     host.c_str(), tbs_strerror(status));
+        return status == TBS_ST_RPC_FAILED || status == TBS_ST_NOT_FOUND ? exit_unreachable : exit_failed;
+    }
+
+    int find() {
+        RegistryState state;
+        if (const auto status = state.ask(next_, settings_); status != TBS_ST_OK)
+            return fail("There is no answer from", next_, status);
+        is_promoted_ = has_become_master();
+        if (!is_promoted_ && state->role != RGY_SVR_STANDBY) {
+            tell_failure(TBS_ST_UNSUPPORTED, next_, "Host '%s' is no standby, but: %s\n", next_.c_str(),
+                         name_of_role(state->role).c_str());
+            return exit_failed;
+        }
+        hosts_ = hosts_of_site(next_, settings_);
+        append_hosts(hosts_, state->source);
+        append_hosts(hosts_, next_);
+        return is_promoted_ ? exit_done : find_former(state->source);
+    }
+
+    // Whom the standby copies from takes updates; or nobody does any more, after a failure of ours or because it is
+    // down.
+    int find_former(const std::string &source) {
+        RegistryState state;
+        const auto status = source.empty() ? tbs_status_t{TBS_ST_NOT_FOUND} : state.ask(source, settings_);
+        if (status == TBS_ST_OK && state->role == RGY_SVR_MASTER)
+            former_ = source;
+        else if (status != TBS_ST_OK && !is_forced_) {
+            tell_failure(status, source,
+                         "The master '%s' does not answer: %s. What it alone has would be lost; --force goes on "
+                         "without it\n",
+                         source.c_str(), tbs_strerror(status));
+            return exit_unreachable;
+        }
+        told("find", former_.empty() ? source : former_, former_.empty() ? "no master answers" : "is the master");
+        return exit_done;
+    }
+
+    int order(const std::string &host, int64_t op, const std::string &other) {
+        const Broker daemon = reach_quietly(host, settings_);
+        if (daemon == nullptr)
+            return TBS_ST_RPC_FAILED;
+        return rvzd_registry_turn(daemon.get(), op, hold_s, other.c_str());
+    }
+
+    int hold() {
+        const auto status = order(former_, RVZD_TURN_HOLD, "");
+        is_held_ = status == TBS_ST_OK;
+        // One that has been superseded takes none, whatever it is asked.
+        if (status != TBS_ST_OK && status != TBS_ST_UNSUPPORTED)
+            return fail("Updates could not be held on", former_, status);
+        told("hold", former_, is_held_ ? "done" : "takes no updates");
+        return exit_done;
+    }
+
+    // Whoever was killed may have left them held; that ends by itself.
+    int release(int status) {
+        if (is_held_)
+            order(former_, RVZD_TURN_RELEASE, "");
+        return status;
+    }
+
+    std::optional<Stamps> stamps_of(const std::string &host) {
+        const Broker daemon = reach_quietly(host, settings_);
+        Stamps stamps = {};
+        for (rgy_db_t db = 0; daemon != nullptr && db < RGY_DB_ALL; ++db)
+            if (rvzd_rgy_get_id(daemon.get(), db, RGY_PROTOCOL_VERSION, &stamps[db]) != TBS_ST_OK)
+                return std::nullopt;
+        return daemon != nullptr ? std::optional(stamps) : std::nullopt;
+    }
+
+    // The standby looks by itself, in its interval.
+    int copy() {
+        const auto wanted = stamps_of(former_);
+        if (!wanted)
+            return fail("The stamps could not be had of", former_, TBS_ST_RPC_FAILED);
+        for (int64_t left_ms = settings_.timeout.count(); left_ms > 0 && !are_waits_over();
+             left_ms -= between_looks_ms) {
+            const auto present = stamps_of(next_);
+            if (present && memcmp(present->data(), wanted->data(), sizeof *wanted) == 0) {
+                told("copy", next_, "done");
+                return exit_done;
+            }
+            poll(nullptr, 0, between_looks_ms);
+        }
+        RegistryState state;
+        const auto status = state.ask(next_, settings_);
+        tell_failure(TBS_ST_TRY_AGAIN, next_,
+                     "Host '%s' has not come to have what the master has: %s. Nothing has changed; see --timeout\n",
+                     next_.c_str(),
+                     status != TBS_ST_OK       ? tbs_strerror(status)
+                     : *state->failure != '\0' ? state->failure
+                                               : "its copy is not done yet");
+        return exit_failed;
+    }
+
+    int promote() {
+        const Broker daemon = reach_quietly(next_, settings_);
+        const auto status = daemon == nullptr
+                                ? tbs_status_t{TBS_ST_RPC_FAILED}
+                                : rvzd_rgy_svr_conf_change(daemon.get(), RGY_PROTOCOL_VERSION, RGY_CONF_PROMOTE, "");
+        if (status != TBS_ST_OK && !has_become_master())
+            return fail("It could not be promoted:", next_, status);
+        told("promote", next_, status == TBS_ST_OK ? "done" : "was done");
+        return exit_done;
+    }
+
+    // By a turn that broke off while it was being promoted.
+    bool has_become_master() {
+        RegistryState state;
+        return state.ask(next_, settings_) == TBS_ST_OK && state->role == RGY_SVR_MASTER && state->takes_updates != 0;
+    }
+
+    // Every other host that takes itself for the master; a host may have several names.
+    int demote() {
+        int exit_status = exit_done;
+        for (const auto &host : hosts_) {
+            RegistryState state;
+            if (is_same_host(host, next_) || state.ask(host, settings_) != TBS_ST_OK || state->role != RGY_SVR_MASTER ||
+                is_same_host(state->master, next_))
+                continue;
+            const auto status = order(host, RVZD_TURN_FOLLOW, next_);
+            told("demote", host,
+                 status == TBS_ST_OK ? "done" : "run there: veliactl registry demote --follow " + next_);
+            if (status != TBS_ST_OK)
+                exit_status = exit_failed;
+        }
+        return exit_status;
+    }
+
+    int follow() {
+        int exit_status = exit_done;
+        for (const auto &host : hosts_) {
+            const auto turned = turn_host(host, next_, settings_);
+            told("follow", host, turned.is_done ? "done" : turned.told);
+            if (!turned.is_done)
+                exit_status = exit_failed;
+        }
+        return exit_status;
+    }
+
+    const std::string next_;
+    const bool is_forced_;
+    const Settings &settings_;
+    Results results_;
+    std::string former_; // empty: none answers
+    std::vector<std::string> hosts_;
+    bool is_promoted_ = false;
+    bool is_held_ = false;
+    bool is_at_end_ = false; // all steps were gone, though one may have left something to do
+};
+
+int turn_site(const Arguments &arguments, const Settings &settings) {
+    return Turn(arguments, settings).run();
+}
+
+} // namespace
+
+tbs_status_t RegistryState::ask(rvzd_handle_t *daemon) {
+    rvzd_registry_state_free(&reply_);
+    return rvzd_registry_state(daemon, nullptr, 0, "", &reply_);
+}
+
+tbs_status_t RegistryState::ask(const std::string &host, const Settings &settings) {
+    const Broker daemon = reach_quietly(host, settings);
+    return daemon == nullptr ? tbs_status_t{TBS_ST_RPC_FAILED} : ask(daemon.get());
+}
+
+std::string name_of_role(int32_t role) {
+    for (const auto *row = rgy_svrtype_table; row->text != nullptr; ++row)
+        if (row->value == role)
+            return row->text;
+    return "";
+}
+
+Cell text_or_none(const char *text) {
+    return text != nullptr && *text != '\0' ? Cell(text) : Cell();
+}
+
+bool is_same_host(const std::string &one, const std::string &other) {
+    return strcasecmp(one.c_str(), other.c_str()) == 0;
+}
+
+std::vector<std::string> hosts_of_site(const std::string &host, const Settings &settings) {
+    std::vector<std::string> hosts;
+    append_hosts(hosts, names_in_hosts_file());
+    std::array<char, RGY_WIRE_HOST_LIST_MAX + 1> list = {};
+    char *text = list.data();
+    const Broker daemon = reach_quietly(host, settings);
+    if (daemon != nullptr && rvzd_rgy_get_backup(daemon.get(), RGY_PROTOCOL_VERSION, &text) == TBS_ST_OK)
+        append_hosts(hosts, list.data());
+    append_hosts(hosts, sysutl_myhostname());
+    return hosts;
+}
+
+// This host's file is written here; it need not have a daemon.
+HostTurned turn_host(const std::string &host, const std::string &master, const Settings &settings) {
+    if (is_same_host(host, sysutl_myhostname()))
+        return {rgy_clnt_conf_change(RGY_CONF_SET_HOST, master.c_str()) == TBS_ST_OK, "its hosts file was not written"};
+    const Broker daemon = reach_quietly(host, settings);
+    const auto status = daemon == nullptr ? tbs_status_t{TBS_ST_RPC_FAILED}
+                                          : rvzd_rgy_clnt_conf_change(daemon.get(), RGY_PROTOCOL_VERSION,
+                                                                      RGY_CONF_SET_HOST, master.c_str());
+    return {status == TBS_ST_OK, "run there: veliactl registry hosts --master " + master};
+}
+
+const Commands site_commands = commands;
+
+} // namespace velia::cli

@@ -1,0 +1,41 @@
+// What the daemon tells of itself to whoever may read.
+#pragma once
+
+#include <ctime>
+#include <functional>
+#include <vector>
+
+#include <server/rpc/figures.h>
+#include <server/rpc/serve.h>
+#include <veliaxdr/rvzd_daemon.h>
+
+namespace velia::server {
+
+// What only the daemon as a whole knows at this moment.
+struct DaemonFigures {
+    uint32_t connections = 0;
+    uint32_t connections_max = 0;
+    uint32_t services = 0;
+    uint32_t servers = 0;
+    uint32_t servers_busy = 0;
+    uint64_t registry_entries = 0;
+};
+
+class StatusProcedures {
+public:
+    // The calls have to outlive them.
+    StatusProcedures(const CallFigures &calls, std::function<DaemonFigures()> figures)
+        : calls_(calls), figures_(std::move(figures)), started_(time(nullptr)) {}
+
+    std::vector<ServedProcedure> rows();
+
+private:
+    tbs_status_t status(const rvzd_daemon_status_req_t &request, const Caller &caller,
+                        Reply<rvzd_daemon_status_reply_t> &reply);
+
+    const CallFigures &calls_;
+    const std::function<DaemonFigures()> figures_;
+    const time_t started_;
+};
+
+} // namespace velia::server

@@ -1,0 +1,127 @@
+#include <server/registry/look.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <memory>
+#include <strings.h>
+
+#include <server/registry/copy.h>
+#include <server/registry/service.h>
+#include <server/registry/term.h>
+#include <support/imsg.h>
+#include <support/ks.h>
+#include <support/sysutl.h>
+#include <veliaxdr/rgy_local.h>
+#include <veliaxdr/rvzd_daemon.h>
+#include <veliaxdr/rvzd_handle.h>
+
+namespace velia::server {
+
+namespace {
+
+constexpr const char *list_separators = " \t\r\n,;";
+constexpr size_t hosts_max = 64;
+constexpr int64_t answer_ms = 1000;
+
+struct FreeHandle {
+    void operator()(rvzd_handle_t *handle) const { rvzd_free_handle(handle); }
+};
+
+// What a host says; released at the end.
+class Answer {
+public:
+    Answer(const std::string &host, const tbs_uuid_t &registry, const Term &own) {
+        ks_set_deadline(answer_ms);
+        rvzd_handle_t *handle = nullptr;
+        constexpr int is_quiet = 1;
+        if (rvzd_get_handle_prim_proto(host.c_str(), RVZD_PROTOCOL_UDP, 0, is_quiet, &handle) != TBS_ST_OK)
+            return;
+        const std::unique_ptr<rvzd_handle_t, FreeHandle> owner(handle);
+        is_there_ = rvzd_registry_state(handle, &registry, own.number, own.host.c_str(), &state_) == TBS_ST_OK;
+    }
+    ~Answer() { rvzd_registry_state_free(&state_); }
+    Answer(const Answer &) = delete;
+    Answer &operator=(const Answer &) = delete;
+
+    const rvzd_registry_state_reply_t *state() const { return is_there_ ? &state_ : nullptr; }
+
+private:
+    rvzd_registry_state_reply_t state_ = {};
+    bool is_there_ = false;
+};
+
+// Of another registry nothing matters here.
+void hear(Store &store, const rvzd_registry_state_reply_t &state) {
+    const tbs_uuid_t own = store.stamps(0).registry;
+    if (tbs_uuid_eq(&state.registry, &own) == 0)
+        return;
+    const Term known = term_of(store);
+    if (state.takes_updates && state.term == known.number && !known.is_superseded())
+        throw CopyError("host \"" + std::string(state.master) + "\" takes updates, too, under the same term " +
+                        std::to_string(state.term) + ": demote one of both");
+    hear_of_term(store, state.term, state.master);
+    hear_of_term(store, state.heard_term, state.heard_host);
+}
+
+void look_at(Store &store) {
+    const Term own = term_of(store);
+    const tbs_uuid_t registry = store.stamps(0).registry;
+    for (const std::string &host : other_hosts(&store)) {
+        const Answer answer(host, registry, own);
+        if (answer.state() != nullptr)
+            hear(store, *answer.state());
+    }
+}
+
+} // namespace
+
+std::vector<std::string> hosts_in(const std::string &list) {
+    std::vector<std::string> hosts;
+    for (size_t begin = 0; (begin = list.find_first_not_of(list_separators, begin)) != std::string::npos;) {
+        const size_t end = std::min(list.find_first_of(list_separators, begin), list.size());
+        hosts.push_back(list.substr(begin, end - begin));
+        begin = end;
+    }
+    return hosts;
+}
+
+bool is_this_host(const std::string &host) {
+    return strcasecmp(host.c_str(), sysutl_myhostname()) == 0;
+}
+
+std::vector<std::string> other_hosts(Store *store) {
+    std::array<char, RVZD_HOST_NAME_MAX + 1> master = {};
+    std::array<char, RVZD_HOST_NAME_MAX + 1> backup = {};
+    size_t lengths[2];
+    registry_prop_get_hostnames_local(master.size(), backup.size(), &lengths[0], &lengths[1], master.data(),
+                                      backup.data());
+    std::string list = std::string(master.data()) + " " + backup.data();
+    if (store != nullptr)
+        list += " " + store->setting("backup") + " " + store->setting(former_master_setting);
+    std::vector<std::string> others;
+    for (const std::string &host : hosts_in(list)) {
+        const bool is_known = std::any_of(others.begin(), others.end(), [&](const std::string &other) {
+            return strcasecmp(other.c_str(), host.c_str()) == 0;
+        });
+        if (!is_known && !is_this_host(host) && host.size() <= RVZD_HOST_NAME_MAX && others.size() < hosts_max)
+            others.push_back(host);
+    }
+    return others;
+}
+
+int run_look() {
+    try {
+        end_with_daemon();
+        bool is_new = false;
+        look_at(*open_sqlite_store(registry_file(), is_new));
+        return EXIT_SUCCESS;
+    } catch (const CopyError &error) {
+        imsg_print(IMSG_ERROR, "The site has two masters: %s\n", IMSG_FORMAT, error.what());
+    } catch (const StoreError &error) {
+        imsg_print(IMSG_ERROR, "The other hosts of the site were not looked at: %s\n", IMSG_FORMAT, error.what());
+    }
+    return EXIT_FAILURE;
+}
+
+} // namespace velia::server
