@@ -167,8 +167,21 @@ tbs_status_t parse_next_line(parse_state_t *state, bool skip_comments, bool eof_
         if (outcome != FileOutcome::ok)
             return tell_file_error(TBS_MSG_CANNOT_READ, state, outcome);
         ++state->line_no;
+        if (state->reading != nullptr)
+            state->reading->line = state->line_no;
     } while (skip_comments && is_comment(state->line));
     return TBS_ST_OK;
+}
+
+void note_begin(parse_state_t *state) {
+    state->exact_text = nullptr;
+    if (state->reading != nullptr)
+        state->reading->first_line = state->line_no;
+}
+
+void note_taken(const parse_state_t *state, uint32_t first_line) {
+    if (state->reading != nullptr && state->reading->took != nullptr)
+        state->reading->took(state->reading->context, first_line, state->line_no);
 }
 
 tbs_status_t parse_unget_cur_line(parse_state_t *state) {
