@@ -57,6 +57,7 @@ std::vector<Command> all_commands() {
                                  knob_monitor_commands,
                                  job_commands,
                                  job_create_commands,
+                                 job_check_commands,
                                  acl_commands,
                                  completion_commands,
                                  complete_words_commands})

@@ -9,6 +9,7 @@
 #include <cli/jobs.h>
 #include <cli/messages.h>
 #include <cli/results.h>
+#include <cli/run_times.h>
 #include <cli/waits.h>
 #include <schedule/next_start.h>
 #include <support/date.h>
@@ -207,23 +208,11 @@ int show_job(const JobArguments &arguments, const Settings &settings) {
     });
 }
 
-std::string wall_text(const schedule::Zone &zone, int64_t moment) {
-    const int64_t offset = zone.offset_at(moment);
-    const time_t wall = moment + offset;
-    tm parts = {};
-    gmtime_r(&wall, &parts);
-    return iso_time(parts, static_cast<int>(offset / 60));
-}
-
 int show_next(const NextArguments &arguments, const Settings &settings) {
     constexpr const char *notes[] = {nullptr, "moved", "first", "second"};
-    const char *own_zone = getenv("TZ");
-    const std::string name = !arguments.zone.empty() ? arguments.zone : own_zone != nullptr ? own_zone : "";
-    const auto zone = schedule::read_zone(name);
-    if (!zone) {
-        tell_failure(TBS_ST_INVALID_ARG, "", "There is no zone '%s'\n", name.c_str());
+    const auto zone = zone_for(arguments.zone);
+    if (!zone)
         return exit_usage;
-    }
     return with_job(arguments.of, settings, [&](const SchedulerHandle & /*scheduler*/, const auto &job) {
         const schedule::Spec spec = {&job.rw.schedule, &*zone, job.ro.created.when, job.ro.last_modified.when};
         Results results(next_output, settings);

@@ -181,18 +181,10 @@ sched_notify_info_t *last_notification(parse_state_t *state) {
     return rw.notify_count != 0 ? &rw.notify[rw.notify_count - 1] : nullptr;
 }
 
-constexpr char notification_tag[] = "Job.NotifyInfo.OnEvents:";
-
-tbs_status_t jparse_exact_events(parse_state_t *state, const char * /*tag*/, char *value) {
-    sched_notify_info_t *notification = last_notification(state);
-    return notification != nullptr ? read_number(state, value, notification->events)
-                                   : refuse(state, SCHED_MSG_EXPECTED_TAG, notification_tag);
-}
-
 tbs_status_t jparse_exact_recipient(parse_state_t *state, const char * /*tag*/, char *value) {
     sched_notify_info_t *notification = last_notification(state);
     if (notification == nullptr)
-        return refuse(state, SCHED_MSG_EXPECTED_TAG, notification_tag);
+        return refuse(state, SCHED_MSG_EXPECTED_TAG, "Job.NotifyInfo.OnEvents:");
     return with_text(state, value, [&](const char *text) {
         return append_text(state, notification->recipients, notification->recipient_count, text);
     });
@@ -208,7 +200,6 @@ constexpr parse_tag_action_t exact_lines[] = {
     {"Job.RunCntl.FirstStartTime:", jparse_exact_first_start},
     {"Job.RunCntl.StartTimeRestartFrequency:", jparse_exact_restart},
     {"Job.RunCntl.LastStartTime:", jparse_exact_last_start},
-    {"Job.RunCntl.Events:", jparse_exact_events},
     {"Job.RunCntl.Recipient:", jparse_exact_recipient},
 };
 
