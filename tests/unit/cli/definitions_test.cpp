@@ -22,7 +22,7 @@ using velia::cli_tests::MadeUpJob;
 
 namespace {
 
-constexpr int made_up_jobs = 3000;
+constexpr int made_up_jobs = 1500;
 
 Names names_of_numbers() {
     return {[](sched_task_id_t id) { return "task " + std::to_string(id); },
@@ -124,16 +124,17 @@ TEST(Definitions, OfManyJobsInOneFileAreReadAsThose) {
 
 TEST(Definitions, ThatAreSpoiledAreReadOrRefusedWithAPlace) {
     std::mt19937 random(3);
-    for (int i = 0; i < 2000; ++i) {
+    for (int i = 0; i < 1000; ++i) {
         MadeUpJob made(random);
         std::string text = definition_of(lines_of(made.rw, {}));
         for (uint32_t n = 0; n < 1 + random() % 3; ++n)
             text[random() % text.size()] = static_cast<char>(1 + random() % 255);
         const JobFile file("a.jobs", text, number_of_task);
-        if (!file.findings().empty())
+        if (file.findings().empty()) {
+            EXPECT_THAT(format(text), HasSubstr("Job.Begin")) << text;
+        } else {
             EXPECT_THAT(file.findings()[0].text(), StartsWith("a.jobs:")) << text;
-        if (!file.jobs().empty())
-            EXPECT_THAT(format(text), HasSubstr("Job.Begin"));
+        }
     }
 }
 
@@ -148,7 +149,7 @@ TEST(Definitions, CutOffAnywhereAreReadUpToAWholeOneOrRefused) {
 
 TEST(Definitions, FindingsStandAtTheValueThatIsWrong) {
     EXPECT_EQ(finding_of(job("  Job.DeleteWhenCompleted:   maybe\n")),
-              "a.jobs:5:28: Illegal Boolean specifier \"maybe\".");
+              "a.jobs:5:30: Illegal Boolean specifier \"maybe\".");
     EXPECT_EQ(finding_of(job("  Job.Colour: red\n")), "a.jobs:5:3: Expected tag \"Job.Colour:\".");
     EXPECT_EQ(finding_of("Job.Begin\nJob.Name: a\n"), "a.jobs:2:11: Unexpected EOF.");
     EXPECT_EQ(finding_of(job("Job.Task:\n")), "a.jobs:5:1: Conflict: Task was already specified.");
@@ -157,7 +158,7 @@ TEST(Definitions, FindingsStandAtTheValueThatIsWrong) {
 TEST(Definitions, FindingsOfTheChecksStandAtTheLineThatTheyAreAbout) {
     const std::string begin = "\nJob.Begin\nJob.Task: 7\nJob.Name: a\n";
     EXPECT_EQ(finding_of(begin + "Job.Schedule.Daily.Frequency: 0\nJob.End\n"),
-              "a.jobs:5:31: Illegal frequency specification for daily schedule \"0\".");
+              "a.jobs:5:31: Invalid daily frequency specification \"0\".");
     EXPECT_EQ(
         finding_of(begin + "Job.Schedule.Monthly.Frequency: 1\nJob.Schedule.Monthly.Day: 32\nJob.End\n").substr(0, 13),
         "a.jobs:6:27: ");
@@ -237,7 +238,7 @@ TEST(DefinitionForm, IsThatOfThePrinter) {
 
 TEST(DefinitionForm, IsKeptByWhatHasIt) {
     std::mt19937 random(11);
-    for (int i = 0; i < 500; ++i) {
+    for (int i = 0; i < 200; ++i) {
         MadeUpJob made(random);
         const std::string once = format(definition_of(lines_of(made.rw, {})));
         EXPECT_EQ(format(once), once);
@@ -266,7 +267,7 @@ TEST_F(DefinitionFiles, ThatAreNoneAreRefusedByTheirKindAndSize) {
     std::filesystem::remove(path);
     write("");
     std::filesystem::resize_file(path, 100 << 20);
-    EXPECT_THAT(finding(), HasSubstr("64 MiB"));
+    EXPECT_THAT(finding(), HasSubstr("larger than 67108864 bytes"));
 }
 
 TEST_F(DefinitionFiles, ThatAreBinaryAreRefused) {
