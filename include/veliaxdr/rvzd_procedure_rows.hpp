@@ -15,6 +15,7 @@
 #include <veliaxdr/rvzd_hosts.h>
 #include <veliaxdr/rvzd_procedures.h>
 #include <veliaxdr/rvzd_wire.h>
+#include <veliaxdr/sched_sets.h>
 #include <veliaxdr/sched_wire.h>
 
 namespace velia {
@@ -51,9 +52,16 @@ RVZD_PROCEDURES(VELIA_PROCEDURE_ROW)
 RVZD_SCHEDULER_PROCEDURES(VELIA_SCHEDULER_ROW)
 #undef VELIA_SCHEDULER_ROW
 
+/* Those of this suite's own; failures of theirs are told under the row's name. */
+#define VELIA_OWN_ROW(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER)                                              \
+    inline constexpr Procedure<REQUEST, REPLY> NAME = {                                                                \
+        NUMBER, #NAME, #NAME " call failed", xdr_##REQUEST, xdr_##REPLY, Runs::RUNS, Over::OVER};
+RVZD_SET_PROCEDURES(VELIA_OWN_ROW)
+#undef VELIA_OWN_ROW
+
 } // namespace procedures
 
-/* Call `visit(row)` for each procedure of the broker and the registry, and for each of the scheduler. */
+/* Call `visit(row)` for each procedure of the broker and the registry, of the scheduler, and of its sets. */
 #define VELIA_VISIT_ROW(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER) visit(procedures::NAME);
 template <class Visit>
 void for_each_procedure(Visit &&visit) {
@@ -62,6 +70,10 @@ void for_each_procedure(Visit &&visit) {
 template <class Visit>
 void for_each_scheduler_procedure(Visit &&visit) {
     RVZD_SCHEDULER_PROCEDURES(VELIA_VISIT_ROW)
+}
+template <class Visit>
+void for_each_set_procedure(Visit &&visit) {
+    RVZD_SET_PROCEDURES(VELIA_VISIT_ROW)
 }
 #undef VELIA_VISIT_ROW
 

@@ -90,6 +90,11 @@
     ROW(68, SCHED_JOB_CREATE_UTC,           sched_job_create_utc,           sched_utc_create_request_t,   sched_job_create_reply_t,   ONCE,       TCP) \
     ROW(69, SCHED_JOB_GET_PROPERTIES_UTC,   sched_job_get_properties_utc,   sched_job_request_t,          sched_utc_reply_t,          REPEATABLE, TCP) \
     ROW(70, SCHED_JOB_SET_PROPERTIES_UTC,   sched_job_set_properties_utc,   sched_utc_set_request_t,      sched_err_mask_reply_t,     ONCE,       TCP)
+
+/* Of this suite's own scheduler: whole sets of jobs. Their numbers are far from the others', their names are whole. */
+#define RVZD_SET_PROCEDURES(ROW) \
+    ROW(10150, SCHED_SET_GET_JOBS, sched_set_get_jobs, sched_set_get_jobs_request_t, sched_set_get_jobs_reply_t, REPEATABLE, TCP) \
+    ROW(10151, SCHED_SET_APPLY,    sched_set_apply,    sched_set_apply_request_t,    sched_set_apply_reply_t,    ONCE,       TCP)
 /* clang-format on */
 
 #define RVZD_PROCEDURES(ROW)                                                                                           \
@@ -97,7 +102,10 @@
     RVZD_REGISTRY_PROCEDURES(ROW)
 
 #define RVZD_PROCEDURE_NUMBER(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER) RVZD_PROC_##CONSTANT = (NUMBER),
-enum { RVZD_PROCEDURES(RVZD_PROCEDURE_NUMBER) RVZD_SCHEDULER_PROCEDURES(RVZD_PROCEDURE_NUMBER) };
+enum {
+    RVZD_PROCEDURES(RVZD_PROCEDURE_NUMBER) RVZD_SCHEDULER_PROCEDURES(RVZD_PROCEDURE_NUMBER)
+        RVZD_SET_PROCEDURES(RVZD_PROCEDURE_NUMBER)
+};
 #undef RVZD_PROCEDURE_NUMBER
 
 #endif

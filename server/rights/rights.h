@@ -125,6 +125,8 @@ inline constexpr std::array rights_rows = {
     RightsRow{RVZD_PROC_SCHED_JOB_CREATE_UTC, "sched_job_create_utc", any_operation, "", Right::write},
     RightsRow{RVZD_PROC_SCHED_JOB_GET_PROPERTIES_UTC, "sched_job_get_properties_utc", any_operation, "", Right::read},
     RightsRow{RVZD_PROC_SCHED_JOB_SET_PROPERTIES_UTC, "sched_job_set_properties_utc", any_operation, "", Right::write},
+    RightsRow{RVZD_PROC_SCHED_SET_GET_JOBS, "sched_set_get_jobs", any_operation, "", Right::read},
+    RightsRow{RVZD_PROC_SCHED_SET_APPLY, "sched_set_apply", any_operation, "", Right::write},
 };
 
 // Of the operation's row, or else of the procedure's. What has no row needs the right to administer.

@@ -15,9 +15,6 @@ namespace velia::server {
 namespace {
 
 constexpr size_t seen_max = 4096;
-constexpr size_t jobs_max = 200000;
-constexpr sched_event_mask_t event_deleted = 0x20;
-constexpr sched_event_mask_t event_modified = 0x40;
 
 constexpr Permission permission_for(uint32_t procedure) {
     for (const auto &row : permission_rows)
@@ -44,7 +41,8 @@ sched_job_completion_info_t lent(const RunRow &run) {
     return {unowned(run.process_id), run.started, run.ended, run.exit_status, unowned(run.messages)};
 }
 
-// The body is decoded again and kept until the reply has gone.
+} // namespace
+
 sched_job_properties_t lent(const Job &job, JobBody &body) {
     static const RunRow none;
     sched_job_properties_t properties = {body.get().rw, {}};
@@ -56,13 +54,6 @@ sched_job_properties_t lent(const Job &job, JobBody &body) {
     properties.ro.last_completion = lent(job.runs.empty() ? none : job.runs.back());
     return properties;
 }
-
-// By whom, as he is known; names are looked up in the thread.
-struct Doer {
-    std::optional<uint32_t> uid;
-    bool is_known;
-    std::string where;
-};
 
 Doer doer_of(const Caller &caller) {
     if (caller.known)
@@ -81,8 +72,6 @@ Deed deed_of(const Doer &doer, int64_t when) {
     const std::string name = found != nullptr ? found->pw_name : std::to_string(*doer.uid);
     return {doer.is_known ? name : name + "?", doer.where, when};
 }
-
-} // namespace
 
 bool SchedulerProcedures::is_administrator_here(const Caller &caller) const {
     return guard_.permits({RVZD_PROC_SCHED_SET_ACL}, caller);
@@ -533,6 +522,8 @@ std::vector<ServedProcedure> SchedulerProcedures::rows() {
         row<procedures::sched_job_create_utc, &P::job_create_utc>(),
         row<procedures::sched_job_get_properties_utc, &P::job_get_properties_utc>(),
         row<procedures::sched_job_set_properties_utc, &P::job_set_properties_utc>(),
+        row<procedures::sched_set_get_jobs, &P::set_get_jobs>(),
+        row<procedures::sched_set_apply, &P::set_apply>(),
     };
 }
 

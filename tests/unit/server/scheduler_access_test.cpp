@@ -81,5 +81,6 @@ TEST(SchedulerAccess, EachProcedureHasAPermission) {
         EXPECT_TRUE(rows.insert(row.procedure).second) << row.procedure;
     std::set<uint32_t> procedures;
     velia::for_each_scheduler_procedure([&](const auto &procedure) { procedures.insert(procedure.number); });
+    velia::for_each_set_procedure([&](const auto &procedure) { procedures.insert(procedure.number); });
     EXPECT_EQ(rows, procedures);
 }

@@ -32,24 +32,6 @@ void velia::scheduler::release_record(sched_h_t handle, xdrproc_t routine, void 
     });
 }
 
-namespace {
-
-template <class Request, class Reply>
-uint32_t call_once(const Procedure<Request, Reply> &procedure, const char *no_client_text, Request *request,
-                   CLIENT *client, Reply *reply, const timeval *time_out) {
-    if (client == nullptr) {
-        sched_clnt_perror(nullptr, no_client_text, 0);
-        return RPC_FAILED;
-    }
-    const clnt_stat outcome =
-        rvzd_clnt::make_exchange(client, rvzd_clnt::exchange_of(procedure, *request, *reply), *time_out);
-    if (outcome != RPC_SUCCESS)
-        sched_clnt_perror(client, procedure.failed_text, 0);
-    return outcome;
-}
-
-} // namespace
-
 // NOLINTBEGIN(bugprone-macro-parentheses): types
 #define DEFINE_STUB(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER)                                                \
     uint32_t NAME##_V2(REQUEST *request, CLIENT *client, REPLY *reply, const struct timeval *time_out) {               \

@@ -80,6 +80,37 @@ tbs_status_t call(const Procedure<Request, Reply> &procedure, sched_h_t handle, 
         [&] { release_record(whole.handle, whole.exchange.reply_routine, &reply); });
 }
 
+// One RPC of a row; what is wrong with it is told.
+template <class Request, class Reply>
+uint32_t call_once(const Procedure<Request, Reply> &procedure, const char *no_client_text, Request *request,
+                   CLIENT *client, Reply *reply, const timeval *time_out) {
+    if (client == nullptr) {
+        sched_clnt_perror(nullptr, no_client_text, 0);
+        return RPC_FAILED;
+    }
+    const clnt_stat outcome =
+        rvzd_clnt::make_exchange(client, rvzd_clnt::exchange_of(procedure, *request, *reply), *time_out);
+    if (outcome != RPC_SUCCESS)
+        sched_clnt_perror(client, procedure.failed_text, 0);
+    return outcome;
+}
+
+// The stub of a row of this suite's own: nobody calls it by a name.
+template <const auto &procedure, class Request, class Reply>
+uint32_t own_stub(Request *request, CLIENT *client, Reply *reply, const timeval *time_out) {
+    return call_once(procedure, procedure.failed_text, request, client, reply, time_out);
+}
+
+template <const auto &procedure, class Request, class Reply>
+constexpr auto own_stub_of(const Procedure<Request, Reply> & /*typed*/) {
+    return &own_stub<procedure, Request, Reply>;
+}
+
+template <const auto &procedure, class Request, class Take>
+tbs_status_t call_own(sched_h_t handle, const Request &request, Take &&take) {
+    return call<own_stub_of<procedure>(procedure)>(procedure, handle, request, take);
+}
+
 // For the calls whose outcome is the status alone.
 inline constexpr auto take_nothing = [](const auto & /*reply*/) {};
 
