@@ -58,6 +58,7 @@ std::vector<Command> all_commands() {
                                  job_commands,
                                  job_create_commands,
                                  job_check_commands,
+                                 job_load_commands,
                                  acl_commands,
                                  completion_commands,
                                  complete_words_commands})

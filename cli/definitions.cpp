@@ -296,6 +296,14 @@ TaskFile::~TaskFile() {
     sched_free_tasks(nullptr, count_, &tasks_);
 }
 
+Finding finding_at(const JobFile &file, const JobDefinition &job, const char *tag, std::string message) {
+    const auto lines = lines_of_text(file.text());
+    for (uint32_t number = job.first_line; number <= job.last_line; ++number)
+        if (has_tag(lines[number - 1], tag))
+            return {file.path(), number, static_cast<uint32_t>(column_of_value(lines[number - 1])), std::move(message)};
+    return {file.path(), job.first_line, 1, std::move(message)};
+}
+
 void tell_findings(const Findings &findings) {
     for (const auto &finding : findings)
         if (tells_in_json())

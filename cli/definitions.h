@@ -71,6 +71,9 @@ private:
     char **followed_ = nullptr;
 };
 
+// About the line of a definition that has this tag, or else about its first.
+Finding finding_at(const JobFile &file, const JobDefinition &job, const char *tag, std::string message);
+
 struct TaskDefinition {
     sched_task_properties_t *task; // the file's
     uint32_t first_line;

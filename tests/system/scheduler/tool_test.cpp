@@ -1,32 +1,7 @@
 // veliactl against the scheduler of a real daemon.
-#include <cstdio>
-#include <sys/wait.h>
-
-#include "scheduler_fixture.h"
+#include "tool_fixture.h"
 
 using namespace velia::system_test;
-
-namespace {
-
-struct SchedulerTool : SchedulerFixture {
-    struct Told {
-        int status;
-        std::string text;
-    };
-    // Both streams, one behind the other as they come.
-    static Told tool(const std::string &words, const std::string &before = "") {
-        FILE *stream = popen((before + VELIACTL + " " + words + " 2>&1").c_str(), "r");
-        Told told = {-1, ""};
-        for (int character = 0; (character = fgetc(stream)) != EOF;)
-            told.text += static_cast<char>(character);
-        const int status = pclose(stream);
-        told.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        return told;
-    }
-    static std::string json(const std::string &words) { return tool(words, "VELIACTL_OUTPUT=jsonl ").text; }
-};
-
-} // namespace
 
 TEST_F(SchedulerTool, MakesAJobAndShowsIt) {
     EXPECT_EQ(json("job create alpha nightly --task script --days 1 --first 02:30 --time-limit 9 "
