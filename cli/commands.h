@@ -32,6 +32,8 @@ extern const Commands job_commands;
 extern const Commands job_create_commands;
 extern const Commands job_check_commands;
 extern const Commands job_load_commands;
+extern const Commands job_list_commands;
+extern const Commands job_edit_commands;
 extern const Commands completion_commands;
 extern const Commands complete_words_commands;
 

@@ -22,9 +22,6 @@ namespace velia::cli {
 
 namespace {
 
-struct ListArguments {
-    std::string host;
-};
 struct NextArguments {
     JobArguments of;
     int32_t count = 10;
@@ -35,10 +32,6 @@ struct ChangeArguments {
     bool is_dry_run = false;
     bool waits = false;
 };
-
-Options list_options(ListArguments &arguments) {
-    return job_host_options(arguments.host);
-}
 
 Options next_options(NextArguments &arguments) {
     constexpr Range counts = {1, 10000};
@@ -63,7 +56,6 @@ Options run_options(ChangeArguments &arguments) {
                      .target = &arguments.waits}}});
 }
 
-int list_jobs(const ListArguments &arguments, const Settings &settings);
 int show_job(const JobArguments &arguments, const Settings &settings);
 int show_next(const NextArguments &arguments, const Settings &settings);
 int run_job(const ChangeArguments &arguments, const Settings &settings);
@@ -88,7 +80,6 @@ constexpr Column job_columns[] = {JOB_COLUMNS,
                                   {"modified", Type::time, "when it was changed last", true},
                                   {"output", Type::text, "the end of what the last run put out", true}};
 constexpr Output job_output = {Output::Shape::one, job_columns};
-constexpr Output list_output = {Output::Shape::list, std::span(job_columns).first(7)};
 
 constexpr Column next_columns[] = {{"time", Type::time, "of the run"},
                                    {"wall", Type::text, "what the clock of its zone shows then"},
@@ -107,11 +98,6 @@ constexpr Output change_output = {Output::Shape::one, change_columns};
 
 constexpr Command commands[] = {
     {.path = "job", .help = "Jobs of a scheduler"},
-    {.path = "job list",
-     .help = "List the jobs of a host",
-     .examples = {"veliactl job list build7", "veliactl job list build7 --output json"},
-     .make = call_of<list_jobs, list_options>,
-     .output = &list_output},
     {.path = "job show",
      .help = "Tell all about a job",
      .examples = {"veliactl job show build7 nightly"},
@@ -139,12 +125,6 @@ constexpr Command commands[] = {
      .output = &change_output},
 };
 
-Cell moment(time_t time) {
-    return time == schedule::next_run_unknown || time == schedule::next_run_never
-               ? Cell()
-               : time_cell(time, date_fmt_token_date_time(time));
-}
-
 Cell text_cell(const char *text) {
     return text != nullptr && *text != '\0' ? Cell(text) : Cell();
 }
@@ -158,36 +138,6 @@ Cells list_cells(const sched_job_properties_t &job) {
             moment(last.started),
             moment(last.ended),
             last.ended != 0 ? Cell(last.exit_status) : Cell()};
-}
-
-int list_jobs(const ListArguments &arguments, const Settings &settings) {
-    int exit_status = exit_done;
-    const auto scheduler = open_scheduler(arguments.host, settings, exit_status);
-    if (scheduler == nullptr)
-        return exit_status;
-    uint32_t count = 0;
-    sched_job_properties_t *jobs = nullptr;
-    const auto status = sched_get_jobs(scheduler.get(), &count, &jobs);
-    if (status != TBS_ST_OK)
-        return fail_of_scheduler(status, arguments.host, "The jobs cannot be listed");
-    Results results(list_output, settings);
-    for (uint32_t i = 0; i < count; ++i)
-        results.add(list_cells(jobs[i]));
-    sched_free_jobs(scheduler.get(), count, &jobs);
-    results.finish();
-    return exit_done;
-}
-
-// Opens the scheduler, finds the job and hands both over.
-template <class Body>
-int with_job(const JobArguments &arguments, const Settings &settings, Body &&body) {
-    int exit_status = exit_done;
-    const auto scheduler = open_scheduler(arguments.host, settings, exit_status);
-    const auto id = scheduler != nullptr ? job_of(scheduler, arguments.host, arguments.job, exit_status) : 0;
-    if (id == 0)
-        return exit_status;
-    return with_properties(scheduler, arguments.host, id,
-                           [&](const sched_job_properties_t &job) { return body(scheduler, job); });
 }
 
 int show_job(const JobArguments &arguments, const Settings &settings) {

@@ -90,34 +90,11 @@ void write_definition(Results &results, const sched_job_properties_t &job, const
         std::cout << text << '\n';
 }
 
-// By its name, or else by its number.
-const sched_job_properties_t *job_named(const JobsThere &there, const std::string &job) {
-    if (const auto *found = there.find(job))
-        return found;
-    sched_job_id_t id = 0;
-    char rest = 0;
-    return sscanf(job.c_str(), "%u%c", &id, &rest) == 1 ? there.find(id) : nullptr;
-}
-
-// Opens the scheduler, asks what is there, and hands both over.
-template <class Body>
-int with_jobs_there(const std::string &host, const Settings &settings, Body &&body) {
-    int exit_status = exit_done;
-    const auto scheduler = open_scheduler(host, settings, exit_status);
-    JobsThere there;
-    return scheduler != nullptr && there.ask(scheduler, host, exit_status) ? body(scheduler, there) : exit_status;
-}
-
 int dump_jobs(const DumpArguments &arguments, const Settings &settings) {
     return with_jobs_there(arguments.host, settings, [&](const SchedulerHandle & /*scheduler*/, const auto &there) {
-        std::vector<const sched_job_properties_t *> jobs(there.jobs().begin(), there.jobs().end());
-        if (!arguments.jobs.empty())
-            jobs.clear();
-        for (const auto &name : arguments.jobs) {
-            jobs.push_back(job_named(there, name));
-            if (jobs.back() == nullptr)
-                return fail_of_scheduler(TBS_ST_NOT_FOUND, arguments.host, "There is no job '" + name + "'");
-        }
+        std::vector<sched_job_properties_t *> jobs;
+        if (!there.select(arguments.jobs, arguments.host, jobs))
+            return int{exit_failed};
         Results results(dump_output, settings);
         for (const auto *job : jobs)
             write_definition(results, *job, there);

@@ -4,6 +4,8 @@
 
 #include <cli/broker.h>
 #include <cli/messages.h>
+#include <schedule/next_start.h>
+#include <support/date.h>
 #include <veliaxdr/sched_jobs.h>
 
 namespace velia::cli {
@@ -56,6 +58,12 @@ sched_job_id_t job_of(const SchedulerHandle &scheduler, const std::string &host,
 int fail_of_scheduler(tbs_status_t status, const std::string &host, const std::string &what) {
     tell_failure(status, host, "%s on host '%s': %s\n", what.c_str(), host.c_str(), tbs_strerror(status));
     return status == TBS_ST_RPC_FAILED ? exit_unreachable : exit_failed;
+}
+
+Cell moment(time_t time) {
+    return time == schedule::next_run_unknown || time == schedule::next_run_never
+               ? Cell()
+               : time_cell(time, date_fmt_token_date_time(time));
 }
 
 Options job_host_options(std::string &host) {

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include <cli/command.h>
+#include <cli/output.h>
 #include <veliaxdr/rvzd_wire.h>
 #include <veliaxdr/sched_jobs.h>
 
@@ -43,5 +44,20 @@ struct JobArguments {
 };
 Options job_host_options(std::string &host);
 Options job_options(JobArguments &arguments);
+
+// A time as results have it; null for none that is known or left.
+Cell moment(time_t time);
+
+// Opens the scheduler, finds the job and hands both over.
+template <class Body>
+int with_job(const JobArguments &arguments, const Settings &settings, Body &&body) {
+    int exit_status = exit_done;
+    const auto scheduler = open_scheduler(arguments.host, settings, exit_status);
+    const auto id = scheduler != nullptr ? job_of(scheduler, arguments.host, arguments.job, exit_status) : 0;
+    if (id == 0)
+        return exit_status;
+    return with_properties(scheduler, arguments.host, id,
+                           [&](const sched_job_properties_t &job) { return body(scheduler, job); });
+}
 
 } // namespace velia::cli

@@ -1,7 +1,7 @@
 #include <cli/plan.h>
 
 #include <algorithm>
-#include <unordered_set>
+#include <charconv>
 
 #include <cli/messages.h>
 #include <veliaxdr/sched_jobs.h>
@@ -95,6 +95,28 @@ sched_job_properties_t *JobsThere::find(const std::string &name) const {
 sched_job_properties_t *JobsThere::find(sched_job_id_t id) const {
     const auto found = by_id_.find(id);
     return found != by_id_.end() ? found->second : nullptr;
+}
+
+sched_job_properties_t *JobsThere::find_by_name_or_number(const std::string &job) const {
+    if (auto *found = find(job))
+        return found;
+    sched_job_id_t id = 0;
+    const auto [end, error] = std::from_chars(job.data(), job.data() + job.size(), id);
+    return error == std::errc() && end == job.data() + job.size() ? find(id) : nullptr;
+}
+
+bool JobsThere::select(const std::vector<std::string> &names, const std::string &host,
+                       std::vector<sched_job_properties_t *> &jobs) const {
+    if (names.empty())
+        jobs = list_;
+    for (const auto &name : names) {
+        jobs.push_back(find_by_name_or_number(name));
+        if (jobs.back() == nullptr) {
+            fail_of_scheduler(TBS_ST_NOT_FOUND, host, "There is no job '" + name + "'");
+            return false;
+        }
+    }
+    return true;
 }
 
 // A task's name stands for it only if it is no other's, too.

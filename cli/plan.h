@@ -33,6 +33,11 @@ public:
     sched_job_properties_t *find(sched_job_id_t id) const;
     Names names() const;
 
+    sched_job_properties_t *find_by_name_or_number(const std::string &job) const;
+    // Those of the names or numbers, or all for none. False, told, where one is not there.
+    bool select(const std::vector<std::string> &names, const std::string &host,
+                std::vector<sched_job_properties_t *> &jobs) const;
+
 private:
     uint64_t state_ = 0;
     uint32_t count_ = 0;
@@ -43,6 +48,15 @@ private:
     TaskIds task_ids_;
     std::unordered_map<sched_task_id_t, std::string> task_names_;
 };
+
+// Opens the scheduler, asks what is there, and hands both over.
+template <class Body>
+int with_jobs_there(const std::string &host, const Settings &settings, Body &&body) {
+    int exit_status = exit_done;
+    const auto scheduler = open_scheduler(host, settings, exit_status);
+    JobsThere there;
+    return scheduler != nullptr && there.ask(scheduler, host, exit_status) ? body(scheduler, there) : exit_status;
+}
 
 struct PlannedField {
     std::string name;
