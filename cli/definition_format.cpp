@@ -310,6 +310,13 @@ bool same_jobs(const JobFile &left, const JobFile &right) {
 
 } // namespace
 
+std::vector<std::string> definition_tags() {
+    std::vector<std::string> all = {"Job.Begin", "Job.End", description_end, messages_end};
+    for (const Tag &tag : tags)
+        all.emplace_back(tag.tag);
+    return all;
+}
+
 // A file whose lines mean something else in another order keeps its own.
 std::string formatted(const JobFile &file, Findings &findings) {
     for (const bool is_sorted : {true, false}) {

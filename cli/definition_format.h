@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include <cli/definitions.h>
 
@@ -10,5 +11,8 @@ namespace velia::cli {
 
 // The text of a file that was read, formatted; it means the same jobs. Empty, with a finding, where that cannot be.
 std::string formatted(const JobFile &file, Findings &findings);
+
+// Every tag that a line of a job may begin with, as it is spelled.
+std::vector<std::string> definition_tags();
 
 } // namespace velia::cli

@@ -164,7 +164,7 @@ Options run_options(Creation &creation) {
              .range = frequencies},
             {.name = "--notify",
              .type = "EVENTS=RECIPIENTS",
-             .help = "by mail, as JobEndFail,JobDeleted=anna@example.com,ben@example.com; again and again",
+             .help = "by mail, as JobEndFail,JobDeleted=anna,ben; any number of these",
              .target = &creation.notifications,
              .fault = fault_of_notification},
             {.name = "--description", .type = "TEXT", .help = "free text", .target = &creation.description},

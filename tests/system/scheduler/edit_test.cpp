@@ -92,7 +92,7 @@ TEST_F(SchedulerEdit, StatusAndListTellHowItStands) {
     EXPECT_THAT(json("job list alpha"), AllOf(HasSubstr("asleep"), Not(HasSubstr("done"))));
     const std::string all = json("job list alpha --all --durations --sort name");
     EXPECT_LT(place(all, "asleep"), place(all, "done"));
-    EXPECT_THAT(all, HasSubstr("\"duration_s\":0"));
+    EXPECT_THAT(all, HasSubstr("\"duration_s\":"));
     for (const char *order : {"id", "last", "status", "duration"}) {
         const std::string sorted = json(std::string("job list alpha --all --sort ") + order);
         EXPECT_LT(place(sorted, "done"), place(sorted, "asleep")) << order;
