@@ -30,6 +30,10 @@ struct parse_state {
     sched_notify_info_t jparse_ni; // the notification that is being read
     sched_reading_t *reading;      // null: as the described language is read
     char **exact_text;             // that goes on with a line of more; null: none does
+    size_t tag_at;                 // where in the current line its tag begins
+    size_t tag_length;             // 0: it has none
+    char date_word[24];            // that was read last as a date, which dates of a file often are again
+    time_t date;
 };
 
 namespace velia::sched_utl_parse {

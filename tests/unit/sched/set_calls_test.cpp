@@ -36,8 +36,8 @@ protected:
     }
     static uint64_t same(int /*call*/) { return 77; }
 
-    void answer_pieces(tbs_status_t status, sched_set_fault_t fault = {}) {
-        world.peer.answer(RVZD_PROC_SCHED_SET_APPLY, sim::reply(xdr_sched_set_apply_reply_t, {status, 5, fault, 40}));
+    void answer_pieces(tbs_status_t status, sched_set_fault_t refused = {}) {
+        world.peer.answer(RVZD_PROC_SCHED_SET_APPLY, sim::reply(xdr_sched_set_apply_reply_t, {status, 5, refused, 40}));
     }
     std::vector<sched_set_change_t> creations(size_t number) const {
         return std::vector<sched_set_change_t>(number, {SCHED_SET_CREATE, 0, 0, job.rw});
