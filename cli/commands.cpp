@@ -61,6 +61,10 @@ std::vector<Command> all_commands() {
                                  job_commands,
                                  job_create_commands,
                                  job_run_commands,
+                                 job_check_commands,
+                                 job_load_commands,
+                                 job_list_commands,
+                                 job_edit_commands,
                                  acl_commands,
                                  completion_commands,
                                  complete_words_commands})

@@ -34,6 +34,10 @@ extern const Commands acl_commands;
 extern const Commands job_commands;
 extern const Commands job_create_commands;
 extern const Commands job_run_commands;
+extern const Commands job_check_commands;
+extern const Commands job_load_commands;
+extern const Commands job_list_commands;
+extern const Commands job_edit_commands;
 extern const Commands completion_commands;
 extern const Commands complete_words_commands;
 

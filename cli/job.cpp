@@ -12,14 +12,6 @@ namespace velia::cli {
 
 namespace {
 
-struct ListArguments {
-    std::string host;
-};
-Options list_options(ListArguments &arguments) {
-    return job_host_options(arguments.host);
-}
-
-int list_jobs(const ListArguments &arguments, const Settings &settings);
 int show_job(const JobArguments &arguments, const Settings &settings);
 int stop_job(const ChangeArguments &arguments, const Settings &settings);
 int delete_job(const ChangeArguments &arguments, const Settings &settings);
@@ -42,15 +34,9 @@ constexpr Column job_columns[] = {JOB_COLUMNS,
                                   {"modified", Type::time, "when it was changed last", true},
                                   {"output", Type::text, "the end of what the last run put out", true}};
 constexpr Output job_output = {Output::Shape::one, job_columns};
-constexpr Output list_output = {Output::Shape::list, std::span(job_columns).first(7)};
 
 constexpr Command commands[] = {
     {.path = "job", .help = "Jobs of a scheduler"},
-    {.path = "job list",
-     .help = "List the jobs of a host",
-     .examples = {"veliactl job list build7", "veliactl job list build7 --output json"},
-     .make = call_of<list_jobs, list_options>,
-     .output = &list_output},
     {.path = "job show",
      .help = "Tell all about a job",
      .examples = {"veliactl job show build7 nightly"},
@@ -81,24 +67,6 @@ Cells list_cells(const sched_job_properties_t &job) {
             moment(last.started),
             moment(last.ended),
             last.ended != 0 ? Cell(last.exit_status) : Cell()};
-}
-
-int list_jobs(const ListArguments &arguments, const Settings &settings) {
-    int exit_status = exit_done;
-    const auto scheduler = open_scheduler(arguments.host, settings, exit_status);
-    if (scheduler == nullptr)
-        return exit_status;
-    uint32_t count = 0;
-    sched_job_properties_t *jobs = nullptr;
-    const auto status = sched_get_jobs(scheduler.get(), &count, &jobs);
-    if (status != TBS_ST_OK)
-        return fail_of_scheduler(status, arguments.host, "The jobs cannot be listed");
-    Results results(list_output, settings);
-    for (uint32_t i = 0; i < count; ++i)
-        results.add(list_cells(jobs[i]));
-    sched_free_jobs(scheduler.get(), count, &jobs);
-    results.finish();
-    return exit_done;
 }
 
 int show_job(const JobArguments &arguments, const Settings &settings) {

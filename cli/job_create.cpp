@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdio>
+#include <sstream>
 
 #include <cli/jobs.h>
 #include <cli/messages.h>
@@ -31,6 +32,9 @@ struct Creation {
     std::string first;
     std::string again;
     std::string until = "24:00";
+    std::string start_date;
+    std::string last_date;
+    std::vector<std::string> notifications;
     int32_t time_limit_s = 0;
     bool is_deleted_when_completed = false;
     bool is_dry_run = false;
@@ -54,6 +58,38 @@ bool seconds_of(const std::string &text, uint32_t &seconds) {
 std::string fault_of_time(const std::string &text) {
     uint32_t seconds = 0;
     return seconds_of(text, seconds) ? "" : "'" + text + "' is no time of a day, as 08:30 or 24:00";
+}
+
+std::string fault_of_date(const std::string &text) {
+    time_t date = 0;
+    return date_str_to_time(text.c_str(), &date) != 0 ? "" : "'" + text + "' is no date, as 2026-12-31";
+}
+
+// "JobEndFail,JobBegin=anna@example.com,ben@example.com"
+struct Notification {
+    sched_event_mask_t events = 0;
+    std::vector<std::string> recipients;
+};
+
+Notification notification_of(const std::string &text) {
+    Notification notification;
+    const size_t equals = std::min(text.find('='), text.size());
+    notification.events = sched_utl_notify_event_mask_from_str(text.substr(0, equals).c_str());
+    std::istringstream words(equals < text.size() ? text.substr(equals + 1) : "");
+    for (std::string word; std::getline(words, word, ',');)
+        if (!word.empty())
+            notification.recipients.push_back(word);
+    return notification;
+}
+
+std::string fault_of_notification(const std::string &text) {
+    const Notification notification = notification_of(text);
+    if (notification.events != 0 && !notification.recipients.empty())
+        return "";
+    std::string events;
+    for (const auto &row : event_mask_flags)
+        events += std::string(events.empty() ? "" : ", ") + row.name;
+    return "'" + text + "' is no notification, as JobEndFail=anna@example.com; events are " + events;
 }
 
 constexpr Range frequencies = {1, INT32_MAX};
@@ -107,7 +143,17 @@ Options time_options(Creation &creation) {
              .help = "the last of these",
              .target = &creation.until,
              .fault = fault_of_time,
-             .shows_default = true}};
+             .shows_default = true},
+            {.name = "--start-date",
+             .type = "DATE",
+             .help = "its first day, as 2026-12-31 (default: now)",
+             .target = &creation.start_date,
+             .fault = fault_of_date},
+            {.name = "--last-date",
+             .type = "DATE",
+             .help = "its last day (default: none)",
+             .target = &creation.last_date,
+             .fault = fault_of_date}};
 }
 
 Options run_options(Creation &creation) {
@@ -116,6 +162,11 @@ Options run_options(Creation &creation) {
              .help = "end a run that takes longer",
              .target = &creation.time_limit_s,
              .range = frequencies},
+            {.name = "--notify",
+             .type = "EVENTS=RECIPIENTS",
+             .help = "by mail, as JobEndFail,JobDeleted=anna,ben; any number of these",
+             .target = &creation.notifications,
+             .fault = fault_of_notification},
             {.name = "--description", .type = "TEXT", .help = "free text", .target = &creation.description},
             {.name = "--delete-when-completed",
              .help = "delete it with its last run",
@@ -157,7 +208,9 @@ constexpr Command commands[] = {
      .help = "Make a job",
      .examples = {"veliactl job create build7 backup --task nightly --days 1 --first 02:30",
                   "veliactl job create build7 report --task mail --months 1 --on \"Last Weekday\" --first 17:00 all",
-                  "veliactl job create build7 once --task nightly --now --delete-when-completed"},
+                  "veliactl job create build7 once --task nightly --now --delete-when-completed",
+                  "veliactl job create build7 guard --task watch --days 1 --last-date 2026-12-31 "
+                  "--notify JobEndFail=anna@example.com"},
      .make = call_of<create_job, creation_options>,
      .output = &create_output},
     {.path = "task", .help = "The programs that jobs may run"},
@@ -204,6 +257,10 @@ bool set_schedule(const Creation &creation, sched_schedule_t &schedule) {
     auto &common = *sched_utl_get_common_sched(&schedule);
     common.lifetime.start_date = SCHED_DATE_NOW;
     common.lifetime.last_date = creation.now ? SCHED_DATE_NOW : 0;
+    if (!creation.start_date.empty())
+        date_str_to_time(creation.start_date.c_str(), &common.lifetime.start_date);
+    if (!creation.last_date.empty())
+        date_str_to_time(creation.last_date.c_str(), &common.lifetime.last_date);
     common.start_times.first_start_time = SCHED_TIME_NOT_GIVEN;
     if (!creation.first.empty())
         seconds_of(creation.first, common.start_times.first_start_time);
@@ -239,6 +296,24 @@ int ask_for_numbers(const SchedulerHandle &scheduler, const Creation &creation, 
                                : fail_of_scheduler(status, creation.host, "There is no task '" + creation.task + "'");
 }
 
+// What is notified of a job, with the texts that the records point to.
+struct Notifications {
+    explicit Notifications(const std::vector<std::string> &texts) {
+        for (const auto &text : texts)
+            made.push_back(notification_of(text));
+        pointers.resize(made.size());
+        for (size_t i = 0; i < made.size(); ++i) {
+            for (auto &recipient : made[i].recipients)
+                pointers[i].push_back(recipient.data());
+            constexpr sched_notify_delivery_mask_t mail = 1;
+            records.push_back({made[i].events, mail, static_cast<int32_t>(pointers[i].size()), pointers[i].data()});
+        }
+    }
+    std::vector<Notification> made;
+    std::vector<std::vector<char *>> pointers;
+    std::vector<sched_notify_info_t> records;
+};
+
 int create_job(const Creation &creation, const Settings &settings) {
     sched_job_rw_properties_t rw = {};
     if (creation.after.empty() && !set_schedule(creation, rw.schedule)) {
@@ -259,6 +334,9 @@ int create_job(const Creation &creation, const Settings &settings) {
     rw.description = texts.description.data();
     rw.arg_count = static_cast<uint32_t>(arguments.size());
     rw.args = arguments.data();
+    Notifications notifications(creation.notifications);
+    rw.notify_count = static_cast<uint32_t>(notifications.records.size());
+    rw.notify = notifications.records.data();
     rw.run_control.max_run_time = static_cast<uint32_t>(creation.time_limit_s);
     rw.delete_when_completed = creation.is_deleted_when_completed ? 1 : 0;
     Cell id;

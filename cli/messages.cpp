@@ -140,6 +140,16 @@ tbs_status_t tell_failures_of(const std::string &host, const std::function<tbs_s
     return status;
 }
 
+void hear(const std::function<void(const Heard &)> &listener, const std::function<void()> &work) {
+    imsg_set_sink(
+        [](void *context, int severity, const char *, const imsg_table_t *table, int index, const char *text) {
+            (*static_cast<const std::function<void(const Heard &)> *>(context))({severity, table, index, text});
+        },
+        const_cast<std::function<void(const Heard &)> *>(&listener));
+    work();
+    imsg_set_sink(in_json ? write_object : nullptr, nullptr);
+}
+
 std::string name_of_status(tbs_status_t status) {
     for (const auto &row : status_names)
         if (row.status == status)

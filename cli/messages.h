@@ -4,6 +4,7 @@
 #include <functional>
 #include <string>
 
+#include <support/imsg.h>
 #include <support/tbs.h>
 
 namespace velia::cli {
@@ -21,6 +22,17 @@ void tell_failure_by(tbs_status_t status, const std::string &host, const std::fu
 
 // Runs `work`, whose messages carry the host and the status that it ends with, which is returned.
 tbs_status_t tell_failures_of(const std::string &host, const std::function<tbs_status_t()> &work);
+
+// A message that somebody listens to in place of those who would read it.
+struct Heard {
+    int severity;
+    const imsg_table_t *table; // null: of none
+    int index;
+    std::string text;
+};
+
+// Runs `work`, all of whose messages go to the listener alone.
+void hear(const std::function<void(const Heard &)> &listener, const std::function<void()> &work);
 
 // The status in one word, as programs compare it.
 std::string name_of_status(tbs_status_t status);

@@ -17,6 +17,7 @@
 #include <veliaxdr/rvzd_procedures.h>
 #include <veliaxdr/rvzd_wire.h>
 #include <veliaxdr/sched_runs.h>
+#include <veliaxdr/sched_sets.h>
 #include <veliaxdr/sched_wire.h>
 
 namespace velia {
@@ -58,12 +59,14 @@ RVZD_SCHEDULER_PROCEDURES(VELIA_SCHEDULER_ROW)
     inline constexpr Procedure<REQUEST, REPLY> NAME = {                                                                \
         NUMBER, #NAME, #NAME " call failed", xdr_##REQUEST, xdr_##REPLY, Runs::RUNS, Over::OVER};
 RVZD_RUN_PROCEDURES(VELIA_OWN_ROW)
+RVZD_SET_PROCEDURES(VELIA_OWN_ROW)
 #undef VELIA_OWN_ROW
 
 } // namespace procedures
 
 /*
- * Call `visit(row)` for each procedure of the broker, the registry and the daemon, of the scheduler, and of its runs.
+ * Call `visit(row)` for each procedure of the broker, the registry and the daemon, of the scheduler, of its runs, and of
+ * its sets.
  */
 #define VELIA_VISIT_ROW(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER) visit(procedures::NAME);
 template <class Visit>
@@ -77,6 +80,10 @@ void for_each_scheduler_procedure(Visit &&visit) {
 template <class Visit>
 void for_each_run_procedure(Visit &&visit) {
     RVZD_RUN_PROCEDURES(VELIA_VISIT_ROW)
+}
+template <class Visit>
+void for_each_set_procedure(Visit &&visit) {
+    RVZD_SET_PROCEDURES(VELIA_VISIT_ROW)
 }
 #undef VELIA_VISIT_ROW
 

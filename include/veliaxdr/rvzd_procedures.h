@@ -104,6 +104,11 @@
     ROW(10101, SCHED_RUN_GET_HISTORY, sched_run_get_history, sched_run_history_request_t, sched_run_history_reply_t, REPEATABLE, TCP) \
     ROW(10102, SCHED_GET_CHANGES,     sched_get_changes,     sched_changes_request_t,     sched_changes_reply_t,     REPEATABLE, TCP) \
     ROW(10103, SCHED_GET_NEXT_RUNS,   sched_get_next_runs,   sched_next_runs_request_t,   sched_next_runs_reply_t,   REPEATABLE, TCP)
+
+/* Of this suite's own scheduler: whole sets of jobs. Their numbers are far from the others', their names are whole. */
+#define RVZD_SET_PROCEDURES(ROW) \
+    ROW(10150, SCHED_SET_GET_JOBS, sched_set_get_jobs, sched_set_get_jobs_request_t, sched_set_get_jobs_reply_t, REPEATABLE, TCP) \
+    ROW(10151, SCHED_SET_APPLY,    sched_set_apply,    sched_set_apply_request_t,    sched_set_apply_reply_t,    ONCE,       TCP)
 /* clang-format on */
 
 #define RVZD_PROCEDURES(ROW)                                                                                           \
@@ -115,6 +120,7 @@
 enum {
     RVZD_PROCEDURES(RVZD_PROCEDURE_NUMBER) RVZD_SCHEDULER_PROCEDURES(RVZD_PROCEDURE_NUMBER)
         RVZD_RUN_PROCEDURES(RVZD_PROCEDURE_NUMBER)
+        RVZD_SET_PROCEDURES(RVZD_PROCEDURE_NUMBER)
 };
 #undef RVZD_PROCEDURE_NUMBER
 

@@ -65,6 +65,32 @@ tbs_status_t sched_utl_parse_task_properties(sched_h_t handle, const char *path,
                                              sched_task_properties_t **tasks);
 
 /*
+ * How files are read by those who keep sets of definitions. Beside what the two calls above do
+ *
+ *  - a task's name is found by `find_task`, and no server is asked; what is no TBS_ST_OK ends the file and is told;
+ *  - a job that another has anticipated, and a task that is not found, refuse the file;
+ *  - lines that begin with "Job.RunCntl." hold what no other line can: doc/definitions.md tells of them. The calls
+ * above pass over them.
+ */
+typedef struct sched_reading {
+    tbs_status_t (*find_task)(void *context, const char *name, sched_task_id_t *id);
+    /* A definition has been taken, which stands on these lines. Null: nobody wants to know. */
+    void (*took)(void *context, uint32_t first_line, uint32_t last_line);
+    void *context;
+    /* Out, and true at any moment, so that whoever hears a message knows its line. */
+    uint32_t first_line; /* of the definition that was begun last; 0: none */
+    uint32_t line;       /* that was read last */
+} sched_reading_t;
+
+/* As sched_utl_parse_job_properties, with `reading`. The handle, which may be null, only serves to release. */
+tbs_status_t sched_utl_read_job_definitions(sched_h_t handle, const char *path, sched_reading_t *reading,
+                                            uint32_t *count, sched_job_properties_t **jobs, char ***extra_job_infos);
+
+/* As sched_utl_parse_task_properties, with `reading`, whose `find_task` is not used. */
+tbs_status_t sched_utl_read_task_definitions(sched_h_t handle, const char *path, sched_reading_t *reading,
+                                             uint32_t *count, sched_task_properties_t **tasks);
+
+/*
  * What a definition of a job may have: the tags that its lines begin with, in the order in which they are tried, and
  * what is done with such a line; null: nothing. The state is the parser's own. Data for those who want to know the
  * tags.

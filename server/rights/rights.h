@@ -137,6 +137,8 @@ inline constexpr std::array rights_rows = {
     RightsRow{RVZD_PROC_SCHED_RUN_GET_HISTORY, "sched_run_get_history", any_operation, "", Right::read},
     RightsRow{RVZD_PROC_SCHED_GET_CHANGES, "sched_get_changes", any_operation, "", Right::read},
     RightsRow{RVZD_PROC_SCHED_GET_NEXT_RUNS, "sched_get_next_runs", any_operation, "", Right::read},
+    RightsRow{RVZD_PROC_SCHED_SET_GET_JOBS, "sched_set_get_jobs", any_operation, "", Right::read},
+    RightsRow{RVZD_PROC_SCHED_SET_APPLY, "sched_set_apply", any_operation, "", Right::write},
 };
 
 // Of the operation's row, or else of the procedure's. What has no row needs the right to administer.

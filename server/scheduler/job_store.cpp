@@ -67,6 +67,8 @@ struct Statements {
                "changed_where, changed_when, considered, changed_start, predefined FROM job ORDER BY id"),
           runs(database, "SELECT job, started, due, ended, exit_status, process_id, messages FROM run "
                          "ORDER BY job, started"),
+          bodies(database, "SELECT id, body FROM job ORDER BY id"),
+          numbers(database, "SELECT seq FROM sqlite_sequence WHERE name = 'job'"),
           owed(database, "SELECT job FROM owed ORDER BY job"),
           acl(database, "SELECT value FROM setting WHERE name = ?1"),
           add(database, "INSERT INTO job (body, owner, created_who, created_where, created_when, changed_who, "
@@ -95,8 +97,8 @@ struct Statements {
           changes(database, "SELECT number, who, place, time, what, job, job_name, fields FROM change "
                             "WHERE job = ?3 AND number < ?1 ORDER BY number DESC LIMIT ?2") {}
 
-    Statement jobs, runs, owed, acl, add, change, remove, consider, set_considered, begin, forget, end, keep_youngest,
-        owe, pay, set, note, drop_notes, all_changes, changes;
+    Statement jobs, runs, bodies, numbers, owed, acl, add, change, remove, consider, set_considered, begin, forget, end,
+        keep_youngest, owe, pay, set, note, drop_notes, all_changes, changes;
 };
 
 std::optional<int64_t> stored_owner(const JobRow &row) {
@@ -169,6 +171,28 @@ public:
         return changes;
     }
 
+    bool apply(JobSet &set) override {
+        Transaction transaction(database_);
+        if (state() != set.state)
+            return false;
+        auto number = next_number();
+        auto note = set.notes.begin();
+        set.take_numbers(number);
+        for (auto &row : set.added) {
+            row.id = number++;
+            if (add(row, *note++) != row.id)
+                throw StoreError("a new job has another number than the next one");
+        }
+        for (const auto &row : set.changed)
+            if (!change(row, *note++))
+                return false;
+        for (const auto id : set.removed)
+            if (!remove(id, *note++))
+                return false;
+        transaction.commit();
+        return true;
+    }
+
     void consider(sched_job_id_t id, int64_t considered) override {
         changes_one(statements_->consider.with(id, considered), nullptr, id);
     }
@@ -216,6 +240,22 @@ private:
         statements_->drop_notes.with(database_.last_row_id() - changes_kept).run();
     }
 
+    uint64_t state() {
+        JobsState state;
+        auto &bodies = statements_->bodies.with();
+        while (bodies.step())
+            state.add(static_cast<sched_job_id_t>(bodies.number(0)), bodies.text(1));
+        return state.value();
+    }
+
+    // That the next new job gets; none has been given twice.
+    sched_job_id_t next_number() {
+        auto &numbers = statements_->numbers.with();
+        const int64_t last = numbers.step() ? numbers.number(0) : 0;
+        numbers.reset();
+        return static_cast<sched_job_id_t>(last + 1);
+    }
+
     bool changes_one(Statement &statement, const ChangeRow *change, sched_job_id_t job) {
         Transaction transaction(database_);
         statement.run();
@@ -231,6 +271,17 @@ private:
 };
 
 } // namespace
+
+void JobsState::add(sched_job_id_t id, std::string_view body) {
+    constexpr uint64_t prime = 0x100000001B3;
+    const auto take = [this](std::string_view bytes) {
+        for (const char byte : bytes)
+            value_ = (value_ ^ static_cast<unsigned char>(byte)) * prime; // FNV-1a
+    };
+    const uint64_t words[] = {id, body.size()};
+    take({reinterpret_cast<const char *>(words), sizeof words});
+    take(body);
+}
 
 std::unique_ptr<JobStore> open_job_store(const std::string &file_name) {
     return std::make_unique<SqliteJobStore>(file_name);

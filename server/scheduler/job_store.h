@@ -3,9 +3,11 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <veliaxdr/sched_runs.h>
@@ -59,6 +61,26 @@ struct JobContents {
     std::string acl;
 };
 
+// Many changes at once. The new jobs get their numbers while it is written, one behind the other.
+struct JobSet {
+    uint64_t state = 0; // that the jobs are in, or nothing is done
+    std::vector<JobRow> added;
+    std::vector<JobRow> changed;
+    std::vector<sched_job_id_t> removed;
+    std::vector<ChangeRow> notes;                           // one for each of them, in this order
+    std::function<void(sched_job_id_t first)> take_numbers; // called before anything is written
+};
+
+// One number for all that jobs are: of their ids and bodies, in the order of the ids.
+class JobsState {
+public:
+    void add(sched_job_id_t id, std::string_view body);
+    uint64_t value() const { return value_; }
+
+private:
+    uint64_t value_ = 0xCBF29CE484222325;
+};
+
 // All but reading are one transaction each, and on disk when they return. A failure is a StoreError.
 class JobStore {
 public:
@@ -79,6 +101,9 @@ public:
 
     // Changes of a job, or with 0 of all, before that number: the youngest first.
     virtual std::vector<ChangeRow> changes(sched_job_id_t job, int64_t before, uint32_t count_max) = 0;
+
+    // False: the jobs are in another state, or one that is to be changed is not there.
+    virtual bool apply(JobSet &set) = 0;
 
     // Starts up to this one have been made or passed over.
     virtual void consider(sched_job_id_t id, int64_t considered) = 0;

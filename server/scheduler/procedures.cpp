@@ -17,10 +17,7 @@ namespace velia::server {
 namespace {
 
 constexpr size_t seen_max = 4096;
-constexpr size_t jobs_max = 200000;
 constexpr size_t jobs_at_once_max = 8; // in one round, however long each is
-constexpr sched_event_mask_t event_deleted = 0x20;
-constexpr sched_event_mask_t event_modified = 0x40;
 
 constexpr Permission permission_for(uint32_t procedure) {
     for (const auto &row : permission_rows)
@@ -47,7 +44,8 @@ sched_job_completion_info_t lent(const RunRow &run) {
     return {unowned(run.process_id), run.started, run.ended, run.exit_status, unowned(run.messages)};
 }
 
-// The body is decoded again and kept until the reply has gone.
+} // namespace
+
 sched_job_properties_t lent(const Job &job, JobBody &body) {
     static const RunRow none;
     sched_job_properties_t properties = {body.get().rw, {}};
@@ -66,13 +64,6 @@ bool encode_job(XDR &stream, const Job &job) {
     auto properties = lent(job, body);
     return xdr_sched_job_properties_t(&stream, &properties) != FALSE;
 }
-
-// By whom, as he is known; names are looked up in the thread.
-struct Doer {
-    std::optional<uint32_t> uid;
-    bool is_known;
-    std::string where;
-};
 
 Doer doer_of(const Caller &caller) {
     if (caller.known)
@@ -113,8 +104,6 @@ Deed deed_of(const Doer &doer, int64_t when) {
     const std::string name = name_of_user(*doer.uid);
     return {doer.is_known ? name : name + "?", doer.where, when};
 }
-
-} // namespace
 
 SchedulerProcedures::SchedulerProcedures(Scheduler &scheduler, const Guard &guard)
     : scheduler_(scheduler), guard_(guard), lister_(scheduler.loop(), scheduler.jobs(), encode_job) {}
@@ -600,6 +589,8 @@ std::vector<ServedProcedure> SchedulerProcedures::rows() {
         row<procedures::sched_run_get_history, &P::run_get_history>(),
         row<procedures::sched_get_changes, &P::get_changes>(),
         row<procedures::sched_get_next_runs, &P::get_next_runs>(),
+        row<procedures::sched_set_get_jobs, &P::set_get_jobs>(),
+        row<procedures::sched_set_apply, &P::set_apply>(),
     };
 }
 

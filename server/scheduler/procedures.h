@@ -6,6 +6,7 @@
 
 #include <server/rpc/guard.h>
 #include <server/rpc/serve.h>
+#include <server/scheduler/apply.h>
 #include <server/scheduler/job_lister.h>
 #include <server/scheduler/scheduler.h>
 
@@ -48,7 +49,26 @@ inline constexpr std::array permission_rows = {
     PermissionRow{RVZD_PROC_SCHED_RUN_GET_HISTORY, PERMISSION_READ},
     PermissionRow{RVZD_PROC_SCHED_GET_CHANGES, PERMISSION_READ},
     PermissionRow{RVZD_PROC_SCHED_GET_NEXT_RUNS, PERMISSION_READ},
+    PermissionRow{RVZD_PROC_SCHED_SET_GET_JOBS, PERMISSION_READ},
+    PermissionRow{RVZD_PROC_SCHED_SET_APPLY, PERMISSION_CHANGE},
 };
+
+// By whom something is done, as he is known; names are looked up in the thread.
+struct Doer {
+    std::optional<uint32_t> uid;
+    bool is_known;
+    std::string where;
+};
+Doer doer_of(const Caller &caller);
+Deed deed_of(const Doer &doer, int64_t when);
+
+// What its keeper holds of a job, in a record that lends it. The body is decoded again and kept until the reply has
+// gone.
+sched_job_properties_t lent(const Job &job, JobBody &body);
+
+constexpr size_t jobs_max = 200000;
+constexpr sched_event_mask_t event_deleted = 0x20;
+constexpr sched_event_mask_t event_modified = 0x40;
 
 // While there is no way to the database each answers TBS_ST_NO_SERVER.
 class SchedulerProcedures {
@@ -97,6 +117,9 @@ private:
                          To<sched_task_name_reply_t> answer);
     void check_acc(const sched_permission_request_t &request, const Caller &caller, To<sched_status_reply_t> answer);
     void get_app_perms(const sched_request_t &request, const Caller &caller, To<sched_app_perms_reply_t> answer);
+    void set_get_jobs(const sched_set_get_jobs_request_t &request, const Caller &caller,
+                      To<sched_set_get_jobs_reply_t> answer);
+    void set_apply(const sched_set_apply_request_t &request, const Caller &caller, To<sched_set_apply_reply_t> answer);
     void get_time(const sched_request_t &request, const Caller &caller, To<sched_time_reply_t> answer);
     void contact(const sched_contact_request_t &request, const Caller &caller, To<sched_contact_reply_t> answer);
     void run_get_output(const sched_run_output_request_t &request, const Caller &caller,
@@ -124,10 +147,19 @@ private:
     tbs_status_t validate(sched_job_id_t id, sched_job_utc_rw_props_t &props, uint32_t &err_mask);
     bool has_seen(const Caller &caller, sched_job_id_t job, uint64_t version);
 
+    uint64_t state_of_jobs();
+    tbs_status_t take_piece(const sched_set_apply_request_t &request, const Caller &caller, StagedSet &piece,
+                            StagedSet *&set);
+    tbs_status_t judge(const StagedSet &set, const Caller &caller, sched_set_fault_t &fault);
+    void apply(const StagedSet &set, const Caller &caller, To<sched_set_apply_reply_t> answer);
+    void has_applied(const JobSet &set);
+
     Scheduler &scheduler_;
     const Guard &guard_;
     JobLister lister_;
     std::map<std::string, int> names_on_the_way_; // of jobs that are being written
+    StagedSets staged_;
+    std::pair<uint64_t, uint64_t> state_{}; // the version of the jobs, and their state by then
     // Which version of a job, or with 0 of all, a caller was told last.
     std::map<std::pair<Sender, sched_job_id_t>, uint64_t> seen_;
 };

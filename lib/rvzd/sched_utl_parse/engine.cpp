@@ -2,7 +2,6 @@
 #include <rvzd/sched_utl_parse/engine.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstring>
 
 #include <common/trace.h>
@@ -18,18 +17,37 @@ namespace {
 constexpr char subsystem[] = "scheduler";
 constexpr char module_name[] = "sched_utl_parse";
 constexpr char any_tag[] = "*";
-constexpr char blanks[] = " \t\n\v\f\r";
 constexpr size_t tag_size = 256;
 
 // A line of more comes in pieces, each of which counts as one.
 constexpr size_t longest_piece = sizeof(parse_state_t::line) - 1;
 constexpr FileBounds definition_file = {64 << 20, longest_piece};
 
-// The first word of a text, cut to what a tag may have; empty where there is none. Returns where it begins.
+// Where the first word of a text begins and how long it is, cut to what a tag may have; 0 for none. The white space of
+// a line is that of the C locale.
+struct Word {
+    size_t at;
+    size_t length;
+};
+
+bool is_blank(char character) {
+    return character == ' ' || (character >= '\t' && character <= '\r');
+}
+
+Word first_word(const char *text) {
+    Word word = {0, 0};
+    while (is_blank(text[word.at]))
+        ++word.at;
+    const char *begin = text + word.at;
+    while (begin[word.length] != '\0' && !is_blank(begin[word.length]))
+        ++word.length;
+    word.length = std::min(word.length, tag_size - 1);
+    return word;
+}
+
 const char *take_first_word(const char *text, char (&word)[tag_size]) {
-    const char *begin = text + strspn(text, blanks);
-    strutl_ncpy(word, begin, std::min(strcspn(begin, blanks), tag_size - 1));
-    return begin;
+    const Word first = first_word(text);
+    return strutl_ncpy(word, text + first.at, first.length);
 }
 
 // The current line as tag and value. A tag that was cut has its rest in the value.
@@ -40,19 +58,37 @@ struct Split {
 };
 
 void split(parse_state_t *state, Split &parts) {
-    const char *begin = take_first_word(state->line, parts.tag);
-    parts.tag_length = strlen(parts.tag);
-    parts.value = parts.tag_length != 0 ? state->line + (begin - state->line) + parts.tag_length : state->line;
+    parts.tag_length = state->tag_length;
+    memcpy(parts.tag, state->line + state->tag_at, parts.tag_length);
+    parts.tag[parts.tag_length] = '\0';
+    parts.value = parts.tag_length != 0 ? state->line + state->tag_at + parts.tag_length : state->line;
 }
 
-// Most of what does not begin so is told by its length, or by the character where the beginning ends.
+// Letters of either case are one; so may be a few other characters, which a comparison of its own tells apart.
+bool may_be_same(char left, char right) {
+    constexpr int case_bit = 0x20;
+    return ((left ^ right) & ~case_bit) == 0;
+}
+
+// Where they may be the same, up to the end of the beginning; most tags differ from it early.
+bool may_begin_with(const char *tag, const char *beginning, size_t &length) {
+    for (length = 0; beginning[length] != '\0'; ++length)
+        if (!may_be_same(tag[length], beginning[length]))
+            return false;
+    return true;
+}
+
 bool begins_with(const Split &parts, const char *beginning) {
-    const size_t length = strlen(beginning);
-    if (parts.tag_length < length || (length != 0 && tolower(static_cast<uint8_t>(parts.tag[length - 1])) !=
-                                                         tolower(static_cast<uint8_t>(beginning[length - 1]))))
+    size_t length = 0;
+    if (!may_begin_with(parts.tag, beginning, length))
         return false;
     char begun[tag_size];
     return strutl_stricoll(strutl_ncpy(begun, parts.tag, length), beginning) == 0;
+}
+
+bool is_tag(const Split &parts, const char *expected) {
+    size_t length = 0;
+    return may_begin_with(parts.tag, expected, length) && strutl_stricoll(parts.tag, expected) == 0;
 }
 
 // What is no file of definitions by its kind or size is told in the reader's own words.
@@ -90,14 +126,29 @@ FileOutcome read_piece(parse_state_t *state) {
     const FileOutcome outcome = state->file.next_line(piece);
     if (outcome != FileOutcome::ok && outcome != FileOutcome::line_too_long)
         return outcome;
-    strutl_cpy_buf(state->line, piece.text, sizeof state->line);
+    const size_t length = strnlen(piece.text, piece.length); // a line with a byte of zeros ends there
+    memcpy(state->line, piece.text, length);
+    state->line[length] = '\0';
     state->owes_empty_line = outcome == FileOutcome::ok && piece.has_end && piece.length == longest_piece;
     return FileOutcome::ok;
 }
 
-bool is_comment(const char *line) {
-    const char *begin = line + strspn(line, blanks);
-    return *begin == '\0' || *begin == '#';
+// Every way to a line leads through here, so that its tag is known.
+FileOutcome read_line(parse_state_t *state) {
+    const FileOutcome outcome = read_piece(state);
+    if (outcome != FileOutcome::ok)
+        return outcome;
+    const Word tag = first_word(state->line);
+    state->tag_at = tag.at;
+    state->tag_length = tag.length;
+    ++state->line_no;
+    if (state->reading != nullptr)
+        state->reading->line = state->line_no;
+    return outcome;
+}
+
+bool is_comment(const parse_state_t *state) {
+    return state->tag_length == 0 || state->line[state->tag_at] == '#';
 }
 
 tbs_status_t expected_another(const parse_state_t *state, const char *tag) {
@@ -161,14 +212,24 @@ tbs_status_t parse_next_line(parse_state_t *state, bool skip_comments, bool eof_
         return TBS_ST_OK;
     }
     do {
-        const FileOutcome outcome = read_piece(state);
+        const FileOutcome outcome = read_line(state);
         if (outcome == FileOutcome::end)
             return eof_allowed ? tbs_status_t{TBS_ST_NOT_FOUND} : refuse(state, SCHED_MSG_UNEXPECTED_EOF);
         if (outcome != FileOutcome::ok)
             return tell_file_error(TBS_MSG_CANNOT_READ, state, outcome);
-        ++state->line_no;
-    } while (skip_comments && is_comment(state->line));
+    } while (skip_comments && is_comment(state));
     return TBS_ST_OK;
+}
+
+void note_begin(parse_state_t *state) {
+    state->exact_text = nullptr;
+    if (state->reading != nullptr)
+        state->reading->first_line = state->line_no;
+}
+
+void note_taken(const parse_state_t *state, uint32_t first_line) {
+    if (state->reading != nullptr && state->reading->took != nullptr)
+        state->reading->took(state->reading->context, first_line, state->line_no);
 }
 
 tbs_status_t parse_unget_cur_line(parse_state_t *state) {
@@ -183,7 +244,7 @@ tbs_status_t parse_unget_cur_line(parse_state_t *state) {
 tbs_status_t parse_cur_match(parse_state_t *state, bool is_required, const char *expected_tag, parse_action_t action) {
     Split parts;
     split(state, parts);
-    if (strcmp(expected_tag, any_tag) == 0 || strutl_stricoll(parts.tag, expected_tag) == 0)
+    if (strcmp(expected_tag, any_tag) == 0 || is_tag(parts, expected_tag))
         return action != nullptr ? action(state, parts.tag, parts.value) : tbs_status_t{TBS_ST_OK};
     return is_required ? expected_another(state, expected_tag) : parse_unget_cur_line(state);
 }
@@ -264,7 +325,16 @@ tbs_status_t parse_get_date(parse_state_t *state, const char *text, time_t *out)
     take_first_word(text, word);
     if (*word == '\0')
         return refuse(state, SCHED_MSG_MISSING_DATE);
-    return date_str_to_time(word, out) != 0 ? tbs_status_t{TBS_ST_OK} : refuse(state, SCHED_MSG_ILLEGAL_DATE, word);
+    if (strcmp(word, state->date_word) == 0) {
+        *out = state->date;
+        return TBS_ST_OK;
+    }
+    if (date_str_to_time(word, out) == 0)
+        return refuse(state, SCHED_MSG_ILLEGAL_DATE, word);
+    if (strutl_cpy_buf(state->date_word, word, sizeof state->date_word) != 0)
+        state->date_word[0] = '\0'; // one that is cut stands for no other
+    state->date = *out;
+    return TBS_ST_OK;
 }
 
 } // namespace velia::sched_utl_parse

@@ -28,12 +28,22 @@ struct parse_state {
     sched_task_properties_t task_rec;
     bool owes_empty_line;          // a line as long as `line` was whole; its end comes as a line of its own
     sched_notify_info_t jparse_ni; // the notification that is being read
+    sched_reading_t *reading;      // null: as the described language is read
+    char **exact_text;             // that goes on with a line of more; null: none does
+    size_t tag_at;                 // where in the current line its tag begins
+    size_t tag_length;             // 0: it has none
+    char date_word[24];            // that was read last as a date, which dates of a file often are again
+    time_t date;
 };
 
 namespace velia::sched_utl_parse {
 
 // The state belongs to the caller, who releases it with release_state.
 tbs_status_t parse_new_state(sched_h_t handle, const char *path, parse_state_t **out);
+
+// The current line is the first of a definition. What is taken ends with the current line.
+void note_begin(parse_state_t *state);
+void note_taken(const parse_state_t *state, uint32_t first_line);
 
 // Clears *state first; a null state does nothing. Raises are held off.
 void release_state(parse_state_t **state);

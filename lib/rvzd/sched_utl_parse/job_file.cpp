@@ -22,6 +22,7 @@ struct JobFile {
     sched_job_properties_t *jobs;
     char **infos;
     Known known;
+    sched_reading_t *reading;
 };
 
 void release(JobFile &file) {
@@ -35,6 +36,8 @@ void release(JobFile &file) {
 tbs_status_t read_definition(parse_state_t *state) {
     tbs_status_t status = parse_next_line(state, true, true);
     if (status == TBS_ST_OK)
+        note_begin(state);
+    if (status == TBS_ST_OK)
         status = parse_cur_match(state, true, "Job.Begin", nullptr);
     return status == TBS_ST_OK
                ? parse_next_match_set_until(state, true, num_top_tag_actions, top_tag_actions, "Job.End")
@@ -44,7 +47,10 @@ tbs_status_t read_definition(parse_state_t *state) {
 tbs_status_t look_up_task(parse_state_t *state) {
     if (state->task_name[0] == '\0')
         return TBS_ST_OK;
-    const tbs_status_t status = sched_task_name_to_id(state->handle, state->task_name, &state->job_rec.rw.task);
+    const sched_reading_t *reading = state->reading;
+    sched_task_id_t *task = &state->job_rec.rw.task;
+    const tbs_status_t status = reading != nullptr ? reading->find_task(reading->context, state->task_name, task)
+                                                   : sched_task_name_to_id(state->handle, state->task_name, task);
     if (status != TBS_ST_OK)
         imsg_print(IMSG_ERROR, &_sched_rvzd_msg_table, SCHED_MSG_CANNOT_LOOK_UP_TASK, state->task_name,
                    tbs_strerror(status));
@@ -106,7 +112,10 @@ tbs_status_t store_job(JobFile &file) {
         state->task_name[0] = state->follows_name[0] = '\0';
         return true;
     });
-    return is_stored ? tbs_status_t{TBS_ST_OK} : no_memory();
+    if (!is_stored)
+        return no_memory();
+    note_taken(state, file.reading != nullptr ? file.reading->first_line : 0);
+    return TBS_ST_OK;
 }
 
 tbs_status_t take_definition(JobFile &file) {
@@ -115,25 +124,27 @@ tbs_status_t take_definition(JobFile &file) {
         status = look_up_task(file.state);
     if (status == TBS_ST_OK)
         status = validate(file.state);
-    return status == TBS_ST_OK && !is_duplicate(file) ? store_job(file) : status;
+    if (status == TBS_ST_OK && is_duplicate(file))
+        return file.reading != nullptr ? tbs_status_t{TBS_ST_ALREADY_EXISTS} : status;
+    return status == TBS_ST_OK ? store_job(file) : status;
 }
 
-// A task that the scheduler does not know ends the file early, as its end does.
+// A task that the scheduler does not know ends the file early, as its end does; but not for those who keep sets.
 tbs_status_t read_file(JobFile &file, const char *path) {
     tbs_status_t status = parse_new_state(file.handle, path, &file.state);
     if (status != TBS_ST_OK)
         return status;
+    file.state->reading = file.reading;
     while (status == TBS_ST_OK)
         status = take_definition(file);
-    return status == TBS_ST_NOT_FOUND ? tbs_status_t{TBS_ST_OK} : status;
+    const bool is_whole = file.reading == nullptr || file.state->task_name[0] == '\0';
+    if (status != TBS_ST_NOT_FOUND)
+        return status;
+    return is_whole ? TBS_ST_OK : TBS_ST_INVALID_ARG;
 }
 
-} // namespace
-
-tbs_status_t sched_utl_parse_job_properties(sched_h_t handle, const char *path, uint32_t *count,
-                                            sched_job_properties_t **jobs, char ***extra_job_infos) {
-    JobFile file = {};
-    file.handle = handle;
+tbs_status_t read_jobs(JobFile &file, const char *path, uint32_t *count, sched_job_properties_t **jobs,
+                       char ***extra_job_infos) {
     return with_cleanup(
         [&] {
             const tbs_status_t status = read_file(file, path);
@@ -153,4 +164,22 @@ tbs_status_t sched_utl_parse_job_properties(sched_h_t handle, const char *path, 
             return status;
         },
         [&] { release(file); });
+}
+
+} // namespace
+
+tbs_status_t sched_utl_parse_job_properties(sched_h_t handle, const char *path, uint32_t *count,
+                                            sched_job_properties_t **jobs, char ***extra_job_infos) {
+    JobFile file = {};
+    file.handle = handle;
+    return read_jobs(file, path, count, jobs, extra_job_infos);
+}
+
+tbs_status_t sched_utl_read_job_definitions(sched_h_t handle, const char *path, sched_reading_t *reading,
+                                            uint32_t *count, sched_job_properties_t **jobs, char ***extra_job_infos) {
+    JobFile file = {};
+    file.handle = handle;
+    file.reading = reading;
+    reading->first_line = reading->line = 0;
+    return read_jobs(file, path, count, jobs, extra_job_infos);
 }

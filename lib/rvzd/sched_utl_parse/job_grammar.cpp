@@ -31,9 +31,9 @@ tbs_status_t jparse_add_delete_when_completed(parse_state_t *state, const char *
     return parse_get_bool(state, value, &state->job_rec.rw.delete_when_completed);
 }
 
-// Nothing in a definition limits the time of a run.
-tbs_status_t jparse_add_run_cntl(parse_state_t * /*state*/, const char * /*tag*/, char * /*value*/) {
-    return TBS_ST_OK;
+// Nothing in the described language limits the time of a run.
+tbs_status_t jparse_add_run_cntl(parse_state_t *state, const char *tag, char *value) {
+    return state->reading != nullptr ? jparse_add_exact(state, tag, value) : tbs_status_t{TBS_ST_OK};
 }
 
 // The line as it stands, and its end.

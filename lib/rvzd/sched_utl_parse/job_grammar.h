@@ -6,6 +6,7 @@
 namespace velia::sched_utl_parse {
 
 tbs_status_t jparse_add_schedule(parse_state_t *state, const char *tag, char *value);
+tbs_status_t jparse_add_exact(parse_state_t *state, const char *tag, char *value);
 tbs_status_t jparse_add_notify_info(parse_state_t *state, const char *tag, char *value);
 
 // Texts that go beside the jobs. The array begins behind three words: how many elements it has room for, the size of

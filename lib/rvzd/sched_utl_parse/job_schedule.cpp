@@ -27,7 +27,8 @@ sched_common_sched_t &common_of(parse_state_t *state) {
 tbs_status_t parse_frequency(const parse_state_t *state, const char *value, int32_t &frequency) {
     uint32_t number = 0;
     for (const char *form : {"0x%x", "0%o", "%u"})
-        if (sscanf(value, form, &number) == 1) { // NOLINT(cert-err34-c): a value may only begin with one
+        if ((*form == '%' || *form == *value) &&
+            sscanf(value, form, &number) == 1) { // NOLINT(cert-err34-c): a value may only begin with one
             frequency = static_cast<int32_t>(number);
             return TBS_ST_OK;
         }

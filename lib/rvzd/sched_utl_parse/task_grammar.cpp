@@ -54,6 +54,7 @@ struct TaskFile {
     uint32_t count;
     sched_task_properties_t *tasks;
     Known known;
+    sched_reading_t *reading;
 };
 
 void release(TaskFile &file) {
@@ -109,7 +110,10 @@ tbs_status_t store_task(TaskFile &file) {
         file.state->task_rec = {};
         return true;
     });
-    return is_stored ? tbs_status_t{TBS_ST_OK} : no_memory();
+    if (!is_stored)
+        return no_memory();
+    note_taken(file.state, file.reading != nullptr ? file.reading->first_line : 0);
+    return TBS_ST_OK;
 }
 
 // A first line tells whether there is a further definition; then it is read anew, as that one's.
@@ -117,25 +121,24 @@ tbs_status_t take_definition(TaskFile &file) {
     tbs_status_t status = parse_next_line(file.state, true, true);
     if (status != TBS_ST_OK)
         return status;
+    note_begin(file.state);
     status = read_definition(file.state);
-    return status == TBS_ST_OK && !is_duplicate(file) ? store_task(file) : status;
+    if (status == TBS_ST_OK && is_duplicate(file))
+        return file.reading != nullptr ? tbs_status_t{TBS_ST_ALREADY_EXISTS} : status;
+    return status == TBS_ST_OK ? store_task(file) : status;
 }
 
 tbs_status_t read_file(TaskFile &file, const char *path) {
     tbs_status_t status = parse_new_state(file.handle, path, &file.state);
     if (status != TBS_ST_OK)
         return status;
+    file.state->reading = file.reading;
     while (status == TBS_ST_OK)
         status = take_definition(file);
     return status == TBS_ST_NOT_FOUND ? tbs_status_t{TBS_ST_OK} : status;
 }
 
-} // namespace
-
-tbs_status_t sched_utl_parse_task_properties(sched_h_t handle, const char *path, uint32_t *count,
-                                             sched_task_properties_t **tasks) {
-    TaskFile file = {};
-    file.handle = handle;
+tbs_status_t read_tasks(TaskFile &file, const char *path, uint32_t *count, sched_task_properties_t **tasks) {
     return with_cleanup(
         [&] {
             const tbs_status_t status = read_file(file, path);
@@ -154,4 +157,22 @@ tbs_status_t sched_utl_parse_task_properties(sched_h_t handle, const char *path,
             return status;
         },
         [&] { release(file); });
+}
+
+} // namespace
+
+tbs_status_t sched_utl_parse_task_properties(sched_h_t handle, const char *path, uint32_t *count,
+                                             sched_task_properties_t **tasks) {
+    TaskFile file = {};
+    file.handle = handle;
+    return read_tasks(file, path, count, tasks);
+}
+
+tbs_status_t sched_utl_read_task_definitions(sched_h_t handle, const char *path, sched_reading_t *reading,
+                                             uint32_t *count, sched_task_properties_t **tasks) {
+    TaskFile file = {};
+    file.handle = handle;
+    file.reading = reading;
+    reading->first_line = reading->line = 0;
+    return read_tasks(file, path, count, tasks);
 }

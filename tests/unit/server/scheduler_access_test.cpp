@@ -101,5 +101,6 @@ TEST(SchedulerAccess, EachProcedureHasAPermission) {
     std::set<uint32_t> procedures;
     velia::for_each_scheduler_procedure([&](const auto &procedure) { procedures.insert(procedure.number); });
     velia::for_each_run_procedure([&](const auto &procedure) { procedures.insert(procedure.number); });
+    velia::for_each_set_procedure([&](const auto &procedure) { procedures.insert(procedure.number); });
     EXPECT_EQ(rows, procedures);
 }

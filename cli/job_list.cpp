@@ -1,0 +1,192 @@
+// veliactl job list and job status.
+#include <cli/commands.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include <cli/jobs.h>
+#include <cli/messages.h>
+#include <cli/results.h>
+#include <schedule/next_start.h>
+#include <veliaxdr/sched_jobs.h>
+#include <veliaxdr/sched_sets.h>
+
+namespace velia::cli {
+
+namespace {
+
+struct ListArguments {
+    std::string host;
+    bool shows_all = false;
+    bool shows_durations = false;
+    std::string order = "id";
+};
+
+constexpr const char *orders[] = {"id", "name", "next", "last", "status", "duration"};
+
+Options list_options(ListArguments &arguments) {
+    return joined(
+        {job_host_options(arguments.host),
+         {{.name = "--all",
+           .help = "also jobs that do not run any more: their schedule has come to its end",
+           .target = &arguments.shows_all},
+          {.name = "--durations", .help = "tell how long the last run took", .target = &arguments.shows_durations},
+          {.name = "--sort",
+           .type = "COLUMN",
+           .help = "id, name, next, last, status or duration",
+           .target = &arguments.order,
+           .words = orders,
+           .shows_default = true}}});
+}
+
+int list_jobs(const ListArguments &arguments, const Settings &settings);
+int show_status(const JobArguments &arguments, const Settings &settings);
+
+constexpr Column list_columns[] = {{"id", Type::integer, "number of the job"},
+                                   {"name", Type::text, "of the job"},
+                                   {"next_run", Type::time, "when it runs next", true},
+                                   {"running_since", Type::time, "while it runs", true},
+                                   {"last_started", Type::time, "its last run that has ended", true},
+                                   {"last_ended", Type::time, "of that run", true},
+                                   {"last_status", Type::integer, "exit status of that run", true},
+                                   {"duration_s", Type::integer, "of that run", true, "--durations"}};
+constexpr Output long_output = {Output::Shape::list, list_columns};
+constexpr Output short_output = {Output::Shape::list, std::span(list_columns).first(std::size(list_columns) - 1)};
+
+constexpr Column status_columns[] = {{"id", Type::integer, "number of the job"},
+                                     {"name", Type::text, "of the job"},
+                                     {"state", Type::text,
+                                      "running; waiting, for its time or for another job; completed: it does not run "
+                                      "any more"},
+                                     {"next_run", Type::time, "when it runs next", true},
+                                     {"running_since", Type::time, "while it runs", true},
+                                     {"process", Type::text, "while it runs", true},
+                                     {"last_started", Type::time, "its last run that has ended", true},
+                                     {"last_status", Type::integer, "exit status of that run", true},
+                                     {"duration_s", Type::integer, "of that run", true}};
+constexpr Output status_output = {Output::Shape::one, status_columns};
+
+constexpr Command commands[] = {
+    {.path = "job list",
+     .help = "List the jobs of a host",
+     .examples = {"veliactl job list build7", "veliactl job list build7 --all --durations --sort duration",
+                  "veliactl job list build7 --output json"},
+     .make = call_of<list_jobs, list_options>,
+     .output = &long_output},
+    {.path = "job status",
+     .help = "Tell how it stands with a job",
+     .examples = {"veliactl job status build7 nightly"},
+     .make = call_of<show_status, job_options>,
+     .output = &status_output},
+};
+
+bool is_running(const sched_job_properties_t &job) {
+    return job.ro.running_status.started != 0;
+}
+
+bool has_completed(const sched_job_properties_t &job) {
+    return job.ro.next_run_time == schedule::next_run_never && !is_running(job);
+}
+
+bool has_run(const sched_job_properties_t &job) {
+    return job.ro.last_completion.ended != 0;
+}
+
+int64_t duration_of(const sched_job_properties_t &job) {
+    return has_run(job) ? job.ro.last_completion.ended - job.ro.last_completion.started : -1;
+}
+
+Cell status_cell(const sched_job_properties_t &job) {
+    return has_run(job) ? Cell(job.ro.last_completion.exit_status) : Cell();
+}
+
+Cell duration_cell(const sched_job_properties_t &job) {
+    return has_run(job) ? Cell(duration_of(job)) : Cell();
+}
+
+// What has no value of the kind comes last.
+int64_t place_in_order(const sched_job_properties_t &job, const std::string &order) {
+    const auto &last = job.ro.last_completion;
+    const int64_t next = job.ro.next_run_time;
+    if (order == "next")
+        return next == schedule::next_run_never || next == schedule::next_run_unknown ? INT64_MAX : next;
+    if (order == "last")
+        return has_run(job) ? -int64_t{last.started} : INT64_MAX; // the youngest first
+    if (order == "status")
+        return has_run(job) ? -int64_t{last.exit_status} : INT64_MAX; // failures first
+    if (order == "duration")
+        return has_run(job) ? -duration_of(job) : INT64_MAX; // the longest first
+    return job.ro.job_id;
+}
+
+void sort_jobs(std::vector<const sched_job_properties_t *> &jobs, const std::string &order) {
+    std::stable_sort(jobs.begin(), jobs.end(), [&](const auto *left, const auto *right) {
+        return order == "name" ? strcmp(left->rw.name, right->rw.name) < 0
+                               : place_in_order(*left, order) < place_in_order(*right, order);
+    });
+}
+
+Cells cells_of(const sched_job_properties_t &job, const Output &output) {
+    const auto &last = job.ro.last_completion;
+    Cells cells = {job.ro.job_id,
+                   job.rw.name,
+                   moment(job.ro.next_run_time),
+                   moment(job.ro.running_status.started),
+                   moment(last.started),
+                   moment(last.ended),
+                   status_cell(job),
+                   duration_cell(job)};
+    cells.resize(output.columns.size());
+    return cells;
+}
+
+// In pieces, however many there are; as a whole from a scheduler that knows no pieces.
+tbs_status_t get_jobs(const SchedulerHandle &scheduler, uint32_t &count, sched_job_properties_t *&jobs) {
+    tbs_status_t status = TBS_ST_OK;
+    uint64_t state = 0;
+    hear([](const Heard & /*heard*/) {}, [&] { status = sched_set_get_jobs(scheduler.get(), &state, &count, &jobs); });
+    return status == TBS_ST_RPC_FAILED ? sched_get_jobs(scheduler.get(), &count, &jobs) : status;
+}
+
+int list_jobs(const ListArguments &arguments, const Settings &settings) {
+    int exit_status = exit_done;
+    const auto scheduler = open_scheduler(arguments.host, settings, exit_status);
+    if (scheduler == nullptr)
+        return exit_status;
+    uint32_t count = 0;
+    sched_job_properties_t *jobs = nullptr;
+    const auto status = get_jobs(scheduler, count, jobs);
+    if (status != TBS_ST_OK)
+        return fail_of_scheduler(status, arguments.host, "The jobs cannot be listed");
+    std::vector<const sched_job_properties_t *> shown;
+    for (uint32_t i = 0; i < count; ++i)
+        if (arguments.shows_all || !has_completed(jobs[i]))
+            shown.push_back(&jobs[i]);
+    sort_jobs(shown, arguments.order);
+    const Output &output = arguments.shows_durations ? long_output : short_output;
+    Results results(output, settings);
+    for (const auto *job : shown)
+        results.add(cells_of(*job, output));
+    sched_free_jobs(scheduler.get(), count, &jobs);
+    results.finish();
+    return exit_done;
+}
+
+int show_status(const JobArguments &arguments, const Settings &settings) {
+    return with_job(arguments, settings, [&](const SchedulerHandle & /*scheduler*/, const auto &job) {
+        const auto &running = job.ro.running_status;
+        const char *state = is_running(job) ? "running" : has_completed(job) ? "completed" : "waiting";
+        Results results(status_output, settings);
+        results.add({job.ro.job_id, job.rw.name, state, moment(job.ro.next_run_time), moment(running.started),
+                     is_running(job) ? Cell(running.process_id) : Cell(), moment(job.ro.last_completion.started),
+                     status_cell(job), duration_cell(job)});
+        results.finish();
+        return int{exit_done};
+    });
+}
+
+} // namespace
+
+const Commands job_list_commands = commands;
+
+} // namespace velia::cli
