@@ -136,10 +136,13 @@ private:
 // Somebody may have named the wrong file.
 bool may_be_replaced(const std::string &name) {
     constexpr char magic[] = "SQLite format 3";
-    std::ifstream file(name, std::ios::binary);
+    if (!std::filesystem::exists(name))
+        return true;
+    std::ifstream file;
+    if (std::filesystem::is_regular_file(name)) // a pipe would be waited for
+        file.open(name, std::ios::binary);
     std::array<char, sizeof magic> begin = {};
-    return !std::filesystem::exists(name) ||
-           (file.read(begin.data(), begin.size()) && memcmp(begin.data(), magic, sizeof magic) == 0);
+    return file.is_open() && (file.read(begin.data(), begin.size()) && memcmp(begin.data(), magic, sizeof magic) == 0);
 }
 
 int tell_no_file(const std::string &file) {

@@ -4,6 +4,7 @@
 #include <fstream>
 #include <iostream>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cli/broker.h>
@@ -109,12 +110,18 @@ std::vector<rgy_db_t> dbs_of(const std::vector<std::string> &names) {
     return dbs;
 }
 
-// A file that is complete or not there.
+bool is_no_plain_file(const std::string &name) {
+    struct stat status = {};
+    return stat(name.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+}
+
+// A file that is complete or not there. A device or a pipe is written to as it is.
 class NewFile {
 public:
-    explicit NewFile(std::string name) : name_(std::move(name)), unfinished_(name_ + ".new"), file_(unfinished_) {}
+    explicit NewFile(std::string name)
+        : name_(std::move(name)), unfinished_(is_no_plain_file(name_) ? name_ : name_ + ".new"), file_(unfinished_) {}
     ~NewFile() {
-        if (!is_kept_)
+        if (!is_kept_ && unfinished_ != name_)
             unlink(unfinished_.c_str());
     }
     NewFile(const NewFile &) = delete;
@@ -123,7 +130,7 @@ public:
     std::ostream &stream() { return file_; }
     bool keep() {
         file_.close();
-        is_kept_ = file_.good() && rename(unfinished_.c_str(), name_.c_str()) == 0;
+        is_kept_ = file_.good() && (unfinished_ == name_ || rename(unfinished_.c_str(), name_.c_str()) == 0);
         return is_kept_;
     }
 

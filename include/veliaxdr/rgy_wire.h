@@ -349,7 +349,8 @@ tbs_status_t rvzd_rgy_remove_entry(rvzd_handle_t *handle, rgy_db_t db, int64_t v
  * Changes of many entries of a database, all or none of them: what the registry answers with stands on its disk.
  * `changes` are `count`, and all of them have to fit into a request of RGY_CHANGE_BYTES_MAX bytes, for which each
  * counts RGY_CHANGE_WORDS_BYTES and its text. `flags` are of RGY_CHANGE_...; `pair` is looked at with
- * RGY_CHANGE_IF_UNCHANGED, and is that of the database afterwards. The handle has to be one over TCP.
+ * RGY_CHANGE_IF_UNCHANGED, and is that of the database afterwards. The handle should be one over TCP: over UDP a
+ * datagram has to hold them.
  *
  * More than one request holds can be a set, of RGY_CHANGES_MAX changes at most: each request has the set's uuid, which
  * is random, and the number of changes that went before; all but the last say RGY_CHANGE_MORE_TO_COME, and the last one

@@ -65,8 +65,8 @@ RVZD_SET_PROCEDURES(VELIA_OWN_ROW)
 } // namespace procedures
 
 /*
- * Call `visit(row)` for each procedure of the broker, the registry and the daemon, of the scheduler, of its runs, and of
- * its sets.
+ * Call `visit(row)` for each procedure of the broker, the registry and the daemon, of the scheduler, of its runs, and
+ * of its sets.
  */
 #define VELIA_VISIT_ROW(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER) visit(procedures::NAME);
 template <class Visit>

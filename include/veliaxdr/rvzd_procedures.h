@@ -60,7 +60,7 @@
     ROW(33, RGY_SET_BACKUP,         rgy_set_backup,         rvzd_registry_set_backup_req_t,   rvzd_registry_set_backup_reply_t, ONCE,       ANY) \
     ROW(34, RGY_FINDBYATTR_ENTRY,   rgy_findbyattr_entry,   rvzd_registry_findbyattr_req_t,   rvzd_registry_get_reply_t,        REPEATABLE, ANY) \
     ROW(76, RGY_GET_PATTERN_ENTRY,  rgy_get_pattern_entry,  rvzd_registry_get_pattern_req_t,  rvzd_registry_get_reply_t,        REPEATABLE, ANY) \
-    ROW(10050, RGY_CHANGE_ENTRIES,  rgy_change_entries,     rvzd_registry_change_req_t,       rvzd_registry_change_reply_t,     ONCE,       TCP)
+    ROW(10050, RGY_CHANGE_ENTRIES,  rgy_change_entries,     rvzd_registry_change_req_t,       rvzd_registry_change_reply_t,     ONCE,       ANY)
 
 /* Our own, of the daemon and its registry, in numbers far from the others. */
 #define RVZD_DAEMON_PROCEDURES(ROW) \
@@ -119,8 +119,7 @@
 #define RVZD_PROCEDURE_NUMBER(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER) RVZD_PROC_##CONSTANT = (NUMBER),
 enum {
     RVZD_PROCEDURES(RVZD_PROCEDURE_NUMBER) RVZD_SCHEDULER_PROCEDURES(RVZD_PROCEDURE_NUMBER)
-        RVZD_RUN_PROCEDURES(RVZD_PROCEDURE_NUMBER)
-        RVZD_SET_PROCEDURES(RVZD_PROCEDURE_NUMBER)
+        RVZD_RUN_PROCEDURES(RVZD_PROCEDURE_NUMBER) RVZD_SET_PROCEDURES(RVZD_PROCEDURE_NUMBER)
 };
 #undef RVZD_PROCEDURE_NUMBER
 

@@ -202,6 +202,8 @@ tbs_status_t change_entries(Registry &registry, const rvzd_registry_change_req_t
         return TBS_ST_INVALID_ARG;
     const auto db = static_cast<rgy_db_t>(request.db);
     const auto outcome = registry.change(request, caller);
+    if (outcome.status == TBS_ST_NO_ACCESS)
+        return outcome.status;
     reply.record.version = RGY_PROTOCOL_VERSION;
     reply.record.dtm = registry.stamps(db).pair;
     reply.record.outcome = outcome.status;

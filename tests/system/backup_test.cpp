@@ -77,6 +77,15 @@ TEST_F(Backup, ThroughTheDaemonLeavesNoFileWhenItCannotBeHad) {
     EXPECT_FALSE(std::filesystem::exists(saved() + ".new"));
 }
 
+// What comes under its name is a file, which a device or a pipe would be lost for.
+TEST_F(Backup, IsNotMadeInThePlaceOfAPipe) {
+    const std::string pipe = site.path("pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    EXPECT_EQ(veliactl({"registry", "save", pipe}).status, FAILED);
+    EXPECT_NE(run_apart(site, {RVZD_SERVER, "--save-registry", pipe}).status, 0);
+    EXPECT_TRUE(std::filesystem::is_fifo(pipe));
+}
+
 TEST_F(Backup, ThatIsNoneTellsWhy) {
     EXPECT_THAT(save().errors, HasSubstr("was not saved in \"" + saved() + "\": there is no registry here"));
     site.write("registry.saved", "no registry");

@@ -151,6 +151,7 @@ std::string surprises_of_scheduler(const Site &site, const Asker &asker) {
     };
     for_each_scheduler_procedure(judge);
     for_each_run_procedure(judge);
+    for_each_set_procedure(judge);
     return told.str();
 }
 
@@ -192,6 +193,7 @@ void for_every_procedure(Visit &&visit) {
     for_each_procedure(visit);
     for_each_scheduler_procedure(visit);
     for_each_run_procedure(visit);
+    for_each_set_procedure(visit);
 }
 
 int rows_without_right(const Asker &asker) {
@@ -221,6 +223,7 @@ struct EvilJob {
     sched_running_job_handle run = {1, 1};
     tbs_acl_entry_t everyone = {TBS_ACL_EVERYONE, name + 4, 7};
     tbs_acl_t list = {1, &everyone};
+    sched_set_change_t removal = {SCHED_SET_DELETE, 1, 0, {}};
 };
 
 template <class Request>
@@ -246,6 +249,11 @@ void make_evil(Request &request) {
         request.properties = &evil.made;
     if constexpr (std::is_same_v<Request, sched_utc_set_request_t>)
         request.properties = &evil.utc;
+    if constexpr (std::is_same_v<Request, sched_set_apply_request_t>) {
+        request.is_last = 1;
+        request.count = 1;
+        request.changes = &evil.removal;
+    }
 }
 
 // What a scheduler with one job shows of it, and who may do what.

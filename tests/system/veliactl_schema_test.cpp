@@ -20,11 +20,18 @@ namespace {
 
 constexpr const char *uuid = "0b5f8a52-7d1a-4c39-9d54-1a2b3c4d5e6f";
 constexpr const char *other_uuid = "5e6f0b5f-7d1a-4c39-9d54-1a2b3c4d8a52";
-const Words in_berlin = {"TZ=Europe/Berlin"};
+const Words environment = {"TZ=Europe/Berlin", "EDITOR=sed -i s/02:00/03:00/"};
 
-constexpr const char *settings_file = "settings"; // of the site
-constexpr const char *entries_file = "entries";   // too
+// Of the site.
+constexpr const char *settings_file = "settings";
+constexpr const char *entries_file = "entries";
+constexpr const char *jobs_file = "jobs";
+constexpr const char *tasks_file = "tasks";
 constexpr const char *saved_file = "registry.saved";
+bool is_file_of_site(const std::string &name) {
+    return name == settings_file || name == entries_file || name == jobs_file || name == tasks_file ||
+           name == saved_file;
+}
 
 // A line for each command, in an order in which each has something to tell.
 struct CommandLine {
@@ -92,18 +99,32 @@ const CommandLine command_lines[] = {
     {"job logs", {"alpha", "nightly"}},
     {"job history", {"alpha", "nightly", "--changes"}},
     {"job stop", {"alpha", "nightly"}},
+    {"job status", {"alpha", "nightly"}},
+    {"job edit", {"alpha", "nightly"}},
+    {"job validate", {"alpha"}},
+    {"job dump", {"alpha"}},
+    {"job check", {jobs_file, "--next", "1"}},
+    {"job fmt", {jobs_file, "--check"}},
+    {"job plan", {"alpha", jobs_file}},
+    {"job load", {"alpha", jobs_file}},
+    {"task show", {"alpha", "shell"}},
+    {"task check", {tasks_file}},
     {"job delete", {"alpha", "nightly"}},
     {"acl set", {"alpha", "everyone=read"}},
     {"acl show", {"alpha"}},
 };
 // Without a password nobody is granted anything; it is told all the same.
-const std::map<std::string, int> other_statuses = {{"probe", 3}, {"registry plan", 4}, {"registry check", 1}};
+const std::map<std::string, int> other_statuses = {{"probe", 3},   {"registry plan", 4}, {"job plan", 4},
+                                                   {"job fmt", 4}, {"task check", 1},    {"registry check", 1}};
 
 struct VeliactlSchema : VeliactlTest {
     void serve_all() {
         site.write("host/config/rgy_svr.conf", "master");
         site.write("host/config/rgy_hosts.conf", "alpha\n\n");
         site.write("host/config/rgy_region.conf", "east\n");
+        site.write(jobs_file, "Job.Begin\nJob.Name: weekly\nJob.Schedule.Daily.Frequency: 7\n"
+                              "Job.Schedule.FirstStartTime: 01:00:00\nJob.Task: shell\nJob.End\n");
+        site.write(tasks_file, "Task.Begin\nTask.Id: none\n");
         site.write(entries_file, R"({"db":"regions","items":{"name":"east"}})");
         site.write(settings_file, "level = host\nview_cache_size = 2m\n");
         serve(sample_line(390600, "shared", "-", "--quiet-seconds 30") + "task 1 shell /bin/sh\n");
@@ -114,9 +135,7 @@ struct VeliactlSchema : VeliactlTest {
         for (std::string word; path >> word;)
             words.push_back(word);
         for (const auto &argument : line.arguments)
-            words.push_back(argument == settings_file || argument == entries_file || argument == saved_file
-                                ? site.path(argument)
-                                : argument);
+            words.push_back(is_file_of_site(argument) ? site.path(argument) : argument);
         return words;
     }
     static void expect_objects(const std::string &errors) {
@@ -155,7 +174,7 @@ TEST_F(VeliactlSchema, IsKeptByTheResultsOfEveryCommand) {
     for (const auto &line : command_lines) {
         paths.insert(line.path);
         const Json &schema = all[line.path];
-        const auto outcome = veliactl(words_of(line, "json"), in_berlin);
+        const auto outcome = veliactl(words_of(line, "json"), environment);
         const auto found = other_statuses.find(line.path);
         EXPECT_EQ(outcome.status, found == other_statuses.end() ? DONE : found->second)
             << line.path << ": " << outcome.errors;
@@ -175,7 +194,7 @@ TEST_F(VeliactlSchema, OfAnItemIsKeptByEveryLineOfJsonLines) {
     serve_all();
     const Json all = schemas();
     for (const auto &line : command_lines) {
-        const auto outcome = veliactl(words_of(line, "jsonl"), in_berlin);
+        const auto outcome = veliactl(words_of(line, "jsonl"), environment);
         const Json &items = all[line.path]["items"];
         std::istringstream lines(outcome.output);
         size_t count = 0;

@@ -145,6 +145,17 @@ TEST_F(VeliactlTransfer, AnExportThatFailsLeavesTheFileOfBefore) {
     EXPECT_EQ(veliactl({"registry", "export", site.path("no/such/place")}).status, FAILED);
 }
 
+TEST_F(VeliactlTransfer, AnExportToAPipeLeavesThePipe) {
+    ASSERT_EQ(add(RGY_DB_REGIONS, "-name=east;"), TBS_ST_OK);
+    const std::string pipe = site.path("pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    const auto outcome =
+        run_apart(site, {"/bin/sh", "-c",
+                         std::string("cat '") + pipe + "' & " + VELIACTL + " registry export '" + pipe + "'; wait"});
+    EXPECT_THAT(outcome.output, HasSubstr("east"));
+    EXPECT_TRUE(std::filesystem::is_fifo(pipe));
+}
+
 TEST_F(VeliactlTransfer, AnImportThatIsOnlyTriedAddsNothing) {
     site.write("in.jsonl", line_of_region("a"));
     EXPECT_THAT(objects({"registry", "import", site.path("in.jsonl"), "--dry-run"})[0].dump(), HasSubstr("would add"));

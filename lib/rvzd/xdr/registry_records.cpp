@@ -159,8 +159,8 @@ bool_t xdr_rgy_change_t(XDR *xdrs, rgy_change_t *record) {
 }
 
 bool_t xdr_rvzd_registry_change_req_t(XDR *xdrs, rvzd_registry_change_req_t *record) {
-    return code_stamped_prefix(xdrs, record) && xdr_u_int(xdrs, &record->flags) &&
-           xdr_tbs_uuid_t(xdrs, &record->set) && xdr_u_int(xdrs, &record->before) &&
+    return code_stamped_prefix(xdrs, record) && xdr_u_int(xdrs, &record->flags) && xdr_tbs_uuid_t(xdrs, &record->set) &&
+           xdr_u_int(xdrs, &record->before) &&
            code_array<rgy_change_t, xdr_rgy_change_t>(xdrs, record->changes, record->count);
 }
 

@@ -279,8 +279,9 @@ TEST_F(DefinitionFiles, ThatAreBinaryAreRefused) {
 
 TEST_F(DefinitionFiles, HaveLinesAsTheLibraryCountsThem) {
     for (const size_t length : {1998, 1999, 2000, 3998, 3999}) {
-        write("#" + std::string(length - 1, ' ') + "\nJob.Wrong\n");
-        const auto lines = lines_of_text("#" + std::string(length - 1, ' ') + "\nJob.Wrong\n");
+        const std::string text = "#" + std::string(length - 1, ' ') + "\nJob.Wrong\n";
+        write(text);
+        const auto lines = lines_of_text(text);
         EXPECT_EQ(finding(), ":" + std::to_string(lines.size()) + ":1: Expected tag \"Job.Begin\".") << length;
         EXPECT_EQ(lines.back(), "Job.Wrong") << length;
     }

@@ -105,8 +105,7 @@ TEST(Rights, HaveARowForEachProcedureUnderItsName) {
     velia::for_each_scheduler_procedure(
         [&](const auto &procedure) { procedures.emplace(procedure.number, procedure.name); });
     velia::for_each_run_procedure([&](const auto &procedure) { procedures.emplace(procedure.number, procedure.name); });
-    velia::for_each_set_procedure(
-        [&](const auto &procedure) { procedures.emplace(procedure.number, procedure.name); });
+    velia::for_each_set_procedure([&](const auto &procedure) { procedures.emplace(procedure.number, procedure.name); });
     for (const RightsRow &row : rights_rows)
         if (row.operation == any_operation) {
             EXPECT_TRUE(rows.emplace(row.procedure, row.name).second) << row.name << " has two";
