@@ -1,6 +1,8 @@
 // veliactl registry plan and apply: databases made what a file says.
 #include <cli/registry.h>
 
+#include <algorithm>
+#include <array>
 #include <unordered_map>
 
 #include <cli/broker.h>
@@ -10,7 +12,7 @@
 #include <cli/registry_bulk.h>
 #include <cli/results.h>
 #include <cli/waits.h>
-#include <common/entry_identity.h>
+#include <veliaxdr/rgy_identity.h>
 #include <veliaxdr/rgy_site.h>
 
 namespace velia::cli {
@@ -63,6 +65,11 @@ for each database, unless that has changed meanwhile.
      .output = &output},
 };
 
+#define IDENTITY(DB, FIRST, SECOND) std::array<uint32_t, 2>{FIRST, SECOND},
+constexpr std::array identities = {RGY_ENTRY_IDENTITIES(IDENTITY)};
+#undef IDENTITY
+static_assert(identities.size() == RGY_DB_ALL);
+
 struct PlannedEntry {
     EntryLine before; // no text: it is added
     EntryLine after;  // no text: it is removed
@@ -93,7 +100,7 @@ std::string spelled(const std::string &value) {
 std::string key_of(const EntryLine &entry) {
     const auto items = entry_items(entry.flex_text).value_or(std::vector<EntryItem>());
     std::string key;
-    for (const uint32_t item : entry_identities[entry.db].items) {
+    for (const uint32_t item : identities[entry.db]) {
         const std::string name = item < RGY_ITEM_COUNT ? registry_item_name(item) + 1 : "";
         const std::string value = name.empty() ? "" : spelled(value_of(items, name));
         if (key.empty() && value.empty())

@@ -6,11 +6,16 @@
 #include <string_view>
 #include <vector>
 
-#include <common/entry_identity.h>
+#include <veliaxdr/rgy_identity.h>
 
 namespace velia::server {
 
 namespace {
+
+#define IDENTITY(DB, FIRST, SECOND) std::array<uint32_t, 2>{FIRST, SECOND},
+constexpr std::array identities = {RGY_ENTRY_IDENTITIES(IDENTITY)};
+#undef IDENTITY
+static_assert(identities.size() == RGY_DB_ALL);
 
 // The first of the site's settings has, beside the entry of its name, one in an old form without a name: there may be
 // one of each. No name begins with a semicolon.
@@ -48,12 +53,12 @@ std::optional<std::string> spelled_uuid(const std::string &text) {
 }
 
 std::string identity_of(rgy_db_t db, const Items &items) {
-    if (db >= entry_identities.size())
+    if (db >= identities.size())
         return "";
     if (is_old_form(db, items))
         return old_form_identity;
     std::string identity;
-    for (const uint32_t item : entry_identities[db].items) {
+    for (const uint32_t item : identities[db]) {
         const std::string value = item < RGY_ITEM_COUNT ? value_of(items, registry_item_name(item)) : "";
         if (identity.empty() && value.empty())
             return "";
