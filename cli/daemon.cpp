@@ -57,13 +57,19 @@ constexpr Command commands[] = {
      .output = &output},
 };
 
-std::string name_of_procedure(uint32_t number) {
-#define NAME_OF_ROW(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER)                                                \
-    if (number == (NUMBER))                                                                                            \
-        return #NAME;
-    RVZD_PROCEDURES(NAME_OF_ROW)
-    RVZD_SCHEDULER_PROCEDURES(NAME_OF_ROW)
+struct ProcedureName {
+    uint32_t number;
+    const char *name;
+};
+#define NAME_OF_ROW(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER) {NUMBER, #NAME},
+constexpr ProcedureName procedure_names[] = {RVZD_PROCEDURES(NAME_OF_ROW) RVZD_SCHEDULER_PROCEDURES(NAME_OF_ROW)
+                                                 RVZD_RUN_PROCEDURES(NAME_OF_ROW) RVZD_SET_PROCEDURES(NAME_OF_ROW)};
 #undef NAME_OF_ROW
+
+std::string name_of_procedure(uint32_t number) {
+    for (const auto &row : procedure_names)
+        if (row.number == number)
+            return row.name;
     return "procedure_" + std::to_string(number);
 }
 

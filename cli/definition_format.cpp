@@ -102,7 +102,7 @@ std::string arguments_value(const std::string &value) {
     char *joined = nullptr;
     clp_parse_string(value.c_str(), 1, &count, &words, nullptr, STG_HEAP_AREA);
     clp_argv_to_string(count, words, 1, '\\', &joined);
-    const std::string text = joined != nullptr ? joined : value;
+    std::string text = joined != nullptr ? joined : value;
     stg_free(joined);
     for (uint32_t i = 0; i < count; ++i)
         stg_free(words[i]);

@@ -280,7 +280,7 @@ JobFile::~JobFile() {
     sched_free_jobs(nullptr, count_, &jobs_);
 }
 
-TaskFile::TaskFile(std::string path) {
+TaskFile::TaskFile(const std::string &path) {
     std::string text;
     if (!read_text_file(path, text, findings_))
         return;

@@ -81,7 +81,7 @@ struct TaskDefinition {
 
 class TaskFile {
 public:
-    explicit TaskFile(std::string path);
+    explicit TaskFile(const std::string &path);
     ~TaskFile();
     TaskFile(const TaskFile &) = delete;
     TaskFile &operator=(const TaskFile &) = delete;

@@ -37,9 +37,9 @@ std::string text_of_items(const std::vector<EntryItem> &items) {
 std::string hexadecimal(const std::string &bytes) {
     constexpr const char *digits = "0123456789abcdef";
     std::string text;
-    for (const unsigned char byte : bytes) {
-        text += digits[byte >> 4];
-        text += digits[byte & 15];
+    for (const char byte : bytes) {
+        text += digits[static_cast<unsigned char>(byte) >> 4];
+        text += digits[static_cast<unsigned char>(byte) & 15];
     }
     return text;
 }
@@ -74,7 +74,7 @@ const Json &member(const Json &object, const char *name, Json::value_t type) {
 std::string value_of(const std::string &name, const Json &value) {
     if (!value.is_string())
         throw Flaw("\"" + name + "\" is no text");
-    const auto text = value.get<std::string>();
+    auto text = value.get<std::string>();
     if (text.find('\0') != std::string::npos || rgy_validate_string(text.c_str()) != TBS_ST_OK)
         throw Flaw("the value of \"" + name + "\" holds a semicolon, a line feed or a null");
     return text;

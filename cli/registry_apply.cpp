@@ -106,7 +106,7 @@ std::string key_of(const EntryLine &entry) {
         if (key.empty() && value.empty())
             return entry.flex_text;
         if (!value.empty())
-            key += (key.empty() ? "" : " ") + name + "=" + value;
+            key.append(key.empty() ? "" : " ").append(name).append("=").append(value);
     }
     return key;
 }

@@ -103,6 +103,7 @@ constexpr Command commands[] = {
 
 std::vector<rgy_db_t> dbs_of(const std::vector<std::string> &names) {
     std::vector<rgy_db_t> dbs;
+    dbs.reserve(RGY_DB_ALL);
     for (const auto &name : names)
         dbs.push_back(*db_of_name(name));
     for (rgy_db_t db = 0; names.empty() && db < RGY_DB_ALL; ++db)

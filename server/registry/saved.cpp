@@ -316,7 +316,7 @@ std::string restore_registry(const std::string &saved, const std::string &regist
         copy_pages(from, unfinished.name(), {});
     }
     make_present(unfinished.name(), present, mark ? std::optional(mark->changes) : std::nullopt);
-    const std::string kept = keep_present(registry_file, present);
+    std::string kept = keep_present(registry_file, present);
     unfinished.finish(registry_file);
     return kept;
 }
