@@ -209,11 +209,18 @@ TEST_F(SchedulerFaults, AFullDiskLosesNoJobAndNoEnd) {
     EXPECT_NE(create(NewJob("taken")), 0U);
 }
 
-// Root's daemon runs a job as who made it.
-TEST_F(SchedulerFaults, AJobOfAnotherUserRunsAsHimAndIsHis) {
+// Only root's daemon runs a job as who made it.
+struct OthersJob : SchedulerFaults {
+    void SetUp() override {
+        if (getuid() != 0)
+            GTEST_SKIP() << "needs root";
+        SchedulerFaults::SetUp();
+    }
+};
+
+TEST_F(OthersJob, RunsAsHimAndIsHis) {
     const passwd *other = getpwnam("daemon");
-    if (geteuid() != 0 || other == nullptr)
-        GTEST_SKIP() << "needs root, and the user daemon";
+    ASSERT_NE(other, nullptr);
     const uid_t user = other->pw_uid;
     const std::string ids = std::to_string(user) + "\n" + std::to_string(other->pw_gid) + "\nno\n";
     EXPECT_EQ(tool("acl set alpha everyone=read,change,run").status, 0);
