@@ -363,7 +363,7 @@ tbs_status_t rvzd_rgy_remove_entry(rvzd_handle_t *handle, rgy_db_t db, int64_t v
  *   TBS_ST_NOT_FOUND       no entry of the number of change `failed`
  *   TBS_ST_INVALID_ARG     the text of change `failed` is no entry, or the change says nothing; or they are too many
  *   TBS_ST_NO_ACCESS       this caller may change nothing; `failed` is 0
- *   TBS_ST_NO_MEMORY       the set has become larger than RGY_CHANGES_MAX; `failed` is 0
+ *   TBS_ST_NO_MEMORY       the set has more than RGY_CHANGES_MAX changes, or 64 MiB; `failed` is 0
  *   TBS_ST_UNSUPPORTED     the registry does not know such changes; nothing is printed
  *   else                   as for every proxy
  */

@@ -18,6 +18,7 @@ constexpr uint64_t work_of_look = 1;
 constexpr uint64_t work_of_items = 8; // to take its text apart
 constexpr size_t bytes_a_look = 64;   // of a reply
 constexpr int looks_for_standing_max = 1000;
+constexpr uint64_t set_bytes_max = 64 << 20;
 
 bool passes(const Filter &filter, const Record &record, uint64_t &work) {
     if (!filter)
@@ -192,11 +193,12 @@ Registry::Outcome Registry::change(const rvzd_registry_change_req_t &request, co
 Registry::Outcome Registry::stage(const rvzd_registry_change_req_t &request) {
     if (is_null(request.set))
         return {TBS_ST_INVALID_ARG};
-    if (request.before + static_cast<uint64_t>(request.count) > RGY_CHANGES_MAX) {
+    const auto size = store_.size_of_set(request.set);
+    if (request.before + static_cast<uint64_t>(request.count) > RGY_CHANGES_MAX || size.bytes > set_bytes_max) {
         store_.forget_set(request.set);
         return {TBS_ST_NO_MEMORY};
     }
-    if (store_.size_of_set(request.set) != request.before)
+    if (size.changes != request.before)
         return {TBS_ST_TRY_AGAIN};
     store_.add_to_set(request.set, {request.changes, static_cast<size_t>(request.count)});
     return {};
@@ -212,7 +214,7 @@ void Registry::make_all(const rvzd_registry_change_req_t &request, Outcome &outc
     };
     if ((request.flags & RGY_CHANGE_IF_UNCHANGED) != 0 && !is_same(store_.stamps(db).pair, request.dtm))
         outcome.status = TBS_ST_STALE_ID;
-    else if (is_set && store_.size_of_set(request.set) != request.before)
+    else if (is_set && store_.size_of_set(request.set).changes != request.before)
         outcome.status = TBS_ST_TRY_AGAIN;
     else if (is_set)
         store_.each_of_set(request.set, make_next);

@@ -196,20 +196,33 @@ public:
 
     void add_to_set(const tbs_uuid_t &set, std::span<const rgy_change_t> changes) override {
         constexpr int64_t sets_max = 8;
+        make_place_for_sets();
         Transaction transaction(database_);
-        const bool is_new = size_of_set(set) == 0;
-        if (is_new && number_answer(database_, "SELECT count(DISTINCT name) FROM temp.staged") >= sets_max)
-            database_.run("DELETE FROM temp.staged WHERE name = (SELECT name FROM temp.staged ORDER BY place LIMIT 1)");
+        if (size_of_set(set).changes == 0 &&
+            number_answer(database_, "SELECT count(*) FROM temp.staged_set") >= sets_max)
+            forget_oldest_set();
+        Statement(database_, "INSERT OR IGNORE INTO temp.staged_set (name, changes, bytes) VALUES (?1, 0, 0)")
+            .with(set)
+            .run();
         Statement insert(database_, "INSERT INTO temp.staged (name, id, text) VALUES (?1, ?2, ?3)");
-        for (const rgy_change_t &change : changes)
-            insert.with(set, change.entry_id, flex_text_of(change)).run();
+        uint64_t bytes = 0;
+        for (const rgy_change_t &change : changes) {
+            const std::string text = flex_text_of(change);
+            bytes += text.size();
+            insert.with(set, change.entry_id, text).run();
+        }
+        Statement(database_, "UPDATE temp.staged_set SET changes = changes + ?2, bytes = bytes + ?3 WHERE name = ?1")
+            .with(set, uint64_t{changes.size()}, bytes)
+            .run();
         transaction.commit();
     }
 
-    uint64_t size_of_set(const tbs_uuid_t &set) override {
+    SetSize size_of_set(const tbs_uuid_t &set) override {
         make_place_for_sets();
-        Statement query(database_, "SELECT count(*) FROM temp.staged WHERE name = ?1");
-        return query.with(set).step() ? static_cast<uint64_t>(query.number(0)) : 0;
+        Statement query(database_, "SELECT changes, bytes FROM temp.staged_set WHERE name = ?1");
+        if (!query.with(set).step())
+            return {};
+        return {static_cast<uint64_t>(query.number(0)), static_cast<uint64_t>(query.number(1))};
     }
 
     void each_of_set(const tbs_uuid_t &set,
@@ -223,6 +236,7 @@ public:
     void forget_set(const tbs_uuid_t &set) override {
         make_place_for_sets();
         Statement(database_, "DELETE FROM temp.staged WHERE name = ?1").with(set).run();
+        Statement(database_, "DELETE FROM temp.staged_set WHERE name = ?1").with(set).run();
     }
 
     void replace(rgy_db_t db, const std::optional<rgy_dtm_pair_t> &stamps, Contents contents) override {
@@ -313,7 +327,18 @@ private:
 
     void make_place_for_sets() {
         database_.run("CREATE TEMP TABLE IF NOT EXISTS staged (place INTEGER PRIMARY KEY, name BLOB, id INTEGER, "
-                      "text BLOB); CREATE INDEX IF NOT EXISTS temp.staged_by_name ON staged (name, place)");
+                      "text BLOB); CREATE INDEX IF NOT EXISTS temp.staged_by_name ON staged (name, place); "
+                      "CREATE TEMP TABLE IF NOT EXISTS staged_set (place INTEGER PRIMARY KEY, name BLOB UNIQUE, "
+                      "changes INTEGER, bytes INTEGER)");
+    }
+
+    void forget_oldest_set() {
+        Statement query(database_, "SELECT name FROM temp.staged_set ORDER BY place LIMIT 1");
+        if (!query.step())
+            return;
+        const tbs_uuid_t oldest = query.uuid(0);
+        query.reset();
+        forget_set(oldest);
     }
 
     // What is acknowledged has to be there after a restart, too.

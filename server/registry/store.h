@@ -110,7 +110,11 @@ public:
     // A set of changes that comes piece by piece: numbers and texts, in their order. It is not part of the data, and
     // not kept over a restart; when there are many, the oldest is forgotten.
     virtual void add_to_set(const tbs_uuid_t &set, std::span<const rgy_change_t> changes) = 0;
-    virtual uint64_t size_of_set(const tbs_uuid_t &set) = 0;
+    struct SetSize {
+        uint64_t changes = 0;
+        uint64_t bytes = 0; // of their texts
+    };
+    virtual SetSize size_of_set(const tbs_uuid_t &set) = 0;
     virtual void each_of_set(const tbs_uuid_t &set,
                              const std::function<bool(uint64_t id, const std::string &text)> &visit) = 0;
     virtual void forget_set(const tbs_uuid_t &set) = 0;

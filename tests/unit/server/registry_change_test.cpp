@@ -166,6 +166,20 @@ TEST_F(RegistryChange, OfManyRequestsIsForgottenForEightNewerOnes) {
     EXPECT_THAT(texts(), ElementsAre("-name=2;", "-name=9;"));
 }
 
+// Long texts of many sets would fill a disk.
+TEST_F(RegistryChange, OfManyRequestsHasAnEndInBytes) {
+    const std::string text = "-title=" + std::string(4000, 't') + ";";
+    const std::vector<Change> piece_of_texts(1000, Change{0, text});
+    uint32_t before = 0;
+    auto outcome = piece(1, 0, piece_of_texts);
+    while (outcome.status == TBS_ST_OK && before < 100000)
+        outcome = piece(1, before += 1000, piece_of_texts);
+    EXPECT_EQ(outcome.status, TBS_ST_NO_MEMORY);
+    EXPECT_GT(before, 10000u);
+    EXPECT_LT(before, 20000u);
+    EXPECT_EQ(piece(1, before, {}, true).status, TBS_ST_TRY_AGAIN) << "the set is gone";
+}
+
 TEST_F(RegistryChange, OfManyRequestsHasAnEnd) {
     ASSERT_EQ(piece(1, 0, {{0, "-name=a;"}}).status, TBS_ST_OK);
     EXPECT_EQ(piece(1, RGY_CHANGES_MAX, {{0, "-name=b;"}}).status, TBS_ST_NO_MEMORY);
