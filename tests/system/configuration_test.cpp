@@ -188,7 +188,7 @@ TEST(Reload, OfAFaultyFileLeavesEverythingAsItWas) {
     daemon.signal(SIGHUP);
     EXPECT_TRUE(daemon.says("(line 1): Invalid RPC program number\n")) << daemon.output();
     EXPECT_EQ(echo("alpha", program, RVZD_PROTOCOL_UDP, "y"), "y");
-    EXPECT_EQ(daemon.started().size(), 1u);
+    EXPECT_EQ(daemon.started(1).size(), 1u);
 }
 
 TEST(Reload, KeepsServersOfServicesThatStayAndEndsTheOthers) {
@@ -197,7 +197,7 @@ TEST(Reload, KeepsServersOfServicesThatStayAndEndsTheOthers) {
     Daemon daemon(site);
     ASSERT_EQ(echo("alpha", program, RVZD_PROTOCOL_UDP, "x"), "x");
     ASSERT_EQ(echo("alpha", program + 1, RVZD_PROTOCOL_UDP, "x"), "x");
-    const auto pids = daemon.started();
+    const auto pids = daemon.started(2);
     site.configure(sample_line(program, "shared", "-"));
     daemon.signal(SIGHUP);
     EXPECT_TRUE(eventually([&] { return !is_alive(pids.at(1)); })) << daemon.output();

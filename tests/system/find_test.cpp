@@ -63,7 +63,7 @@ TEST_P(ConnectBy, StartsTheServerAndGetsItsAnswer) {
     ASSERT_TRUE(daemon.is_ready()) << daemon.output();
     EXPECT_EQ(echo(GetParam().host, program, GetParam().transport, "good day"), "good day") << daemon.output();
     EXPECT_EQ(echo(GetParam().host, program, GetParam().transport, "and again"), "and again");
-    EXPECT_EQ(daemon.started().size(), 1u);
+    EXPECT_EQ(daemon.started(1).size(), 1u);
 }
 
 TEST_P(ConnectBy, LeavesNoDescriptorBehindItsClient) {
@@ -105,7 +105,7 @@ TEST(Find, OfManyClientsAtOnceStartsTheServerOnce) {
     }
     for (size_t i = 0; i < clients; ++i)
         EXPECT_EQ(processes[i]->wait(), 0) << site.read("client-" + std::to_string(i));
-    EXPECT_EQ(daemon.started().size(), 1u) << daemon.output();
+    EXPECT_EQ(daemon.started(1).size(), 1u) << daemon.output();
 }
 
 TEST(Find, OfAnUnknownServerIsNotFoundAndTold) {
@@ -131,7 +131,7 @@ TEST(Find, DedicatedServersAreOneForEachUuidAndPath) {
     ASSERT_EQ(one.status, TBS_ST_OK) << daemon.output();
     EXPECT_EQ((std::set{port_in(one), port_in(other_path), port_in(other_uuid)}.size()), 3u);
     EXPECT_EQ(port_in(again), port_in(one));
-    EXPECT_EQ(daemon.started().size(), 3u);
+    EXPECT_EQ(daemon.started(3).size(), 3u);
 }
 
 TEST(Find, BusySharedServerGetsACompanionUpToTheMaximum) {
@@ -165,7 +165,7 @@ TEST(Find, OfAServerThatNeverRegistersFailsAndKillsIt) {
     Daemon daemon(site);
     Handle handle;
     EXPECT_EQ(find(handle, program).status, TBS_ST_ERROR);
-    ASSERT_EQ(daemon.started().size(), 1u);
+    ASSERT_EQ(daemon.started(1).size(), 1u);
     EXPECT_TRUE(eventually([&] { return !is_alive(daemon.started().front()); }));
     EXPECT_TRUE(daemon.says("exited due to signal 9\n")) << daemon.output();
     EXPECT_TRUE(daemon.says("died on startup; marking it as \"down\"."));

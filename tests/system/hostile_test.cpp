@@ -270,5 +270,5 @@ TEST_F(Hostile, CallSentAgainIsAnsweredAgainAndRunOnce) {
     EXPECT_FALSE(socket.receive(0.2)) << "one answer for a call that was sent while it was worked on";
     ASSERT_TRUE(socket.send(message));
     EXPECT_EQ(socket.receive(), first);
-    EXPECT_EQ(daemon->started().size(), 1u);
+    EXPECT_EQ(daemon->started(1).size(), 1u);
 }

@@ -34,7 +34,7 @@ struct Supervision : testing::Test {
 TEST_F(Supervision, ServersGoDownWhenTheDaemonIsKilled) {
     serve(sample_line(program, "shared", "-"));
     ASSERT_EQ(echo("alpha", program, RVZD_PROTOCOL_UDP, "x"), "x");
-    const pid_t server = daemon->started().at(0);
+    const pid_t server = daemon->started(1).at(0);
     ASSERT_TRUE(is_alive(server));
     daemon->signal(SIGKILL);
     ASSERT_EQ(daemon->wait(), 128 + SIGKILL);
@@ -44,7 +44,7 @@ TEST_F(Supervision, ServersGoDownWhenTheDaemonIsKilled) {
 TEST_F(Supervision, TerminationEndsServersAndThenTheDaemon) {
     serve(sample_line(program, "shared", "-"));
     ASSERT_EQ(echo("alpha", program, RVZD_PROTOCOL_TCP, "x"), "x");
-    const pid_t server = daemon->started().at(0);
+    const pid_t server = daemon->started(1).at(0);
     daemon->signal(SIGTERM);
     EXPECT_EQ(daemon->wait(), 0) << daemon->output();
     EXPECT_FALSE(is_alive(server));
@@ -54,35 +54,35 @@ TEST_F(Supervision, TerminationEndsServersAndThenTheDaemon) {
 
 TEST_F(Supervision, TerminationKillsAServerThatWillNotGo) {
     serve(script_line(program, "resident", "start=60", "trap '' TERM; exec sleep 1000"));
-    ASSERT_TRUE(eventually([&] { return daemon->started().size() == 1; }));
+    ASSERT_EQ(daemon->started(1).size(), 1u);
     daemon->signal(SIGTERM);
     daemon->signal(SIGTERM); // the administrator is in a hurry
     EXPECT_EQ(daemon->wait(), 0) << daemon->output();
-    EXPECT_FALSE(is_alive(daemon->started().at(0)));
+    EXPECT_FALSE(is_alive(daemon->started(1).at(0)));
 }
 
 TEST_F(Supervision, IdleServerIsEndedAndStartedAgainOnDemand) {
     serve(sample_line(program, "shared", "idle=1"));
     ASSERT_EQ(echo("alpha", program, RVZD_PROTOCOL_UDP, "x"), "x");
-    const pid_t server = daemon->started().at(0);
+    const pid_t server = daemon->started(1).at(0);
     EXPECT_TRUE(daemon->says("(" + std::to_string(server) + ") exited\n")) << daemon->output();
     EXPECT_EQ(echo("alpha", program, RVZD_PROTOCOL_UDP, "y"), "y");
-    EXPECT_EQ(daemon->started().size(), 2u);
+    EXPECT_EQ(daemon->started(2).size(), 2u);
 }
 
 TEST_F(Supervision, ServerKilledBySignalIsToldAndReplaced) {
     serve(sample_line(program, "shared", "-"));
     ASSERT_EQ(echo("alpha", program, RVZD_PROTOCOL_UDP, "x"), "x");
-    kill(daemon->started().at(0), SIGUSR1);
+    kill(daemon->started(1).at(0), SIGUSR1);
     EXPECT_TRUE(daemon->says("exited due to signal " + std::to_string(SIGUSR1) + "\n")) << daemon->output();
     EXPECT_EQ(echo("alpha", program, RVZD_PROTOCOL_UDP, "y"), "y");
 }
 
 TEST_F(Supervision, ResidentServerStartsWithTheDaemon) {
     serve(sample_line(program, "resident", "-"));
-    EXPECT_EQ(daemon->started().size(), 1u);
+    EXPECT_EQ(daemon->started(1).size(), 1u);
     EXPECT_EQ(echo("alpha", program, RVZD_PROTOCOL_UDP, "x"), "x");
-    EXPECT_EQ(daemon->started().size(), 1u);
+    EXPECT_EQ(daemon->started(1).size(), 1u);
 }
 
 TEST_F(Supervision, ResidentServerIsRestartedUntilItsRestartsAreUsedUp) {
@@ -90,7 +90,7 @@ TEST_F(Supervision, ResidentServerIsRestartedUntilItsRestartsAreUsedUp) {
     EXPECT_TRUE(daemon->says("Automatic restart of server \"/bin/sh\" has been disabled: maximum number of restarts "
                              "exceeded\n"))
         << daemon->output();
-    EXPECT_EQ(daemon->started().size(), 3u);
+    EXPECT_EQ(daemon->started(3).size(), 3u);
     // Enabling it by hand begins anew.
     ASSERT_EQ(rvzd_toggle_server_restart(1, "sh"), TBS_ST_OK) << daemon->output();
     EXPECT_TRUE(eventually([&] { return daemon->started().size() > 3; }));
@@ -118,7 +118,7 @@ TEST_F(Supervision, ServerThatDoesNotTakeItsCallIsMarkedDown) {
     Handle handle;
     const Found found = find(handle, program);
     ASSERT_EQ(found.status, TBS_ST_OK);
-    kill(daemon->started().at(0), SIGSTOP);
+    kill(daemon->started(1).at(0), SIGSTOP);
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_in to = {};
     to.sin_family = AF_INET;
@@ -127,7 +127,7 @@ TEST_F(Supervision, ServerThatDoesNotTakeItsCallIsMarkedDown) {
     ASSERT_EQ(sendto(fd, "call", 4, 0, reinterpret_cast<sockaddr *>(&to), sizeof to), 4);
     close(fd);
     EXPECT_TRUE(daemon->says("never went busy (may be looping); marking it as \"down\".\n")) << daemon->output();
-    const pid_t server = daemon->started().at(0);
+    const pid_t server = daemon->started(1).at(0);
     kill(server, SIGCONT);
     EXPECT_TRUE(eventually([&] { return !is_alive(server); }));
 }
@@ -144,9 +144,9 @@ TEST_F(Supervision, LookingAServerUpDoesItNoHarm) {
         EXPECT_TRUE(eventually([&] { return state() == "\"idle\""; })) << daemon->output();
     }
     EXPECT_EQ(daemon->count("looping"), 0u) << daemon->output();
-    EXPECT_EQ(daemon->started().size(), 1u);
+    EXPECT_EQ(daemon->started(1).size(), 1u);
     EXPECT_EQ(echo("alpha", program, RVZD_PROTOCOL_UDP, "x"), "x");
-    EXPECT_EQ(daemon->started().size(), 1u) << daemon->output();
+    EXPECT_EQ(daemon->started(1).size(), 1u) << daemon->output();
 }
 
 TEST_F(Supervision, ServerKnownToWorkIsNotTouchedByALookUpEither) {
@@ -154,9 +154,9 @@ TEST_F(Supervision, ServerKnownToWorkIsNotTouchedByALookUpEither) {
     ASSERT_EQ(echo("alpha", program, RVZD_PROTOCOL_UDP, "x"), "x");
     ASSERT_EQ(run_apart(site, {VELIACTL, "server", "find", "alpha", "--prog", std::to_string(program)}).status, 0);
     EXPECT_EQ(daemon->count("looping"), 0u) << daemon->output();
-    EXPECT_TRUE(is_alive(daemon->started().at(0)));
+    EXPECT_TRUE(is_alive(daemon->started(1).at(0)));
     EXPECT_EQ(echo("alpha", program, RVZD_PROTOCOL_UDP, "y"), "y");
-    EXPECT_EQ(daemon->started().size(), 1u);
+    EXPECT_EQ(daemon->started(1).size(), 1u);
 }
 
 TEST_F(Supervision, ReportsFromUnknownProcessesAreToldAndRefused) {

@@ -362,7 +362,7 @@ TEST_F(TrustTest, ACallerWhoClosesItsSocketAtOnceIsNobody) {
     const std::string state = state_of_scheduler();
     EXPECT_EQ(state, "good 0 0;0=1;");
     ASSERT_TRUE(eventually([] { return echo("alpha", program, RVZD_PROTOCOL_UDP, "x") == "x"; })) << daemon->output();
-    const Mischief mischief = {daemon->started().at(0), stamps_of_regions()};
+    const Mischief mischief = {daemon->started(1).at(0), stamps_of_regions()};
     for (const SpeaksOver road : {SpeaksOver::HOST, SpeaksOver::UDP, SpeaksOver::TCP})
         for (const Claims claims : {Claims::NOTHING, Claims::NOBODY, Claims::ROOT}) {
             const Asker asker = {other_user, road, "127.0.0.1", claims};
@@ -381,7 +381,7 @@ TEST_F(TrustTest, ACallerWhoClosesItsSocketAtOnceIsNobody) {
     EXPECT_EQ(names_of(RGY_DB_REGIONS), std::vector<std::string>{});
     EXPECT_EQ(backup_hosts(), "");
     EXPECT_EQ(echo("alpha", program, RVZD_PROTOCOL_UDP, "x"), "x");
-    EXPECT_EQ(daemon->started().size(), 1U)
+    EXPECT_EQ(daemon->started(1).size(), 1U)
         << "its server was ended, or another one is preferred: " << daemon->output();
     EXPECT_EQ(find(Handle(), program + 1).status, TBS_ST_NOT_FOUND) << "a registration was taken";
     EXPECT_EQ(state_of_scheduler(), state);
@@ -405,7 +405,7 @@ TEST_F(TrustTest, NoProcessReportsInTheNameOfAnother) {
     site.configure("udp resident 390600 1 - - - " SAMPLE_SERVER " --prog 390600\n");
     serve(0);
     ASSERT_TRUE(eventually([] { return echo("alpha", program, RVZD_PROTOCOL_UDP, "x") == "x"; })) << daemon->output();
-    const pid_t server_pid = daemon->started().at(0);
+    const pid_t server_pid = daemon->started(1).at(0);
     const auto told = told_as(other_user, [&] {
         std::ostringstream statuses;
         for (const SpeaksOver road : {SpeaksOver::HOST, SpeaksOver::UDP, SpeaksOver::TCP}) {
@@ -421,7 +421,7 @@ TEST_F(TrustTest, NoProcessReportsInTheNameOfAnother) {
         refused += std::to_string(TBS_ST_NO_ACCESS) + " ";
     EXPECT_EQ(told, refused);
     EXPECT_EQ(echo("alpha", program, RVZD_PROTOCOL_UDP, "x"), "x");
-    EXPECT_EQ(daemon->started().size(), 1U) << "it was ended: " << daemon->output();
+    EXPECT_EQ(daemon->started(1).size(), 1U) << "it was ended: " << daemon->output();
 }
 
 // Of itself anybody may report, but not as a program that the configuration gives to another user.
@@ -651,7 +651,7 @@ TEST_F(TrustTest, AServerThatTheDaemonStartedMayReportOverIp) {
                    " exec " SAMPLE_SERVER " --prog 390600 $1\" sh\n");
     serve(0);
     EXPECT_TRUE(eventually([] { return echo("alpha", program, RVZD_PROTOCOL_UDP, "x") == "x"; })) << daemon->output();
-    const pid_t server_pid = daemon->started().at(0);
+    const pid_t server_pid = daemon->started(1).at(0);
     for (const SpeaksOver road : {SpeaksOver::UDP, SpeaksOver::TCP}) {
         const Speaker speaker(site, road, Claims::ROOT);
         EXPECT_EQ(speaker.ask(procedures::server_idle, {{}, server_pid, 1}), TBS_ST_NO_ACCESS) << "another's socket";

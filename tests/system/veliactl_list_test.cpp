@@ -147,7 +147,7 @@ TEST_F(VeliactlList, TellsAllOfAServer) {
     EXPECT_EQ(found[0]["proto"], "udp");
     EXPECT_THAT(found[0]["address"].text(), StartsWith("127.0.0.1:"));
     EXPECT_EQ(found[0]["state"], "offered");
-    EXPECT_EQ(found[0]["pid"], daemon->started().at(0));
+    EXPECT_EQ(found[0]["pid"], daemon->started(1).at(0));
     EXPECT_EQ(found[0]["uuid"], "00000000-0000-0000-0000-000000000000");
 }
 
@@ -170,7 +170,7 @@ TEST_F(VeliactlList, PassesThroughEachFilter) {
         {{"--proto", "udp"}, 2},
         {{"--proto", "tcp"}, 1},
         {{"--port", port}, 1},
-        {{"--pid", std::to_string(daemon->started().at(1))}, 1},
+        {{"--pid", std::to_string(daemon->started(2).at(1))}, 1},
         {{"--uuid", "00000000-0000-0000-0000-000000000000"}, 3},
         {{"--uuid", "0b5f8a52-7d1a-4c39-9d54-1a2b3c4d5e6f"}, 0},
         {{"--name", ""}, 3},
@@ -215,7 +215,7 @@ TEST_F(VeliactlList, WatchingTellsWhatIsThereAndWhatStartsAndEnds) {
     ASSERT_TRUE(watch.comes_to_say("\"present\"")) << watch.errors();
     start_server(first_program);
     ASSERT_TRUE(watch.comes_to_say("\"started\"")) << watch.output();
-    kill(daemon->started().at(0), SIGKILL);
+    kill(daemon->started(1).at(0), SIGKILL);
     ASSERT_TRUE(watch.comes_to_say("\"ended\"")) << watch.output();
     EXPECT_EQ(watch.end(SIGINT), INTERRUPTED);
     const auto told = objects_of(watch.output());

@@ -198,7 +198,7 @@ TEST_F(Veliactl, FindStartsTheServerAndTellsItsAddress) {
     const auto object = Json::parse(outcome.output)[0];
     EXPECT_EQ(object["prog"], program);
     EXPECT_EQ(object["proto"], "tcp");
-    EXPECT_EQ(daemon->started().size(), 1u);
+    EXPECT_EQ(daemon->started(1).size(), 1u);
 }
 
 TEST_F(Veliactl, FindOfAnUnknownServerFailsAndSaysWhich) {

@@ -64,7 +64,8 @@ bool Daemon::says(const std::string &text, double deadline_s) const {
     return eventually([&] { return count(text) > 0; }, deadline_s);
 }
 
-std::vector<pid_t> Daemon::started() const {
+std::vector<pid_t> Daemon::started(size_t awaited) const {
+    eventually([&] { return count(start_words) >= awaited; });
     const auto all = output();
     std::vector<pid_t> pids;
     for (auto at = all.find(start_words); at != std::string::npos; at = all.find(start_words, at + 1))

@@ -24,8 +24,9 @@ public:
     size_t count(const std::string &text) const;
     bool says(const std::string &text, double deadline_s = 10) const;
 
-    // Processes of the servers it told of starting, in that order.
-    std::vector<pid_t> started() const;
+    // Processes of the servers it told of starting, in that order. It tells from a thread of its own, so that an answer
+    // may be here before the line: `awaited` of them are waited for.
+    std::vector<pid_t> started(size_t awaited = 0) const;
 
 private:
     const Site &site_;
