@@ -51,7 +51,8 @@ bool read_bits(const Name &name, uint32_t &bits) {
 
 bool value_of(const Name &name, const strutl_flag_item_t *table, size_t count, uint32_t &value) {
     for (size_t i = 0; i < count; ++i) {
-        if (strlen(table[i].name) == name.length && strncasecmp(table[i].name, name.begin, name.length) == 0) {
+        const char *candidate = table[i].name;
+        if (strncasecmp(candidate, name.begin, name.length) == 0 && candidate[name.length] == '\0') {
             value = table[i].value;
             return true;
         }

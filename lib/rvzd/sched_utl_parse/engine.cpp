@@ -34,12 +34,17 @@ bool is_blank(char character) {
     return character == ' ' || (character >= '\t' && character <= '\r');
 }
 
+// Most characters are told from an end by one comparison.
+bool is_in_word(char character) {
+    return static_cast<unsigned char>(character) > ' ' || (character != '\0' && !is_blank(character));
+}
+
 Word first_word(const char *text) {
     Word word = {0, 0};
     while (is_blank(text[word.at]))
         ++word.at;
     const char *begin = text + word.at;
-    while (begin[word.length] != '\0' && !is_blank(begin[word.length]))
+    while (is_in_word(begin[word.length]))
         ++word.length;
     word.length = std::min(word.length, tag_size - 1);
     return word;
@@ -70,25 +75,27 @@ bool may_be_same(char left, char right) {
     return ((left ^ right) & ~case_bit) == 0;
 }
 
-// Where they may be the same, up to the end of the beginning; most tags differ from it early.
-bool may_begin_with(const char *tag, const char *beginning, size_t &length) {
-    for (length = 0; beginning[length] != '\0'; ++length)
-        if (!may_be_same(tag[length], beginning[length]))
-            return false;
-    return true;
-}
-
+// The same bytes are the same for every comparison: the locale's is asked about others only.
 bool begins_with(const Split &parts, const char *beginning) {
     size_t length = 0;
-    if (!may_begin_with(parts.tag, beginning, length))
-        return false;
+    while (beginning[length] != '\0' && parts.tag[length] == beginning[length])
+        ++length;
+    if (beginning[length] == '\0')
+        return true;
+    for (; beginning[length] != '\0'; ++length)
+        if (!may_be_same(parts.tag[length], beginning[length]))
+            return false;
     char begun[tag_size];
     return strutl_stricoll(strutl_ncpy(begun, parts.tag, length), beginning) == 0;
 }
 
+bool is_any(const char *tag) {
+    return tag[0] == any_tag[0] && tag[1] == '\0';
+}
+
 bool is_tag(const Split &parts, const char *expected) {
-    size_t length = 0;
-    return may_begin_with(parts.tag, expected, length) && strutl_stricoll(parts.tag, expected) == 0;
+    return strcmp(parts.tag, expected) == 0 ||
+           (begins_with(parts, expected) && strutl_stricoll(parts.tag, expected) == 0);
 }
 
 // What is no file of definitions by its kind or size is told in the reader's own words.
@@ -157,7 +164,7 @@ tbs_status_t expected_another(const parse_state_t *state, const char *tag) {
 
 const parse_tag_action_t *row_for(const Split &parts, uint32_t count, const parse_tag_action_t *table) {
     for (uint32_t i = 0; i < count; ++i)
-        if (strcmp(table[i].tag, any_tag) == 0 || begins_with(parts, table[i].tag))
+        if (is_any(table[i].tag) || begins_with(parts, table[i].tag))
             return &table[i];
     return nullptr;
 }
@@ -244,7 +251,7 @@ tbs_status_t parse_unget_cur_line(parse_state_t *state) {
 tbs_status_t parse_cur_match(parse_state_t *state, bool is_required, const char *expected_tag, parse_action_t action) {
     Split parts;
     split(state, parts);
-    if (strcmp(expected_tag, any_tag) == 0 || is_tag(parts, expected_tag))
+    if (is_any(expected_tag) || is_tag(parts, expected_tag))
         return action != nullptr ? action(state, parts.tag, parts.value) : tbs_status_t{TBS_ST_OK};
     return is_required ? expected_another(state, expected_tag) : parse_unget_cur_line(state);
 }

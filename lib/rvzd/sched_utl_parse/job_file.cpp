@@ -104,7 +104,7 @@ bool keep_followed_name(JobFile &file) {
 tbs_status_t store_job(JobFile &file) {
     parse_state_t *state = file.state;
     const bool is_stored = with_inhibit([&] {
-        if (!make_room(file.jobs, file.count) || !make_room(file.known, stored(file)) || !keep_followed_name(file))
+        if (!make_room(file.jobs, file.count) || !make_room(file.known) || !keep_followed_name(file))
             return false;
         file.jobs[file.count] = state->job_rec;
         note(file.known, stored(file), file.count++);

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include <common/leading_number.h>
 #include <support/strutl.h>
 #include <veliaxdr/sched_check.h>
 #include <veliaxdr/sched_handle.h>
@@ -26,13 +27,14 @@ sched_common_sched_t &common_of(parse_state_t *state) {
 // A value begins with the blank behind its tag, which only the last form passes over: so "0x10" reads as 0.
 tbs_status_t parse_frequency(const parse_state_t *state, const char *value, int32_t &frequency) {
     uint32_t number = 0;
-    for (const char *form : {"0x%x", "0%o", "%u"})
-        if ((*form == '%' || *form == *value) &&
-            sscanf(value, form, &number) == 1) { // NOLINT(cert-err34-c): a value may only begin with one
-            frequency = static_cast<int32_t>(number);
-            return TBS_ST_OK;
-        }
-    return refuse(state, SCHED_MSG_ILLEGAL_NUMBER);
+    bool is_read = false;
+    for (const char *form : {"0x%x", "0%o"})
+        if (!is_read && *value == '0')
+            is_read = sscanf(value, form, &number) == 1; // NOLINT(cert-err34-c): a value may only begin with one
+    if (!is_read && !read_leading_number(value, number))
+        return refuse(state, SCHED_MSG_ILLEGAL_NUMBER);
+    frequency = static_cast<int32_t>(number);
+    return TBS_ST_OK;
 }
 
 tbs_status_t jparse_add_monthly_sched_freq(parse_state_t *state, const char * /*tag*/, char *value) {
@@ -62,7 +64,7 @@ tbs_status_t jparse_add_monthly_sched_days(parse_state_t *state, const char * /*
     sched_monthly_sched_t &monthly = schedule_of(state).u.monthly;
     const char *text = stripped(value);
     uint32_t number = 0;
-    if (sscanf(text, "%u", &number) == 1) { // NOLINT(cert-err34-c): "2nd" begins with one
+    if (read_leading_number(text, number)) { // as "2nd" does
         monthly.day_spec_kind = SCHED_MONTHLY_DAY_NUMBER;
         monthly.day.number = number;
         return TBS_ST_OK;
@@ -94,13 +96,18 @@ tbs_status_t jparse_add_seq_sched_follows(parse_state_t *state, const char * /*t
     return TBS_ST_OK;
 }
 
+bool take_colon(const char *&text) {
+    return *text++ == ':';
+}
+
 tbs_status_t parse_time_of_day(const parse_state_t *state, const char *value, uint32_t &time) {
     uint32_t hours = 0;
     uint32_t minutes = 0;
     uint32_t seconds = 0;
-    // NOLINTNEXTLINE(cert-err34-c): what does not fit is beyond its bound in any case
-    const int count = sscanf(value, "%u:%u:%u", &hours, &minutes, &seconds);
-    if (count != 3 || hours >= 24 || minutes >= 60 || seconds >= 60)
+    const char *text = value;
+    const bool is_read = take_leading_number(text, hours) && take_colon(text) && take_leading_number(text, minutes) &&
+                         take_colon(text) && take_leading_number(text, seconds);
+    if (!is_read || hours >= 24 || minutes >= 60 || seconds >= 60)
         return refuse(state, SCHED_MSG_ILLEGAL_TIME_OF_DAY, value);
     time = (hours * 60 + minutes) * 60 + seconds;
     return TBS_ST_OK;

@@ -6,9 +6,15 @@
 
 namespace velia::sched_utl_parse {
 
+// A definition by its place and what its key hashes to, so that few definitions have to be looked at.
+struct Slot {
+    uint32_t place_and_one; // 0: free
+    uint32_t hash;
+};
+
 // Places of definitions in their array, found by a key of theirs. Zeros are an empty one.
 struct Places {
-    uint32_t *slots; // a place and one, 0: free; never more than half of them are taken
+    Slot *slots; // never more than half of them are taken
     uint32_t slot_count;
     uint32_t taken;
 };
@@ -32,7 +38,7 @@ Taken taken_by(const Known &known, const Definitions &definitions, uint32_t id, 
 
 // Room for one definition more; false without storage, and then nothing has changed. Raises are the caller's to hold
 // off, here and below.
-bool make_room(Known &known, const Definitions &definitions);
+bool make_room(Known &known);
 
 // Notes the definition that stands at that place, behind make_room.
 void note(Known &known, const Definitions &definitions, uint32_t place);

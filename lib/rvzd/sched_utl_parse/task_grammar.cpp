@@ -103,7 +103,7 @@ bool is_duplicate(const TaskFile &file) {
 
 tbs_status_t store_task(TaskFile &file) {
     const bool is_stored = with_inhibit([&] {
-        if (!make_room(file.tasks, file.count) || !make_room(file.known, stored(file)))
+        if (!make_room(file.tasks, file.count) || !make_room(file.known))
             return false;
         file.tasks[file.count] = file.state->task_rec;
         note(file.known, stored(file), file.count++);
