@@ -225,6 +225,7 @@ tbs_status_t parse_next_line(parse_state_t *state, bool skip_comments, bool eof_
         if (outcome != FileOutcome::ok)
             return tell_file_error(TBS_MSG_CANNOT_READ, state, outcome);
     } while (skip_comments && is_comment(state));
+    ++state->deliveries;
     return TBS_ST_OK;
 }
 

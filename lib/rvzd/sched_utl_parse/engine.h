@@ -29,7 +29,10 @@ struct parse_state {
     bool owes_empty_line;          // a line as long as `line` was whole; its end comes as a line of its own
     sched_notify_info_t jparse_ni; // the notification that is being read
     sched_reading_t *reading;      // null: as the described language is read
-    char **exact_text;             // that goes on with a line of more; null: none does
+    uint32_t deliveries;           // of lines to who reads them, which comments are not
+    char **exact_text;             // that goes on with a line of more, if that is the next one; null: none does
+    size_t exact_length;           // how long it is by then
+    uint32_t exact_delivery;       // of the line that it ends with
     size_t tag_at;                 // where in the current line its tag begins
     size_t tag_length;             // 0: it has none
     char date_word[24];            // that was read last as a date, which dates of a file often are again

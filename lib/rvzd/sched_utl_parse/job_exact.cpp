@@ -59,6 +59,8 @@ bool set_text(parse_state_t *state, char **slot, const char *text) {
         stg_free(*slot);
         *slot = copy;
         state->exact_text = slot;
+        state->exact_length = strlen(text);
+        state->exact_delivery = state->deliveries;
         return true;
     });
 }
@@ -80,14 +82,18 @@ bool append_text(parse_state_t *state, char **&array, Count &count, const char *
     });
 }
 
-bool lengthen(char *&text, const char *by) {
+// What is there already is not looked at: it may have come in thousands of lines.
+bool lengthen_exact_text(parse_state_t *state, const char *by) {
     return with_inhibit([&] {
-        const size_t size = strlen(text) + strlen(by) + 1;
-        auto *grown = static_cast<char *>(stg_realloc(text, size));
+        const size_t added = strlen(by);
+        auto *grown = static_cast<char *>(stg_realloc(*state->exact_text, state->exact_length + added + 1));
         if (grown == nullptr)
             return false;
-        text = grown;
-        return strutl_concat(text, size, 2, text, by) == 0;
+        *state->exact_text = grown;
+        memcpy(grown + state->exact_length, by, added + 1);
+        state->exact_length += added;
+        state->exact_delivery = state->deliveries;
+        return true;
     });
 }
 
@@ -127,9 +133,9 @@ tbs_status_t jparse_exact_arg(parse_state_t *state, const char * /*tag*/, char *
 }
 
 tbs_status_t jparse_exact_more(parse_state_t *state, const char *tag, char *value) {
-    if (state->exact_text == nullptr)
+    if (state->exact_text == nullptr || state->exact_delivery + 1 != state->deliveries)
         return refuse(state, SCHED_MSG_EXPECTED_TAG, tag);
-    return with_text(state, value, [&](const char *text) { return lengthen(*state->exact_text, text); });
+    return with_text(state, value, [&](const char *text) { return lengthen_exact_text(state, text); });
 }
 
 tbs_status_t jparse_exact_run_time(parse_state_t *state, const char * /*tag*/, char *value) {

@@ -4,8 +4,10 @@
 #include <cli/definitions.h>
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -208,6 +210,27 @@ TEST(Definitions, ExactTextsHaveTheirEscapes) {
     EXPECT_STREQ(file.jobs()[0].job->rw.name, "aA\n\\\"qxg b");
 }
 
+TEST(Definitions, LinesOfMoreGoOnWithTheLineBeforeThemAndNoOther) {
+    const std::string begin = "Job.RunCntl.Name: \"a long name\"\n";
+    const JobFile file("a.jobs", job(begin + "# that goes on\n\nJob.RunCntl.More: \" here\"\n"), any_task);
+    ASSERT_EQ(file.jobs().size(), 1U);
+    EXPECT_STREQ(file.jobs()[0].job->rw.name, "a long name here");
+    EXPECT_THAT(finding_of(job(begin + "Job.Name: b\nJob.RunCntl.More: \"c\"\n")), StartsWith("a.jobs:7:1: "));
+}
+
+TEST(Definitions, ATextOfManyLinesIsWhole) {
+    std::string lines = "Job.RunCntl.Name: \"begin\"\n";
+    std::string name = "begin";
+    for (int i = 0; i < 5000; ++i) {
+        const std::string piece(i % 7, static_cast<char>('a' + i % 26));
+        lines += "Job.RunCntl.More: \"" + piece + "\"\n";
+        name += piece;
+    }
+    const JobFile file("a.jobs", job(lines), any_task);
+    ASSERT_EQ(file.jobs().size(), 1U);
+    EXPECT_EQ(file.jobs()[0].job->rw.name, name);
+}
+
 TEST(Definitions, ExactArgumentsFollowThoseOfTheLine) {
     const JobFile file("a.jobs", job("Job.Args: a b c\nJob.RunCntl.Arg: \"d\"\nJob.RunCntl.Arg: \"e\"\n"), any_task);
     ASSERT_EQ(file.jobs().size(), 1U);
@@ -255,6 +278,26 @@ TEST(DefinitionForm, KeepsLinesThatArePassedOverAndBlocks) {
         "    Job.LastCompletionInfo.Ended: x\n    Job.LastCompletionInfo.ExitStatus: 0x0\n"
         "    Job.LastCompletionInfo.Messages.Begin:\n# kept \n    Job.LastCompletionInfo.Messages.End:\nJob.End\n";
     EXPECT_EQ(format(text), text);
+}
+
+TEST_F(DefinitionFiles, ThatChangeWhileTheyAreReadAreRefused) {
+    write(std::string(4 << 20, '\n'));
+    std::atomic<bool> is_over = false;
+    std::thread writer([&] {
+        std::ofstream out(path, std::ios::binary | std::ios::app);
+        while (!is_over)
+            out << "# more\n" << std::flush;
+    });
+    constexpr int tries = 1000; // a reader may be quicker than the writer's next line
+    Findings findings;
+    for (int i = 0; i < tries && findings.empty(); ++i) {
+        std::string text;
+        read_text_file(path, text, findings);
+    }
+    is_over = true;
+    writer.join();
+    ASSERT_EQ(findings.size(), 1U);
+    EXPECT_EQ(findings[0].message, "the file was changed while it was read");
 }
 
 TEST_F(DefinitionFiles, ThatAreNoneAreRefusedByTheirKindAndSize) {
