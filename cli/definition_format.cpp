@@ -217,17 +217,15 @@ struct Piece {
     std::string text;
 };
 
-using Lines = std::vector<std::string_view>;
-
 // The lines of a block as they stand; moves `at` to its end, whose line is written by its tag.
-std::string block_of(const Lines &lines, size_t &at, const char *end_tag) {
+std::string block_of(const TextLines &lines, size_t &at, const char *end_tag) {
     std::string text;
     for (++at; !begins_with(words_of(lines[at]).tag, end_tag); ++at)
         text += std::string(lines[at]) + "\n";
     return text + "    " + end_tag + "\n";
 }
 
-Piece piece_of(const Lines &lines, size_t &at) {
+Piece piece_of(const TextLines &lines, size_t &at) {
     const Words words = words_of(lines[at]);
     const Tag *tag = tag_of(words.tag);
     Piece piece;
@@ -246,7 +244,7 @@ Piece piece_of(const Lines &lines, size_t &at) {
 }
 
 // One that is known by its beginning only stays behind the line before it.
-std::vector<Piece> pieces_of(const Lines &lines, size_t first, size_t last, std::string &trailing) {
+std::vector<Piece> pieces_of(const TextLines &lines, size_t first, size_t last, std::string &trailing) {
     std::vector<Piece> pieces;
     std::string comments;
     for (size_t at = first + 1; at < last; ++at) {
@@ -269,7 +267,7 @@ std::string framed(const char *tag, std::string_view line) {
     return tag + (value.empty() ? "" : " " + value) + "\n";
 }
 
-std::string definition_text(const Lines &lines, size_t first, size_t last, bool is_sorted) {
+std::string definition_text(const TextLines &lines, size_t first, size_t last, bool is_sorted) {
     std::string trailing;
     auto pieces = pieces_of(lines, first, last, trailing);
     if (is_sorted)
@@ -282,7 +280,7 @@ std::string definition_text(const Lines &lines, size_t first, size_t last, bool 
 }
 
 std::string file_text(const JobFile &file, bool is_sorted) {
-    const Lines lines = lines_of_text(file.text());
+    const TextLines &lines = file.lines();
     std::string text;
     size_t at = 0;
     for (const auto &job : file.jobs()) {

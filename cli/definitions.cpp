@@ -118,8 +118,9 @@ using Span = std::pair<uint32_t, uint32_t>;
 // One reading of a text by the library, with what it tells.
 class Reading {
 public:
-    Reading(const std::string &path, const std::string &text, const TaskFinder &find_task, Findings &findings)
-        : path_(path), lines_(lines_of_text(text)), find_task_(find_task), findings_(findings), file_(text) {
+    Reading(const std::string &path, const std::string &text, const TextLines &lines, const TaskFinder &find_task,
+            Findings &findings)
+        : path_(path), lines_(lines), find_task_(find_task), findings_(findings), file_(text) {
         words_.context = this;
         words_.find_task = [](void *context, const char *name, sched_task_id_t *id) {
             const bool is_one = static_cast<Reading *>(context)->find_task_(name, *id);
@@ -168,7 +169,7 @@ private:
     }
 
     const std::string &path_;
-    std::vector<std::string_view> lines_;
+    const TextLines &lines_;
     const TaskFinder &find_task_;
     Findings &findings_;
     MemoryFile file_;
@@ -226,8 +227,8 @@ bool read_text_file(const std::string &path, std::string &text, Findings &findin
     return fault.empty();
 }
 
-std::vector<std::string_view> lines_of_text(std::string_view text) {
-    std::vector<std::string_view> lines;
+TextLines lines_of_text(std::string_view text) {
+    TextLines lines;
     while (!text.empty()) {
         const size_t end = std::min(text.find('\n'), text.size());
         if (end >= piece_bytes) {
@@ -266,7 +267,8 @@ JobFile::JobFile(std::string name, std::string text, const TaskFinder &find_task
 }
 
 void JobFile::read(const TaskFinder &find_task) {
-    Reading reading(path_, text_, find_task, findings_);
+    lines_ = lines_of_text(text_);
+    Reading reading(path_, text_, lines_, find_task, findings_);
     reading.run([&](const char *path, sched_reading_t *words) {
         return sched_utl_read_job_definitions(nullptr, path, words, &count_, &jobs_, &followed_);
     });
@@ -284,7 +286,8 @@ TaskFile::TaskFile(const std::string &path) {
     std::string text;
     if (!read_text_file(path, text, findings_))
         return;
-    Reading reading(path, text, any_task, findings_);
+    const TextLines lines = lines_of_text(text);
+    Reading reading(path, text, lines, any_task, findings_);
     reading.run([&](const char *from, sched_reading_t *words) {
         return sched_utl_read_task_definitions(nullptr, from, words, &count_, &tasks_);
     });
@@ -297,7 +300,7 @@ TaskFile::~TaskFile() {
 }
 
 Finding finding_at(const JobFile &file, const JobDefinition &job, const char *tag, std::string message) {
-    const auto lines = lines_of_text(file.text());
+    const TextLines &lines = file.lines();
     for (uint32_t number = job.first_line; number <= job.last_line; ++number)
         if (has_tag(lines[number - 1], tag))
             return {file.path(), number, static_cast<uint32_t>(column_of_value(lines[number - 1])), std::move(message)};

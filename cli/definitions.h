@@ -27,7 +27,8 @@ using Findings = std::vector<Finding>;
 bool read_text_file(const std::string &path, std::string &text, Findings &findings);
 
 // As the library counts them: one of more than 1999 bytes comes in pieces.
-std::vector<std::string_view> lines_of_text(std::string_view text);
+using TextLines = std::vector<std::string_view>;
+TextLines lines_of_text(std::string_view text);
 
 // The id of a task by its name; false for none.
 using TaskFinder = std::function<bool(const std::string &name, sched_task_id_t &id)>;
@@ -56,6 +57,7 @@ public:
 
     const std::string &path() const { return path_; }
     const std::string &text() const { return text_; }
+    const TextLines &lines() const { return lines_; }
     const Findings &findings() const { return findings_; }
     const std::vector<JobDefinition> &jobs() const { return definitions_; }
 
@@ -64,6 +66,7 @@ private:
 
     std::string path_;
     std::string text_;
+    TextLines lines_;
     Findings findings_;
     std::vector<JobDefinition> definitions_;
     uint32_t count_ = 0;

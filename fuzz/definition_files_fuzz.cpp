@@ -1,5 +1,5 @@
-// Files of jobs as the tool reads them, with the lines that no other reader takes. Each job is written and read again as
-// the same; the file as a whole is formatted, which changes no job, and nothing when it is done again.
+// Files of jobs as the tool reads them, with the lines that no other reader takes. Each job is written and read again
+// as the same; the file as a whole is formatted, which changes no job, and nothing when it is done again.
 #include <fuzz/harness.h>
 
 #include <cli/definition_format.h>
