@@ -17,8 +17,10 @@ struct clp_hdl {
 
 namespace {
 
+// No locale has a blank among the printing characters of ASCII, which most are.
 bool is_blank(char character) {
-    return isspace(static_cast<unsigned char>(character)) != 0;
+    const bool is_printing = character > ' ' && character <= '~';
+    return !is_printing && isspace(static_cast<unsigned char>(character)) != 0;
 }
 
 // A cursor over the text. Words are written without quotes and escapes; they are never longer than their spelling.

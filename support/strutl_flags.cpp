@@ -49,10 +49,20 @@ bool read_bits(const Name &name, uint32_t &bits) {
     return true;
 }
 
+// Most names are told from others by their first characters.
+bool may_begin_alike(const char *left, const char *right) {
+    constexpr int case_bit = 0x20;
+    return ((*left ^ *right) & ~case_bit) == 0;
+}
+
+bool has_name(const strutl_flag_item_t &item, const Name &name) {
+    return (name.length == 0 || may_begin_alike(item.name, name.begin)) &&
+           strncasecmp(item.name, name.begin, name.length) == 0 && item.name[name.length] == '\0';
+}
+
 bool value_of(const Name &name, const strutl_flag_item_t *table, size_t count, uint32_t &value) {
     for (size_t i = 0; i < count; ++i) {
-        const char *candidate = table[i].name;
-        if (strncasecmp(candidate, name.begin, name.length) == 0 && candidate[name.length] == '\0') {
+        if (has_name(table[i], name)) {
             value = table[i].value;
             return true;
         }

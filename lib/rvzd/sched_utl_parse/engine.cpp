@@ -162,15 +162,53 @@ tbs_status_t expected_another(const parse_state_t *state, const char *tag) {
     return refuse(state, SCHED_MSG_EXPECTED_TAG, tag);
 }
 
-const parse_tag_action_t *row_for(const Split &parts, uint32_t count, const parse_tag_action_t *table) {
-    for (uint32_t i = 0; i < count; ++i)
-        if (is_any(table[i].tag) || begins_with(parts, table[i].tag))
-            return &table[i];
+struct TagTable {
+    uint32_t count;
+    const parse_tag_action_t *rows;
+};
+
+// Whether a tag could begin with both.
+bool may_both_begin_one(const char *left, const char *right) {
+    while (*left != '\0' && *right != '\0')
+        if (!may_be_same(*left++, *right++))
+            return false;
+    return true;
+}
+
+bool no_tag_has_two_rows(const TagTable &table) {
+    for (uint32_t i = 0; i < table.count; ++i)
+        for (uint32_t k = 0; k < i; ++k)
+            if (is_any(table.rows[i].tag) || may_both_begin_one(table.rows[i].tag, table.rows[k].tag))
+                return false;
+    return true;
+}
+
+// Whether the table may be searched from any of its rows. It is looked at once, and only if it is long.
+bool may_begin_anywhere(parse_state_t *state, const TagTable &table) {
+    constexpr uint32_t short_table = 4;
+    if (table.count <= short_table)
+        return false;
+    if (state->searched_table != table.rows) {
+        state->searched_table = table.rows;
+        state->has_free_order = no_tag_has_two_rows(table);
+    }
+    return state->has_free_order;
+}
+
+// Lines mostly come in the order of their rows: so the search begins at `likely`, and leaves there what it found.
+const parse_tag_action_t *row_for(const Split &parts, const TagTable &table, uint32_t &likely) {
+    for (uint32_t tried = 0, i = likely; tried < table.count; ++tried, i = i + 1 < table.count ? i + 1 : 0)
+        if (is_any(table.rows[i].tag) || begins_with(parts, table.rows[i].tag)) {
+            likely = i;
+            return &table.rows[i];
+        }
     return nullptr;
 }
 
-tbs_status_t match_set(parse_state_t *state, const Split &parts, uint32_t count, const parse_tag_action_t *table) {
-    const parse_tag_action_t *row = row_for(parts, count, table);
+tbs_status_t match_set(parse_state_t *state, const Split &parts, const TagTable &table, uint32_t &likely) {
+    if (likely != 0 && !may_begin_anywhere(state, table))
+        likely = 0;
+    const parse_tag_action_t *row = row_for(parts, table, likely);
     if (row == nullptr)
         return expected_another(state, parts.tag);
     return row->action != nullptr ? row->action(state, parts.tag, parts.value) : tbs_status_t{TBS_ST_OK};
@@ -264,11 +302,13 @@ tbs_status_t parse_next_match_set(parse_state_t *state, bool skip_comments, uint
         return status;
     Split parts;
     split(state, parts);
-    return match_set(state, parts, count, table);
+    uint32_t first = 0;
+    return match_set(state, parts, {count, table}, first);
 }
 
 tbs_status_t parse_next_match_set_until(parse_state_t *state, bool skip_comments, uint32_t count,
                                         const parse_tag_action_t *table, const char *end_tag) {
+    uint32_t likely = 0;
     while (true) {
         tbs_status_t status = parse_next_line(state, skip_comments, false);
         if (status != TBS_ST_OK)
@@ -277,7 +317,7 @@ tbs_status_t parse_next_match_set_until(parse_state_t *state, bool skip_comments
         split(state, parts);
         if (begins_with(parts, end_tag))
             return TBS_ST_OK;
-        status = match_set(state, parts, count, table);
+        status = match_set(state, parts, {count, table}, likely);
         if (status != TBS_ST_OK)
             return status;
     }

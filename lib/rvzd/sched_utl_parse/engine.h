@@ -35,7 +35,9 @@ struct parse_state {
     uint32_t exact_delivery;       // of the line that it ends with
     size_t tag_at;                 // where in the current line its tag begins
     size_t tag_length;             // 0: it has none
-    char date_word[24];            // that was read last as a date, which dates of a file often are again
+    const parse_tag_action_t *searched_table; // that was asked about last: whether its rows may be tried in any order
+    bool has_free_order;
+    char date_word[24]; // that was read last as a date, which dates of a file often are again
     time_t date;
 };
 

@@ -96,6 +96,44 @@ TEST_F(Engine, FirstRowThatFitsHasTheLine) {
     EXPECT_EQ(told(), syntax_error(3, "Expected tag \"Job.Two:\"."));
 }
 
+// A long table is searched from where the last line was found, but only if no tag has two rows in it.
+TEST_F(Engine, FirstRowThatFitsHasTheLineBehindAnyOther) {
+    static std::string rows;
+    constexpr auto in_first = [](parse_state_t *, const char *, char *) {
+        return rows += "1", tbs_status_t{TBS_ST_OK};
+    };
+    constexpr auto in_other = [](parse_state_t *, const char *, char *) {
+        return rows += "2", tbs_status_t{TBS_ST_OK};
+    };
+    const parse_tag_action_t table[] = {{"A:", in_other},    {"Job.Two", in_first}, {"C:", in_other},  {"D:", in_other},
+                                        {"JOB.T", in_other}, {"F:", in_other},      {"Job.", in_other}};
+    open("D: x\nJob.Two: y\nF: z\njob.two: y\nJob.Three: y\nEnd\n");
+    EXPECT_EQ(parse_next_match_set_until(state, true, std::size(table), table, "End"), TBS_ST_OK) << told();
+    EXPECT_EQ(rows, "21212");
+}
+
+TEST_F(Engine, RowsAreFoundInAnyOrderOfTheLines) {
+    static std::string tags;
+    constexpr auto note = [](parse_state_t *, const char *tag, char *) { return tags += tag, tbs_status_t{TBS_ST_OK}; };
+    const parse_tag_action_t table[] = {{"A:", note}, {"B:", note}, {"C:", note},
+                                        {"D:", note}, {"E:", note}, {"F:", note}};
+    for (const std::string order : {"ABCDEF", "FEDCBA", "CCACCF", "FAFAFA"}) {
+        std::string lines;
+        std::string expected;
+        for (const char tag : order) {
+            lines += std::string(1, tag) + ": x\n";
+            expected += std::string(1, tag) + ":";
+        }
+        write(lines + "G: x\n");
+        release_state(&state);
+        ASSERT_EQ(parse_new_state(scheduler, path.c_str(), &state), TBS_ST_OK);
+        tags.clear();
+        EXPECT_EQ(parse_next_match_set_until(state, true, std::size(table), table, "End"), TBS_ST_ERROR);
+        EXPECT_EQ(tags, expected);
+        EXPECT_EQ(told(), syntax_error(7, "Expected tag \"G:\"."));
+    }
+}
+
 // The schedule's kind stands in the way of a second line in a file.
 TEST_F(Engine, FollowedJobIsGivenOnce) {
     constexpr int schedule_row = 9;
