@@ -140,13 +140,16 @@ struct Prepared {
     _exit(EXIT_FAILURE);
 }
 
-// Signals wait meanwhile: the child would run the daemon's handlers for its own.
+// Signals wait meanwhile: the child would run the daemon's handlers for its own. A daemon with much memory is not
+// copied for a child that changes none of it. One that becomes somebody else has a copy: what it is meanwhile, its
+// memory would be, and the daemon's with it.
 pid_t fork_undisturbed(const ProcessRequest &request, Prepared &prepared, int error_pipe) {
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);
-    const pid_t pid = fork();
+    const pid_t pid =
+        request.account.is_daemons ? vfork() : fork(); // NOLINT(clang-analyzer-security.insecureAPI.vfork)
     if (pid == 0)
         become(request, prepared, error_pipe);
     const int error_number = errno;

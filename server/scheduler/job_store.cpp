@@ -9,7 +9,7 @@ namespace velia::server {
 namespace {
 
 // Each step makes a database of one version one of the next.
-constexpr const char *steps[] = {R"(
+constexpr const char *upgrades[] = {R"(
 CREATE TABLE job (id INTEGER PRIMARY KEY AUTOINCREMENT, body BLOB NOT NULL, owner INTEGER,
                   created_who BLOB NOT NULL, created_where BLOB NOT NULL, created_when INTEGER NOT NULL,
                   changed_who BLOB NOT NULL, changed_where BLOB NOT NULL, changed_when INTEGER NOT NULL,
@@ -20,16 +20,23 @@ CREATE TABLE run (job INTEGER NOT NULL REFERENCES job (id) ON DELETE CASCADE, st
 CREATE TABLE owed (job INTEGER PRIMARY KEY REFERENCES job (id) ON DELETE CASCADE);
 CREATE TABLE setting (name BLOB PRIMARY KEY, value BLOB NOT NULL) WITHOUT ROWID;
 )",
-                                 R"(
+                                    R"(
 CREATE TABLE change (number INTEGER PRIMARY KEY AUTOINCREMENT, who BLOB NOT NULL, place BLOB NOT NULL,
                      time INTEGER NOT NULL, what BLOB NOT NULL, job INTEGER NOT NULL, job_name BLOB NOT NULL,
                      fields BLOB NOT NULL);
 CREATE INDEX change_of_job ON change (job, number);
 ALTER TABLE job ADD COLUMN predefined INTEGER NOT NULL DEFAULT 0;
+)",
+                                    R"(
+ALTER TABLE job ADD COLUMN definition BLOB NOT NULL DEFAULT x'';
+CREATE TABLE dropped (definition BLOB PRIMARY KEY) WITHOUT ROWID;
+CREATE TRIGGER drop_definition AFTER DELETE ON job WHEN length(OLD.definition) > 0
+BEGIN INSERT OR IGNORE INTO dropped VALUES (OLD.definition); END;
 )"};
 
-constexpr int64_t schema_version = std::size(steps);
+constexpr int64_t schema_version = std::size(upgrades);
 constexpr std::string_view acl_setting = "acl";
+constexpr std::string_view boot_setting = "boot";
 
 int64_t version_of(Sqlite &database) {
     Statement query(database, "PRAGMA user_version");
@@ -55,7 +62,7 @@ void bring_up_to_date(Sqlite &database) {
         return;
     Transaction transaction(database);
     for (int64_t step = version; step < schema_version; ++step)
-        database.run(steps[step]);
+        database.run(upgrades[step]);
     database.run(("PRAGMA user_version = " + std::to_string(schema_version)).c_str());
     transaction.commit();
 }
@@ -64,16 +71,17 @@ struct Statements {
     explicit Statements(Sqlite &database)
         : jobs(database,
                "SELECT id, body, owner IS NULL, owner, created_who, created_where, created_when, changed_who, "
-               "changed_where, changed_when, considered, changed_start, predefined FROM job ORDER BY id"),
+               "changed_where, changed_when, considered, changed_start, predefined, definition FROM job ORDER BY id"),
           runs(database, "SELECT job, started, due, ended, exit_status, process_id, messages FROM run "
                          "ORDER BY job, started"),
           bodies(database, "SELECT id, body FROM job ORDER BY id"),
           numbers(database, "SELECT seq FROM sqlite_sequence WHERE name = 'job'"),
-          owed(database, "SELECT job FROM owed ORDER BY job"),
-          acl(database, "SELECT value FROM setting WHERE name = ?1"),
+          owed(database, "SELECT job FROM owed ORDER BY job"), dropped(database, "SELECT definition FROM dropped"),
+          forget_dropped(database, "DELETE FROM dropped WHERE definition = ?1"),
+          get(database, "SELECT value FROM setting WHERE name = ?1"),
           add(database, "INSERT INTO job (body, owner, created_who, created_where, created_when, changed_who, "
-                        "changed_where, changed_when, considered, changed_start, predefined) "
-                        "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11)"),
+                        "changed_where, changed_when, considered, changed_start, predefined, "
+                        "definition) VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12)"),
           change(database, "UPDATE job SET body = ?2, owner = ?3, changed_who = ?4, changed_where = ?5, "
                            "changed_when = ?6, considered = max(considered, ?7), changed_start = ?8 WHERE id = ?1"),
           remove(database, "DELETE FROM job WHERE id = ?1"),
@@ -97,8 +105,8 @@ struct Statements {
           changes(database, "SELECT number, who, place, time, what, job, job_name, fields FROM change "
                             "WHERE job = ?3 AND number < ?1 ORDER BY number DESC LIMIT ?2") {}
 
-    Statement jobs, runs, bodies, numbers, owed, acl, add, change, remove, consider, set_considered, begin, forget, end,
-        keep_youngest, owe, pay, set, note, drop_notes, all_changes, changes;
+    Statement jobs, runs, bodies, numbers, owed, dropped, forget_dropped, get, add, change, remove, consider,
+        set_considered, begin, forget, end, keep_youngest, owe, pay, set, note, drop_notes, all_changes, changes;
 };
 
 std::optional<int64_t> stored_owner(const JobRow &row) {
@@ -123,7 +131,7 @@ public:
                 {static_cast<sched_job_id_t>(jobs.number(0)), jobs.text(1),
                  jobs.number(2) != 0 ? std::nullopt : std::optional(static_cast<uint32_t>(jobs.number(3))),
                  Deed{jobs.text(4), jobs.text(5), jobs.number(6)}, Deed{jobs.text(7), jobs.text(8), jobs.number(9)},
-                 jobs.number(10), jobs.number(11), jobs.number(12) != 0});
+                 jobs.number(10), jobs.number(11), jobs.number(12) != 0, jobs.text(13)});
         auto &runs = statements_->runs.with();
         while (runs.step())
             contents.runs.push_back({static_cast<sched_job_id_t>(runs.number(0)), runs.number(1), runs.number(2),
@@ -132,9 +140,11 @@ public:
         auto &owed = statements_->owed.with();
         while (owed.step())
             contents.owed.push_back(static_cast<sched_job_id_t>(owed.number(0)));
-        auto &acl = statements_->acl.with(acl_setting);
-        contents.acl = acl.step() ? acl.text(0) : "";
-        acl.reset();
+        auto &dropped = statements_->dropped.with();
+        while (dropped.step())
+            contents.dropped.push_back(dropped.text(0));
+        contents.acl = setting(acl_setting);
+        contents.boot = setting(boot_setting);
         return contents;
     }
 
@@ -142,7 +152,8 @@ public:
         Transaction transaction(database_);
         statements_->add
             .with(row.body, stored_owner(row), row.created.who, row.created.where, row.created.when, row.changed.who,
-                  row.changed.where, row.changed.when, row.considered, row.changed_start, uint32_t{row.is_predefined})
+                  row.changed.where, row.changed.when, row.considered, row.changed_start, uint32_t{row.is_predefined},
+                  row.definition)
             .run();
         const auto id = static_cast<sched_job_id_t>(database_.last_row_id());
         note(change, id);
@@ -193,6 +204,13 @@ public:
         return true;
     }
 
+    void forget_dropped(const std::vector<std::string> &definitions) override {
+        Transaction transaction(database_);
+        for (const auto &definition : definitions)
+            statements_->forget_dropped.with(definition).run();
+        transaction.commit();
+    }
+
     void consider(sched_job_id_t id, int64_t considered) override {
         changes_one(statements_->consider.with(id, considered), nullptr, id);
     }
@@ -212,15 +230,27 @@ public:
         transaction.commit();
     }
 
-    void end(const RunRow &run, const std::vector<sched_job_id_t> &owed, bool is_last) override {
+    void end(const RunRow &run, const std::vector<sched_job_id_t> &owed,
+             const std::optional<ChangeRow> &removal) override {
         Transaction transaction(database_);
         statements_->end.with(run.job, run.started, run.ended, run.exit_status, run.process_id, run.messages).run();
         statements_->keep_youngest.with(run.job, runs_kept).run();
         for (const auto job : owed)
             statements_->owe.with(job).run();
-        if (is_last)
-            statements_->remove.with(run.job).run();
+        if (removal)
+            remove(run.job, *removal);
         transaction.commit();
+    }
+
+    void record(std::vector<RunStep *> &steps) override {
+        Transaction transaction(database_);
+        std::vector<RunStep *> done;
+        for (auto *step : steps)
+            if (is_taken(*step))
+                done.push_back(step);
+        transaction.commit();
+        for (auto *step : done)
+            step->is_done = true;
     }
 
     void set_acl(const std::string &acl, const ChangeRow &change) override {
@@ -230,7 +260,37 @@ public:
         transaction.commit();
     }
 
+    void set_boot(const std::string &boot) override {
+        Transaction transaction(database_);
+        statements_->set.with(boot_setting, boot).run();
+        transaction.commit();
+    }
+
 private:
+    std::string setting(std::string_view name) {
+        auto &value = statements_->get.with(name);
+        const std::string text = value.step() ? value.text(0) : "";
+        value.reset();
+        return text;
+    }
+
+    // A step of the transaction in hand. Some failures are the end of that, too, and then of all its steps.
+    bool is_taken(const RunStep &step) {
+        try {
+            if (step.what == RunStep::What::begin)
+                begin(step.run);
+            else if (step.what == RunStep::What::end)
+                end(step.run, step.owed, step.removal);
+            else
+                consider(step.run.job, step.run.due);
+            return true;
+        } catch (const StoreError &) {
+            if (!database_.is_in_transaction())
+                throw;
+            return false;
+        }
+    }
+
     // In the transaction of what it tells of.
     void note(const ChangeRow &change, sched_job_id_t job) {
         statements_->note

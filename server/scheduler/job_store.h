@@ -31,6 +31,7 @@ struct JobRow {
     int64_t considered = 0;    // the start up to which all have been made or passed over
     int64_t changed_start = 0; // what "now" is, and nothing before it is made
     bool is_predefined = false;
+    std::string definition; // of a predefined one: what it was made of
 };
 
 // One run. A job and a start name it.
@@ -58,7 +59,23 @@ struct JobContents {
     std::vector<JobRow> jobs;
     std::vector<RunRow> runs;         // of each job from the oldest to the youngest; one that has not ended has 0 there
     std::vector<sched_job_id_t> owed; // jobs whose followed one has ended, and that have not been started since
+    std::vector<std::string> dropped; // definitions whose jobs were deleted
     std::string acl;
+    std::string boot; // that was set last
+};
+
+// What is written down of a run.
+struct RunStep {
+    enum class What {
+        begin,
+        end,
+        pass_over, // a start, for which none is made
+    };
+    What what = What::begin;
+    RunRow run;
+    std::vector<sched_job_id_t> owed; // of an end: that are to be started now
+    std::optional<ChangeRow> removal; // of an end: the job goes with it
+    bool is_done = false;
 };
 
 // Many changes at once. The new jobs get their numbers while it is written, one behind the other.
@@ -99,11 +116,17 @@ public:
     virtual bool remove(sched_job_id_t id, const ChangeRow &change) = 0;
     virtual void set_acl(const std::string &acl, const ChangeRow &change) = 0;
 
+    // Which start of the system it is.
+    virtual void set_boot(const std::string &boot) = 0;
+
     // Changes of a job, or with 0 of all, before that number: the youngest first.
     virtual std::vector<ChangeRow> changes(sched_job_id_t job, int64_t before, uint32_t count_max) = 0;
 
     // False: the jobs are in another state, or one that is to be changed is not there.
     virtual bool apply(JobSet &set) = 0;
+
+    // That their jobs were deleted is remembered no longer.
+    virtual void forget_dropped(const std::vector<std::string> &definitions) = 0;
 
     // Starts up to this one have been made or passed over.
     virtual void consider(sched_job_id_t id, int64_t considered) = 0;
@@ -112,8 +135,11 @@ public:
     virtual void begin(const RunRow &run) = 0;
     // It did not, and its start may be made again.
     virtual void forget(const RunRow &run, int64_t considered) = 0;
-    // It has ended; `owed` are to be started now; `is_last`: the job goes with it.
-    virtual void end(const RunRow &run, const std::vector<sched_job_id_t> &owed, bool is_last) = 0;
+    // It has ended; `owed` are to be started now; with `removal` the job goes, which is noted.
+    virtual void end(const RunRow &run, const std::vector<sched_job_id_t> &owed,
+                     const std::optional<ChangeRow> &removal) = 0;
+    // Such steps together, in their order. One that fails leaves the others be; with a StoreError none is done.
+    virtual void record(std::vector<RunStep *> &steps) = 0;
 };
 
 // How many ended runs of a job are kept.

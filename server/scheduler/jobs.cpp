@@ -61,7 +61,7 @@ bool Jobs::add(const JobRow &row) {
     Job &added = jobs_.insert_or_assign(row.id, std::move(job)).first->second;
     names_[added.name] = row.id;
     if (added.schedule.kind == SCHED_KIND_SEQUENTIAL)
-        followers_.insert({added.schedule.u.sequential.follows_job, row.id});
+        followers_.add(added.schedule.u.sequential.follows_job, row.id);
     reckon(added);
     touch(added);
     return true;
@@ -93,7 +93,7 @@ void Jobs::remove(sched_job_id_t id) {
     forget_due(job);
     names_.erase(job.name);
     if (job.schedule.kind == SCHED_KIND_SEQUENTIAL)
-        std::erase_if(followers_, [&](const auto &pair) { return pair.second == id; });
+        followers_.remove(job.schedule.u.sequential.follows_job, id);
     jobs_.erase(found);
     ++version_;
 }
@@ -135,14 +135,6 @@ std::vector<Jobs::Due> Jobs::take_due(int64_t now) {
     while (!due_.empty() && due_.begin()->first <= now)
         taken.push_back(pass(jobs_.at(due_.begin()->second), now));
     return taken;
-}
-
-std::vector<sched_job_id_t> Jobs::followers_of(sched_job_id_t id) const {
-    std::vector<sched_job_id_t> found;
-    const auto [begin, end] = followers_.equal_range(id);
-    for (auto follower = begin; follower != end; ++follower)
-        found.push_back(follower->second);
-    return found;
 }
 
 bool Jobs::would_go_round(sched_job_id_t follower, sched_job_id_t followed) const {

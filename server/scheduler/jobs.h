@@ -10,6 +10,7 @@
 #include <vector>
 
 #include <schedule/next_start.h>
+#include <server/scheduler/followers.h>
 #include <server/scheduler/job_store.h>
 #include <server/scheduler/xdr_bytes.h>
 
@@ -70,7 +71,7 @@ public:
     // The next run, after starts have been made or passed over, or are to be made again.
     void consider(Job &job, int64_t considered);
 
-    std::vector<sched_job_id_t> followers_of(sched_job_id_t id) const;
+    std::vector<sched_job_id_t> followers_of(sched_job_id_t id) const { return followers_.of(id); }
     // Whether `follower` would, by whatever way, follow itself.
     bool would_go_round(sched_job_id_t follower, sched_job_id_t followed) const;
 
@@ -95,7 +96,7 @@ private:
     std::map<sched_job_id_t, Job> jobs_;
     std::map<std::string, sched_job_id_t> names_;
     std::set<std::pair<int64_t, sched_job_id_t>> due_;
-    std::multimap<sched_job_id_t, sched_job_id_t> followers_;
+    Followers<> followers_;
     uint64_t version_ = 1;
 };
 

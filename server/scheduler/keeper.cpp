@@ -31,6 +31,7 @@ constexpr int64_t ms_per_s = 1000;
 constexpr int64_t output_rest_ms = 1000; // for what is still in the pipe of one that has gone
 constexpr const char *nobody_in_particular = "-";
 
+// It is read by a daemon of this host while that is up, and waits for no disk.
 void add_note(const std::string &note) {
     size_t at = 0;
     while (at < note.size()) {
@@ -39,7 +40,6 @@ void add_note(const std::string &note) {
             return;
         at += count > 0 ? static_cast<size_t>(count) : 0;
     }
-    fdatasync(keeper_notes_fd);
 }
 
 // The end of what was put out is kept here, and all of it, up to a bound, in the file.

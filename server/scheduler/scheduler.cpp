@@ -3,12 +3,12 @@
 #include <server/scheduler/scheduler.h>
 
 #include <array>
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
 #include <set>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -26,12 +26,10 @@ namespace velia::server {
 
 namespace {
 
-constexpr const char *this_program = "/proc/self/exe";
 constexpr Worker::Shape store_shape = {{64, 1024, 4096}, 1, 0};
 constexpr uint64_t retry_ms = 1000;
 constexpr uint64_t bytes_of_mib = 1 << 20;
 constexpr size_t notifiers_max = 32;
-constexpr uint32_t status_unknown = 255;
 
 enum Event : sched_event_mask_t {
     EVENT_BEGIN = 0x2,
@@ -63,52 +61,28 @@ RunOrder order_of(const Job &job, const Task &task, uint32_t output_mib) {
     return order;
 }
 
-// Behind this the run's file is the keeper's. A number that is not positive: none was made, with the words why.
-int32_t make_keeper(const RunPaths &paths, const RunOrder &order, std::string &words) {
-    const UniqueFd notes = make_run_file(paths.notes);
-    const UniqueFd output(::open(paths.output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC | O_NOFOLLOW,
-                                 S_IRUSR | S_IWUSR));
-    const UniqueFd null(::open("/dev/null", O_RDWR | O_CLOEXEC));
-    int error_number = errno;
-    int32_t keeper = -1;
-    if (notes && output && null) {
-        auto arguments = keeper_arguments(order);
-        arguments.insert(arguments.begin(), this_program);
-        const Account own;
-        keeper = start_process({arguments,
-                                environment_of(own),
-                                own,
-                                {null.get(), null.get(), null.get(), notes.get(), output.get()},
-                                true,
-                                true},
-                               &error_number);
-    }
-    if (keeper < 0) {
-        words = imsg_strerror(error_number);
-        unlink(paths.notes.c_str());
-    }
-    return keeper;
+// Another one each time that the system starts.
+std::string boot_id() {
+    std::string id;
+    std::ifstream("/proc/sys/kernel/random/boot_id") >> id;
+    return id;
 }
 
-// An end that nobody has told: the keeper itself was ended.
-RunRow ended_run(RunRow run, const std::optional<RunNotes> &notes) {
-    if (notes && notes->ended) {
-        run.ended = *notes->ended;
-        run.exit_status = notes->exit_status;
-        run.messages = notes->messages;
-    } else {
-        run.ended = time(nullptr);
-        run.exit_status = status_unknown;
-        run.messages = "The run's end is not known: its keeper was ended.\n";
-    }
-    return run;
+// All of it that the file says, so that two of them differ if the file does.
+std::string definition_of(const DefinedJob &defined) {
+    return defined.body + '\0' + defined.follows;
+}
+
+// Of a job that goes with its last run.
+ChangeRow removal_of(const Job &job) {
+    return {0, {"delete when completed", "this host", time(nullptr)}, "deleted", job.row.id, noted_name(job.name), ""};
 }
 
 } // namespace
 
 Scheduler::Scheduler(uv_loop_t *loop)
     : loop_(loop), due_timer_(loop, [this] { look(); }), retry_timer_(loop, [this] { retry(); }),
-      worker_(loop, store_shape) {}
+      writer_(worker_, [this](const RunTurn &turn) { has_been_written(turn); }), worker_(loop, store_shape) {}
 
 void Scheduler::configure(const SchedulerSettings &settings) {
     settings_ = settings;
@@ -171,14 +145,19 @@ void Scheduler::open() {
         print_scheduler(IMSG_ERROR, MSG_JOBS_NOT_FUNCTIONAL);
         return;
     }
+    writer_.open(*store_, directory_);
     is_open_ = true;
+    dropped_ = {contents.dropped.begin(), contents.dropped.end()};
     if (jobs_.load(contents) != 0)
         print_scheduler(IMSG_ERROR, MSG_JOBS_NOT_FUNCTIONAL);
     if (!contents.acl.empty())
         access_.take(contents.acl);
+    const std::string boot = boot_id();
     for (const auto &run : contents.runs)
         if (run.ended == 0 && jobs_.find(run.job) != nullptr)
-            adopt(run, contents.owed);
+            adopt(run, contents.boot == boot, contents.owed);
+    if (contents.boot != boot)
+        store_->set_boot(boot);
     clear_away();
     start_followers(contents.owed);
     make_predefined();
@@ -186,20 +165,20 @@ void Scheduler::open() {
 }
 
 // A run of before that has not ended, as far as is known. Without a word of a process there was none, and its start may
-// be made again.
-void Scheduler::adopt(const RunRow &run, std::vector<sched_job_id_t> &owed) {
+// be made again; unless the host was down since, when that word, which waits for no disk, may have been lost.
+void Scheduler::adopt(const RunRow &run, bool is_of_this_boot, std::vector<sched_job_id_t> &owed) {
     Job &job = *jobs_.find(run.job);
     const auto paths = run_paths(directory_, run);
     const bool lives = is_kept(paths.notes);
     const auto notes = read_run_file(paths.notes);
-    if (!lives && (!notes || (notes->process == 0 && !notes->ended))) {
+    if (!lives && is_of_this_boot && (!notes || (notes->process == 0 && !notes->ended))) {
         const int64_t considered = run.due != 0 ? run.due - 1 : job.row.considered;
         store_->forget(run, considered);
         jobs_.consider(job, considered);
     } else if (!lives) {
         const auto followers = jobs_.followers_of(run.job);
         const RunRow ended = ended_run(run, notes);
-        store_->end(ended, followers, false);
+        store_->end(ended, followers, std::nullopt);
         job.runs.push_back(ended);
         owed.insert(owed.end(), followers.begin(), followers.end());
         tell_end(job, ended);
@@ -207,18 +186,43 @@ void Scheduler::adopt(const RunRow &run, std::vector<sched_job_id_t> &owed) {
         job.phase = Job::Phase::running;
         job.run = run;
         ++running_;
-        unended_.emplace_back(run, false);
+        unended_.push_back({run, false, true});
         retry_timer_.start(1);
     }
     if (!lives)
         unlink(paths.notes.c_str());
 }
 
+// A definition that has gone from the file, or has become another, is as good as new when it comes back.
+void Scheduler::forget_dropped() {
+    std::vector<std::string> forgotten;
+    std::set<std::string> defined;
+    for (const auto &each : settings_.schedule)
+        defined.insert(definition_of(each));
+    for (const auto &definition : dropped_)
+        if (!defined.contains(definition))
+            forgotten.push_back(definition);
+    for (const auto &definition : forgotten)
+        dropped_.erase(definition);
+    if (!forgotten.empty())
+        worker_.submit_first({[this, forgotten] {
+                                  try {
+                                      store_->forget_dropped(forgotten);
+                                  } catch (const StoreError &) { // the next daemon does it
+                                  }
+                              },
+                              [] {}});
+}
+
 // What follows another is made behind it, when that has its number.
 void Scheduler::make_predefined() {
     if (!is_open_)
         return;
+    forget_dropped();
+    const auto was_dropped = [this](const DefinedJob &defined) { return dropped_.contains(definition_of(defined)); };
     for (const auto &defined : settings_.schedule) {
+        if (was_dropped(defined))
+            continue;
         if (const Job *job = jobs_.find(defined.name); job != nullptr) {
             if (!job->row.is_predefined)
                 imsg_print(IMSG_WARNING, "The job \"%s\" of the default schedule is not made: there is another one\n",
@@ -228,7 +232,7 @@ void Scheduler::make_predefined() {
         }
     }
     for (const auto &defined : settings_.schedule)
-        if (on_the_way_.empty() && jobs_.find(defined.name) == nullptr)
+        if (on_the_way_.empty() && jobs_.find(defined.name) == nullptr && !was_dropped(defined))
             imsg_print(IMSG_WARNING, "The job \"%s\" of the default schedule is not made: there is no job \"%s\"\n",
                        IMSG_FORMAT, defined.name.c_str(), defined.follows.c_str());
 }
@@ -246,6 +250,7 @@ std::optional<JobRow> Scheduler::predefined_row(const DefinedJob &defined) {
     row.body = xdr_bytes(xdr_sched_job_utc_rw_props_t, props);
     row.owner = geteuid();
     row.is_predefined = true;
+    row.definition = definition_of(defined);
     row.changed_start = time(nullptr);
     row.considered = row.changed_start - 1;
     row.created = row.changed = {"default schedule", "this host", row.changed_start};
@@ -304,14 +309,11 @@ void Scheduler::pass_over(const Jobs::Due &due) {
         print_scheduler(IMSG_WARNING, MSG_JOB_STILL_RUNNING, id_text(job).c_str(), job.name.c_str());
     else
         print_scheduler(IMSG_WARNING, MSG_JOB_NOT_RUN, id_text(job).c_str(), job.name.c_str());
-    const auto considered = job.row.considered;
-    worker_.submit_first({[this, id = due.job, considered] {
-                              try {
-                                  store_->consider(id, considered);
-                              } catch (const StoreError &) { // it is passed over again by the next daemon
-                              }
-                          },
-                          [] {}});
+    RunTurn turn;
+    turn.step.what = RunStep::What::pass_over; // where that fails the next daemon passes it over again
+    turn.step.run.job = due.job;
+    turn.step.run.due = job.row.considered;
+    writer_.add(std::move(turn));
 }
 
 void Scheduler::start_waiting() {
@@ -321,6 +323,7 @@ void Scheduler::start_waiting() {
         if (Job *job = jobs_.find(start.job); job != nullptr && job->phase == Job::Phase::waiting)
             begin(*job, start);
     }
+    writer_.write();
 }
 
 void Scheduler::run_by_hand(Job &job, const Begun &begun) {
@@ -329,6 +332,7 @@ void Scheduler::run_by_hand(Job &job, const Begun &begun) {
     if (running_ >= settings_.runs_max)
         return begun(TBS_ST_TRY_AGAIN, 0);
     begin(job, {job.row.id, 0, begun});
+    writer_.write();
 }
 
 void Scheduler::begin(Job &job, const Start &start) {
@@ -341,51 +345,42 @@ void Scheduler::begin(Job &job, const Start &start) {
     jobs_.touch(job);
     ++running_;
     const Task *task = this->task(job.task);
-    const RunOrder order = order_of(job, task != nullptr ? *task : Task{}, settings_.output_mib);
-    const bool is_allowed = task != nullptr && may_run(job.row.owner);
-    const auto keeper = std::make_shared<int32_t>(-1);
-    const auto status = std::make_shared<tbs_status_t>(TBS_ST_OK);
-    const auto written = std::make_shared<RunRow>(run);
-    worker_.submit_first(
-        {[this, order, is_allowed, keeper, status, written] {
-             try {
-                 store_->begin(*written);
-                 std::string words = "There is no such task, or nobody as whom it may run";
-                 if (is_allowed)
-                     *keeper = make_keeper(run_paths(directory_, *written), order, words);
-                 if (*keeper > 0)
-                     return;
-                 written->ended = time(nullptr);
-                 written->exit_status = status_not_found;
-                 written->messages = words + "\n";
-                 store_->end(*written, {}, false);
-             } catch (const std::exception &) {
-                 *status = TBS_ST_NO_STORAGE;
-             }
-         },
-         [this, keeper, status, written, begun = start.begun] { has_begun(*written, *keeper, *status, begun); }});
+    RunTurn turn;
+    turn.step.run = run;
+    turn.order = order_of(job, task != nullptr ? *task : Task{}, settings_.output_mib);
+    turn.is_allowed = task != nullptr && may_run(job.row.owner);
+    turn.begun = start.begun;
+    writer_.add(std::move(turn));
 }
 
-void Scheduler::has_begun(const RunRow &run, int32_t keeper, tbs_status_t status, const Begun &begun) {
-    if (keeper > 0) {
-        keep(run, keeper);
+void Scheduler::has_been_written(const RunTurn &turn) {
+    if (turn.step.what == RunStep::What::begin)
+        has_begun(turn);
+    else if (turn.step.what == RunStep::What::end && turn.step.is_done) {
+        has_ended(turn.step.run, turn.step.removal.has_value());
+        start_followers(turn.step.owed);
+    } else if (turn.step.what == RunStep::What::end) { // the run's file stays until it is
+        unended_.push_back({turn.step.run, turn.was_kept, false});
+        retry_timer_.start(retry_ms);
+    }
+}
+
+void Scheduler::has_begun(const RunTurn &turn) {
+    const RunRow &run = turn.step.run;
+    if (turn.keeper > 0) {
+        keep(run, turn.keeper);
         if (const Job *job = jobs_.find(run.job)) {
-            print_scheduler(IMSG_PLAIN, MSG_JOB_STARTED, id_text(*job).c_str(), job->name.c_str(), keeper);
+            print_scheduler(IMSG_PLAIN, MSG_JOB_STARTED, id_text(*job).c_str(), job->name.c_str(), turn.keeper);
             notify(*job, EVENT_BEGIN, "was started");
         }
     } else {
         if (const Job *job = jobs_.find(run.job))
             print_scheduler(IMSG_ERROR, MSG_JOB_PROBLEMS, id_text(*job).c_str(), job->name.c_str());
-        RunRow ended = run;
-        if (status != TBS_ST_OK) {
-            ended.ended = time(nullptr);
-            ended.exit_status = status_unknown;
-            ended.messages = "The run could not be written down, and was not made.\n";
-        }
-        has_ended(ended, false);
+        has_ended(run, false);
+        give_back_slot();
     }
-    if (begun)
-        begun(status, run.started);
+    if (turn.begun)
+        turn.begun(turn.step.is_done ? TBS_ST_OK : TBS_ST_NO_STORAGE, run.started);
 }
 
 void Scheduler::keep(const RunRow &run, int32_t keeper) {
@@ -400,6 +395,7 @@ void Scheduler::keep(const RunRow &run, int32_t keeper) {
         const RunRow ended = kept_[id].run;
         kept_.erase(id);
         take_end(ended, true);
+        give_back_slot();
     });
 }
 
@@ -411,54 +407,45 @@ bool Scheduler::terminate(sched_job_id_t id, int64_t started) {
     return true;
 }
 
-// What cannot be written now is tried again: the run's file stays until it is.
 void Scheduler::take_end(const RunRow &run, bool was_kept) {
-    const Job *job = jobs_.find(run.job);
-    const auto followers = jobs_.followers_of(run.job);
-    const bool is_last = job != nullptr && job->is_deleted_when_completed && job->has_completed();
-    const auto ended = std::make_shared<RunRow>(run);
-    const auto is_written = std::make_shared<bool>(false);
-    worker_.submit_first({[this, followers, is_last, was_kept, ended, is_written] {
-                              const auto paths = run_paths(directory_, *ended);
-                              const auto notes = read_run_file(paths.notes);
-                              if (was_kept && notes && !notes->ended && notes->process > 0)
-                                  kill(-notes->process, SIGKILL);
-                              *ended = ended_run(*ended, notes);
-                              try {
-                                  store_->end(*ended, followers, is_last);
-                                  unlink(paths.notes.c_str());
-                                  *is_written = true;
-                              } catch (const StoreError &) {
-                              }
-                          },
-                          [this, followers, is_last, run, was_kept, ended, is_written] {
-                              if (!*is_written) {
-                                  unended_.emplace_back(run, was_kept);
-                                  return retry_timer_.start(retry_ms);
-                              }
-                              has_ended(*ended, is_last);
-                              start_followers(followers);
-                          }});
+    RunTurn turn;
+    turn.step.what = RunStep::What::end;
+    turn.step.run = run;
+    turn.step.owed = jobs_.followers_of(run.job);
+    turn.was_kept = was_kept;
+    if (const Job *job = jobs_.find(run.job); job != nullptr && job->is_deleted_when_completed && job->has_completed())
+        turn.step.removal = removal_of(*job);
+    writer_.add(std::move(turn));
+}
+
+// What begins in its place is written down together with the end.
+void Scheduler::give_back_slot() {
+    --running_;
+    start_waiting();
 }
 
 void Scheduler::retry() {
-    for (const auto &[run, was_kept] : std::exchange(unended_, {})) {
+    for (const auto &unended : std::exchange(unended_, {})) {
+        const auto &run = unended.run;
         const auto paths = run_paths(directory_, run);
-        const bool lives = kept_.find(run.job) == kept_.end() && is_kept(paths.notes);
+        const bool lives = unended.has_slot && is_kept(paths.notes);
         const auto notes = lives ? read_run_file(paths.notes) : std::nullopt;
-        if (notes && notes->keeper > 0)
+        if (notes && notes->keeper > 0) {
             keep(run, notes->keeper);
-        else if (lives)
-            unended_.emplace_back(run, was_kept);
-        else
-            take_end(run, was_kept);
+        } else if (lives) {
+            unended_.push_back(unended);
+        } else {
+            take_end(run, unended.was_kept);
+            if (unended.has_slot)
+                give_back_slot();
+        }
     }
+    writer_.write();
     if (!unended_.empty())
         retry_timer_.start(retry_ms);
 }
 
 void Scheduler::has_ended(const RunRow &run, bool is_last) {
-    --running_;
     if (Job *job = jobs_.find(run.job); job != nullptr) {
         job->phase = Job::Phase::idle;
         job->run = {};
@@ -474,13 +461,14 @@ void Scheduler::has_ended(const RunRow &run, bool is_last) {
     } else {
         drop_output({run});
     }
-    start_waiting();
     schedule();
 }
 
 // The job goes, and a run of it with it.
 void Scheduler::remove(const Job &job) {
     drop_output(job.runs);
+    if (!job.row.definition.empty())
+        dropped_.insert(job.row.definition);
     terminate(job.row.id, job.run.started);
     jobs_.remove(job.row.id);
     schedule();

@@ -15,6 +15,7 @@
 #include <server/scheduler/definitions.h>
 #include <server/scheduler/jobs.h>
 #include <server/scheduler/process_watch.h>
+#include <server/scheduler/run_writer.h>
 #include <server/scheduler/task.h>
 #include <server/scheduler/wall_timer.h>
 
@@ -26,7 +27,8 @@ struct SchedulerSettings {
     uint32_t runs_max = 16;
     uint32_t catch_up_s = 3600;
     uint32_t output_mib = 64;
-    std::vector<DefinedJob> schedule; // of predefined jobs; what is there under its name stays as it is
+    std::vector<DefinedJob> schedule; // of predefined jobs; what is there under its name stays as it is, and what was
+                                      // deleted does not come again
 };
 
 class Scheduler {
@@ -62,7 +64,6 @@ public:
 
     // By hand: answered once it has begun, with its start. TBS_ST_ALREADY_EXISTS for a job that runs, TBS_ST_TRY_AGAIN
     // where as many run as may.
-    using Begun = std::function<void(tbs_status_t, int64_t started)>;
     void run_by_hand(Job &job, const Begun &begun);
     // False: it does not run.
     bool terminate(sched_job_id_t id, int64_t started);
@@ -81,6 +82,12 @@ private:
         RunRow run;
         std::unique_ptr<ProcessWatch> watch;
     };
+    // A run whose end could not be written yet, or whose keeper is another daemon's and not known yet.
+    struct Unended {
+        RunRow run;
+        bool was_kept; // by this daemon
+        bool has_slot; // it counts as one that runs
+    };
     struct Start {
         sched_job_id_t job;
         int64_t due;
@@ -88,15 +95,18 @@ private:
     };
 
     void make_predefined();
+    void forget_dropped();
     std::optional<JobRow> predefined_row(const DefinedJob &defined);
     void make(const DefinedJob &defined, const JobRow &row);
     void look();
     void pass_over(const Jobs::Due &due);
     void start_waiting();
     void begin(Job &job, const Start &start);
-    void has_begun(const RunRow &run, int32_t keeper, tbs_status_t status, const Begun &begun);
+    void has_been_written(const RunTurn &turn);
+    void has_begun(const RunTurn &turn);
     void keep(const RunRow &run, int32_t keeper);
-    void adopt(const RunRow &run, std::vector<sched_job_id_t> &owed);
+    void adopt(const RunRow &run, bool is_of_this_boot, std::vector<sched_job_id_t> &owed);
+    void give_back_slot();
     void take_end(const RunRow &run, bool was_kept);
     void has_ended(const RunRow &run, bool is_last);
     void tell_end(const Job &job, const RunRow &run);
@@ -116,13 +126,15 @@ private:
     std::map<sched_job_id_t, Kept> kept_;
     std::deque<Start> waiting_;
     std::set<std::string> on_the_way_;
+    std::set<std::string> dropped_; // definitions whose jobs were deleted
     size_t running_ = 0;
-    std::vector<std::pair<RunRow, bool>> unended_; // whose end could not be written yet
+    std::vector<Unended> unended_;
     std::map<int32_t, std::unique_ptr<ProcessWatch>> notifiers_;
     WallTimer due_timer_;
     TimerHandle retry_timer_;
     std::unique_ptr<JobStore> store_; // the thread's
-    Worker worker_;                   // goes first
+    RunWriter writer_;
+    Worker worker_; // goes first
 };
 
 } // namespace velia::server

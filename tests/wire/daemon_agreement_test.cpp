@@ -5,9 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include <tests/wire/both_sides.h>
-#include <tests/wire/stub_records.h>
-#include <veliaxdr/rvzd_procedure_rows.hpp>
+#include <tests/wire/agreement_suite.h>
 
 using namespace wire_tests;
 
@@ -72,49 +70,11 @@ void fill_record(Sampler &s, Record &r) {
     fill_body(s, r);
 }
 
-// Every kind as visit(name, our routine, the routine of its twin).
-template <class Visit>
-void for_each_pair(Visit &&visit) {
-#define PROCEDURE(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER)                                                  \
-    {                                                                                                                  \
-        using Twins = StubRecords<decltype(NAME##_3)>;                                                                 \
-        visit(#NAME " request", xdr_##REQUEST, routine_of_twin<Twins::Request>());                                     \
-        visit(#NAME " reply", xdr_##REPLY, routine_of_twin<Twins::Reply>());                                           \
-    }
-    RVZD_DAEMON_PROCEDURES(PROCEDURE)
-#undef PROCEDURE
-}
+AGREEMENT_PROTOCOL(DaemonItself, DAEMON, RVZD_DAEMON_PROCEDURES, fill_record);
 
-class DaemonAgreement : public testing::Test {
-protected:
+struct DaemonAgreement : testing::Test {
     Sampler sampler{20261122};
-
-    template <class Record>
-    Bytes sample(bool_t (*routine)(XDR *, Record *)) {
-        Record record = {};
-        fill_record(sampler, record);
-        return sent(routine, record);
-    }
 };
-
-TEST_F(DaemonAgreement, OfTheProgramsNumbers) {
-    EXPECT_EQ(DAEMON_PROGRAM, uint32_t{RVZD_PROGRAM});
-    EXPECT_EQ(DAEMON_VERSION, uint32_t{RVZD_VERSION});
-#define EXPECT_NUMBER(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER)                                              \
-    EXPECT_EQ(CONSTANT, uint32_t{NUMBER}) << #NAME;
-    RVZD_DAEMON_PROCEDURES(EXPECT_NUMBER)
-#undef EXPECT_NUMBER
-}
-
-TEST_F(DaemonAgreement, BothSidesTakeTheBytesWholeAndSendThemAgainAsTheyWere) {
-    expect_both_sides_take_bytes_whole([](auto &&visit) { for_each_pair(visit); },
-                                       [&](auto routine) { return sample(routine); });
-}
-
-TEST_F(DaemonAgreement, BothSidesRefuseTheBytesCutAnywhere) {
-    expect_both_sides_refuse_bytes_cut_anywhere([](auto &&visit) { for_each_pair(visit); },
-                                                [&](auto routine) { return sample(routine); });
-}
 
 TEST_F(DaemonAgreement, AFieldMeansTheSameOnBothSides) {
     rvzd_registry_state_reply_t reply = {};

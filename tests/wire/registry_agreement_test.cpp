@@ -5,8 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include <tests/wire/both_sides.h>
-#include <tests/wire/stub_records.h>
+#include <tests/wire/agreement_suite.h>
 #include <veliaxdr/rgy_wire.h>
 #include <veliaxdr/rvzd_procedures.h>
 
@@ -130,49 +129,11 @@ void fill_record(Sampler &s, Record &r) {
     }
 }
 
-// Every kind as visit(name, our routine, the routine of its twin).
-template <class Visit>
-void for_each_pair(Visit &&visit) {
-#define PROCEDURE(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER)                                                  \
-    {                                                                                                                  \
-        using Twins = StubRecords<decltype(NAME##_3)>;                                                                 \
-        visit(#NAME " request", xdr_##REQUEST, routine_of_twin<Twins::Request>());                                     \
-        visit(#NAME " reply", xdr_##REPLY, routine_of_twin<Twins::Reply>());                                           \
-    }
-    RVZD_REGISTRY_PROCEDURES(PROCEDURE)
-#undef PROCEDURE
-}
+AGREEMENT_PROTOCOL(Registry, REGISTRY, RVZD_REGISTRY_PROCEDURES, fill_record);
 
-class RegistryAgreement : public testing::Test {
-protected:
+struct RegistryAgreement : testing::Test {
     Sampler sampler{20260202};
-
-    template <class Record>
-    Bytes sample(bool_t (*routine)(XDR *, Record *)) {
-        Record record = {};
-        fill_record(sampler, record);
-        return sent(routine, record);
-    }
 };
-
-TEST_F(RegistryAgreement, OfTheProgramsNumbers) {
-    EXPECT_EQ(REGISTRY_PROGRAM, uint32_t{RVZD_PROGRAM});
-    EXPECT_EQ(REGISTRY_VERSION, uint32_t{RVZD_VERSION});
-#define EXPECT_NUMBER(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER)                                              \
-    EXPECT_EQ(CONSTANT, uint32_t{NUMBER}) << #NAME;
-    RVZD_REGISTRY_PROCEDURES(EXPECT_NUMBER)
-#undef EXPECT_NUMBER
-}
-
-TEST_F(RegistryAgreement, BothSidesTakeTheBytesWholeAndSendThemAgainAsTheyWere) {
-    expect_both_sides_take_bytes_whole([](auto &&visit) { for_each_pair(visit); },
-                                       [&](auto routine) { return sample(routine); });
-}
-
-TEST_F(RegistryAgreement, BothSidesRefuseTheBytesCutAnywhere) {
-    expect_both_sides_refuse_bytes_cut_anywhere([](auto &&visit) { for_each_pair(visit); },
-                                                [&](auto routine) { return sample(routine); });
-}
 
 TEST_F(RegistryAgreement, AFieldMeansTheSameOnBothSides) {
     rvzd_registry_findbystring_req_t request = {};

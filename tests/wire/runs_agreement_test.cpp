@@ -5,60 +5,21 @@
 #include <gtest/gtest.h>
 
 #include <tests/unit/sched/run_samples.h>
-#include <tests/wire/both_sides.h>
-#include <tests/wire/stub_records.h>
+#include <tests/wire/agreement_suite.h>
 
 using namespace wire_tests;
 
 namespace {
 
-template <class Visit>
-void for_each_pair(Visit &&visit) {
-#define PROCEDURE(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER)                                                  \
-    {                                                                                                                  \
-        using Twins = StubRecords<decltype(NAME##_3)>;                                                                 \
-        visit(#NAME " request", velia::procedures::NAME.xdr_request, routine_of_twin<Twins::Request>());               \
-        visit(#NAME " reply", velia::procedures::NAME.xdr_reply, routine_of_twin<Twins::Reply>());                     \
-    }
-    RVZD_RUN_PROCEDURES(PROCEDURE)
-#undef PROCEDURE
-}
-
-class RunsAgreement : public testing::Test {
-protected:
-    Sampler sampler{20261122};
-
-    template <class Record>
-    Bytes sample(bool_t (*routine)(XDR *, Record *)) {
-        Record record = {};
-        fill(sampler, record);
-        return sent(routine, record);
-    }
-};
+AGREEMENT_PROTOCOL(Runs, RUNS, RVZD_RUN_PROCEDURES, fill);
 
 } // namespace
 
-TEST_F(RunsAgreement, OfTheProgramsNumbers) {
-    EXPECT_EQ(RUNS_PROGRAM, uint32_t{RVZD_PROGRAM});
-    EXPECT_EQ(RUNS_VERSION, uint32_t{RVZD_VERSION});
+TEST(RunsAgreement, OfTheLongestPiece) {
     EXPECT_EQ(RUNS_PIECE_MAX, int{SCHED_RUN_PIECE_MAX});
-#define EXPECT_NUMBER(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER)                                              \
-    EXPECT_EQ(CONSTANT, uint32_t{NUMBER}) << #NAME;
-    RVZD_RUN_PROCEDURES(EXPECT_NUMBER)
-#undef EXPECT_NUMBER
 }
 
-TEST_F(RunsAgreement, BothSidesTakeTheBytesWholeAndSendThemAgainAsTheyWere) {
-    expect_both_sides_take_bytes_whole([](auto &&visit) { for_each_pair(visit); },
-                                       [&](auto routine) { return sample(routine); });
-}
-
-TEST_F(RunsAgreement, BothSidesRefuseTheBytesCutAnywhere) {
-    expect_both_sides_refuse_bytes_cut_anywhere([](auto &&visit) { for_each_pair(visit); },
-                                                [&](auto routine) { return sample(routine); });
-}
-
-TEST_F(RunsAgreement, AFieldMeansTheSameOnBothSides) {
+TEST(RunsAgreement, AFieldMeansTheSameOnBothSides) {
     char text[] = "abc";
     sched_run_output_reply_t output = {7, {1, 2, 3, 2, text}};
     runs_output_reply output_twin = {};
@@ -103,7 +64,7 @@ TEST_F(RunsAgreement, AFieldMeansTheSameOnBothSides) {
     EXPECT_EQ(next_twin.clock_shift, 3U);
 }
 
-TEST_F(RunsAgreement, APieceThatIsTooLongIsRefused) {
+TEST(RunsAgreement, APieceThatIsTooLongIsRefused) {
     const Bytes head(4 + 3 * 8, '\0');
     const Bytes bytes = head + Bytes({'\0', '\0', static_cast<char>(0xC0), '\4'}) + Bytes(SCHED_RUN_PIECE_MAX + 4, 'x');
     EXPECT_TRUE(is_refused(xdr_sched_run_output_reply_t, bytes));

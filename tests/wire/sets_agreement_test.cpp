@@ -5,59 +5,17 @@
 #include <gtest/gtest.h>
 
 #include <tests/unit/sched/set_samples.h>
-#include <tests/wire/both_sides.h>
-#include <tests/wire/stub_records.h>
+#include <tests/wire/agreement_suite.h>
 
 using namespace wire_tests;
 
 namespace {
 
-template <class Visit>
-void for_each_pair(Visit &&visit) {
-#define PROCEDURE(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER)                                                  \
-    {                                                                                                                  \
-        using Twins = StubRecords<decltype(NAME##_3)>;                                                                 \
-        visit(#NAME " request", velia::procedures::NAME.xdr_request, routine_of_twin<Twins::Request>());               \
-        visit(#NAME " reply", velia::procedures::NAME.xdr_reply, routine_of_twin<Twins::Reply>());                     \
-    }
-    RVZD_SET_PROCEDURES(PROCEDURE)
-#undef PROCEDURE
-}
-
-class SetsAgreement : public testing::Test {
-protected:
-    Sampler sampler{20261122};
-
-    template <class Record>
-    Bytes sample(bool_t (*routine)(XDR *, Record *)) {
-        Record record = {};
-        fill(sampler, record);
-        return sent(routine, record);
-    }
-};
+AGREEMENT_PROTOCOL(Sets, SETS, RVZD_SET_PROCEDURES, fill);
 
 } // namespace
 
-TEST_F(SetsAgreement, OfTheProgramsNumbers) {
-    EXPECT_EQ(SETS_PROGRAM, uint32_t{RVZD_PROGRAM});
-    EXPECT_EQ(SETS_VERSION, uint32_t{RVZD_VERSION});
-#define EXPECT_NUMBER(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER)                                              \
-    EXPECT_EQ(CONSTANT, uint32_t{NUMBER}) << #NAME;
-    RVZD_SET_PROCEDURES(EXPECT_NUMBER)
-#undef EXPECT_NUMBER
-}
-
-TEST_F(SetsAgreement, BothSidesTakeTheBytesWholeAndSendThemAgainAsTheyWere) {
-    expect_both_sides_take_bytes_whole([](auto &&visit) { for_each_pair(visit); },
-                                       [&](auto routine) { return sample(routine); });
-}
-
-TEST_F(SetsAgreement, BothSidesRefuseTheBytesCutAnywhere) {
-    expect_both_sides_refuse_bytes_cut_anywhere([](auto &&visit) { for_each_pair(visit); },
-                                                [&](auto routine) { return sample(routine); });
-}
-
-TEST_F(SetsAgreement, BothSidesRefuseAChangeThatThereIsNot) {
+TEST(SetsAgreement, BothSidesRefuseAChangeThatThereIsNot) {
     for (const char what : {'\0', '\3', '\4'}) {
         const Bytes bytes = Bytes(3, '\0') + what + Bytes(200, '\0');
         EXPECT_EQ(is_refused(xdr_sched_set_change_t, bytes), what != SETS_DELETE) << static_cast<int>(what);
@@ -65,7 +23,7 @@ TEST_F(SetsAgreement, BothSidesRefuseAChangeThatThereIsNot) {
     }
 }
 
-TEST_F(SetsAgreement, AFieldMeansTheSameOnBothSides) {
+TEST(SetsAgreement, AFieldMeansTheSameOnBothSides) {
     sched_set_change_t change = {SCHED_SET_DELETE, 2, 3, {}};
     sched_set_apply_request_t request = {4, 5, 6, 1, 1, &change};
     sets_apply_req twin = {};

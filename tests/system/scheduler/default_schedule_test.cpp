@@ -65,6 +65,11 @@ struct DefaultSchedule : SchedulerFixture {
         sched_task_id_t id = 0;
         return sched_task_name_to_id(handle, name, &id) == TBS_ST_OK;
     }
+    // One more job, by which it is seen that a file was read.
+    static std::string more(int number) {
+        return "Job.Begin\nJob.Name: more " + std::to_string(number) +
+               "\nJob.Schedule.Daily.Frequency: 1\nJob.Schedule.StartDate: 2100-01-01\nJob.Task: 1\nJob.End\n";
+    }
     // The daemon does not start with it.
     std::string refusal(const std::string &configuration) {
         site.configure(configuration);
@@ -72,6 +77,8 @@ struct DefaultSchedule : SchedulerFixture {
         EXPECT_FALSE(daemon->is_ready());
         return daemon->output();
     }
+
+    int files = 0;
 };
 
 } // namespace
@@ -105,6 +112,43 @@ TEST_F(DefaultSchedule, APredefinedJobKeepsItsNameAndWhatPeopleMadeOfIt) {
     restart(lines());
     ASSERT_EQ(run(id), TBS_ST_OK);
     EXPECT_EQ(ran(id).messages, "mine\n");
+}
+
+// Until its definition is another one, or has been away.
+TEST_F(DefaultSchedule, AJobThatWasDeletedDoesNotComeAgainBeforeTheFileSaysOtherwise) {
+    start(lines());
+    expect_jobs();
+    const auto delete_job = [&](sched_job_id_t id) {
+        sched_job_handle job = {id};
+        sched_job_h_t slot = &job;
+        EXPECT_EQ(sched_job_delete(handle, &slot, 1), TBS_ST_OK);
+    };
+    const auto expect_only_behind = [&] {
+        site.write("schedule.def", std::string(schedule_text) + more(++files));
+        daemon->signal(SIGHUP);
+        EXPECT_TRUE(eventually([&] { return id_of(("more " + std::to_string(files)).c_str()) != 0; }, 30));
+        EXPECT_EQ(id_of("nightly"), 0U);
+        EXPECT_NE(id_of("behind"), 0U);
+    };
+    delete_job(id_of("nightly"));
+    expect_only_behind();
+    kill_daemon();
+    restart(lines());
+    expect_only_behind();
+
+    std::string other = schedule_text;
+    other.replace(other.find("echo nightly"), 12, "echo changed");
+    site.write("schedule.def", other);
+    daemon->signal(SIGHUP);
+    EXPECT_TRUE(eventually([&] { return id_of("nightly") != 0; }, 30)) << daemon->output();
+    delete_job(id_of("nightly"));
+    site.write("schedule.def", more(++files));
+    daemon->signal(SIGHUP);
+    EXPECT_TRUE(eventually([&] { return id_of(("more " + std::to_string(files)).c_str()) != 0; }, 30));
+    kill_daemon();
+    site.write("schedule.def", other);
+    restart(lines());
+    EXPECT_TRUE(eventually([&] { return id_of("nightly") != 0; }, 30)) << daemon->output();
 }
 
 TEST_F(DefaultSchedule, WhatIsNewInTheFilesIsTakenOnAHangup) {

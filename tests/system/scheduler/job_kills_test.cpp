@@ -1,6 +1,5 @@
 // A daemon that is killed at random moments while jobs are due every second. More kills: ./dev kills-jobs NUMBER.
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <random>
@@ -103,5 +102,6 @@ TEST_F(JobKills, AtRandomMomentsLoseNoJobAndNoEndThatWasToldAndRunNoneTwiceForOn
     for (int i = 0; i < jobs; ++i)
         EXPECT_EQ(lines(i), made[ids[static_cast<size_t>(i)]]);
     EXPECT_FALSE(runs.empty());
-    printf("%d kills, %zu runs, %zu ends told\n", kills, runs.size(), told.size());
+    RecordProperty("seen", std::to_string(kills) + " kills, " + std::to_string(runs.size()) + " runs, " +
+                               std::to_string(told.size()) + " ends told");
 }

@@ -242,6 +242,28 @@ TEST_F(SchedulerRuns, ARunThatWasWrittenDownAndNotMadeIsMadeByTheNextDaemon) {
     EXPECT_TRUE(eventually([&] { return lines("count") > before; })) << daemon->output();
 }
 
+// The word of its process waits for no disk, and may have been lost with the power.
+TEST_F(SchedulerRuns, ARunThatMayHaveBeenMadeBeforeTheHostWentDownIsNotMadeAgain) {
+    const auto id = create(script("once", "echo >>" + site.path("count")));
+    const std::string number = std::to_string(id);
+    const auto begin = [&](int started) {
+        change_database("INSERT INTO run VALUES (" + number + ", " + std::to_string(started) + ", " +
+                        std::to_string(time(nullptr) - 2) + ", 0, 0, x'', x'')");
+    };
+    kill_daemon();
+    begin(5);
+    change_database("UPDATE setting SET value = 'of before' WHERE name = CAST('boot' AS BLOB)");
+    restart();
+    const Ran run = ran(id);
+    EXPECT_EQ(run.started, 5);
+    EXPECT_EQ(run.status, 255U);
+    kill_daemon();
+    begin(6);
+    restart();
+    EXPECT_EQ(last_run(id).started, 5) << "which is still the same start of the host";
+    EXPECT_EQ(lines("count"), 0U);
+}
+
 TEST_F(SchedulerRuns, ARunWhoseKeeperWentWithItsDaemonEndsUnknown) {
     const auto id = create(script("gone", "true"));
     kill_daemon();

@@ -13,6 +13,7 @@
 using namespace velia::server;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::UnorderedElementsAre;
 
 namespace {
 
@@ -52,6 +53,25 @@ struct JobStores : testing::Test {
         run.due = due;
         return run;
     }
+    static RunStep step(RunStep::What what, const RunRow &run) {
+        RunStep step;
+        step.what = what;
+        step.run = run;
+        return step;
+    }
+    // How many frames of the log end a transaction: such a frame's second word says how large the database is then.
+    size_t commits() const {
+        std::ifstream log(file_name() + "-wal", std::ios::binary);
+        const std::string bytes{std::istreambuf_iterator<char>(log), {}};
+        constexpr size_t head = 32;
+        constexpr size_t frame_head = 24;
+        constexpr size_t page = 4096;
+        size_t count = 0;
+        for (size_t at = head; at + frame_head + page <= bytes.size(); at += frame_head + page)
+            count += std::string_view(bytes).substr(at + 4, 4) != std::string_view("\0\0\0\0", 4) ? 1 : 0;
+        return count;
+    }
+    void record(std::vector<RunStep *> steps) { store->record(steps); }
     int64_t considered() { return store->read().jobs.at(0).considered; }
 
     std::filesystem::path directory;
@@ -125,7 +145,7 @@ TEST_F(JobStores, ARunThatBeginsIsThereBeforeItsEnd) {
     ended.exit_status = 3;
     ended.process_id = "44";
     ended.messages = "out";
-    store->end(ended, {}, false);
+    store->end(ended, {}, std::nullopt);
     runs = store->read().runs;
     ASSERT_EQ(runs.size(), 1U);
     EXPECT_EQ(runs[0].ended, 110);
@@ -145,7 +165,7 @@ TEST_F(JobStores, AnEndOwesItsFollowersAStartUntilTheyBegin) {
     const auto first = store->add(row(), change("created"));
     const auto second = store->add(row(), change("created"));
     store->begin(run(first, 100, 90));
-    store->end(run(first, 100, 90), {second, 77}, false);
+    store->end(run(first, 100, 90), {second, 77}, std::nullopt);
     EXPECT_THAT(store->read().owed, ElementsAre(second));
     store->begin(run(second, 110, 0));
     EXPECT_THAT(store->read().owed, IsEmpty());
@@ -154,9 +174,95 @@ TEST_F(JobStores, AnEndOwesItsFollowersAStartUntilTheyBegin) {
 TEST_F(JobStores, AJobMayGoWithItsLastRunAndItsRunsWithIt) {
     const auto id = store->add(row(), change("created"));
     store->begin(run(id, 100, 90));
-    store->end(run(id, 100, 90), {}, true);
+    store->end(run(id, 100, 90), {}, change("deleted"));
     EXPECT_THAT(store->read().jobs, IsEmpty());
     EXPECT_THAT(store->read().runs, IsEmpty());
+    EXPECT_EQ(store->changes(id, INT64_MAX, 1).at(0).what, "deleted");
+}
+
+TEST_F(JobStores, RecordStepsOfManyRunsInOneCommit) {
+    const auto first = store->add(row(), change("created"));
+    const auto second = store->add(row(), change("created"));
+    store->begin(run(first, 100, 90));
+    RunStep end = step(RunStep::What::end, run(first, 100, 90));
+    end.run.ended = 110;
+    end.owed = {second};
+    RunStep begin = step(RunStep::What::begin, run(second, 120, 115));
+    RunStep pass_over = step(RunStep::What::pass_over, run(first, 0, 200));
+    const auto before = commits();
+    record({&end, &begin, &pass_over});
+    EXPECT_EQ(commits(), before + 1);
+    EXPECT_TRUE(end.is_done && begin.is_done && pass_over.is_done);
+    reopen();
+    const auto read = store->read();
+    EXPECT_EQ(read.runs.at(0).ended, 110);
+    EXPECT_EQ(read.runs.at(1).due, 115);
+    EXPECT_EQ(read.jobs.at(0).considered, 200);
+    EXPECT_THAT(read.owed, IsEmpty()) << "the follower has begun behind that";
+}
+
+TEST_F(JobStores, AStepThatFailsLeavesTheOthersBe) {
+    const auto id = store->add(row(), change("created"));
+    RunStep good = step(RunStep::What::begin, run(id, 100, 90));
+    RunStep of_no_job = step(RunStep::What::begin, run(id + 1, 100, 90));
+    RunStep again = step(RunStep::What::begin, run(id, 100, 90));
+    RunStep behind = step(RunStep::What::pass_over, run(id, 0, 95));
+    record({&of_no_job, &good, &again, &behind});
+    EXPECT_FALSE(of_no_job.is_done);
+    EXPECT_TRUE(good.is_done);
+    EXPECT_FALSE(again.is_done);
+    EXPECT_TRUE(behind.is_done);
+    reopen();
+    EXPECT_EQ(store->read().runs.size(), 1U);
+    EXPECT_EQ(considered(), 95);
+}
+
+// As when the disk is full: the failure of one is the end of the transaction.
+TEST_F(JobStores, OfATransactionThatIsGivenUpNoStepIsDone) {
+    const auto id = store->add(row(), change("created"));
+    Sqlite(file_name())
+        .run("CREATE TRIGGER give_up BEFORE INSERT ON run WHEN NEW.started = 101 "
+             "BEGIN SELECT RAISE(ROLLBACK, 'no room'); END");
+    reopen();
+    RunStep good = step(RunStep::What::begin, run(id, 100, 90));
+    RunStep bad = step(RunStep::What::begin, run(id, 101, 91));
+    RunStep behind = step(RunStep::What::pass_over, run(id, 0, 95));
+    EXPECT_THROW(record({&good, &bad, &behind}), StoreError);
+    EXPECT_FALSE(good.is_done || bad.is_done || behind.is_done);
+    EXPECT_THAT(store->read().runs, IsEmpty());
+    EXPECT_EQ(considered(), 7);
+}
+
+TEST_F(JobStores, RememberTheDefinitionsOfJobsThatWereDeletedHoweverThatWas) {
+    JobRow defined = row();
+    const auto add = [&](const char *definition) {
+        defined.definition = definition;
+        return store->add(defined, change("created"));
+    };
+    const auto first = add("one");
+    const auto last = add("two");
+    const auto in_set = add("three");
+    add("stays");
+    const auto nobodys = add("");
+    EXPECT_EQ(store->read().jobs.at(0).definition, "one");
+    store->remove(first, change("deleted"));
+    store->remove(nobodys, change("deleted"));
+    store->begin(run(last, 100, 90));
+    store->end(run(last, 100, 90), {}, change("deleted"));
+    JobSet set;
+    JobsState state;
+    for (const auto &job : store->read().jobs)
+        state.add(job.id, job.body);
+    set.state = state.value();
+    set.removed = {in_set};
+    set.notes = {change("deleted")};
+    set.take_numbers = [](sched_job_id_t) {};
+    ASSERT_TRUE(store->apply(set));
+    reopen();
+    EXPECT_THAT(store->read().dropped, UnorderedElementsAre("one", "two", "three"));
+    store->forget_dropped({"one", "nothing"});
+    reopen();
+    EXPECT_THAT(store->read().dropped, UnorderedElementsAre("two", "three"));
 }
 
 TEST_F(JobStores, KeepTheYoungestRuns) {
@@ -165,7 +271,7 @@ TEST_F(JobStores, KeepTheYoungestRuns) {
         RunRow ended = run(id, started, 0);
         store->begin(ended);
         ended.ended = started;
-        store->end(ended, {}, false);
+        store->end(ended, {}, std::nullopt);
     }
     const auto runs = store->read().runs;
     ASSERT_EQ(runs.size(), static_cast<size_t>(runs_kept));
@@ -218,7 +324,10 @@ TEST_F(JobStores, KeepTheYoungestChanges) {
 TEST_F(JobStores, OfTheVersionBeforeAreTakenOn) {
     const auto id = store->add(row(), change("created"));
     store.reset();
-    Sqlite(file_name()).run("DROP TABLE change; ALTER TABLE job DROP COLUMN predefined; PRAGMA user_version = 1");
+    Sqlite(file_name())
+        .run("DROP TABLE change; DROP TRIGGER drop_definition; DROP TABLE dropped; "
+             "ALTER TABLE job DROP COLUMN definition; ALTER TABLE job DROP COLUMN predefined; "
+             "PRAGMA user_version = 1");
     store = open_job_store(file_name());
     EXPECT_EQ(store->read().jobs.at(0).id, id);
     EXPECT_THAT(store->changes(0, INT64_MAX, 10), IsEmpty());
@@ -227,7 +336,7 @@ TEST_F(JobStores, OfTheVersionBeforeAreTakenOn) {
 
 TEST_F(JobStores, RefuseADatabaseOfANewerVersion) {
     store.reset();
-    Sqlite(file_name()).run("PRAGMA user_version = 3");
+    Sqlite(file_name()).run("PRAGMA user_version = 4");
     EXPECT_THROW(open_job_store(file_name()), StoreError);
 }
 

@@ -1,0 +1,174 @@
+// Whoever waits for a disk waits with all others: a commit costs the same for one run and for a hundred.
+#include <server/scheduler/run_writer.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+#include <fcntl.h>
+#include <iterator>
+#include <memory>
+#include <new>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <server/broker/service_process.h>
+#include <server/loop/handles.h>
+#include <server/registry/store.h>
+#include <support/imsg.h>
+
+namespace velia::server {
+
+namespace {
+
+constexpr const char *this_program = "/proc/self/exe";
+constexpr uint32_t status_unknown = 255;
+
+using What = RunStep::What;
+
+// Behind this the run's file is the keeper's. A number that is not positive: none was made, with the words why.
+int32_t make_keeper(const RunPaths &paths, const RunOrder &order, std::string &words) {
+    const UniqueFd notes = make_run_file(paths.notes);
+    const UniqueFd output(::open(paths.output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC | O_NOFOLLOW,
+                                 S_IRUSR | S_IWUSR));
+    const UniqueFd null(::open("/dev/null", O_RDWR | O_CLOEXEC));
+    int error_number = errno;
+    int32_t keeper = -1;
+    if (notes && output && null) {
+        auto arguments = keeper_arguments(order);
+        arguments.insert(arguments.begin(), this_program);
+        const Account own;
+        keeper = start_process({arguments,
+                                environment_of(own),
+                                own,
+                                {null.get(), null.get(), null.get(), notes.get(), output.get()},
+                                true,
+                                true},
+                               &error_number);
+    }
+    if (keeper < 0) {
+        words = imsg_strerror(error_number);
+        unlink(paths.notes.c_str());
+    }
+    return keeper;
+}
+
+// It may go on without its keeper, if that was ended.
+void take_end_from_file(RunTurn &turn, const std::string &directory) {
+    const auto notes = read_run_file(run_paths(directory, turn.step.run).notes);
+    if (turn.was_kept && notes && !notes->ended && notes->process > 0)
+        kill(-notes->process, SIGKILL);
+    turn.step.run = ended_run(turn.step.run, notes);
+}
+
+void end_unmade(RunRow &run, uint32_t exit_status, const std::string &words) {
+    run.ended = time(nullptr);
+    run.exit_status = exit_status;
+    run.messages = words + "\n";
+}
+
+// Those of a failed transaction are not done.
+void record(JobStore &store, std::vector<RunStep *> &steps) {
+    try {
+        store.record(steps);
+    } catch (const StoreError &) {
+    }
+}
+
+} // namespace
+
+RunWriter::RunWriter(Worker &worker, OnWritten on_written) : worker_(worker), on_written_(std::move(on_written)) {}
+
+void RunWriter::open(JobStore &store, std::string directory) {
+    store_ = &store;
+    directory_ = std::move(directory);
+}
+
+// What is added while it is told goes with the next ones.
+void RunWriter::write() {
+    if (is_writing_ || waiting_.empty())
+        return;
+    is_writing_ = true;
+    const auto end = waiting_.begin() + static_cast<ptrdiff_t>(std::min(waiting_.size(), turns_max));
+    const auto turns = std::make_shared<Turns>(std::make_move_iterator(waiting_.begin()), std::make_move_iterator(end));
+    waiting_.erase(waiting_.begin(), end);
+    worker_.submit_first({[this, turns] { do_turns(*turns); },
+                          [this, turns] {
+                              for (const auto &turn : *turns)
+                                  tell(turn);
+                              is_writing_ = false;
+                              write();
+                          }});
+}
+
+void RunWriter::tell(const RunTurn &turn) const {
+    try {
+        on_written_(turn);
+    } catch (const std::bad_alloc &) {
+        no_memory_for_event();
+    }
+}
+
+void RunWriter::do_turns(Turns &turns) const {
+    std::vector<RunStep *> steps;
+    for (auto &turn : turns) {
+        if (turn.step.what == What::end)
+            take_end_from_file(turn, directory_);
+        steps.push_back(&turn.step);
+    }
+    record(*store_, steps);
+    for (const auto &turn : turns)
+        if (turn.step.what == What::end && turn.step.is_done)
+            unlink(run_paths(directory_, turn.step.run).notes.c_str());
+    make_processes(turns);
+}
+
+// A run without a process has ended, which is written down as any other end.
+void RunWriter::make_processes(Turns &turns) const {
+    std::vector<RunStep> ends;
+    std::vector<RunTurn *> unmade;
+    for (auto &turn : turns) {
+        RunRow &run = turn.step.run;
+        if (turn.step.what != What::begin)
+            continue;
+        if (!turn.step.is_done) {
+            end_unmade(run, status_unknown, "The run could not be written down, and was not made.");
+            continue;
+        }
+        std::string words = "There is no such task, or nobody as whom it may run";
+        try {
+            if (turn.is_allowed)
+                turn.keeper = make_keeper(run_paths(directory_, run), turn.order, words);
+        } catch (const std::bad_alloc &) {
+            words = "No memory";
+        }
+        if (turn.keeper > 0)
+            continue;
+        end_unmade(run, status_not_found, words);
+        ends.push_back({What::end, run, {}, std::nullopt, false});
+        unmade.push_back(&turn);
+    }
+    if (ends.empty())
+        return;
+    std::vector<RunStep *> steps;
+    for (auto &end : ends)
+        steps.push_back(&end);
+    record(*store_, steps);
+    for (size_t i = 0; i < ends.size(); ++i)
+        unmade[i]->step.is_done = ends[i].is_done;
+}
+
+RunRow ended_run(RunRow run, const std::optional<RunNotes> &notes) {
+    if (notes && notes->ended) {
+        run.ended = *notes->ended;
+        run.exit_status = notes->exit_status;
+        run.messages = notes->messages;
+    } else {
+        run.ended = time(nullptr);
+        run.exit_status = status_unknown;
+        run.messages = "The run's end is not known: its keeper was ended.\n";
+    }
+    return run;
+}
+
+} // namespace velia::server
