@@ -46,6 +46,7 @@ struct CommonArguments {
     std::string format = "plain";
     bool leaves_headers_out = false;
     Duration timeout = Settings().timeout;
+    View view;
 };
 
 // All of them, in the order of the help.
