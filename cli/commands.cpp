@@ -51,6 +51,7 @@ std::vector<Command> all_commands() {
                                  registry_save_commands,
                                  site_commands,
                                  daemon_commands,
+                                 doctor_commands,
                                  object_commands,
                                  host_commands,
                                  time_zone_commands,
