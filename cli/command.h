@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -25,10 +26,20 @@ enum ExitStatus {
     exit_changes = 4, // of what only tells what would be done: there is something
 };
 
+// What is wanted of a list.
+struct View {
+    std::string columns;     // names with commas between; empty: the usual ones
+    std::string sort;        // by which of them, behind a hyphen the other way round; empty: as the rows come
+    uint64_t limit = 0;      // 0: all rows
+    bool is_wide = false;    // with the columns that are there with an option only
+    std::string hidden_need; // an option that is given for the sake of the order: its columns are not shown
+};
+
 struct Settings {
     Format format = Format::plain;
     bool with_headers = true;
     Duration timeout = std::chrono::seconds(25);
+    View view = {};
 };
 
 // The member of a command's arguments that an option sets. A bool makes it a switch, an optional text tells an empty
@@ -101,6 +112,9 @@ struct Command {
 };
 
 using Commands = std::span<const Command>;
+
+// Options that a command has by its results, besides its own.
+using MoreOptions = std::function<Options(const Command &row, const Options &own)>;
 
 // The two parts of its path; the group is empty for what stands below the program itself.
 struct GroupAndName {

@@ -38,13 +38,14 @@ void add_options(const Options &options, CommandWords &command) {
                 add_option(option, command);
 }
 
-CommandWords words_of_command(const Command &row, const Options &common) {
+CommandWords words_of_command(const Command &row, const Program &program) {
     CommandWords command;
     command.path = row.path;
     Options options = {help_option};
     if (row.make != nullptr) {
         const auto call = row.make();
-        options = joined({options, call->options(), row.has_common_options ? common : Options(),
+        const Options own = call->options();
+        options = joined({options, own, common_options_of(row, own, program.common, program.more),
                           row.output != nullptr ? Options{schema_option} : Options()});
     }
     add_options(options, command);
@@ -73,7 +74,7 @@ std::vector<CommandWords> words_of_program(const Program &program) {
             continue;
         const auto [group, name] = group_and_name(row);
         command_of_path(commands, group).subcommands.push_back({name, row.help});
-        commands.push_back(words_of_command(row, program.common));
+        commands.push_back(words_of_command(row, program));
     }
     return commands;
 }

@@ -8,6 +8,7 @@
 
 #include <cli/messages.h>
 #include <cli/streams.h>
+#include <cli/view.h>
 #include <cli/waits.h>
 #include <support/imsg.h>
 #include <veliaxdr/libveliaxdr.h>
@@ -50,6 +51,7 @@ std::vector<Command> all_commands() {
                                  registry_save_commands,
                                  site_commands,
                                  daemon_commands,
+                                 doctor_commands,
                                  object_commands,
                                  host_commands,
                                  time_zone_commands,
@@ -128,6 +130,16 @@ int refuse(const Program &program, const std::vector<std::string> &words, const 
     return exit_usage;
 }
 
+// What is wrong with it, or with nothing the options that it needs are given.
+std::string settle_view(View &view, const Line &line) {
+    if (line.output == nullptr)
+        return "";
+    std::string fault = fault_of_view(view, *line.output);
+    if (fault.empty())
+        give_options_for(view, *line.output, line.call->options());
+    return fault;
+}
+
 int run_line(const std::vector<std::string> &words) {
     CommonArguments common;
     const Program program = whole_program(common);
@@ -135,7 +147,9 @@ int run_line(const std::vector<std::string> &words) {
     const Line line = parse(program, words, std::cout, errors);
     if (line.call == nullptr)
         return line.status == exit_done ? exit_done : refuse(program, words, line.fault, errors.str());
-    Settings settings = {Format::plain, !common.leaves_headers_out, common.timeout};
+    if (const std::string fault = settle_view(common.view, line); !fault.empty())
+        return refuse(program, words, fault, failure_text(program.name, fault));
+    Settings settings = {Format::plain, !common.leaves_headers_out, common.timeout, common.view};
     format_of_name(common.format, settings.format); // checked by the parser
     if (is_json(settings.format))
         tell_in_json();
@@ -148,13 +162,17 @@ int run_line(const std::vector<std::string> &words) {
 Program whole_program(CommonArguments &common) {
     const auto commands = all_commands();
     const auto options = common_options(common);
+    const MoreOptions more = [&common](const Command &row, const Options &own) {
+        return view_options(common.view, row, own);
+    };
     return {"veliactl",
             "Asks and administers the services of a site.",
             version_line(),
             commands,
             options,
             std::max(columns_of_results().value_or(help_width_usual), help_width_least),
-            {environment(), configuration_file(configuration_path(), commands, options)}};
+            {environment(), configuration_file(configuration_path(), commands, options, more)},
+            more};
 }
 
 int run(int argc, char **argv) {

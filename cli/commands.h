@@ -22,6 +22,7 @@ extern const Commands registry_site_commands;
 extern const Commands registry_save_commands;
 extern const Commands site_commands;
 extern const Commands daemon_commands;
+extern const Commands doctor_commands;
 extern const Commands object_commands;
 extern const Commands host_commands;
 extern const Commands time_zone_commands;
@@ -46,6 +47,7 @@ struct CommonArguments {
     std::string format = "plain";
     bool leaves_headers_out = false;
     Duration timeout = Settings().timeout;
+    View view;
 };
 
 // All of them, in the order of the help.

@@ -7,6 +7,7 @@
 #include <cctype>
 #include <memory>
 
+#include <cli/parser.h>
 #include <common/text_cursor.h>
 #include <common/text_file.h>
 
@@ -216,13 +217,14 @@ struct Known {
     std::string key;
 };
 
-std::vector<Known> all_known(const std::vector<Command> &commands, const Options &common) {
+std::vector<Known> all_known(const std::vector<Command> &commands, const Options &common, const MoreOptions &more) {
     std::vector<Known> known;
     for (const auto &command : commands) {
         if (command.make == nullptr)
             continue;
         const auto call = command.make();
-        for (const auto &option : joined({call->options(), command.has_common_options ? common : Options()}))
+        const Options own = call->options();
+        for (const auto &option : joined({own, common_options_of(command, own, common, more)}))
             if (!option.is_place())
                 known.push_back({command.path, key_of(option)});
     }
@@ -254,9 +256,10 @@ const Entry *find(const std::vector<Entry> &entries, const std::string &path, co
 
 } // namespace
 
-Source configuration_file(const std::string &path, const std::vector<Command> &commands, const Options &common) {
+Source configuration_file(const std::string &path, const std::vector<Command> &commands, const Options &common,
+                          const MoreOptions &more) {
     const auto entries = std::make_shared<std::optional<std::vector<Entry>>>();
-    const auto known = std::make_shared<const std::vector<Known>>(all_known(commands, common));
+    const auto known = std::make_shared<const std::vector<Known>>(all_known(commands, common, more));
     return [=](const std::string &command, const Option &option) -> std::optional<Given> {
         if (path.empty())
             return std::nullopt;

@@ -32,7 +32,8 @@ std::string variable_of(const Option &option);
 Source environment();
 
 // Of a file that is read when it is first asked for. One that is not there gives nothing.
-Source configuration_file(const std::string &path, const std::vector<Command> &commands, const Options &common);
+Source configuration_file(const std::string &path, const std::vector<Command> &commands, const Options &common,
+                          const MoreOptions &more = {});
 
 // Where the user's is: veliactl.toml in XDG_CONFIG_HOME, or in .config of HOME; empty if neither tells.
 std::string configuration_path();

@@ -2,7 +2,6 @@
 #include <cli/commands.h>
 
 #include <algorithm>
-#include <cstring>
 
 #include <cli/jobs.h>
 #include <cli/messages.h>
@@ -19,10 +18,7 @@ struct ListArguments {
     std::string host;
     bool shows_all = false;
     bool shows_durations = false;
-    std::string order = "id";
 };
-
-constexpr const char *orders[] = {"id", "name", "next", "last", "status", "duration"};
 
 Options list_options(ListArguments &arguments) {
     return joined(
@@ -30,26 +26,22 @@ Options list_options(ListArguments &arguments) {
          {{.name = "--all",
            .help = "also jobs that do not run any more: their schedule has come to its end",
            .target = &arguments.shows_all},
-          {.name = "--durations", .help = "tell how long the last run took", .target = &arguments.shows_durations},
-          {.name = "--sort",
-           .type = "COLUMN",
-           .help = "id, name, next, last, status or duration",
-           .target = &arguments.order,
-           .words = orders,
-           .shows_default = true}}});
+          {.name = "--durations", .help = "tell how long the last run took", .target = &arguments.shows_durations}}});
 }
 
 int list_jobs(const ListArguments &arguments, const Settings &settings);
 int show_status(const JobArguments &arguments, const Settings &settings);
 
-constexpr Column list_columns[] = {{"id", Type::integer, "number of the job"},
-                                   {"name", Type::text, "of the job"},
-                                   {"next_run", Type::time, "when it runs next", true},
-                                   {"running_since", Type::time, "while it runs", true},
-                                   {"last_started", Type::time, "its last run that has ended", true},
-                                   {"last_ended", Type::time, "of that run", true},
-                                   {"last_status", Type::integer, "exit status of that run", true},
-                                   {"duration_s", Type::integer, "of that run", true, "--durations"}};
+// The youngest run, failures and the longest run are what is looked for.
+constexpr Column list_columns[] = {
+    {"id", Type::integer, "number of the job"},
+    {"name", Type::text, "of the job"},
+    {"next_run", Type::time, "when it runs next", true, nullptr, "next"},
+    {"running_since", Type::time, "while it runs", true},
+    {"last_started", Type::time, "its last run that has ended", true, nullptr, "last", true},
+    {"last_ended", Type::time, "of that run", true},
+    {"last_status", Type::integer, "exit status of that run", true, nullptr, "status", true},
+    {"duration_s", Type::integer, "of that run", true, "--durations", "duration", true}};
 constexpr Output long_output = {Output::Shape::list, list_columns};
 constexpr Output short_output = {Output::Shape::list, std::span(list_columns).first(std::size(list_columns) - 1)};
 
@@ -69,7 +61,7 @@ constexpr Output status_output = {Output::Shape::one, status_columns};
 constexpr Command commands[] = {
     {.path = "job list",
      .help = "List the jobs of a host",
-     .examples = {"veliactl job list build7", "veliactl job list build7 --all --durations --sort duration",
+     .examples = {"veliactl job list build7", "veliactl job list build7 --all --sort duration --limit 10",
                   "veliactl job list build7 --output json"},
      .make = call_of<list_jobs, list_options>,
      .output = &long_output},
@@ -102,28 +94,6 @@ Cell status_cell(const sched_job_properties_t &job) {
 
 Cell duration_cell(const sched_job_properties_t &job) {
     return has_run(job) ? Cell(duration_of(job)) : Cell();
-}
-
-// What has no value of the kind comes last.
-int64_t place_in_order(const sched_job_properties_t &job, const std::string &order) {
-    const auto &last = job.ro.last_completion;
-    const int64_t next = job.ro.next_run_time;
-    if (order == "next")
-        return next == schedule::next_run_never || next == schedule::next_run_unknown ? INT64_MAX : next;
-    if (order == "last")
-        return has_run(job) ? -int64_t{last.started} : INT64_MAX; // the youngest first
-    if (order == "status")
-        return has_run(job) ? -int64_t{last.exit_status} : INT64_MAX; // failures first
-    if (order == "duration")
-        return has_run(job) ? -duration_of(job) : INT64_MAX; // the longest first
-    return job.ro.job_id;
-}
-
-void sort_jobs(std::vector<const sched_job_properties_t *> &jobs, const std::string &order) {
-    std::stable_sort(jobs.begin(), jobs.end(), [&](const auto *left, const auto *right) {
-        return order == "name" ? strcmp(left->rw.name, right->rw.name) < 0
-                               : place_in_order(*left, order) < place_in_order(*right, order);
-    });
 }
 
 Cells cells_of(const sched_job_properties_t &job, const Output &output) {
@@ -162,7 +132,8 @@ int list_jobs(const ListArguments &arguments, const Settings &settings) {
     for (uint32_t i = 0; i < count; ++i)
         if (arguments.shows_all || !has_completed(jobs[i]))
             shown.push_back(&jobs[i]);
-    sort_jobs(shown, arguments.order);
+    std::stable_sort(shown.begin(), shown.end(),
+                     [](const auto *left, const auto *right) { return left->ro.job_id < right->ro.job_id; });
     const Output &output = arguments.shows_durations ? long_output : short_output;
     Results results(output, settings);
     for (const auto *job : shown)

@@ -32,7 +32,9 @@ struct Column {
     Type type = Type::text;
     const char *help = "";
     bool may_be_null = false;
-    const char *needs = nullptr; // an option, without which there is no such column
+    const char *needs = nullptr;    // an option, without which there is no such column
+    const char *sorts_as = nullptr; // another name for the order by it
+    bool largest_first = false;     // in that order
 };
 
 // The results of a command: one object, or any number of them.

@@ -133,10 +133,6 @@ CLI::App &add_subcommand(CLI::App &program, const Command &row) {
     return *command;
 }
 
-std::string failure_text(const std::string &program, const std::string &fault) {
-    return program + ": Error: " + fault + "\nRun with --help for more information.\n";
-}
-
 // A switch that is answered by a text, whatever else is or is not given.
 void add_answer(CLI::App &app, const Option &option, const std::function<std::string()> &answer) {
     app.add_flag_callback(
@@ -223,7 +219,7 @@ class Tree {
 public:
     explicit Tree(const Program &program)
         : app_(program.help, program.name), help_width_(program.help_width), common_(program.common),
-          sources_(program.sources) {
+          more_(program.more), sources_(program.sources) {
         app_.set_help_flag(help_option.name, help_option.help);
         app_.set_version_flag(version_option.name, program.version, version_option.help);
         app_.require_subcommand(1);
@@ -235,7 +231,7 @@ public:
         add_options(app_, program.common);
         add_answer(app_, schema_option, [&program] { return schemas_of(program); });
         for (const auto &row : program.commands)
-            add(row, program.common);
+            add(row);
     }
 
     Line parse(std::vector<std::string> words, std::ostream &out, std::ostream &errors) {
@@ -250,23 +246,26 @@ public:
             out << (error.get_name() == "CallForHelp" ? wrapped(help.str(), help_width_) : help.str());
             return {nullptr, status == 0 ? exit_done : exit_usage, error.what()};
         }
-        return {std::move(calls_[chosen_]), exit_done, ""};
+        return {std::move(calls_[chosen_]), exit_done, "", chosen_output_};
     }
 
 private:
-    void add(const Command &row, const Options &common) {
+    void add(const Command &row) {
         CLI::App &command = add_subcommand(app_, row);
         if (row.make == nullptr) {
             command.require_subcommand(1);
             return;
         }
         calls_.push_back(row.make());
-        add_options(command, calls_.back()->options());
-        if (row.has_common_options)
-            add_options(command, common);
+        const Options own = calls_.back()->options();
+        add_options(command, own);
+        add_options(command, common_options_of(row, own, common_, more_));
         if (row.output != nullptr)
             add_answer(command, schema_option, [row] { return schema_of(row); });
-        command.callback([this, index = calls_.size() - 1] { chosen_ = index; });
+        command.callback([this, index = calls_.size() - 1, output = row.output] {
+            chosen_ = index;
+            chosen_output_ = output;
+        });
         leaves_[&command] = {row, calls_.size() - 1};
     }
 
@@ -279,8 +278,8 @@ private:
         if (leaf == leaves_.end() || is_given(*command, "--help") || is_given(*command, schema_option.name))
             return;
         const auto &[row, index] = leaf->second;
-        Elsewhere elsewhere(app_, *command, row.path,
-                            joined({calls_[index]->options(), row.has_common_options ? common_ : Options()}));
+        const Options own = calls_[index]->options();
+        Elsewhere elsewhere(app_, *command, row.path, joined({own, common_options_of(row, own, common_, more_)}));
         try {
             for (const auto &source : sources_)
                 elsewhere.take(source);
@@ -297,13 +296,23 @@ private:
     CLI::App app_;
     size_t help_width_;
     Options common_;
+    MoreOptions more_;
     std::vector<Source> sources_;
     std::map<const CLI::App *, Leaf> leaves_;
     std::vector<std::unique_ptr<Call>> calls_;
     size_t chosen_ = 0;
+    const Output *chosen_output_ = nullptr;
 };
 
 } // namespace
+
+Options common_options_of(const Command &row, const Options &own, const Options &common, const MoreOptions &more) {
+    return joined({row.has_common_options ? common : Options(), more ? more(row, own) : Options()});
+}
+
+std::string failure_text(const std::string &program, const std::string &fault) {
+    return program + ": Error: " + fault + "\nRun with --help for more information.\n";
+}
 
 Line parse(const Program &program, const std::vector<std::string> &words, std::ostream &out, std::ostream &errors) {
     // The library's own words would be that a command is missing.

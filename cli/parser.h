@@ -26,13 +26,21 @@ struct Program {
     Options common; // in front of a command, or behind one that has them
     size_t help_width = help_width_usual;
     std::vector<Source> sources = {}; // of options that the line does not give; the first that knows decides
+    MoreOptions more = {};            // behind a command
 };
+
+// All that a command takes besides its own, which are given.
+Options common_options_of(const Command &row, const Options &own, const Options &common, const MoreOptions &more);
+
+// What is said of a line that is wrong.
+std::string failure_text(const std::string &program, const std::string &fault);
 
 // What becomes of a line.
 struct Line {
-    std::unique_ptr<Call> call; // to be run; null if all has been said
-    int status = exit_done;     // then
-    std::string fault;          // what is wrong with the line, without the words around it
+    std::unique_ptr<Call> call;     // to be run; null if all has been said
+    int status = exit_done;         // then
+    std::string fault;              // what is wrong with the line, without the words around it
+    const Output *output = nullptr; // of the call
 };
 
 // The words behind the program's name. Help goes to `out`, what is wrong with the line to `errors`.

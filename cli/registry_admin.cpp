@@ -2,17 +2,10 @@
 #include <cli/registry.h>
 
 #include <array>
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
 #include <sstream>
 
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cli/commands.h>
+#include <cli/daemon_program.h>
 #include <cli/messages.h>
 #include <cli/password.h>
 #include <cli/results.h>
@@ -20,14 +13,11 @@
 #include <veliaxdr/rgy_manage.h>
 #include <veliaxdr/rgy_wire.h>
 
-extern char **environ; // NOLINT(readability-redundant-declaration): POSIX has it in no header
-
 namespace velia::cli {
 
 namespace {
 
 constexpr const char *prompt = "Registry password: ";
-constexpr const char *daemon_name = "rvzd_server";
 
 struct Backup {
     std::optional<std::string> hosts; // an empty list is one, too
@@ -201,20 +191,6 @@ int check_access(const Check &check, const Settings &settings) {
     return status == TBS_ST_OK ? exit_done : exit_failed;
 }
 
-// Beside this program, where a package has it, or on PATH.
-std::string find_daemon(const std::string &given) {
-    if (!given.empty())
-        return given;
-    std::error_code error;
-    const auto own = std::filesystem::read_symlink("/proc/self/exe", error);
-    for (const char *folder : {".", "../sbin", "../libexec"}) {
-        const auto path = own.parent_path() / folder / daemon_name;
-        if (!error && access(path.c_str(), X_OK) == 0)
-            return path.lexically_normal().string();
-    }
-    return daemon_name;
-}
-
 bool ask_twice(Password &password) {
     Password again;
     if (!password.ask("New registry password: ") || !again.ask("Once more: "))
@@ -225,40 +201,6 @@ bool ask_twice(Password &password) {
     return false;
 }
 
-bool write_line(int fd, const char *text) {
-    const auto length = static_cast<ssize_t>(strlen(text));
-    return write(fd, text, strlen(text)) == length && write(fd, "\n", 1) == 1;
-}
-
-// Its exit status; -1 for one that could not be started, with `error_number`.
-int run_daemon(const std::string &program, Password &password, int &error_number) {
-    std::array<int, 2> ends = {};
-    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
-        error_number = errno;
-        return -1;
-    }
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, ends[0], STDIN_FILENO);
-    // Its words of a good end are none of the results; what goes wrong it tells on standard error.
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-    std::string name = program;
-    std::string option = "--set-registry-password";
-    std::array<char *, 3> words = {name.data(), option.data(), nullptr};
-    pid_t pid = 0;
-    error_number = posix_spawnp(&pid, program.c_str(), &actions, nullptr, words.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    close(ends[0]);
-    const bool is_written = error_number == 0 && write_line(ends[1], password.text());
-    close(ends[1]);
-    if (error_number != 0)
-        return -1;
-    int state = 0;
-    while (waitpid(pid, &state, 0) < 0 && errno == EINTR) {
-    }
-    return is_written && WIFEXITED(state) ? WEXITSTATUS(state) : exit_failed;
-}
-
 int set_password(const Passwd &passwd, const Settings &settings) {
     Password password;
     const bool has_password = is_typed(passwd.password_file)
@@ -266,11 +208,11 @@ int set_password(const Passwd &passwd, const Settings &settings) {
                                   : password.read(passwd.password_file.empty() ? "-" : passwd.password_file);
     if (!has_password)
         return exit_failed;
-    const std::string program = find_daemon(passwd.daemon);
-    int error_number = 0;
-    const int status = run_daemon(program, password, error_number);
-    if (status != 0) {
-        const std::string why = status < 0 ? imsg_strerror(error_number) : "exit status " + std::to_string(status);
+    const std::string program = daemon_program(passwd.daemon);
+    const auto end = run_program(program, {"--set-registry-password"}, password.text(), Errors::shown);
+    if (end.status != 0) {
+        const std::string why =
+            end.status < 0 ? imsg_strerror(end.error_number) : "exit status " + std::to_string(end.status);
         tell_failure(TBS_ST_ERROR, "", "The registry password was not changed: %s: %s\n", program.c_str(), why.c_str());
         return exit_failed;
     }

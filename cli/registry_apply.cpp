@@ -201,7 +201,8 @@ void show(const PlannedEntry &planned, Results &results) {
 
 // Removals first, so that what they leave is free.
 tbs_status_t carry_out(const PlannedDb &plan, rvzd_handle_t *registry, const Settings &settings) {
-    Changes changes(registry, plan.db, Changes::As::one, RGY_CHANGE_IF_UNCHANGED, plan.stamps);
+    Changes changes(registry, plan.db, Changes::As::one_or_steps, RGY_CHANGE_IF_UNCHANGED, settings.timeout,
+                    plan.stamps);
     tbs_status_t status = TBS_ST_OK;
     for (const bool is_removal : {true, false})
         for (const auto &planned : plan.entries)
@@ -209,7 +210,14 @@ tbs_status_t carry_out(const PlannedDb &plan, rvzd_handle_t *registry, const Set
                 begin_wait(settings.timeout);
                 status = changes.add(planned.before.id, planned.after.flex_text);
             }
-    return status == TBS_ST_OK ? changes.finish() : status;
+    status = status == TBS_ST_OK ? changes.finish() : status;
+    if (status != TBS_ST_OK && changes.are_steps() && changes.sent() > 0)
+        imsg_print(
+            IMSG_WARNING,
+            "This registry makes one change after the other: %llu of %zu are made. See \"registry plan\" for the "
+            "others.\n",
+            IMSG_FORMAT, static_cast<unsigned long long>(changes.sent()), plan.entries.size());
+    return status;
 }
 
 // The registry, and the plans; the body says how the command ends.

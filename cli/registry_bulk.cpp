@@ -4,6 +4,8 @@
 
 #include <sys/random.h>
 
+#include <cli/registry_steps.h>
+
 #include <support/stg.h>
 
 namespace velia::cli {
@@ -74,11 +76,13 @@ tbs_status_t read_database(rvzd_handle_t *registry, rgy_db_t db, Database &datab
     return status;
 }
 
-Changes::Changes(rvzd_handle_t *registry, rgy_db_t db, As as, uint32_t flags, const rgy_dtm_pair_t &stamps)
-    : registry_(registry), db_(db), as_(as), flags_(flags), stamps_(stamps) {
+Changes::Changes(rvzd_handle_t *registry, rgy_db_t db, As as, uint32_t flags, Duration silence_max,
+                 const rgy_dtm_pair_t &stamps)
+    : registry_(registry), db_(db), as_(as), flags_(flags), silence_max_(silence_max), stamps_(stamps) {
     if (getrandom(&set_, sizeof set_, 0) != static_cast<ssize_t>(sizeof set_))
         as_ = As::pieces; // never
 }
+Changes::~Changes() = default;
 
 tbs_status_t Changes::add(uint64_t id, std::string text) {
     const size_t more_bytes = RGY_CHANGE_WORDS_BYTES + text.size();
@@ -96,12 +100,22 @@ tbs_status_t Changes::finish() {
 }
 
 tbs_status_t Changes::send(bool is_last) {
+    if (steps_ != nullptr)
+        return make_steps();
+    const auto status = send_at_once(is_last);
+    if (status != TBS_ST_UNSUPPORTED || as_ == As::one)
+        return status;
+    steps_ = std::make_unique<Steps>(registry_, db_, flags_, stamps_, silence_max_);
+    return make_steps();
+}
+
+tbs_status_t Changes::send_at_once(bool is_last) {
     std::vector<rgy_change_t> changes;
     for (size_t i = 0; i < ids_.size(); ++i)
         changes.push_back({ids_[i], texts_[i].data()});
     uint32_t failed = 0;
     uint32_t passed = 0;
-    const bool is_set = as_ == As::one;
+    const bool is_set = as_ != As::pieces;
     const auto status = rvzd_rgy_change_entries(registry_, db_, RGY_PROTOCOL_VERSION, &stamps_,
                                                 flags_ | (is_last ? 0 : uint32_t{RGY_CHANGE_MORE_TO_COME}),
                                                 is_set ? &set_ : nullptr, is_set ? static_cast<uint32_t>(sent_) : 0,
@@ -110,11 +124,32 @@ tbs_status_t Changes::send(bool is_last) {
     if (status != TBS_ST_OK)
         return status;
     passed_ += passed;
-    sent_ += changes.size();
+    forget_sent(changes.size());
+    return status;
+}
+
+// What was made before one that fails stands.
+tbs_status_t Changes::make_steps() {
+    const size_t count = ids_.size();
+    for (size_t i = 0; i < count; ++i) {
+        bool is_passed = false;
+        const auto status = steps_->make(ids_[i], texts_[i], is_passed);
+        if (status != TBS_ST_OK) {
+            failed_ = sent_ + i;
+            sent_ = failed_;
+            return status;
+        }
+        passed_ += is_passed ? 1 : 0;
+    }
+    forget_sent(count);
+    return TBS_ST_OK;
+}
+
+void Changes::forget_sent(uint64_t count) {
+    sent_ += count;
     bytes_ = 0;
     ids_.clear();
     texts_.clear();
-    return TBS_ST_OK;
 }
 
 } // namespace velia::cli

@@ -208,7 +208,7 @@ int send_entries(const Import &arguments, const Settings &settings, const std::s
                  const std::vector<NumberedEntry> &entries, Results &results) {
     const rgy_db_t db = entries[0].entry.db;
     Changes changes(registry, db, arguments.is_atomic ? Changes::As::one : Changes::As::pieces,
-                    RGY_CHANGE_PASS_STANDING);
+                    RGY_CHANGE_PASS_STANDING, settings.timeout);
     tbs_status_t status = TBS_ST_OK;
     for (size_t i = 0; status == TBS_ST_OK && i < entries.size(); ++i) {
         status = changes.add(0, entries[i].entry.flex_text);

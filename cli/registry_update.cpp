@@ -256,7 +256,7 @@ tbs_status_t send_update(const Updated &entry, rgy_db_t db, const Settings &sett
     std::string text;
     for (const auto &item : entry.items)
         text += item + ";";
-    Changes changes(registry.get(), db, Changes::As::pieces, RGY_CHANGE_IF_UNCHANGED, entry.stamps);
+    Changes changes(registry.get(), db, Changes::As::pieces, RGY_CHANGE_IF_UNCHANGED, settings.timeout, entry.stamps);
     const auto status = changes.add(entry.id, text);
     return status == TBS_ST_OK ? changes.finish() : status;
 }

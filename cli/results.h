@@ -5,6 +5,7 @@
 
 #include <cli/command.h>
 #include <cli/output.h>
+#include <cli/view.h>
 
 namespace velia::cli {
 
@@ -20,7 +21,7 @@ public:
 
     // As many cells as there are columns.
     void add(Cells cells);
-    bool empty() const { return writer_.empty(); }
+    bool empty() const { return writer_.empty() && held_.empty(); }
 
     // What comes next may take a while, so all is written that can be, or with show all of it. False, and told, if it
     // is lost: nobody sees what comes next.
@@ -31,13 +32,17 @@ public:
     void finish();
 
 private:
+    void write(const Cells &cells);
+    void write_held();
     bool write_out();
     void tell_unsure();
 
-    Writer writer_;
     Settings settings_;
-    const Output &output_;
+    ViewedRows rows_;
+    Writer writer_;
     Of of_;
+    uint64_t written_ = 0;
+    std::vector<Cells> held_; // until it is known in which order they come
     bool is_finished_ = false;
     bool has_told_ = false;
     std::vector<Cells> unsure_; // changes of which nobody may know yet

@@ -10,7 +10,6 @@
 #include <poll.h>
 #include <strings.h>
 
-#include <cli/broker.h>
 #include <cli/commands.h>
 #include <cli/messages.h>
 #include <cli/registry.h>
@@ -65,16 +64,6 @@ constexpr Command commands[] = {
      .make = call_of<turn_site, options_of>,
      .output = &output},
 };
-
-constexpr int is_quiet = 1;
-
-Broker reach_quietly(const std::string &host, const Settings &settings) {
-    begin_wait(settings.timeout);
-    rvzd_handle_t *handle = nullptr;
-    if (rvzd_get_handle_prim_proto(host.c_str(), RVZD_PROTOCOL_UDP, 1, is_quiet, &handle) != TBS_ST_OK)
-        return {nullptr, rvzd_free_handle};
-    return {handle, rvzd_free_handle};
-}
 
 void append_hosts(std::vector<std::string> &hosts, const std::string &list) {
     for (size_t begin = 0; (begin = list.find_first_not_of(list_separators, begin)) != std::string::npos;) {
@@ -297,6 +286,15 @@ int turn_site(const Arguments &arguments, const Settings &settings) {
 
 } // namespace
 
+Broker reach_quietly(const std::string &host, const Settings &settings) {
+    constexpr int is_quiet = 1;
+    begin_wait(settings.timeout);
+    rvzd_handle_t *handle = nullptr;
+    if (rvzd_get_handle_prim_proto(host.c_str(), RVZD_PROTOCOL_UDP, 1, is_quiet, &handle) != TBS_ST_OK)
+        return {nullptr, rvzd_free_handle};
+    return {handle, rvzd_free_handle};
+}
+
 tbs_status_t RegistryState::ask(rvzd_handle_t *daemon) {
     rvzd_registry_state_free(&reply_);
     return rvzd_registry_state(daemon, nullptr, 0, "", &reply_);
@@ -322,14 +320,21 @@ bool is_same_host(const std::string &one, const std::string &other) {
     return strcasecmp(one.c_str(), other.c_str()) == 0;
 }
 
-std::vector<std::string> hosts_of_site(const std::string &host, const Settings &settings) {
+std::vector<std::string> backup_hosts_of(const std::string &host, const Settings &settings) {
     std::vector<std::string> hosts;
-    append_hosts(hosts, names_in_hosts_file());
     std::array<char, RGY_WIRE_HOST_LIST_MAX + 1> list = {};
     char *text = list.data();
     const Broker daemon = reach_quietly(host, settings);
     if (daemon != nullptr && rvzd_rgy_get_backup(daemon.get(), RGY_PROTOCOL_VERSION, &text) == TBS_ST_OK)
         append_hosts(hosts, list.data());
+    return hosts;
+}
+
+std::vector<std::string> hosts_of_site(const std::string &host, const Settings &settings) {
+    std::vector<std::string> hosts;
+    append_hosts(hosts, names_in_hosts_file());
+    for (const auto &backup : backup_hosts_of(host, settings))
+        append_hosts(hosts, backup);
     append_hosts(hosts, sysutl_myhostname());
     return hosts;
 }

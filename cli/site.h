@@ -4,11 +4,15 @@
 #include <string>
 #include <vector>
 
+#include <cli/broker.h>
 #include <cli/command.h>
 #include <veliaxdr/rgy_local.h>
 #include <veliaxdr/rvzd_daemon.h>
 
 namespace velia::cli {
+
+// The daemon of a host, with the caller's credentials; null without an answer, of which nothing is told.
+Broker reach_quietly(const std::string &host, const Settings &settings);
 
 // A reply that is released at the end.
 class RegistryState {
@@ -33,6 +37,9 @@ std::string name_of_role(int32_t role);
 Cell text_or_none(const char *text);
 
 bool is_same_host(const std::string &one, const std::string &other);
+
+// Those of the list that the registry on `host` has; none without an answer.
+std::vector<std::string> backup_hosts_of(const std::string &host, const Settings &settings);
 
 // Of this host's hosts file and of the list of backup hosts that the registry on `host` has: each once.
 std::vector<std::string> hosts_of_site(const std::string &host, const Settings &settings);

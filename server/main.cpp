@@ -212,6 +212,7 @@ int run(CommandLine &line, std::optional<Log> &log) {
         print_configuration(line.config_file, read.configuration, "is right");
         return EXIT_SUCCESS;
     }
+    Log::set_options(read.configuration.log);
     umask(private_umask);
     auto place = LocalPlace::take();
     if (!place || !secure_private_files())

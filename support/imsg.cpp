@@ -21,6 +21,7 @@
 
 namespace {
 
+using velia::support::Output;
 using velia::support::write_all;
 
 constexpr size_t usual_text_size = 1024;
@@ -34,6 +35,9 @@ imsg_sink_t message_sink;
 void *sink_context;
 imsg_writer_t message_writer;
 void *writer_context;
+int message_form;                // IMSG_FORM_...
+int least_severity = IMSG_TRACE; // of what is written
+bool is_last_wanted = true;
 
 void lock_printer() {
     velia::support::free_in_children(printer_lock);
@@ -64,6 +68,20 @@ int stream_descriptor(int severity) {
 bool is_coloured(int descriptor) {
     const char *no_color = getenv("NO_COLOR");
     return (no_color == nullptr || *no_color == '\0') && isatty(descriptor);
+}
+
+// Of how much interest a severity is; errors most of all.
+int rank_of(int severity) {
+    switch (severity) {
+    case IMSG_ERROR:
+        return 0;
+    case IMSG_WARNING:
+        return 1;
+    case IMSG_TRACE:
+        return 3;
+    default:
+        return 2;
+    }
 }
 
 // The text of one message on the stack, or on the heap when it is long. Without memory for a long one, its beginning.
@@ -99,32 +117,6 @@ struct Text {
     }
 };
 
-// A growing text; it stays as it is when memory runs out, so that the message itself still comes out.
-struct Output {
-    char *bytes;
-    size_t length;
-    size_t size;
-
-    void append(const char *text, size_t text_length) {
-        if (text_length == 0 || (size - length < text_length && !grow(length + text_length)))
-            return;
-        memcpy(bytes + length, text, text_length);
-        length += text_length;
-    }
-
-    void append(const char *text) { append(text, strlen(text)); }
-
-    bool grow(size_t least_size) {
-        const size_t new_size = least_size * 2;
-        auto *room = static_cast<char *>(realloc(bytes, new_size));
-        if (room == nullptr)
-            return false;
-        bytes = room;
-        size = new_size;
-        return true;
-    }
-};
-
 // A warning or an error begins a line: not every text before it ended its own.
 void append_heading(Output &output, int severity, bool coloured) {
     const Heading heading = heading_of(severity);
@@ -141,15 +133,17 @@ void append_heading(Output &output, int severity, bool coloured) {
         output.append("\033[0m");
 }
 
+// As a journal takes them from the beginning of a line.
+void append_priority(Output &output, int severity) {
+    if ((message_form & IMSG_FORM_PRIORITIES) == 0)
+        return;
+    constexpr const char *priorities[] = {"<3>", "<4>", "<6>", "<7>"};
+    output.append(priorities[rank_of(severity)]);
+}
+
 void append_time(Output &output) {
-    struct timespec now;
-    struct tm parts;
-    clock_gettime(CLOCK_REALTIME, &now);
-    gmtime_r(&now.tv_sec, &parts);
-    char text[64];
-    const size_t length = strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
-    snprintf(text + length, sizeof text - length, ".%03ldZ ", now.tv_nsec / 1000000);
-    output.append(text);
+    velia::support::append_utc(output);
+    output.append(" ");
 }
 
 void write_out(int descriptor, const Output &output) {
@@ -184,7 +178,43 @@ void write_to_stream(int severity, const Output &message) {
         is_inside_a_line = message.bytes[message.length - 1] != '\n';
 }
 
-void write_message(int severity, const char *origin, const Text &text) {
+// Whether it is wanted. What goes on with a message has its fate.
+bool is_within_level(int severity) {
+    if (severity != IMSG_CONTINUATION)
+        is_last_wanted = rank_of(severity) <= rank_of(least_severity);
+    return is_last_wanted;
+}
+
+// An object a line, whatever the message ends with; a time of its own, so that no other stands before it.
+void write_object(int severity, const char *subsystem, const char *origin, const Text &text) {
+    Output line = {};
+    if (log_descriptor < 0)
+        append_priority(line, severity);
+    velia::support::append_json(line, severity, subsystem, origin, text.bytes, text.length);
+    write_out(log_descriptor >= 0 ? log_descriptor : stream_descriptor(severity), line);
+    free(line.bytes);
+}
+
+// To a stream, each line headed by its priority.
+void write_with_priorities(int severity, const Output &message) {
+    Output lines = {};
+    for (size_t at = 0; at < message.length;) {
+        const auto *end = static_cast<const char *>(memchr(message.bytes + at, '\n', message.length - at));
+        const size_t stop = end != nullptr ? static_cast<size_t>(end - message.bytes) + 1 : message.length;
+        if (at > 0 || !is_inside_a_line)
+            append_priority(lines, severity);
+        lines.append(message.bytes + at, stop - at);
+        at = stop;
+    }
+    write_to_stream(severity, lines);
+    free(lines.bytes);
+}
+
+void write_message(int severity, const char *subsystem, const char *origin, const Text &text) {
+    if (!is_within_level(severity))
+        return;
+    if ((message_form & IMSG_FORM_JSON) != 0)
+        return write_object(severity, subsystem, origin, text);
     const bool coloured = log_descriptor < 0 && heading_of(severity).word != nullptr && is_coloured(STDERR_FILENO);
     Output message = {};
     append_heading(message, severity, coloured);
@@ -193,6 +223,8 @@ void write_message(int severity, const char *origin, const Text &text) {
     message.append(text.bytes, text.length);
     if (log_descriptor >= 0)
         write_to_log(message);
+    else if ((message_form & IMSG_FORM_PRIORITIES) != 0)
+        write_with_priorities(severity, message);
     else
         write_to_stream(severity, message);
     free(message.bytes);
@@ -243,7 +275,7 @@ void velia::support::print_message(int severity, const char *subsystem, const vo
         message_sink(sink_context, severity, subsystem, table_of(table_or_format, index), index, text.bytes);
     } else {
         lock_printer();
-        write_message(severity, origin, text);
+        write_message(severity, subsystem, origin, text);
         pthread_mutex_unlock(&printer_lock);
     }
     text.release();
@@ -342,5 +374,12 @@ void imsg_set_writer(imsg_writer_t writer, void *context) {
     lock_printer();
     message_writer = writer;
     writer_context = context;
+    pthread_mutex_unlock(&printer_lock);
+}
+
+void imsg_set_form(int form, int least) {
+    lock_printer();
+    message_form = form;
+    least_severity = least;
     pthread_mutex_unlock(&printer_lock);
 }

@@ -2,10 +2,46 @@
 #pragma once
 
 #include <cstdarg>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
 
-#include <support/imsg.h>
+#include <support/imsg_form.h>
 
 namespace velia::support {
+
+// A growing text; it stays as it is when memory runs out, so that the message itself still comes out.
+struct Output {
+    char *bytes;
+    size_t length;
+    size_t size;
+
+    void append(const char *text, size_t text_length) {
+        if (text_length == 0 || (size - length < text_length && !grow(length + text_length)))
+            return;
+        memcpy(bytes + length, text, text_length);
+        length += text_length;
+    }
+
+    void append(const char *text) { append(text, strlen(text)); }
+
+    bool grow(size_t least_size) {
+        const size_t new_size = least_size * 2;
+        auto *room = static_cast<char *>(realloc(bytes, new_size));
+        if (room == nullptr)
+            return false;
+        bytes = room;
+        size = new_size;
+        return true;
+    }
+};
+
+// The time of now, to the millisecond.
+void append_utc(Output &output);
+
+// A message as an object of one line. The subsystem and the origin may be null.
+void append_json(Output &output, int severity, const char *subsystem, const char *origin, const char *text,
+                 size_t length);
 
 // Prints one message. `origin` (may be null) is text that the streams show between the heading and the message, and
 // that a sink does not see.

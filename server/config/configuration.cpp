@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <common/text_file.h>
+#include <server/config/place.h>
 #include <server/config/words.h>
 #include <server/messages.h>
 
@@ -50,6 +51,50 @@ constexpr std::array option_keys = {
     NumberKey<Options>{"catch-up", &Options::catch_up_s, 0, seconds_max},
     NumberKey<Options>{"jobs", &Options::jobs_max, 1, 1024},
     NumberKey<Options>{"job-output", &Options::job_output_mib, 0, 4096},
+};
+
+// An option whose value is no number.
+struct TextKey {
+    std::string_view name;
+    bool (*take)(const std::string &value, Configuration &configuration);
+    std::string fault;
+};
+
+template <std::string Configuration::*member>
+bool take_absolute_path(const std::string &value, Configuration &configuration) {
+    configuration.*member = value;
+    return value.starts_with('/');
+}
+
+bool take_metrics(const std::string &value, Configuration &configuration) {
+    configuration.metrics = value;
+    return place_of_text(value).has_value();
+}
+
+bool take_log_level(const std::string &value, Configuration &configuration) {
+    struct Level {
+        std::string_view name;
+        int least_severity;
+    };
+    constexpr std::array levels = {Level{"error", IMSG_ERROR}, Level{"warning", IMSG_WARNING},
+                                   Level{"info", IMSG_PLAIN}, Level{"trace", IMSG_TRACE}};
+    const auto level = std::find_if(levels.begin(), levels.end(), [&](const Level &row) { return row.name == value; });
+    if (level != levels.end())
+        configuration.log.least_severity = level->least_severity;
+    return level != levels.end();
+}
+
+bool take_log_format(const std::string &value, Configuration &configuration) {
+    configuration.log.is_json = value == "json";
+    return value == "json" || value == "text";
+}
+
+const std::array text_keys = {
+    TextKey{"tasks", take_absolute_path<&Configuration::tasks_file>, "The file's path is not absolute: "},
+    TextKey{"schedule", take_absolute_path<&Configuration::schedule_file>, "The file's path is not absolute: "},
+    TextKey{"metrics", take_metrics, "Neither ADDRESS:PORT, [IPV6 ADDRESS]:PORT nor the absolute path of a socket: "},
+    TextKey{"log-level", take_log_level, "A log-level is error, warning, info or trace, not: "},
+    TextKey{"log-format", take_log_format, "A log-format is text or json, not: "},
 };
 
 struct KindName {
@@ -137,17 +182,12 @@ private:
     void option(const std::vector<std::string> &words) {
         if (words.size() != 3)
             return fail(MSG_CONFIG_FAILURE, "An option is written: option NAME VALUE");
-        if (words[1] == "tasks" || words[1] == "schedule")
-            return file_of_definitions(words);
+        for (const auto &key : text_keys)
+            if (key.name == words[1])
+                return key.take(words[2], result_.configuration) ? void()
+                                                                 : fail(MSG_CONFIG_FAILURE, key.fault + words[2]);
         if (!set_number(option_keys, words[1], words[2], result_.configuration.options))
             fail(MSG_CONFIG_FAILURE, "Unknown option or value out of range: " + words[1] + " " + words[2]);
-    }
-
-    void file_of_definitions(const std::vector<std::string> &words) {
-        if (!words[2].starts_with('/'))
-            return fail(MSG_CONFIG_FAILURE, "The file's path is not absolute: " + words[2]);
-        auto &configuration = result_.configuration;
-        (words[1] == "tasks" ? configuration.tasks_file : configuration.schedule_file) = words[2];
     }
 
     void access(const std::vector<std::string> &words) {

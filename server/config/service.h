@@ -10,6 +10,7 @@
 #include <server/config/access.h>
 #include <server/scheduler/definitions.h>
 #include <server/scheduler/task.h>
+#include <support/imsg.h>
 #include <veliaxdr/rvzd_wire.h>
 
 namespace velia::server {
@@ -61,6 +62,13 @@ struct Options {
     bool operator==(const Options &) const = default;
 };
 
+// Which messages the log has, and how.
+struct LogOptions {
+    int least_severity = IMSG_TRACE; // of less interest than this nothing is written
+    bool is_json = false;
+    bool operator==(const LogOptions &) const = default;
+};
+
 struct Configuration {
     std::vector<Service> services;
     std::vector<AccessLine> access; // in the order of the file: the first that names a host decides
@@ -69,6 +77,8 @@ struct Configuration {
     std::string notify_program; // empty: none
     std::string tasks_file;     // the same
     std::string schedule_file;  // the same
+    std::string metrics;        // where figures are given out; the same
+    LogOptions log;
     std::vector<DefinedJob> schedule;
 };
 

@@ -10,6 +10,8 @@
 #include <new>
 
 #include <server/daemon/background.h>
+#include <server/daemon/log.h>
+#include <server/daemon/metrics.h>
 #include <server/messages.h>
 #include <server/rights/socket_owner.h>
 #include <support/tbs.h>
@@ -22,6 +24,7 @@ constexpr uint64_t stop_grace_ms = 5000; // for servers to end by their lifeline
 constexpr uint64_t kill_grace_ms = 2000;
 constexpr uint64_t role_delay_ms = 100;
 constexpr Worker::Shape reader_shape = {{1, 1, 1}, 1, 0};
+constexpr uint32_t own_procedures_from = 10000; // which no daemon of the older version has
 constexpr const char *client_file_name = "clients";
 constexpr const char *role_file_name = "rgy_svr.conf";
 
@@ -52,6 +55,7 @@ Daemon::Daemon(uv_loop_t *loop, Listeners listeners, std::string config_file, co
       gate_([this](int32_t pid, const Caller &caller) { return table_.is_child(pid) && owns_socket(pid, caller); }),
       site_procedures_(loop, registry_, gate_), status_procedures_(calls_, [this] { return figures(); }),
       scheduler_(loop), scheduler_procedures_(scheduler_, gate_), dispatcher_(RVZD_PROGRAM, RVZD_VERSION, gate_, {}),
+      metrics_(loop, [this] { return metrics_text(figures(), registry_bytes(), calls_, time(nullptr)); }),
       due_timer_(loop, [this] { run_due(); }), stop_timer_(loop, [this] { stop(); }),
       role_timer_(loop, [this] { registry_.follow_role_file(); }), reader_(loop, reader_shape) {
     for (auto &fd : listeners.udp)
@@ -66,6 +70,7 @@ Daemon::Daemon(uv_loop_t *loop, Listeners listeners, std::string config_file, co
     for (const int signal_number : {SIGTERM, SIGINT})
         signals_.push_back(std::make_unique<SignalHandle>(loop, signal_number, [this] { stop(); }));
     dispatcher_.count_in(calls_);
+    configured_.started = time(nullptr);
     watch_role();
     apply(configuration, Accounts(configuration.services));
     registry_.take_role_at_once();
@@ -83,6 +88,8 @@ void Daemon::watch_role() {
 }
 
 void Daemon::apply(const Configuration &configuration, Accounts accounts) {
+    Log::set_options(configuration.log);
+    metrics_.serve_at(configuration.metrics);
     launcher_.set_accounts(std::move(accounts));
     gate_.set_access(configuration.access);
     registry_.set_copy_interval(configuration.options.registry_copy_s);
@@ -96,6 +103,8 @@ void Daemon::apply(const Configuration &configuration, Accounts accounts) {
     for (const auto &more : {host_procedures_.rows(protocol), registry_procedures_.rows(), site_procedures_.rows(),
                              status_procedures_.rows(), scheduler_procedures_.rows()})
         procedures.insert(procedures.end(), more.begin(), more.end());
+    if (protocol != RVZD_PROTOCOL_CURRENT)
+        std::erase_if(procedures, [](const ServedProcedure &served) { return served.number >= own_procedures_from; });
     dispatcher_.set_procedures(procedures);
     for (const auto &endpoint : tcp_endpoints_)
         endpoint->set_limits(limits_of(configuration.options));
@@ -111,7 +120,8 @@ DaemonFigures Daemon::figures() const {
         ++figures.servers;
         figures.servers_busy += process.state == ProcessState::busy ? 1 : 0;
     }
-    figures.registry_entries = registry_.standing().entries;
+    figures.registry = registry_.standing();
+    figures.takes_updates = registry_.refusal_of_update() == TBS_ST_OK;
     return figures;
 }
 
@@ -184,6 +194,7 @@ void Daemon::stop() {
         table_.shut_down(monotonic_ms());
         udp_endpoints_.clear();
         tcp_endpoints_.clear();
+        metrics_.close();
         registry_.stop();
         client_keeper_.save_now();
         scheduler_.stop();

@@ -15,6 +15,7 @@
 #include <server/hosts/client_keeper.h>
 #include <server/hosts/client_list.h>
 #include <server/hosts/procedures.h>
+#include <server/metrics/listener.h>
 #include <server/registry/procedures.h>
 #include <server/registry/service.h>
 #include <server/registry/site_procedures.h>
@@ -69,6 +70,7 @@ private:
     ReplyRate reply_rate_;
     std::vector<std::unique_ptr<UdpEndpoint>> udp_endpoints_;
     std::vector<std::unique_ptr<TcpEndpoint>> tcp_endpoints_;
+    MetricsListener metrics_;
     TimerHandle due_timer_;
     TimerHandle stop_timer_;
     TimerHandle role_timer_;

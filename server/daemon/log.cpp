@@ -1,5 +1,7 @@
 #include <server/daemon/log.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -9,11 +11,13 @@
 #include <new>
 #include <poll.h>
 #include <string>
+#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 #include <utility>
 
-#include <support/imsg.h>
+#include <support/env.h>
+#include <support/imsg_form.h>
 
 namespace velia::server {
 
@@ -40,6 +44,29 @@ bool write_whole(const Message &message) {
             return false;
     }
     return true;
+}
+
+// The service manager tells which stream the journal reads.
+bool is_journal(int fd) {
+    std::array<char, 64> stream;
+    struct stat status = {};
+    return getenv_safe("JOURNAL_STREAM", stream.data(), stream.size(), 0) != nullptr && fstat(fd, &status) == 0 &&
+           std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) == stream.data();
+}
+
+// Of a line that a process of our own program has written, whose heading is taken off.
+int severity_of(std::string_view &line) {
+    struct Heading {
+        std::string_view words;
+        int severity;
+    };
+    constexpr Heading headings[] = {{"rvzd_server: Error: ", IMSG_ERROR}, {"rvzd_server: Warning: ", IMSG_WARNING}};
+    for (const auto &heading : headings)
+        if (line.starts_with(heading.words)) {
+            line.remove_prefix(heading.words.size());
+            return heading.severity;
+        }
+    return IMSG_PLAIN;
 }
 
 } // namespace
@@ -75,6 +102,11 @@ struct Log::State {
         }
         is_changed.notify_all();
         return true;
+    }
+
+    bool has_room(size_t size, size_t bytes_max) {
+        const std::lock_guard held(lock);
+        return waiting_bytes + size <= bytes_max;
     }
 
     // False at the end.
@@ -138,11 +170,36 @@ void Log::flush() {
     state_->is_changed.wait_for(held, last_wait, [this] { return state_->waiting.empty() && !state_->is_writing; });
 }
 
+bool Log::by_lines = false;
+
 bool Log::add_output(const char *bytes, size_t size) {
+    if (by_lines)
+        return add_lines({bytes, size});
     if (current != nullptr)
         return current->add(STDERR_FILENO, bytes, size, BYTES_MAX / 2);
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, bytes, size);
     return true;
+}
+
+// Each by itself. With what stands before it a line takes more room than it has bytes.
+bool Log::add_lines(std::string_view text) {
+    if (current != nullptr && !current->has_room(text.size(), BYTES_MAX / 2))
+        return false;
+    while (!text.empty()) {
+        const auto end = std::min(text.find('\n'), text.size());
+        std::string_view line = text.substr(0, end);
+        const int severity = severity_of(line);
+        imsg_print(severity, "%.*s\n", IMSG_FORMAT, static_cast<int>(line.size()), line.data());
+        text.remove_prefix(std::min(end + 1, text.size()));
+    }
+    return true;
+}
+
+void Log::set_options(const LogOptions &options) {
+    const int form =
+        (options.is_json ? int{IMSG_FORM_JSON} : 0) | (is_journal(STDERR_FILENO) ? int{IMSG_FORM_PRIORITIES} : 0);
+    imsg_set_form(form, options.least_severity);
+    by_lines = form != 0 || options.least_severity == IMSG_ERROR || options.least_severity == IMSG_WARNING;
 }
 
 Log::~Log() {

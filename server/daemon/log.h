@@ -6,6 +6,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string_view>
+
+#include <server/config/service.h>
 
 namespace velia::server {
 
@@ -30,9 +33,16 @@ public:
     // added, while half of the room is taken: the other half is for messages, and who writes much waits for itself.
     static bool add_output(const char *bytes, size_t size);
 
+    // Which messages are written from now on, and how: as objects, or, where the journal reads what is written, with
+    // the priorities that it knows.
+    static void set_options(const LogOptions &options);
+
 private:
     struct State;
+    static bool add_lines(std::string_view text);
+
     static std::shared_ptr<State> current;
+    static bool by_lines;          // what a server has written is no text as it is, but messages
     std::shared_ptr<State> state_; // the thread's, too, which may be in the midst of a write at the end
 };
 

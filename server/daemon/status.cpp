@@ -4,13 +4,19 @@
 #include <sstream>
 #include <sys/stat.h>
 
-#include <server/registry/service.h>
 #include <support/sysutl.h>
 #include <veliaxdr/libveliaxdr.h>
 
 namespace velia::server {
 
 namespace {
+
+uint64_t bytes_of(const std::string &file_name) {
+    struct stat status = {};
+    return stat(file_name.c_str(), &status) == 0 ? static_cast<uint64_t>(status.st_size) : 0;
+}
+
+} // namespace
 
 std::string version_text() {
     std::array<char, LIBVELIAXDR_VERID_SIZE> line = {};
@@ -23,12 +29,9 @@ std::string version_text() {
     return text;
 }
 
-uint64_t bytes_of(const std::string &file_name) {
-    struct stat status = {};
-    return stat(file_name.c_str(), &status) == 0 ? static_cast<uint64_t>(status.st_size) : 0;
+RegistryBytes registry_bytes() {
+    return {bytes_of(registry_file()), bytes_of(registry_file() + "-wal")};
 }
-
-} // namespace
 
 std::vector<ServedProcedure> StatusProcedures::rows() {
     return {serve<procedures::daemon_status, &StatusProcedures::status>(*this)};
@@ -41,15 +44,16 @@ tbs_status_t StatusProcedures::status(const rvzd_daemon_status_req_t & /*request
     record.version = reply.arena.text(version_text());
     record.host = reply.arena.text(sysutl_myhostname());
     record.now = time(nullptr);
-    record.started = started_;
+    record.started = figures.started;
     record.connections = figures.connections;
     record.connections_max = figures.connections_max;
     record.services = figures.services;
     record.servers = figures.servers;
     record.servers_busy = figures.servers_busy;
-    record.registry_entries = figures.registry_entries;
-    record.registry_bytes = bytes_of(registry_file());
-    record.registry_log_bytes = bytes_of(registry_file() + "-wal");
+    record.registry_entries = figures.registry.entries;
+    const RegistryBytes bytes = registry_bytes();
+    record.registry_bytes = bytes.file;
+    record.registry_log_bytes = bytes.log;
     auto &rows = reply.arena.keep(std::vector<rvzd_procedure_figures_t>());
     for (const auto &row : calls_.rows())
         if (rows.size() < RVZD_DAEMON_PROCEDURES_MAX)

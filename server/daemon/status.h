@@ -3,8 +3,10 @@
 
 #include <ctime>
 #include <functional>
+#include <string>
 #include <vector>
 
+#include <server/registry/service.h>
 #include <server/rpc/figures.h>
 #include <server/rpc/serve.h>
 #include <veliaxdr/rvzd_daemon.h>
@@ -18,14 +20,25 @@ struct DaemonFigures {
     uint32_t services = 0;
     uint32_t servers = 0;
     uint32_t servers_busy = 0;
-    uint64_t registry_entries = 0;
+    time_t started = 0;
+    RegistryService::Standing registry;
+    bool takes_updates = false;
 };
+
+// Of the registry's file, and of the log beside it.
+struct RegistryBytes {
+    uint64_t file = 0;
+    uint64_t log = 0;
+};
+RegistryBytes registry_bytes();
+
+std::string version_text();
 
 class StatusProcedures {
 public:
     // The calls have to outlive them.
     StatusProcedures(const CallFigures &calls, std::function<DaemonFigures()> figures)
-        : calls_(calls), figures_(std::move(figures)), started_(time(nullptr)) {}
+        : calls_(calls), figures_(std::move(figures)) {}
 
     std::vector<ServedProcedure> rows();
 
@@ -35,7 +48,6 @@ private:
 
     const CallFigures &calls_;
     const std::function<DaemonFigures()> figures_;
-    const time_t started_;
 };
 
 } // namespace velia::server

@@ -21,8 +21,9 @@ namespace velia::server {
 
 namespace {
 
-constexpr uint64_t last_copy_ms = 5000; // the client that asks for the promotion waits
-constexpr uint64_t look_ms = 30'000;    // of many hosts that are silent
+constexpr uint64_t last_copy_ms = 5000;    // the client that asks for the promotion waits
+constexpr uint64_t look_ms = 30'000;       // of many hosts that are silent
+constexpr int64_t claim_pause_ms = 10'000; // between two looks that strangers cause
 constexpr int look_at_start_ms = 3000;
 constexpr uint64_t look_delay_ms = 200; // behind a promotion, of which the former master is to hear soon
 constexpr uint64_t checkpoint_delay_ms = 500;
@@ -151,9 +152,9 @@ tbs_status_t make_master(Store &store) {
 RegistryService::RegistryService(uv_loop_t *loop)
     : copier_(loop, "--copy-registry", [this] { refresh_standing(); }),
       looker_(loop, "--look-at-site", [this] { refresh_standing(); }), look_timer_(loop, [this] { look_around(); }),
-      hold_timer_(loop, [this] { release_updates(); }), checkpoint_timer_(loop, [this] { bring_log_home(); }),
-      look_ups_(loop, look_up_shape, false), searches_(loop, search_shape, false), hashes_(loop, hash_shape, false),
-      updates_(loop, update_shape, true) {}
+      claim_timer_(loop, [this] { look_around(); }), hold_timer_(loop, [this] { release_updates(); }),
+      checkpoint_timer_(loop, [this] { bring_log_home(); }), look_ups_(loop, look_up_shape, false),
+      searches_(loop, search_shape, false), hashes_(loop, hash_shape, false), updates_(loop, update_shape, true) {}
 
 std::string registry_file() {
     std::array<char, TBS_PATH_SIZE> path;
@@ -312,7 +313,7 @@ void RegistryService::hear_of_term(const tbs_uuid_t &registry, uint64_t number, 
         host.empty() || is_this_host(host) || tbs_uuid_eq(&registry, &standing_.registry) == 0)
         return;
     if (!is_believed)
-        return look_around();
+        return look_into_claim();
     updates_.change(
         [number, host](std::unique_ptr<Store> &store) {
             try {
@@ -326,6 +327,19 @@ void RegistryService::hear_of_term(const tbs_uuid_t &registry, uint64_t number, 
 }
 
 // A master asks the others now and then; one that asks already hears enough.
+// Whoever may ask may claim, as often as he likes: a look is a process, and asks the other hosts.
+void RegistryService::look_into_claim() {
+    const int64_t now_ms = monotonic_ms();
+    const int64_t due_ms = claim_looked_ms_ ? *claim_looked_ms_ + claim_pause_ms : now_ms;
+    if (claim_looked_ms_ && *claim_looked_ms_ > now_ms)
+        return; // one is due
+    claim_looked_ms_ = std::max(now_ms, due_ms);
+    if (due_ms <= now_ms)
+        look_around();
+    else
+        claim_timer_.start(static_cast<uint64_t>(due_ms - now_ms));
+}
+
 void RegistryService::look_around() {
     if (standing_.role != RGY_SVR_MASTER)
         return;
@@ -480,7 +494,7 @@ void RegistryService::follow_role_file() {
 void RegistryService::stop() {
     copier_.stop();
     looker_.stop();
-    for (TimerHandle *timer : {&look_timer_, &hold_timer_, &checkpoint_timer_})
+    for (TimerHandle *timer : {&look_timer_, &claim_timer_, &hold_timer_, &checkpoint_timer_})
         timer->stop();
     wait_for_others(0);
 }

@@ -129,6 +129,7 @@ private:
     void refresh_standing();
     void bring_log_home();
     void look_around();
+    void look_into_claim();
     void look_at_once();
     void update_ended();
     StoreWorker &worker_of(Lane lane);
@@ -136,6 +137,8 @@ private:
     Copier copier_;
     Copier looker_;
     TimerHandle look_timer_;
+    TimerHandle claim_timer_;
+    std::optional<int64_t> claim_looked_ms_; // when a stranger's claim was looked into last, or will be
     TimerHandle hold_timer_;
     TimerHandle checkpoint_timer_;
     Standing standing_;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <chrono>
+#include <numeric>
 
 namespace velia::server {
 
@@ -27,7 +28,9 @@ uint64_t CallFigures::end_of(size_t place) {
 void CallFigures::add(uint32_t procedure, int64_t took_us) {
     Counts &counts = procedures_[procedure];
     ++counts.calls;
-    ++counts.by_time[place_of(static_cast<uint64_t>(std::max<int64_t>(took_us, 0)))];
+    const auto time_us = static_cast<uint64_t>(std::max<int64_t>(took_us, 0));
+    counts.total_us += time_us;
+    ++counts.by_time[place_of(time_us)];
 }
 
 uint64_t CallFigures::time_of_share(const Counts &counts, uint64_t per_cent) {
@@ -44,6 +47,20 @@ std::vector<CallFigures::Row> CallFigures::rows() const {
     for (const auto &[procedure, counts] : procedures_)
         rows.push_back({procedure, counts.calls, time_of_share(counts, 50), time_of_share(counts, 99)});
     return rows;
+}
+
+// Each bound is the end of a place.
+std::vector<CallFigures::Spread> CallFigures::spreads() const {
+    std::vector<Spread> spreads;
+    for (const auto &[procedure, counts] : procedures_) {
+        Spread spread = {procedure, counts.calls, counts.total_us, {}};
+        for (size_t i = 0; i < bounds_us.size(); ++i) {
+            const auto end = counts.by_time.begin() + static_cast<ptrdiff_t>(place_of(bounds_us[i])) + 1;
+            spread.up_to[i] = std::accumulate(counts.by_time.begin(), end, uint64_t{0});
+        }
+        spreads.push_back(spread);
+    }
+    return spreads;
 }
 
 int64_t now_us() {

@@ -220,6 +220,22 @@ TEST_F(KillsOfBackup, AtARestoreLeaveTheRegistryBeforeOrTheRestoredOne) {
     EXPECT_GT(steps, 10);
 }
 
+// What stood there has two names then, so that at no moment there is none.
+TEST_F(KillsOfBackup, BetweenKeepingAndReplacingTheRegistryLeaveTheOneThatStood) {
+    ASSERT_EQ(save().status, 0);
+    add_regions({"three"});
+    stop(daemon, SIGKILL);
+    const std::string last_step = "rename " + stored() + ".restored " + stored();
+    EXPECT_EQ(restore({"LD_PRELOAD=" WATCHED_FILES_PRELOAD, "FILES_NOTED=" + site.path("noted"),
+                       "FILES_KILLED_AT=" + last_step, "ASAN_OPTIONS=verify_asan_link_order=0"})
+                  .status,
+              128 + SIGKILL);
+    EXPECT_THAT(site.read("noted"), testing::EndsWith(last_step + "\n"));
+    EXPECT_THAT(server({"--check-registry"}).output, HasSubstr("3 entries"));
+    start_alpha();
+    EXPECT_TRUE(comes_to_have("alpha", {"one", "two", "three"})) << daemon->output();
+}
+
 // A small file system that is full would need root; the limit of a file's size fails at the same calls.
 TEST_F(KillsOfBackup, WithoutRoomASaveIsNoneAndToldAndTheOneBeforeStays) {
     ASSERT_EQ(save().status, 0);

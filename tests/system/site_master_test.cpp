@@ -10,8 +10,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <tests/system/support/registry_file.h>
 #include <tests/system/support/registry_site.h>
 #include <veliaxdr/rgy_role.h>
+#include <veliaxdr/rvzd_procedures.h>
 
 using namespace velia::system_test;
 using testing::HasSubstr;
@@ -119,6 +121,42 @@ TEST_F(SiteMaster, AClaimOfAStrangerIsLookedInto) {
     EXPECT_EQ(add_region("four"), TBS_ST_OK);
 }
 
+// For its state.
+uint64_t questions_to_beta() {
+    rvzd_daemon_status_reply_t reply = {};
+    uint64_t calls = 0;
+    const auto handle = own_handle("beta");
+    EXPECT_EQ(rvzd_daemon_status(handle.get(), &reply), TBS_ST_OK);
+    for (uint32_t i = 0; i < reply.count; ++i)
+        calls += reply.procedures[i].number == RVZD_PROC_REGISTRY_STATE ? reply.procedures[i].calls : 0;
+    rvzd_daemon_status_free(&reply);
+    return calls;
+}
+
+// Each look is a process, and asks the other hosts.
+TEST_F(SiteMaster, ManyClaimsOfAStrangerAreLookedIntoOnce) {
+    site.configure(std::string("option registry-copy 3600\n"));
+    daemon->signal(SIGHUP);
+    ASSERT_TRUE(daemon->says("is read again"));
+    stop(standby);
+    start_beta(); // looks once, and not again for an hour
+    ASSERT_TRUE(eventually([] { return state_of("beta").current > 0; }));
+    const uint64_t before = questions_to_beta();
+    const tbs_uuid_t registry = registry_of("alpha");
+    std::filesystem::remove_all(site.path("host/run")); // whoever comes now comes over IP
+    const pid_t stranger = fork();                      // without the connection of this process
+    if (stranger == 0) {
+        const bool are_heard =
+            !eventually([&] { return state_of("alpha", 9, "nobody", registry).status != TBS_ST_OK; }, 3);
+        _exit(are_heard ? 0 : 1);
+    }
+    int status = 1;
+    ASSERT_EQ(waitpid(stranger, &status, 0), stranger);
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(eventually([&] { return questions_to_beta() > before; })) << "it is looked into";
+    EXPECT_LE(questions_to_beta() - before, 2u);
+}
+
 TEST_F(SiteMaster, OneThatWasSupersededBecomesAStandbyAndKeepsWhatItAloneHad) {
     stop(standby, SIGKILL);
     ASSERT_EQ(add_region("only at alpha"), TBS_ST_OK);
@@ -157,6 +195,30 @@ TEST_F(SiteMaster, UpdatesAreHeldForAWhileAndTakenAgain) {
     EXPECT_EQ(add_region("two"), TBS_ST_OK);
     EXPECT_EQ(turn("alpha", 1, 1), TBS_ST_OK);
     EXPECT_TRUE(eventually([] { return add_region("three") == TBS_ST_OK; })) << "by itself";
+}
+
+// Whoever holds updates copies what there is then: one that is still being made would be lost.
+TEST_F(SiteMaster, AHoldIsAnsweredBehindTheUpdatesThatWereTaken) {
+    for (int tries = 0;; ++tries) {
+        RegistryLock lock(site);
+        Child::Options options;
+        options.output_file = site.path("added");
+        Child adder({VELIACTL, "registry", "add", "regions", "name=slow" + std::to_string(tries)}, options);
+        std::atomic<bool> is_held = false;
+        // So long that the update is at the lock in nearly all cases.
+        eventually([&] { return state_of("beta").status != TBS_ST_OK; }, 0.5);
+        std::thread holder([&] { is_held = turn("alpha", 1, 60) == TBS_ST_OK; });
+        const bool is_held_at_once = eventually([&] { return is_held.load(); }, 1);
+        lock.release();
+        holder.join();
+        EXPECT_TRUE(is_held);
+        EXPECT_EQ(turn("alpha", 2, 0), TBS_ST_OK);
+        if (adder.wait() == DONE) {
+            EXPECT_FALSE(is_held_at_once) << "an update was in hand";
+            return;
+        }
+        ASSERT_LT(tries, 5) << site.read("added"); // it came behind the hold
+    }
 }
 
 TEST_F(SiteMaster, AStandbyTellsItsLagAndEachNewReasonOnce) {

@@ -84,6 +84,7 @@ const CommandLine command_lines[] = {
     {"registry check", {"vault_tag", "--password-file", "/dev/null"}},
     {"registry save", {saved_file}},
     {"daemon status", {"alpha"}},
+    {"doctor", {}},
     {"registry demote", {"--follow", "beta"}},
     {"registry promote", {}},
     {"site master", {"alpha"}},

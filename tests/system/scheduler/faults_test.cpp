@@ -23,7 +23,9 @@ struct SchedulerFaults : SchedulerTool {
         site.write(name, text);
         chmod(site.path(name).c_str(), mode);
     }
-    std::string waiting() const { return "while ! test -e " + site.path("go") + "; do sleep 0.05; done"; }
+    std::string waiting() const {
+        return "while test -d " + site.path("host") + " && ! test -e " + site.path("go") + "; do sleep 0.05; done";
+    }
     void expect_served() {
         time_t now = 0;
         uint32_t count = 0;

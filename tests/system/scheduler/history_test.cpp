@@ -18,7 +18,8 @@ struct RunHistory : SchedulerTool {
 
     // A script that goes on once the file "go" is there.
     std::string script_that_waits(const std::string &behind) const {
-        return "echo begun; while ! test -e " + site.path("go") + "; do sleep 0.05; done; " + behind;
+        return "echo begun; while test -d " + site.path("host") + " && ! test -e " + site.path("go") +
+               "; do sleep 0.05; done; " + behind;
     }
     // All of it, in pieces of `size`.
     std::string output_in_pieces(sched_job_id_t id, uint32_t size) {

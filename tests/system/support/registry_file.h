@@ -15,4 +15,18 @@ void change_registry(const Site &site, const std::string &sql);
 // and by nothing else.
 void fill_registry(const Site &site, uint32_t db, size_t entry_count);
 
+// Nobody changes the registry while it lives, or until it is released.
+class RegistryLock {
+public:
+    explicit RegistryLock(const Site &site);
+    ~RegistryLock();
+    RegistryLock(const RegistryLock &) = delete;
+    RegistryLock &operator=(const RegistryLock &) = delete;
+
+    void release();
+
+private:
+    void *database_;
+};
+
 } // namespace velia::system_test

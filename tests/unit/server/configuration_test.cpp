@@ -115,6 +115,25 @@ TEST_F(ConfigurationFile, OptionOutOfItsRangeOrUnknownIsToldAndLeavesTheUsual) {
     EXPECT_THAT(told("option protocol 5 6"), ElementsAre(failure("An option is written: option NAME VALUE", 1)));
 }
 
+TEST_F(ConfigurationFile, OptionsOfFiguresAndTheLogAreSetByName) {
+    const auto read = [](std::string_view text) { return parse_configuration(text, names).configuration; };
+    EXPECT_EQ(read("").metrics, "");
+    EXPECT_EQ(read("").log, LogOptions());
+    EXPECT_EQ(read("option metrics 127.0.0.1:9100").metrics, "127.0.0.1:9100");
+    EXPECT_EQ(read("option metrics /run/m").metrics, "/run/m");
+    EXPECT_EQ(read("option log-level error\noption log-format json").log, (LogOptions{IMSG_ERROR, true}));
+    EXPECT_EQ(read("option log-level warning\noption log-format text").log, (LogOptions{IMSG_WARNING, false}));
+    EXPECT_EQ(read("option log-level info").log.least_severity, IMSG_PLAIN);
+    EXPECT_EQ(read("option log-level trace").log.least_severity, IMSG_TRACE);
+    EXPECT_THAT(told("option metrics build7:9100"),
+                ElementsAre(failure("Neither ADDRESS:PORT, [IPV6 ADDRESS]:PORT nor the absolute path of a socket: "
+                                    "build7:9100",
+                                    1)));
+    EXPECT_THAT(told("option log-level loud"),
+                ElementsAre(failure("A log-level is error, warning, info or trace, not: loud", 1)));
+    EXPECT_THAT(told("option log-format xml"), ElementsAre(failure("A log-format is text or json, not: xml", 1)));
+}
+
 TEST_F(ConfigurationFile, OptionsOfTheSchedulerAreSetByName) {
     const Options made = options("option catch-up 0\noption jobs 7\noption job-output 8\n");
     EXPECT_EQ(made.catch_up_s, 0U);

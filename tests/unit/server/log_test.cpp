@@ -12,12 +12,13 @@
 #include <sstream>
 #include <string>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <support/imsg.h>
+#include <support/imsg_form.h>
 
 using testing::HasSubstr;
 using velia::server::Log;
@@ -157,4 +158,57 @@ TEST_F(LogTest, WithoutALogWhatServersWriteIsWrittenAtOnce) {
     testing::internal::CaptureStderr();
     EXPECT_TRUE(Log::add_output("said", 4));
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "said");
+}
+
+TEST_F(LogTest, WhatServersWriteIsMessagesWhereMessagesAreObjects) {
+    imsg_set_app_name("rvzd_server");
+    ASSERT_EQ(imsg_init_daemon(path.c_str()), 0);
+    {
+        const Log log;
+        Log::set_options({IMSG_TRACE, true});
+        const std::string words = "rvzd_server: Error: no master\nplain\nrvzd_server: Warning: slow\nhalf";
+        EXPECT_TRUE(Log::add_output(words.data(), words.size()));
+    }
+    std::istringstream lines(written());
+    for (const char *end : {R"("severity":"error","message":"no master"})", R"("severity":"info","message":"plain"})",
+                            R"("severity":"warning","message":"slow"})", R"("severity":"info","message":"half"})"}) {
+        std::string line;
+        ASSERT_TRUE(std::getline(lines, line));
+        EXPECT_THAT(line, testing::EndsWith(end));
+    }
+}
+
+TEST_F(LogTest, OnlyErrorsOfServersAreOfInterestWhereOnlyErrorsAre) {
+    imsg_set_app_name("rvzd_server");
+    ASSERT_EQ(imsg_init_daemon(path.c_str()), 0);
+    {
+        const Log log;
+        Log::set_options({IMSG_ERROR, false});
+        const std::string words = "plain\nrvzd_server: Error: no master\n";
+        EXPECT_TRUE(Log::add_output(words.data(), words.size()));
+        const std::string most(Log::BYTES_MAX, 'x');
+        EXPECT_FALSE(Log::add_output(most.data(), most.size())) << "the other half is for messages";
+    }
+    EXPECT_THAT(written(), testing::EndsWith("Z rvzd_server: Error: no master\n"));
+    EXPECT_THAT(written(), testing::Not(HasSubstr("plain")));
+}
+
+// The journal names the stream that it reads by its device and inode.
+TEST_F(LogTest, PrioritiesAreForTheJournalAlone) {
+    imsg_set_app_name("rvzd_server");
+    FILE *file = fopen(path.c_str(), "a");
+    struct stat status = {};
+    fstat(fileno(file), &status);
+    const int kept = dup(STDERR_FILENO);
+    dup2(fileno(file), STDERR_FILENO);
+    setenv("JOURNAL_STREAM", "1:2", 1);
+    Log::set_options({IMSG_TRACE, false});
+    imsg_print(IMSG_ERROR, "one\n", IMSG_FORMAT);
+    setenv("JOURNAL_STREAM", (std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino)).c_str(), 1);
+    Log::set_options({IMSG_TRACE, false});
+    imsg_print(IMSG_ERROR, "two\n", IMSG_FORMAT);
+    dup2(kept, STDERR_FILENO);
+    close(kept);
+    fclose(file);
+    EXPECT_EQ(written(), "rvzd_server: Error: one\n<3>rvzd_server: Error: two\n");
 }
