@@ -45,11 +45,11 @@ struct SiteFaults : RegistrySite {
 
 TEST_F(SiteFaults, AnImportToAFullDiskIsToldAndGoneOnWith) {
     start_alpha(full_disk());
-    std::string lines;
-    for (int i = 0; i < 2000; ++i)
-        lines += R"({"db":"regions","items":{"name":"n)" + std::to_string(i) + "\"}}\n";
-    site.write("site.jsonl", lines);
     for (const Words &more : {Words{}, Words{"--atomic"}}) {
+        std::string lines;
+        for (int i = 0; i < 2000; ++i)
+            lines += R"({"db":"regions","items":{"name":"n)" + std::to_string(i) + (more.empty() ? "" : "a") + "\"}}\n";
+        site.write("site.jsonl", lines);
         Words import = {"registry", "import", site.path("site.jsonl")};
         import.insert(import.end(), more.begin(), more.end());
         set_full(true);
@@ -60,10 +60,10 @@ TEST_F(SiteFaults, AnImportToAFullDiskIsToldAndGoneOnWith) {
         set_full(false);
         EXPECT_EQ(veliactl(import).status, DONE) << daemon->output();
     }
-    EXPECT_EQ(names_of(RGY_DB_REGIONS)->size(), 2000u) << "each once";
+    EXPECT_EQ(names_of(RGY_DB_REGIONS)->size(), 4000u) << "each once";
     stop(daemon, SIGKILL);
     start_alpha();
-    EXPECT_EQ(names_of(RGY_DB_REGIONS)->size(), 2000u) << "what was acknowledged is there";
+    EXPECT_EQ(names_of(RGY_DB_REGIONS)->size(), 4000u) << "what was acknowledged is there";
 }
 
 TEST_F(SiteFaults, AStandbyWithAFullDiskIsNotPromotedAndUpdatesGoOn) {
@@ -92,6 +92,7 @@ TEST_F(SiteFaults, AClockAnHourOffChangesNothing) {
         names.push_back("n" + std::to_string(ahead));
         ASSERT_EQ(add_region(names.back()), TBS_ST_OK);
         ASSERT_TRUE(comes_to_have("beta", names)) << standby->output();
+        ASSERT_TRUE(eventually([] { return state_of("beta").current > 0; }));
         EXPECT_LE(state_of("beta").now - state_of("beta").current, 60) << "by its own clock";
         const auto there = make_master("beta");
         ASSERT_EQ(there.status, DONE) << there.errors;
@@ -109,13 +110,18 @@ TEST_F(SiteFaults, AHostThatIsDownAmidTheHostsThatFollowIsToldWithItsCommand) {
     start_alpha();
     start_beta();
     ASSERT_EQ(add_region("one"), TBS_ST_OK);
-    ASSERT_EQ(veliactl({"registry", "backup", "six"}).status, DONE);
+    ASSERT_EQ(veliactl({"registry", "backup", "beta,six"}).status, DONE);
+    ASSERT_TRUE(eventually([&] {
+        return veliactl({"registry", "backup"}, on_beta()).output.find("six") != std::string::npos;
+    }));
+    site.write("host/config/rgy_hosts.conf", "alpha\nsix\n");
     const auto turned = make_master("beta");
     EXPECT_EQ(turned.status, FAILED);
     EXPECT_THAT(turned.output, HasSubstr("run there: veliactl registry hosts --master beta"));
     EXPECT_EQ(state_of("beta").role, RGY_SVR_MASTER);
     EXPECT_EQ(state_of("alpha").role, RGY_SVR_STANDBY);
     EXPECT_EQ(add_region("two", "beta"), TBS_ST_OK);
+    EXPECT_TRUE(comes_to_have("alpha", {"one", "two"})) << "it is on the new master's list, too: " << daemon->output();
 }
 
 TEST_F(SiteFaults, AStandbyThatGoesDownAmidTheTurnLeavesTheMasterAsItWas) {
