@@ -232,7 +232,7 @@ void look_at_terms(Visit &visit) {
     if (!own.is_there() || own.registry->role == RGY_SVR_NONE)
         return;
     const auto &state = *own.registry;
-    if (state.heard_term > state.term)
+    if (state.role == RGY_SVR_MASTER && state.heard_term > state.term)
         return visit.fail(visit.host(),
                           "was superseded: " + std::string(state.heard_host) + " is the master, by term " +
                               std::to_string(state.heard_term),

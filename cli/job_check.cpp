@@ -1,4 +1,5 @@
-// veliactl job check and job fmt, task check and task show: files of definitions, without a scheduler.
+// veliactl job check and job fmt, and task check: files of definitions, without a scheduler. And the tasks that one
+// has.
 #include <cli/commands.h>
 
 #include <array>
@@ -37,6 +38,9 @@ struct FormatArguments {
 struct TaskCheckArguments {
     std::vector<std::string> files;
 };
+struct TaskListArguments {
+    std::string host;
+};
 struct TaskShowArguments {
     std::string host;
     std::string task;
@@ -74,6 +78,10 @@ Options task_check_options(TaskCheckArguments &arguments) {
     return file_options(arguments.files, "of definitions of tasks; any number");
 }
 
+Options task_list_options(TaskListArguments &arguments) {
+    return job_host_options(arguments.host);
+}
+
 Options task_show_options(TaskShowArguments &arguments) {
     return joined(
         {job_host_options(arguments.host),
@@ -83,6 +91,7 @@ Options task_show_options(TaskShowArguments &arguments) {
 int check_jobs(const CheckArguments &arguments, const Settings &settings);
 int format_jobs(const FormatArguments &arguments, const Settings &settings);
 int check_tasks(const TaskCheckArguments &arguments, const Settings &settings);
+int list_tasks(const TaskListArguments &arguments, const Settings &settings);
 int show_task(const TaskShowArguments &arguments, const Settings &settings);
 
 constexpr Column check_columns[] = {{"file", Type::text, "as it was named"},
@@ -113,6 +122,7 @@ constexpr Column task_columns[] = {{"id", Type::integer, "number of the task"},
                                    {"program", Type::text, "what it runs"},
                                    {"text", Type::text, "for user interfaces", true}};
 constexpr Output task_output = {Output::Shape::one, task_columns};
+constexpr Output tasks_output = {Output::Shape::list, task_columns};
 
 constexpr Command commands[] = {
     {.path = "job check",
@@ -128,6 +138,12 @@ constexpr Command commands[] = {
      .notes = "With --check the exit status is 4 if a file would be rewritten.\n",
      .make = call_of<format_jobs, format_options>,
      .output = &format_output},
+    {.path = "task", .help = "The programs that jobs may run"},
+    {.path = "task list",
+     .help = "List them all",
+     .examples = {"veliactl task list build7"},
+     .make = call_of<list_tasks, task_list_options>,
+     .output = &tasks_output},
     {.path = "task check",
      .help = "Check files of definitions of tasks, without a scheduler",
      .examples = {"veliactl task check views.tasks"},
@@ -327,27 +343,50 @@ const sched_task_properties_t *find_task(const sched_task_properties_t *tasks, u
     return nullptr;
 }
 
-int show_task(const TaskShowArguments &arguments, const Settings &settings) {
+Cells cells_of(const sched_task_properties_t &task) {
+    const char *text = task.ui.ui_info;
+    return {task.task_id, task.name, task.pathname, text != nullptr && *text != '\0' ? Cell(text) : Cell()};
+}
+
+// The scheduler's tasks, for the body, which says how the command ends.
+template <class Body>
+int with_tasks(const std::string &host, const Settings &settings, const std::string &failed, Body &&body) {
     int exit_status = exit_done;
-    const auto scheduler = open_scheduler(arguments.host, settings, exit_status);
+    const auto scheduler = open_scheduler(host, settings, exit_status);
     if (scheduler == nullptr)
         return exit_status;
     uint32_t count = 0;
     sched_task_properties_t *tasks = nullptr;
-    auto status = sched_get_tasks(scheduler.get(), &count, &tasks);
-    const auto *task = status == TBS_ST_OK ? find_task(tasks, count, arguments.task) : nullptr;
-    if (status == TBS_ST_OK && task == nullptr)
-        status = TBS_ST_NOT_FOUND;
-    if (task != nullptr) {
-        Results results(task_output, settings);
-        const char *text = task->ui.ui_info;
-        results.add(
-            {task->task_id, task->name, task->pathname, text != nullptr && *text != '\0' ? Cell(text) : Cell()});
-        results.finish();
-    }
+    const auto status = sched_get_tasks(scheduler.get(), &count, &tasks);
+    if (status != TBS_ST_OK)
+        return fail_of_scheduler(status, host, failed);
+    exit_status = body(tasks, count);
     sched_free_tasks(scheduler.get(), count, &tasks);
-    return status == TBS_ST_OK ? exit_status
-                               : fail_of_scheduler(status, arguments.host, "There is no task '" + arguments.task + "'");
+    return exit_status;
+}
+
+int list_tasks(const TaskListArguments &arguments, const Settings &settings) {
+    return with_tasks(arguments.host, settings, "The tasks cannot be listed",
+                      [&](const sched_task_properties_t *tasks, uint32_t count) {
+                          Results results(tasks_output, settings);
+                          for (uint32_t i = 0; i < count; ++i)
+                              results.add(cells_of(tasks[i]));
+                          results.finish();
+                          return int{exit_done};
+                      });
+}
+
+int show_task(const TaskShowArguments &arguments, const Settings &settings) {
+    const std::string failed = "There is no task '" + arguments.task + "'";
+    return with_tasks(arguments.host, settings, failed, [&](const sched_task_properties_t *tasks, uint32_t count) {
+        const auto *task = find_task(tasks, count, arguments.task);
+        if (task == nullptr)
+            return fail_of_scheduler(TBS_ST_NOT_FOUND, arguments.host, failed);
+        Results results(task_output, settings);
+        results.add(cells_of(*task));
+        results.finish();
+        return int{exit_done};
+    });
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-// veliactl job create, and the tasks that a job may have.
+// veliactl job create.
 #include <cli/commands.h>
 
 #include <array>
@@ -38,10 +38,6 @@ struct Creation {
     int32_t time_limit_s = 0;
     bool is_deleted_when_completed = false;
     bool is_dry_run = false;
-};
-
-struct TaskArguments {
-    std::string host;
 };
 
 // "08:30" in seconds; false for what is no time of a day.
@@ -185,23 +181,12 @@ Options creation_options(Creation &creation) {
          run_options(creation)});
 }
 
-Options task_options(TaskArguments &arguments) {
-    return job_host_options(arguments.host);
-}
-
 int create_job(const Creation &creation, const Settings &settings);
-int list_tasks(const TaskArguments &arguments, const Settings &settings);
 
 constexpr Column create_columns[] = {{"action", Type::text, "created; with --dry-run would create"},
                                      {"id", Type::integer, "number of the job", true},
                                      {"name", Type::text, "of the job"}};
 constexpr Output create_output = {Output::Shape::one, create_columns};
-
-constexpr Column task_columns[] = {{"id", Type::integer, "number of the task"},
-                                   {"name", Type::text, "of the task"},
-                                   {"program", Type::text, "what it runs"},
-                                   {"text", Type::text, "for user interfaces", true}};
-constexpr Output task_output = {Output::Shape::list, task_columns};
 
 constexpr Command commands[] = {
     {.path = "job create",
@@ -213,12 +198,6 @@ constexpr Command commands[] = {
                   "--notify JobEndFail=anna@example.com"},
      .make = call_of<create_job, creation_options>,
      .output = &create_output},
-    {.path = "task", .help = "The programs that jobs may run"},
-    {.path = "task list",
-     .help = "List them all",
-     .examples = {"veliactl task list build7"},
-     .make = call_of<list_tasks, task_options>,
-     .output = &task_output},
 };
 
 // "31", or "Last Fri". False for what is neither.
@@ -345,27 +324,6 @@ int create_job(const Creation &creation, const Settings &settings) {
         return exit_status;
     Results results(create_output, settings, creation.is_dry_run ? Results::Of::look : Results::Of::change);
     results.add({creation.is_dry_run ? "would create" : "created", id, creation.name});
-    results.finish();
-    return exit_done;
-}
-
-int list_tasks(const TaskArguments &arguments, const Settings &settings) {
-    int exit_status = exit_done;
-    const auto scheduler = open_scheduler(arguments.host, settings, exit_status);
-    if (scheduler == nullptr)
-        return exit_status;
-    uint32_t count = 0;
-    sched_task_properties_t *tasks = nullptr;
-    const auto status = sched_get_tasks(scheduler.get(), &count, &tasks);
-    if (status != TBS_ST_OK)
-        return fail_of_scheduler(status, arguments.host, "The tasks cannot be listed");
-    Results results(task_output, settings);
-    for (uint32_t i = 0; i < count; ++i) {
-        const char *text = tasks[i].ui.ui_info;
-        results.add({tasks[i].task_id, tasks[i].name, tasks[i].pathname,
-                     text != nullptr && *text != '\0' ? Cell(text) : Cell()});
-    }
-    sched_free_tasks(scheduler.get(), count, &tasks);
     results.finish();
     return exit_done;
 }

@@ -7,18 +7,17 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <utility>
 
-#include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cli/broker.h>
 #include <cli/commands.h>
 #include <cli/messages.h>
+#include <cli/new_file.h>
 #include <cli/results.h>
 #include <cli/waits.h>
-#include <support/fileutl.h>
 #include <support/imsg.h>
 #include <veliaxdr/rvzd_daemon.h>
 
@@ -85,54 +84,6 @@ void end_progress() {
         dprintf(STDERR_FILENO, "\r\033[K");
 }
 
-// Gone again unless it was finished.
-class NewFile {
-public:
-    explicit NewFile(const std::string &name) : name_(name), unfinished_(name + ".new") {
-        unlink(unfinished_.c_str());
-        fd_ = open(unfinished_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
-    }
-    ~NewFile() {
-        if (fd_ >= 0) {
-            close(fd_);
-            unlink(unfinished_.c_str());
-        }
-    }
-    NewFile(const NewFile &) = delete;
-    NewFile &operator=(const NewFile &) = delete;
-
-    bool is_open() const { return fd_ >= 0; }
-    bool write_all(const uint8_t *bytes, size_t size) const {
-        while (size > 0) {
-            const ssize_t written = write(fd_, bytes, size);
-            if (written <= 0 && errno != EINTR)
-                return false;
-            if (written > 0) {
-                bytes += written;
-                size -= static_cast<size_t>(written);
-            }
-        }
-        return true;
-    }
-    // On disk under its name, and that it has it.
-    bool finish() {
-        if (fsync(fd_) != 0 || fileutl_rename(unfinished_.c_str(), name_.c_str()) != 0)
-            return false;
-        close(std::exchange(fd_, -1));
-        const std::string directory = name_.substr(0, name_.rfind('/') + 1);
-        const int place = open(directory.empty() ? "." : directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        const bool is_on_disk = place >= 0 && fsync(place) == 0;
-        if (place >= 0)
-            close(place);
-        return is_on_disk;
-    }
-
-private:
-    const std::string name_;
-    const std::string unfinished_;
-    int fd_ = -1;
-};
-
 // Somebody may have named the wrong file.
 bool may_be_replaced(const std::string &name) {
     constexpr char magic[] = "SQLite format 3";
@@ -197,7 +148,7 @@ int save(const Arguments &arguments, const Settings &settings) {
     const Broker daemon = reach_broker(*host, RVZD_PROTOCOL_TCP, settings.timeout);
     if (daemon == nullptr)
         return exit_unreachable;
-    NewFile file(arguments.file);
+    NewFile file(arguments.file, S_IRUSR | S_IWUSR); // it holds the hash of the password
     if (!file.is_open())
         return tell_no_file(arguments.file);
     uint64_t size = 0;

@@ -1,16 +1,17 @@
 // veliactl registry export and import: entries as lines of JSON, in files that outlive a registry.
 #include <cli/registry.h>
 
-#include <fstream>
+#include <functional>
 #include <iostream>
+#include <iterator>
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cli/broker.h>
 #include <cli/commands.h>
 #include <cli/entry_file.h>
 #include <cli/messages.h>
+#include <cli/new_file.h>
 #include <cli/registry_bulk.h>
 #include <cli/results.h>
 #include <cli/streams.h>
@@ -111,48 +112,44 @@ std::vector<rgy_db_t> dbs_of(const std::vector<std::string> &names) {
     return dbs;
 }
 
-bool is_no_plain_file(const std::string &name) {
-    struct stat status = {};
-    return stat(name.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
-}
-
-// A file that is complete or not there. A device or a pipe is written to as it is.
-class NewFile {
-public:
-    explicit NewFile(std::string name)
-        : name_(std::move(name)), unfinished_(is_no_plain_file(name_) ? name_ : name_ + ".new"), file_(unfinished_) {}
-    ~NewFile() {
-        if (!is_kept_ && unfinished_ != name_)
-            unlink(unfinished_.c_str());
-    }
-    NewFile(const NewFile &) = delete;
-    NewFile &operator=(const NewFile &) = delete;
-
-    std::ostream &stream() { return file_; }
-    bool keep() {
-        file_.close();
-        is_kept_ = file_.good() && (unfinished_ == name_ || rename(unfinished_.c_str(), name_.c_str()) == 0);
-        return is_kept_;
-    }
-
-private:
-    std::string name_;
-    std::string unfinished_;
-    std::ofstream file_;
-    bool is_kept_ = false;
-};
-
 int tell_registry(tbs_status_t status, const std::string &host) {
     tell_failure(status, host, "The registry could not be read: %s\n", tbs_strerror(status));
     return exit_status_of_request(status);
 }
+
+// Lines on their way to a file, many in one write.
+class Lines {
+public:
+    explicit Lines(NewFile &file) : file_(file) {}
+
+    bool add(const std::string &lines) {
+        constexpr size_t room = 1 << 16;
+        text_ += lines;
+        return text_.size() < room || flush();
+    }
+    bool flush() {
+        is_lost_ = is_lost_ || !file_.write_all(text_.data(), text_.size());
+        text_.clear();
+        return !is_lost_;
+    }
+    bool is_lost() const { return is_lost_; }
+
+private:
+    NewFile &file_;
+    std::string text_;
+    bool is_lost_ = false;
+};
 
 struct Written {
     rgy_db_t db;
     uint64_t entries;
 };
 
-int write_databases(const Export &arguments, const std::string &host, const Settings &settings, std::ostream &out,
+// Takes some lines; false where they are lost.
+using Put = std::function<bool(const std::string &lines)>;
+
+// Nothing is told of what `put` could not take.
+int write_databases(const Export &arguments, const std::string &host, const Settings &settings, const Put &put,
                     std::vector<Written> &written) {
     const Broker registry = reach_broker(host, RVZD_PROTOCOL_TCP, settings.timeout);
     if (registry == nullptr)
@@ -162,8 +159,11 @@ int write_databases(const Export &arguments, const std::string &host, const Sett
         const auto status = read_database(registry.get(), db, database);
         if (status != TBS_ST_OK)
             return tell_registry(status, host);
+        bool is_taken = true;
         for (const auto &entry : database.entries)
-            out << line_of(entry) << '\n';
+            is_taken = is_taken && put(line_of(entry) + "\n");
+        if (!is_taken)
+            return exit_failed;
         written.push_back({db, database.entries.size()});
     }
     return exit_done;
@@ -175,17 +175,22 @@ int export_entries(const Export &arguments, const Settings &settings) {
         return exit_failed;
     std::vector<Written> written;
     if (arguments.file == standard_stream) {
-        const int status = write_databases(arguments, *host, settings, std::cout, written);
+        const auto put = [](const std::string &lines) {
+            return std::cout.write(lines.data(), std::ssize(lines)).good();
+        };
+        const int status = write_databases(arguments, *host, settings, put, written);
         return flush_results() ? status : exit_failed;
     }
-    NewFile file(arguments.file);
-    if (!file.stream().good())
+    NewFile file(arguments.file, DEFFILEMODE);
+    if (!file.is_open())
         return tell_file_trouble(arguments.file, "written");
-    const int status = write_databases(arguments, *host, settings, file.stream(), written);
+    Lines lines(file);
+    const int status = write_databases(
+        arguments, *host, settings, [&](const std::string &more) { return lines.add(more); }, written);
+    if (lines.is_lost() || (status == exit_done && !(lines.flush() && file.finish())))
+        return tell_file_trouble(arguments.file, "written");
     if (status != exit_done)
         return status;
-    if (!file.keep())
-        return tell_file_trouble(arguments.file, "written");
     Results results(export_output, settings, Results::Of::change);
     for (const auto &[db, entries] : written)
         results.add({registry_db_name(db), entries, arguments.file});

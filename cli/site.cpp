@@ -3,6 +3,7 @@
 // standby, and the hosts follow. Each step looks first whether it is done already, so that the whole can be run again.
 #include <cli/site.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <functional>
@@ -241,8 +242,26 @@ private:
         return state.ask(next_, settings_) == TBS_ST_OK && state->role == RGY_SVR_MASTER && state->takes_updates != 0;
     }
 
+    // Only who is on the master's list may copy it, where it has one: the former master is on none.
+    void enlist() {
+        const auto listed = backup_hosts_of(next_, settings_);
+        std::string list = joined(listed, " ");
+        for (const auto &host : hosts_) {
+            RegistryState state;
+            const bool is_known =
+                is_same_host(host, next_) ||
+                std::any_of(listed.begin(), listed.end(), [&](const auto &other) { return is_same_host(host, other); });
+            if (!is_known && state.ask(host, settings_) == TBS_ST_OK && state->role != RGY_SVR_NONE)
+                list += " " + host;
+        }
+        const Broker daemon = reach_quietly(next_, settings_);
+        if (!listed.empty() && daemon != nullptr && list.size() <= RGY_WIRE_HOST_LIST_MAX)
+            rvzd_rgy_set_backup(daemon.get(), RGY_PROTOCOL_VERSION, list.c_str());
+    }
+
     // Every other host that takes itself for the master; a host may have several names.
     int demote() {
+        enlist();
         int exit_status = exit_done;
         for (const auto &host : hosts_) {
             RegistryState state;
