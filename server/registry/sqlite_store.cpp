@@ -227,6 +227,7 @@ public:
 
     void each_of_set(const tbs_uuid_t &set,
                      const std::function<bool(uint64_t id, const std::string &text)> &visit) override {
+        make_place_for_sets();
         Statement query(database_, "SELECT id, text FROM temp.staged WHERE name = ?1 ORDER BY place");
         query.with(set);
         while (query.step() && visit(static_cast<uint64_t>(query.number(0)), query.text(1))) {
