@@ -3,6 +3,7 @@
 
 #include <future>
 
+#include <server/registry/role.h>
 #include <server/registry/sqlite.h>
 #include <tests/unit/server/registry_fixture.h>
 
@@ -23,7 +24,7 @@ struct StoreWorkers : RegistryFixture {
 
     void start(bool is_writer) {
         worker = std::make_unique<StoreWorker>(&loop, Worker::Shape{{100, 100, 100}, 100, 0}, is_writer);
-        worker->use(file_name());
+        worker->use([name = file_name()] { return existing_store(name); });
         worker->wait();
     }
 

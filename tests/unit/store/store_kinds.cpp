@@ -4,6 +4,9 @@
 #include <filesystem>
 #include <unistd.h>
 
+#include <server/registry/postgres_store.h>
+#include <tests/postgres/server.h>
+
 namespace velia::server {
 
 namespace {
@@ -28,10 +31,27 @@ private:
     std::filesystem::path directory_;
 };
 
+// A schema of its own in the server that all tests of this program share.
+class PostgresPlace : public StorePlace {
+public:
+    PostgresPlace() {
+        static int number = 0;
+        const std::string schema = "place" + std::to_string(++number);
+        postgres_test::server().run("CREATE SCHEMA " + schema);
+        conninfo_ = postgres_test::server().conninfo() + "options='-c search_path=" + schema + "'";
+    }
+
+    std::unique_ptr<Store> open(bool &is_new) override { return open_postgres_store(conninfo_, is_new); }
+
+private:
+    std::string conninfo_;
+};
+
 } // namespace
 
 std::vector<StoreKind> store_kinds() {
-    return {{"Sqlite", [] { return std::make_unique<SqlitePlace>(); }}};
+    return {{"Sqlite", [] { return std::make_unique<SqlitePlace>(); }},
+            {"Postgres", [] { return std::make_unique<PostgresPlace>(); }}};
 }
 
 } // namespace velia::server
