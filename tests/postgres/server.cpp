@@ -130,8 +130,8 @@ std::string Server::conninfo_as(const std::string &user, const std::string &more
     return "host=" + directory_.string() + " dbname=postgres user=" + user + " " + more;
 }
 
-std::string Server::ask(const std::string &sql) const {
-    const Connection connection(PQconnectdb(conninfo().c_str()), PQfinish);
+std::string Server::ask(const std::string &sql, const std::string &database) const {
+    const Connection connection(PQconnectdb((conninfo() + "dbname=" + database).c_str()), PQfinish);
     const Result result(PQexec(connection.get(), sql.c_str()), PQclear);
     const auto status = PQresultStatus(result.get());
     if (status != PGRES_TUPLES_OK && status != PGRES_COMMAND_OK)
@@ -139,8 +139,8 @@ std::string Server::ask(const std::string &sql) const {
     return PQntuples(result.get()) > 0 ? PQgetvalue(result.get(), 0, 0) : "";
 }
 
-void Server::run(const std::string &sql) const {
-    ask(sql);
+void Server::run(const std::string &sql, const std::string &database) const {
+    ask(sql, database);
 }
 
 void Server::set_access(const std::string &lines) const {

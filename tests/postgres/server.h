@@ -24,9 +24,12 @@ public:
     std::string conninfo() const;
     std::string conninfo_as(const std::string &user, const std::string &more = "") const;
 
+    // Of its socket, too.
+    const std::filesystem::path &directory() const { return directory_; }
+
     // As its superuser. Throws std::runtime_error.
-    void run(const std::string &sql) const;
-    std::string ask(const std::string &sql) const;
+    void run(const std::string &sql, const std::string &database = "postgres") const;
+    std::string ask(const std::string &sql, const std::string &database = "postgres") const;
 
     // Who may come in how: the lines of pg_hba.conf, which are read at once.
     void set_access(const std::string &lines) const;
