@@ -21,6 +21,8 @@
 #include <server/messages.h>
 #include <server/registry/copy.h>
 #include <server/registry/look.h>
+#include <server/registry/moved.h>
+#include <server/registry/postgres.h>
 #include <server/registry/saved.h>
 #include <server/registry/service.h>
 #include <server/scheduler/keeper.h>
@@ -139,7 +141,7 @@ int set_registry_password() {
         return EXIT_FAILURE;
     }
     bool is_new = false;
-    const auto store = open_sqlite_store(registry_file(), is_new);
+    const auto store = open_registry(is_new);
     Registry(*store).set_password(password.data());
     return EXIT_SUCCESS;
 }
@@ -158,7 +160,10 @@ int told_work(const char *what, const std::string &file_name, Work &&work) {
 
 int save_registry_to(const std::string &file_name) {
     return told_work("The registry was not saved in", file_name, [&] {
-        save_registry(registry_file(), file_name, {});
+        if (is_registry_shared())
+            existing_registry()->save_to(file_name);
+        else
+            save_registry(registry_file(), file_name, {});
         imsg_print(IMSG_PLAIN, "The registry is saved in \"%s\".\n", IMSG_FORMAT, file_name.c_str());
     });
 }
@@ -167,6 +172,8 @@ int save_registry_to(const std::string &file_name) {
 int restore_registry_from(const std::string &file_name) {
     const auto place = LocalPlace::take();
     return !place ? EXIT_FAILURE : told_work("The registry was not restored from", file_name, [&] {
+        if (is_registry_shared())
+            throw StoreError("the registry is in a database: restore that with the database's own programs");
         const std::string kept = restore_registry(file_name, registry_file());
         if (!kept.empty())
             imsg_print(IMSG_PLAIN, "The former registry is kept in \"%s\".\n", IMSG_FORMAT, kept.c_str());
@@ -174,9 +181,19 @@ int restore_registry_from(const std::string &file_name) {
     });
 }
 
+int move_registry_to(const std::string &place_name) {
+    const auto place = LocalPlace::take();
+    return !place ? EXIT_FAILURE
+                  : told_work("The registry was not moved to",
+                              place_name == "sqlite" ? registry_file() : told_conninfo(place_name),
+                              [&] { move_registry_of_host(place_name); });
+}
+
 int check_registry_in(const std::string &given) {
     const std::string file_name = given.empty() ? registry_file() : given;
     return told_work("The registry is not whole in", file_name, [&] {
+        if (given.empty() && is_registry_shared())
+            throw StoreError("the registry is in a database: name a file that was saved");
         const auto found = given.empty() ? check_registry(file_name) : check_saved_registry(file_name);
         imsg_print(IMSG_PLAIN, "\"%s\" is whole: %llu entries, %llu changes, term %llu.\n", IMSG_FORMAT,
                    file_name.c_str(), static_cast<unsigned long long>(found.entries),
@@ -184,7 +201,23 @@ int check_registry_in(const std::string &given) {
     });
 }
 
+// What works on the registry without a daemon finds it where the daemon does. Without a configuration file it is in
+// this host's own.
+bool take_store_of(const CommandLine &line) {
+    struct stat status = {};
+    if (line.check_config || (stat(line.config_file.c_str(), &status) != 0 && errno == ENOENT))
+        return true;
+    const auto read = read_configuration(line.config_file, system_names());
+    print_configuration_errors(line.config_file, read.errors);
+    keep_registry_in(read.configuration.registry_database);
+    return read.errors.empty();
+}
+
 int run(CommandLine &line, std::optional<Log> &log) {
+    if ((line.set_registry_password || line.is_single_work()) && !take_store_of(line))
+        return EXIT_FAILURE;
+    if (!line.move_registry.empty())
+        return move_registry_to(line.move_registry);
     if (line.set_registry_password)
         return set_registry_password();
     if (!line.save_registry.empty())
@@ -213,6 +246,8 @@ int run(CommandLine &line, std::optional<Log> &log) {
         return EXIT_SUCCESS;
     }
     Log::set_options(read.configuration.log);
+    keep_registry_in(read.configuration.registry_database);
+    run_with_configuration(line.config_file);
     umask(private_umask);
     auto place = LocalPlace::take();
     if (!place || !secure_private_files())

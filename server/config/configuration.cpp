@@ -15,6 +15,7 @@
 #include <server/config/place.h>
 #include <server/config/words.h>
 #include <server/messages.h>
+#include <server/registry/postgres.h>
 
 namespace velia::server {
 
@@ -180,6 +181,8 @@ private:
     void fail(int message, std::string detail = {}) { result_.errors.push_back({message, line_, std::move(detail)}); }
 
     void option(const std::vector<std::string> &words) {
+        if (words.size() > 1 && words[1] == "store")
+            return store(words);
         if (words.size() != 3)
             return fail(MSG_CONFIG_FAILURE, "An option is written: option NAME VALUE");
         for (const auto &key : text_keys)
@@ -188,6 +191,18 @@ private:
                                                                  : fail(MSG_CONFIG_FAILURE, key.fault + words[2]);
         if (!set_number(option_keys, words[1], words[2], result_.configuration.options))
             fail(MSG_CONFIG_FAILURE, "Unknown option or value out of range: " + words[1] + " " + words[2]);
+    }
+
+    void store(const std::vector<std::string> &words) {
+        auto &database = result_.configuration.registry_database;
+        if (words.size() == 3 && words[2] == "sqlite")
+            return database.clear();
+        if (words.size() != 4 || words[2] != "postgresql")
+            return fail(MSG_CONFIG_FAILURE,
+                        "The store is written: option store sqlite, or option store postgresql \"CONNECTION\"");
+        if (const std::string fault = fault_of_conninfo(words[3]); !fault.empty())
+            return fail(MSG_CONFIG_FAILURE, "The store's connection string is malformed: " + fault);
+        database = words[3];
     }
 
     void access(const std::vector<std::string> &words) {

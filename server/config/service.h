@@ -74,10 +74,11 @@ struct Configuration {
     std::vector<AccessLine> access; // in the order of the file: the first that names a host decides
     Options options;
     std::vector<Task> tasks;
-    std::string notify_program; // empty: none
-    std::string tasks_file;     // the same
-    std::string schedule_file;  // the same
-    std::string metrics;        // where figures are given out; the same
+    std::string notify_program;    // empty: none
+    std::string registry_database; // a connection string; empty: the registry is in a file of this host's
+    std::string tasks_file;        // empty: none
+    std::string schedule_file;     // the same
+    std::string metrics;           // where figures are given out; the same
     LogOptions log;
     std::vector<DefinedJob> schedule;
 };

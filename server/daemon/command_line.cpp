@@ -75,6 +75,10 @@ void declare(CLI::App &app, CommandLine &line) {
                    "put the registry that was saved in FILE in the place of this host's, which is kept, and end; the "
                    "daemon must not run")
         ->type_name("FILE");
+    app.add_option("--move-registry", line.move_registry,
+                   "move the registry from where the configuration has it into the PostgreSQL database of this "
+                   "connection string, or with \"sqlite\" into this host's file, and end; no daemon of it may run")
+        ->type_name("PLACE");
     app.add_option("--check-registry", line.check_registry,
                    "look whether the registry that was saved in FILE, or without FILE this host's, is whole, and end")
         ->type_name("FILE")

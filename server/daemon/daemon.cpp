@@ -34,6 +34,14 @@ std::string private_file(const char *name) {
     return tbs_product_host_priv_dir(path.data(), name) == TBS_ST_OK ? path.data() : "";
 }
 
+void tell_of_store(const Configuration &configuration) {
+    if (!is_registry_kept_in(configuration.registry_database))
+        imsg_print(IMSG_WARNING,
+                   "The registry's store is another one in the configuration: it is taken at the next "
+                   "start.\n",
+                   IMSG_FORMAT);
+}
+
 ConnectionLimits limits_of(const Options &options) {
     ConnectionLimits limits;
     limits.connections_max = options.connections_max;
@@ -152,6 +160,7 @@ void Daemon::take_configuration(const ConfigurationResult &result, Accounts acco
         return;
     if (result.errors.empty()) {
         apply(result.configuration, std::move(accounts));
+        tell_of_store(result.configuration);
         registry_.take_role();
         print_configuration(config_file_, result.configuration, "is read again");
     } else {

@@ -44,6 +44,24 @@ uv_stdio_container_t descriptor(int fd) {
     return container;
 }
 
+std::string &configuration_file() {
+    static std::string file_name;
+    return file_name;
+}
+
+// Of this program, with an option.
+struct Command {
+    explicit Command(const std::string &option) : words{"rvzd_server", option} {
+        if (!configuration_file().empty())
+            words.insert(words.end(), {"--config", configuration_file()});
+        for (std::string &word : words)
+            arguments.push_back(word.data());
+        arguments.push_back(nullptr);
+    }
+    std::vector<std::string> words;
+    std::vector<char *> arguments;
+};
+
 std::vector<char *> environment_with(std::string &variable) {
     std::vector<char *> variables = {variable.data()};
     for (char **other = environ; *other != nullptr; ++other)
@@ -54,14 +72,16 @@ std::vector<char *> environment_with(std::string &variable) {
 
 } // namespace
 
+void run_with_configuration(const std::string &file_name) {
+    configuration_file() = file_name;
+}
+
 bool run_to_end(const char *option, int deadline_ms) {
-    std::string name = "rvzd_server";
-    std::string word = option;
-    std::array<char *, 3> arguments = {name.data(), word.data(), nullptr};
+    Command command(option);
     std::string daemon = copying_daemon_variable + ("=" + std::to_string(getpid()));
     auto variables = environment_with(daemon);
     pid_t pid = 0;
-    if (posix_spawn(&pid, this_program, nullptr, nullptr, arguments.data(), variables.data()) != 0)
+    if (posix_spawn(&pid, this_program, nullptr, nullptr, command.arguments.data(), variables.data()) != 0)
         return false;
     const UniqueFd process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
     pollfd end = {process.get(), POLLIN, 0};
@@ -134,15 +154,13 @@ void Copier::copy() {
     words_ = UniqueFd(memfd_create("words", MFD_CLOEXEC));
     std::array<uv_stdio_container_t, 3> descriptors = {descriptor(-1), descriptor(STDOUT_FILENO),
                                                        descriptor(words_.get())};
-    std::string name = "rvzd_server";
-    std::string option = option_;
-    std::array<char *, 3> arguments = {name.data(), option.data(), nullptr};
+    Command command(option_);
     std::string daemon = copying_daemon_variable + ("=" + std::to_string(getpid()));
     auto variables = environment_with(daemon);
     uv_process_options_t options = {};
     options.env = variables.data();
     options.file = this_program;
-    options.args = arguments.data();
+    options.args = command.arguments.data();
     options.stdio = descriptors.data();
     options.stdio_count = static_cast<int>(descriptors.size());
     options.exit_cb = [](uv_process_t *handle, int64_t code, int signal_number) {

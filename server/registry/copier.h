@@ -13,6 +13,9 @@
 
 namespace velia::server {
 
+// Of the daemon, which its processes read, too; an absolute path. Empty: the usual one.
+void run_with_configuration(const std::string &file_name);
+
 // Runs this program with an option and waits for its end, for so long at most; false where it had to be killed or could
 // not be started. For a daemon that does not serve yet.
 bool run_to_end(const char *option, int deadline_ms);

@@ -80,6 +80,8 @@ void keep_former_registry(Store &store) {
 }
 
 void copy_from(const std::string &master) {
+    if (is_registry_shared())
+        throw CopyError("the registry is in a database, which is no copy");
     RemoteSource source(master);
     bool is_new = false;
     const auto store = open_sqlite_store(registry_file(), is_new);

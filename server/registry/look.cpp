@@ -114,7 +114,7 @@ int run_look() {
     try {
         end_with_daemon();
         bool is_new = false;
-        look_at(*open_sqlite_store(registry_file(), is_new));
+        look_at(*open_registry(is_new));
         return EXIT_SUCCESS;
     } catch (const CopyError &error) {
         imsg_print(IMSG_ERROR, "The site has two masters: %s\n", IMSG_FORMAT, error.what());

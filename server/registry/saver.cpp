@@ -35,11 +35,7 @@ struct Saver::Save {
         const std::string name = registry_file() + ".sent";
         try {
             unlink(name.c_str());
-            save_registry(registry_file(), name, [this](uint64_t done, uint64_t total) {
-                pages_done = done;
-                pages = total;
-                return !is_given_up;
-            });
+            make_file(name);
             take(name);
         } catch (const std::exception &error) {
             failure = error.what();
@@ -48,6 +44,16 @@ struct Saver::Save {
     }
 
 private:
+    void make_file(const std::string &name) {
+        if (is_registry_shared())
+            return existing_registry()->save_to(name);
+        save_registry(registry_file(), name, [this](uint64_t done, uint64_t total) {
+            pages_done = done;
+            pages = total;
+            return !is_given_up;
+        });
+    }
+
     void take(const std::string &name) {
         fd = UniqueFd(open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
         struct stat status = {};

@@ -28,6 +28,7 @@ constexpr int look_at_start_ms = 3000;
 constexpr uint64_t look_delay_ms = 200; // behind a promotion, of which the former master is to hear soon
 constexpr uint64_t checkpoint_delay_ms = 500;
 constexpr uint32_t hold_s_max = 600;
+constexpr uint64_t reopen_ms = 1000; // a database that is away, or refuses, until it is put right
 
 // Each a bound on what its calls hold in memory: a search may be as long as a message, others are short.
 // Threads with the store share locks of SQLite's: one that is worth less than the others and is put off while it holds
@@ -41,12 +42,14 @@ constexpr Worker::Shape update_shape = {{64, 1024, 4096}, 256, 0};
 bool open_store(std::unique_ptr<Store> &store) {
     if (store != nullptr)
         return true;
-    const std::string file_name = registry_file();
+    const std::string file_name = registry_place();
     try {
         bool is_new = false;
-        store = open_sqlite_store(file_name, is_new);
+        store = open_registry(is_new);
         print_registry(IMSG_PLAIN, is_new ? MSG_FILE_CREATED : MSG_LOADED, file_name.c_str());
         return true;
+    } catch (const StoreAway &) { // told where it is noticed, once for all who try again and again
+        return false;
     } catch (const StoreError &error) {
         print_registry(IMSG_ERROR, MSG_OPEN_FAILED, file_name.c_str(), error.what());
         return false;
@@ -56,7 +59,7 @@ bool open_store(std::unique_ptr<Store> &store) {
 // Hands over the store that is open, or else the one in its file; null if there is none.
 template <class Body>
 auto with_memory(const std::unique_ptr<Store> &store, Body &&body) {
-    const auto opened = store == nullptr ? existing_store(registry_file()) : nullptr;
+    const auto opened = store == nullptr ? existing_registry() : nullptr;
     return body(store != nullptr ? store.get() : opened.get());
 }
 
@@ -72,6 +75,17 @@ std::optional<int32_t> role_of(const std::unique_ptr<Store> &store, const std::o
     }
 }
 
+// Copies are of hosts with a registry of their own.
+std::optional<int32_t> role_beside_others(const std::optional<int32_t> &role) {
+    if (!role || !is_registry_shared() || *role == RGY_SVR_NONE || *role == RGY_SVR_MASTER)
+        return role;
+    imsg_print(IMSG_ERROR,
+               "The registry is in a database that each of its hosts serves as a master: this host's role is none of "
+               "a copy's. Make it master or none.\n",
+               IMSG_FORMAT);
+    return RGY_SVR_NONE;
+}
+
 // Whoever was not the master before begins a term, unless it has heard of one that is above its own.
 void take_office(Store &store) {
     const Term term = term_of(store);
@@ -83,7 +97,10 @@ void take_office(Store &store) {
     begin_term(store, sysutl_myhostname());
 }
 
+// What no host of a shared one serves any more is no concern of the others.
 void remember(const std::unique_ptr<Store> &store, int32_t role) {
+    if (role == RGY_SVR_NONE && is_registry_shared())
+        return;
     try {
         with_memory(store, [&](Store *memory) {
             if (memory == nullptr)
@@ -153,13 +170,9 @@ RegistryService::RegistryService(uv_loop_t *loop)
     : copier_(loop, "--copy-registry", [this] { refresh_standing(); }),
       looker_(loop, "--look-at-site", [this] { refresh_standing(); }), look_timer_(loop, [this] { look_around(); }),
       claim_timer_(loop, [this] { look_around(); }), hold_timer_(loop, [this] { release_updates(); }),
-      checkpoint_timer_(loop, [this] { bring_log_home(); }), look_ups_(loop, look_up_shape, false),
-      searches_(loop, search_shape, false), hashes_(loop, hash_shape, false), updates_(loop, update_shape, true) {}
-
-std::string registry_file() {
-    std::array<char, TBS_PATH_SIZE> path;
-    return tbs_product_host_priv_dir(path.data(), "registry.db") == TBS_ST_OK ? path.data() : "";
-}
+      checkpoint_timer_(loop, [this] { bring_log_home(); }), reopen_timer_(loop, [this] { take_role(); }),
+      look_ups_(loop, look_up_shape, false), searches_(loop, search_shape, false), hashes_(loop, hash_shape, false),
+      updates_(loop, update_shape, true) {}
 
 StoreWorker &RegistryService::worker_of(Lane lane) {
     switch (lane) {
@@ -223,6 +236,8 @@ tbs_status_t RegistryService::release_updates() {
 void RegistryService::follow_host(const std::string &host, const Answered &answer) {
     if (host.empty() || is_this_host(host))
         return answer(TBS_ST_INVALID_ARG);
+    if (is_registry_shared())
+        return answer(TBS_ST_UNSUPPORTED);
     if (is_changing_)
         return waiting_.push_back([this, host, answer] { follow_host(host, answer); });
     auto status = rgy_clnt_conf_change(RGY_CONF_SET_HOST, host.c_str());
@@ -287,6 +302,8 @@ void RegistryService::refresh_standing() {
                 taken->is_open = store != nullptr;
                 if (taken->is_open)
                     take_standing(*store, *taken);
+            } catch (const StoreAway &) {
+                taken->is_open = false;
             } catch (const StoreError &error) {
                 taken->is_open = false;
                 print_failure(error.what());
@@ -373,7 +390,7 @@ void RegistryService::serve(std::unique_ptr<StoreVersion> version) {
         return;
     is_serving_ = true;
     for (StoreWorker *reader : {&look_ups_, &searches_, &hashes_})
-        reader->use(registry_file());
+        reader->use(existing_registry);
 }
 
 void RegistryService::stop_serving() {
@@ -387,7 +404,7 @@ void RegistryService::stop_serving() {
         return;
     is_serving_ = false;
     for (StoreWorker *reader : {&look_ups_, &searches_, &hashes_})
-        reader->use("");
+        reader->use(nullptr);
 }
 
 RegistryService::Taken RegistryService::take_in(std::unique_ptr<Store> &store, const std::optional<int32_t> &written) {
@@ -395,7 +412,7 @@ RegistryService::Taken RegistryService::take_in(std::unique_ptr<Store> &store, c
     taken.is_taken_away = store != nullptr && !store->is_in_place();
     if (taken.is_taken_away)
         return taken;
-    taken.role = role_of(store, written);
+    taken.role = role_beside_others(role_of(store, written));
     if (!taken.role)
         return taken;
     taken.is_open = *taken.role != RGY_SVR_NONE && open_store(store);
@@ -431,6 +448,8 @@ void RegistryService::follow_role(Taken taken) {
         is_another_change_due_ = true; // without that store
         return close_store([this] { end_change(); });
     }
+    if (!taken.role && is_registry_shared())
+        reopen_timer_.start(reopen_ms);
     if (!taken.role)
         return end_change();
     const bool is_server = *taken.role != RGY_SVR_NONE;
@@ -442,6 +461,8 @@ void RegistryService::follow_role(Taken taken) {
         looker_.stop();
         look_timer_.stop();
     }
+    if (is_server && !taken.is_open && is_registry_shared())
+        reopen_timer_.start(reopen_ms);
     if (!is_server || !taken.is_open) {
         stop_serving();
         return close_store([this] { end_change(); });
@@ -494,7 +515,7 @@ void RegistryService::follow_role_file() {
 void RegistryService::stop() {
     copier_.stop();
     looker_.stop();
-    for (TimerHandle *timer : {&look_timer_, &claim_timer_, &hold_timer_, &checkpoint_timer_})
+    for (TimerHandle *timer : {&look_timer_, &claim_timer_, &hold_timer_, &checkpoint_timer_, &reopen_timer_})
         timer->stop();
     wait_for_others(0);
 }
@@ -517,7 +538,7 @@ void RegistryService::promote(const Answered &answer) {
     const auto taken = std::make_shared<Taken>();
     updates_.change(
         [taken, written = role_in_file()](std::unique_ptr<Store> &store) {
-            taken->role = role_of(store, written);
+            taken->role = role_beside_others(role_of(store, written));
             taken->is_open = is_promotable(taken->role, store) && open_store(store);
         },
         [this, taken, answer, refuse] {

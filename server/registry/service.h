@@ -9,15 +9,13 @@
 #include <string>
 
 #include <server/registry/copier.h>
+#include <server/registry/place.h>
 #include <server/registry/registry.h>
 #include <server/registry/role.h>
 #include <server/registry/store_worker.h>
 #include <server/registry/term.h>
 
 namespace velia::server {
-
-// Where the registry of this host is, whether it is there or not.
-std::string registry_file();
 
 // Who does a piece of work, so that none of a kind waits for those of another.
 enum class Lane {
@@ -141,6 +139,7 @@ private:
     std::optional<int64_t> claim_looked_ms_; // when a stranger's claim was looked into last, or will be
     TimerHandle hold_timer_;
     TimerHandle checkpoint_timer_;
+    TimerHandle reopen_timer_;
     Standing standing_;
     bool has_others_ = false;       // hosts of the site
     bool is_held_ = false;          // updates are refused for a while

@@ -41,6 +41,10 @@ void wait_for_others(int64_t wait_ms) {
     wait_for_others_ms = wait_ms;
 }
 
+int64_t wait_for_others_now_ms() {
+    return wait_for_others_ms;
+}
+
 void throw_system_error() {
     throw StoreError(imsg_strerror(errno));
 }
@@ -76,7 +80,7 @@ Sqlite::Sqlite(const std::string &file_name, Access access) {
         make_private_file(file_name);
     count_no_memory();
     sqlite3 *database = nullptr;
-    const int mode = access == Access::change ? SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE : SQLITE_OPEN_READONLY;
+    const int mode = access == Access::read ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
     const int result = sqlite3_open_v2(file_name.c_str(), &database, mode | SQLITE_OPEN_NOFOLLOW, nullptr);
     database_.reset(database);
     if (result != SQLITE_OK)

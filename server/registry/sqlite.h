@@ -38,11 +38,13 @@ CommitMark read_mark(const volatile uint64_t *marks);
 // any more, also who is waiting now.
 constexpr int64_t usual_wait_for_others_ms = 11000;
 void wait_for_others(int64_t wait_ms);
+int64_t wait_for_others_now_ms();
 
 class Sqlite {
 public:
-    // What is only read has to be there, and nothing is made beside it.
-    enum class Access { change, read };
+    // What is only read has to be there, and nothing is made beside it. What is passing has no name, and goes with
+    // this.
+    enum class Access { change, read, passing };
     explicit Sqlite(const std::string &file_name, Access access = Access::change);
     Sqlite(const Sqlite &) = delete;
     Sqlite &operator=(const Sqlite &) = delete;

@@ -5,13 +5,15 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
 #include <server/loop/unique_fd.h>
+#include <server/registry/random_uuid.h>
+#include <server/registry/replacing.h>
 #include <server/registry/schema.h>
+#include <server/registry/staged_sets.h>
 #include <server/registry/trace.h>
 #include <support/fileutl.h>
 #include <support/imsg.h>
@@ -31,16 +33,6 @@ CREATE INDEX item_of_entry ON item (entry);
 CREATE TABLE stamp (db INTEGER PRIMARY KEY, dtm BLOB NOT NULL, svr_dtm BLOB NOT NULL);
 CREATE TABLE setting (name BLOB PRIMARY KEY, value BLOB NOT NULL) WITHOUT ROWID;
 )";
-
-// Random, version 4.
-tbs_uuid_t new_uuid() {
-    tbs_uuid_t uuid;
-    if (getrandom(&uuid, sizeof uuid, 0) != sizeof uuid)
-        throw StoreError("no random bytes");
-    uuid.bytes[6] = static_cast<uint8_t>((uuid.bytes[6] & 0x0f) | 0x40);
-    uuid.bytes[8] = static_cast<uint8_t>((uuid.bytes[8] & 0x3f) | 0x80);
-    return uuid;
-}
 
 std::string text_of(const tbs_uuid_t &uuid) {
     return {reinterpret_cast<const char *>(uuid.bytes), sizeof uuid.bytes};
@@ -75,7 +67,7 @@ private:
     uint64_t version_ = 1;
 };
 
-class SqliteStore : public Store {
+class SqliteStore : public Store, private RecordKeeper {
 public:
     explicit SqliteStore(const std::string &file_name)
         : file_name_(file_name), database_(file_name), file_(identity_of_file(file_name)), trace_(file_name) {
@@ -168,7 +160,7 @@ public:
         query.reset();
         if (!is_found)
             return false;
-        erase(id);
+        erase(db, id);
         renew_stamps(db);
         transaction.commit();
         acknowledge();
@@ -186,7 +178,7 @@ public:
             return ChangeResult::absent;
         if (const auto bearer = identity.empty() ? std::nullopt : bearer_of(db, identity); bearer && *bearer != id)
             return ChangeResult::exists;
-        erase(id);
+        erase(db, id);
         insert(db, static_cast<int64_t>(id), identity, flex_text, items);
         renew_stamps(db);
         transaction.commit();
@@ -194,59 +186,19 @@ public:
         return ChangeResult::changed;
     }
 
-    void add_to_set(const tbs_uuid_t &set, std::span<const rgy_change_t> changes) override {
-        constexpr int64_t sets_max = 8;
-        make_place_for_sets();
-        Transaction transaction(database_);
-        if (size_of_set(set).changes == 0 &&
-            number_answer(database_, "SELECT count(*) FROM temp.staged_set") >= sets_max)
-            forget_oldest_set();
-        Statement(database_, "INSERT OR IGNORE INTO temp.staged_set (name, changes, bytes) VALUES (?1, 0, 0)")
-            .with(set)
-            .run();
-        Statement insert(database_, "INSERT INTO temp.staged (name, id, text) VALUES (?1, ?2, ?3)");
-        uint64_t bytes = 0;
-        for (const rgy_change_t &change : changes) {
-            const std::string text = flex_text_of(change);
-            bytes += text.size();
-            insert.with(set, change.entry_id, text).run();
-        }
-        Statement(database_, "UPDATE temp.staged_set SET changes = changes + ?2, bytes = bytes + ?3 WHERE name = ?1")
-            .with(set, uint64_t{changes.size()}, bytes)
-            .run();
-        transaction.commit();
-    }
-
-    SetSize size_of_set(const tbs_uuid_t &set) override {
-        make_place_for_sets();
-        Statement query(database_, "SELECT changes, bytes FROM temp.staged_set WHERE name = ?1");
-        if (!query.with(set).step())
-            return {};
-        return {static_cast<uint64_t>(query.number(0)), static_cast<uint64_t>(query.number(1))};
-    }
-
+    void add_to_set(const tbs_uuid_t &set, std::span<const rgy_change_t> changes) override { sets_.add(set, changes); }
+    SetSize size_of_set(const tbs_uuid_t &set) override { return sets_.size(set); }
     void each_of_set(const tbs_uuid_t &set,
                      const std::function<bool(uint64_t id, const std::string &text)> &visit) override {
-        Statement query(database_, "SELECT id, text FROM temp.staged WHERE name = ?1 ORDER BY place");
-        query.with(set);
-        while (query.step() && visit(static_cast<uint64_t>(query.number(0)), query.text(1))) {
-        }
+        sets_.each(set, visit);
     }
-
-    void forget_set(const tbs_uuid_t &set) override {
-        make_place_for_sets();
-        Statement(database_, "DELETE FROM temp.staged WHERE name = ?1").with(set).run();
-        Statement(database_, "DELETE FROM temp.staged_set WHERE name = ?1").with(set).run();
-    }
+    void forget_set(const tbs_uuid_t &set) override { sets_.forget(set); }
 
     void replace(rgy_db_t db, const std::optional<rgy_dtm_pair_t> &stamps, Contents contents) override {
         require_file();
         Transaction transaction(database_);
-        for (const uint64_t id : take_kept(db, contents))
-            erase(id);
-        for (const auto &[id, text] : contents)
-            put(db, id, text);
-        put_stamps(db, stamps ? *stamps : rgy_dtm_pair_t{new_uuid(), new_uuid()});
+        make_like(*this, *this, db, std::move(contents));
+        put_stamps(db, stamps ? *stamps : rgy_dtm_pair_t{random_uuid(), random_uuid()});
         transaction.commit();
         acknowledge();
     }
@@ -296,6 +248,19 @@ public:
         acknowledge();
     }
 
+    std::map<std::string, std::string> settings() override {
+        std::map<std::string, std::string> settings;
+        Statement query(database_, "SELECT name, value FROM setting WHERE name NOT IN (CAST('registry' AS BLOB), "
+                                   "CAST('copy' AS BLOB))");
+        while (query.step())
+            settings[query.text(0)] = query.text(1);
+        return settings;
+    }
+
+    uint64_t last_number() override {
+        return static_cast<uint64_t>(number_answer(database_, "SELECT seq FROM sqlite_sequence WHERE name = 'entry'"));
+    }
+
     uint64_t changes() override { return stored_changes(database_); }
 
     void checkpoint() override { database_.checkpoint(); }
@@ -324,22 +289,6 @@ private:
         Statement stamp, put_stamp, count, scan_all, scan_item, bearer, insert, insert_item, find, remove, remove_items,
             get_setting, put_setting, count_change;
     };
-
-    void make_place_for_sets() {
-        database_.run("CREATE TEMP TABLE IF NOT EXISTS staged (place INTEGER PRIMARY KEY, name BLOB, id INTEGER, "
-                      "text BLOB); CREATE INDEX IF NOT EXISTS temp.staged_by_name ON staged (name, place); "
-                      "CREATE TEMP TABLE IF NOT EXISTS staged_set (place INTEGER PRIMARY KEY, name BLOB UNIQUE, "
-                      "changes INTEGER, bytes INTEGER)");
-    }
-
-    void forget_oldest_set() {
-        Statement query(database_, "SELECT name FROM temp.staged_set ORDER BY place LIMIT 1");
-        if (!query.step())
-            return;
-        const tbs_uuid_t oldest = query.uuid(0);
-        query.reset();
-        forget_set(oldest);
-    }
 
     // What is acknowledged has to be there after a restart, too.
     void require_file() {
@@ -388,7 +337,7 @@ private:
     }
 
     // Who has this identity.
-    std::optional<uint64_t> bearer_of(rgy_db_t db, const std::string &identity) {
+    std::optional<uint64_t> bearer_of(rgy_db_t db, const std::string &identity) override {
         auto &query = statements_->bearer.with(db, identity);
         std::optional<uint64_t> id;
         if (query.step())
@@ -406,38 +355,14 @@ private:
             add_item(db, key, value, id);
     }
 
-    void erase(uint64_t id) {
+    void put(rgy_db_t db, uint64_t id, const std::string &identity, const std::string &flex_text,
+             const Items &items) override {
+        insert(db, static_cast<int64_t>(id), identity, flex_text, items);
+    }
+
+    void erase(rgy_db_t /*db*/, uint64_t id) override {
         statements_->remove_items.with(id).run();
         statements_->remove.with(id).run();
-    }
-
-    // Takes out of `contents` what stands here as it does there; the result is what stands here only.
-    std::vector<uint64_t> take_kept(rgy_db_t db, Contents &contents) {
-        std::vector<uint64_t> gone;
-        scan({db, "", "", ""}, 0, [&](uint64_t id, const Record *record) {
-            const auto found = contents.find(id);
-            if (found != contents.end() && found->second == record->flex_text)
-                contents.erase(found);
-            else
-                gone.push_back(id);
-            return true;
-        });
-        return gone;
-    }
-
-    // A record under the number that it has elsewhere. In order of the numbers a former bearer of its identity is an
-    // older record.
-    void put(rgy_db_t db, uint64_t id, const std::string &flex_text) {
-        const auto items = items_of(flex_text);
-        if (!items)
-            throw StoreError("a malformed record: " + flex_text);
-        const std::string identity = identity_of(db, *items);
-        const auto former = identity.empty() ? std::nullopt : bearer_of(db, identity);
-        if (former && *former > id)
-            return;
-        if (former)
-            erase(*former);
-        insert(db, static_cast<int64_t>(id), identity, flex_text, *items);
     }
 
     // A uuid is found by its one spelling, too, however it was written.
@@ -447,7 +372,7 @@ private:
             statements_->insert_item.with(db, key, *spelled, id).run();
     }
 
-    void renew_stamps(rgy_db_t db) { put_stamps(db, {new_uuid(), new_uuid()}); }
+    void renew_stamps(rgy_db_t db) { put_stamps(db, {random_uuid(), random_uuid()}); }
 
     void put_stamps(rgy_db_t db, const rgy_dtm_pair_t &pair) {
         statements_->put_stamp.with(db, pair.dtm, pair.svr_dtm).run();
@@ -471,6 +396,7 @@ private:
     Sqlite database_;
     const std::optional<FileIdentity> file_;
     RegistryTrace trace_;
+    StagedSets sets_{database_};
     std::unique_ptr<Statements> statements_;
     std::unique_ptr<StoreVersion> version_;
     uint64_t seen_version_ = 0;
@@ -486,11 +412,11 @@ void make_empty_registry(const std::string &file_name) {
     make_totals(database);
     database.run("PRAGMA user_version = 1");
     Statement put(database, "INSERT INTO setting (name, value) VALUES (?1, ?2)");
-    put.with(std::string_view("registry"), new_uuid()).run();
-    put.with(std::string_view("copy"), new_uuid()).run();
+    put.with(std::string_view("registry"), random_uuid()).run();
+    put.with(std::string_view("copy"), random_uuid()).run();
     Statement put_stamp(database, "INSERT INTO stamp (db, dtm, svr_dtm) VALUES (?1, ?2, ?3)");
     for (rgy_db_t db = 0; db < RGY_DB_ALL; ++db)
-        put_stamp.with(db, new_uuid(), new_uuid()).run();
+        put_stamp.with(db, random_uuid(), random_uuid()).run();
     transaction.commit();
 }
 

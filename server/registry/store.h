@@ -26,6 +26,16 @@ class StoreBusy : public StoreError {
     using StoreError::StoreError;
 };
 
+// The database is not reached, or takes no changes for now. It may be tried again.
+class StoreAway : public StoreBusy {
+    using StoreBusy::StoreBusy;
+};
+
+// Whether what was to be done was done could not be learned. It must not be tried again.
+class StoreUncertain : public StoreError {
+    using StoreError::StoreError;
+};
+
 // The stamps of one database: a pair that is new after each update, and two uuids that name the registry and this copy
 // of it.
 struct Stamps {
@@ -91,6 +101,9 @@ public:
     using Visit = std::function<bool(uint64_t id, const Record *record)>;
     virtual void scan(const Selection &selection, uint64_t after_id, const Visit &visit) = 0;
 
+    // All that the body reads is of one moment.
+    virtual void at_one_moment(const std::function<void()> &body) { together(body); }
+
     // What the body changes is one transaction, and on disk when this returns. What a StoreError in it leaves has not
     // been changed.
     virtual void together(const std::function<void()> &body) = 0;
@@ -135,6 +148,11 @@ public:
     // Single values by their name, such as the password's hash; the empty text where there is none.
     virtual std::string setting(const std::string &name) = 0;
     virtual void set_setting(const std::string &name, const std::string &value) = 0;
+
+    virtual std::map<std::string, std::string> settings() = 0; // all of them, by their names
+
+    // The highest number that has been given or skipped.
+    virtual uint64_t last_number() = 0;
 
     // How many changes there have been, all of them on disk.
     virtual uint64_t changes() = 0;

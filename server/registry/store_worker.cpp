@@ -2,8 +2,6 @@
 // by itself, so that the one that fails is the only one.
 #include <server/registry/store_worker.h>
 
-#include <server/registry/role.h>
-
 namespace velia::server {
 
 namespace {
@@ -30,6 +28,10 @@ StoreFailure failure_of(Body &&body) {
         return {TBS_ST_NO_SERVER, ""};
     } catch (const StoreBusy &) {
         return {TBS_ST_TRY_AGAIN, ""};
+    } catch (const StoreUncertain &error) {
+        StoreFailure failure = failed_with(error.what());
+        failure.is_final = true;
+        return failure;
     } catch (const std::exception &error) {
         return failed_with(error.what());
     }
@@ -43,8 +45,8 @@ StoreWorker::StoreWorker(uv_loop_t *loop, const Worker::Shape &shape, bool is_wr
                         : std::function<void(Worker::Batch &)>()) {}
 
 Store &StoreWorker::store() {
-    if (store_ == nullptr && !file_name_.empty())
-        store_ = existing_store(file_name_);
+    if (store_ == nullptr && open_)
+        store_ = open_();
     if (store_ == nullptr)
         throw NoStore("no registry is open");
     return *store_;
@@ -71,7 +73,7 @@ void StoreWorker::run_together(Worker::Batch &batch) {
     is_together_ = false;
     if (failure.status == TBS_ST_OK)
         return;
-    if (failure.status != TBS_ST_ERROR)
+    if (failure.status != TBS_ST_ERROR || failure.is_final)
         refusal_ = failure;
     for (const auto &job : batch)
         job.work();
@@ -88,10 +90,10 @@ bool StoreWorker::submit(const Sender &sender, Task task) {
                                    [running] { running->task.done(running->failure); }});
 }
 
-void StoreWorker::use(const std::string &file_name) {
-    worker_.submit_first({[this, file_name] {
+void StoreWorker::use(Opener open) {
+    worker_.submit_first({[this, open = std::move(open)] {
                               store_.reset();
-                              file_name_ = file_name;
+                              open_ = open;
                           },
                           [] {}});
 }

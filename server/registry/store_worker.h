@@ -16,6 +16,7 @@ namespace velia::server {
 struct StoreFailure {
     tbs_status_t status = TBS_ST_OK; // NO_SERVER: no store is open; TRY_AGAIN: somebody has it; ERROR: see the words
     std::string words;
+    bool is_final = false; // it may have been done, so it is not tried again
 };
 
 class StoreWorker {
@@ -31,8 +32,9 @@ public:
     // False: the sender's share, or all the room, is full.
     bool submit(const Sender &sender, Task task);
 
-    // The store in this file from now on, opened when it is asked. Empty: none; it is closed.
-    void use(const std::string &file_name);
+    // The store that this opens from now on, when it is asked; null where there is none. No opener: none; it is closed.
+    using Opener = std::function<std::unique_ptr<Store>()>;
+    void use(Opener open);
 
     // Does what concerns the store itself, which may be null, before all that waits. It throws nothing.
     void change(std::function<void(std::unique_ptr<Store> &)> work, std::function<void()> done);
@@ -47,7 +49,7 @@ private:
 
     // The thread's.
     std::unique_ptr<Store> store_;
-    std::string file_name_;
+    Opener open_;
     bool is_together_ = false;
     std::optional<StoreFailure> refusal_; // of all that is being done together
 

@@ -134,6 +134,28 @@ TEST_F(ConfigurationFile, OptionsOfFiguresAndTheLogAreSetByName) {
     EXPECT_THAT(told("option log-format xml"), ElementsAre(failure("A log-format is text or json, not: xml", 1)));
 }
 
+TEST_F(ConfigurationFile, TheStoreIsAFileOrADatabase) {
+    const auto database_of = [](std::string_view text) {
+        const auto result = parse_configuration(text, names);
+        EXPECT_THAT(result.errors, IsEmpty());
+        return result.configuration.registry_database;
+    };
+    EXPECT_EQ(database_of(""), "");
+    EXPECT_EQ(database_of("option store postgresql \"host=a,b dbname=c\"\n"), "host=a,b dbname=c");
+    EXPECT_EQ(database_of("option store postgresql dbname=c\noption store sqlite\n"), "");
+}
+
+TEST_F(ConfigurationFile, AMalformedStoreIsTold) {
+    const char *form = "The store is written: option store sqlite, or option store postgresql \"CONNECTION\"";
+    for (const char *line : {"option store", "option store oracle", "option store postgresql", "option store sqlite x",
+                             "option store postgresql a b"})
+        EXPECT_THAT(told_of_line(line), ElementsAre(failure(form)));
+    EXPECT_THAT(told_of_line("option store postgresql \"\""),
+                ElementsAre(failure("The store's connection string is malformed: it is empty")));
+    EXPECT_THAT(told_of_line("option store postgresql hots=a"),
+                ElementsAre(failure("The store's connection string is malformed: invalid connection option \"hots\"")));
+}
+
 TEST_F(ConfigurationFile, OptionsOfTheSchedulerAreSetByName) {
     const Options made = options("option catch-up 0\noption jobs 7\noption job-output 8\n");
     EXPECT_EQ(made.catch_up_s, 0U);

@@ -3,6 +3,7 @@
 
 #include <future>
 
+#include <server/registry/role.h>
 #include <server/registry/sqlite.h>
 #include <tests/unit/server/registry_fixture.h>
 
@@ -23,7 +24,7 @@ struct StoreWorkers : RegistryFixture {
 
     void start(bool is_writer) {
         worker = std::make_unique<StoreWorker>(&loop, Worker::Shape{{100, 100, 100}, 100, 0}, is_writer);
-        worker->use(file_name());
+        worker->use([name = file_name()] { return existing_store(name); });
         worker->wait();
     }
 
@@ -105,6 +106,19 @@ TEST_F(StoreWorkers, TheOneThatFailsIsTheOnlyOne) {
     EXPECT_THAT(texts_of(all_of(RGY_DB_REGIONS)), ElementsAre("-name=a;", "-name=c;"));
 }
 
+// It may have been done, with all that waited together.
+TEST_F(StoreWorkers, WhatIsUncertainIsNotTriedAgain) {
+    start(true);
+    int tries = 0;
+    hold();
+    ask([&](Store &) { ++tries; });
+    ask([](Store &) { throw StoreUncertain("who knows"); });
+    let_go();
+    EXPECT_EQ(tries, 1);
+    EXPECT_THAT(statuses, ElementsAre(TBS_ST_ERROR, TBS_ST_ERROR));
+    EXPECT_THAT(words, ElementsAre("who knows", "who knows"));
+}
+
 // Not one after the other, each for as long as one may have to wait.
 TEST_F(StoreWorkers, WhatSomebodyElseHasIsWaitedForOnceForAllThatWaitTogether) {
     start(true);
@@ -147,10 +161,10 @@ TEST_F(StoreWorkers, WhatThereIsNoMemoryForIsTheOnlyOneThatFails) {
 
 TEST_F(StoreWorkers, WithoutAStoreThereIsNoServer) {
     start(false);
-    worker->use("");
+    worker->use(nullptr);
     ask([](Store &) {});
     worker->wait();
-    worker->use(file_name() + ".absent");
+    worker->use([name = file_name()] { return existing_store(name + ".absent"); });
     ask([](Store &) {});
     worker->wait();
     EXPECT_THAT(statuses, ElementsAre(TBS_ST_NO_SERVER, TBS_ST_NO_SERVER));

@@ -1,0 +1,111 @@
+// The few calls of libpq that a store makes: one connection of one thread, with errors as exceptions and statements
+// that are prepared once. Nothing of it waits without an end: whoever is silent for long is taken for gone.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <libpq-fe.h>
+
+#include <server/registry/store.h>
+
+namespace velia::server {
+
+// What is wrong with a connection string, for people; empty for one that is right.
+std::string fault_of_conninfo(const std::string &conninfo);
+
+// The connection string without its secrets, for messages.
+std::string told_conninfo(const std::string &conninfo);
+
+// Rows of an answer. What a prepared statement gives is binary, what plain text gives is text.
+class PostgresRows {
+public:
+    explicit PostgresRows(PGresult *result) : result_(result, PQclear) {}
+
+    int count() const { return PQntuples(result_.get()); }
+    bool is_null(int row, int column) const { return PQgetisnull(result_.get(), row, column) != 0; }
+    std::string_view bytes(int row, int column) const {
+        return {PQgetvalue(result_.get(), row, column), static_cast<size_t>(PQgetlength(result_.get(), row, column))};
+    }
+    std::string text(int row, int column) const { return std::string(bytes(row, column)); }
+    uint64_t number(int row, int column) const; // binary, of eight bytes
+    tbs_uuid_t uuid(int row, int column) const;
+
+private:
+    std::unique_ptr<PGresult, void (*)(PGresult *)> result_;
+};
+
+// Parameters in the form in which they are sent.
+class PostgresValues {
+public:
+    template <class... Values>
+    explicit PostgresValues(const Values &...values) {
+        values_.reserve(sizeof...(values));
+        (add(values), ...);
+    }
+    const std::vector<std::string> &values() const { return values_; }
+
+private:
+    void add(uint64_t number); // bigint
+    void add(uint32_t number); // integer
+    void add(std::string_view bytes) { values_.emplace_back(bytes); }
+    void add(const tbs_uuid_t &uuid);
+    void add(const std::vector<std::string> &elements); // bytea[]
+
+    std::vector<std::string> values_;
+};
+
+struct PostgresStatement {
+    const char *name;
+    const char *sql;
+};
+
+// What all connections of this process to one database know of it.
+struct PostgresStanding;
+
+class Postgres {
+public:
+    explicit Postgres(const std::string &conninfo);
+
+    // Where there is no connection, one is made; not at once when the last attempt was in vain. Throws StoreAway, or
+    // StoreError where it is refused.
+    void connect();
+    bool is_connected() const { return connection_ != nullptr; }
+    void drop();
+
+    // Counts connections that have been made, to tell one from the next.
+    uint64_t generation() const { return generation_; }
+
+    // Statements as plain text; the rows of the last one.
+    PostgresRows run(const std::string &sql);
+
+    template <class... Values>
+    PostgresRows run(const PostgresStatement &statement, const Values &...values) {
+        return run_prepared(statement, PostgresValues(values...).values());
+    }
+
+private:
+    void open();
+    void open_or_throw();
+    void finish_opening();
+    void greet();
+    void wait(bool is_to_write, int64_t deadline_ms);
+    PostgresRows run_prepared(const PostgresStatement &statement, const std::vector<std::string> &values);
+    void prepare(const PostgresStatement &statement);
+    PostgresRows answer();
+    void require_sent(int is_sent);
+    [[noreturn]] void lose(const std::string &words);
+    [[noreturn]] void fail(const PGresult *result);
+
+    const std::string conninfo_;
+    const std::shared_ptr<PostgresStanding> standing_;
+    std::unique_ptr<PGconn, void (*)(PGconn *)> connection_;
+    std::set<std::string> prepared_;
+    uint64_t generation_ = 0;
+};
+
+} // namespace velia::server

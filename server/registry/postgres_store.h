@@ -1,0 +1,15 @@
+// The registry in a PostgreSQL database, which several daemons may serve at once.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include <server/registry/store.h>
+
+namespace velia::server {
+
+// Opens the registry in this database, and makes it if there is none; `is_new` tells which. Throws StoreAway where the
+// database is not reached, StoreError where it refuses, or where a newer version of this program has made it.
+std::unique_ptr<Store> open_postgres_store(const std::string &conninfo, bool &is_new);
+
+} // namespace velia::server

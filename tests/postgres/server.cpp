@@ -1,0 +1,156 @@
+#include <tests/postgres/server.h>
+
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <fstream>
+#include <memory>
+#include <poll.h>
+#include <pwd.h>
+#include <stdexcept>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <libpq-fe.h>
+
+namespace velia::postgres_test {
+
+namespace {
+
+constexpr const char *superuser = "tester";
+constexpr int start_attempts = 600;
+constexpr int attempt_pause_ms = 50;
+
+using Connection = std::unique_ptr<PGconn, void (*)(PGconn *)>;
+using Result = std::unique_ptr<PGresult, void (*)(PGresult *)>;
+
+// A socket's path is short, whatever the directory for tests is.
+std::filesystem::path new_directory() {
+    std::string name = access("/dev/shm", W_OK) == 0 ? "/dev/shm/velia-pg-XXXXXX" : "/tmp/velia-pg-XXXXXX";
+    if (mkdtemp(name.data()) == nullptr)
+        throw std::runtime_error("no directory for a database server");
+    return name;
+}
+
+const passwd *account() {
+    const passwd *entry = getpwnam("postgres");
+    return entry != nullptr ? entry : getpwnam("nobody");
+}
+
+// In the child.
+void become_account() {
+    if (geteuid() != 0)
+        return;
+    const passwd *entry = account();
+    if (entry == nullptr || setgid(entry->pw_gid) != 0 || setuid(entry->pw_uid) != 0)
+        _exit(EXIT_FAILURE);
+}
+
+// One word at each blank.
+[[noreturn]] void run_here(const std::string &words, const std::string &log) {
+    const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    dup2(fd, STDOUT_FILENO);
+    dup2(fd, STDERR_FILENO);
+    execl("/bin/sh", "sh", "-c", ("exec " + words).c_str(), nullptr);
+    _exit(EXIT_FAILURE);
+}
+
+std::string read_file(const std::filesystem::path &name) {
+    std::ifstream file(name);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+} // namespace
+
+Server::Server() : directory_(new_directory()) {
+    const passwd *entry = account();
+    if (geteuid() == 0 && entry != nullptr && chown(directory_.c_str(), entry->pw_uid, entry->pw_gid) != 0)
+        throw std::runtime_error("the directory cannot be given away");
+    run_program(std::string(INITDB_PROGRAM) + " --no-sync --auth=trust --encoding=UTF8 --locale=C --username=" +
+                superuser + " --pgdata=" + (directory_ / "data").string());
+    start();
+}
+
+Server::~Server() {
+    stop();
+    std::filesystem::remove_all(directory_);
+}
+
+void Server::run_program(const std::string &words) const {
+    const pid_t child = fork();
+    if (child == 0) {
+        become_account();
+        run_here(words, directory_ / "log");
+    }
+    int status = 0;
+    if (child < 0 || waitpid(child, &status, 0) != child || status != 0)
+        throw std::runtime_error(words + ":\n" + read_file(directory_ / "log"));
+}
+
+void Server::start(const std::string &switches) {
+    process_ = fork();
+    if (process_ == 0) {
+        setpgid(0, 0);
+        become_account();
+        prctl(PR_SET_PDEATHSIG, SIGQUIT); // a change of the user takes it back
+        run_here(std::string(POSTGRES_PROGRAM) + " -D " + (directory_ / "data").string() + " -k " +
+                     directory_.string() + " -c listen_addresses= -c fsync=off -c max_connections=100 " + switches,
+                 directory_ / "log");
+    }
+    wait_until_it_answers();
+}
+
+void Server::wait_until_it_answers() const {
+    for (int i = 0; i < start_attempts; ++i) {
+        if (PQping(conninfo().c_str()) == PQPING_OK)
+            return;
+        if (waitpid(process_, nullptr, WNOHANG) != 0)
+            break;
+        poll(nullptr, 0, attempt_pause_ms);
+    }
+    throw std::runtime_error("the database server does not answer:\n" + read_file(directory_ / "log"));
+}
+
+void Server::stop() {
+    if (process_ <= 0)
+        return;
+    kill(process_, SIGQUIT);
+    waitpid(process_, nullptr, 0);
+    process_ = 0;
+}
+
+std::string Server::conninfo() const {
+    return conninfo_as(superuser);
+}
+
+std::string Server::conninfo_as(const std::string &user, const std::string &more) const {
+    return "host=" + directory_.string() + " dbname=postgres user=" + user + " " + more;
+}
+
+std::string Server::ask(const std::string &sql, const std::string &database) const {
+    const Connection connection(PQconnectdb((conninfo() + "dbname=" + database).c_str()), PQfinish);
+    const Result result(PQexec(connection.get(), sql.c_str()), PQclear);
+    const auto status = PQresultStatus(result.get());
+    if (status != PGRES_TUPLES_OK && status != PGRES_COMMAND_OK)
+        throw std::runtime_error(PQerrorMessage(connection.get()));
+    return PQntuples(result.get()) > 0 ? PQgetvalue(result.get(), 0, 0) : "";
+}
+
+void Server::run(const std::string &sql, const std::string &database) const {
+    ask(sql, database);
+}
+
+void Server::set_access(const std::string &lines) const {
+    std::ofstream(directory_ / "data/pg_hba.conf") << lines;
+    ask("SELECT pg_reload_conf()");
+}
+
+Server &server() {
+    static Server the_server;
+    return the_server;
+}
+
+} // namespace velia::postgres_test

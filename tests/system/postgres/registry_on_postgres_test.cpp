@@ -1,0 +1,247 @@
+// Real daemons whose registry is in a real database, which goes, comes back, and refuses.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <set>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <tests/postgres/server.h>
+#include <tests/system/support/daemon.h>
+#include <tests/system/support/registry_calls.h>
+
+using namespace velia::system_test;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::SizeIs;
+
+namespace {
+
+constexpr double patience_s = 30;
+constexpr int writers = 16;
+constexpr int entries_of_writer = 8;
+
+using Words = std::vector<std::string>;
+
+struct RegistryOnPostgres : testing::Test {
+    Site site;
+    velia::postgres_test::Server database;
+    std::unique_ptr<Daemon> daemon;
+    std::unique_ptr<Daemon> other;
+
+    void SetUp() override {
+        site.write("host/config/rgy_svr.conf", "master");
+        site.write("host/config/rgy_hosts.conf", "alpha\n\n");
+        keep_in(database.conninfo());
+    }
+    void keep_in(const std::string &conninfo) {
+        site.configure(std::string(trusted_hosts) + "option store postgresql \"" + conninfo + "\"\n");
+    }
+    void start() {
+        daemon = std::make_unique<Daemon>(site, Words{"--listen", "127.0.0.1"});
+        ASSERT_TRUE(daemon->is_ready()) << daemon->output();
+    }
+    // As another host of the site.
+    void start_beta() {
+        for (const char *directory : {"beta/host/config", "beta/host/priv", "beta/host/data", "beta/log"})
+            std::filesystem::create_directories(site.path(directory));
+        std::filesystem::create_symlink(site.path("config"), site.path("beta/config"));
+        site.write("beta/host/config/rgy_svr.conf", "master");
+        site.write("beta/host/config/rgy_hosts.conf", "beta\n\n");
+        Child::Options options;
+        options.environment = {"VELIA_ROOT=" + site.path("beta"), "VELIA_HOSTNAME=beta"};
+        other = std::make_unique<Daemon>(site, Words{"--listen", "127.0.0.2"}, options);
+        ASSERT_TRUE(other->is_ready()) << other->output();
+    }
+    void stop() {
+        daemon->signal(SIGTERM);
+        ASSERT_EQ(daemon->wait(patience_s), 0);
+        daemon.reset();
+    }
+
+    static tbs_status_t add_region(const std::string &name, const char *host = "alpha") {
+        return add(RGY_DB_REGIONS, name_entry(name), host);
+    }
+    static Words regions(const char *host = "alpha") { return names_of(RGY_DB_REGIONS, 100, host).value_or(Words{}); }
+    static bool comes_to_take(const std::string &name, const char *host = "alpha") {
+        return eventually([&] { return add_region(name, host) == TBS_ST_OK; }, patience_s);
+    }
+
+    Outcome run_server(Words switches) const {
+        switches.insert(switches.begin(), {RVZD_SERVER, "--config", site.path("rvzd_server.conf")});
+        return run(site, switches);
+    }
+};
+
+// A process of its own, since one has one call in flight.
+pid_t start_writer(int writer) {
+    const pid_t process = fork();
+    if (process != 0)
+        return process;
+    bool is_done = true;
+    for (int i = 0; i < entries_of_writer; ++i)
+        is_done = is_done && add(RGY_DB_REGIONS, name_entry(std::to_string(writer) + "-" + std::to_string(i)),
+                                 writer % 2 == 0 ? "alpha" : "beta") == TBS_ST_OK;
+    _exit(is_done ? 0 : 1);
+}
+
+} // namespace
+
+TEST_F(RegistryOnPostgres, EntriesComeAreFoundAndStayOverARestart) {
+    start();
+    EXPECT_EQ(add_region("east"), TBS_ST_OK);
+    EXPECT_EQ(add_region("west"), TBS_ST_OK);
+    EXPECT_NE(add_region("west"), TBS_ST_OK);
+    EXPECT_THAT(regions(), ElementsAre("east", "west"));
+    stop();
+    start();
+    EXPECT_THAT(regions(), ElementsAre("east", "west"));
+    EXPECT_FALSE(std::filesystem::exists(site.path("host/priv/registry.db")));
+}
+
+TEST_F(RegistryOnPostgres, OfSixteenWritersAtTwoDaemonsNothingIsLostAndNothingIsThereTwice) {
+    start();
+    start_beta();
+    std::vector<pid_t> processes;
+    for (int writer = 0; writer < writers; ++writer)
+        processes.push_back(start_writer(writer));
+    for (const pid_t process : processes) {
+        int status = -1;
+        waitpid(process, &status, 0);
+        EXPECT_EQ(status, 0);
+    }
+    const Words at_alpha = regions("alpha");
+    EXPECT_THAT(std::set<std::string>(at_alpha.begin(), at_alpha.end()), SizeIs(writers * entries_of_writer));
+    EXPECT_THAT(at_alpha, SizeIs(writers * entries_of_writer));
+    EXPECT_EQ(regions("beta"), at_alpha);
+    EXPECT_EQ(database.ask("SELECT entries FROM stamp WHERE db = 4"), std::to_string(at_alpha.size()));
+}
+
+TEST_F(RegistryOnPostgres, WhatOneDaemonHasTakenTheOtherTellsAtOnce) {
+    start();
+    start_beta();
+    for (int i = 0; i < 10; ++i) {
+        ASSERT_EQ(add_region(std::to_string(i), i % 2 == 0 ? "alpha" : "beta"), TBS_ST_OK);
+        EXPECT_THAT(regions(i % 2 == 0 ? "beta" : "alpha"), SizeIs(static_cast<size_t>(i) + 1));
+    }
+}
+
+TEST_F(RegistryOnPostgres, WhileTheDatabaseIsAwayUpdatesAreToBeTriedAgain) {
+    start();
+    ASSERT_EQ(add_region("before"), TBS_ST_OK);
+    database.stop();
+    EXPECT_EQ(add_region("meanwhile"), TBS_ST_TRY_AGAIN);
+    EXPECT_TRUE(daemon->says("The registry's database is away", patience_s)) << daemon->output();
+    database.start();
+    EXPECT_TRUE(comes_to_take("behind"));
+    EXPECT_TRUE(daemon->says("The registry's database is there again", patience_s)) << daemon->output();
+    EXPECT_THAT(regions(), ElementsAre("before", "behind"));
+}
+
+TEST_F(RegistryOnPostgres, ADaemonThatStartsWithoutItsDatabaseServesWhenThatComes) {
+    database.stop();
+    start();
+    EXPECT_NE(add_region("early"), TBS_ST_OK);
+    database.start();
+    EXPECT_TRUE(comes_to_take("late")) << daemon->output();
+    EXPECT_THAT(regions(), ElementsAre("late"));
+}
+
+TEST_F(RegistryOnPostgres, AWrongPasswordIsToldAndCanBePutRight) {
+    database.run("CREATE ROLE clerk LOGIN SUPERUSER PASSWORD 'right'");
+    database.set_access("local all tester trust\nlocal all all scram-sha-256\n");
+    keep_in(database.conninfo_as("clerk", "password=wrong"));
+    start();
+    EXPECT_TRUE(daemon->says("the password is wrong", patience_s)) << daemon->output();
+    EXPECT_NE(add_region("a"), TBS_ST_OK);
+    EXPECT_EQ(daemon->count("password=wrong"), 0u);
+    database.run("ALTER ROLE clerk PASSWORD 'wrong'");
+    EXPECT_TRUE(comes_to_take("b")) << daemon->output();
+}
+
+TEST_F(RegistryOnPostgres, AUserWithoutRightsIsToldAndCanBePutRight) {
+    database.run("CREATE ROLE clerk LOGIN");
+    keep_in(database.conninfo_as("clerk"));
+    start();
+    EXPECT_TRUE(daemon->says("the database user has no right to this", patience_s)) << daemon->output();
+    database.run("GRANT CREATE ON SCHEMA public TO clerk");
+    EXPECT_TRUE(comes_to_take("a")) << daemon->output();
+}
+
+TEST_F(RegistryOnPostgres, ARegistryOfANewerVersionIsLeftAlone) {
+    start();
+    ASSERT_EQ(add_region("a"), TBS_ST_OK);
+    stop();
+    database.run("UPDATE registry SET version = 99");
+    start();
+    EXPECT_TRUE(daemon->says("newer version", patience_s)) << daemon->output();
+    EXPECT_NE(add_region("b"), TBS_ST_OK);
+    EXPECT_EQ(database.ask("SELECT count(*) FROM entry"), "1");
+}
+
+TEST_F(RegistryOnPostgres, AServerThatTakesNoChangesIsAway) {
+    start();
+    ASSERT_EQ(add_region("a"), TBS_ST_OK);
+    database.run("ALTER DATABASE postgres SET default_transaction_read_only = on");
+    database.run("SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE application_name = 'rvzd_server'");
+    EXPECT_EQ(add_region("b"), TBS_ST_TRY_AGAIN);
+    database.run("ALTER DATABASE postgres RESET default_transaction_read_only", "template1");
+    EXPECT_TRUE(comes_to_take("c")) << daemon->output();
+    EXPECT_THAT(regions(), ElementsAre("a", "c"));
+}
+
+TEST_F(RegistryOnPostgres, AHostBesideItIsNoStandby) {
+    site.write("host/config/rgy_svr.conf", "standby");
+    start();
+    EXPECT_TRUE(daemon->says("Make it master or none", patience_s)) << daemon->output();
+    EXPECT_NE(add_region("a"), TBS_ST_OK);
+}
+
+TEST_F(RegistryOnPostgres, AMalformedStoreIsToldWithItsLine) {
+    site.configure("option store postgresql \"hots=a\"\n");
+    const Outcome outcome = run_server({"--check-config"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_THAT(outcome.output, HasSubstr("line 1"));
+    EXPECT_THAT(outcome.output, HasSubstr("connection string is malformed"));
+}
+
+TEST_F(RegistryOnPostgres, ARegistryMovesIntoTheDatabaseAndBack) {
+    site.configure(trusted_hosts);
+    start();
+    for (const char *name : {"a", "b", "c"})
+        ASSERT_EQ(add_region(name), TBS_ST_OK);
+    const Outcome beside = run_server({"--move-registry", database.conninfo()});
+    EXPECT_NE(beside.status, 0) << "a daemon runs";
+    stop();
+    const Outcome there = run_server({"--move-registry", database.conninfo()});
+    ASSERT_EQ(there.status, 0) << there.output;
+    EXPECT_THAT(there.output, HasSubstr("The registry of 3 entries is in postgresql"));
+    keep_in(database.conninfo());
+    start();
+    EXPECT_THAT(regions(), ElementsAre("a", "b", "c"));
+    ASSERT_EQ(add_region("d"), TBS_ST_OK);
+    stop();
+    const Outcome back = run_server({"--move-registry", "sqlite"});
+    ASSERT_EQ(back.status, 0) << back.output;
+    EXPECT_THAT(back.output, HasSubstr("The former registry is kept"));
+    site.configure(trusted_hosts);
+    start();
+    EXPECT_THAT(regions(), ElementsAre("a", "b", "c", "d"));
+    EXPECT_EQ(add_region("e"), TBS_ST_OK);
+}
+
+TEST_F(RegistryOnPostgres, WorkWithoutADaemonFindsTheDatabaseToo) {
+    start();
+    ASSERT_EQ(add_region("a"), TBS_ST_OK);
+    const std::string file = site.path("saved.db");
+    const Outcome saved = run_server({"--save-registry", file});
+    ASSERT_EQ(saved.status, 0) << saved.output;
+    EXPECT_EQ(run_server({"--check-registry", file}).status, 0);
+    EXPECT_NE(run_server({"--check-registry"}).status, 0);
+    stop();
+    const Outcome restored = run_server({"--restore-registry", file});
+    EXPECT_THAT(restored.output, HasSubstr("the database's own programs"));
+    EXPECT_EQ(run_server({"--look-at-site"}).status, 0);
+    EXPECT_FALSE(std::filesystem::exists(site.path("host/priv/registry.db")));
+}

@@ -1,0 +1,362 @@
+// What a store on PostgreSQL does when its database refuses, goes, comes back, or does not say what became of a commit.
+#include <tests/unit/store/store_fixture.h>
+
+#include <array>
+
+#include <server/registry/moved.h>
+#include <server/registry/postgres_errors.h>
+#include <server/registry/postgres_schema.h>
+#include <server/registry/postgres_store.h>
+#include <server/registry/sqlite.h>
+#include <tests/postgres/server.h>
+#include <tests/unit/store/dropping_relay.h>
+
+using namespace velia::server;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+using velia::postgres_test::Server;
+
+namespace {
+
+enum class Kind { opened, away, busy, uncertain, refused };
+void PrintTo(Kind kind, std::ostream *out) {
+    *out << std::array{"opened", "away", "busy", "uncertain", "refused"}.at(static_cast<size_t>(kind));
+}
+
+template <class Body>
+Kind kind_of(Body &&body, std::string *words = nullptr) {
+    std::string own;
+    std::string &told = words != nullptr ? *words : own;
+    try {
+        body();
+        return Kind::opened;
+    } catch (const StoreAway &error) {
+        told = error.what();
+        return Kind::away;
+    } catch (const StoreBusy &error) {
+        told = error.what();
+        return Kind::busy;
+    } catch (const StoreUncertain &error) {
+        told = error.what();
+        return Kind::uncertain;
+    } catch (const StoreError &error) {
+        told = error.what();
+        return Kind::refused;
+    }
+}
+
+// A database and a user of its own for each test, in a server that may be stopped.
+struct PostgresStoreTest : testing::Test {
+    PostgresStoreTest() {
+        static int number = 0;
+        database = "test" + std::to_string(++number);
+        clerk = "clerk" + std::to_string(number);
+        server.run("CREATE DATABASE " + database);
+    }
+    ~PostgresStoreTest() override { server.set_access("local all all trust\n"); }
+
+    std::string conninfo() const { return conninfo_as("tester"); }
+    std::string conninfo_as(const std::string &user, const std::string &more = "") const {
+        return server.conninfo_as(user, "dbname=" + database + " " + more);
+    }
+    std::string conninfo_over(const DroppingRelay &relay) const {
+        return "host=" + relay.directory() + " user=tester dbname=" + database;
+    }
+    void run(const std::string &sql) const { server.run(sql, database); }
+    std::string ask(const std::string &sql) const { return server.ask(sql, database); }
+
+    std::unique_ptr<Store> open(const std::string &conninfo) {
+        bool is_new = false;
+        return open_postgres_store(conninfo, is_new);
+    }
+    std::unique_ptr<Store> open() { return open(conninfo()); }
+
+    static Store::AddResult add(Store &to, const std::string &name) {
+        const Entry entry = named(name);
+        return to.add(RGY_DB_REGIONS, to.stamps(RGY_DB_REGIONS).pair, entry.identity, entry.text, entry.items);
+    }
+    static uint64_t count(Store &of) { return of.count(RGY_DB_REGIONS); }
+
+    // Again and again while it is away.
+    template <class Body>
+    static bool comes_back(Body &&body) {
+        for (int i = 0; i < 400; ++i) {
+            if (kind_of(body) == Kind::opened)
+                return true;
+            usleep(50'000);
+        }
+        return false;
+    }
+    void end_connections() {
+        server.run("SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE application_name = 'rvzd_server'");
+    }
+
+    Kind opening(const std::string &conninfo, std::string *words = nullptr) {
+        return kind_of([&] { open(conninfo); }, words);
+    }
+
+    Server &server = velia::postgres_test::server();
+    std::string database;
+    std::string clerk;
+};
+
+struct CodeRow {
+    const char *code;
+    Kind kind;
+    const char *words;
+};
+
+} // namespace
+
+TEST(PostgresErrors, EachCodeHasItsKindAndWords) {
+    const std::array rows = {CodeRow{"28P01", Kind::refused, "the password is wrong: x"},
+                             CodeRow{"28000", Kind::refused, "pg_hba.conf"},
+                             CodeRow{"3D000", Kind::refused, "no database of this name"},
+                             CodeRow{"42501", Kind::refused, "no right"},
+                             CodeRow{"53100", Kind::refused, "disk is full"},
+                             CodeRow{"53300", Kind::away, "no room for more"},
+                             CodeRow{"55P03", Kind::busy, "lock"},
+                             CodeRow{"57014", Kind::busy, "longer than it may"},
+                             CodeRow{"40P01", Kind::busy, "in the way"},
+                             CodeRow{"25006", Kind::away, "takes no changes"},
+                             CodeRow{"57P03", Kind::away, "coming up"},
+                             CodeRow{"08006", Kind::away, "broke"},
+                             CodeRow{"", Kind::away, "x"},
+                             CodeRow{"XX000", Kind::refused, "the database says: x"}};
+    for (const auto &[code, kind, expected] : rows) {
+        std::string words;
+        EXPECT_EQ(kind_of([code = code] { throw_postgres_error(code, "x"); }, &words), kind) << code;
+        EXPECT_THAT(words, HasSubstr(expected)) << code;
+    }
+}
+
+TEST(PostgresErrors, ACodeIsFoundInAnyLanguage) {
+    const std::string words = "connection to server failed: FATAL:  28P01: no\nLOCATION:  auth_failed, auth.c:326\n";
+    EXPECT_EQ(code_in(words), "28P01");
+    EXPECT_EQ(first_message_in(words), "no");
+    EXPECT_EQ(code_in("FATALE :  28P01: non"), "28P01");
+    EXPECT_EQ(code_in("no server: no such file\n"), "");
+    EXPECT_EQ(first_message_in("no server: no such file\nIs it there?\n"), "no server: no such file");
+    EXPECT_EQ(first_message_in(""), "no answer");
+    EXPECT_EQ(code_in("x:  28p01: small"), "");
+}
+
+TEST(PostgresErrors, AConnectionStringIsRightOrHasAFault) {
+    EXPECT_EQ(fault_of_conninfo("host=a,b dbname=c target_session_attrs=read-write"), "");
+    EXPECT_EQ(fault_of_conninfo("postgresql://a/b"), "");
+    EXPECT_EQ(fault_of_conninfo(""), "it is empty");
+    EXPECT_THAT(fault_of_conninfo("hots=a"), HasSubstr("hots"));
+    EXPECT_THAT(fault_of_conninfo("host"), HasSubstr("missing"));
+}
+
+TEST(PostgresErrors, APasswordIsNotTold) {
+    const std::string told = told_conninfo("host=a dbname=b user=c password=secret sslkey=d");
+    EXPECT_THAT(told, HasSubstr("host=a"));
+    EXPECT_THAT(told, HasSubstr("dbname=b"));
+    EXPECT_THAT(told, testing::Not(HasSubstr("secret")));
+    EXPECT_EQ(told_conninfo("not one"), "postgresql");
+}
+
+TEST_F(PostgresStoreTest, AWrongPasswordIsToldAsThat) {
+    run("CREATE ROLE " + clerk + " LOGIN SUPERUSER PASSWORD 'right'");
+    server.set_access("local all tester trust\nlocal all all scram-sha-256\n");
+    std::string words;
+    EXPECT_EQ(opening(conninfo_as(clerk, "password=wrong"), &words), Kind::refused);
+    EXPECT_THAT(words, HasSubstr("the password is wrong"));
+    EXPECT_EQ(opening(conninfo_as(clerk, "password=right")), Kind::opened);
+}
+
+TEST_F(PostgresStoreTest, WhoMayNotComeInIsToldSo) {
+    server.set_access("local all tester trust\n");
+    std::string words;
+    EXPECT_EQ(opening(conninfo_as("stranger"), &words), Kind::refused);
+    EXPECT_THAT(words, HasSubstr("pg_hba.conf"));
+}
+
+TEST_F(PostgresStoreTest, ADatabaseThatThereIsNotIsToldAsThat) {
+    std::string words;
+    EXPECT_EQ(opening(conninfo() + "dbname=nowhere", &words), Kind::refused);
+    EXPECT_THAT(words, HasSubstr("no database of this name"));
+}
+
+TEST_F(PostgresStoreTest, AUserWithoutRightsMakesNothing) {
+    run("CREATE ROLE " + clerk + " LOGIN");
+    std::string words;
+    EXPECT_EQ(opening(conninfo_as(clerk), &words), Kind::refused);
+    EXPECT_THAT(words, HasSubstr("no right"));
+    EXPECT_EQ(ask("SELECT count(*) FROM pg_tables WHERE schemaname = 'public'"), "0");
+}
+
+TEST_F(PostgresStoreTest, AUserWithTheRightsOfThePageServes) {
+    run("CREATE ROLE " + clerk + " LOGIN");
+    run("ALTER DATABASE " + database + " OWNER TO " + clerk);
+    const auto store = open(conninfo_as(clerk));
+    EXPECT_EQ(add(*store, "a"), Store::AddResult::added);
+}
+
+TEST_F(PostgresStoreTest, ARegistryOfANewerVersionIsLeftAsItIs) {
+    open();
+    run("UPDATE registry SET version = 99");
+    std::string words;
+    EXPECT_EQ(opening(conninfo(), &words), Kind::refused);
+    EXPECT_THAT(words, HasSubstr("newer version"));
+    EXPECT_EQ(ask("SELECT version FROM registry"), "99");
+}
+
+TEST_F(PostgresStoreTest, ARegistryOfAnOlderVersionIsMovedOnce) {
+    EXPECT_EQ(add(*open(), "a"), Store::AddResult::added);
+    std::vector<const char *> steps(postgres_schema_steps().begin(), postgres_schema_steps().end());
+    steps.push_back("CREATE TABLE added (x integer); INSERT INTO added VALUES (1)");
+    Postgres connection(conninfo());
+    connection.connect();
+    EXPECT_FALSE(make_postgres_schema(connection, steps));
+    EXPECT_FALSE(make_postgres_schema(connection, steps));
+    EXPECT_EQ(ask("SELECT count(*) FROM added"), "1");
+    EXPECT_EQ(ask("SELECT version FROM registry"), std::to_string(steps.size()));
+    EXPECT_EQ(ask("SELECT count(*) FROM entry"), "1");
+}
+
+TEST_F(PostgresStoreTest, AStepThatFailsLeavesTheVersionOfBefore) {
+    open();
+    std::vector<const char *> steps(postgres_schema_steps().begin(), postgres_schema_steps().end());
+    steps.push_back("CREATE TABLE added (x integer); SELECT 1 / 0");
+    Postgres connection(conninfo());
+    connection.connect();
+    EXPECT_THROW(make_postgres_schema(connection, steps), StoreError);
+    EXPECT_EQ(ask("SELECT version FROM registry"), std::to_string(steps.size() - 1));
+    EXPECT_EQ(ask("SELECT to_regclass('added') IS NULL"), "t");
+}
+
+TEST_F(PostgresStoreTest, AServerThatTakesNoChangesIsAway) {
+    open();
+    run("ALTER DATABASE " + database + " SET default_transaction_read_only = on");
+    EXPECT_EQ(opening(conninfo()), Kind::away);
+    usleep(300'000); // the pause behind an attempt in vain
+    std::string words;
+    EXPECT_EQ(opening(conninfo() + "target_session_attrs=any", &words), Kind::away);
+    EXPECT_THAT(words, HasSubstr("takes no changes"));
+}
+
+TEST_F(PostgresStoreTest, AServerThatGoesIsAwayAndIsThereAgain) {
+    const auto store = open();
+    ASSERT_EQ(add(*store, "a"), Store::AddResult::added);
+    server.stop();
+    EXPECT_EQ(kind_of([&] { count(*store); }), Kind::away);
+    EXPECT_EQ(kind_of([&] { add(*store, "b"); }), Kind::away);
+    server.start();
+    EXPECT_TRUE(comes_back([&] { count(*store); }));
+    EXPECT_EQ(count(*store), 1u);
+    EXPECT_EQ(add(*store, "b"), Store::AddResult::added);
+}
+
+TEST_F(PostgresStoreTest, WithoutAServerItIsAway) {
+    EXPECT_EQ(opening("host=/nonexistent dbname=a"), Kind::away);
+}
+
+TEST_F(PostgresStoreTest, AConnectionThatEndedBetweenCallsIsNotNoticed) {
+    const auto store = open();
+    end_connections();
+    EXPECT_EQ(count(*store), 0u);
+    end_connections();
+    EXPECT_EQ(add(*store, "a"), Store::AddResult::added);
+    end_connections();
+    store->together([&] { EXPECT_EQ(add(*store, "b"), Store::AddResult::added); });
+    EXPECT_EQ(count(*store), 2u);
+}
+
+TEST_F(PostgresStoreTest, AConnectionThatEndsAmidChangesLeavesNoneOfThem) {
+    const auto store = open();
+    EXPECT_EQ(kind_of([&] {
+                  store->together([&] {
+                      add(*store, "a");
+                      end_connections();
+                      add(*store, "b");
+                  });
+              }),
+              Kind::away);
+    EXPECT_EQ(count(*store), 0u);
+    EXPECT_EQ(add(*store, "c"), Store::AddResult::added);
+}
+
+TEST_F(PostgresStoreTest, AnErrorThatIsPassedOverAmidChangesCommitsNothing) {
+    const auto store = open();
+    EXPECT_EQ(kind_of([&] {
+                  store->together([&] {
+                      add(*store, "a");
+                      end_connections();
+                      EXPECT_EQ(kind_of([&] { add(*store, "b"); }), Kind::away);
+                      EXPECT_EQ(kind_of([&] { store->together([] {}); }), Kind::away);
+                      EXPECT_EQ(kind_of([&] { count(*store); }), Kind::away);
+                  });
+              }),
+              Kind::away);
+    EXPECT_EQ(count(*store), 0u);
+}
+
+TEST_F(PostgresStoreTest, ADatabaseThatIsAnotherOneNowIsRefused) {
+    const auto store = open();
+    run("DROP TABLE registry");
+    end_connections();
+    EXPECT_EQ(kind_of([&] { count(*store); }), Kind::refused);
+}
+
+TEST_F(PostgresStoreTest, ACommitWhoseAnswerIsLostIsFoundToBeMade) {
+    DroppingRelay relay(server.directory());
+    const auto store = open(conninfo_over(relay));
+    relay.drop_next(DroppingRelay::Drops::answer_to_commit);
+    EXPECT_EQ(add(*store, "a"), Store::AddResult::added);
+    EXPECT_EQ(add(*store, "b"), Store::AddResult::added);
+    EXPECT_EQ(count(*open()), 2u);
+}
+
+TEST_F(PostgresStoreTest, ACommitThatIsLostIsFoundNotToBeMade) {
+    DroppingRelay relay(server.directory());
+    const auto store = open(conninfo_over(relay));
+    ASSERT_EQ(add(*store, "a"), Store::AddResult::added);
+    relay.drop_next(DroppingRelay::Drops::commit);
+    std::string words;
+    EXPECT_EQ(kind_of([&] { add(*store, "b"); }, &words), Kind::away);
+    EXPECT_THAT(words, HasSubstr("was not made"));
+    EXPECT_EQ(count(*store), 1u);
+    EXPECT_EQ(add(*store, "b"), Store::AddResult::added);
+}
+
+TEST_F(PostgresStoreTest, ACommitThatCannotBeAskedAfterIsUncertain) {
+    DroppingRelay relay(server.directory());
+    const auto store = open(conninfo_over(relay));
+    EXPECT_EQ(kind_of([&] {
+                  store->together([&] {
+                      add(*store, "a");
+                      relay.drop_next(DroppingRelay::Drops::commit);
+                      wait_for_others(0); // as of a daemon that is to end
+                  });
+              }),
+              Kind::uncertain);
+    wait_for_others(usual_wait_for_others_ms);
+}
+
+TEST_F(PostgresStoreTest, ARegistryGoesToAFileAndBack) {
+    const auto from = open();
+    for (const char *name : {"a", "b", "c"})
+        ASSERT_EQ(add(*from, name), Store::AddResult::added);
+    from->set_setting("password", "hash");
+    Record removed;
+    ASSERT_TRUE(from->remove(RGY_DB_REGIONS, 3, removed));
+    const std::string file =
+        std::filesystem::temp_directory_path() / ("velia-" + clerk + "-" + std::to_string(getpid()) + ".db");
+    save_into_sqlite(*from, file);
+    run("CREATE DATABASE " + database + "other");
+    bool is_new = true;
+    const auto saved = open_sqlite_store(file, is_new);
+    const auto to = open(conninfo() + "dbname=" + database + "other");
+    EXPECT_EQ(move_registry(*saved, *to).at(RGY_DB_REGIONS), 2u);
+    EXPECT_EQ(counts_of(*to), counts_of(*from));
+    EXPECT_EQ(to->settings(), from->settings());
+    EXPECT_EQ(to->last_number(), 3u);
+    for (rgy_db_t db = 0; db < RGY_DB_ALL; ++db)
+        EXPECT_TRUE(is_same(to->stamps(db).pair, from->stamps(db).pair)) << db;
+    for (const char *suffix : {"", "-wal", "-shm", ".made"})
+        std::filesystem::remove(file + suffix);
+}
