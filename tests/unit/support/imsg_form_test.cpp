@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <string>
 
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
@@ -94,11 +95,18 @@ TEST_F(Form, WithPrioritiesHeadsEachLine) {
 TEST_F(Form, OfALogFileHasNoPriorities) {
     std::string path = testing::TempDir() + "/velia-log-XXXXXX";
     close(mkstemp(path.data()));
-    ASSERT_EQ(imsg_init_daemon(path.c_str()), 0);
-    imsg_set_form(IMSG_FORM_PRIORITIES, IMSG_TRACE);
-    imsg_print(IMSG_ERROR, "one\n", IMSG_FORMAT);
-    imsg_set_form(IMSG_FORM_PRIORITIES | IMSG_FORM_JSON, IMSG_TRACE);
-    imsg_print(IMSG_ERROR, "two\n", IMSG_FORMAT);
+    const pid_t child = fork(); // a log that was begun is not given up
+    if (child == 0) {
+        const int status = imsg_init_daemon(path.c_str());
+        imsg_set_form(IMSG_FORM_PRIORITIES, IMSG_TRACE);
+        imsg_print(IMSG_ERROR, "one\n", IMSG_FORMAT);
+        imsg_set_form(IMSG_FORM_PRIORITIES | IMSG_FORM_JSON, IMSG_TRACE);
+        imsg_print(IMSG_ERROR, "two\n", IMSG_FORMAT);
+        _exit(status);
+    }
+    int status = 1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_EQ(status, 0);
     std::array<char, 4096> text = {};
     FILE *file = fopen(path.c_str(), "r");
     ASSERT_GT(fread(text.data(), 1, text.size() - 1, file), 0u);
