@@ -241,6 +241,8 @@ void look_at_terms(Visit &visit) {
         const auto &other = visit.ask(host);
         if (!is_master(own) || !is_master(other) || !is_same_registry(own, other))
             continue;
+        if (is_same_host(own.registry->master, other.registry->master))
+            continue; // another name of this host
         return visit.fail(host, "it takes updates, and so does " + visit.host(),
                           "decide which is the master, and run: veliactl site master HOST --force");
     }
