@@ -1,5 +1,6 @@
 // What a call through a handle costs, over the daemon's socket for callers of its host and over loopback, against the
 // same call made by the RPC library's own client and transport, with the same daemon.
+#include <bench/support/check.h>
 #include <bench/support/ratio.h>
 #include <bench/support/site.h>
 
@@ -18,15 +19,10 @@
 
 namespace {
 
+using bench::check;
+
 rvzd_rpc_trait_t trait = {bench::Site::sample_program, 1, RVZD_PROTOCOL_UDP};
 const tbs_uuid_t uuid = {};
-
-void check(bool ok, const char *what) {
-    if (ok)
-        return;
-    fprintf(stderr, "%s failed\n", what);
-    exit(1);
-}
 
 void find_through(rvzd_handle_t *handle, benchmark::State &state) {
     rvzd_server_addr_t address;

@@ -1,5 +1,6 @@
 // A file of 10,000 job definitions read, against its lines read and nothing else, with and without the allocations that
 // the jobs need; and what the comparison of each job with all before it costs, by files of other sizes.
+#include <bench/support/check.h>
 #include <bench/support/ratio.h>
 
 #include <cstdio>
@@ -19,15 +20,10 @@
 
 namespace {
 
+using bench::check;
+
 constexpr uint32_t many = 10000;
 constexpr uint32_t few = 1000;
-
-void check(bool ok, const char *what) {
-    if (ok)
-        return;
-    fprintf(stderr, "%s failed\n", what);
-    exit(1);
-}
 
 std::string name_of(uint32_t number) {
     return "nightly cleaning of view " + std::to_string(number);

@@ -1,6 +1,7 @@
 // The registry from a client to the database and back: one look-up against a bare call with the same bytes and against
 // a well-known server's GET, a scan of many entries, and acknowledged updates against bare commits.
 #include <bench/comparisons/other_servers.h>
+#include <bench/support/check.h>
 #include <bench/support/ratio.h>
 #include <bench/support/site.h>
 
@@ -23,19 +24,14 @@
 
 namespace {
 
+using bench::check;
+
 constexpr int scanned_entries = 100000;
 constexpr int64_t batch_entries = 100;
 constexpr const char *wanted = "entry777";
 constexpr const char *some_text = ";-hostname=build7;-region=east;-owner=somebody;";
 
 const bench::Site *site;
-
-void check(bool ok, const char *what) {
-    if (ok)
-        return;
-    fprintf(stderr, "%s failed\n", what);
-    exit(1);
-}
 
 // Behind the daemon's back: what is measured is not how they come in.
 void fill_database() {

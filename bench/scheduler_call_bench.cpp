@@ -1,5 +1,6 @@
 // What a call of the scheduler's client adds to the bare exchange of its records over the same transport, TCP.
 #include <bench/support/answering_peer.h>
+#include <bench/support/check.h>
 #include <bench/support/ratio.h>
 #include <bench/support/scheduler_results.h>
 
@@ -10,14 +11,9 @@
 
 namespace {
 
-namespace row = velia::procedures;
+using bench::check;
 
-void check(bool ok, const char *what) {
-    if (ok)
-        return;
-    fprintf(stderr, "%s failed\n", what);
-    exit(1);
-}
+namespace row = velia::procedures;
 
 sched_h_t scheduler;
 char task_name[] = "clean views";

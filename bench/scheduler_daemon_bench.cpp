@@ -1,7 +1,9 @@
 // A daemon with 100,000 jobs: how long it takes to start, its memory, what a look costs when nothing is due, how late
 // 1,000 jobs begin that are due in one second and how long other callers wait meanwhile, and a list of 10,000 jobs from
 // the daemon to its caller and released.
+#include <bench/support/check.h>
 #include <bench/support/site.h>
+#include <bench/support/usual_job.h>
 
 #include <algorithm>
 #include <chrono>
@@ -26,6 +28,9 @@
 
 namespace {
 
+using bench::check;
+using bench::text;
+
 using Clock = std::chrono::steady_clock;
 using velia::server::JobRow;
 using velia::server::Jobs;
@@ -42,33 +47,17 @@ double ms_since(Clock::time_point begin) {
     return std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
 }
 
-void check(bool ok, const char *what) {
-    if (ok)
-        return;
-    fprintf(stderr, "%s failed\n", what);
-    exit(1);
-}
-
-char *text(const char *constant) {
-    return const_cast<char *>(constant);
-}
-
-// A job as sites have them. Task 1 tells the time.
-sched_job_utc_rw_props_t usual_job() {
+// Due in no time that is measured. Task 1 tells the time.
+sched_job_utc_rw_props_t daily_job() {
     static char *args[] = {text("+%s.%N")};
-    static char *recipients[] = {text("builders@example.com")};
-    static sched_notify_info_t notification = {0x10, 0x1, 1, recipients};
-    sched_job_utc_rw_props_t job = {};
-    job.rw.name = text("nightly cleaning of views");
-    job.rw.description = text("Removes what nobody has used for a week.\n");
+    sched_job_utc_rw_props_t job = {{}, bench::usual_job()};
+    job.rw.schedule = {};
     job.rw.schedule.kind = SCHED_KIND_DAILY;
     job.rw.schedule.u.daily.frequency = 1;
     job.rw.schedule.u.daily.common = {{far_away, 0}, {7200, 0, 0}};
     job.rw.task = 1;
     job.rw.arg_count = 1;
     job.rw.args = args;
-    job.rw.notify_count = 1;
-    job.rw.notify = &notification;
     return job;
 }
 
@@ -154,7 +143,7 @@ bool tell(const char *name, double value, const char *unit, double most = 0) {
 
 bool measure_look() {
     Jobs jobs;
-    const auto job = usual_job();
+    const auto job = daily_job();
     for (uint32_t i = 1; i <= many; ++i) {
         JobRow row = row_of(job, i);
         row.id = i;
@@ -196,7 +185,7 @@ bool measure_crowd(bench::Site &site) {
     time_t due = 0;
     site.restart("", [&] {
         due = time(nullptr) + from_now_s;
-        auto job = usual_job();
+        auto job = daily_job();
         tm wall = {};
         localtime_r(&due, &wall);
         job.rw.schedule.u.daily.common = {
@@ -223,7 +212,7 @@ bool measure_crowd(bench::Site &site) {
 }
 
 void measure_list(bench::Site &site) {
-    site.restart("", [&] { fill(site, usual_job(), listed); });
+    site.restart("", [&] { fill(site, daily_job(), listed); });
     sched_h_t handle = open_scheduler();
     std::vector<double> times;
     for (int i = 0; i < 9; ++i)
@@ -265,7 +254,7 @@ bool measure_others_at_a_list() {
 bool measure_start(bench::Site &site) {
     Clock::time_point begin;
     site.restart("", [&] {
-        fill(site, usual_job(), many);
+        fill(site, daily_job(), many);
         begin = Clock::now();
     });
     sched_h_t handle = open_scheduler();

@@ -1,8 +1,10 @@
 // A list of 10,000 jobs decoded and released, against the same bytes copied (with and without the allocations that the
 // jobs need) and against XDR written by hand for these records; a job checked and printed.
 #include <bench/support/answering_peer.h>
+#include <bench/support/check.h>
 #include <bench/support/ratio.h>
 #include <bench/support/scheduler_results.h>
+#include <bench/support/usual_job.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -21,37 +23,18 @@
 
 namespace {
 
+using bench::check;
+using bench::text;
+
 constexpr uint32_t job_count = 10000;
 
 std::vector<char> wire_bytes;
 std::vector<size_t> blocks; // the sizes of what decoding allocates
 
-void check(bool ok, const char *what) {
-    if (ok)
-        return;
-    fprintf(stderr, "%s failed\n", what);
-    exit(1);
-}
-
-char *text(const char *constant) {
-    return const_cast<char *>(constant);
-}
-
-// A job as sites have them: a description, two arguments, a notification to one address, and a run behind it.
+// One that has run.
 sched_job_properties_t one_job() {
-    static char *args[] = {text("-all"), text("/var/storage/views/build7")};
-    static char *recipients[] = {text("builders@example.com")};
-    static sched_notify_info_t notification = {0x14, 0x1, 1, recipients};
     sched_job_properties_t job = {};
-    job.rw.name = text("nightly cleaning of views");
-    job.rw.description = text("Removes what nobody has used for a week.\n");
-    job.rw.schedule.kind = SCHED_KIND_WEEKLY;
-    job.rw.schedule.u.weekly = {{{1700000000, 0}, {3600, 7200, 600}}, 1, 0x1f};
-    job.rw.task = 7;
-    job.rw.arg_count = 2;
-    job.rw.args = args;
-    job.rw.notify_count = 1;
-    job.rw.notify = &notification;
+    job.rw = bench::usual_job();
     job.ro.job_id = 17;
     job.ro.next_run_time = 1700003600;
     job.ro.created = job.ro.last_modified = {text("marian"), text(""), text("build7"), 1700000000};

@@ -3,6 +3,7 @@
 // the blocks of a list's nodes, too. A list of a thousand nodes is more than a megabyte. The heap keeps it from one
 // walk to the next, as it does in a program that has anything above it. What it costs where the heap gives it back to
 // the system each time, and gets it page by page, is told by itself.
+#include <bench/support/check.h>
 #include <bench/support/ratio.h>
 #include <bench/support/site.h>
 
@@ -20,15 +21,10 @@
 
 namespace {
 
+using bench::check;
+
 constexpr size_t server_count = 1000;
 constexpr int heap_kept_bytes = 16 << 20;
-
-void check(bool ok, const char *what) {
-    if (ok)
-        return;
-    fprintf(stderr, "%s failed\n", what);
-    exit(1);
-}
 
 class Handle {
 public:

@@ -1,5 +1,6 @@
 // What a call costs over the bare exchange of the same bytes with a peer that does nothing but answer, over UDP and
 // TCP.
+#include <bench/support/check.h>
 #include <bench/support/placement.h>
 #include <bench/support/ratio.h>
 
@@ -19,19 +20,14 @@
 
 namespace {
 
+using bench::check;
+
 constexpr size_t call_head_bytes = 40; // with the null authenticator
 constexpr size_t reply_head_bytes = 24;
 constexpr size_t request_bytes = 120; // about what a find_server call has on the wire
 constexpr size_t reply_bytes = 84;
 constexpr size_t mark_bytes = 4;
 constexpr uint32_t program = 390600;
-
-void check(bool ok, const char *what) {
-    if (ok)
-        return;
-    fprintf(stderr, "%s failed\n", what);
-    exit(1);
-}
 
 // Turns the call that stands in `bytes` into the reply to it, whatever it was.
 void answer(char *bytes) {

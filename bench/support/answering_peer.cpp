@@ -1,5 +1,6 @@
 #include <bench/support/answering_peer.h>
 
+#include <bench/support/check.h>
 #include <bench/support/placement.h>
 
 #include <cstdio>
@@ -27,13 +28,6 @@ constexpr size_t mark_bytes = 4;
 constexpr size_t reply_header_words = 6;
 constexpr size_t procedure_word = 5;
 constexpr uint32_t last_fragment = 0x80000000;
-
-void check(bool ok, const char *what) {
-    if (ok)
-        return;
-    fprintf(stderr, "%s failed\n", what);
-    exit(1);
-}
 
 bool receive_all(int fd, char *bytes, size_t wanted) {
     for (size_t received = 0; received < wanted;) {

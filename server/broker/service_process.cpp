@@ -18,8 +18,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <server/loop/unique_fd.h>
-
 namespace velia::server {
 
 namespace {
@@ -140,16 +138,13 @@ struct Prepared {
     _exit(EXIT_FAILURE);
 }
 
-// Signals wait meanwhile: the child would run the daemon's handlers for its own. A daemon with much memory is not
-// copied for a child that changes none of it. One that becomes somebody else has a copy: what it is meanwhile, its
-// memory would be, and the daemon's with it.
+// Signals wait meanwhile: the child would run the daemon's handlers for its own.
 pid_t fork_undisturbed(const ProcessRequest &request, Prepared &prepared, int error_pipe) {
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);
-    const pid_t pid =
-        request.account.is_daemons ? vfork() : fork(); // NOLINT(clang-analyzer-security.insecureAPI.vfork)
+    const pid_t pid = fork();
     if (pid == 0)
         become(request, prepared, error_pipe);
     const int error_number = errno;
@@ -217,29 +212,38 @@ std::vector<std::string> environment_of(const Account &account) {
     return variables;
 }
 
-pid_t start_process(const ProcessRequest &request, int *error_number) {
+BegunProcess begin_process(const ProcessRequest &request, int *error_number) {
     Prepared prepared = {pointers_to(request.words), pointers_to(request.environment),
                          std::vector<int>(request.descriptors.size())};
     std::array<int, 2> ends = {};
     if (pipe2(ends.data(), O_CLOEXEC) != 0) {
         *error_number = errno;
-        return -1;
+        return {};
     }
-    const UniqueFd reader(ends[0]);
+    BegunProcess begun;
+    begun.error_pipe.reset(ends[0]);
     UniqueFd writer(ends[1]);
     // Beyond the numbers that are given out.
-    UniqueFd error_pipe(fcntl(writer.get(), F_DUPFD_CLOEXEC, static_cast<int>(request.descriptors.size())));
+    const UniqueFd error_pipe(fcntl(writer.get(), F_DUPFD_CLOEXEC, static_cast<int>(request.descriptors.size())));
     writer.reset();
-    const pid_t pid = error_pipe ? fork_undisturbed(request, prepared, error_pipe.get()) : -1;
+    if (error_pipe)
+        begun.pid = fork_undisturbed(request, prepared, error_pipe.get());
     *error_number = errno;
-    if (pid < 0)
+    return begun;
+}
+
+pid_t finish_process(const BegunProcess &begun, int *error_number) {
+    if (begun.pid < 0)
         return -1;
-    error_pipe.reset();
-    *error_number = error_from(reader.get());
+    *error_number = error_from(begun.error_pipe.get());
     if (*error_number == 0)
-        return pid;
-    waitpid(pid, nullptr, 0);
+        return begun.pid;
+    waitpid(begun.pid, nullptr, 0);
     return -1;
+}
+
+pid_t start_process(const ProcessRequest &request, int *error_number) {
+    return finish_process(begin_process(request, error_number), error_number);
 }
 
 } // namespace velia::server

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include <server/config/service.h>
+#include <server/loop/unique_fd.h>
 
 namespace velia::server {
 
@@ -54,5 +55,14 @@ struct ProcessRequest {
 
 // The number of the process that runs the program by now; negative, with the reason in *error_number, for none.
 pid_t start_process(const ProcessRequest &request, int *error_number);
+
+// The same in two steps, for who starts several: each has the program once a processor comes to it, which is not waited
+// for in between.
+struct BegunProcess {
+    pid_t pid = -1;
+    UniqueFd error_pipe;
+};
+BegunProcess begin_process(const ProcessRequest &request, int *error_number);
+pid_t finish_process(const BegunProcess &begun, int *error_number);
 
 } // namespace velia::server

@@ -269,7 +269,7 @@ public:
 private:
     std::string setting(std::string_view name) {
         auto &value = statements_->get.with(name);
-        const std::string text = value.step() ? value.text(0) : "";
+        std::string text = value.step() ? value.text(0) : "";
         value.reset();
         return text;
     }

@@ -26,31 +26,43 @@ constexpr uint32_t status_unknown = 255;
 
 using What = RunStep::What;
 
-// Behind this the run's file is the keeper's. A number that is not positive: none was made, with the words why.
-int32_t make_keeper(const RunPaths &paths, const RunOrder &order, std::string &words) {
+// Behind this the run's file is the keeper's.
+BegunProcess begin_keeper(const RunPaths &paths, const RunOrder &order, int *error_number) {
     const UniqueFd notes = make_run_file(paths.notes);
     const UniqueFd output(::open(paths.output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC | O_NOFOLLOW,
                                  S_IRUSR | S_IWUSR));
     const UniqueFd null(::open("/dev/null", O_RDWR | O_CLOEXEC));
-    int error_number = errno;
-    int32_t keeper = -1;
-    if (notes && output && null) {
-        auto arguments = keeper_arguments(order);
-        arguments.insert(arguments.begin(), this_program);
-        const Account own;
-        keeper = start_process({arguments,
-                                environment_of(own),
-                                own,
-                                {null.get(), null.get(), null.get(), notes.get(), output.get()},
-                                true,
-                                true},
-                               &error_number);
+    *error_number = errno;
+    if (!notes || !output || !null)
+        return {};
+    auto arguments = keeper_arguments(order);
+    arguments.insert(arguments.begin(), this_program);
+    const Account own;
+    return begin_process({arguments,
+                          environment_of(own),
+                          own,
+                          {null.get(), null.get(), null.get(), notes.get(), output.get()},
+                          true,
+                          true},
+                         error_number);
+}
+
+// A keeper on its way.
+struct Making {
+    RunTurn *turn;
+    BegunProcess process;
+    int error_number = 0;
+};
+
+Making begin_run(RunTurn &turn, const std::string &directory) {
+    Making making = {&turn, {}, 0};
+    try {
+        if (turn.is_allowed)
+            making.process = begin_keeper(run_paths(directory, turn.step.run), turn.order, &making.error_number);
+    } catch (const std::bad_alloc &) {
+        making.error_number = ENOMEM;
     }
-    if (keeper < 0) {
-        words = imsg_strerror(error_number);
-        unlink(paths.notes.c_str());
-    }
-    return keeper;
+    return making;
 }
 
 // It may go on without its keeper, if that was ended.
@@ -65,6 +77,19 @@ void end_unmade(RunRow &run, uint32_t exit_status, const std::string &words) {
     run.ended = time(nullptr);
     run.exit_status = exit_status;
     run.messages = words + "\n";
+}
+
+bool has_keeper(const Making &making, const std::string &directory) {
+    RunTurn &turn = *making.turn;
+    int error_number = making.error_number;
+    turn.keeper = finish_process(making.process, &error_number);
+    if (turn.keeper > 0)
+        return true;
+    if (turn.is_allowed)
+        unlink(run_paths(directory, turn.step.run).notes.c_str());
+    end_unmade(turn.step.run, status_not_found,
+               turn.is_allowed ? imsg_strerror(error_number) : "There is no such task, or nobody as whom it may run");
+    return false;
 }
 
 // Those of a failed transaction are not done.
@@ -111,6 +136,7 @@ void RunWriter::tell(const RunTurn &turn) const {
 
 void RunWriter::do_turns(Turns &turns) const {
     std::vector<RunStep *> steps;
+    steps.reserve(turns.size());
     for (auto &turn : turns) {
         if (turn.step.what == What::end)
             take_end_from_file(turn, directory_);
@@ -123,37 +149,41 @@ void RunWriter::do_turns(Turns &turns) const {
     make_processes(turns);
 }
 
-// A run without a process has ended, which is written down as any other end.
+// Many at a time: with other work on the host each takes a while to get a processor.
 void RunWriter::make_processes(Turns &turns) const {
-    std::vector<RunStep> ends;
+    std::vector<Making> makings;
     std::vector<RunTurn *> unmade;
+    const auto finish = [&] {
+        for (auto &making : makings)
+            if (!has_keeper(making, directory_))
+                unmade.push_back(making.turn);
+        makings.clear();
+    };
     for (auto &turn : turns) {
-        RunRow &run = turn.step.run;
         if (turn.step.what != What::begin)
             continue;
         if (!turn.step.is_done) {
-            end_unmade(run, status_unknown, "The run could not be written down, and was not made.");
+            end_unmade(turn.step.run, status_unknown, "The run could not be written down, and was not made.");
             continue;
         }
-        std::string words = "There is no such task, or nobody as whom it may run";
-        try {
-            if (turn.is_allowed)
-                turn.keeper = make_keeper(run_paths(directory_, run), turn.order, words);
-        } catch (const std::bad_alloc &) {
-            words = "No memory";
-        }
-        if (turn.keeper > 0)
-            continue;
-        end_unmade(run, status_not_found, words);
-        ends.push_back({What::end, run, {}, std::nullopt, false});
-        unmade.push_back(&turn);
+        makings.push_back(begin_run(turn, directory_));
+        if (makings.size() == makings_max)
+            finish();
     }
-    if (ends.empty())
-        return;
+    finish();
+    end(unmade);
+}
+
+// A run without a process has ended, which is written down as any other end.
+void RunWriter::end(const std::vector<RunTurn *> &unmade) const {
+    std::vector<RunStep> ends;
     std::vector<RunStep *> steps;
-    for (auto &end : ends)
-        steps.push_back(&end);
-    record(*store_, steps);
+    ends.reserve(unmade.size());
+    steps.reserve(unmade.size());
+    for (const auto *turn : unmade)
+        steps.push_back(&ends.emplace_back(RunStep{What::end, turn->step.run, {}, std::nullopt, false}));
+    if (!steps.empty())
+        record(*store_, steps);
     for (size_t i = 0; i < ends.size(); ++i)
         unmade[i]->step.is_done = ends[i].is_done;
 }

@@ -49,10 +49,12 @@ public:
 private:
     // So many together that one transaction serves all who end at once, and so few that none waits long for the rest.
     static constexpr size_t turns_max = 256;
+    static constexpr size_t makings_max = 8; // each is a copy of the daemon for a moment, and others wait for it
     using Turns = std::vector<RunTurn>;
 
     void do_turns(Turns &turns) const;
     void make_processes(Turns &turns) const;
+    void end(const std::vector<RunTurn *> &unmade) const;
     void tell(const RunTurn &turn) const;
 
     Worker &worker_;

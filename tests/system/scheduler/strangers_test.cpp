@@ -23,7 +23,7 @@ constexpr uint32_t last_fragment = 0x80000000U;
 // One connection for as long as the daemon keeps it.
 class Stranger {
 public:
-    explicit Stranger(const Site &site) : site_(site), socket_(site, SOCK_STREAM) {}
+    explicit Stranger(const Site &site) : socket_(site, SOCK_STREAM) {}
 
     // Whether the call was answered, by a reply with its number and nothing behind it.
     bool is_answered(uint32_t procedure, const Bytes &arguments) {
@@ -46,7 +46,6 @@ private:
         return received_.size() == word_bytes + (word_at(received_, 0) & ~last_fragment);
     }
 
-    const Site &site_;
     RawSocket socket_;
     Bytes received_;
     uint32_t number_ = 0;

@@ -94,11 +94,14 @@ TEST_F(JobLists, LeaveOutWhatGoesMeanwhileAndTakeWhatComes) {
     uv_run(&loop, UV_RUN_NOWAIT);
     jobs.remove(200);
     jobs.remove(199);
+    jobs.remove(1); // which is in it already
     JobRow row = jobs.all().begin()->second.row;
     row.id = 300;
     ASSERT_TRUE(jobs.add(row));
     run_until_made(made);
     EXPECT_EQ(word_at(*made, 4), 199U);
+    for (uint32_t i = 0; i < 198; ++i)
+        ASSERT_EQ(word_at(*made, head.size() + 4 * i), i + 1);
     EXPECT_EQ(word_at(*made, made->size() - 4), 300U);
 }
 
@@ -110,6 +113,8 @@ TEST_F(JobLists, AreMadeInTurn) {
     ASSERT_TRUE(make(anna, first));
     ASSERT_TRUE(make(anna, second));
     ASSERT_TRUE(make(ben, of_ben));
+    uv_run(&loop, UV_RUN_NOWAIT);
+    EXPECT_FALSE(first) << "of which a round makes a part";
     run_until_made(of_ben);
     EXPECT_FALSE(second) << "whose maker has two waits for himself";
     run_until_made(second);
