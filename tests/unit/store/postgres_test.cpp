@@ -233,7 +233,6 @@ TEST_F(PostgresStoreTest, AServerThatTakesNoChangesIsAway) {
     open();
     run("ALTER DATABASE " + database + " SET default_transaction_read_only = on");
     EXPECT_EQ(opening(conninfo()), Kind::away);
-    usleep(300'000); // the pause behind an attempt in vain
     std::string words;
     EXPECT_EQ(opening(conninfo() + "target_session_attrs=any", &words), Kind::away);
     EXPECT_THAT(words, HasSubstr("takes no changes"));
