@@ -1,4 +1,5 @@
-// Records of the registry's wire, and of the procedures of our own about the daemon and its registry. The first byte chooses the record, the rest is what a peer sends for it.
+// Records of the registry's wire, and of the procedures of our own about the daemon and its registry. The first byte
+// chooses the record, the rest is what a peer sends for it.
 #include <fuzz/round_trips.h>
 
 #include <veliaxdr/rgy_wire.h>
@@ -16,9 +17,8 @@ void try_one(const Bytes &input) {
 
 #define RECORDS(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER)                                                    \
     try_one<REQUEST, xdr_##REQUEST>, try_one<REPLY, xdr_##REPLY>,
-constexpr void (*records[])(const Bytes &) = {RVZD_REGISTRY_PROCEDURES(RECORDS)
-                                                  try_one<rgy_svr_entry_t, xdr_rgy_svr_entry_t>,
-                                              RVZD_DAEMON_PROCEDURES(RECORDS)};
+constexpr void (*records[])(const Bytes &) = {
+    RVZD_REGISTRY_PROCEDURES(RECORDS) try_one<rgy_svr_entry_t, xdr_rgy_svr_entry_t>, RVZD_DAEMON_PROCEDURES(RECORDS)};
 #undef RECORDS
 
 } // namespace
