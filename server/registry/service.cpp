@@ -38,6 +38,13 @@ constexpr Worker::Shape search_shape = {{64, 128, 512}, 1, 0};
 constexpr Worker::Shape hash_shape = {{16, 64, 256}, 1, 15};
 constexpr Worker::Shape update_shape = {{64, 1024, 4096}, 256, 0};
 
+// A store that refuses is tried again and again until somebody puts it right: each of its reasons is told once. Only
+// the thread that changes stores opens them.
+bool is_new_reason(const std::string &reason) {
+    static std::string last;
+    return std::exchange(last, reason) != reason;
+}
+
 // False, and told, where it cannot be had.
 bool open_store(std::unique_ptr<Store> &store) {
     if (store != nullptr)
@@ -46,12 +53,14 @@ bool open_store(std::unique_ptr<Store> &store) {
     try {
         bool is_new = false;
         store = open_registry(is_new);
+        is_new_reason("");
         print_registry(IMSG_PLAIN, is_new ? MSG_FILE_CREATED : MSG_LOADED, file_name.c_str());
         return true;
     } catch (const StoreAway &) { // told where it is noticed, once for all who try again and again
         return false;
     } catch (const StoreError &error) {
-        print_registry(IMSG_ERROR, MSG_OPEN_FAILED, file_name.c_str(), error.what());
+        if (is_new_reason(error.what()))
+            print_registry(IMSG_ERROR, MSG_OPEN_FAILED, file_name.c_str(), error.what());
         return false;
     }
 }
@@ -69,6 +78,8 @@ std::optional<int32_t> role_of(const std::unique_ptr<Store> &store, const std::o
         return written;
     try {
         return with_memory(store, [](Store *memory) { return last_role(memory); });
+    } catch (const StoreAway &) { // as above
+        return std::nullopt;
     } catch (const StoreError &error) {
         RegistryService::print_failure(error.what());
         return std::nullopt;

@@ -143,6 +143,14 @@ void Server::run(const std::string &sql, const std::string &database) const {
     ask(sql, database);
 }
 
+size_t Server::count_in_log(const std::string &words) const {
+    const std::string log = read_file(directory_ / "log");
+    size_t count = 0;
+    for (size_t at = log.find(words); at != std::string::npos; at = log.find(words, at + 1))
+        ++count;
+    return count;
+}
+
 void Server::set_access(const std::string &lines) const {
     std::ofstream(directory_ / "data/pg_hba.conf") << lines;
     ask("SELECT pg_reload_conf()");

@@ -31,6 +31,9 @@ public:
     void run(const std::string &sql, const std::string &database = "postgres") const;
     std::string ask(const std::string &sql, const std::string &database = "postgres") const;
 
+    // How often its log has these words.
+    size_t count_in_log(const std::string &words) const;
+
     // Who may come in how: the lines of pg_hba.conf, which are read at once.
     void set_access(const std::string &lines) const;
 

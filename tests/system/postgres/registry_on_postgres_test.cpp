@@ -148,6 +148,20 @@ TEST_F(RegistryOnPostgres, ADaemonThatStartsWithoutItsDatabaseServesWhenThatCome
     EXPECT_THAT(regions(), ElementsAre("late"));
 }
 
+TEST_F(RegistryOnPostgres, AnAbsenceIsToldOnceAlsoWhereNothingElseSaysWhatTheHostIs) {
+    start();
+    ASSERT_EQ(add_region("a"), TBS_ST_OK);
+    stop();
+    site.write("host/config/rgy_svr.conf", "");
+    database.stop();
+    start();
+    EXPECT_TRUE(daemon->says("The registry's database is away", patience_s)) << daemon->output();
+    database.start();
+    EXPECT_TRUE(comes_to_take("b")) << daemon->output();
+    EXPECT_EQ(daemon->count("The registry's database is away"), 1u);
+    EXPECT_EQ(daemon->count("Internal registry error"), 0u) << daemon->output();
+}
+
 TEST_F(RegistryOnPostgres, AWrongPasswordIsToldAndCanBePutRight) {
     database.run("CREATE ROLE clerk LOGIN SUPERUSER PASSWORD 'right'");
     database.set_access("local all tester trust\nlocal all all scram-sha-256\n");
@@ -156,6 +170,9 @@ TEST_F(RegistryOnPostgres, AWrongPasswordIsToldAndCanBePutRight) {
     EXPECT_TRUE(daemon->says("the password is wrong", patience_s)) << daemon->output();
     EXPECT_NE(add_region("a"), TBS_ST_OK);
     EXPECT_EQ(daemon->count("password=wrong"), 0u);
+    EXPECT_NE(add_region("a"), TBS_ST_OK);
+    EXPECT_TRUE(eventually([&] { return database.count_in_log("password authentication failed") > 3; }, patience_s));
+    EXPECT_EQ(daemon->count("Unable to open registry file"), 1u) << daemon->output();
     database.run("ALTER ROLE clerk PASSWORD 'wrong'");
     EXPECT_TRUE(comes_to_take("b")) << daemon->output();
 }
