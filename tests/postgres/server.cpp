@@ -27,9 +27,17 @@ constexpr int attempt_pause_ms = 50;
 using Connection = std::unique_ptr<PGconn, void (*)(PGconn *)>;
 using Result = std::unique_ptr<PGresult, void (*)(PGresult *)>;
 
+// Containers often have little memory there; a server takes some 50 MiB.
+bool has_room_in_memory() {
+    constexpr uintmax_t enough = uintmax_t{1} << 30;
+    std::error_code error;
+    const auto space = std::filesystem::space("/dev/shm", error);
+    return !error && space.available >= enough && access("/dev/shm", W_OK) == 0;
+}
+
 // A socket's path is short, whatever the directory for tests is.
 std::filesystem::path new_directory() {
-    std::string name = access("/dev/shm", W_OK) == 0 ? "/dev/shm/velia-pg-XXXXXX" : "/tmp/velia-pg-XXXXXX";
+    std::string name = has_room_in_memory() ? "/dev/shm/velia-pg-XXXXXX" : "/tmp/velia-pg-XXXXXX";
     if (mkdtemp(name.data()) == nullptr)
         throw std::runtime_error("no directory for a database server");
     return name;
@@ -97,7 +105,9 @@ void Server::start(const std::string &switches) {
         become_account();
         prctl(PR_SET_PDEATHSIG, SIGQUIT); // a change of the user takes it back
         run_here(std::string(POSTGRES_PROGRAM) + " -D " + (directory_ / "data").string() + " -k " +
-                     directory_.string() + " -c listen_addresses= -c fsync=off -c max_connections=100 " + switches,
+                     directory_.string() +
+                     " -c listen_addresses= -c fsync=off -c max_connections=100 -c dynamic_shared_memory_type=mmap " +
+                     switches,
                  directory_ / "log");
     }
     wait_until_it_answers();
