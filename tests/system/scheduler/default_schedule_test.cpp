@@ -118,11 +118,6 @@ TEST_F(DefaultSchedule, APredefinedJobKeepsItsNameAndWhatPeopleMadeOfIt) {
 TEST_F(DefaultSchedule, AJobThatWasDeletedDoesNotComeAgainBeforeTheFileSaysOtherwise) {
     start(lines());
     expect_jobs();
-    const auto delete_job = [&](sched_job_id_t id) {
-        sched_job_handle job = {id};
-        sched_job_h_t slot = &job;
-        EXPECT_EQ(sched_job_delete(handle, &slot, 1), TBS_ST_OK);
-    };
     const auto expect_only_behind = [&] {
         site.write("schedule.def", std::string(schedule_text) + more(++files));
         daemon->signal(SIGHUP);
@@ -130,7 +125,7 @@ TEST_F(DefaultSchedule, AJobThatWasDeletedDoesNotComeAgainBeforeTheFileSaysOther
         EXPECT_EQ(id_of("nightly"), 0U);
         EXPECT_NE(id_of("behind"), 0U);
     };
-    delete_job(id_of("nightly"));
+    EXPECT_EQ(remove(id_of("nightly"), 1), TBS_ST_OK);
     expect_only_behind();
     kill_daemon();
     restart(lines());
@@ -141,7 +136,7 @@ TEST_F(DefaultSchedule, AJobThatWasDeletedDoesNotComeAgainBeforeTheFileSaysOther
     site.write("schedule.def", other);
     daemon->signal(SIGHUP);
     EXPECT_TRUE(eventually([&] { return id_of("nightly") != 0; }, 30)) << daemon->output();
-    delete_job(id_of("nightly"));
+    EXPECT_EQ(remove(id_of("nightly"), 1), TBS_ST_OK);
     site.write("schedule.def", more(++files));
     daemon->signal(SIGHUP);
     EXPECT_TRUE(eventually([&] { return id_of(("more " + std::to_string(files)).c_str()) != 0; }, 30));

@@ -34,13 +34,6 @@ struct SchedulerFaults : SchedulerTool {
         EXPECT_EQ(sched_get_jobs(handle, &count, &jobs), TBS_ST_OK);
         sched_free_jobs(handle, count, &jobs);
     }
-    void remove(sched_job_id_t id) {
-        sched_job_handle job = {id};
-        sched_job_h_t slot = &job;
-        EXPECT_EQ(sched_job_delete(handle, &slot, 1), TBS_ST_OK);
-        if (slot != &job)
-            sched_job_free_handle(handle, &slot);
-    }
 };
 
 // A job with one field at a limit.
@@ -139,7 +132,7 @@ TEST_F(SchedulerFaults, ARequestWithAFieldAtItsLimitIsAnswered) {
         kill_daemon();
         restart();
         EXPECT_TRUE(exists(id));
-        remove(id);
+        EXPECT_EQ(remove(id, 1), TBS_ST_OK);
     }
     expect_served();
 }

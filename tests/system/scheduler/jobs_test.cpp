@@ -22,15 +22,6 @@ struct SchedulerJobs : SchedulerFixture {
         sched_free_jobs(handle, count, &jobs);
         return count;
     }
-    tbs_status_t remove(sched_job_id_t id, tbs_boolean_t flag = 0) {
-        return with_job(id, [&](sched_job_h_t job) {
-            sched_job_h_t slot = job;
-            const auto done = sched_job_delete(handle, &slot, flag);
-            if (slot != job)
-                sched_job_free_handle(handle, &slot);
-            return done;
-        });
-    }
 };
 
 } // namespace

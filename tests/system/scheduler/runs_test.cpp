@@ -287,11 +287,7 @@ TEST_F(SchedulerRuns, OutputOfRunsThatAreForgottenGoes) {
     restart();
     EXPECT_EQ(read(output), "out\n");
     EXPECT_EQ(read("host/priv/runs/99.1.out"), "");
-    sched_job_handle job = {id};
-    sched_job_h_t slot = &job;
-    EXPECT_EQ(sched_job_delete(handle, &slot, 1), TBS_ST_OK);
-    if (slot != &job)
-        sched_job_free_handle(handle, &slot);
+    EXPECT_EQ(remove(id, 1), TBS_ST_OK);
     EXPECT_TRUE(eventually([&] { return read(output).empty(); }));
 }
 

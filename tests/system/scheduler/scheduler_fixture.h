@@ -149,6 +149,15 @@ protected:
             return done;
         });
     }
+    tbs_status_t remove(sched_job_id_t id, tbs_boolean_t is_forced = 0) {
+        return with_job(id, [&](sched_job_h_t job) {
+            sched_job_h_t slot = job;
+            const auto done = sched_job_delete(handle, &slot, is_forced);
+            if (slot != job)
+                sched_job_free_handle(handle, &slot);
+            return done;
+        });
+    }
     tbs_status_t terminate(sched_job_id_t id, time_t started) {
         sched_running_job_handle running = {id, started};
         return sched_rjob_terminate(handle, &running);
