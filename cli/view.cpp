@@ -202,6 +202,7 @@ void ViewedRows::sort(std::vector<Cells> &rows) const {
         return is_before(left.first, right.first, sort_.largest_first);
     });
     std::vector<Cells> sorted;
+    sorted.reserve(rows.size());
     for (const auto &[key, index] : keys)
         sorted.push_back(std::move(rows[index]));
     rows = std::move(sorted);

@@ -213,7 +213,8 @@ bool take_store_of(const CommandLine &line) {
     return read.errors.empty();
 }
 
-int run(CommandLine &line, std::optional<Log> &log) {
+// What is done without a daemon, and with what status; nothing where a daemon is to serve.
+std::optional<int> run_single_work(const CommandLine &line) {
     if ((line.set_registry_password || line.is_single_work()) && !take_store_of(line))
         return EXIT_FAILURE;
     if (!line.move_registry.empty())
@@ -234,6 +235,12 @@ int run(CommandLine &line, std::optional<Log> &log) {
         umask(private_umask);
         return run_look();
     }
+    return std::nullopt;
+}
+
+int run(CommandLine &line, std::optional<Log> &log) {
+    if (const auto status = run_single_work(line))
+        return *status;
     make_absolute(line.config_file);
     make_absolute(line.pid_file);
     const auto read = read_configuration(line.config_file, system_names());

@@ -286,7 +286,7 @@ PostgresRows Postgres::answer() {
     PostgresRows last(nullptr);
     std::unique_ptr<PGresult, void (*)(PGresult *)> failed(nullptr, PQclear);
     while (true) {
-        for (int left; (left = PQflush(connection_.get())) == 1;)
+        while (PQflush(connection_.get()) == 1)
             wait(true, deadline_ms);
         while (PQisBusy(connection_.get()) != 0) {
             wait(false, deadline_ms);

@@ -125,7 +125,7 @@ public:
     PostgresStore(const std::string &conninfo, bool &is_new) : database_(conninfo) {
         database_.connect();
         is_new = make_postgres_schema(database_, postgres_schema_steps());
-        registry_ = stamps(0).registry;
+        registry_ = PostgresStore::stamps(0).registry;
         seen_ = database_.generation();
         database_.run("DELETE FROM writer WHERE at < now() - interval '30 days'");
     }
