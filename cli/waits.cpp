@@ -9,8 +9,8 @@ namespace velia::cli {
 
 namespace {
 
-constexpr int signal_base = 128; // of an exit status, as shells have it
-constexpr suseconds_t finishing_us = 60'000;
+constexpr int signal_base = 128;              // of an exit status, as shells have it
+constexpr suseconds_t finishing_us = 500'000; // a machine may be busy
 
 volatile sig_atomic_t ended_by;     // the signal, 0 for none
 ks_interrupt_t *volatile interrupt; // of the thread that runs the command
