@@ -18,14 +18,20 @@ bool_t code_piece(XDR *xdrs, rvzd_registry_save_reply_t *record) {
 }
 
 bool_t code_figures(XDR *xdrs, rvzd_daemon_status_reply_t *record) {
-    if (xdrs->x_op != XDR_FREE && !xdr_u_int(xdrs, &record->count))
-        return FALSE;
-    if (record->count > RVZD_DAEMON_PROCEDURES_MAX)
-        return FALSE;
-    if (xdrs->x_op == XDR_DECODE)
+    uint32_t count = record->count;
+    if (xdrs->x_op == XDR_DECODE) { // a reply that is refused here is released all the same
         record->procedures = nullptr;
-    return code_elements<rvzd_procedure_figures_t, xdr_rvzd_procedure_figures_t>(xdrs, record->procedures,
-                                                                                 record->count);
+        record->count = 0;
+    }
+    if (xdrs->x_op != XDR_FREE && !xdr_u_int(xdrs, &count))
+        return FALSE;
+    if (count > RVZD_DAEMON_PROCEDURES_MAX)
+        return FALSE;
+    const bool_t done =
+        code_elements<rvzd_procedure_figures_t, xdr_rvzd_procedure_figures_t>(xdrs, record->procedures, count);
+    if (xdrs->x_op != XDR_ENCODE)
+        record->count = done && xdrs->x_op == XDR_DECODE ? count : 0;
+    return done;
 }
 
 } // namespace
