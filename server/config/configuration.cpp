@@ -52,6 +52,7 @@ constexpr std::array option_keys = {
     NumberKey<Options>{"catch-up", &Options::catch_up_s, 0, seconds_max},
     NumberKey<Options>{"jobs", &Options::jobs_max, 1, 1024},
     NumberKey<Options>{"job-output", &Options::job_output_mib, 0, 4096},
+    NumberKey<Options>{"take-over", &Options::take_over_s, 5, seconds_max},
 };
 
 // An option whose value is no number.
@@ -90,7 +91,13 @@ bool take_log_format(const std::string &value, Configuration &configuration) {
     return value == "json" || value == "text";
 }
 
+bool take_store_reads(const std::string &value, Configuration &configuration) {
+    configuration.reads_from_copy = value == "copy";
+    return value == "copy" || value == "database";
+}
+
 const std::array text_keys = {
+    TextKey{"store-reads", take_store_reads, "The store-reads are database or copy, not: "},
     TextKey{"tasks", take_absolute_path<&Configuration::tasks_file>, "The file's path is not absolute: "},
     TextKey{"schedule", take_absolute_path<&Configuration::schedule_file>, "The file's path is not absolute: "},
     TextKey{"metrics", take_metrics, "Neither ADDRESS:PORT, [IPV6 ADDRESS]:PORT nor the absolute path of a socket: "},

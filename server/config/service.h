@@ -59,6 +59,7 @@ struct Options {
     uint32_t catch_up_s = 3600;    // how old a start that fell due while the daemon was down may be, to be made
     uint32_t jobs_max = 16;        // that run at once
     uint32_t job_output_mib = 64;  // of a run's output, that its file holds
+    uint32_t take_over_s = 120;    // of jobs that daemons share: after so long without a word one is taken for gone
     bool operator==(const Options &) const = default;
 };
 
@@ -76,6 +77,7 @@ struct Configuration {
     std::vector<Task> tasks;
     std::string notify_program;    // empty: none
     std::string registry_database; // a connection string; empty: the registry is in a file of this host's
+    bool reads_from_copy = false;  // while that database is away
     std::string tasks_file;        // empty: none
     std::string schedule_file;     // the same
     std::string metrics;           // where figures are given out; the same

@@ -80,8 +80,6 @@ void keep_former_registry(Store &store) {
 }
 
 void copy_from(const std::string &master) {
-    if (is_registry_shared())
-        throw CopyError("the registry is in a database, which is no copy");
     RemoteSource source(master);
     bool is_new = false;
     const auto store = open_sqlite_store(registry_file(), is_new);
@@ -102,6 +100,19 @@ void require_right_to_copy() {
     const int32_t type = rgy_get_svr_type();
     if (type == RGY_SVR_NONE || type == RGY_SVR_MASTER)
         throw CopyError("this host is no standby, backup or slave");
+}
+
+int run_copy_of_database() {
+    try {
+        end_with_daemon();
+        copy_shared_registry();
+        return EXIT_SUCCESS;
+    } catch (const CopyError &error) {
+        print_registry(IMSG_ERROR, MSG_BACKUP_ERROR, error.what());
+    } catch (const StoreError &error) {
+        print_registry(IMSG_ERROR, MSG_BACKUP_ERROR, error.what());
+    }
+    return EXIT_FAILURE;
 }
 
 // A copy knows under whom it was made; what a host has begun by itself and given up is nobody's term any more.
@@ -173,6 +184,8 @@ bool copy_registry(Source &source, Store &store, const std::function<void()> &ke
 }
 
 int run_copy() {
+    if (is_registry_shared())
+        return run_copy_of_database();
     std::string master;
     try {
         require_right_to_copy();

@@ -37,7 +37,7 @@ public:
         constexpr int is_quiet = 1;
         if (rvzd_get_handle_prim_proto(host.c_str(), RVZD_PROTOCOL_UDP, 0, is_quiet, &handle) != TBS_ST_OK)
             return;
-        const std::unique_ptr<rvzd_handle_t, FreeHandle> owner(handle);
+        handle_.reset(handle);
         is_there_ = rvzd_registry_state(handle, &registry, own.number, own.host.c_str(), &state_) == TBS_ST_OK;
     }
     ~Answer() { rvzd_registry_state_free(&state_); }
@@ -46,18 +46,29 @@ public:
 
     const rvzd_registry_state_reply_t *state() const { return is_there_ ? &state_ : nullptr; }
 
+    // One that is in a database has several hosts, each of them a master.
+    bool is_of(const Stamps &own) const {
+        rgy_dtm_pair_t pair = {};
+        tbs_uuid_t registry = {};
+        tbs_uuid_t copy = {};
+        return rvzd_rgy_get_dtm(handle_.get(), 0, RGY_PROTOCOL_VERSION, &pair, &registry, &copy) == TBS_ST_OK &&
+               tbs_uuid_eq(&registry, &own.registry) != 0 && tbs_uuid_eq(&copy, &own.copy) != 0;
+    }
+
 private:
+    std::unique_ptr<rvzd_handle_t, FreeHandle> handle_;
     rvzd_registry_state_reply_t state_ = {};
     bool is_there_ = false;
 };
 
 // Of another registry nothing matters here.
-void hear(Store &store, const rvzd_registry_state_reply_t &state) {
-    const tbs_uuid_t own = store.stamps(0).registry;
-    if (tbs_uuid_eq(&state.registry, &own) == 0)
+void hear(Store &store, const Answer &answer) {
+    const auto &state = *answer.state();
+    const Stamps own = store.stamps(0);
+    if (tbs_uuid_eq(&state.registry, &own.registry) == 0)
         return;
     const Term known = term_of(store);
-    if (state.takes_updates && state.term == known.number && !known.is_superseded())
+    if (state.takes_updates && state.term == known.number && !known.is_superseded() && !answer.is_of(own))
         throw CopyError("host \"" + std::string(state.master) + "\" takes updates, too, under the same term " +
                         std::to_string(state.term) + ": demote one of both");
     hear_of_term(store, state.term, state.master);
@@ -70,7 +81,7 @@ void look_at(Store &store) {
     for (const std::string &host : other_hosts(&store)) {
         const Answer answer(host, registry, own);
         if (answer.state() != nullptr)
-            hear(store, *answer.state());
+            hear(store, answer);
     }
 }
 

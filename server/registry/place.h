@@ -13,6 +13,17 @@ void keep_registry_in(const std::string &conninfo);
 
 bool is_registry_kept_in(const std::string &conninfo);
 bool is_registry_shared();
+std::string registry_database(); // its connection string; empty: it is in its file
+
+// Whether what is read while such a database is away comes from the last copy of it, which this host keeps then.
+void read_registry_from_copy(bool is_wanted);
+bool is_registry_copied();
+
+// The copy; null where there is none. A listing that began at the database does not go on in it.
+std::unique_ptr<Store> copy_of_shared_registry();
+
+// Makes the copy what the database is, where it is not. Throws StoreError.
+void copy_shared_registry();
 
 // For messages: the file's name, or what of the database is no secret.
 std::string registry_place();

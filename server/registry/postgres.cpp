@@ -3,44 +3,31 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <map>
-#include <mutex>
-#include <poll.h>
-#include <utility>
 
 #include <server/loop/handles.h>
 #include <server/registry/postgres_errors.h>
 #include <server/registry/sqlite.h>
+#include <server/registry/time_lines.h>
 #include <support/imsg.h>
 
 namespace velia::server {
 
 namespace {
 
-constexpr int64_t open_ms = 8000;    // for all the hosts that a connection string names
-constexpr int64_t answer_ms = 15000; // a client's call waits for 25 s
-constexpr int64_t slice_ms = 100;    // between two looks whether the daemon is to end
-constexpr int64_t hurried_ms = 500;  // what such a daemon waits for an answer
-constexpr int64_t first_pause_ms = 100;
-constexpr int64_t longest_pause_ms = 5000;
+constexpr int64_t greeting_ms = 3000;
 constexpr int oldest_server = 150000;
 constexpr int binary = 1;
-
-// What a connection string may say otherwise. A host that is silent has its time, so that the next one is asked.
-constexpr std::array<std::pair<const char *, const char *>, 5> defaults = {{{"application_name", "rvzd_server"},
-                                                                            {"target_session_attrs", "read-write"},
-                                                                            {"tcp_user_timeout", "3000"},
-                                                                            {"keepalives_idle", "5"},
-                                                                            {"keepalives_interval", "3"}}};
 
 // Of a session. Look-ups go by an index however few records there are; what is idle amid a transaction, such as of a
 // daemon whose host is gone, lets go of the lock.
 constexpr const char *greeting =
     "SET statement_timeout = 12000; SET idle_in_transaction_session_timeout = 10000; SET enable_seqscan = off; "
-    "SET enable_bitmapscan = off; SET jit = off; SET client_min_messages = error; "
-    "SELECT set_config('synchronous_commit', 'on', false) WHERE current_setting('synchronous_commit') = 'off'; "
+    "SET enable_bitmapscan = off; SET jit = off; SET client_min_messages = warning; "
+    "SELECT set_config('synchronous_commit', 'on', false) WHERE current_setting('synchronous_commit') IN ('off', "
+    "'local'); "
     "SELECT pg_is_in_recovery() OR current_setting('transaction_read_only') = 'on', "
-    "CASE WHEN pg_is_in_recovery() THEN '' ELSE substr(pg_walfile_name(pg_current_wal_lsn()), 1, 8) END";
+    "CASE WHEN pg_is_in_recovery() THEN '' ELSE substr(pg_walfile_name(pg_current_wal_lsn()), 1, 8) END, "
+    "(SELECT system_identifier FROM pg_control_system())";
 
 using ParsedOptions = std::unique_ptr<PQconninfoOption, void (*)(PQconninfoOption *)>;
 
@@ -64,54 +51,6 @@ std::string big_endian(uint64_t number, int bytes) {
 
 } // namespace
 
-struct PostgresStanding {
-    std::mutex lock; // of all that follows
-    bool is_away = false;
-    int64_t pause_ms = 0;
-    int64_t not_before_ms = 0;
-    std::string reason;
-    std::string timeline; // the highest that a server was on: each promotion begins another
-};
-
-namespace {
-
-std::shared_ptr<PostgresStanding> standing_of(const std::string &conninfo) {
-    static std::mutex lock;
-    static std::map<std::string, std::shared_ptr<PostgresStanding>> standings;
-    const std::scoped_lock hold(lock);
-    auto &standing = standings[conninfo];
-    if (standing == nullptr)
-        standing = std::make_shared<PostgresStanding>();
-    return standing;
-}
-
-void note_failure(PostgresStanding &standing, const std::string &words) {
-    const std::scoped_lock hold(standing.lock);
-    standing.pause_ms = std::clamp(standing.pause_ms * 2, first_pause_ms, longest_pause_ms);
-    standing.not_before_ms = monotonic_ms() + standing.pause_ms;
-    standing.reason = words;
-    if (!std::exchange(standing.is_away, true))
-        imsg_print(IMSG_ERROR, "The registry's database is away: %s\n", IMSG_FORMAT, words.c_str());
-}
-
-void note_success(PostgresStanding &standing) {
-    const std::scoped_lock hold(standing.lock);
-    standing.pause_ms = standing.not_before_ms = 0;
-    if (std::exchange(standing.is_away, false))
-        imsg_print(IMSG_PLAIN, "The registry's database is there again.\n", IMSG_FORMAT);
-}
-
-// A primary that comes back after its standby was promoted goes on with the time line of before.
-void require_timeline(PostgresStanding &standing, const std::string &timeline) {
-    const std::scoped_lock hold(standing.lock);
-    if (timeline < standing.timeline)
-        throw StoreAway("the server is a former primary: it is on time line " + timeline + ", and " +
-                        standing.timeline + " has been seen");
-    standing.timeline = timeline;
-}
-
-} // namespace
-
 std::string fault_of_conninfo(const std::string &conninfo) {
     std::string fault;
     if (conninfo.empty())
@@ -131,10 +70,31 @@ std::string told_conninfo(const std::string &conninfo) {
     return told;
 }
 
+void PostgresRows::require_place(int row, int column) const {
+    if (row >= PQntuples(result_.get()) || column >= PQnfields(result_.get()))
+        throw StoreError("the database answers less than it was asked for");
+}
+
+bool PostgresRows::is_null(int row, int column) const {
+    require_place(row, column);
+    return PQgetisnull(result_.get(), row, column) != 0;
+}
+
+std::string_view PostgresRows::bytes(int row, int column) const {
+    if (is_null(row, column))
+        throw StoreError("a value is missing in the database");
+    return {PQgetvalue(result_.get(), row, column), static_cast<size_t>(PQgetlength(result_.get(), row, column))};
+}
+
 uint64_t PostgresRows::number(int row, int column) const {
+    const std::string_view value = bytes(row, column);
     uint64_t number = 0;
-    for (const char byte : bytes(row, column))
+    if (value.size() != sizeof number)
+        throw StoreError("malformed number in the database");
+    for (const char byte : value)
         number = number << 8 | static_cast<unsigned char>(byte);
+    if (number > INT64_MAX)
+        throw StoreError("negative number in the database");
     return number;
 }
 
@@ -172,7 +132,7 @@ void PostgresValues::add(const std::vector<std::string> &elements) {
 }
 
 Postgres::Postgres(const std::string &conninfo)
-    : conninfo_(conninfo), standing_(standing_of(conninfo)), connection_(nullptr, PQfinish) {}
+    : conninfo_(conninfo), standing_(PostgresStanding::of(conninfo)), connection_(nullptr, PQfinish) {}
 
 void Postgres::drop() {
     connection_.reset();
@@ -182,66 +142,35 @@ void Postgres::drop() {
 void Postgres::connect() {
     if (is_connected())
         return;
-    {
-        const std::scoped_lock hold(standing_->lock);
-        if (monotonic_ms() < standing_->not_before_ms)
-            throw StoreAway(standing_->reason);
-    }
     try {
-        open();
-    } catch (const StoreError &error) {
+        connection_ = standing_->connect(conninfo_);
+        if (is_connected())
+            greet();
+    } catch (const std::exception &error) {
         drop();
-        note_failure(*standing_, error.what());
+        if (standing_->note_failure(error.what()))
+            throw StoreAway(error.what());
         throw;
     }
-    note_success(*standing_);
-}
-
-void Postgres::open() {
-    std::vector<const char *> names;
-    std::vector<const char *> values;
-    for (const auto &[name, value] : defaults) {
-        names.push_back(name);
-        values.push_back(value);
-    }
-    names.push_back("dbname"); // stands for all that it says
-    values.push_back(conninfo_.c_str());
-    for (auto *list : {&names, &values})
-        list->push_back(nullptr);
-    constexpr int is_expanded = 1;
-    connection_.reset(PQconnectStartParams(names.data(), values.data(), is_expanded));
-    if (connection_ == nullptr)
-        throw StoreError("no memory for a connection");
-    finish_opening();
-    greet();
+    if (!is_connected())
+        throw StoreAway(standing_->reason());
+    standing_->note_success();
     ++generation_;
-}
-
-// Only a verbose message tells its code.
-void Postgres::finish_opening() {
-    PQsetErrorVerbosity(connection_.get(), PQERRORS_VERBOSE);
-    const int64_t deadline_ms = monotonic_ms() + open_ms;
-    auto state = PQstatus(connection_.get()) == CONNECTION_BAD ? PGRES_POLLING_FAILED : PGRES_POLLING_WRITING;
-    while (state == PGRES_POLLING_READING || state == PGRES_POLLING_WRITING) {
-        wait(state == PGRES_POLLING_WRITING, deadline_ms);
-        state = PQconnectPoll(connection_.get());
-    }
-    if (state == PGRES_POLLING_OK)
-        return;
-    const std::string words = PQerrorMessage(connection_.get());
-    throw_postgres_error(code_in(words), first_message_in(words));
 }
 
 void Postgres::greet() {
     PQsetErrorVerbosity(connection_.get(), PQERRORS_DEFAULT);
-    PQsetNoticeProcessor(
-        connection_.get(), [](void *, const char *) {}, nullptr);
+    PQsetNoticeReceiver(
+        connection_.get(), [](void *is_remarked, const PGresult *) { *static_cast<bool *>(is_remarked) = true; },
+        &is_remarked_);
     if (PQserverVersion(connection_.get()) < oldest_server)
         throw StoreError("the server is older than PostgreSQL 15");
-    const PostgresRows rows = run(greeting);
+    const PostgresRows rows = run(greeting, greeting_ms);
     if (rows.bytes(0, 0) == "t")
         throw_postgres_error("25006", "no server that is named takes changes");
-    require_timeline(*standing_, rows.text(0, 1));
+    constexpr int hexadecimal = 16;
+    require_newest_time_line(rows.text(0, 2),
+                             static_cast<uint32_t>(strtoul(rows.text(0, 1).c_str(), nullptr, hexadecimal)));
 }
 
 // The answer may have been on its way; whoever has sent what changes something asks after it.
@@ -251,18 +180,8 @@ void Postgres::lose(const std::string &words) {
 }
 
 void Postgres::wait(bool is_to_write, int64_t deadline_ms) {
-    pollfd descriptor = {PQsocket(connection_.get()), static_cast<short>(is_to_write ? POLLOUT | POLLIN : POLLIN), 0};
-    bool is_hurried = false;
-    for (int64_t now_ms = monotonic_ms();; now_ms = monotonic_ms()) {
-        if (!is_hurried && wait_for_others_now_ms() == 0) {
-            is_hurried = true;
-            deadline_ms = std::min(deadline_ms, now_ms + hurried_ms);
-        }
-        if (now_ms >= deadline_ms)
-            lose("no answer in time");
-        if (poll(&descriptor, 1, static_cast<int>(std::min(deadline_ms - now_ms, slice_ms))) > 0)
-            return;
-    }
+    if (!waits_for_socket(connection_.get(), is_to_write, deadline_ms))
+        lose("no answer in time");
 }
 
 void Postgres::fail(const PGresult *result) {
@@ -280,9 +199,17 @@ void Postgres::require_sent(int is_sent) {
         lose(first_message_in(PQerrorMessage(connection_.get())));
 }
 
+// Such as a copy, of which there would be results without an end.
+void Postgres::refuse(PGresult *result) {
+    PQclear(result);
+    drop();
+    throw StoreError("the database answers what it was not asked for");
+}
+
 // All results are taken, so that the connection is ready for the next statement; the first error is what went wrong.
-PostgresRows Postgres::answer() {
-    const int64_t deadline_ms = monotonic_ms() + answer_ms;
+PostgresRows Postgres::answer(int64_t wait_ms) {
+    const int64_t deadline_ms = monotonic_ms() + wait_ms;
+    is_remarked_ = false;
     PostgresRows last(nullptr);
     std::unique_ptr<PGresult, void (*)(PGresult *)> failed(nullptr, PQclear);
     while (true) {
@@ -299,6 +226,8 @@ PostgresRows Postgres::answer() {
         const auto status = PQresultStatus(result);
         if (status == PGRES_TUPLES_OK || status == PGRES_COMMAND_OK)
             last = PostgresRows(result);
+        else if (status != PGRES_FATAL_ERROR && status != PGRES_EMPTY_QUERY && status != PGRES_BAD_RESPONSE)
+            refuse(result);
         else if (failed == nullptr)
             failed.reset(result);
         else
@@ -309,9 +238,9 @@ PostgresRows Postgres::answer() {
     return last;
 }
 
-PostgresRows Postgres::run(const std::string &sql) {
+PostgresRows Postgres::run(const std::string &sql, int64_t wait_ms) {
     require_sent(PQsendQuery(connection_.get(), sql.c_str()));
-    return answer();
+    return answer(wait_ms);
 }
 
 void Postgres::prepare(const PostgresStatement &statement) {

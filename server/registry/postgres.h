@@ -11,6 +11,7 @@
 
 #include <libpq-fe.h>
 
+#include <server/registry/postgres_attempt.h>
 #include <server/registry/store.h>
 
 namespace velia::server {
@@ -21,21 +22,22 @@ std::string fault_of_conninfo(const std::string &conninfo);
 // The connection string without its secrets, for messages.
 std::string told_conninfo(const std::string &conninfo);
 
-// Rows of an answer. What a prepared statement gives is binary, what plain text gives is text.
+// Rows of an answer. What a prepared statement gives is binary, what plain text gives is text. A value that is not
+// there, or not of the form that is asked for, is a StoreError: tables may have been altered by whomever.
 class PostgresRows {
 public:
     explicit PostgresRows(PGresult *result) : result_(result, PQclear) {}
 
     int count() const { return PQntuples(result_.get()); }
-    bool is_null(int row, int column) const { return PQgetisnull(result_.get(), row, column) != 0; }
-    std::string_view bytes(int row, int column) const {
-        return {PQgetvalue(result_.get(), row, column), static_cast<size_t>(PQgetlength(result_.get(), row, column))};
-    }
+    bool is_null(int row, int column) const;
+    std::string_view bytes(int row, int column) const;
     std::string text(int row, int column) const { return std::string(bytes(row, column)); }
-    uint64_t number(int row, int column) const; // binary, of eight bytes
+    uint64_t number(int row, int column) const; // binary, of eight bytes, not negative
     tbs_uuid_t uuid(int row, int column) const;
 
 private:
+    void require_place(int row, int column) const;
+
     std::unique_ptr<PGresult, void (*)(PGresult *)> result_;
 };
 
@@ -51,6 +53,7 @@ public:
 
 private:
     void add(uint64_t number); // bigint
+    void add(int64_t number) { add(static_cast<uint64_t>(number)); }
     void add(uint32_t number); // integer
     void add(std::string_view bytes) { values_.emplace_back(bytes); }
     void add(const tbs_uuid_t &uuid);
@@ -64,15 +67,14 @@ struct PostgresStatement {
     const char *sql;
 };
 
-// What all connections of this process to one database know of it.
-struct PostgresStanding;
-
 class Postgres {
 public:
     explicit Postgres(const std::string &conninfo);
+    Postgres(const Postgres &) = delete;
+    Postgres &operator=(const Postgres &) = delete;
 
-    // Where there is no connection, one is made; not at once when the last attempt was in vain. Throws StoreAway, or
-    // StoreError where it is refused.
+    // Where there is no connection, one is made; not at once when the last attempt was in vain, and it waits for none
+    // that takes long. Throws StoreAway, or StoreError where it is refused and never was made before.
     void connect();
     bool is_connected() const { return connection_ != nullptr; }
     void drop();
@@ -80,8 +82,13 @@ public:
     // Counts connections that have been made, to tell one from the next.
     uint64_t generation() const { return generation_; }
 
-    // Statements as plain text; the rows of the last one.
-    PostgresRows run(const std::string &sql);
+    // Statements as plain text; the rows of the last one. Waits so long for them.
+    static constexpr int64_t usual_wait_ms = 15000; // a client's call waits for 25 s
+    PostgresRows run(const std::string &sql, int64_t wait_ms = usual_wait_ms);
+
+    // Whether the server had something to remark on what was run last: of a commit, that it was made here, and that the
+    // wait for a standby to have it, too, was ended before one had.
+    bool is_remarked() const { return is_remarked_; }
 
     template <class... Values>
     PostgresRows run(const PostgresStatement &statement, const Values &...values) {
@@ -89,21 +96,20 @@ public:
     }
 
 private:
-    void open();
-    void open_or_throw();
-    void finish_opening();
     void greet();
     void wait(bool is_to_write, int64_t deadline_ms);
     PostgresRows run_prepared(const PostgresStatement &statement, const std::vector<std::string> &values);
     void prepare(const PostgresStatement &statement);
-    PostgresRows answer();
+    PostgresRows answer(int64_t wait_ms = usual_wait_ms);
     void require_sent(int is_sent);
     [[noreturn]] void lose(const std::string &words);
     [[noreturn]] void fail(const PGresult *result);
+    [[noreturn]] void refuse(PGresult *result);
 
     const std::string conninfo_;
     const std::shared_ptr<PostgresStanding> standing_;
-    std::unique_ptr<PGconn, void (*)(PGconn *)> connection_;
+    OwnedConnection connection_;
+    bool is_remarked_ = false;
     std::set<std::string> prepared_;
     uint64_t generation_ = 0;
 };

@@ -26,6 +26,7 @@ constexpr std::array rows = {
     Row{"3D000", Kind::refused, "the server has no database of this name"},
     Row{"3F000", Kind::refused, "the database has no schema for this user's tables"},
     Row{"42501", Kind::refused, "the database user has no right to this"},
+    Row{"42", Kind::refused, "the registry's tables are not as this program has made them"},
     Row{"53100", Kind::refused, "the database's disk is full"},
     Row{"53", Kind::away, "the server has no room for more"},
     Row{"55P03", Kind::busy, "somebody else has held the registry's lock for too long"},

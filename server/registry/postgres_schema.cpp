@@ -38,8 +38,8 @@ constexpr PostgresStatement put_registry = {
     "INSERT INTO registry (version, name, copy, changes, last_number) VALUES ($1::integer, $2, $3, 0, 0)"};
 constexpr PostgresStatement put_stamp = {"put_stamp", "INSERT INTO stamp VALUES ($1, $2, $3, 0)"};
 
-size_t version_of(Postgres &database) {
-    const PostgresRows rows = database.run("SELECT version FROM registry");
+size_t version_of(Postgres &database, const PostgresSchema &schema) {
+    const PostgresRows rows = database.run(std::string("SELECT version FROM ") + schema.table);
     return rows.count() == 1 ? static_cast<size_t>(atoll(rows.text(0, 0).c_str())) : 0;
 }
 
@@ -49,18 +49,22 @@ void put_first_rows(Postgres &database) {
         database.run(put_stamp, db, random_uuid(), random_uuid());
 }
 
-bool take_steps(Postgres &database, std::span<const char *const> all) {
-    const bool is_new = !has_postgres_schema(database);
-    const size_t version = is_new ? 0 : version_of(database);
-    if (version > all.size())
-        throw StoreError("the registry was written by a newer version of this program");
-    for (size_t step = version; step < all.size(); ++step) {
-        database.run(all[step]);
+PostgresSchema registry_schema(std::span<const char *const> all) {
+    return {"registry", "the registry was written by a newer version of this program", all, put_first_rows};
+}
+
+bool take_steps(Postgres &database, const PostgresSchema &schema) {
+    const bool is_new = !has_postgres_schema(database, schema);
+    const size_t version = is_new ? 0 : version_of(database, schema);
+    if (version > schema.steps.size())
+        throw StoreError(schema.newer);
+    for (size_t step = version; step < schema.steps.size(); ++step) {
+        database.run(schema.steps[step]);
         if (step == 0)
-            put_first_rows(database);
+            schema.put_first_rows(database);
     }
-    if (version < all.size())
-        database.run("UPDATE registry SET version = " + std::to_string(all.size()));
+    if (version < schema.steps.size())
+        database.run(std::string("UPDATE ") + schema.table + " SET version = " + std::to_string(schema.steps.size()));
     return is_new;
 }
 
@@ -71,25 +75,33 @@ std::span<const char *const> postgres_schema_steps() {
 }
 
 // Asked of the catalogue's table: what a session remembers of names may be older than the lock that it has waited for.
-bool has_postgres_schema(Postgres &database) {
+bool has_postgres_schema(Postgres &database, const PostgresSchema &schema) {
     return database
-               .run("SELECT EXISTS (SELECT 1 FROM pg_class WHERE relname = 'registry' AND relnamespace = "
-                    "(SELECT oid FROM pg_namespace WHERE nspname = current_schema()))")
+               .run(std::string("SELECT EXISTS (SELECT 1 FROM pg_class WHERE relname = '") + schema.table +
+                    "' AND relnamespace = (SELECT oid FROM pg_namespace WHERE nspname = current_schema()))")
                .bytes(0, 0) == "t";
 }
 
-bool make_postgres_schema(Postgres &database, std::span<const char *const> all) {
-    if (has_postgres_schema(database) && version_of(database) == all.size())
+bool has_postgres_schema(Postgres &database) {
+    return has_postgres_schema(database, registry_schema(steps));
+}
+
+bool make_postgres_schema(Postgres &database, const PostgresSchema &schema) {
+    if (has_postgres_schema(database, schema) && version_of(database, schema) == schema.steps.size())
         return false;
     try {
         database.run(lock_schema);
-        const bool is_new = take_steps(database, all);
+        const bool is_new = take_steps(database, schema);
         database.run("COMMIT");
         return is_new;
     } catch (const StoreError &) {
         database.drop(); // and with it all that was begun
         throw;
     }
+}
+
+bool make_postgres_schema(Postgres &database, std::span<const char *const> all) {
+    return make_postgres_schema(database, registry_schema(all));
 }
 
 } // namespace velia::server

@@ -1,4 +1,5 @@
-// The registry's tables in a database: made, and moved from version to version, by whichever daemon is first.
+// Tables in a database, the registry's and others: made, and moved from version to version, by whichever daemon is
+// first.
 #pragma once
 
 #include <span>
@@ -7,11 +8,24 @@
 
 namespace velia::server {
 
+// Tables that are of one version together.
+struct PostgresSchema {
+    const char *table; // whose one row has the version
+    const char *newer; // what is said of tables of a newer one
+    std::span<const char *const> steps;
+    void (*put_first_rows)(Postgres &database); // behind the first step
+};
+
+// Makes the tables what all the steps make of them. True when there were none before. Throws StoreError for tables of a
+// newer version.
+bool make_postgres_schema(Postgres &database, const PostgresSchema &schema);
+
+bool has_postgres_schema(Postgres &database, const PostgresSchema &schema);
+
 // Each step leads to the next version; a site's database has had some of them.
 std::span<const char *const> postgres_schema_steps();
 
-// Makes the tables what all the steps make of them. True when there was no registry before. Throws StoreError for
-// tables of a newer version.
+// The same for the registry's.
 bool make_postgres_schema(Postgres &database, std::span<const char *const> steps);
 
 // Whether there is a registry there.

@@ -5,11 +5,10 @@
 #include <server/registry/postgres_store.h>
 
 #include <algorithm>
-#include <poll.h>
 #include <vector>
 
-#include <server/loop/handles.h>
 #include <server/registry/moved.h>
+#include <server/registry/postgres_commit.h>
 #include <server/registry/postgres_schema.h>
 #include <server/registry/random_uuid.h>
 #include <server/registry/replacing.h>
@@ -19,12 +18,13 @@ namespace velia::server {
 
 namespace {
 
-constexpr int64_t asking_ms = 10000; // after a commit; with the wait for its answer less than a client's patience
-constexpr int asking_pause_ms = 50;
 constexpr uint64_t first_rows = 50; // most look-ups find few
 constexpr uint64_t rows_max = 1000;
+constexpr size_t text_bytes_max = 1 << 20; // more than any that came from here
 
-#define TEXT_IF_OF_REGION "CASE WHEN $3 = ''::bytea OR region = ''::bytea OR region = $3 THEN text END"
+// Of a text that is too long as much as shows it.
+#define BOUNDED_TEXT "substr(text, 1, 1048577)"
+#define TEXT_IF_OF_REGION "CASE WHEN $3 = ''::bytea OR region = ''::bytea OR region = $3 THEN " BOUNDED_TEXT " END"
 #define DIGESTS_OF(PARAMETER) "SELECT sha256(value) AS digest FROM unnest(" PARAMETER "::bytea[]) AS value"
 
 namespace statements {
@@ -49,11 +49,11 @@ constexpr PostgresStatement add = {
            "$9::bytea FROM stamped), "
            "items AS (INSERT INTO item (db, digest, entry) SELECT db, digest, $6 FROM stamped, (" DIGESTS_OF(
                "$10") ") AS digests ON CONFLICT DO NOTHING) SELECT 1 FROM stamped"};
-constexpr PostgresStatement remove = {"remove",
-                                      "WITH gone AS (DELETE FROM entry WHERE id = $2 AND db = $1 RETURNING text), "
-                                      "items AS (DELETE FROM item WHERE entry = $2 AND EXISTS (SELECT 1 FROM gone)), "
-                                      "stamped AS (UPDATE stamp SET dtm = $3, svr_dtm = $4, entries = entries - 1 "
-                                      "WHERE db = $1 AND EXISTS (SELECT 1 FROM gone)) SELECT text FROM gone"};
+constexpr PostgresStatement remove = {
+    "remove", "WITH gone AS (DELETE FROM entry WHERE id = $2 AND db = $1 RETURNING " BOUNDED_TEXT " AS text), "
+              "items AS (DELETE FROM item WHERE entry = $2 AND EXISTS (SELECT 1 FROM gone)), "
+              "stamped AS (UPDATE stamp SET dtm = $3, svr_dtm = $4, entries = entries - 1 "
+              "WHERE db = $1 AND EXISTS (SELECT 1 FROM gone)) SELECT text FROM gone"};
 constexpr PostgresStatement is_there = {"is_there", "SELECT 1 FROM entry WHERE db = $1 AND id = $2"};
 constexpr PostgresStatement change = {"change", "UPDATE entry SET region = $2, identity = $3, text = $4 WHERE id = $1"};
 constexpr PostgresStatement put_items = {
@@ -74,6 +74,11 @@ constexpr PostgresStatement put_setting = {"put_setting",
                                            "ON CONFLICT (sha256(name)) DO UPDATE SET value = excluded.value"};
 constexpr PostgresStatement settings = {"settings", "SELECT name, value FROM setting"};
 constexpr PostgresStatement counters = {"counters", "SELECT changes, last_number FROM registry"};
+constexpr PostgresStatement size_bytes = {
+    "size_bytes",
+    "SELECT sum(pg_total_relation_size(oid))::bigint FROM pg_class WHERE relkind = 'r' AND relnamespace = "
+    "(SELECT oid FROM pg_namespace WHERE nspname = current_schema()) AND relname IN ('registry', 'writer', "
+    "'stamp', 'entry', 'item', 'setting')"};
 constexpr PostgresStatement last_transaction = {"last_transaction", "SELECT transaction FROM writer WHERE name = $1"};
 
 } // namespace statements
@@ -101,14 +106,8 @@ std::string region_of(const Items &items) {
     return value_of(items, registry_item_name(RGY_ITEM_REGION));
 }
 
-std::string hex_of(const tbs_uuid_t &uuid) {
-    constexpr char digits[] = "0123456789abcdef";
-    std::string text;
-    for (const uint8_t byte : uuid.bytes) {
-        text.push_back(digits[byte >> 4]);
-        text.push_back(digits[byte & 0xf]);
-    }
-    return text;
+std::string_view bytes_of(const tbs_uuid_t &uuid) {
+    return {reinterpret_cast<const char *>(uuid.bytes), sizeof uuid.bytes};
 }
 
 // Others may serve the same registry: nothing that was read is known to be so still.
@@ -120,9 +119,32 @@ private:
     uint64_t version_ = 0;
 };
 
-class PostgresStore : public Store, private RecordKeeper {
+// Whoever reads on from the last one comes to an end.
+uint64_t next_number(uint64_t last, uint64_t number) {
+    if (number <= last)
+        throw StoreError("the numbers of entries are not in their order in the database");
+    return number;
+}
+
+// Somebody else may have written it there; none is longer that came from here.
+std::string bounded_text(const PostgresRows &rows, int row, int column) {
+    if (rows.bytes(row, column).size() > text_bytes_max)
+        throw StoreError("an entry in the database is longer than an entry may be");
+    return rows.text(row, column);
+}
+
+// A counter of the locked row. What has been forged is not to grow over what the column holds.
+uint64_t counter_of(const PostgresRows &rows, int column) {
+    const std::string text = rows.text(0, column);
+    const long long number = strtoll(text.c_str(), nullptr, 10);
+    if (number < 0 || number > INT64_MAX / 2)
+        throw StoreError("the registry's counters are damaged in the database");
+    return static_cast<uint64_t>(number);
+}
+
+class PostgresStore : public StoreWithSets, private RecordKeeper {
 public:
-    PostgresStore(const std::string &conninfo, bool &is_new) : database_(conninfo) {
+    PostgresStore(const std::string &conninfo, bool &is_new) : StoreWithSets(sets_database_), database_(conninfo) {
         database_.connect();
         is_new = make_postgres_schema(database_, postgres_schema_steps());
         registry_ = PostgresStore::stamps(0).registry;
@@ -137,7 +159,7 @@ public:
     Stamps stamps(rgy_db_t db) override {
         const PostgresRows rows = read(statements::stamp, db);
         Stamps stamps = {{}, rows.uuid(0, 2), rows.uuid(0, 3)};
-        if (!rows.is_null(0, 0))
+        if (db < RGY_DB_ALL || !rows.is_null(0, 0))
             stamps.pair = {rows.uuid(0, 0), rows.uuid(0, 1)};
         return stamps;
     }
@@ -155,9 +177,9 @@ public:
                     : read(statements::scan_item, selection.db, after_id, selection.region, rows_wanted,
                            joined(selection.key, selection.value));
             for (int row = 0; row < rows.count(); ++row) {
-                after_id = rows.number(row, 0);
+                after_id = next_number(after_id, rows.number(row, 0));
                 const bool is_selected = !rows.is_null(row, 1);
-                const Record record = is_selected ? Record{after_id, rows.text(row, 1)} : Record{};
+                const Record record = is_selected ? Record{after_id, bounded_text(rows, row, 1)} : Record{};
                 if (!visit(after_id, is_selected ? &record : nullptr))
                     return;
             }
@@ -240,14 +262,6 @@ public:
         });
     }
 
-    void add_to_set(const tbs_uuid_t &set, std::span<const rgy_change_t> changes) override { sets_.add(set, changes); }
-    SetSize size_of_set(const tbs_uuid_t &set) override { return sets_.size(set); }
-    void each_of_set(const tbs_uuid_t &set,
-                     const std::function<bool(uint64_t id, const std::string &text)> &visit) override {
-        sets_.each(set, visit);
-    }
-    void forget_set(const tbs_uuid_t &set) override { sets_.forget(set); }
-
     void replace(rgy_db_t db, const std::optional<rgy_dtm_pair_t> &stamps, Contents contents) override {
         together([&] {
             make_like(*this, *this, db, std::move(contents));
@@ -295,6 +309,8 @@ public:
         return in_hand_ ? in_hand_->last_number : read(statements::counters).number(0, 1);
     }
     uint64_t changes() override { return in_hand_ ? in_hand_->changes : read(statements::counters).number(0, 0); }
+
+    uint64_t size_bytes() override { return read(statements::size_bytes).number(0, 0); }
 
     void checkpoint() override {}
 
@@ -351,8 +367,7 @@ private:
                                                        "; SELECT changes, last_number FROM registry FOR UPDATE");
                 if (row.count() != 1)
                     throw StoreError("the registry's row is gone from the database");
-                began_ = in_hand_.emplace(Counters{strtoull(row.text(0, 0).c_str(), nullptr, 10),
-                                                   strtoull(row.text(0, 1).c_str(), nullptr, 10)});
+                began_ = in_hand_.emplace(Counters{counter_of(row, 0), counter_of(row, 1)});
             });
         } catch (...) {
             roll_back();
@@ -360,16 +375,7 @@ private:
         }
     }
 
-    // Of what may be open, over a connection that may be broken.
-    void roll_back() {
-        if (!database_.is_connected())
-            return;
-        try {
-            database_.run("ROLLBACK");
-        } catch (const StoreError &) {
-            database_.drop();
-        }
-    }
+    void roll_back() { velia::server::roll_back(database_); }
 
     void require_connection() const {
         if (!database_.is_connected())
@@ -413,41 +419,13 @@ private:
             database_.run("COMMIT");
             return;
         }
-        const std::string number = std::to_string(++transaction_);
-        try {
-            database_.run("UPDATE registry SET changes = " + std::to_string(in_hand_->changes) +
-                          ", last_number = " + std::to_string(in_hand_->last_number) +
-                          "; INSERT INTO writer (name, transaction) VALUES ('\\x" + hex_of(writer_) + "', " + number +
-                          ") ON CONFLICT (name) DO UPDATE SET transaction = excluded.transaction, at = now(); "
-                          "SET LOCAL statement_timeout = 0; COMMIT");
-        } catch (const StoreError &error) {
-            if (database_.is_connected())
-                throw;
-            ask_after_commit(error.what());
-        }
+        const std::string changes = "UPDATE registry SET changes = " + std::to_string(in_hand_->changes) +
+                                    ", last_number = " + std::to_string(in_hand_->last_number);
+        commit_marked(database_, changes, {"writer", bytes_of(writer_), ++transaction_}, [this] {
+            in_hand_.reset();
+            return is_made();
+        });
     }
-
-    // Returns if it was made.
-    void ask_after_commit(const std::string &words) {
-        in_hand_.reset();
-        const int64_t deadline_ms = monotonic_ms() + asking_ms;
-        while (monotonic_ms() < deadline_ms && wait_for_others_now_ms() > 0) {
-            try {
-                if (is_made())
-                    return;
-                throw NotMade(words);
-            } catch (const NotMade &) {
-                throw StoreAway(words + "; what was in hand was not made");
-            } catch (const StoreError &) {
-                roll_back();
-                poll(nullptr, 0, asking_pause_ms);
-            }
-        }
-        throw StoreUncertain("the database did not say whether what was in hand was made: " + words);
-    }
-    struct NotMade : StoreError {
-        using StoreError::StoreError;
-    };
 
     // Under the lock, which the transaction holds until it has ended in one way or the other.
     bool is_made() {
@@ -485,7 +463,6 @@ private:
 
     Postgres database_;
     Sqlite sets_database_{"", Sqlite::Access::passing};
-    StagedSets sets_{sets_database_};
     const tbs_uuid_t writer_ = random_uuid();
     uint64_t transaction_ = 0;
     std::optional<Counters> in_hand_; // while a transaction is open

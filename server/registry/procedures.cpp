@@ -140,6 +140,11 @@ tbs_status_t get_dtm(RegistryView &registry, const rvzd_registry_get_dtm_req_t &
     return TBS_ST_OK;
 }
 
+bool is_null(const rgy_dtm_pair_t &pair) {
+    constexpr rgy_dtm_pair_t null = {};
+    return is_same(pair, null);
+}
+
 // The five fetches, which differ in what they select and pass.
 template <class Request>
 tbs_status_t fetch(RegistryView &registry, const Request &request, const Caller &caller,
@@ -154,6 +159,8 @@ tbs_status_t fetch(RegistryView &registry, const Request &request, const Caller 
     const auto stamps = registry.stamps_of(fetch.selection.db);
     if (!stamps)
         return not_in_memory;
+    if (registry.is_substitute() && !is_null(request.dtm) && !is_same(stamps->pair, request.dtm))
+        return TBS_ST_TRY_AGAIN; // it goes on where it began, or on what is the same
     reply.record.version = reply_version(request.version);
     reply.record.dtm = stamps->pair;
     const BatchLimits limits = {

@@ -51,6 +51,8 @@ public:
     virtual std::optional<Stamps> stamps_of(rgy_db_t db) = 0;
     virtual AnswerMemory::Answer answer(const Selection &selection, uint64_t cursor, const BatchLimits &limits,
                                         const Filter &filter) = 0;
+    // May be behind what the caller has read elsewhere.
+    virtual bool is_substitute() const { return false; }
 };
 
 // What was read of a store for one request.
@@ -98,6 +100,7 @@ public:
 
     Stamps stamps(rgy_db_t db);
     std::optional<Stamps> stamps_of(rgy_db_t db) override { return stamps(db); }
+    bool is_substitute() const override { return store_.is_substitute(); }
     uint64_t count(rgy_db_t db) { return store_.count(db); }
 
     // At least one record comes, however small `bytes_max` is, or the cursor moves on.

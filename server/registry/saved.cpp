@@ -109,6 +109,12 @@ SavedRegistry look_at(Sqlite &database) {
     return found;
 }
 
+SavedRegistry look_at_file(const std::string &registry_file) {
+    require_whole_file(registry_file);
+    Sqlite database(registry_file);
+    return look_at(database);
+}
+
 // `unfinished` becomes what `from` is at this moment.
 void copy_pages(Sqlite &from, const std::string &unfinished, const SaveProgress &progress) {
     Sqlite to(unfinished);
@@ -156,10 +162,18 @@ public:
         if (fileutl_rename(name_.c_str(), file_name.c_str()) != 0)
             throw_system_error();
         name_.clear();
-        put_directory_on_disk(file_name);
+        put_name_on_disk(file_name);
     }
 
 private:
+    static void put_name_on_disk(const std::string &file_name) {
+        try {
+            put_directory_on_disk(file_name);
+        } catch (const StoreError &error) {
+            throw StoreError(std::string("it stands there, but may be gone after a power failure: ") + error.what());
+        }
+    }
+
     void remove() const {
         for (const char *suffix : {"", "-journal", "-wal", "-shm"})
             remove_file(name_ + suffix);
@@ -203,7 +217,7 @@ Present look_at_present(const std::string &registry_file) {
     if (!present.is_there)
         return present;
     try {
-        present.found = check_registry(registry_file);
+        present.found = look_at_file(registry_file);
         Sqlite database(registry_file);
         present.term = std::max(present.found->term, term_of_text(setting_of(database, heard_term_setting)));
     } catch (const StoreError &) { // it is kept as it is, and may be the reason for all this
@@ -230,12 +244,14 @@ void make_present(const std::string &unfinished, const Present &present, const s
                          "away first");
     const uint64_t changes =
         std::max({saved.changes, present.found ? present.found->changes : 0, acknowledged.value_or(0)}) + 1;
-    const uint64_t term = std::max(saved.term, present.term) + 1;
+    // A copy is of its master's term, and not ahead of it; whoever makes it a master's begins one above all that were
+    // here.
+    const bool is_masters = setting_of(database, origin_setting) == origin_master;
+    const uint64_t term = std::max(saved.term, present.term) + (is_masters ? 1 : 0);
     make_totals(database);
     Transaction transaction(database);
     Statement(database, "INSERT OR REPLACE INTO total VALUES (-1, ?1)").with(changes).run();
-    if (setting_of(database, origin_setting) == origin_master)
-        put_setting(database, term_setting, std::to_string(term));
+    put_setting(database, term_setting, std::to_string(term));
     Statement(database, "DELETE FROM setting WHERE name = ?1 OR name = ?2")
         .with(std::string_view(heard_term_setting), std::string_view(heard_host_setting))
         .run();
@@ -247,12 +263,28 @@ void make_present(const std::string &unfinished, const Present &present, const s
     give_to_owner_of_directory(unfinished);
 }
 
+// What nothing took the place of is not kept twice.
+class KeptName {
+public:
+    explicit KeptName(const std::string &registry_file)
+        : registry_file_(registry_file), name_(free_name_for_former(registry_file)) {}
+    ~KeptName() {
+        if (is_same_file(name_, registry_file_))
+            unlink(name_.c_str());
+    }
+    KeptName(const KeptName &) = delete;
+    KeptName &operator=(const KeptName &) = delete;
+
+    const std::string &name() const { return name_; }
+
+private:
+    const std::string registry_file_;
+    const std::string name_;
+};
+
 // Under another name beside it, log and all. One that can be opened brings its log home before, so that none is left to
 // be replayed over what comes in its place; of one that cannot, the log goes first: without it nobody serves it.
-std::string keep_present(const std::string &registry_file, const Present &present) {
-    if (!present.is_there)
-        return "";
-    std::string kept = free_name_for_former(registry_file);
+void keep_present(const std::string &registry_file, const Present &present, const std::string &kept) {
     if (present.found) {
         Sqlite database(registry_file);
         make_single_file(database);
@@ -264,7 +296,6 @@ std::string keep_present(const std::string &registry_file, const Present &presen
     if (link(registry_file.c_str(), kept.c_str()) != 0)
         throw_system_error();
     put_directory_on_disk(kept);
-    return kept;
 }
 
 } // namespace
@@ -275,10 +306,13 @@ SavedRegistry check_saved_registry(const std::string &file_name) {
     return look_at(database);
 }
 
+// What was acknowledged is noted behind its commit: read before the registry, it is never ahead of a right one.
 SavedRegistry check_registry(const std::string &registry_file) {
-    require_whole_file(registry_file);
-    Sqlite database(registry_file);
-    return look_at(database);
+    const RegistryTrace trace(registry_file);
+    const auto acknowledged = trace.mark();
+    const SavedRegistry found = look_at_file(registry_file);
+    RegistryTrace::require_not_older({found.registry, found.changes}, acknowledged);
+    return found;
 }
 
 std::string free_name_for_former(const std::string &registry_file) {
@@ -299,8 +333,8 @@ void save_registry(const std::string &registry_file, const std::string &file_nam
         copy_pages(from, unfinished.name(), progress);
         Sqlite made(unfinished.name());
         make_single_file(made);
-        look_at(made);
     }
+    check_saved_registry(unfinished.name()); // as it stands there: a write that failed need not have been told
     unfinished.finish(file_name);
 }
 
@@ -316,9 +350,11 @@ std::string restore_registry(const std::string &saved, const std::string &regist
         copy_pages(from, unfinished.name(), {});
     }
     make_present(unfinished.name(), present, mark ? std::optional(mark->changes) : std::nullopt);
-    std::string kept = keep_present(registry_file, present);
+    const KeptName kept(registry_file);
+    if (present.is_there)
+        keep_present(registry_file, present, kept.name());
     unfinished.finish(registry_file);
-    return kept;
+    return present.is_there ? kept.name() : "";
 }
 
 } // namespace velia::server

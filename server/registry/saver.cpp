@@ -15,6 +15,7 @@ namespace velia::server {
 namespace {
 
 constexpr uint64_t idle_ms = 60'000;
+constexpr int64_t left_ms = 5000; // whoever has not asked for so long may have been killed, and is in nobody's way
 constexpr Worker::Shape shape = {{16, 64, 256}, 1, 5};
 const Sender daemon_itself = {};
 
@@ -84,13 +85,16 @@ void Saver::forget() {
 
 // What is not made yet is told of from here; pieces are read by the thread.
 void Saver::ask(uint64_t number, uint64_t offset, size_t bytes_max, const Answer &answer) {
-    if (number == 0 && save_ != nullptr)
+    if (number == 0 && save_ != nullptr && monotonic_ms() - asked_ms_ < left_ms)
         return answer(TBS_ST_TRY_AGAIN, {});
-    if (number == 0)
+    if (number == 0) {
+        forget();
         begin();
+    }
     if (save_ == nullptr || (number != 0 && save_->number != number))
         return answer(TBS_ST_NOT_FOUND, {});
     idle_timer_.start(idle_ms);
+    asked_ms_ = monotonic_ms();
     const auto piece = std::make_shared<Piece>(Piece{save_->number, save_->pages_done, save_->pages, 0, "", {}});
     if (!save_->is_ended)
         return answer(TBS_ST_OK, *piece);

@@ -33,8 +33,8 @@ public:
     };
     using Answer = std::function<void(tbs_status_t, Piece)>;
 
-    // Number 0 begins a new one, unless one is being made or given out: TBS_ST_TRY_AGAIN. TBS_ST_NOT_FOUND: there is
-    // none of this number any more.
+    // Number 0 begins a new one, unless one is being made or given out to somebody who asks for it: TBS_ST_TRY_AGAIN.
+    // TBS_ST_NOT_FOUND: there is none of this number any more.
     void ask(uint64_t number, uint64_t offset, size_t bytes_max, const Answer &answer);
 
 private:
@@ -44,6 +44,7 @@ private:
 
     TimerHandle idle_timer_;
     uint64_t next_number_;
+    int64_t asked_ms_ = 0;       // for the present one, last
     std::shared_ptr<Save> save_; // the thread's, too
     Worker worker_;              // goes first
 };

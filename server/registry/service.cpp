@@ -28,7 +28,8 @@ constexpr int look_at_start_ms = 3000;
 constexpr uint64_t look_delay_ms = 200; // behind a promotion, of which the former master is to hear soon
 constexpr uint64_t checkpoint_delay_ms = 500;
 constexpr uint32_t hold_s_max = 600;
-constexpr uint64_t reopen_ms = 1000; // a database that is away, or refuses, until it is put right
+constexpr uint64_t look_when_away_ms = 1000; // whether it is there again
+constexpr uint64_t reopen_ms = 1000;         // a database that is away, or refuses, until it is put right
 
 // Each a bound on what its calls hold in memory: a search may be as long as a message, others are short.
 // Threads with the store share locks of SQLite's: one that is worth less than the others and is put off while it holds
@@ -182,8 +183,8 @@ RegistryService::RegistryService(uv_loop_t *loop)
       looker_(loop, "--look-at-site", [this] { refresh_standing(); }), look_timer_(loop, [this] { look_around(); }),
       claim_timer_(loop, [this] { look_around(); }), hold_timer_(loop, [this] { release_updates(); }),
       checkpoint_timer_(loop, [this] { bring_log_home(); }), reopen_timer_(loop, [this] { take_role(); }),
-      look_ups_(loop, look_up_shape, false), searches_(loop, search_shape, false), hashes_(loop, hash_shape, false),
-      updates_(loop, update_shape, true) {}
+      away_timer_(loop, [this] { refresh_standing(); }), look_ups_(loop, look_up_shape, false),
+      searches_(loop, search_shape, false), hashes_(loop, hash_shape, false), updates_(loop, update_shape, true) {}
 
 StoreWorker &RegistryService::worker_of(Lane lane) {
     switch (lane) {
@@ -269,7 +270,7 @@ RegistryService::Standing RegistryService::standing() const {
     Standing standing = standing_;
     standing.looked = copier_.ended_at();
     standing.current = copier_.succeeded_at();
-    standing.failure = copier_.failure();
+    standing.failure = is_master_ ? away_ : copier_.failure();
     return standing;
 }
 
@@ -283,6 +284,19 @@ void RegistryService::take_standing(Store &store, Taken &taken) {
     taken.entries = 0;
     for (rgy_db_t db = 0; db < RGY_DB_ALL; ++db)
         taken.entries += store.count(db);
+    taken.size_bytes = store.size_bytes();
+}
+
+// A host that has been the master under the higher term itself has an older registry now than then.
+void RegistryService::tell_superseded(const Term &term) {
+    const bool is_own = is_this_host(term.heard_host);
+    imsg_print(IMSG_WARNING,
+               "Host \"%s\" is the master of this registry's site, by term %llu; this host's is %llu. No updates are "
+               "taken here any more. %s: veliactl registry %s %s%s\n",
+               IMSG_FORMAT, term.heard_host.c_str(), static_cast<unsigned long long>(term.heard),
+               static_cast<unsigned long long>(term.number),
+               is_own ? "To begin a new term with what is here" : "To make this host its standby",
+               is_own ? "promote" : "demote --follow", term.heard_host.c_str(), is_own ? " --force" : "");
 }
 
 // A master that has heard of a higher term goes on telling what it has, and changes it no more.
@@ -292,17 +306,13 @@ void RegistryService::follow_standing(Taken &taken) {
     standing_.registry = taken.registry;
     standing_.source = taken.source;
     standing_.entries = taken.entries;
+    standing_.size_bytes = taken.size_bytes;
     has_others_ = taken.has_others;
     if (standing_.role != RGY_SVR_MASTER || !standing_.term.is_superseded())
         return;
     is_master_ = false;
     if (!was_superseded)
-        imsg_print(IMSG_WARNING,
-                   "Host \"%s\" is the master of this registry's site, by term %llu; this host's is %llu. No updates "
-                   "are taken here any more. To make this host its standby: veliactl registry demote --follow %s\n",
-                   IMSG_FORMAT, standing_.term.heard_host.c_str(),
-                   static_cast<unsigned long long>(standing_.term.heard),
-                   static_cast<unsigned long long>(standing_.term.number), standing_.term.heard_host.c_str());
+        tell_superseded(standing_.term);
 }
 
 void RegistryService::refresh_standing() {
@@ -313,14 +323,18 @@ void RegistryService::refresh_standing() {
                 taken->is_open = store != nullptr;
                 if (taken->is_open)
                     take_standing(*store, *taken);
-            } catch (const StoreAway &) {
+            } catch (const StoreAway &error) {
                 taken->is_open = false;
+                taken->away = error.what();
             } catch (const StoreError &error) {
                 taken->is_open = false;
                 print_failure(error.what());
             }
         },
         [this, taken] {
+            away_ = is_serving_ ? taken->away : "";
+            if (!away_.empty())
+                away_timer_.start(look_when_away_ms);
             if (taken->is_open)
                 follow_standing(*taken);
         });
@@ -402,6 +416,9 @@ void RegistryService::serve(std::unique_ptr<StoreVersion> version) {
     is_serving_ = true;
     for (StoreWorker *reader : {&look_ups_, &searches_, &hashes_})
         reader->use(existing_registry);
+    if (is_registry_copied())
+        for (StoreWorker *reader : {&look_ups_, &searches_})
+            reader->use_meanwhile(copy_of_shared_registry);
 }
 
 void RegistryService::stop_serving() {
@@ -410,6 +427,8 @@ void RegistryService::stop_serving() {
     standing_.registry = {};
     look_timer_.stop();
     looker_.stop();
+    away_timer_.stop();
+    away_.clear();
     memory_.follow(nullptr);
     if (!is_serving_)
         return;
@@ -484,7 +503,7 @@ void RegistryService::follow_role(Taken taken) {
     serve(std::move(taken.version));
     if (is_master)
         look_timer_.start(look_delay_ms);
-    else
+    if (!is_master || is_registry_copied())
         copier_.start(copy_interval_s_);
     end_change();
 }
@@ -526,7 +545,8 @@ void RegistryService::follow_role_file() {
 void RegistryService::stop() {
     copier_.stop();
     looker_.stop();
-    for (TimerHandle *timer : {&look_timer_, &claim_timer_, &hold_timer_, &checkpoint_timer_, &reopen_timer_})
+    for (TimerHandle *timer :
+         {&look_timer_, &claim_timer_, &hold_timer_, &checkpoint_timer_, &reopen_timer_, &away_timer_})
         timer->stop();
     wait_for_others(0);
 }

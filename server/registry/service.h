@@ -69,8 +69,12 @@ public:
         time_t current = 0;
         std::string failure;
         uint64_t entries = 0;
+        uint64_t size_bytes = 0; // of the store
     };
     Standing standing() const;
+
+    // Also of a database that is not reached for now: updates are tried all the same.
+    bool takes_updates() const { return refusal_of_update() == TBS_ST_OK && away_.empty(); }
 
     // Somebody says that this registry has a term like this. Whoever may administer this host is believed; else the
     // other hosts of the site are asked.
@@ -109,9 +113,11 @@ private:
         tbs_uuid_t registry = {};
         std::string source;
         uint64_t entries = 0;
+        uint64_t size_bytes = 0;
         bool has_others = false;
         bool is_open = false;
         bool is_taken_away = false; // the file was, under the store
+        std::string away;           // why its database is not reached
     };
     static Taken take_in(std::unique_ptr<Store> &store, const std::optional<int32_t> &written);
     void begin_taking(const std::optional<int32_t> &written);
@@ -124,6 +130,7 @@ private:
     void become_master(const Answered &answer);
     static void take_standing(Store &store, Taken &taken);
     void follow_standing(Taken &taken);
+    static void tell_superseded(const Term &term);
     void refresh_standing();
     void bring_log_home();
     void look_around();
@@ -140,7 +147,9 @@ private:
     TimerHandle hold_timer_;
     TimerHandle checkpoint_timer_;
     TimerHandle reopen_timer_;
+    TimerHandle away_timer_;
     Standing standing_;
+    std::string away_;              // why the database was not reached when it was asked last
     bool has_others_ = false;       // hosts of the site
     bool is_held_ = false;          // updates are refused for a while
     size_t updates_in_hand_ = 0;    // taken and not answered

@@ -36,7 +36,7 @@ tbs_status_t SiteProcedures::state(const rvzd_registry_state_req_t &request, con
     const auto standing = service_.standing();
     auto &record = reply.record;
     record.role = standing.role;
-    record.takes_updates = service_.refusal_of_update() == TBS_ST_OK ? 1 : 0;
+    record.takes_updates = service_.takes_updates() ? 1 : 0;
     record.term = standing.term.number;
     record.master = reply.arena.text(master_of(service_, standing));
     const bool is_superseded = standing.term.is_superseded();

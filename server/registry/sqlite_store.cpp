@@ -34,10 +34,6 @@ CREATE TABLE stamp (db INTEGER PRIMARY KEY, dtm BLOB NOT NULL, svr_dtm BLOB NOT 
 CREATE TABLE setting (name BLOB PRIMARY KEY, value BLOB NOT NULL) WITHOUT ROWID;
 )";
 
-std::string text_of(const tbs_uuid_t &uuid) {
-    return {reinterpret_cast<const char *>(uuid.bytes), sizeof uuid.bytes};
-}
-
 using FileIdentity = std::pair<dev_t, ino_t>;
 
 std::optional<FileIdentity> identity_of_file(const std::string &file_name) {
@@ -67,10 +63,11 @@ private:
     uint64_t version_ = 1;
 };
 
-class SqliteStore : public Store, private RecordKeeper {
+class SqliteStore : public StoreWithSets, private RecordKeeper {
 public:
     explicit SqliteStore(const std::string &file_name)
-        : file_name_(file_name), database_(file_name), file_(identity_of_file(file_name)), trace_(file_name) {
+        : StoreWithSets(database_), file_name_(file_name), database_(file_name), file_(identity_of_file(file_name)),
+          trace_(file_name) {
         refuse_others();
         database_.write_ahead();
         database_.run("PRAGMA synchronous = FULL");
@@ -186,14 +183,6 @@ public:
         return ChangeResult::changed;
     }
 
-    void add_to_set(const tbs_uuid_t &set, std::span<const rgy_change_t> changes) override { sets_.add(set, changes); }
-    SetSize size_of_set(const tbs_uuid_t &set) override { return sets_.size(set); }
-    void each_of_set(const tbs_uuid_t &set,
-                     const std::function<bool(uint64_t id, const std::string &text)> &visit) override {
-        sets_.each(set, visit);
-    }
-    void forget_set(const tbs_uuid_t &set) override { sets_.forget(set); }
-
     void replace(rgy_db_t db, const std::optional<rgy_dtm_pair_t> &stamps, Contents contents) override {
         require_file();
         Transaction transaction(database_);
@@ -263,6 +252,11 @@ public:
 
     uint64_t changes() override { return stored_changes(database_); }
 
+    uint64_t size_bytes() override {
+        return static_cast<uint64_t>(number_answer(database_, "PRAGMA page_count") *
+                                     number_answer(database_, "PRAGMA page_size"));
+    }
+
     void checkpoint() override { database_.checkpoint(); }
 
 private:
@@ -318,16 +312,16 @@ private:
         database_.leave_log(false);
     }
 
-    // Somebody has put it in the place of the one that was served here last.
     void refuse_older() {
-        const auto mark = trace_.mark();
-        if (!mark)
-            return;
+        const auto acknowledged = trace_.mark();
+        RegistryTrace::Mark found;
         const std::string name =
             text_answer(database_, "SELECT value FROM setting WHERE name = CAST('registry' AS BLOB)");
-        if (name == text_of(mark->registry) && stored_changes(database_) < mark->changes)
-            throw StoreError("the file is older than what was acknowledged here: put the newer one back, or restore "
-                             "this one with rvzd_server --restore-registry");
+        if (!acknowledged || name.size() != sizeof found.registry)
+            return;
+        memcpy(&found.registry, name.data(), name.size());
+        found.changes = stored_changes(database_);
+        RegistryTrace::require_not_older(found, acknowledged);
     }
 
     // One that comes from elsewhere, such as the file of a running daemon: it may have been copied amid a change.
@@ -396,13 +390,18 @@ private:
     Sqlite database_;
     const std::optional<FileIdentity> file_;
     RegistryTrace trace_;
-    StagedSets sets_{database_};
     std::unique_ptr<Statements> statements_;
     std::unique_ptr<StoreVersion> version_;
     uint64_t seen_version_ = 0;
     tbs_uuid_t registry_ = {};
     tbs_uuid_t copy_ = {};
     uint64_t changes_ = 0;
+};
+
+class SqliteCopy : public SqliteStore {
+public:
+    using SqliteStore::SqliteStore;
+    bool is_substitute() const override { return true; }
 };
 
 void make_empty_registry(const std::string &file_name) {
@@ -455,6 +454,12 @@ bool make_if_absent(const std::string &file_name) {
 std::unique_ptr<Store> open_sqlite_store(const std::string &file_name, bool &is_new) {
     is_new = make_if_absent(file_name);
     return std::make_unique<SqliteStore>(file_name);
+}
+
+std::unique_ptr<Store> existing_copy(const std::string &file_name) {
+    if (access(file_name.c_str(), F_OK) != 0)
+        return nullptr;
+    return std::make_unique<SqliteCopy>(file_name);
 }
 
 } // namespace velia::server

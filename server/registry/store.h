@@ -89,6 +89,9 @@ public:
     // Takes notice of what others made of the registry's name.
     virtual void refresh() = 0;
 
+    // It stands in for another one, and may be behind that.
+    virtual bool is_substitute() const { return false; }
+
     // False: the data that stand under the store's name are not these any more, so nothing is changed here.
     virtual bool is_in_place() = 0;
 
@@ -157,6 +160,9 @@ public:
     // How many changes there have been, all of them on disk.
     virtual uint64_t changes() = 0;
 
+    // Of the data on disk, with what they are found by.
+    virtual uint64_t size_bytes() = 0;
+
     // Leaves little in what the database keeps beside its file.
     virtual void checkpoint() = 0;
 };
@@ -168,5 +174,8 @@ std::string trace_of_registry(const std::string &file_name);
 // that something else has made, or a newer version of this program, or that is older than what was acknowledged here,
 // is refused and left as it is; and none is made in the place of one that is gone.
 std::unique_ptr<Store> open_sqlite_store(const std::string &file_name, bool &is_new);
+
+// The registry in this file, as what stands in for another one; null if there is none.
+std::unique_ptr<Store> existing_copy(const std::string &file_name);
 
 } // namespace velia::server

@@ -56,9 +56,25 @@ void StoreWorker::run(Task &task, StoreFailure &failure) {
     if (is_together_)
         return task.work(*store_);
     failure = refusal_ ? *refusal_ : failure_of([&] {
-        store().refresh();
-        task.work(*store_);
+        try {
+            store().refresh();
+            task.work(*store_);
+        } catch (const StoreAway &) {
+            work_meanwhile(task);
+        }
     });
+}
+
+// Within the handling of why.
+void StoreWorker::work_meanwhile(Task &task) {
+    if (meanwhile_ != nullptr && !meanwhile_->is_in_place())
+        meanwhile_.reset();
+    if (meanwhile_ == nullptr && open_meanwhile_)
+        meanwhile_ = open_meanwhile_();
+    if (meanwhile_ == nullptr)
+        throw;
+    meanwhile_->refresh();
+    task.work(*meanwhile_);
 }
 
 void StoreWorker::run_together(Worker::Batch &batch) {
@@ -94,6 +110,14 @@ void StoreWorker::use(Opener open) {
     worker_.submit_first({[this, open = std::move(open)] {
                               store_.reset();
                               open_ = open;
+                          },
+                          [] {}});
+}
+
+void StoreWorker::use_meanwhile(Opener open) {
+    worker_.submit_first({[this, open = std::move(open)] {
+                              meanwhile_.reset();
+                              open_meanwhile_ = open;
                           },
                           [] {}});
 }

@@ -36,6 +36,9 @@ public:
     using Opener = std::function<std::unique_ptr<Store>()>;
     void use(Opener open);
 
+    // What this opens answers while that one is away. No opener: nothing does.
+    void use_meanwhile(Opener open);
+
     // Does what concerns the store itself, which may be null, before all that waits. It throws nothing.
     void change(std::function<void(std::unique_ptr<Store> &)> work, std::function<void()> done);
 
@@ -46,10 +49,13 @@ private:
     void run(Task &task, StoreFailure &failure);
     void run_together(Worker::Batch &batch);
     Store &store();
+    void work_meanwhile(Task &task);
 
     // The thread's.
     std::unique_ptr<Store> store_;
     Opener open_;
+    std::unique_ptr<Store> meanwhile_;
+    Opener open_meanwhile_;
     bool is_together_ = false;
     std::optional<StoreFailure> refusal_; // of all that is being done together
 

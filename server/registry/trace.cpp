@@ -79,6 +79,14 @@ std::optional<RegistryTrace::Mark> RegistryTrace::mark() const {
     return fd ? mark_in(contents_of(fd.get())) : std::nullopt;
 }
 
+// Somebody has put it in the place of the one that was served here last.
+void RegistryTrace::require_not_older(const Mark &found, const std::optional<Mark> &acknowledged) {
+    if (acknowledged && tbs_uuid_eq(&found.registry, &acknowledged->registry) != 0 &&
+        found.changes < acknowledged->changes)
+        throw StoreError("the file is older than what was acknowledged here: put the newer one back, or restore this "
+                         "one with rvzd_server --restore-registry");
+}
+
 void RegistryTrace::leave() {
     const std::string trace = trace_of_registry(file_name_);
     fd_ = UniqueFd(open(trace.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));

@@ -25,6 +25,9 @@ public:
     // What was noted last; nothing where there is no trace, or one of before there were marks.
     std::optional<Mark> mark() const;
 
+    // Throws StoreError where what stands there has not come as far.
+    static void require_not_older(const Mark &found, const std::optional<Mark> &acknowledged);
+
     // Makes it where it is not there, and opens it to be noted in. Throws StoreError.
     void leave();
 

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <poll.h>
 #include <pwd.h>
@@ -13,6 +14,7 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 #include <libpq-fe.h>
 
@@ -48,6 +50,20 @@ const passwd *account() {
     return entry != nullptr ? entry : getpwnam("nobody");
 }
 
+std::filesystem::path directory_of_account() {
+    std::filesystem::path directory = new_directory();
+    const passwd *entry = account();
+    if (geteuid() == 0 && entry != nullptr && chown(directory.c_str(), entry->pw_uid, entry->pw_gid) != 0)
+        throw std::runtime_error("the directory cannot be given away");
+    return directory;
+}
+
+std::vector<pid_t> children_of(pid_t process) {
+    const std::string id = std::to_string(process);
+    std::ifstream list("/proc/" + id + "/task/" + id + "/children");
+    return {std::istream_iterator<pid_t>(list), {}};
+}
+
 // In the child.
 void become_account() {
     if (geteuid() != 0)
@@ -73,14 +89,17 @@ std::string read_file(const std::filesystem::path &name) {
 
 } // namespace
 
-Server::Server() : directory_(new_directory()) {
-    const passwd *entry = account();
-    if (geteuid() == 0 && entry != nullptr && chown(directory_.c_str(), entry->pw_uid, entry->pw_gid) != 0)
-        throw std::runtime_error("the directory cannot be given away");
+Server::Server() : directory_(directory_of_account()) {
     run_program(std::string(INITDB_PROGRAM) + " --no-sync --auth=trust --encoding=UTF8 --locale=C --username=" +
                 superuser + " --pgdata=" + (directory_ / "data").string());
     start();
 }
+
+Server::Server(StandbyOf standby_of) : directory_(directory_of_account()) {
+    follow(standby_of.primary);
+}
+
+Server::Server(Empty /*empty*/) : directory_(directory_of_account()) {}
 
 Server::~Server() {
     stop();
@@ -98,13 +117,13 @@ void Server::run_program(const std::string &words) const {
         throw std::runtime_error(words + ":\n" + read_file(directory_ / "log"));
 }
 
-void Server::start(const std::string &switches) {
+void Server::start(const std::string &switches, const std::string &environment) {
     process_ = fork();
     if (process_ == 0) {
         setpgid(0, 0);
         become_account();
         prctl(PR_SET_PDEATHSIG, SIGQUIT); // a change of the user takes it back
-        run_here(std::string(POSTGRES_PROGRAM) + " -D " + (directory_ / "data").string() + " -k " +
+        run_here("env " + environment + " " POSTGRES_PROGRAM " -D " + (directory_ / "data").string() + " -k " +
                      directory_.string() +
                      " -c listen_addresses= -c fsync=off -c max_connections=100 -c dynamic_shared_memory_type=mmap " +
                      switches,
@@ -130,6 +149,65 @@ void Server::stop() {
     kill(process_, SIGQUIT);
     waitpid(process_, nullptr, 0);
     process_ = 0;
+}
+
+void Server::run_line(const std::string &line) const {
+    const std::filesystem::path programs = std::filesystem::canonical(INITDB_PROGRAM).parent_path();
+    std::ofstream(directory_ / "line") << "export PGHOST=" << directory_.string()
+                                       << " PGDATA=" << (directory_ / "data").string() << " PGUSER=" << superuser
+                                       << " PGDATABASE=postgres PATH=" << programs.string() << ":$PATH\n"
+                                       << line << '\n';
+    run_program("sh " + (directory_ / "line").string());
+}
+
+// It is stopped first: it would start others in place of those that go.
+void Server::kill_all() {
+    if (process_ <= 0)
+        return;
+    kill(process_, SIGSTOP);
+    for (const pid_t child : children_of(process_))
+        kill(child, SIGKILL);
+    kill(process_, SIGKILL);
+    waitpid(process_, nullptr, 0);
+    process_ = 0;
+}
+
+// What the primary demands of its commits comes with its settings, and is not what a standby that is promoted demands.
+void Server::follow(const Server &primary) {
+    stop();
+    std::filesystem::remove_all(directory_ / "data");
+    run_program(std::string(PG_BASEBACKUP_PROGRAM) +
+                " --no-sync --checkpoint=fast --pgdata=" + (directory_ / "data").string() +
+                " --dbname=host=" + primary.directory_.string() + "\\ user=" + superuser);
+    std::ofstream(directory_ / "data/standby.signal").flush();
+    std::ofstream(directory_ / "data/postgresql.auto.conf")
+        << "primary_conninfo = 'host=" << primary.directory_.string() << " user=" << superuser << "'\n";
+    start();
+}
+
+void Server::demand_standby() const {
+    ask("ALTER SYSTEM SET synchronous_standby_names = '*'");
+    ask("SELECT pg_reload_conf()");
+    wait_for("SELECT count(*) > 0 FROM pg_stat_replication WHERE sync_state = 'sync'");
+}
+
+void Server::demand_no_standby() const {
+    ask("ALTER SYSTEM RESET synchronous_standby_names");
+    ask("SELECT pg_reload_conf()");
+}
+
+void Server::promote() const {
+    ask("SELECT pg_promote()");
+    wait_for("SELECT NOT pg_is_in_recovery()");
+}
+
+void Server::wait_for(const std::string &condition) const {
+    for (int i = 0; i < start_attempts; ++i) {
+        if (ask(condition) == "t")
+            return;
+        poll(nullptr, 0, attempt_pause_ms);
+    }
+    throw std::runtime_error("never true: " + condition + "\n" + read_file(directory_ / "log"));
 }
 
 std::string Server::conninfo() const {

@@ -145,6 +145,17 @@ TEST_F(ConfigurationFile, TheStoreIsAFileOrADatabase) {
     EXPECT_EQ(database_of("option store postgresql dbname=c\noption store sqlite\n"), "");
 }
 
+TEST_F(ConfigurationFile, ReadsComeFromTheDatabaseOrItsLastCopy) {
+    const auto reads_from_copy = [](std::string_view text) {
+        return parse_configuration(text, names).configuration.reads_from_copy;
+    };
+    EXPECT_FALSE(reads_from_copy(""));
+    EXPECT_TRUE(reads_from_copy("option store-reads copy\n"));
+    EXPECT_FALSE(reads_from_copy("option store-reads copy\noption store-reads database\n"));
+    EXPECT_THAT(told_of_line("option store-reads file"),
+                ElementsAre(failure("The store-reads are database or copy, not: file")));
+}
+
 TEST_F(ConfigurationFile, AMalformedStoreIsTold) {
     const char *form = "The store is written: option store sqlite, or option store postgresql \"CONNECTION\"";
     for (const char *line : {"option store", "option store oracle", "option store postgresql", "option store sqlite x",

@@ -184,3 +184,27 @@ TEST_F(StoreWorkers, SeesWhatOthersHaveMadeOfTheRegistrysName) {
     worker->wait();
     EXPECT_TRUE(tbs_uuid_eq(&stamps.registry, &name));
 }
+
+TEST_F(StoreWorkers, WhatStandsInAnswersWhileTheStoreIsAway) {
+    start(false);
+    bool is_substitute = false;
+    const auto look = [&](Store &of_thread) {
+        of_thread.stamps(RGY_DB_REGIONS);
+        is_substitute = of_thread.is_substitute();
+    };
+    worker->use([]() -> std::unique_ptr<Store> { throw StoreAway("away"); });
+    ask(look);
+    worker->wait();
+    worker->use_meanwhile([name = file_name()] { return existing_copy(name + ".none"); });
+    ask(look);
+    worker->wait();
+    worker->use_meanwhile([name = file_name()] { return existing_copy(name); });
+    ask(look);
+    worker->wait();
+    EXPECT_THAT(statuses, ElementsAre(TBS_ST_TRY_AGAIN, TBS_ST_TRY_AGAIN, TBS_ST_OK));
+    EXPECT_TRUE(is_substitute);
+    worker->use([name = file_name()] { return existing_store(name); });
+    ask(look);
+    worker->wait();
+    EXPECT_FALSE(is_substitute) << "it is there again";
+}

@@ -45,7 +45,7 @@ DroppingRelay::~DroppingRelay() {
 void DroppingRelay::run() {
     while (!is_over_) {
         pollfd descriptor = {listener_, POLLIN, 0};
-        if (poll(&descriptor, 1, slice_ms) != 1)
+        if (poll(is_holding_ ? nullptr : &descriptor, is_holding_ ? 0 : 1, slice_ms) != 1)
             continue;
         const int client = accept(listener_, nullptr, nullptr);
         const int server = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -60,7 +60,7 @@ void DroppingRelay::run() {
 void DroppingRelay::carry(int client, int server) {
     std::array<char, 65536> bytes;
     bool is_answer_dropped = false;
-    while (!is_over_) {
+    while (!is_over_ && !is_holding_) {
         std::array<pollfd, 2> ends = {{{client, POLLIN, 0}, {server, POLLIN, 0}}};
         if (poll(ends.data(), ends.size(), slice_ms) <= 0)
             continue;
@@ -69,6 +69,8 @@ void DroppingRelay::carry(int client, int server) {
             if (revents == 0)
                 continue;
             if (size <= 0)
+                return;
+            if (pieces_left_ > 0 && --pieces_left_ == 0)
                 return;
             const bool is_commit =
                 fd == client &&

@@ -2,14 +2,15 @@
 #include <tests/unit/store/store_fixture.h>
 
 #include <array>
+#include <atomic>
+#include <thread>
 
 #include <server/registry/moved.h>
 #include <server/registry/postgres_errors.h>
 #include <server/registry/postgres_schema.h>
 #include <server/registry/postgres_store.h>
 #include <server/registry/sqlite.h>
-#include <tests/postgres/server.h>
-#include <tests/unit/store/dropping_relay.h>
+#include <tests/unit/store/postgres_fixture.h>
 
 using namespace velia::server;
 using testing::ElementsAre;
@@ -19,88 +20,6 @@ using testing::SizeIs;
 using velia::postgres_test::Server;
 
 namespace {
-
-enum class Kind { opened, away, busy, uncertain, refused };
-void PrintTo(Kind kind, std::ostream *out) {
-    *out << std::array{"opened", "away", "busy", "uncertain", "refused"}.at(static_cast<size_t>(kind));
-}
-
-template <class Body>
-Kind kind_of(Body &&body, std::string *words = nullptr) {
-    std::string own;
-    std::string &told = words != nullptr ? *words : own;
-    try {
-        body();
-        return Kind::opened;
-    } catch (const StoreAway &error) {
-        told = error.what();
-        return Kind::away;
-    } catch (const StoreBusy &error) {
-        told = error.what();
-        return Kind::busy;
-    } catch (const StoreUncertain &error) {
-        told = error.what();
-        return Kind::uncertain;
-    } catch (const StoreError &error) {
-        told = error.what();
-        return Kind::refused;
-    }
-}
-
-// A database and a user of its own for each test, in a server that may be stopped.
-struct PostgresStoreTest : testing::Test {
-    PostgresStoreTest() {
-        static int number = 0;
-        database = "test" + std::to_string(++number);
-        clerk = "clerk" + std::to_string(number);
-        server.run("CREATE DATABASE " + database);
-    }
-    ~PostgresStoreTest() override { server.set_access("local all all trust\n"); }
-
-    std::string conninfo() const { return conninfo_as("tester"); }
-    std::string conninfo_as(const std::string &user, const std::string &more = "") const {
-        return server.conninfo_as(user, "dbname=" + database + " " + more);
-    }
-    std::string conninfo_over(const DroppingRelay &relay) const {
-        return "host=" + relay.directory() + " user=tester dbname=" + database;
-    }
-    void run(const std::string &sql) const { server.run(sql, database); }
-    std::string ask(const std::string &sql) const { return server.ask(sql, database); }
-
-    std::unique_ptr<Store> open(const std::string &conninfo) {
-        bool is_new = false;
-        return open_postgres_store(conninfo, is_new);
-    }
-    std::unique_ptr<Store> open() { return open(conninfo()); }
-
-    static Store::AddResult add(Store &to, const std::string &name) {
-        const Entry entry = named(name);
-        return to.add(RGY_DB_REGIONS, to.stamps(RGY_DB_REGIONS).pair, entry.identity, entry.text, entry.items);
-    }
-    static uint64_t count(Store &of) { return of.count(RGY_DB_REGIONS); }
-
-    // Again and again while it is away.
-    template <class Body>
-    static bool comes_back(Body &&body) {
-        for (int i = 0; i < 400; ++i) {
-            if (kind_of(body) == Kind::opened)
-                return true;
-            usleep(50'000);
-        }
-        return false;
-    }
-    void end_connections() {
-        server.run("SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE application_name = 'rvzd_server'");
-    }
-
-    Kind opening(const std::string &conninfo, std::string *words = nullptr) {
-        return kind_of([&] { open(conninfo); }, words);
-    }
-
-    Server &server = velia::postgres_test::server();
-    std::string database;
-    std::string clerk;
-};
 
 struct CodeRow {
     const char *code;
@@ -334,6 +253,15 @@ TEST_F(PostgresStoreTest, ACommitThatCannotBeAskedAfterIsUncertain) {
               }),
               Kind::uncertain);
     wait_for_others(usual_wait_for_others_ms);
+}
+
+TEST_F(PostgresStoreTest, ASessionThatWouldNotWaitForAStandbyDoes) {
+    for (const char *setting : {"off", "local"}) {
+        run("ALTER DATABASE " + database + " SET synchronous_commit = " + setting);
+        Postgres connection(conninfo());
+        connection.connect();
+        EXPECT_EQ(connection.run("SHOW synchronous_commit").text(0, 0), "on") << setting;
+    }
 }
 
 TEST_F(PostgresStoreTest, ARegistryGoesToAFileAndBack) {
