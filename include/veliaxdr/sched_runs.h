@@ -38,6 +38,7 @@ typedef struct sched_run_output {
  * What the run of the job that began at `started` has put out from the byte `offset` on: `size_max` bytes at most, and
  * SCHED_RUN_PIECE_MAX. With 0 as start the run that is on, or else the last one. A piece without bytes is the end for
  * now, and for good where `ended` is not 0. TBS_ST_NOT_FOUND: there is no such run, or its output is kept no more.
+ * TBS_ST_UNSUPPORTED: another host's daemon has it, see sched_get_job_hosts.
  * Released by sched_run_free_output.
  */
 tbs_status_t sched_run_get_output(sched_h_t handle, sched_job_id_t job, time_t started, uint64_t offset,
@@ -98,6 +99,29 @@ tbs_status_t sched_get_next_runs(sched_h_t handle, sched_job_id_t job, time_t af
                                  uint32_t *count, sched_next_run_t **next_runs);
 void sched_free_next_runs(sched_h_t handle, uint32_t count, sched_next_run_t **next_runs);
 
+/* Where several daemons have the jobs together: the hosts of one. */
+typedef struct sched_job_host {
+    sched_job_id_t job_id;
+    char *host;     /* that has to run it; empty: any */
+    char *run_host; /* of the run that is on, or else of the last one, whose output is there; empty: none of a host */
+} sched_job_host_t;
+
+/*
+ * Names the host whose daemon has to run the job from now on, as that daemon names its host; with the empty name, or
+ * null, any may. Where there is no such daemon, starts wait for it. TBS_ST_NOT_FOUND: there is no such job;
+ * TBS_ST_NO_ACCESS: it is somebody else's; TBS_ST_UNSUPPORTED: this scheduler has its jobs alone.
+ */
+tbs_status_t sched_job_set_host(sched_h_t handle, sched_job_id_t job, const char *host);
+
+/*
+ * Jobs behind the number `after` of which there is a host to tell, by their numbers: `count_max` of them at most, and
+ * SCHED_JOB_HOSTS_MAX. None are left where fewer come. Released by sched_free_job_hosts.
+ */
+enum { SCHED_JOB_HOSTS_MAX = 1024 };
+tbs_status_t sched_get_job_hosts(sched_h_t handle, sched_job_id_t after, uint32_t count_max, uint32_t *count,
+                                 sched_job_host_t **hosts);
+void sched_free_job_hosts(sched_h_t handle, uint32_t count, sched_job_host_t **hosts);
+
 /* ---- requests and replies ---- */
 
 typedef struct sched_run_output_request {
@@ -146,10 +170,31 @@ typedef struct sched_next_runs_reply {
     sched_next_run_t *next_runs;
 } sched_next_runs_reply_t;
 
+typedef struct sched_set_host_request {
+    sched_job_id_t job_id;
+    char *host;
+} sched_set_host_request_t;
+
+typedef struct sched_set_host_reply {
+    tbs_status_t status;
+} sched_set_host_reply_t;
+
+typedef struct sched_job_hosts_request {
+    sched_job_id_t after;
+    uint32_t count_max;
+} sched_job_hosts_request_t;
+
+typedef struct sched_job_hosts_reply {
+    tbs_status_t status;
+    uint32_t count;
+    sched_job_host_t *hosts;
+} sched_job_hosts_reply_t;
+
 bool_t xdr_sched_run_output_t(XDR *xdrs, sched_run_output_t *record);
 bool_t xdr_sched_run_t(XDR *xdrs, sched_run_t *record);
 bool_t xdr_sched_change_t(XDR *xdrs, sched_change_t *record);
 bool_t xdr_sched_next_run_t(XDR *xdrs, sched_next_run_t *record);
+bool_t xdr_sched_job_host_t(XDR *xdrs, sched_job_host_t *record);
 #define SCHED_DECLARE_ROUTINES(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER)                                     \
     bool_t xdr_##REQUEST(XDR *xdrs, REQUEST *record);                                                                  \
     bool_t xdr_##REPLY(XDR *xdrs, REPLY *record);

@@ -62,6 +62,14 @@ TEST(RunsAgreement, AFieldMeansTheSameOnBothSides) {
     EXPECT_EQ(next_twin.at, 1);
     EXPECT_EQ(next_twin.utc_offset, -2);
     EXPECT_EQ(next_twin.clock_shift, 3U);
+
+    sched_job_host_t host = {1, text, where};
+    runs_host host_twin = {};
+    ASSERT_TRUE(decode(xdr_runs_host, sent(xdr_sched_job_host_t, host), host_twin));
+    EXPECT_EQ(host_twin.job, 1U);
+    EXPECT_STREQ(host_twin.host, "abc");
+    EXPECT_STREQ(host_twin.run_host, "where");
+    release(xdr_runs_host, host_twin);
 }
 
 TEST(RunsAgreement, APieceThatIsTooLongIsRefused) {

@@ -64,3 +64,24 @@ bool_t xdr_sched_next_runs_reply_t(XDR *xdrs, sched_next_runs_reply_t *record) {
     return xdr_tbs_status_t(xdrs, &record->status) && xdr_u_int(xdrs, &record->count) &&
            code_elements<sched_next_run_t, xdr_sched_next_run_t>(xdrs, record->next_runs, record->count);
 }
+
+bool_t xdr_sched_job_host_t(XDR *xdrs, sched_job_host_t *record) {
+    return xdr_sched_job_id_t(xdrs, &record->job_id) && text(xdrs, record->host) && text(xdrs, record->run_host);
+}
+
+bool_t xdr_sched_set_host_request_t(XDR *xdrs, sched_set_host_request_t *record) {
+    return xdr_sched_job_id_t(xdrs, &record->job_id) && text(xdrs, record->host);
+}
+
+bool_t xdr_sched_set_host_reply_t(XDR *xdrs, sched_set_host_reply_t *record) {
+    return xdr_tbs_status_t(xdrs, &record->status);
+}
+
+bool_t xdr_sched_job_hosts_request_t(XDR *xdrs, sched_job_hosts_request_t *record) {
+    return xdr_sched_job_id_t(xdrs, &record->after) && xdr_u_int(xdrs, &record->count_max);
+}
+
+bool_t xdr_sched_job_hosts_reply_t(XDR *xdrs, sched_job_hosts_reply_t *record) {
+    return xdr_tbs_status_t(xdrs, &record->status) && xdr_u_int(xdrs, &record->count) &&
+           code_elements<sched_job_host_t, xdr_sched_job_host_t>(xdrs, record->hosts, record->count);
+}

@@ -32,6 +32,8 @@ protected:
     static bool is_empty(const sched_run_history_reply_t &reply) { return reply.count == 0; }
     static bool is_empty(const sched_changes_reply_t &reply) { return reply.count == 0; }
     static bool is_empty(const sched_next_runs_reply_t &reply) { return reply.count == 0; }
+    static bool is_empty(const sched_job_hosts_reply_t &reply) { return reply.count == 0; }
+    static bool is_empty(const sched_set_host_reply_t & /*reply*/) { return false; }
 
     void run(const Case &each, bool wanted = true) {
         output = {};
@@ -39,6 +41,7 @@ protected:
         runs = nullptr;
         changes = nullptr;
         next_runs = nullptr;
+        hosts = nullptr;
         status = each.call(scheduler, wanted);
     }
 
@@ -47,6 +50,7 @@ protected:
     sched_run_t *runs = nullptr;
     sched_change_t *changes = nullptr;
     sched_next_run_t *next_runs = nullptr;
+    sched_job_host_t *hosts = nullptr;
     tbs_status_t status = 0;
 
     const std::vector<Case> cases = {
@@ -66,6 +70,11 @@ protected:
              return sched_get_next_runs(h, 7, 11, 1000, w ? &count : nullptr, w ? &next_runs : nullptr);
          },
          [this](sched_h_t h) { sched_free_next_runs(h, count, &next_runs); }},
+        {row::sched_get_job_hosts.name, row::sched_get_job_hosts.number,
+         [this](sched_h_t h, bool w) {
+             return sched_get_job_hosts(h, 7, 5000, w ? &count : nullptr, w ? &hosts : nullptr);
+         },
+         [this](sched_h_t h) { sched_free_job_hosts(h, count, &hosts); }},
     };
 };
 
@@ -87,6 +96,9 @@ TEST_F(RunCalls, SendWhatTheyAreGivenWithinTheBounds) {
         } else if (each.procedure == row::sched_get_next_runs.number) {
             sched_next_runs_request_t sent = {7, 11, SCHED_NEXT_RUNS_MAX};
             expected = sim::encode(xdr_sched_next_runs_request_t, sent);
+        } else if (each.procedure == row::sched_get_job_hosts.number) {
+            sched_job_hosts_request_t sent = {7, SCHED_JOB_HOSTS_MAX};
+            expected = sim::encode(xdr_sched_job_hosts_request_t, sent);
         } else {
             sched_changes_request_t sent = {7, 11, SCHED_CHANGES_MAX};
             expected = sim::encode(xdr_sched_changes_request_t, sent);
@@ -103,13 +115,14 @@ TEST_F(RunCalls, GiveTheirOutputsWithTheServersStatusAndReleaseThem) {
             SCOPED_TRACE(each.name);
             run(each);
             EXPECT_EQ(status, wanted);
-            EXPECT_TRUE(output.size != 0 ||
-                        (count != 0 && (runs != nullptr || changes != nullptr || next_runs != nullptr)));
+            EXPECT_TRUE(output.size != 0 || (count != 0 && (runs != nullptr || changes != nullptr ||
+                                                            next_runs != nullptr || hosts != nullptr)));
             each.release(scheduler);
             EXPECT_EQ(output.bytes, nullptr);
             EXPECT_EQ(runs, nullptr);
             EXPECT_EQ(changes, nullptr);
             EXPECT_EQ(next_runs, nullptr);
+            EXPECT_EQ(hosts, nullptr);
             EXPECT_EQ(sim::Holdings::now(world), before);
         }
         EXPECT_THAT(world.take_messages(), ElementsAre());
@@ -127,6 +140,21 @@ TEST_F(RunCalls, WhoseOutputsAreNotWantedReleaseThem) {
     sched_run_free_history(scheduler, 3, nullptr);
     sched_free_changes(scheduler, 3, nullptr);
     sched_free_next_runs(scheduler, 3, nullptr);
+    sched_free_job_hosts(scheduler, 3, nullptr);
+}
+
+TEST_F(RunCalls, AHostIsNamedWithItsJobAndNoneWithTheEmptyName) {
+    char name[] = "beta";
+    char nothing[] = "";
+    for (const tbs_status_t wanted : {TBS_ST_OK, TBS_ST_UNSUPPORTED}) {
+        answer_all(wanted);
+        for (char *host : {name, nothing}) {
+            sched_set_host_request_t sent = {7, host};
+            EXPECT_EQ(sched_job_set_host(scheduler, 7, *host != '\0' ? host : nullptr), wanted);
+            EXPECT_EQ(world.peer.last().request, sim::encode(xdr_sched_set_host_request_t, sent));
+            EXPECT_EQ(sim::Holdings::now(world), before);
+        }
+    }
 }
 
 TEST_F(RunCalls, WhoseRpcFailsSaySoUnderTheirNames) {

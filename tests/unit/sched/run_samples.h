@@ -66,5 +66,24 @@ inline void fill(Sampler &s, sched_next_runs_reply_t &r) {
     for (uint32_t i = 0; i < r.count; ++i)
         r.next_runs[i] = {s.time(), s.signed_word(), static_cast<uint32_t>(s.word())};
 }
+inline void fill(Sampler &s, sched_job_host_t &r) {
+    r = {static_cast<uint32_t>(s.word()), s.text(sched_text_longest), s.text(sched_text_longest)};
+}
+inline void fill(Sampler &s, sched_set_host_request_t &r) {
+    r = {static_cast<uint32_t>(s.word()), s.text(sched_text_longest)};
+}
+inline void fill(Sampler &s, sched_set_host_reply_t &r) {
+    r.status = s.signed_word();
+}
+inline void fill(Sampler &s, sched_job_hosts_request_t &r) {
+    r = {static_cast<uint32_t>(s.word()), static_cast<uint32_t>(s.word())};
+}
+inline void fill(Sampler &s, sched_job_hosts_reply_t &r) {
+    r.status = s.signed_word();
+    r.count = static_cast<uint32_t>(s.number(sched_elements_most));
+    r.hosts = s.array<sched_job_host_t>(r.count);
+    for (uint32_t i = 0; i < r.count; ++i)
+        fill(s, r.hosts[i]);
+}
 
 } // namespace wire_tests

@@ -103,3 +103,19 @@ tbs_status_t sched_get_next_runs(sched_h_t handle, sched_job_id_t job, time_t af
 void sched_free_next_runs(sched_h_t handle, uint32_t count, sched_next_run_t **next_runs) {
     release_list(handle, row::sched_get_next_runs, &sched_next_runs_reply_t::next_runs, count, next_runs);
 }
+
+tbs_status_t sched_job_set_host(sched_h_t handle, sched_job_id_t job, const char *host) {
+    const sched_set_host_request_t request = {job, const_cast<char *>(host)};
+    return call_own<row::sched_job_set_host>(handle, request, take_nothing);
+}
+
+tbs_status_t sched_get_job_hosts(sched_h_t handle, sched_job_id_t after, uint32_t count_max, uint32_t *count,
+                                 sched_job_host_t **hosts) {
+    const sched_job_hosts_request_t request = {after, std::min<uint32_t>(count_max, SCHED_JOB_HOSTS_MAX)};
+    return call_own<row::sched_get_job_hosts>(handle, request,
+                                              handing_over(count, hosts, &sched_job_hosts_reply_t::hosts));
+}
+
+void sched_free_job_hosts(sched_h_t handle, uint32_t count, sched_job_host_t **hosts) {
+    release_list(handle, row::sched_get_job_hosts, &sched_job_hosts_reply_t::hosts, count, hosts);
+}
