@@ -26,6 +26,7 @@
 #include <server/registry/saved.h>
 #include <server/registry/service.h>
 #include <server/scheduler/keeper.h>
+#include <server/scheduler/moved_jobs.h>
 #include <support/fileutl.h>
 #include <support/ks.h>
 #include <veliaxdr/rgy_manage.h>
@@ -189,6 +190,14 @@ int move_registry_to(const std::string &place_name) {
                               [&] { move_registry_of_host(place_name); });
 }
 
+int move_jobs_to(const std::string &place_name) {
+    const auto place = LocalPlace::take();
+    return !place ? EXIT_FAILURE
+                  : told_work("The jobs were not moved to",
+                              place_name == "sqlite" ? jobs_file() : told_conninfo(place_name),
+                              [&] { move_jobs_of_host(place_name); });
+}
+
 int check_registry_in(const std::string &given) {
     const std::string file_name = given.empty() ? registry_file() : given;
     return told_work("The registry is not whole in", file_name, [&] {
@@ -210,6 +219,7 @@ bool take_store_of(const CommandLine &line) {
     const auto read = read_configuration(line.config_file, system_names());
     print_configuration_errors(line.config_file, read.errors);
     keep_registry_in(read.configuration.registry_database);
+    read_registry_from_copy(read.configuration.reads_from_copy);
     return read.errors.empty();
 }
 
@@ -219,6 +229,8 @@ std::optional<int> run_single_work(const CommandLine &line) {
         return EXIT_FAILURE;
     if (!line.move_registry.empty())
         return move_registry_to(line.move_registry);
+    if (!line.move_jobs.empty())
+        return move_jobs_to(line.move_jobs);
     if (line.set_registry_password)
         return set_registry_password();
     if (!line.save_registry.empty())
@@ -254,6 +266,7 @@ int run(CommandLine &line, std::optional<Log> &log) {
     }
     Log::set_options(read.configuration.log);
     keep_registry_in(read.configuration.registry_database);
+    read_registry_from_copy(read.configuration.reads_from_copy);
     run_with_configuration(line.config_file);
     umask(private_umask);
     auto place = LocalPlace::take();

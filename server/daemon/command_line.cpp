@@ -79,6 +79,10 @@ void declare(CLI::App &app, CommandLine &line) {
                    "move the registry from where the configuration has it into the PostgreSQL database of this "
                    "connection string, or with \"sqlite\" into this host's file, and end; no daemon of it may run")
         ->type_name("PLACE");
+    app.add_option(
+           "--move-jobs", line.move_jobs,
+           "move the jobs of the scheduler in the same way, with their runs, and end; no daemon of them may run")
+        ->type_name("PLACE");
     app.add_option("--check-registry", line.check_registry,
                    "look whether the registry that was saved in FILE, or without FILE this host's, is whole, and end")
         ->type_name("FILE")

@@ -24,12 +24,13 @@ struct CommandLine {
     std::string save_registry;                 // to this file
     std::string restore_registry;              // from this file
     std::string move_registry;                 // into this database, or "sqlite": into this host's file
+    std::string move_jobs;                     // the same
     std::optional<std::string> check_registry; // a saved one; the empty name: this host's
 
     // It is no daemon, and its end is nobody's concern but of who started it.
     bool is_single_work() const {
         return copy_registry || look_at_site || check_config || check_registry || !save_registry.empty() ||
-               !restore_registry.empty() || !move_registry.empty();
+               !restore_registry.empty() || !move_registry.empty() || !move_jobs.empty();
     }
 };
 

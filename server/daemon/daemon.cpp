@@ -14,6 +14,7 @@
 #include <server/daemon/metrics.h>
 #include <server/messages.h>
 #include <server/rights/socket_owner.h>
+#include <support/sysutl.h>
 #include <support/tbs.h>
 
 namespace velia::server {
@@ -63,7 +64,11 @@ Daemon::Daemon(uv_loop_t *loop, Listeners listeners, std::string config_file, co
       gate_([this](int32_t pid, const Caller &caller) { return table_.is_child(pid) && owns_socket(pid, caller); }),
       site_procedures_(loop, registry_, gate_), status_procedures_(calls_, [this] { return figures(); }),
       scheduler_(loop), scheduler_procedures_(scheduler_, gate_), dispatcher_(RVZD_PROGRAM, RVZD_VERSION, gate_, {}),
-      metrics_(loop, [this] { return metrics_text(figures(), registry_bytes(), calls_, time(nullptr)); }),
+      metrics_(loop,
+               [this] {
+                   const auto now = figures();
+                   return metrics_text(now, registry_bytes(now.registry), calls_, time(nullptr));
+               }),
       due_timer_(loop, [this] { run_due(); }), stop_timer_(loop, [this] { stop(); }),
       role_timer_(loop, [this] { registry_.follow_role_file(); }), reader_(loop, reader_shape) {
     for (auto &fd : listeners.udp)
@@ -82,7 +87,10 @@ Daemon::Daemon(uv_loop_t *loop, Listeners listeners, std::string config_file, co
     watch_role();
     apply(configuration, Accounts(configuration.services));
     registry_.take_role_at_once();
-    scheduler_.open();
+    if (is_registry_shared())
+        scheduler_.open_shared(registry_database(), sysutl_myhostname());
+    else
+        scheduler_.open();
 }
 
 // The role's file is written in place: it is looked at when its writer has had time to finish.
@@ -103,7 +111,7 @@ void Daemon::apply(const Configuration &configuration, Accounts accounts) {
     registry_.set_copy_interval(configuration.options.registry_copy_s);
     scheduler_.configure({configuration.tasks, configuration.notify_program, configuration.options.jobs_max,
                           configuration.options.catch_up_s, configuration.options.job_output_mib,
-                          configuration.schedule});
+                          configuration.options.take_over_s, configuration.schedule});
     configured_.services = static_cast<uint32_t>(configuration.services.size());
     configured_.connections_max = configuration.options.connections_max;
     const uint32_t protocol = configuration.options.protocol;
@@ -129,7 +137,7 @@ DaemonFigures Daemon::figures() const {
         figures.servers_busy += process.state == ProcessState::busy ? 1 : 0;
     }
     figures.registry = registry_.standing();
-    figures.takes_updates = registry_.refusal_of_update() == TBS_ST_OK;
+    figures.takes_updates = registry_.takes_updates();
     return figures;
 }
 

@@ -5,27 +5,11 @@
 #include <server/metrics/exposition.h>
 #include <support/sysutl.h>
 #include <veliaxdr/rgy_local.h>
-#include <veliaxdr/rvzd_procedures.h>
+#include <veliaxdr/rvzd_procedure_names.hpp>
 
 namespace velia::server {
 
 namespace {
-
-struct ProcedureName {
-    uint32_t number;
-    const char *name;
-};
-#define NAME_OF_ROW(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER) {NUMBER, #NAME},
-constexpr ProcedureName procedure_names[] = {RVZD_PROCEDURES(NAME_OF_ROW) RVZD_SCHEDULER_PROCEDURES(NAME_OF_ROW)
-                                                 RVZD_RUN_PROCEDURES(NAME_OF_ROW) RVZD_SET_PROCEDURES(NAME_OF_ROW)};
-#undef NAME_OF_ROW
-
-std::string name_of_procedure(uint32_t number) {
-    for (const auto &row : procedure_names)
-        if (row.number == number)
-            return row.name;
-    return "procedure_" + std::to_string(number);
-}
 
 bool is_copy(int32_t role) {
     return role != RGY_SVR_MASTER && role != RGY_SVR_NONE;
@@ -79,7 +63,7 @@ void add_registry(const DaemonFigures &figures, const RegistryBytes &bytes, time
 void add_calls(const CallFigures &calls, Exposition &page) {
     page.family("velia_request_duration_seconds", "histogram", "From a call to its answer, by procedure.");
     for (const auto &spread : calls.spreads()) {
-        const std::string procedure = name_of_procedure(spread.procedure);
+        const std::string procedure = procedure_name(spread.procedure);
         for (size_t i = 0; i < spread.up_to.size(); ++i)
             page.sample({{"procedure", procedure}, {"le", seconds_text(CallFigures::bounds_us[i])}}, spread.up_to[i],
                         "_bucket");

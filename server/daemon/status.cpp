@@ -29,7 +29,9 @@ std::string version_text() {
     return text;
 }
 
-RegistryBytes registry_bytes() {
+RegistryBytes registry_bytes(const RegistryService::Standing &registry) {
+    if (is_registry_shared())
+        return {registry.size_bytes, 0};
     return {bytes_of(registry_file()), bytes_of(registry_file() + "-wal")};
 }
 
@@ -51,7 +53,7 @@ tbs_status_t StatusProcedures::status(const rvzd_daemon_status_req_t & /*request
     record.servers = figures.servers;
     record.servers_busy = figures.servers_busy;
     record.registry_entries = figures.registry.entries;
-    const RegistryBytes bytes = registry_bytes();
+    const RegistryBytes bytes = registry_bytes(figures.registry);
     record.registry_bytes = bytes.file;
     record.registry_log_bytes = bytes.log;
     auto &rows = reply.arena.keep(std::vector<rvzd_procedure_figures_t>());

@@ -25,12 +25,12 @@ struct DaemonFigures {
     bool takes_updates = false;
 };
 
-// Of the registry's file, and of the log beside it.
+// Of the registry's file, and of the log beside it; of one in a database what it takes there.
 struct RegistryBytes {
     uint64_t file = 0;
     uint64_t log = 0;
 };
-RegistryBytes registry_bytes();
+RegistryBytes registry_bytes(const RegistryService::Standing &registry);
 
 std::string version_text();
 

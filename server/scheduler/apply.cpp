@@ -41,12 +41,9 @@ std::string name_in(const std::string &body) {
     return decoded.get().rw.name;
 }
 
-std::vector<std::string> names_of(const JobSet &set) {
-    std::vector<std::string> names;
-    for (const auto *list : {&set.added, &set.changed})
-        for (const auto &row : *list)
-            names.push_back(name_in(row.body));
-    return names;
+bool is_sequential(const std::string &body) {
+    JobBody decoded(body);
+    return decoded.get().rw.schedule.kind == SCHED_KIND_SEQUENTIAL;
 }
 
 // A row of the set whose job follows one that is created by the set, too.
@@ -80,6 +77,7 @@ std::vector<Link> take_rows(const StagedSet &set, Jobs &jobs, JobSet &rows) {
         JobRow row = is_added ? JobRow{} : jobs.find(change.id)->row;
         if (is_added)
             row.owner = set.uid;
+        row.replaces = 0; // all jobs are as the caller knows them, or nothing is done
         row.body = change.body;
         row.changed_start = now;
         row.considered = std::max<int64_t>(row.considered, now - 1);
@@ -378,6 +376,18 @@ tbs_status_t SchedulerProcedures::judge(const StagedSet &set, const Caller &call
     return status == TBS_ST_OK ? outlook.look_together(fault) : status;
 }
 
+SchedulerProcedures::Touched SchedulerProcedures::touched_by(const JobSet &set) {
+    Touched touched;
+    for (const auto *list : {&set.added, &set.changed})
+        for (const auto &row : *list)
+            touched.names.emplace_back(name_in(row.body), row.id);
+    for (const auto &row : set.changed) {
+        touched.changed.push_back(row.id);
+        touched.is_link = touched.is_link || is_sequential(row.body);
+    }
+    return touched;
+}
+
 // The numbers of new jobs are known before they are written, and so are those of what follows them.
 void SchedulerProcedures::apply(const StagedSet &set, const Caller &caller, To<sched_set_apply_reply_t> answer) {
     sched_set_fault_t fault = {};
@@ -386,37 +396,30 @@ void SchedulerProcedures::apply(const StagedSet &set, const Caller &caller, To<s
         return answer(judged, {judged, 0, fault, 0});
     const auto rows = rows_of(set, scheduler_.jobs());
     const auto is_done = std::make_shared<bool>(false);
-    const auto names = names_of(*rows);
-    for (const auto &name : names)
-        ++names_on_the_way_[name];
-    const auto forget_names = [this, names] {
-        for (const auto &name : names)
-            names_on_the_way_.erase(name);
-    };
-    const bool is_taken = scheduler_.ask(
-        sender_of(caller),
-        [rows, is_done, now = time(nullptr), doer = doer_of(caller)](JobStore &store) {
-            for (auto *list : {&rows->added, &rows->changed})
-                for (auto &row : *list)
-                    row.changed = deed_of(doer, row.changed_start);
-            for (auto &row : rows->added)
-                row.created = row.changed;
-            for (auto &note : rows->notes)
-                note.deed = deed_of(doer, now);
-            *is_done = store.apply(*rows);
-        },
-        [this, rows, is_done, forget_names, answer](tbs_status_t done) {
-            forget_names();
-            const tbs_status_t status = done != TBS_ST_OK || *is_done ? done : tbs_status_t{TBS_ST_STALE_ID};
-            const sched_job_id_t first = rows->added.empty() ? 0 : rows->added.front().id;
-            if (status == TBS_ST_OK)
-                has_applied(*rows);
-            answer(status, {status, 0, {}, status == TBS_ST_OK ? first : 0});
-        });
-    if (is_taken)
-        return;
-    forget_names();
-    answer(TBS_ST_TRY_AGAIN, {});
+    const auto touched = touched_by(*rows);
+    const bool is_taken =
+        may_touch(touched) && write(
+                                  caller, touched,
+                                  [rows, is_done, now = time(nullptr), doer = doer_of(caller)](JobStore &store) {
+                                      for (auto *list : {&rows->added, &rows->changed})
+                                          for (auto &row : *list)
+                                              row.changed = deed_of(doer, row.changed_start);
+                                      for (auto &row : rows->added)
+                                          row.created = row.changed;
+                                      for (auto &note : rows->notes)
+                                          note.deed = deed_of(doer, now);
+                                      *is_done = store.apply(*rows);
+                                  },
+                                  [this, rows, is_done, answer](tbs_status_t done) {
+                                      const tbs_status_t status =
+                                          done != TBS_ST_OK || *is_done ? done : tbs_status_t{TBS_ST_STALE_ID};
+                                      const sched_job_id_t first = rows->added.empty() ? 0 : rows->added.front().id;
+                                      if (status == TBS_ST_OK)
+                                          has_applied(*rows);
+                                      answer(status, {status, 0, {}, status == TBS_ST_OK ? first : 0});
+                                  });
+    if (!is_taken)
+        answer(TBS_ST_TRY_AGAIN, {});
 }
 
 void SchedulerProcedures::has_applied(const JobSet &set) {

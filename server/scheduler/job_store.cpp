@@ -85,6 +85,14 @@ struct Statements {
           change(database, "UPDATE job SET body = ?2, owner = ?3, changed_who = ?4, changed_where = ?5, "
                            "changed_when = ?6, considered = max(considered, ?7), changed_start = ?8 WHERE id = ?1"),
           remove(database, "DELETE FROM job WHERE id = ?1"),
+          put_job(database, "INSERT INTO job (id, body, owner, created_who, created_where, created_when, changed_who, "
+                            "changed_where, changed_when, considered, changed_start, predefined, "
+                            "definition) VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13)"),
+          put_run(database, "INSERT INTO run (job, started, due, ended, exit_status, process_id, messages) "
+                            "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7)"),
+          put_note(database, "INSERT INTO change (number, who, place, time, what, job, job_name, fields) "
+                             "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)"),
+          drop(database, "INSERT OR IGNORE INTO dropped VALUES (?1)"),
           consider(database, "UPDATE job SET considered = max(considered, ?2) WHERE id = ?1"),
           set_considered(database, "UPDATE job SET considered = ?2 WHERE id = ?1"),
           begin(database, "INSERT INTO run (job, started, due, ended, exit_status, process_id, messages) "
@@ -105,8 +113,9 @@ struct Statements {
           changes(database, "SELECT number, who, place, time, what, job, job_name, fields FROM change "
                             "WHERE job = ?3 AND number < ?1 ORDER BY number DESC LIMIT ?2") {}
 
-    Statement jobs, runs, bodies, numbers, owed, dropped, forget_dropped, get, add, change, remove, consider,
-        set_considered, begin, forget, end, keep_youngest, owe, pay, set, note, drop_notes, all_changes, changes;
+    Statement jobs, runs, bodies, numbers, owed, dropped, forget_dropped, get, add, change, remove, put_job, put_run,
+        put_note, drop, consider, set_considered, begin, forget, end, keep_youngest, owe, pay, set, note, drop_notes,
+        all_changes, changes;
 };
 
 std::optional<int64_t> stored_owner(const JobRow &row) {
@@ -165,11 +174,11 @@ public:
         return changes_one(statements_->change.with(row.id, row.body, stored_owner(row), row.changed.who,
                                                     row.changed.where, row.changed.when, row.considered,
                                                     row.changed_start),
-                           &change, row.id);
+                           change, row.id);
     }
 
     bool remove(sched_job_id_t id, const ChangeRow &change) override {
-        return changes_one(statements_->remove.with(id), &change, id);
+        return changes_one(statements_->remove.with(id), change, id);
     }
 
     std::vector<ChangeRow> changes(sched_job_id_t job, int64_t before, uint32_t count_max) override {
@@ -211,10 +220,6 @@ public:
         transaction.commit();
     }
 
-    void consider(sched_job_id_t id, int64_t considered) override {
-        changes_one(statements_->consider.with(id, considered), nullptr, id);
-    }
-
     void begin(const RunRow &run) override {
         Transaction transaction(database_);
         statements_->begin.with(run.job, run.started, run.due).run();
@@ -223,10 +228,12 @@ public:
         transaction.commit();
     }
 
-    void forget(const RunRow &run, int64_t considered) override {
+    void forget(const RunRow &run, int64_t considered, bool is_owed) override {
         Transaction transaction(database_);
         statements_->forget.with(run.job, run.started).run();
         statements_->set_considered.with(run.job, considered).run();
+        if (is_owed)
+            statements_->owe.with(run.job).run();
         transaction.commit();
     }
 
@@ -251,6 +258,32 @@ public:
         transaction.commit();
         for (auto *step : done)
             step->is_done = true;
+    }
+
+    sched_job_id_t last_number() override { return next_number() - 1; }
+
+    void put_all(const JobStock &stock) override {
+        Transaction transaction(database_);
+        if (!read().jobs.empty())
+            throw StoreError("there are jobs already");
+        database_.run("DELETE FROM change; DELETE FROM dropped");
+        for (const auto &row : stock.contents.jobs)
+            statements_->put_job
+                .with(row.id, row.body, stored_owner(row), row.created.who, row.created.where, row.created.when,
+                      row.changed.who, row.changed.where, row.changed.when, row.considered, row.changed_start,
+                      uint32_t{row.is_predefined}, row.definition)
+                .run();
+        for (const auto &run : stock.contents.runs)
+            statements_->put_run
+                .with(run.job, run.started, run.due, run.ended, run.exit_status, run.process_id, run.messages)
+                .run();
+        for (const auto &each : stock.notes)
+            statements_->put_note
+                .with(each.number, each.deed.who, each.deed.where, each.deed.when, each.what, each.job, each.job_name,
+                      each.fields)
+                .run();
+        put_rest(stock);
+        transaction.commit();
     }
 
     void set_acl(const std::string &acl, const ChangeRow &change) override {
@@ -279,16 +312,23 @@ private:
         try {
             if (step.what == RunStep::What::begin)
                 begin(step.run);
-            else if (step.what == RunStep::What::end)
+            else if (step.what == RunStep::What::end || step.what == RunStep::What::lose)
                 end(step.run, step.owed, step.removal);
             else
-                consider(step.run.job, step.run.due);
+                pass_over(step.run);
             return true;
         } catch (const StoreError &) {
             if (!database_.is_in_transaction())
                 throw;
             return false;
         }
+    }
+
+    void pass_over(const RunRow &run) {
+        Transaction transaction(database_);
+        statements_->consider.with(run.job, run.due).run();
+        statements_->pay.with(run.job).run();
+        transaction.commit();
     }
 
     // In the transaction of what it tells of.
@@ -298,6 +338,19 @@ private:
                   change.fields)
             .run();
         statements_->drop_notes.with(database_.last_row_id() - changes_kept).run();
+    }
+
+    void put_rest(const JobStock &stock) {
+        for (const auto job : stock.contents.owed)
+            statements_->owe.with(job).run();
+        for (const auto &definition : stock.contents.dropped)
+            statements_->drop.with(definition).run();
+        statements_->set.with(acl_setting, stock.contents.acl).run();
+        const std::string last = std::to_string(stock.last_number);
+        database_.run(("INSERT INTO sqlite_sequence SELECT 'job', 0 WHERE NOT EXISTS (SELECT 1 FROM sqlite_sequence "
+                       "WHERE name = 'job'); UPDATE sqlite_sequence SET seq = max(seq, " +
+                       last + ") WHERE name = 'job'")
+                          .c_str());
     }
 
     uint64_t state() {
@@ -316,12 +369,12 @@ private:
         return static_cast<sched_job_id_t>(last + 1);
     }
 
-    bool changes_one(Statement &statement, const ChangeRow *change, sched_job_id_t job) {
+    bool changes_one(Statement &statement, const ChangeRow &change, sched_job_id_t job) {
         Transaction transaction(database_);
         statement.run();
         const bool is_changed = database_.changed_rows() == 1;
-        if (is_changed && change != nullptr)
-            note(*change, job);
+        if (is_changed)
+            note(change, job);
         transaction.commit();
         return is_changed;
     }
@@ -331,6 +384,12 @@ private:
 };
 
 } // namespace
+
+uint64_t mark_of(std::string_view body) {
+    JobsState state;
+    state.add(0, body);
+    return state.value() | 1;
+}
 
 void JobsState::add(sched_job_id_t id, std::string_view body) {
     constexpr uint64_t prime = 0x100000001B3;

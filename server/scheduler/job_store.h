@@ -32,7 +32,14 @@ struct JobRow {
     int64_t changed_start = 0; // what "now" is, and nothing before it is made
     bool is_predefined = false;
     std::string definition; // of a predefined one: what it was made of
+
+    // Where several daemons have the jobs.
+    std::string host = {}; // that has to run it; empty: any
+    uint64_t replaces = 0; // of a change: the mark of the body that it was made of; 0: of whatever is there
 };
+
+// Tells one body from another; never 0.
+uint64_t mark_of(std::string_view body);
 
 // One run. A job and a start name it.
 struct RunRow {
@@ -43,6 +50,10 @@ struct RunRow {
     uint32_t exit_status = 0;
     std::string process_id;
     std::string messages;
+
+    // Where several daemons have the jobs.
+    std::string host = {};  // that runs it
+    bool is_to_end = false; // somebody wants it ended
 };
 
 // Who changed what, in the log of changes.
@@ -69,13 +80,24 @@ struct RunStep {
     enum class What {
         begin,
         end,
-        pass_over, // a start, for which none is made
+        pass_over,         // a start, for which none is made; with 0 one that was owed
+        pass_over_running, // the same, if a run of before goes on somewhere
+        lose,              // the end of one whose daemon has gone: nobody knows it
+    };
+    // Why a step was not done that nothing failed of.
+    enum class Refusal {
+        none,
+        taken,   // another daemon was quicker, or has another job by now
+        running, // a run of before goes on: the start is passed over
     };
     What what = What::begin;
-    RunRow run;
+    RunRow run; // of a beginning the store may put off its moment, so that no two of a job have the same
     std::vector<sched_job_id_t> owed; // of an end: that are to be started now
     std::optional<ChangeRow> removal; // of an end: the job goes with it
+    uint64_t mark = 0;                // of a beginning: the mark of the job's body; 0: of whatever is there
+    bool is_owed = false;             // of a beginning: made only if it is owed still
     bool is_done = false;
+    Refusal refusal = Refusal::none;
 };
 
 // Many changes at once. The new jobs get their numbers while it is written, one behind the other.
@@ -96,6 +118,13 @@ public:
 
 private:
     uint64_t value_ = 0xCBF29CE484222325;
+};
+
+// All that a store has, for another one.
+struct JobStock {
+    JobContents contents;
+    std::vector<ChangeRow> notes;   // the youngest first
+    sched_job_id_t last_number = 0; // that a job has had
 };
 
 // All but reading are one transaction each, and on disk when they return. A failure is a StoreError.
@@ -128,16 +157,18 @@ public:
     // That their jobs were deleted is remembered no longer.
     virtual void forget_dropped(const std::vector<std::string> &definitions) = 0;
 
-    // Starts up to this one have been made or passed over.
-    virtual void consider(sched_job_id_t id, int64_t considered) = 0;
-
     // A run is about to begin: whatever becomes of it, none is begun for its start again.
     virtual void begin(const RunRow &run) = 0;
-    // It did not, and its start may be made again.
-    virtual void forget(const RunRow &run, int64_t considered) = 0;
+    // It did not, and its start may be made again, or is owed as before.
+    virtual void forget(const RunRow &run, int64_t considered, bool is_owed) = 0;
     // It has ended; `owed` are to be started now; with `removal` the job goes, which is noted.
     virtual void end(const RunRow &run, const std::vector<sched_job_id_t> &owed,
                      const std::optional<ChangeRow> &removal) = 0;
+    // The highest that a job has had.
+    virtual sched_job_id_t last_number() = 0;
+    // What another store has, with its numbers. A StoreError where there are jobs.
+    virtual void put_all(const JobStock &stock) = 0;
+
     // Such steps together, in their order. One that fails leaves the others be; with a StoreError none is done.
     virtual void record(std::vector<RunStep *> &steps) = 0;
 };

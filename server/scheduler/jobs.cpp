@@ -33,7 +33,7 @@ void Jobs::reckon(Job &job) {
         return;
     const auto start = schedule::next_start(spec_of(job), job.row.considered);
     job.next_run = start ? start->at : schedule::next_run_never;
-    if (start)
+    if (start && may_start(job))
         due_.insert({job.next_run, job.row.id});
 }
 
@@ -56,6 +56,7 @@ size_t Jobs::load(const JobContents &contents) {
 bool Jobs::add(const JobRow &row) {
     Job job;
     job.row = row;
+    job.considered_by_all = row.considered;
     if (!take_body(job))
         return false;
     Job &added = jobs_.insert_or_assign(row.id, std::move(job)).first->second;
@@ -82,7 +83,29 @@ bool Jobs::change(const JobRow &row) {
     job.runs = before.runs;
     job.phase = before.phase;
     job.run = before.run;
+    job.is_ours = before.is_ours;
+    job.elsewhere = before.elsewhere;
+    job.considered_by_all = before.considered_by_all;
     return true;
+}
+
+bool Jobs::take(const JobRow &row) {
+    Job *job = find(row.id);
+    if (job != nullptr && !job->is_ours)
+        job->row.considered = row.considered;
+    const bool is_taken = job != nullptr ? change(row) : add(row);
+    if (is_taken)
+        find(row.id)->considered_by_all = row.considered;
+    return is_taken;
+}
+
+void Jobs::put_run(Job &job, const RunRow &run) {
+    const auto place = std::lower_bound(job.runs.begin(), job.runs.end(), run.started,
+                                        [](const RunRow &each, int64_t started) { return each.started < started; });
+    if (place != job.runs.end() && place->started == run.started)
+        *place = run;
+    else
+        job.runs.insert(place, run);
 }
 
 void Jobs::remove(sched_job_id_t id) {
@@ -91,7 +114,8 @@ void Jobs::remove(sched_job_id_t id) {
         return;
     const Job &job = found->second;
     forget_due(job);
-    names_.erase(job.name);
+    if (const auto named = names_.find(job.name); named != names_.end() && named->second == id)
+        names_.erase(named); // another one may have taken it over
     if (job.schedule.kind == SCHED_KIND_SEQUENTIAL)
         followers_.remove(job.schedule.u.sequential.follows_job, id);
     jobs_.erase(found);

@@ -28,7 +28,10 @@ struct Job {
     bool is_deleted_when_completed = false;
     std::vector<RunRow> runs; // that have ended, the youngest last
     Phase phase = Phase::idle;
-    RunRow run; // while it runs
+    RunRow run;           // while it runs
+    bool is_ours = false; // what runs, or is being begun or written down as ended, is this daemon's
+    RunRow elsewhere;     // where several daemons have the jobs: the run that is another's; none: its start is 0
+    int64_t considered_by_all = 0; // the same: of the starts, as was last heard
     int64_t next_run = 0;
     uint64_t version = 0; // of what clients see of it
 
@@ -53,11 +56,18 @@ public:
     const schedule::Zone &zone() const { return zone_; }
     void set_catch_up(int64_t seconds) { catch_up_s_ = seconds; }
 
+    // Where several daemons have the jobs: which of them are this one's to start.
+    void set_host(std::string host) { host_ = std::move(host); }
+    bool may_start(const Job &job) const { return job.row.host.empty() || job.row.host == host_; }
+
     // As they were read. A body that cannot be decoded is left out and counted.
     size_t load(const JobContents &contents);
 
     bool add(const JobRow &row);
     bool change(const JobRow &row);
+    // What another daemon made of it: also starts that were considered here are as that has them.
+    bool take(const JobRow &row);
+    static void put_run(Job &job, const RunRow &run); // in its place, or in that of the one with its start
     void remove(sched_job_id_t id);
 
     Job *find(sched_job_id_t id);
@@ -93,6 +103,7 @@ private:
 
     schedule::Zone zone_;
     int64_t catch_up_s_ = 3600;
+    std::string host_;
     std::map<sched_job_id_t, Job> jobs_;
     std::map<std::string, sched_job_id_t> names_;
     std::set<std::pair<int64_t, sched_job_id_t>> due_;

@@ -349,8 +349,7 @@ tbs_status_t SchedulerProcedures::validate(sched_job_id_t id, sched_job_utc_rw_p
     if (status != TBS_ST_OK)
         return status;
     const Job *namesake = scheduler_.jobs().find(text_of(rw.name));
-    if ((namesake != nullptr && namesake->row.id != id) || names_on_the_way_.contains(rw.name) ||
-        scheduler_.is_on_the_way(rw.name)) {
+    if ((namesake != nullptr && namesake->row.id != id) || scheduler_.names_on_the_way().is_of_another(rw.name, id)) {
         err_mask = SCHED_ERR_NAME_DUPLICATE;
         return TBS_ST_INVALID_ARG;
     }
@@ -365,6 +364,35 @@ tbs_status_t SchedulerProcedures::validate(sched_job_id_t id, sched_job_utc_rw_p
     if (scheduler_.task(rw.task) == nullptr)
         err_mask |= SCHED_ERR_TASK; // told, and no failure: it may be installed before the job runs
     return TBS_ST_OK;
+}
+
+void SchedulerProcedures::hold(const Touched &touched) {
+    for (const auto &[name, id] : touched.names)
+        scheduler_.names_on_the_way().add(name, id);
+    for (const auto id : touched.changed)
+        scheduler_.changes_on_the_way().add(id);
+    links_on_the_way_ += touched.is_link ? 1 : 0;
+}
+
+void SchedulerProcedures::release(const Touched &touched) {
+    for (const auto &[name, id] : touched.names)
+        scheduler_.names_on_the_way().remove(name);
+    for (const auto id : touched.changed)
+        scheduler_.changes_on_the_way().remove(id);
+    links_on_the_way_ -= touched.is_link ? 1 : 0;
+}
+
+bool SchedulerProcedures::write(const Caller &caller, const Touched &touched, Scheduler::Work work,
+                                Scheduler::Done done) {
+    hold(touched);
+    const bool is_taken = scheduler_.ask(sender_of(caller), std::move(work),
+                                         [this, touched, done = std::move(done)](tbs_status_t status) {
+                                             release(touched);
+                                             done(status);
+                                         });
+    if (!is_taken)
+        release(touched);
+    return is_taken;
 }
 
 void SchedulerProcedures::create(sched_job_utc_rw_props_t &props, const Caller &caller,
@@ -383,15 +411,13 @@ void SchedulerProcedures::create(sched_job_utc_rw_props_t &props, const Caller &
     row->changed_start = time(nullptr);
     row->considered = row->changed_start - 1;
     const std::string name = props.rw.name;
-    ++names_on_the_way_[name];
-    const bool is_taken = scheduler_.ask(
-        sender_of(caller),
+    const bool is_taken = write(
+        caller, {{{name, 0}}, {}, false},
         [row, name, doer = doer_of(caller)](JobStore &store) {
             row->created = row->changed = deed_of(doer, row->changed_start);
             row->id = store.add(*row, {0, row->changed, "created", 0, noted_name(name), ""});
         },
-        [this, row, name, err_mask, answer](tbs_status_t done) mutable {
-            names_on_the_way_.erase(name);
+        [this, row, err_mask, answer](tbs_status_t done) mutable {
             if (done != TBS_ST_OK)
                 return answer(done, {});
             scheduler_.jobs().add(*row);
@@ -400,10 +426,8 @@ void SchedulerProcedures::create(sched_job_utc_rw_props_t &props, const Caller &
             answer(TBS_ST_OK, {TBS_ST_OK, &given, &err_mask});
             scheduler_.schedule();
         });
-    if (is_taken)
-        return;
-    names_on_the_way_.erase(name);
-    answer(TBS_ST_TRY_AGAIN, {});
+    if (!is_taken)
+        answer(TBS_ST_TRY_AGAIN, {});
 }
 
 void SchedulerProcedures::job_create(const sched_job_create_request_t &request, const Caller &caller,
@@ -434,30 +458,30 @@ void SchedulerProcedures::set_properties(sched_job_h_t handle, sched_job_utc_rw_
     if (status != TBS_ST_OK)
         return answer(status, {status, &err_mask});
     const auto row = std::make_shared<JobRow>(job->row);
+    row->replaces = mark_of(row->body);
     row->body = xdr_bytes(xdr_sched_job_utc_rw_props_t, props);
     row->changed_start = time(nullptr);
     row->considered = std::max<int64_t>(row->considered, row->changed_start - 1);
     const auto is_there = std::make_shared<bool>(false);
     const auto fields = changed_fields(JobBody(job->row.body).get().rw, props.rw);
     const std::string name = props.rw.name;
-    ++names_on_the_way_[name];
-    const bool is_taken = scheduler_.ask(
-        sender_of(caller),
-        [row, is_there, name, fields, doer = doer_of(caller)](JobStore &store) {
-            row->changed = deed_of(doer, row->changed_start);
-            *is_there = store.change(*row, {0, row->changed, "changed", row->id, noted_name(name), fields});
-        },
-        [this, row, is_there, name, err_mask, answer](tbs_status_t done) mutable {
-            names_on_the_way_.erase(name);
-            if (done != TBS_ST_OK || !*is_there || !scheduler_.jobs().change(*row))
-                return answer(done != TBS_ST_OK ? done : tbs_status_t{TBS_ST_NOT_FOUND}, {});
-            answer(TBS_ST_OK, {TBS_ST_OK, &err_mask});
-            scheduler_.take_up(*scheduler_.jobs().find(row->id), event_modified, "was changed");
-        });
-    if (is_taken)
-        return;
-    names_on_the_way_.erase(name);
-    answer(TBS_ST_TRY_AGAIN, {});
+    const Touched touched = {{{name, row->id}}, {row->id}, props.rw.schedule.kind == SCHED_KIND_SEQUENTIAL};
+    const bool is_taken =
+        may_touch(touched) &&
+        write(
+            caller, touched,
+            [row, is_there, name, fields, doer = doer_of(caller)](JobStore &store) {
+                row->changed = deed_of(doer, row->changed_start);
+                *is_there = store.change(*row, {0, row->changed, "changed", row->id, noted_name(name), fields});
+            },
+            [this, row, is_there, err_mask, answer](tbs_status_t done) mutable {
+                if (done != TBS_ST_OK || !*is_there || !scheduler_.jobs().change(*row))
+                    return answer(done != TBS_ST_OK ? done : tbs_status_t{TBS_ST_NOT_FOUND}, {});
+                answer(TBS_ST_OK, {TBS_ST_OK, &err_mask});
+                scheduler_.take_up(*scheduler_.jobs().find(row->id), event_modified, "was changed");
+            });
+    if (!is_taken)
+        answer(TBS_ST_TRY_AGAIN, {});
 }
 
 void SchedulerProcedures::job_set_properties(const sched_job_set_request_t &request, const Caller &caller,
@@ -553,7 +577,8 @@ void SchedulerProcedures::rjob_terminate(const sched_running_job_request_t &requ
         return answer(TBS_ST_NOT_FOUND, {});
     if (!is_owner(*job, caller))
         return answer(TBS_ST_NO_ACCESS, {});
-    answer(scheduler_.terminate(job->row.id, request.job->started) ? TBS_ST_OK : TBS_ST_NOT_FOUND, {});
+    scheduler_.terminate(sender_of(caller), job->row.id, request.job->started,
+                         [answer](tbs_status_t status) { answer(status, {}); });
 }
 
 std::vector<ServedProcedure> SchedulerProcedures::rows() {
@@ -589,6 +614,8 @@ std::vector<ServedProcedure> SchedulerProcedures::rows() {
         row<procedures::sched_run_get_history, &P::run_get_history>(),
         row<procedures::sched_get_changes, &P::get_changes>(),
         row<procedures::sched_get_next_runs, &P::get_next_runs>(),
+        row<procedures::sched_job_set_host, &P::job_set_host>(),
+        row<procedures::sched_get_job_hosts, &P::get_job_hosts>(),
         row<procedures::sched_set_get_jobs, &P::set_get_jobs>(),
         row<procedures::sched_set_apply, &P::set_apply>(),
     };

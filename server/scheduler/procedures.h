@@ -49,6 +49,8 @@ inline constexpr std::array permission_rows = {
     PermissionRow{RVZD_PROC_SCHED_RUN_GET_HISTORY, PERMISSION_READ},
     PermissionRow{RVZD_PROC_SCHED_GET_CHANGES, PERMISSION_READ},
     PermissionRow{RVZD_PROC_SCHED_GET_NEXT_RUNS, PERMISSION_READ},
+    PermissionRow{RVZD_PROC_SCHED_JOB_SET_HOST, PERMISSION_CHANGE},
+    PermissionRow{RVZD_PROC_SCHED_GET_JOB_HOSTS, PERMISSION_READ},
     PermissionRow{RVZD_PROC_SCHED_SET_GET_JOBS, PERMISSION_READ},
     PermissionRow{RVZD_PROC_SCHED_SET_APPLY, PERMISSION_CHANGE},
 };
@@ -128,6 +130,9 @@ private:
                          To<sched_run_history_reply_t> answer);
     void get_next_runs(const sched_next_runs_request_t &request, const Caller &caller,
                        To<sched_next_runs_reply_t> answer);
+    void job_set_host(const sched_set_host_request_t &request, const Caller &caller, To<sched_set_host_reply_t> answer);
+    void get_job_hosts(const sched_job_hosts_request_t &request, const Caller &caller,
+                       To<sched_job_hosts_reply_t> answer);
     void get_changes(const sched_changes_request_t &request, const Caller &caller, To<sched_changes_reply_t> answer);
 
     template <const auto &procedure, auto work>
@@ -144,6 +149,18 @@ private:
     void create(sched_job_utc_rw_props_t &props, const Caller &caller, To<sched_job_create_reply_t> answer);
     void set_properties(sched_job_h_t handle, sched_job_utc_rw_props_t &props, const Caller &caller,
                         To<sched_err_mask_reply_t> answer);
+    // What nobody else may touch, while it is being written.
+    struct Touched {
+        std::vector<std::pair<std::string, sched_job_id_t>> names;
+        std::vector<sched_job_id_t> changed;
+        bool is_link = false; // one that is there is to follow another
+    };
+    void hold(const Touched &touched);
+    void release(const Touched &touched);
+    static Touched touched_by(const JobSet &set);
+    bool may_touch(const Touched &touched) const { return !touched.is_link || links_on_the_way_ == 0; }
+    bool write(const Caller &caller, const Touched &touched, Scheduler::Work work, Scheduler::Done done);
+
     tbs_status_t validate(sched_job_id_t id, sched_job_utc_rw_props_t &props, uint32_t &err_mask);
     bool has_seen(const Caller &caller, sched_job_id_t job, uint64_t version);
 
@@ -157,7 +174,7 @@ private:
     Scheduler &scheduler_;
     const Guard &guard_;
     JobLister lister_;
-    std::map<std::string, int> names_on_the_way_; // of jobs that are being written
+    size_t links_on_the_way_ = 0; // two could close a circle that neither makes
     StagedSets staged_;
     std::pair<uint64_t, uint64_t> state_{}; // the version of the jobs, and their state by then
     // Which version of a job, or with 0 of all, a caller was told last.

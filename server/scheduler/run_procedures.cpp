@@ -2,6 +2,7 @@
 #include <server/scheduler/procedures.h>
 
 #include <algorithm>
+#include <ctime>
 #include <limits>
 
 #include <server/scheduler/run_file.h>
@@ -9,6 +10,8 @@
 namespace velia::server {
 
 namespace {
+
+constexpr size_t host_bytes_max = 255;
 
 // With 0 the run that is on, or else the last one.
 const RunRow *run_of(const Job &job, int64_t started) {
@@ -53,6 +56,8 @@ void SchedulerProcedures::run_get_output(const sched_run_output_request_t &reque
     const RunRow *run = job != nullptr ? run_of(*job, request.started) : nullptr;
     if (run == nullptr)
         return answer(TBS_ST_NOT_FOUND, {});
+    if (scheduler_.is_elsewhere(*run))
+        return answer(TBS_ST_UNSUPPORTED, {});
     const auto piece = std::make_shared<std::optional<OutputPiece>>();
     const uint32_t size_max = std::min<uint32_t>(request.size_max, SCHED_RUN_PIECE_MAX);
     const bool is_taken = scheduler_.ask(
@@ -135,6 +140,41 @@ void SchedulerProcedures::get_next_runs(const sched_next_runs_request_t &request
         });
     if (!is_taken)
         answer(TBS_ST_TRY_AGAIN, {});
+}
+
+void SchedulerProcedures::job_set_host(const sched_set_host_request_t &request, const Caller &caller,
+                                       To<sched_set_host_reply_t> answer) {
+    const Job *job = scheduler_.jobs().find(request.job_id);
+    const std::string host = request.host != nullptr ? request.host : "";
+    const auto refuse = [&](tbs_status_t status) { answer(status, {}); };
+    if (!scheduler_.is_shared())
+        return refuse(TBS_ST_UNSUPPORTED);
+    if (job == nullptr)
+        return refuse(TBS_ST_NOT_FOUND);
+    if (!is_owner(*job, caller))
+        return refuse(TBS_ST_NO_ACCESS);
+    if (host.size() > host_bytes_max)
+        return refuse(TBS_ST_NAME_TOO_LONG);
+    const bool is_taken = scheduler_.set_host(
+        sender_of(caller), *job, host, [doer = doer_of(caller)] { return deed_of(doer, time(nullptr)); },
+        [answer](tbs_status_t status) { answer(status, {status}); });
+    if (!is_taken)
+        refuse(TBS_ST_TRY_AGAIN);
+}
+
+void SchedulerProcedures::get_job_hosts(const sched_job_hosts_request_t &request, const Caller & /*caller*/,
+                                        To<sched_job_hosts_reply_t> answer) {
+    const auto &jobs = scheduler_.jobs().all();
+    const uint32_t count_max = std::min<uint32_t>(request.count_max, SCHED_JOB_HOSTS_MAX);
+    std::vector<sched_job_host_t> hosts;
+    for (auto each = jobs.upper_bound(request.after); each != jobs.end() && hosts.size() < count_max; ++each) {
+        const Job &job = each->second;
+        const RunRow *run = run_of(job, 0);
+        const std::string &run_host = run != nullptr ? run->host : job.run.host;
+        if (!job.row.host.empty() || !run_host.empty())
+            hosts.push_back({each->first, unowned(job.row.host), unowned(run_host)});
+    }
+    answer(TBS_ST_OK, {TBS_ST_OK, static_cast<uint32_t>(hosts.size()), hosts.data()});
 }
 
 } // namespace velia::server

@@ -22,8 +22,6 @@ namespace velia::server {
 namespace {
 
 constexpr const char *this_program = "/proc/self/exe";
-constexpr uint32_t status_unknown = 255;
-
 using What = RunStep::What;
 
 // Behind this the run's file is the keeper's.
@@ -79,24 +77,26 @@ void end_unmade(RunRow &run, uint32_t exit_status, const std::string &words) {
     run.messages = words + "\n";
 }
 
-bool has_keeper(const Making &making, const std::string &directory) {
+// Without one the run has ended.
+void take_keeper(const Making &making, const std::string &directory) {
     RunTurn &turn = *making.turn;
     int error_number = making.error_number;
     turn.keeper = finish_process(making.process, &error_number);
     if (turn.keeper > 0)
-        return true;
+        return;
     if (turn.is_allowed)
         unlink(run_paths(directory, turn.step.run).notes.c_str());
     end_unmade(turn.step.run, status_not_found,
                turn.is_allowed ? imsg_strerror(error_number) : "There is no such task, or nobody as whom it may run");
-    return false;
 }
 
-// Those of a failed transaction are not done.
-void record(JobStore &store, std::vector<RunStep *> &steps) {
+// Those of a failed transaction are not done; what failed, in words.
+std::string record(JobStore &store, std::vector<RunStep *> &steps) {
     try {
         store.record(steps);
-    } catch (const StoreError &) {
+        return {};
+    } catch (const StoreError &error) {
+        return error.what();
     }
 }
 
@@ -138,11 +138,13 @@ void RunWriter::do_turns(Turns &turns) const {
     std::vector<RunStep *> steps;
     steps.reserve(turns.size());
     for (auto &turn : turns) {
-        if (turn.step.what == What::end)
+        if (turn.step.what == What::end && turn.step.run.ended == 0)
             take_end_from_file(turn, directory_);
         steps.push_back(&turn.step);
     }
-    record(*store_, steps);
+    const std::string fault = record(*store_, steps);
+    for (auto &turn : turns)
+        turn.fault = fault;
     for (const auto &turn : turns)
         if (turn.step.what == What::end && turn.step.is_done)
             unlink(run_paths(directory_, turn.step.run).notes.c_str());
@@ -152,11 +154,9 @@ void RunWriter::do_turns(Turns &turns) const {
 // Many at a time: with other work on the host each takes a while to get a processor.
 void RunWriter::make_processes(Turns &turns) const {
     std::vector<Making> makings;
-    std::vector<RunTurn *> unmade;
     const auto finish = [&] {
         for (auto &making : makings)
-            if (!has_keeper(making, directory_))
-                unmade.push_back(making.turn);
+            take_keeper(making, directory_);
         makings.clear();
     };
     for (auto &turn : turns) {
@@ -171,21 +171,6 @@ void RunWriter::make_processes(Turns &turns) const {
             finish();
     }
     finish();
-    end(unmade);
-}
-
-// A run without a process has ended, which is written down as any other end.
-void RunWriter::end(const std::vector<RunTurn *> &unmade) const {
-    std::vector<RunStep> ends;
-    std::vector<RunStep *> steps;
-    ends.reserve(unmade.size());
-    steps.reserve(unmade.size());
-    for (const auto *turn : unmade)
-        steps.push_back(&ends.emplace_back(RunStep{What::end, turn->step.run, {}, std::nullopt, false}));
-    if (!steps.empty())
-        record(*store_, steps);
-    for (size_t i = 0; i < ends.size(); ++i)
-        unmade[i]->step.is_done = ends[i].is_done;
 }
 
 RunRow ended_run(RunRow run, const std::optional<RunNotes> &notes) {

@@ -23,6 +23,7 @@ using Begun = std::function<void(tbs_status_t, int64_t started)>;
 // A step of a run with what belongs to it.
 struct RunTurn {
     RunStep step;
+    std::string fault; // why it was not written down; empty: it was, or it was refused
 
     // Of one that begins.
     RunOrder order;
@@ -54,7 +55,6 @@ private:
 
     void do_turns(Turns &turns) const;
     void make_processes(Turns &turns) const;
-    void end(const std::vector<RunTurn *> &unmade) const;
     void tell(const RunTurn &turn) const;
 
     Worker &worker_;
@@ -64,6 +64,9 @@ private:
     std::deque<RunTurn> waiting_;
     bool is_writing_ = false;
 };
+
+// Of a run whose end nobody has told.
+constexpr uint32_t status_unknown = 255;
 
 // What a run's file says of its end, which nobody may have told: its keeper itself was ended.
 RunRow ended_run(RunRow run, const std::optional<RunNotes> &notes);

@@ -19,6 +19,7 @@
 #include <server/scheduler/changes.h>
 #include <server/scheduler/keeper.h>
 #include <server/scheduler/messages.h>
+#include <server/scheduler/moved_jobs.h>
 #include <server/scheduler/run_file.h>
 #include <support/tbs.h>
 
@@ -82,6 +83,7 @@ ChangeRow removal_of(const Job &job) {
 
 Scheduler::Scheduler(uv_loop_t *loop)
     : loop_(loop), due_timer_(loop, [this] { look(); }), retry_timer_(loop, [this] { retry(); }),
+      follow_timer_(loop, [this] { follow(); }),
       writer_(worker_, [this](const RunTurn &turn) { has_been_written(turn); }), worker_(loop, store_shape) {}
 
 void Scheduler::configure(const SchedulerSettings &settings) {
@@ -126,7 +128,7 @@ bool Scheduler::ask(const Sender &sender, Work work, Done done) {
                                    }});
 }
 
-void Scheduler::open() {
+void Scheduler::prepare() {
     const char *zone_name = getenv("TZ");
     if (auto zone = schedule::read_zone(zone_name != nullptr ? zone_name : ""))
         jobs_.set_zone(std::move(*zone));
@@ -134,7 +136,18 @@ void Scheduler::open() {
         imsg_print(IMSG_WARNING, "The scheduler's time zone cannot be read: it is UTC\n", IMSG_FORMAT);
     directory_ = private_path("runs");
     mkdir(directory_.c_str(), S_IRWXU);
-    const std::string file_name = private_path("scheduler.db");
+    boot_ = boot_id();
+}
+
+void Scheduler::stop() {
+    is_open_ = false;
+    is_over_ = true;
+    follow_timer_.stop();
+}
+
+void Scheduler::open() {
+    prepare();
+    const std::string file_name = jobs_file();
     JobContents contents;
     try {
         store_ = open_job_store(file_name);
@@ -152,49 +165,67 @@ void Scheduler::open() {
         print_scheduler(IMSG_ERROR, MSG_JOBS_NOT_FUNCTIONAL);
     if (!contents.acl.empty())
         access_.take(contents.acl);
-    const std::string boot = boot_id();
+    is_of_this_boot_ = contents.boot == boot_;
     for (const auto &run : contents.runs)
         if (run.ended == 0 && jobs_.find(run.job) != nullptr)
-            adopt(run, contents.boot == boot, contents.owed);
-    if (contents.boot != boot)
-        store_->set_boot(boot);
+            adopt(run, contents.owed);
+    if (!is_of_this_boot_)
+        store_->set_boot(boot_);
     clear_away();
     start_followers(contents.owed);
     make_predefined();
     look();
 }
 
-// A run of before that has not ended, as far as is known. Without a word of a process there was none, and its start may
-// be made again; unless the host was down since, when that word, which waits for no disk, may have been lost.
-void Scheduler::adopt(const RunRow &run, bool is_of_this_boot, std::vector<sched_job_id_t> &owed) {
+// Of a run of before that has not ended, as far as is known. Without a word of a process there was none, and its start
+// may be made again; unless the host was down since, when that word, which waits for no disk, may have been lost.
+Scheduler::Standing Scheduler::standing_of(const RunRow &run) const {
+    const auto paths = run_paths(directory_, run);
+    if (is_kept(paths.notes))
+        return Standing::lives;
+    const auto notes = read_run_file(paths.notes);
+    const bool is_without_word = !notes || (notes->process == 0 && !notes->ended);
+    return is_of_this_boot_ && is_without_word ? Standing::never_began : Standing::has_ended;
+}
+
+void Scheduler::adopt(const RunRow &run, std::vector<sched_job_id_t> &owed) {
     Job &job = *jobs_.find(run.job);
     const auto paths = run_paths(directory_, run);
-    const bool lives = is_kept(paths.notes);
-    const auto notes = read_run_file(paths.notes);
-    if (!lives && is_of_this_boot && (!notes || (notes->process == 0 && !notes->ended))) {
+    const Standing standing = standing_of(run);
+    if (standing == Standing::lives)
+        return keep_watch_of(job, run);
+    if (standing == Standing::never_began) {
         const int64_t considered = run.due != 0 ? run.due - 1 : job.row.considered;
-        store_->forget(run, considered);
+        const bool is_owed = job.schedule.kind == SCHED_KIND_SEQUENTIAL;
+        store_->forget(run, considered, is_owed);
         jobs_.consider(job, considered);
-    } else if (!lives) {
+        if (is_owed)
+            owed.push_back(run.job);
+    } else {
         const auto followers = jobs_.followers_of(run.job);
-        const RunRow ended = ended_run(run, notes);
+        const RunRow ended = ended_run(run, read_run_file(paths.notes));
         store_->end(ended, followers, std::nullopt);
         job.runs.push_back(ended);
         owed.insert(owed.end(), followers.begin(), followers.end());
         tell_end(job, ended);
-    } else {
-        job.phase = Job::Phase::running;
-        job.run = run;
-        ++running_;
-        unended_.push_back({run, false, true});
-        retry_timer_.start(1);
     }
-    if (!lives)
-        unlink(paths.notes.c_str());
+    unlink(paths.notes.c_str());
+}
+
+// Its keeper is known from the run's file, once that has told it.
+void Scheduler::keep_watch_of(Job &job, const RunRow &run) {
+    job.phase = Job::Phase::running;
+    job.run = run;
+    job.is_ours = true;
+    ++running_;
+    unended_.push_back({run, false, true});
+    retry_timer_.start(1);
 }
 
 // A definition that has gone from the file, or has become another, is as good as new when it comes back.
 void Scheduler::forget_dropped() {
+    if (is_shared()) // it may stand in another daemon's file
+        return;
     std::vector<std::string> forgotten;
     std::set<std::string> defined;
     for (const auto &each : settings_.schedule)
@@ -227,12 +258,13 @@ void Scheduler::make_predefined() {
             if (!job->row.is_predefined)
                 imsg_print(IMSG_WARNING, "The job \"%s\" of the default schedule is not made: there is another one\n",
                            IMSG_FORMAT, defined.name.c_str());
-        } else if (const auto row = predefined_row(defined); row && on_the_way_.insert(defined.name).second) {
+        } else if (const auto row = predefined_row(defined); row && !names_on_the_way_.is_of_another(defined.name, 0)) {
+            names_on_the_way_.add(defined.name, 0);
             make(defined, *row);
         }
     }
     for (const auto &defined : settings_.schedule)
-        if (on_the_way_.empty() && jobs_.find(defined.name) == nullptr && !was_dropped(defined))
+        if (names_on_the_way_.empty() && jobs_.find(defined.name) == nullptr && !was_dropped(defined))
             imsg_print(IMSG_WARNING, "The job \"%s\" of the default schedule is not made: there is no job \"%s\"\n",
                        IMSG_FORMAT, defined.name.c_str(), defined.follows.c_str());
 }
@@ -263,12 +295,17 @@ void Scheduler::make(const DefinedJob &defined, const JobRow &row) {
     worker_.submit_first({[this, made, words, name = noted_name(defined.name)] {
                               try {
                                   made->id = store_->add(*made, {0, made->created, "created", 0, name, ""});
+                              } catch (const StoreBusy &) {
                               } catch (const std::exception &error) {
                                   *words = error.what();
                               }
                           },
                           [this, made, words, name = defined.name] {
-                              on_the_way_.erase(name);
+                              if (made->id == 0 && words->empty() && is_shared()) {
+                                  made_by_others_.insert(name); // until it is known what they made
+                                  return follow();
+                              }
+                              names_on_the_way_.remove(name);
                               if (!words->empty())
                                   return imsg_print(IMSG_ERROR, "The job \"%s\" cannot be made: %s\n", IMSG_FORMAT,
                                                     name.c_str(), words->c_str());
@@ -288,36 +325,47 @@ void Scheduler::take_up(const Job &job, sched_event_mask_t event, const std::str
 }
 
 void Scheduler::look() {
-    if (!is_open_)
+    if (!is_open_ || is_away_)
         return;
     for (const auto &due : jobs_.take_due(time(nullptr))) {
         Job &job = *jobs_.find(due.job);
-        if (due.fate != Jobs::Fate::to_start) {
+        const bool is_unmade = is_shared() && job.phase == Job::Phase::waiting; // the one of before, by anybody
+        if (due.fate == Jobs::Fate::to_start || (due.fate == Jobs::Fate::still_running && is_unmade))
+            wait_for_slot(job, due.start, false);
+        else
             pass_over(due);
-            continue;
-        }
-        job.phase = Job::Phase::waiting;
-        waiting_.push_back({due.job, due.start, {}});
     }
     start_waiting();
     schedule();
 }
 
+// The younger start counts.
+void Scheduler::wait_for_slot(Job &job, int64_t due, bool is_owed) {
+    forget_waiting(job.row.id);
+    job.phase = Job::Phase::waiting;
+    waiting_.push_back({job.row.id, due, is_owed, {}});
+}
+
+void Scheduler::tell_passed(const Job &job, Jobs::Fate fate) const {
+    print_scheduler(IMSG_WARNING, fate == Jobs::Fate::still_running ? MSG_JOB_STILL_RUNNING : MSG_JOB_NOT_RUN,
+                    id_text(job).c_str(), job.name.c_str());
+}
+
+// Of daemons that have the job together the one that is first tells it.
 void Scheduler::pass_over(const Jobs::Due &due) {
     const Job &job = *jobs_.find(due.job);
-    if (due.fate == Jobs::Fate::still_running)
-        print_scheduler(IMSG_WARNING, MSG_JOB_STILL_RUNNING, id_text(job).c_str(), job.name.c_str());
-    else
-        print_scheduler(IMSG_WARNING, MSG_JOB_NOT_RUN, id_text(job).c_str(), job.name.c_str());
-    RunTurn turn;
-    turn.step.what = RunStep::What::pass_over; // where that fails the next daemon passes it over again
+    if (!is_shared())
+        tell_passed(job, due.fate);
+    const bool is_only_while_running = is_shared() && due.fate == Jobs::Fate::still_running;
+    RunTurn turn; // where that fails the next daemon passes it over again
+    turn.step.what = is_only_while_running ? RunStep::What::pass_over_running : RunStep::What::pass_over;
     turn.step.run.job = due.job;
-    turn.step.run.due = job.row.considered;
+    turn.step.run.due = due.start != 0 ? job.row.considered : 0;
     writer_.add(std::move(turn));
 }
 
 void Scheduler::start_waiting() {
-    while (is_open_ && !waiting_.empty() && running_ < settings_.runs_max) {
+    while (is_open_ && !is_away_ && !waiting_.empty() && running_ < settings_.runs_max) {
         const Start start = std::move(waiting_.front());
         waiting_.pop_front();
         if (Job *job = jobs_.find(start.job); job != nullptr && job->phase == Job::Phase::waiting)
@@ -329,9 +377,11 @@ void Scheduler::start_waiting() {
 void Scheduler::run_by_hand(Job &job, const Begun &begun) {
     if (job.phase != Job::Phase::idle)
         return begun(TBS_ST_ALREADY_EXISTS, 0);
-    if (running_ >= settings_.runs_max)
+    if (!jobs_.may_start(job))
+        return begun(TBS_ST_UNSUPPORTED, 0); // here: at its host
+    if (running_ >= settings_.runs_max || is_away_)
         return begun(TBS_ST_TRY_AGAIN, 0);
-    begin(job, {job.row.id, 0, begun});
+    begin(job, {job.row.id, 0, false, begun});
     writer_.write();
 }
 
@@ -339,14 +389,18 @@ void Scheduler::begin(Job &job, const Start &start) {
     RunRow run;
     run.job = job.row.id;
     run.due = start.due;
+    run.host = host_;
     run.started = std::max<int64_t>(time(nullptr), job.runs.empty() ? 0 : job.runs.back().started + 1);
     job.phase = Job::Phase::running;
     job.run = run;
+    job.is_ours = true;
     jobs_.touch(job);
     ++running_;
     const Task *task = this->task(job.task);
     RunTurn turn;
     turn.step.run = run;
+    turn.step.mark = is_shared() ? mark_of(job.row.body) : 0;
+    turn.step.is_owed = start.is_owed;
     turn.order = order_of(job, task != nullptr ? *task : Task{}, settings_.output_mib);
     turn.is_allowed = task != nullptr && may_run(job.row.owner);
     turn.begun = start.begun;
@@ -354,12 +408,23 @@ void Scheduler::begin(Job &job, const Start &start) {
 }
 
 void Scheduler::has_been_written(const RunTurn &turn) {
-    if (turn.step.what == RunStep::What::begin)
-        has_begun(turn);
-    else if (turn.step.what == RunStep::What::end && turn.step.is_done) {
+    switch (turn.step.what) {
+    case RunStep::What::begin:
+        return is_shared() && !turn.step.is_done ? has_not_begun(turn) : has_begun(turn);
+    case RunStep::What::end:
+        return has_end_written(turn);
+    case RunStep::What::lose:
+        return has_been_lost(turn);
+    default:
+        return has_passed(turn);
+    }
+}
+
+void Scheduler::has_end_written(const RunTurn &turn) {
+    if (turn.step.is_done) {
         has_ended(turn.step.run, turn.step.removal.has_value());
         start_followers(turn.step.owed);
-    } else if (turn.step.what == RunStep::What::end) { // the run's file stays until it is
+    } else { // the run's file stays until it is
         unended_.push_back({turn.step.run, turn.was_kept, false});
         retry_timer_.start(retry_ms);
     }
@@ -367,6 +432,8 @@ void Scheduler::has_been_written(const RunTurn &turn) {
 
 void Scheduler::has_begun(const RunTurn &turn) {
     const RunRow &run = turn.step.run;
+    if (Job *job = jobs_.find(run.job))
+        job->run.started = run.started;
     if (turn.keeper > 0) {
         keep(run, turn.keeper);
         if (const Job *job = jobs_.find(run.job)) {
@@ -376,7 +443,10 @@ void Scheduler::has_begun(const RunTurn &turn) {
     } else {
         if (const Job *job = jobs_.find(run.job))
             print_scheduler(IMSG_ERROR, MSG_JOB_PROBLEMS, id_text(*job).c_str(), job->name.c_str());
-        has_ended(run, false);
+        if (turn.step.is_done)
+            take_end(run, false); // as that of any other
+        else
+            has_ended(run, false);
         give_back_slot();
     }
     if (turn.begun)
@@ -387,7 +457,8 @@ void Scheduler::keep(const RunRow &run, int32_t keeper) {
     Kept &kept = kept_[run.job];
     kept.run = run;
     kept.run.process_id = std::to_string(keeper);
-    if (Job *job = jobs_.find(run.job); job != nullptr) {
+    Job *job = jobs_.find(run.job);
+    if (job != nullptr) {
         job->run.process_id = kept.run.process_id;
         jobs_.touch(*job);
     }
@@ -397,14 +468,32 @@ void Scheduler::keep(const RunRow &run, int32_t keeper) {
         take_end(ended, true);
         give_back_slot();
     });
+    if (job == nullptr) // it was deleted before its keeper was known
+        kept.watch->send(SIGTERM);
 }
 
-bool Scheduler::terminate(sched_job_id_t id, int64_t started) {
+bool Scheduler::is_terminated(sched_job_id_t id, int64_t started) {
     const auto kept = kept_.find(id);
     if (kept == kept_.end() || kept->second.run.started != started)
         return false;
     kept->second.watch->send(SIGTERM);
     return true;
+}
+
+// Another daemon's is ended by that one, which hears of it.
+void Scheduler::terminate(const Sender &sender, sched_job_id_t id, int64_t started, const Done &done) {
+    const Job *job = jobs_.find(id);
+    const bool is_elsewhere = job != nullptr && !job->is_ours && started != 0 && job->elsewhere.started == started;
+    if (!is_elsewhere)
+        return done(is_terminated(id, started) ? TBS_ST_OK : TBS_ST_NOT_FOUND);
+    const auto is_there = std::make_shared<bool>(false);
+    const bool is_taken = ask(
+        sender, [this, is_there, run = job->elsewhere](JobStore & /*store*/) { *is_there = shared_->ask_to_end(run); },
+        [is_there, done](tbs_status_t status) {
+            done(status == TBS_ST_OK && !*is_there ? tbs_status_t{TBS_ST_NOT_FOUND} : status);
+        });
+    if (!is_taken)
+        done(TBS_ST_TRY_AGAIN);
 }
 
 void Scheduler::take_end(const RunRow &run, bool was_kept) {
@@ -413,7 +502,8 @@ void Scheduler::take_end(const RunRow &run, bool was_kept) {
     turn.step.run = run;
     turn.step.owed = jobs_.followers_of(run.job);
     turn.was_kept = was_kept;
-    if (const Job *job = jobs_.find(run.job); job != nullptr && job->is_deleted_when_completed && job->has_completed())
+    if (const Job *job = jobs_.find(run.job); job != nullptr && job->is_deleted_when_completed &&
+                                              job->has_completed() && !changes_on_the_way_.contains(run.job))
         turn.step.removal = removal_of(*job);
     writer_.add(std::move(turn));
 }
@@ -447,13 +537,8 @@ void Scheduler::retry() {
 
 void Scheduler::has_ended(const RunRow &run, bool is_last) {
     if (Job *job = jobs_.find(run.job); job != nullptr) {
-        job->phase = Job::Phase::idle;
-        job->run = {};
-        job->runs.push_back(run);
-        if (job->runs.size() > static_cast<size_t>(runs_kept)) {
-            drop_output({job->runs.front()});
-            job->runs.erase(job->runs.begin());
-        }
+        settle(*job);
+        put_run(*job, run);
         jobs_.touch(*job);
         tell_end(*job, run);
         if (is_last)
@@ -464,12 +549,30 @@ void Scheduler::has_ended(const RunRow &run, bool is_last) {
     schedule();
 }
 
+void Scheduler::put_run(Job &job, const RunRow &run) {
+    Jobs::put_run(job, run);
+    if (job.runs.size() <= static_cast<size_t>(runs_kept))
+        return;
+    drop_output({job.runs.front()});
+    job.runs.erase(job.runs.begin());
+}
+
+void Scheduler::settle(Job &job) {
+    job.is_ours = false;
+    job.run = job.elsewhere;
+    job.phase = job.run.started != 0 ? Job::Phase::running : Job::Phase::idle;
+}
+
+void Scheduler::forget_waiting(sched_job_id_t id) {
+    std::erase_if(waiting_, [id](const Start &start) { return start.job == id; });
+}
+
 // The job goes, and a run of it with it.
 void Scheduler::remove(const Job &job) {
     drop_output(job.runs);
     if (!job.row.definition.empty())
         dropped_.insert(job.row.definition);
-    terminate(job.row.id, job.run.started);
+    is_terminated(job.row.id, job.run.started);
     jobs_.remove(job.row.id);
     schedule();
 }
@@ -520,10 +623,12 @@ void Scheduler::tell_end(const Job &job, const RunRow &run) {
 void Scheduler::start_followers(const std::vector<sched_job_id_t> &followers) {
     for (const auto id : followers) {
         Job *job = jobs_.find(id);
-        if (job == nullptr || job->phase != Job::Phase::idle)
+        if (job == nullptr || !jobs_.may_start(*job))
             continue;
-        job->phase = Job::Phase::waiting;
-        waiting_.push_back({id, 0, {}});
+        if (job->phase == Job::Phase::running)
+            pass_over({id, 0, Jobs::Fate::still_running});
+        else if (job->phase == Job::Phase::idle)
+            wait_for_slot(*job, 0, true);
     }
     start_waiting();
 }

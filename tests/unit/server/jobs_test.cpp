@@ -129,6 +129,58 @@ TEST_F(JobsInMemory, AChangeKeepsTheRunAndWhatHasBeenMade) {
     EXPECT_FALSE(jobs.change(row(9, "none", daily(0), midnight)));
 }
 
+TEST_F(JobsInMemory, TwoThatChangeNamesAreBothFound) {
+    jobs.add(row(1, "one", daily(0), midnight));
+    jobs.add(row(2, "two", daily(0), midnight));
+    ASSERT_TRUE(jobs.change(row(1, "two", daily(0), midnight)));
+    ASSERT_TRUE(jobs.change(row(2, "one", daily(0), midnight)));
+    ASSERT_NE(jobs.find("one"), nullptr);
+    ASSERT_NE(jobs.find("two"), nullptr);
+    EXPECT_EQ(jobs.find("one")->row.id, 2U);
+    EXPECT_EQ(jobs.find("two")->row.id, 1U);
+}
+
+TEST_F(JobsInMemory, WhatAnotherDaemonConsideredCountsUnlessTheRunIsOurs) {
+    ASSERT_TRUE(jobs.take(row(1, "job", daily(3600), midnight)));
+    jobs.take_due(midnight + 3600);
+    ASSERT_EQ(jobs.next_due(), midnight + day + 3600);
+    ASSERT_TRUE(jobs.take(row(1, "job", daily(3600), midnight)));
+    EXPECT_EQ(jobs.next_due(), midnight + 3600) << "nobody has made it";
+    jobs.take_due(midnight + 3600);
+    jobs.find(1)->is_ours = true;
+    ASSERT_TRUE(jobs.take(row(1, "job", daily(3600), midnight)));
+    EXPECT_EQ(jobs.next_due(), midnight + day + 3600);
+    EXPECT_TRUE(jobs.find(1)->is_ours);
+    EXPECT_EQ(jobs.find(1)->considered_by_all, midnight - 1);
+}
+
+TEST_F(JobsInMemory, OfAnotherHostAreNotDueHereAndTellTheirNextRun) {
+    jobs.set_host("alpha");
+    JobRow of_beta = row(1, "job", daily(3600), midnight);
+    of_beta.host = "beta";
+    jobs.add(of_beta);
+    EXPECT_EQ(jobs.next_due(), std::nullopt);
+    EXPECT_EQ(jobs.find(1)->next_run, midnight + 3600);
+    of_beta.host = "alpha";
+    ASSERT_TRUE(jobs.take(of_beta));
+    EXPECT_EQ(jobs.next_due(), midnight + 3600);
+}
+
+TEST_F(JobsInMemory, RunsAreInTheOrderInWhichTheyBeganAndEachIsThereOnce) {
+    Job job;
+    for (const int64_t started : {20, 10, 30, 20}) {
+        RunRow run;
+        run.started = started;
+        run.exit_status = static_cast<uint32_t>(job.runs.size());
+        Jobs::put_run(job, run);
+    }
+    ASSERT_EQ(job.runs.size(), 3U);
+    EXPECT_EQ(job.runs[0].started, 10);
+    EXPECT_EQ(job.runs[1].started, 20);
+    EXPECT_EQ(job.runs[1].exit_status, 3U) << "the later word of it";
+    EXPECT_EQ(job.runs[2].started, 30);
+}
+
 TEST_F(JobsInMemory, FollowersAreThoseOfTheMoment) {
     jobs.add(row(1, "first", daily(0), midnight));
     jobs.add(row(2, "second", behind(1), midnight));
@@ -141,6 +193,15 @@ TEST_F(JobsInMemory, FollowersAreThoseOfTheMoment) {
     EXPECT_THAT(jobs.followers_of(1), IsEmpty());
     EXPECT_FALSE(jobs.would_go_round(1, 3));
     jobs.remove(2);
+}
+
+TEST_F(JobsInMemory, NamesMayBeSwapped) {
+    jobs.add(row(1, "a", daily(0), midnight));
+    jobs.add(row(2, "b", daily(0), midnight));
+    jobs.change(row(1, "b", daily(0), midnight));
+    jobs.change(row(2, "a", daily(0), midnight));
+    EXPECT_EQ(jobs.find("a"), jobs.find(2));
+    EXPECT_EQ(jobs.find("b"), jobs.find(1));
 }
 
 TEST_F(JobsInMemory, ABodyThatCannotBeReadIsCounted) {

@@ -22,9 +22,11 @@
 #include <server/metrics/http_request.h>
 #include <server/metrics/listener.h>
 #include <support/sysutl.h>
+#include <tests/exposition_page.h>
 #include <veliaxdr/rgy_local.h>
 
 using namespace velia::server;
+using exposition_page::Page;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
@@ -32,64 +34,6 @@ using testing::StartsWith;
 namespace {
 
 constexpr int64_t deadline_ms = 20000;
-
-// A page in the text form, taken apart as strictly as its checkers do it.
-class Page {
-public:
-    explicit Page(const std::string &text) {
-        EXPECT_TRUE(text.ends_with('\n'));
-        std::istringstream lines(text);
-        for (std::string line; std::getline(lines, line);)
-            line.starts_with("# ") ? take_comment(line) : take_sample(line);
-    }
-    std::string value(const std::string &series) const {
-        const auto found = samples_.find(series);
-        return found == samples_.end() ? "none" : found->second;
-    }
-    bool has_family(const std::string &name) const { return types_.contains(name); }
-
-private:
-    void take_comment(const std::string &line) {
-        std::istringstream words(line.substr(2));
-        std::string kind;
-        std::string name;
-        std::string rest;
-        words >> kind >> name;
-        std::getline(words, rest);
-        if (kind == "HELP") {
-            EXPECT_FALSE(types_.contains(name)) << "a family comes once: " << line;
-            EXPECT_GT(rest.size(), 1u) << line;
-            help_ = name;
-            return;
-        }
-        EXPECT_EQ(kind, "TYPE") << line;
-        EXPECT_EQ(name, help_) << "help stands before the type: " << line;
-        types_[name] = rest.substr(1);
-        EXPECT_EQ(name.ends_with("_total"), types_[name] == "counter") << line;
-        for (const char *reserved : {"_bucket", "_count", "_sum", "_info"})
-            EXPECT_FALSE(name.ends_with(reserved) && name != "velia_build_info") << line;
-    }
-    void take_sample(const std::string &line) {
-        const auto blank = line.rfind(' ');
-        const std::string series = line.substr(0, blank);
-        std::string name = series.substr(0, series.find('{'));
-        if (types_[help_] == "histogram")
-            for (const std::string suffix : {"_bucket", "_sum", "_count"})
-                if (name == help_ + suffix)
-                    name = help_;
-        EXPECT_EQ(name, help_) << "a sample belongs to the family above it: " << line;
-        EXPECT_FALSE(samples_.contains(series)) << "a series comes once: " << line;
-        char *end = nullptr;
-        const std::string value = line.substr(blank + 1);
-        strtod(value.c_str(), &end);
-        EXPECT_EQ(*end, '\0') << line;
-        samples_[series] = value;
-    }
-
-    std::string help_;
-    std::map<std::string, std::string> types_;
-    std::map<std::string, std::string> samples_;
-};
 
 int status_of(const std::string &head) {
     HttpRequest request;
@@ -123,6 +67,58 @@ TEST(CallFigures, AreSpreadOverBoundsThatHoldAllBelow) {
     EXPECT_EQ(spread.up_to.back(), 5u);
 }
 
+// Each breaks one rule of a page that keeps them all.
+TEST(ExpositionPage, TellsWhatIsNotOfTheForm) {
+    const std::string head = "# HELP a_b One.\n# TYPE a_b gauge\n";
+    const std::string histogram = "# HELP h Two.\n# TYPE h histogram\n";
+    const std::string buckets = histogram + "h_bucket{le=\"1\"} 2\nh_bucket{le=\"+Inf\"} 3\n";
+    const std::string good_pages[] = {
+        head + "a_b 1\n", head + "a_b{x=\"a\\\\\\\"\\n\",y=\"\"} -1.5e3 123\n\n# a word\n", head + "a_b{} NaN\n",
+        "# HELP a_total \\\\ \\n \"x\".\n# TYPE a_total counter\na_total +Inf\n", buckets + "h_sum 4\nh_count 3\n"};
+    for (const std::string &good : good_pages)
+        EXPECT_THAT(Page(good).faults(), testing::IsEmpty()) << good;
+    const std::string bad_pages[] = {
+        "a_b 1\n",
+        head + "a_b 1",
+        head + "a_b\n",
+        head + "a_b x\n",
+        head + "a_b  1\n",
+        head + "a_b 0x1\n",
+        head + "a_b 1 \n",
+        head + "a_b 1 x\n",
+        head + "a_b 1\na_b 2\n",
+        head + "a-b 1\n",
+        head + "1a 1\n",
+        head + "a_b{x=1} 1\n",
+        head + "a_b{x=\"1} 1\n",
+        head + "a_b{x=\"\\t\"} 1\n",
+        head + "a_b{x:y=\"1\"} 1\n",
+        head + "a_b{x=\"1\",x=\"1\"} 1\n",
+        head + "a_b{x=\"1\",} 1\n",
+        head + "a_b{x=\"1\" 1\n",
+        head + "a_c 1\n",
+        head + head,
+        "# TYPE a gauge\na 1\n",
+        "# HELP a \n# TYPE a gauge\n",
+        "# HELP a \\x\n# TYPE a gauge\n",
+        "# HELP a x\n# TYPE a number\n",
+        "# HELP a x\n# TYPE a counter\n",
+        "# HELP a_total x\n# TYPE a_total gauge\n",
+        "# HELP a_sum x\n# TYPE a_sum gauge\n",
+        "# HELP  x\n",
+        buckets + "h_sum 4\n",
+        buckets + "h_count 3\n",
+        buckets + "h_sum 4\nh_count 2\n",
+        buckets + "h 3\n",
+        histogram + "h_sum 4\nh_count 3\n",
+        histogram + "h_bucket 3\nh_sum 4\nh_count 3\n",
+        histogram + "h_bucket{le=\"1\"} 3\nh_sum 4\nh_count 3\n",
+        histogram + "h_bucket{le=\"1\"} 2\nh_bucket{le=\"+Inf\"} 1\nh_sum 4\nh_count 1\n",
+        histogram + "h_bucket{le=\"2\"} 1\nh_bucket{le=\"1\"} 1\nh_bucket{le=\"+Inf\"} 1\nh_sum 4\nh_count 1\n"};
+    for (const std::string &bad : bad_pages)
+        EXPECT_THAT(Page(bad).faults(), testing::Not(testing::IsEmpty())) << bad;
+}
+
 TEST(Metrics, AreAPageThatCheckersOfTheFormTake) {
     DaemonFigures figures;
     figures.started = 1000;
@@ -136,34 +132,36 @@ TEST(Metrics, AreAPageThatCheckersOfTheFormTake) {
     CallFigures calls;
     calls.add(99999, 1'500'000);
     const Page master(metrics_text(figures, {4096, 100}, calls, 2000));
-    EXPECT_EQ(master.value("velia_start_time_seconds"), "1000");
-    EXPECT_EQ(master.value("velia_connections"), "3");
-    EXPECT_EQ(master.value("velia_servers{state=\"busy\"}"), "2");
-    EXPECT_EQ(master.value("velia_servers{state=\"other\"}"), "3");
-    EXPECT_EQ(master.value("velia_registry_role{role=\"master\"}"), "1");
-    EXPECT_EQ(master.value("velia_registry_role{role=\"standby\"}"), "0");
-    EXPECT_EQ(master.value("velia_registry_takes_updates"), "1");
-    EXPECT_EQ(master.value("velia_registry_term"), "7");
-    EXPECT_EQ(master.value("velia_registry_superseded"), "0");
-    EXPECT_EQ(master.value("velia_registry_entries"), "11");
-    EXPECT_EQ(master.value("velia_registry_size_bytes"), "4096");
-    EXPECT_EQ(master.value("velia_registry_log_size_bytes"), "100");
+    EXPECT_THAT(master.faults(), testing::IsEmpty());
+    EXPECT_EQ(master.value("velia_start_time_seconds"), 1000);
+    EXPECT_EQ(master.value("velia_connections"), 3);
+    EXPECT_EQ(master.value("velia_servers", {{"state", "busy"}}), 2);
+    EXPECT_EQ(master.value("velia_servers", {{"state", "other"}}), 3);
+    EXPECT_EQ(master.value("velia_registry_role", {{"role", "master"}}), 1);
+    EXPECT_EQ(master.value("velia_registry_role", {{"role", "standby"}}), 0);
+    EXPECT_EQ(master.value("velia_registry_takes_updates"), 1);
+    EXPECT_EQ(master.value("velia_registry_term"), 7);
+    EXPECT_EQ(master.value("velia_registry_superseded"), 0);
+    EXPECT_EQ(master.value("velia_registry_entries"), 11);
+    EXPECT_EQ(master.value("velia_registry_size_bytes"), 4096);
+    EXPECT_EQ(master.value("velia_registry_log_size_bytes"), 100);
     EXPECT_FALSE(master.has_family("velia_registry_lag_seconds"));
-    const std::string procedure = "procedure=\"procedure_99999\"";
-    EXPECT_EQ(master.value("velia_request_duration_seconds_bucket{" + procedure + ",le=\"1.048575\"}"), "0");
-    EXPECT_EQ(master.value("velia_request_duration_seconds_bucket{" + procedure + ",le=\"4.194303\"}"), "1");
-    EXPECT_EQ(master.value("velia_request_duration_seconds_bucket{" + procedure + ",le=\"+Inf\"}"), "1");
-    EXPECT_EQ(master.value("velia_request_duration_seconds_sum{" + procedure + "}"), "1.500000");
-    EXPECT_EQ(master.value("velia_request_duration_seconds_count{" + procedure + "}"), "1");
+    const std::pair<const std::string, std::string> procedure = {"procedure", "procedure_99999"};
+    EXPECT_EQ(master.value("velia_request_duration_seconds_bucket", {procedure, {"le", "1.048575"}}), 0);
+    EXPECT_EQ(master.value("velia_request_duration_seconds_bucket", {procedure, {"le", "4.194303"}}), 1);
+    EXPECT_EQ(master.value("velia_request_duration_seconds_bucket", {procedure, {"le", "+Inf"}}), 1);
+    EXPECT_EQ(master.value("velia_request_duration_seconds_sum", {procedure}), 1.500000);
+    EXPECT_EQ(master.value("velia_request_duration_seconds_count", {procedure}), 1);
 
     figures.registry.role = RGY_SVR_STANDBY;
     figures.registry.failure = "no answer";
     EXPECT_FALSE(Page(metrics_text(figures, {}, calls, 2000)).has_family("velia_registry_lag_seconds"));
     figures.registry.current = 1990;
     const Page standby(metrics_text(figures, {}, calls, 2000));
-    EXPECT_EQ(standby.value("velia_registry_lag_seconds"), "10");
-    EXPECT_EQ(standby.value("velia_registry_copy_failing"), "1");
-    EXPECT_EQ(Page(metrics_text(figures, {}, calls, 1000)).value("velia_registry_lag_seconds"), "0")
+    EXPECT_THAT(standby.faults(), testing::IsEmpty());
+    EXPECT_EQ(standby.value("velia_registry_lag_seconds"), 10);
+    EXPECT_EQ(standby.value("velia_registry_copy_failing"), 1);
+    EXPECT_EQ(Page(metrics_text(figures, {}, calls, 1000)).value("velia_registry_lag_seconds"), 0)
         << "a clock that was set back";
 }
 

@@ -1,0 +1,38 @@
+// Jobs that several daemons have together. What one of them changes the others learn by asking what is new.
+#pragma once
+
+#include <server/scheduler/job_store.h>
+
+namespace velia::server {
+
+// What is new behind a number, all of it as it was at one moment.
+struct JobNews {
+    int64_t number = -1;       // to ask from the next time
+    bool has_contents = false; // something has changed
+    bool is_all = false;       // jobs that are not there are gone
+
+    // Jobs that have changed, or a run of which has, with those of their runs that have changed or have not ended.
+    // Starts that are owed, definitions that were dropped, and the access list are there whole.
+    JobContents contents;
+    std::vector<sched_job_id_t> gone;
+    std::vector<RunRow> lost;            // that have not ended, of hosts whose daemons were not heard of for so long
+    std::vector<std::string> hosts_away; // that have to run a job, and have no daemon
+};
+
+class SharedJobStore : public JobStore {
+public:
+    // What is new behind that number, with -1 all. It tells the others, too, that this daemon lives. One that has not
+    // told it for `take_over_s` is taken for gone. A StoreError where another daemon has taken this one's name.
+    virtual JobNews follow(int64_t since, uint32_t take_over_s) = 0;
+
+    // The host that has to run the job; the empty name: any. False: there is no such job.
+    virtual bool set_host(sched_job_id_t id, const std::string &host, const ChangeRow &change) = 0;
+
+    // Whose run it is ends it. False: it does not run.
+    virtual bool ask_to_end(const RunRow &run) = 0;
+};
+
+// Opens the jobs in this database as the daemon of that host, and makes their tables where there are none.
+std::unique_ptr<SharedJobStore> open_postgres_job_store(const std::string &conninfo, const std::string &host);
+
+} // namespace velia::server
