@@ -1,0 +1,410 @@
+// Several daemons on one set of jobs: each start is begun by one of them, and each learns what the others did.
+#include <server/scheduler/shared_job_store.h>
+
+#include <atomic>
+#include <thread>
+
+#include <unistd.h>
+
+#include <server/registry/store.h>
+#include <tests/postgres/server.h>
+#include <tests/unit/job_store/job_store_fixture.h>
+#include <tests/unit/store/dropping_relay.h>
+
+using namespace velia::server;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+using Refusal = RunStep::Refusal;
+using What = RunStep::What;
+
+namespace {
+
+constexpr uint32_t patience_s = 1000;
+
+struct SharedJobStores : testing::Test {
+    sched_job_id_t add(const std::string &name = "job", sched_job_id_t follows = 0) {
+        return alpha->add(job_row(name, follows), change_row("created"));
+    }
+    static RunStep beginning(sched_job_id_t job, int64_t started, int64_t due) {
+        return run_step(What::begin, run_row(job, started, due));
+    }
+    static Refusal take(SharedJobStore &store, RunStep &step) {
+        record_in(store, {&step});
+        EXPECT_EQ(step.is_done, step.refusal == Refusal::none);
+        return step.refusal;
+    }
+    static Refusal begin(SharedJobStore &store, sched_job_id_t job, int64_t started, int64_t due) {
+        RunStep step = beginning(job, started, due);
+        return take(store, step);
+    }
+    static Refusal end(SharedJobStore &store, const RunRow &run, int64_t ended, uint32_t status = 0,
+                       std::vector<sched_job_id_t> owed = {}, What what = What::end) {
+        RunStep step = run_step(what, run);
+        step.run.ended = ended;
+        step.run.exit_status = status;
+        step.owed = std::move(owed);
+        return take(store, step);
+    }
+    void let_die(const std::string &host) const {
+        run("UPDATE job_daemon SET seen = now() - interval '1 hour' WHERE host = '" + host + "'");
+    }
+    void run(const std::string &sql) const {
+        velia::postgres_test::server().run("SET search_path = " + schema() + "; " + sql);
+    }
+    std::string schema() const {
+        return conninfo.substr(conninfo.rfind('=') + 1, conninfo.rfind('\'') - conninfo.rfind('=') - 1);
+    }
+
+    const std::string conninfo = new_jobs_conninfo();
+    std::unique_ptr<SharedJobStore> alpha = open_postgres_job_store(conninfo, "alpha");
+    std::unique_ptr<SharedJobStore> beta = open_postgres_job_store(conninfo, "beta");
+    int64_t seen = beta->follow(-1, patience_s).number;
+
+    JobNews news() {
+        JobNews found = beta->follow(seen, patience_s);
+        seen = found.number;
+        return found;
+    }
+};
+
+std::vector<sched_job_id_t> ids_in(const JobNews &news) {
+    std::vector<sched_job_id_t> ids;
+    for (const auto &job : news.contents.jobs)
+        ids.push_back(job.id);
+    return ids;
+}
+
+} // namespace
+
+TEST_F(SharedJobStores, OfTwoThatWantAStartOneHasIt) {
+    const auto job = add();
+    EXPECT_EQ(begin(*alpha, job, 100, 90), Refusal::none);
+    EXPECT_EQ(begin(*beta, job, 100, 90), Refusal::taken);
+    EXPECT_EQ(begin(*beta, job, 100, 89), Refusal::taken) << "an older start";
+    EXPECT_THAT(beta->read().runs, SizeIs(1));
+    EXPECT_EQ(beta->read().runs.at(0).host, "alpha");
+}
+
+TEST_F(SharedJobStores, OfManyDaemonsAtOnceOneHasEachStart) {
+    constexpr int daemons = 4;
+    constexpr int64_t starts = 15; // fewer than runs are kept
+    const auto job = add();
+    std::atomic<int> begun = 0;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < daemons; ++i)
+        threads.emplace_back([&, i] {
+            const auto store = open_postgres_job_store(conninfo, "host" + std::to_string(i));
+            for (int64_t due = 101; due <= 100 + starts; ++due) {
+                RunStep step = beginning(job, due, due);
+                RunStep behind = beginning(job, due, due);
+                record_in(*store, {&step, &behind});
+                EXPECT_FALSE(behind.is_done);
+                if (!step.is_done)
+                    continue;
+                ++begun;
+                end(*store, step.run, due);
+            }
+        });
+    for (auto &thread : threads)
+        thread.join();
+    const JobContents left = alpha->read();
+    EXPECT_THAT(left.runs, SizeIs(static_cast<size_t>(begun)));
+    int64_t last = 0;
+    for (const auto &each : left.runs) {
+        EXPECT_GT(each.due, last) << "one start twice";
+        last = each.due;
+    }
+    EXPECT_EQ(left.jobs.at(0).considered, 100 + starts) << "none is left, made or passed over";
+}
+
+TEST_F(SharedJobStores, AStartDuringARunIsPassedOverByOne) {
+    const auto job = add();
+    ASSERT_EQ(begin(*alpha, job, 100, 90), Refusal::none);
+    EXPECT_EQ(begin(*beta, job, 101, 91), Refusal::running);
+    EXPECT_EQ(begin(*alpha, job, 101, 91), Refusal::taken) << "it was passed over";
+    EXPECT_EQ(begin(*beta, job, 101, 0), Refusal::running) << "by hand";
+    EXPECT_EQ(alpha->read().jobs.at(0).considered, 91);
+}
+
+TEST_F(SharedJobStores, AStartIsPassedOverForARunOnlyIfThatGoesOn) {
+    const auto job = add();
+    ASSERT_EQ(begin(*alpha, job, 100, 90), Refusal::none);
+    RunStep while_it_runs = run_step(What::pass_over_running, run_row(job, 0, 91));
+    EXPECT_EQ(take(*beta, while_it_runs), Refusal::none);
+    ASSERT_EQ(end(*alpha, run_row(job, 100, 90), 110), Refusal::none);
+    RunStep behind_it = run_step(What::pass_over_running, run_row(job, 0, 92));
+    EXPECT_EQ(take(*beta, behind_it), Refusal::taken);
+    EXPECT_EQ(begin(*beta, job, 120, 92), Refusal::none);
+}
+
+TEST_F(SharedJobStores, NoTwoRunsOfAJobHaveOneMoment) {
+    const auto job = add();
+    ASSERT_EQ(begin(*alpha, job, 100, 90), Refusal::none);
+    ASSERT_EQ(end(*alpha, run_row(job, 100, 90), 100), Refusal::none);
+    RunStep next = beginning(job, 95, 95);
+    ASSERT_EQ(take(*beta, next), Refusal::none);
+    EXPECT_EQ(next.run.started, 101) << "also where one clock is behind";
+}
+
+TEST_F(SharedJobStores, AJobThatWasChangedIsNotBegunAsItWas) {
+    const auto job = add();
+    JobRow changed = job_row("other");
+    changed.id = job;
+    ASSERT_TRUE(alpha->change(changed, change_row("changed")));
+    RunStep as_it_was = beginning(job, 100, 90);
+    as_it_was.mark = mark_of(body_of("job"));
+    EXPECT_EQ(take(*beta, as_it_was), Refusal::taken);
+    RunStep as_it_is = beginning(job, 100, 90);
+    as_it_is.mark = mark_of(changed.body);
+    EXPECT_EQ(take(*beta, as_it_is), Refusal::none);
+}
+
+TEST_F(SharedJobStores, AJobThatWasDeletedIsNotBegun) {
+    const auto job = add();
+    ASSERT_TRUE(alpha->remove(job, change_row("deleted")));
+    EXPECT_EQ(begin(*beta, job, 100, 90), Refusal::taken);
+}
+
+TEST_F(SharedJobStores, AChangeOfAJobThatAnotherHasChangedIsToBeTriedAgain) {
+    JobRow changed = job_row("ours");
+    changed.id = add();
+    changed.replaces = mark_of(body_of("job"));
+    JobRow theirs = changed;
+    theirs.body = body_of("theirs");
+    ASSERT_TRUE(beta->change(theirs, change_row("changed")));
+    EXPECT_THROW(alpha->change(changed, change_row("changed")), StoreBusy);
+    EXPECT_EQ(alpha->read().jobs.at(0).body, theirs.body);
+    changed.replaces = mark_of(theirs.body);
+    EXPECT_TRUE(alpha->change(changed, change_row("changed")));
+}
+
+TEST_F(SharedJobStores, TwoJobsDoNotGetOneName) {
+    add("one");
+    EXPECT_THROW(beta->add(job_row("one"), change_row("created")), StoreBusy);
+    JobRow renamed = job_row("one");
+    renamed.id = beta->add(job_row("two"), change_row("created"));
+    EXPECT_THROW(beta->change(renamed, change_row("changed")), StoreBusy);
+    EXPECT_THAT(alpha->read().jobs, SizeIs(2));
+    renamed.body = body_of("two");
+    EXPECT_TRUE(beta->change(renamed, change_row("changed"))) << "its own";
+}
+
+TEST_F(SharedJobStores, JobsDoNotComeToFollowThemselves) {
+    const auto first = add("first");
+    const auto second = add("second", first);
+    JobRow round = job_row("first", second);
+    round.id = first;
+    EXPECT_THROW(beta->change(round, change_row("changed")), StoreBusy);
+    EXPECT_EQ(alpha->read().jobs.at(0).body, body_of("first"));
+}
+
+TEST_F(SharedJobStores, WhatOneChangesTheOthersHear) {
+    const auto job = add();
+    const auto other = add("other");
+    JobNews found = news();
+    EXPECT_FALSE(found.is_all);
+    EXPECT_THAT(ids_in(found), ElementsAre(job, other));
+    EXPECT_THAT(ids_in(news()), IsEmpty());
+    ASSERT_EQ(begin(*alpha, job, 100, 90), Refusal::none);
+    found = news();
+    EXPECT_THAT(ids_in(found), ElementsAre(job));
+    ASSERT_THAT(found.contents.runs, SizeIs(1));
+    EXPECT_EQ(found.contents.runs[0].started, 100);
+    EXPECT_EQ(found.contents.runs[0].host, "alpha");
+    ASSERT_EQ(end(*alpha, run_row(job, 100, 90), 110, 3), Refusal::none);
+    found = news();
+    EXPECT_THAT(ids_in(found), ElementsAre(job));
+    EXPECT_EQ(found.contents.runs.at(0).exit_status, 3U);
+    alpha->set_acl("list", change_row("access"));
+    EXPECT_EQ(news().contents.acl, "list");
+    ASSERT_TRUE(alpha->remove(other, change_row("deleted")));
+    found = news();
+    EXPECT_THAT(ids_in(found), IsEmpty());
+    EXPECT_THAT(found.gone, ElementsAre(other));
+}
+
+TEST_F(SharedJobStores, OfAChangedJobTheRunThatGoesOnIsToldAgain) {
+    JobRow changed = job_row("other");
+    changed.id = add();
+    ASSERT_EQ(begin(*alpha, changed.id, 100, 90), Refusal::none);
+    news();
+    ASSERT_TRUE(alpha->change(changed, change_row("changed")));
+    EXPECT_THAT(news().contents.runs, SizeIs(1));
+}
+
+TEST_F(SharedJobStores, WhoeverIsFarBehindOrComesFromAnotherTimeHearsAll) {
+    const auto job = add();
+    const JobNews all = beta->follow(-1, patience_s);
+    EXPECT_TRUE(all.is_all);
+    EXPECT_THAT(ids_in(all), ElementsAre(job));
+    EXPECT_TRUE(beta->follow(all.number + 1, patience_s).is_all) << "the database was put back";
+    run("UPDATE scheduler SET changes = changes + 200000");
+    EXPECT_TRUE(beta->follow(all.number, patience_s).is_all);
+}
+
+TEST_F(SharedJobStores, AnOwedStartIsMadeOnce) {
+    const auto followed = add("first");
+    const auto follower = add("second", followed);
+    ASSERT_EQ(begin(*alpha, followed, 100, 90), Refusal::none);
+    ASSERT_EQ(end(*alpha, run_row(followed, 100, 90), 110, 0, {follower}), Refusal::none);
+    EXPECT_THAT(news().contents.owed, ElementsAre(follower));
+    RunStep ours = beginning(follower, 111, 0);
+    ours.is_owed = true;
+    RunStep theirs = ours;
+    EXPECT_EQ(take(*beta, ours), Refusal::none);
+    ASSERT_EQ(end(*beta, ours.run, 112), Refusal::none);
+    EXPECT_EQ(take(*alpha, theirs), Refusal::taken) << "it has ended, and is owed no more";
+}
+
+TEST_F(SharedJobStores, ARunWhoseDaemonIsGoneIsToldEndedOnce) {
+    const auto job = add();
+    const auto follower = add("second", job);
+    ASSERT_EQ(begin(*alpha, job, 100, 90), Refusal::none);
+    EXPECT_THAT(beta->follow(seen, 60).lost, IsEmpty());
+    EXPECT_EQ(end(*beta, run_row(job, 100, 90), 150, 255, {follower}, What::lose), Refusal::taken) << "it lives";
+    let_die("alpha");
+    const JobNews found = beta->follow(seen, 60);
+    ASSERT_THAT(found.lost, SizeIs(1));
+    EXPECT_EQ(found.lost[0].started, 100);
+    EXPECT_EQ(end(*beta, found.lost[0], 150, 255, {follower}, What::lose), Refusal::none);
+    EXPECT_EQ(end(*beta, found.lost[0], 160, 255, {}, What::lose), Refusal::taken);
+    EXPECT_THAT(beta->read().owed, ElementsAre(follower));
+    EXPECT_EQ(beta->read().runs.at(0).ended, 150);
+}
+
+TEST_F(SharedJobStores, AnEndThatComesLateIsToldAndStartsNothing) {
+    const auto job = add();
+    const auto follower = add("second", job);
+    ASSERT_EQ(begin(*alpha, job, 100, 90), Refusal::none);
+    beta->follow(seen, 60);
+    let_die("alpha");
+    ASSERT_EQ(end(*beta, run_row(job, 100, 90), 150, 255, {}, What::lose), Refusal::none);
+    EXPECT_EQ(end(*alpha, run_row(job, 100, 90), 190, 0, {follower}), Refusal::none);
+    EXPECT_EQ(beta->read().runs.at(0).exit_status, 0U);
+    EXPECT_EQ(beta->read().runs.at(0).ended, 190);
+    EXPECT_THAT(beta->read().owed, IsEmpty());
+}
+
+TEST_F(SharedJobStores, AJobIsBegunAtTheHostThatHasToRunIt) {
+    const auto job = add();
+    ASSERT_TRUE(beta->set_host(job, "alpha", change_row("changed")));
+    EXPECT_FALSE(beta->set_host(job + 1, "alpha", change_row("changed")));
+    EXPECT_EQ(alpha->read().jobs.at(0).host, "alpha");
+    EXPECT_EQ(alpha->changes(job, INT64_MAX, 1).at(0).what, "changed");
+    EXPECT_EQ(begin(*beta, job, 100, 90), Refusal::taken);
+    JobRow changed = job_row("job");
+    changed.id = job;
+    ASSERT_TRUE(beta->change(changed, change_row("changed")));
+    EXPECT_EQ(begin(*beta, job, 100, 90), Refusal::taken) << "a change of what it is leaves the host be";
+    EXPECT_EQ(begin(*alpha, job, 100, 90), Refusal::none);
+}
+
+TEST_F(SharedJobStores, WhoeverLivesIsNotAway) {
+    const auto job = add();
+    ASSERT_TRUE(beta->set_host(job, "alpha", change_row("changed")));
+    EXPECT_THAT(beta->follow(seen, 60).hosts_away, IsEmpty());
+    let_die("alpha");
+    EXPECT_THAT(beta->follow(seen, 60).hosts_away, ElementsAre("alpha"));
+    alpha->follow(-1, 60);
+    EXPECT_THAT(beta->follow(seen, 60).hosts_away, IsEmpty());
+    ASSERT_TRUE(beta->set_host(job, "nobody", change_row("changed")));
+    EXPECT_THAT(beta->follow(seen, 60).hosts_away, ElementsAre("nobody")) << "of which there never was a daemon";
+}
+
+TEST_F(SharedJobStores, AnotherDaemonOfTheNameKeepsTheFormerFromAll) {
+    const auto job = add();
+    const auto later = open_postgres_job_store(conninfo, "alpha");
+    EXPECT_EQ(begin(*alpha, job, 100, 90), Refusal::taken);
+    EXPECT_THROW(alpha->follow(-1, patience_s), StoreError);
+    EXPECT_EQ(begin(*later, job, 100, 90), Refusal::none);
+}
+
+TEST_F(SharedJobStores, WhoeverWantsARunEndedTellsWhoseItIs) {
+    const auto job = add();
+    ASSERT_EQ(begin(*alpha, job, 100, 90), Refusal::none);
+    news();
+    EXPECT_TRUE(beta->ask_to_end(run_row(job, 100, 0)));
+    EXPECT_FALSE(beta->ask_to_end(run_row(job, 101, 0)));
+    const JobNews found = news();
+    ASSERT_THAT(found.contents.runs, SizeIs(1));
+    EXPECT_TRUE(found.contents.runs[0].is_to_end);
+}
+
+TEST_F(SharedJobStores, ARunIsForgottenOnlyByItsHostAndWhileItHasNotEnded) {
+    const auto job = add();
+    ASSERT_EQ(begin(*alpha, job, 100, 90), Refusal::none);
+    beta->forget(run_row(job, 100, 90), 89, false);
+    EXPECT_THAT(alpha->read().runs, SizeIs(1));
+    ASSERT_EQ(end(*alpha, run_row(job, 100, 90), 110), Refusal::none);
+    alpha->forget(run_row(job, 100, 90), 89, true);
+    EXPECT_EQ(alpha->read().jobs.at(0).considered, 90) << "or it would be made twice";
+    EXPECT_THAT(alpha->read().owed, IsEmpty()) << "the same";
+}
+
+TEST_F(SharedJobStores, WhatWasDeletedOfTheDefaultScheduleIsNotMadeByAnother) {
+    JobRow defined = job_row("job");
+    defined.definition = "definition";
+    const auto job = alpha->add(defined, change_row("created"));
+    ASSERT_TRUE(alpha->remove(job, change_row("deleted")));
+    EXPECT_THROW(beta->add(defined, change_row("created")), StoreBusy);
+}
+
+TEST_F(SharedJobStores, TheYoungestChangesAreKept) {
+    alpha->set_acl("one", change_row("access", 1));
+    alpha->set_acl("two", change_row("access", 2));
+    run("UPDATE job_change SET number = " + std::to_string(changes_kept + 1) +
+        " WHERE time = 2; "
+        "UPDATE scheduler SET last_note = " +
+        std::to_string(changes_kept + 1));
+    alpha->set_acl("three", change_row("access", 3));
+    const auto kept = alpha->changes(0, INT64_MAX, 10);
+    ASSERT_EQ(kept.size(), 2U);
+    EXPECT_EQ(kept.back().deed.when, 2);
+}
+
+TEST_F(SharedJobStores, OfANewerVersionAreLeftAlone) {
+    run("UPDATE scheduler SET version = 99");
+    EXPECT_THROW(open_postgres_job_store(conninfo, "alpha"), StoreError);
+}
+
+TEST_F(SharedJobStores, TablesThatAreGoneAreNotTakenForNoJobs) {
+    run("DELETE FROM scheduler");
+    EXPECT_THROW(beta->follow(-1, patience_s), StoreError);
+    EXPECT_THROW(alpha->set_acl("one", change_row("access", 1)), StoreError);
+}
+
+// Whatever the daemon is told, it is what the database has: else a start would be made twice, or by nobody.
+TEST_F(SharedJobStores, CutOffAtAnyMessageOfABeginningItIsKnownWhetherItIsWrittenDown) {
+    DroppingRelay relay(velia::postgres_test::server().directory());
+    const auto cut = open_postgres_job_store(
+        "host=" + relay.directory() + " dbname=postgres user=tester options='-c search_path=" + schema() + "'",
+        "gamma");
+    const auto job = add();
+    int64_t due = 100;
+    int lost = 0;
+    int made = 0;
+    bool was_cut = true;
+    for (int piece = 1; was_cut && piece < 100; ++piece) {
+        ++due;
+        RunStep step = beginning(job, due, due);
+        relay.drop_piece(piece);
+        for (int pause = 0; pause < 1000 && !step.is_done && !relay.has_dropped_piece(); ++pause) {
+            try {
+                record_in(*cut, {&step});
+            } catch (const StoreAway &) { // also for a while after a connection that was cut off
+                usleep(10'000);
+            }
+        }
+        was_cut = relay.has_dropped_piece();
+        relay.drop_piece(-1);
+        (step.is_done ? made : lost) += was_cut ? 1 : 0;
+        EXPECT_EQ(beta->read().runs.size(), step.is_done ? 1U : 0U) << "cut at piece " << piece;
+        EXPECT_EQ(begin(*beta, job, due, due), step.is_done ? Refusal::taken : Refusal::none) << "piece " << piece;
+        run("DELETE FROM job_run");
+    }
+    EXPECT_FALSE(was_cut) << "there is an end to the messages";
+    EXPECT_GT(made, 0) << "the commit had come";
+    EXPECT_GT(lost, 0) << "it had not";
+}
