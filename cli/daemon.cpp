@@ -6,7 +6,7 @@
 #include <cli/site.h>
 #include <support/date.h>
 #include <support/imsg.h>
-#include <veliaxdr/rvzd_procedures.h>
+#include <veliaxdr/rvzd_procedure_names.hpp>
 
 namespace velia::cli {
 
@@ -35,7 +35,7 @@ constexpr Column columns[] = {
     {"source", Type::text, "whom a standby copies from", true},
     {"looked", Type::time, "when a standby asked it last", true},
     {"lag_s", Type::integer, "seconds since a standby was last as its master is", true},
-    {"failure", Type::text, "why a standby's last look was in vain", true},
+    {"failure", Type::text, "why a standby's last look was in vain, or a master's database is not reached", true},
     {"connections", Type::integer, "that are open"},
     {"connections_max", Type::integer, "that may be"},
     {"services", Type::integer, "that are configured"},
@@ -57,28 +57,12 @@ constexpr Command commands[] = {
      .output = &output},
 };
 
-struct ProcedureName {
-    uint32_t number;
-    const char *name;
-};
-#define NAME_OF_ROW(NUMBER, CONSTANT, NAME, REQUEST, REPLY, RUNS, OVER) {NUMBER, #NAME},
-constexpr ProcedureName procedure_names[] = {RVZD_PROCEDURES(NAME_OF_ROW) RVZD_SCHEDULER_PROCEDURES(NAME_OF_ROW)
-                                                 RVZD_RUN_PROCEDURES(NAME_OF_ROW) RVZD_SET_PROCEDURES(NAME_OF_ROW)};
-#undef NAME_OF_ROW
-
-std::string name_of_procedure(uint32_t number) {
-    for (const auto &row : procedure_names)
-        if (row.number == number)
-            return row.name;
-    return "procedure_" + std::to_string(number);
-}
-
 Cell requests_cell(const rvzd_daemon_status_reply_t &status) {
     std::vector<std::string> names;
     std::vector<Cell> values;
     for (uint32_t i = 0; i < status.count; ++i) {
         const auto &row = status.procedures[i];
-        names.push_back(name_of_procedure(row.number));
+        names.push_back(procedure_name(row.number));
         values.push_back(
             Cell(std::to_string(row.calls) + "/" + std::to_string(row.median_us) + "/" + std::to_string(row.p99_us)));
     }
@@ -104,7 +88,7 @@ void add_status(const rvzd_daemon_status_reply_t &status, const rvzd_registry_st
                  of_copy(text_or_none(state.source)),
                  of_copy(moment(state.looked)),
                  of_copy(state.current > 0 ? Cell(state.now - state.current) : Cell()),
-                 of_copy(text_or_none(state.failure)),
+                 text_or_none(state.failure),
                  status.connections,
                  status.connections_max,
                  status.services,

@@ -227,7 +227,8 @@ void look_at_role_file(Visit &visit) {
         return visit.warn(path,
                           "says '" + name_of_role(type) + "', and the daemon goes by '" +
                               name_of_role(answer.registry->role) + "'",
-                          "write the role there that is meant");
+                          answer.registry->role == RGY_SVR_NONE ? "see its log, which tells why it serves no registry"
+                                                                : "write the role there that is meant");
     visit.ok(path, is_server ? name_of_role(type) : "no registry server");
 }
 
@@ -257,9 +258,14 @@ void look_at_database(Visit &visit) {
     const Status status(path);
     if (!status.is_there && Status(trace).is_there)
         return visit.fail(path, "is gone, though this host had a registry",
-                          "put a save of it there, with \"rvzd_server --restore-registry FILE\"");
-    if (!status.is_there)
-        return visit.ok(path, "there is none");
+                          rgy_get_svr_type() == RGY_SVR_MASTER
+                              ? "put a save of it there, with \"rvzd_server --restore-registry FILE\""
+                              : "remove " + quoted(trace) + " and start the daemon again: it copies its master");
+    if (!status.is_there) {
+        const auto &answer = visit.ask(visit.host());
+        const bool is_elsewhere = answer.is_there() && answer.registry->role != RGY_SVR_NONE;
+        return visit.ok(path, is_elsewhere ? "there is none: the registry is in a database" : "there is none");
+    }
     const std::string directory = path_below_root("host/priv");
     if (free_bytes(directory) < free_bytes_least)
         visit.fail(directory, "less than 64 MiB are free on its disk", "make room there");

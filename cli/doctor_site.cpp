@@ -134,6 +134,15 @@ void look_at_masters_list(Visit &visit, const std::string &master) {
                    "add it: veliactl registry backup HOSTS, all of them with commas between");
 }
 
+// Where all of them answer, so that it is none of those that do not.
+bool is_without_master(Visit &visit) {
+    const auto &hosts = visit.other_hosts();
+    return std::all_of(hosts.begin(), hosts.end(), [&](const std::string &host) {
+        const auto &answer = visit.ask(host);
+        return answer.is_there() && answer.registry->role != RGY_SVR_MASTER;
+    });
+}
+
 } // namespace
 
 const HostAnswer &Visit::ask(const std::string &host) {
@@ -184,6 +193,9 @@ void look_at_daemon(Visit &visit) {
     constexpr tbs_uuid_t none = {};
     if (answer.registry->role != RGY_SVR_NONE && tbs_uuid_eq(&answer.registry->registry, &none) != 0)
         return visit.fail(visit.host(), "it has a role, but serves no registry", "see its log, which tells why");
+    if (answer.registry->role == RGY_SVR_MASTER && *answer.registry->failure != '\0')
+        return visit.fail(visit.host(), std::string("its registry cannot be reached: ") + answer.registry->failure,
+                          "see to the database in which it is");
     visit.ok(visit.host(), "its daemon answers: " + name_of_role(answer.registry->role));
 }
 
@@ -236,16 +248,24 @@ void look_at_terms(Visit &visit) {
         return visit.fail(visit.host(),
                           "was superseded: " + std::string(state.heard_host) + " is the master, by term " +
                               std::to_string(state.heard_term),
-                          "run there: veliactl registry demote --follow " + std::string(state.heard_host));
+                          is_same_host(state.heard_host, visit.host())
+                              ? "its registry is an older one; to go on with it, run: veliactl registry promote " +
+                                    visit.host() + " --force"
+                              : "run there: veliactl registry demote --follow " + std::string(state.heard_host));
     for (const auto &host : visit.other_hosts()) {
         const auto &other = visit.ask(host);
         if (!is_master(own) || !is_master(other) || !is_same_registry(own, other))
             continue;
-        if (is_same_host(own.registry->master, other.registry->master))
-            continue; // another name of this host
+        if (is_same_host(own.registry->master, other.registry->master)) // another name of this host
+            continue;
+        if (serve_one_store(visit.host(), host, visit.settings()))
+            continue;
         return visit.fail(host, "it takes updates, and so does " + visit.host(),
                           "decide which is the master, and run: veliactl site master HOST --force");
     }
+    if (state.role != RGY_SVR_MASTER && is_without_master(visit))
+        return visit.fail(visit.host(), "no host of the site is the master of its registry",
+                          "make one of them the master: veliactl site master HOST");
     visit.ok(visit.host(), "term " + std::to_string(state.term));
 }
 

@@ -32,6 +32,8 @@ constexpr Column job_columns[] = {JOB_COLUMNS,
                                   {"created_by", Type::text, "who made it", true},
                                   {"created", Type::time, "when that was", true},
                                   {"modified", Type::time, "when it was changed last", true},
+                                  {"host", Type::text, "that has to run it", true},
+                                  {"run_host", Type::text, "that runs it, or ran it last", true},
                                   {"output", Type::text, "the end of what the last run put out", true}};
 constexpr Output job_output = {Output::Shape::one, job_columns};
 
@@ -70,7 +72,8 @@ Cells list_cells(const sched_job_properties_t &job) {
 }
 
 int show_job(const JobArguments &arguments, const Settings &settings) {
-    return with_job(arguments, settings, [&](const SchedulerHandle & /*scheduler*/, const auto &job) {
+    return with_job(arguments, settings, [&](const SchedulerHandle &scheduler, const auto &job) {
+        const JobHosts hosts = hosts_of_jobs(scheduler, job.ro.job_id)[job.ro.job_id];
         Cells cells = list_cells(job);
         std::vector<Cell> words;
         for (uint32_t i = 0; i < job.rw.arg_count; ++i)
@@ -79,7 +82,7 @@ int show_job(const JobArguments &arguments, const Settings &settings) {
         cells.insert(cells.end(),
                      {text_cell(job.rw.description), job.rw.task, std::move(words), limit != 0 ? Cell(limit) : Cell(),
                       text_cell(job.ro.created.who), moment(job.ro.created.when), moment(job.ro.last_modified.when),
-                      text_cell(job.ro.last_completion.messages)});
+                      host_cell(hosts.host), host_cell(hosts.run_host), text_cell(job.ro.last_completion.messages)});
         Results results(job_output, settings);
         results.add(std::move(cells));
         results.finish();

@@ -11,6 +11,7 @@
 #include <support/date.h>
 #include <veliaxdr/sched_check.h>
 #include <veliaxdr/sched_jobs.h>
+#include <veliaxdr/sched_runs.h>
 #include <veliaxdr/sched_tasks.h>
 
 namespace velia::cli {
@@ -35,6 +36,7 @@ struct Creation {
     std::string start_date;
     std::string last_date;
     std::vector<std::string> notifications;
+    std::string run_host;
     int32_t time_limit_s = 0;
     bool is_deleted_when_completed = false;
     bool is_dry_run = false;
@@ -164,6 +166,10 @@ Options run_options(Creation &creation) {
              .target = &creation.notifications,
              .fault = fault_of_notification},
             {.name = "--description", .type = "TEXT", .help = "free text", .target = &creation.description},
+            {.name = "--host",
+             .type = "HOST",
+             .help = "the host whose daemon has to run it, of those that have their jobs together",
+             .target = &creation.run_host},
             {.name = "--delete-when-completed",
              .help = "delete it with its last run",
              .target = &creation.is_deleted_when_completed},
@@ -249,12 +255,36 @@ bool set_schedule(const Creation &creation, sched_schedule_t &schedule) {
     return true;
 }
 
+// No other host starts it before it is known where it has to run: until then it has no start to come.
+tbs_status_t create_at_host(const SchedulerHandle &scheduler, const std::string &host, sched_job_rw_properties_t &rw,
+                            sched_job_h_t &made) {
+    constexpr time_t far_away = 4102444800; // in the year 2100
+    const sched_schedule_t wanted = rw.schedule;
+    sched_validate_job_rw_properties_err_mask_t err_mask = 0;
+    rw.schedule = {};
+    rw.schedule.kind = SCHED_KIND_DAILY;
+    rw.schedule.u.daily.frequency = 1;
+    rw.schedule.u.daily.common.lifetime.start_date = far_away;
+    rw.schedule.u.daily.common.start_times.first_start_time = SCHED_TIME_NOT_GIVEN;
+    auto status = sched_job_create(scheduler.get(), &rw, &made, &err_mask);
+    rw.schedule = wanted;
+    if (status != TBS_ST_OK)
+        return status;
+    status = sched_job_set_host(scheduler.get(), made->job_id, host.c_str());
+    if (status == TBS_ST_OK)
+        status = sched_job_set_properties(scheduler.get(), made, &rw, &err_mask);
+    if (status != TBS_ST_OK)
+        sched_job_delete(scheduler.get(), &made, 1);
+    return status;
+}
+
 int send_job(const SchedulerHandle &scheduler, const Creation &creation, sched_job_rw_properties_t &rw, Cell &id) {
     sched_validate_job_rw_properties_err_mask_t err_mask = 0;
     auto status = sched_utl_validate_job_rw_properties(scheduler.get(), 0, &rw, 1, 0, &err_mask);
     sched_job_h_t made = nullptr;
     if (status == TBS_ST_OK && !creation.is_dry_run)
-        status = sched_job_create(scheduler.get(), &rw, &made, &err_mask);
+        status = creation.run_host.empty() ? sched_job_create(scheduler.get(), &rw, &made, &err_mask)
+                                           : create_at_host(scheduler, creation.run_host, rw, made);
     if (made != nullptr)
         id = made->job_id;
     sched_job_free_handle(scheduler.get(), &made);

@@ -15,6 +15,7 @@
 #include <cli/plan.h>
 #include <cli/results.h>
 #include <veliaxdr/sched_check.h>
+#include <veliaxdr/sched_runs.h>
 
 namespace velia::cli {
 
@@ -22,6 +23,7 @@ namespace {
 
 struct EditArguments {
     JobArguments of;
+    std::string host;
     bool is_dry_run = false;
 };
 struct ValidateArguments {
@@ -31,7 +33,12 @@ struct ValidateArguments {
 
 Options edit_options(EditArguments &arguments) {
     return joined({job_options(arguments.of),
-                   {{.name = "--dry-run", .help = "only tell what would be done", .target = &arguments.is_dry_run}}});
+                   {{.name = "--host",
+                     .type = "HOST",
+                     .help = "only name the host whose daemon has to run it, of those that have their jobs together; "
+                             "any for any of them",
+                     .target = &arguments.host},
+                    {.name = "--dry-run", .help = "only tell what would be done", .target = &arguments.is_dry_run}}});
 }
 
 Options validate_options(ValidateArguments &arguments) {
@@ -41,6 +48,8 @@ Options validate_options(ValidateArguments &arguments) {
 
 int edit_job(const EditArguments &arguments, const Settings &settings);
 int validate_jobs(const ValidateArguments &arguments, const Settings &settings);
+
+constexpr const char *any_host = "any";
 
 constexpr Output edit_output = {Output::Shape::list, plan_columns};
 
@@ -54,7 +63,8 @@ constexpr Command commands[] = {
     {.path = "job edit",
      .help = "Change a job with an editor",
      .examples = {"veliactl job edit build7 nightly",
-                  "EDITOR=\"sed -i s/01:00/02:00/\" veliactl job edit build7 nightly"},
+                  "EDITOR=\"sed -i s/01:00/02:00/\" veliactl job edit build7 nightly",
+                  "veliactl job edit build7 nightly --host build8"},
      .notes =
          "The editor is that of VISUAL or EDITOR, or else vi. It has the definition of the job, as job dump writes\n"
          "it. What is wrong with the new one is told, and its file stays. A new name renames the job.\n",
@@ -137,7 +147,26 @@ int load_draft(const EditArguments &arguments, const Settings &settings, const S
     return exit_done;
 }
 
+int edit_host(const EditArguments &arguments, const Settings &settings) {
+    return with_job(arguments.of, settings, [&](const SchedulerHandle &scheduler, const auto &job) {
+        const std::string before = hosts_of_jobs(scheduler, job.ro.job_id)[job.ro.job_id].host;
+        const std::string after = arguments.host == any_host ? "" : arguments.host;
+        const auto status = arguments.is_dry_run ? tbs_status_t{TBS_ST_OK}
+                                                 : sched_job_set_host(scheduler.get(), job.ro.job_id, after.c_str());
+        if (status != TBS_ST_OK)
+            return fail_of_scheduler(status, arguments.of.host, "The host of the job cannot be set");
+        const bool is_same = before == after;
+        Results results(edit_output, settings, arguments.is_dry_run ? Results::Of::look : Results::Of::change);
+        results.add({is_same ? "unchanged" : "change", job.ro.job_id, job.rw.name, is_same ? Cell() : Cell("host"),
+                     is_same ? Cell() : host_cell(before), is_same ? Cell() : host_cell(after), Cell(), Cell()});
+        results.finish();
+        return int{exit_done};
+    });
+}
+
 int edit_job(const EditArguments &arguments, const Settings &settings) {
+    if (!arguments.host.empty())
+        return edit_host(arguments, settings);
     return with_jobs_there(arguments.of.host, settings, [&](const SchedulerHandle &scheduler, const auto &there) {
         const auto *job = there.find_by_name_or_number(arguments.of.job);
         if (job == nullptr)

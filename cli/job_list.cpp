@@ -18,6 +18,7 @@ struct ListArguments {
     std::string host;
     bool shows_all = false;
     bool shows_durations = false;
+    bool shows_hosts = false;
 };
 
 Options list_options(ListArguments &arguments) {
@@ -26,7 +27,10 @@ Options list_options(ListArguments &arguments) {
          {{.name = "--all",
            .help = "also jobs that do not run any more: their schedule has come to its end",
            .target = &arguments.shows_all},
-          {.name = "--durations", .help = "tell how long the last run took", .target = &arguments.shows_durations}}});
+          {.name = "--durations", .help = "tell how long the last run took", .target = &arguments.shows_durations},
+          {.name = "--hosts",
+           .help = "tell where they have to run, and where they ran, of daemons that have them together",
+           .target = &arguments.shows_hosts}}});
 }
 
 int list_jobs(const ListArguments &arguments, const Settings &settings);
@@ -41,9 +45,10 @@ constexpr Column list_columns[] = {
     {"last_started", Type::time, "its last run that has ended", true, nullptr, "last", true},
     {"last_ended", Type::time, "of that run", true},
     {"last_status", Type::integer, "exit status of that run", true, nullptr, "status", true},
-    {"duration_s", Type::integer, "of that run", true, "--durations", "duration", true}};
-constexpr Output long_output = {Output::Shape::list, list_columns};
-constexpr Output short_output = {Output::Shape::list, std::span(list_columns).first(std::size(list_columns) - 1)};
+    {"duration_s", Type::integer, "of that run", true, "--durations", "duration", true},
+    {"host", Type::text, "that has to run it", true, "--hosts"},
+    {"run_host", Type::text, "that runs it, or ran it last", true, "--hosts"}};
+constexpr Output list_output = {Output::Shape::list, list_columns};
 
 constexpr Column status_columns[] = {{"id", Type::integer, "number of the job"},
                                      {"name", Type::text, "of the job"},
@@ -64,7 +69,7 @@ constexpr Command commands[] = {
      .examples = {"veliactl job list build7", "veliactl job list build7 --all --sort duration --limit 10",
                   "veliactl job list build7 --output json"},
      .make = call_of<list_jobs, list_options>,
-     .output = &long_output},
+     .output = &list_output},
     {.path = "job status",
      .help = "Tell how it stands with a job",
      .examples = {"veliactl job status build7 nightly"},
@@ -96,7 +101,12 @@ Cell duration_cell(const sched_job_properties_t &job) {
     return has_run(job) ? Cell(duration_of(job)) : Cell();
 }
 
-Cells cells_of(const sched_job_properties_t &job, const Output &output) {
+bool is_shown(const Column &column, const ListArguments &arguments) {
+    return column.needs == nullptr ||
+           (column.needs == std::string_view("--hosts") ? arguments.shows_hosts : arguments.shows_durations);
+}
+
+Cells cells_of(const sched_job_properties_t &job, const JobHosts &hosts, const ListArguments &arguments) {
     const auto &last = job.ro.last_completion;
     Cells cells = {job.ro.job_id,
                    job.rw.name,
@@ -105,9 +115,14 @@ Cells cells_of(const sched_job_properties_t &job, const Output &output) {
                    moment(last.started),
                    moment(last.ended),
                    status_cell(job),
-                   duration_cell(job)};
-    cells.resize(output.columns.size());
-    return cells;
+                   duration_cell(job),
+                   host_cell(hosts.host),
+                   host_cell(hosts.run_host)};
+    Cells shown;
+    for (size_t i = 0; i < cells.size(); ++i)
+        if (is_shown(list_columns[i], arguments))
+            shown.push_back(std::move(cells[i]));
+    return shown;
 }
 
 // In pieces, however many there are; as a whole from a scheduler that knows no pieces.
@@ -134,10 +149,15 @@ int list_jobs(const ListArguments &arguments, const Settings &settings) {
             shown.push_back(&jobs[i]);
     std::stable_sort(shown.begin(), shown.end(),
                      [](const auto *left, const auto *right) { return left->ro.job_id < right->ro.job_id; });
-    const Output &output = arguments.shows_durations ? long_output : short_output;
+    std::vector<Column> columns;
+    for (const Column &column : list_columns)
+        if (is_shown(column, arguments))
+            columns.push_back(column);
+    auto hosts = arguments.shows_hosts ? hosts_of_jobs(scheduler) : std::map<sched_job_id_t, JobHosts>{};
+    const Output output = {Output::Shape::list, columns};
     Results results(output, settings);
     for (const auto *job : shown)
-        results.add(cells_of(*job, output));
+        results.add(cells_of(*job, hosts[job->ro.job_id], arguments));
     sched_free_jobs(scheduler.get(), count, &jobs);
     results.finish();
     return exit_done;

@@ -8,6 +8,7 @@
 #include <schedule/next_start.h>
 #include <support/date.h>
 #include <veliaxdr/sched_jobs.h>
+#include <veliaxdr/sched_runs.h>
 
 namespace velia::cli {
 
@@ -99,6 +100,29 @@ Options job_options(JobArguments &arguments) {
     return joined(
         {job_host_options(arguments.host),
          {{.name = "JOB", .help = "name or number of a job", .target = &arguments.job, .is_required = true}}});
+}
+
+std::map<sched_job_id_t, JobHosts> hosts_of_jobs(const SchedulerHandle &scheduler, sched_job_id_t only) {
+    const uint32_t count_max = only != 0 ? 1 : SCHED_JOB_HOSTS_MAX;
+    std::map<sched_job_id_t, JobHosts> all;
+    uint32_t count = 0;
+    sched_job_id_t after = only != 0 ? only - 1 : 0;
+    do {
+        sched_job_host_t *hosts = nullptr;
+        tbs_status_t status = TBS_ST_OK;
+        hear([](const Heard & /*heard*/) {},
+             [&] { status = sched_get_job_hosts(scheduler.get(), after, count_max, &count, &hosts); });
+        for (uint32_t i = 0; status == TBS_ST_OK && i < count; ++i)
+            all[after = hosts[i].job_id] = {hosts[i].host, hosts[i].run_host};
+        sched_free_job_hosts(scheduler.get(), count, &hosts);
+        if (status != TBS_ST_OK)
+            break;
+    } while (only == 0 && count == count_max);
+    return all;
+}
+
+Cell host_cell(const std::string &host) {
+    return host.empty() ? Cell() : Cell(host);
 }
 
 } // namespace velia::cli

@@ -1,6 +1,7 @@
 // What the commands about jobs share: a handle on a host's scheduler, and a job by its name or number.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -44,6 +45,14 @@ struct JobArguments {
 };
 Options job_host_options(std::string &host);
 Options job_options(JobArguments &arguments);
+
+// The hosts of jobs, where several daemons have them together. None from a scheduler that knows of no such thing.
+struct JobHosts {
+    std::string host;     // that has to run it
+    std::string run_host; // that runs it, or ran it last
+};
+std::map<sched_job_id_t, JobHosts> hosts_of_jobs(const SchedulerHandle &scheduler, sched_job_id_t only = 0);
+Cell host_cell(const std::string &host);
 
 // A time as results have it; null for none that is known or left.
 Cell moment(time_t time);

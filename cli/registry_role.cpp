@@ -4,6 +4,9 @@
 #include <array>
 #include <fstream>
 
+#include <netdb.h>
+#include <sys/socket.h>
+
 #include <cli/commands.h>
 #include <cli/messages.h>
 #include <cli/results.h>
@@ -81,7 +84,7 @@ higher term and takes no updates any more. The other hosts of the site follow, o
 )";
 constexpr const char *demotion_notes =
     R"(This host, which must be the master, steps down, and follows HOST, or without it the registry that it followed before
-it was promoted. It is refused where that would leave it copying from itself.
+it was promoted. It is refused where that would leave it copying from itself, or from a host that is no master.
 )";
 
 constexpr Column columns[] = {{"host", Type::text, "whose role was changed"}, {"role", Type::text, "that it has now"}};
@@ -131,13 +134,8 @@ int change_role(const std::string &host, const std::string &role, const Settings
 
 // A daemon that is not asked this way is promoted as it always was.
 bool is_master_gone(const std::string &standby, const Settings &settings) {
-    RegistryState state;
-    if (state.ask(standby, settings) != TBS_ST_OK || *state->source == '\0' || is_same_host(state->source, standby))
-        return true;
-    const std::string source = state->source;
-    const tbs_uuid_t registry = state->registry;
-    if (state.ask(source, settings) != TBS_ST_OK || state->takes_updates == 0 ||
-        tbs_uuid_eq(&registry, &state->registry) == 0)
+    const std::string source = master_over(standby, settings);
+    if (source.empty())
         return true;
     tell_failure(TBS_ST_UNSUPPORTED, source,
                  "Host '%s' is the master and takes updates. \"veliactl site master %s\" makes the turn without losing "
@@ -197,6 +195,42 @@ tbs_status_t demote_to_follow(const std::string &host, const std::string &role, 
     return status == TBS_ST_OK ? rgy_set_svr_type(type_of_name(role)) : status;
 }
 
+bool has_address(const std::string &host) {
+    addrinfo *list = nullptr;
+    const bool is_known = sysutl_host_addr(host.c_str(), nullptr, SOCK_DGRAM, &list) == 0;
+    if (is_known)
+        freeaddrinfo(list);
+    return is_known;
+}
+
+// Whoever copies itself, from this host at last, would leave the site without a master. One that is down may be the
+// master when it comes back.
+bool may_be_followed(const std::string &master, const Settings &settings) {
+    if (master.empty())
+        return true; // the library tells why
+    if (!has_address(master)) {
+        tell_failure(TBS_ST_NOT_FOUND, master, "There is no host '%s'\n", master.c_str());
+        return false;
+    }
+    RegistryState state;
+    if (const auto status = state.ask(master, settings); status == TBS_ST_OK && state->role != RGY_SVR_MASTER) {
+        tell_failure(TBS_ST_UNSUPPORTED, master,
+                     "Host '%s' is no master, but: %s. \"veliactl site master %s\" makes it the master, and this host "
+                     "its standby\n",
+                     master.c_str(), name_of_role(state->role).c_str(), master.c_str());
+        return false;
+    }
+    const std::string host = sysutl_myhostname();
+    const bool is_other_host = state->master == nullptr || !is_same_host(state->master, host);
+    if (is_other_host && serve_one_store(host, master, settings)) {
+        tell_failure(TBS_ST_UNSUPPORTED, master,
+                     "Host '%s' serves the same registry, which is in a database: none of its hosts is a copy\n",
+                     master.c_str());
+        return false;
+    }
+    return true;
+}
+
 int demote(const Demotion &demotion, const Settings &settings) {
     const std::string &role = demotion.role;
     const std::string host = sysutl_myhostname();
@@ -211,6 +245,8 @@ int demote(const Demotion &demotion, const Settings &settings) {
                      host.c_str());
         return exit_failed;
     }
+    if (!may_be_followed(master.empty() ? former_master() : master, settings))
+        return exit_failed;
     if (!master.empty())
         return change_role(host, role, settings, [&] { return demote_to_follow(host, role, master); });
     return change_role(host, role, settings, [&] { return rgy_change_server_type(type_of_name(role)); });

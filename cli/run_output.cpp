@@ -44,7 +44,11 @@ RunOutput::State RunOutput::take_piece(const Settings &settings, const TakePiece
     if (status == TBS_ST_NOT_FOUND && run_.started != 0 && offset_ == 0)
         state = State::end; // of one that was not made there is no output, but a word of the scheduler's
     else if (status != TBS_ST_OK) {
-        fail_of_scheduler(status, host_, "The output of the run cannot be had");
+        const std::string where =
+            status == TBS_ST_UNSUPPORTED ? hosts_of_jobs(scheduler_, run_.job_id)[run_.job_id].run_host : "";
+        fail_of_scheduler(status, host_,
+                          where.empty() ? "The output of the run cannot be had"
+                                        : "The output of the run is at host " + where + ", whose daemon has it");
         state = State::failed;
     } else {
         run_.started = piece.started;

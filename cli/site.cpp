@@ -110,8 +110,10 @@ private:
             return status;
         if (!is_promoted_) {
             int status = former_.empty() ? int{exit_done} : hold();
-            if (status == exit_done && !former_.empty())
+            if (status == exit_done && !former_.empty()) {
+                told("hold", former_, is_held_ ? "done" : "takes no updates");
                 status = copy();
+            }
             if (status == exit_done)
                 status = promote();
             if (status != exit_done)
@@ -146,25 +148,32 @@ private:
         hosts_ = hosts_of_site(next_, settings_);
         append_hosts(hosts_, state->source);
         append_hosts(hosts_, next_);
-        return is_promoted_ ? exit_done : find_former(state->source);
+        return is_promoted_ ? exit_done : find_former(state->source, state->master);
     }
 
-    // Whom the standby copies from takes updates; or nobody does any more, after a failure of ours or because it is
-    // down.
-    int find_former(const std::string &source) {
+    // Whom the standby copies from takes updates, or another host of the site, where it copies from the wrong one; or
+    // nobody does any more, after a failure of ours or because the master is down.
+    int find_former(const std::string &source, const std::string &master_of_copy) {
         RegistryState state;
-        const auto status = source.empty() ? tbs_status_t{TBS_ST_NOT_FOUND} : state.ask(source, settings_);
-        if (status == TBS_ST_OK && state->role == RGY_SVR_MASTER)
-            former_ = source;
-        else if (status != TBS_ST_OK && !is_forced_) {
-            tell_failure(status, source,
-                         "The master '%s' does not answer: %s. What it alone has would be lost; --force goes on "
-                         "without it\n",
-                         source.c_str(), tbs_strerror(status));
-            return exit_unreachable;
-        }
+        const bool is_source = !source.empty() && state.ask(source, settings_) == TBS_ST_OK;
+        former_ = is_source && state->role == RGY_SVR_MASTER ? source : master_over(next_, settings_);
+        if (former_.empty() && !is_forced_)
+            for (const auto &host : {source, master_of_copy})
+                if (const auto status = silence_of(host); status != TBS_ST_OK)
+                    return fail_silent(host, status);
         told("find", former_.empty() ? source : former_, former_.empty() ? "no master answers" : "is the master");
         return exit_done;
+    }
+    tbs_status_t silence_of(const std::string &host) {
+        RegistryState state;
+        return host.empty() || is_same_host(host, next_) ? tbs_status_t{TBS_ST_OK} : state.ask(host, settings_);
+    }
+    static int fail_silent(const std::string &host, tbs_status_t status) {
+        tell_failure(
+            status, host,
+            "The master '%s' does not answer: %s. What it alone has would be lost; --force goes on without it\n",
+            host.c_str(), tbs_strerror(status));
+        return exit_unreachable;
     }
 
     int order(const std::string &host, int64_t op, const std::string &other) {
@@ -176,11 +185,10 @@ private:
 
     int hold() {
         const auto status = order(former_, RVZD_TURN_HOLD, "");
-        is_held_ = status == TBS_ST_OK;
         // One that has been superseded takes none, whatever it is asked.
         if (status != TBS_ST_OK && status != TBS_ST_UNSUPPORTED)
             return fail("Updates could not be held on", former_, status);
-        told("hold", former_, is_held_ ? "done" : "takes no updates");
+        is_held_ = status == TBS_ST_OK;
         return exit_done;
     }
 
@@ -200,13 +208,16 @@ private:
         return daemon != nullptr ? std::optional(stamps) : std::nullopt;
     }
 
-    // The standby looks by itself, in its interval.
+    // The standby looks by itself, in its interval. Updates are held anew each time before the two are compared: what
+    // the former master takes because a copy lasts longer than they are held has to be copied, too.
     int copy() {
-        const auto wanted = stamps_of(former_);
-        if (!wanted)
-            return fail("The stamps could not be had of", former_, TBS_ST_RPC_FAILED);
         for (int64_t left_ms = settings_.timeout.count(); left_ms > 0 && !are_waits_over();
              left_ms -= between_looks_ms) {
+            if (const int status = hold(); status != exit_done)
+                return status;
+            const auto wanted = stamps_of(former_);
+            if (!wanted)
+                return fail("The stamps could not be had of", former_, TBS_ST_RPC_FAILED);
             const auto present = stamps_of(next_);
             if (present && memcmp(present->data(), wanted->data(), sizeof *wanted) == 0) {
                 told("copy", next_, "done");
@@ -225,13 +236,26 @@ private:
         return exit_failed;
     }
 
+    // A promotion that is not answered may still be made, so that no update is taken meanwhile which the next master
+    // would not have.
+    int leave_held() {
+        is_held_ = false;
+        tell_failure(
+            TBS_ST_RPC_FAILED, next_,
+            "Host '%s' did not answer whether it is the master now. Updates stay held for two minutes at most; "
+            "the same command goes on from here\n",
+            next_.c_str());
+        return exit_unreachable;
+    }
+
     int promote() {
         const Broker daemon = reach_quietly(next_, settings_);
         const auto status = daemon == nullptr
                                 ? tbs_status_t{TBS_ST_RPC_FAILED}
                                 : rvzd_rgy_svr_conf_change(daemon.get(), RGY_PROTOCOL_VERSION, RGY_CONF_PROMOTE, "");
         if (status != TBS_ST_OK && !has_become_master())
-            return fail("It could not be promoted:", next_, status);
+            return daemon != nullptr && status == TBS_ST_RPC_FAILED ? leave_held()
+                                                                    : fail("It could not be promoted:", next_, status);
         told("promote", next_, status == TBS_ST_OK ? "done" : "was done");
         return exit_done;
     }
@@ -266,7 +290,7 @@ private:
         for (const auto &host : hosts_) {
             RegistryState state;
             if (is_same_host(host, next_) || state.ask(host, settings_) != TBS_ST_OK || state->role != RGY_SVR_MASTER ||
-                is_same_host(state->master, next_))
+                is_same_host(state->master, next_) || serve_one_store(host, next_, settings_))
                 continue;
             const auto status = order(host, RVZD_TURN_FOLLOW, next_);
             told("demote", host,
@@ -337,6 +361,35 @@ Cell text_or_none(const char *text) {
 
 bool is_same_host(const std::string &one, const std::string &other) {
     return strcasecmp(one.c_str(), other.c_str()) == 0;
+}
+
+bool serve_one_store(const std::string &one, const std::string &other, const Settings &settings) {
+    std::array<std::array<tbs_uuid_t, 2>, 2> names = {};
+    for (size_t i = 0; i < names.size(); ++i) {
+        const Broker daemon = reach_quietly(i == 0 ? one : other, settings);
+        rgy_dtm_pair_t pair = {};
+        if (daemon == nullptr ||
+            rvzd_rgy_get_dtm(daemon.get(), 0, RGY_PROTOCOL_VERSION, &pair, &names[i][0], &names[i][1]) != TBS_ST_OK)
+            return false;
+    }
+    return memcmp(&names[0], &names[1], sizeof names[0]) == 0;
+}
+
+std::string master_over(const std::string &host, const Settings &settings) {
+    RegistryState state;
+    if (state.ask(host, settings) != TBS_ST_OK)
+        return "";
+    const tbs_uuid_t registry = state->registry;
+    std::vector<std::string> hosts;
+    append_hosts(hosts, std::string(state->source) + " " + state->master);
+    for (const auto &other : hosts_of_site(host, settings))
+        append_hosts(hosts, other);
+    for (const auto &other : hosts)
+        if (!is_same_host(other, host) && state.ask(other, settings) == TBS_ST_OK && state->role == RGY_SVR_MASTER &&
+            state->heard_term <= state->term && tbs_uuid_eq(&registry, &state->registry) != 0 &&
+            !is_same_host(state->master, host))
+            return other;
+    return "";
 }
 
 std::vector<std::string> backup_hosts_of(const std::string &host, const Settings &settings) {

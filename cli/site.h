@@ -38,6 +38,13 @@ Cell text_or_none(const char *text);
 
 bool is_same_host(const std::string &one, const std::string &other);
 
+// Hosts of one registry in a database: each of them is a master.
+bool serve_one_store(const std::string &one, const std::string &other, const Settings &settings);
+
+// The host that is the master of the registry that `host`, a standby, has: of those that it copies from, that its copy
+// is of, and that belong to the site. None: no host that answers is, or all were superseded.
+std::string master_over(const std::string &host, const Settings &settings);
+
 // Those of the list that the registry on `host` has; none without an answer.
 std::vector<std::string> backup_hosts_of(const std::string &host, const Settings &settings);
 

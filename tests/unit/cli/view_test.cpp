@@ -50,7 +50,7 @@ std::string shown(const Wish &view, const Output &output = list) {
         Results results(output, settings);
         const std::vector<Cells> rows = {
             {10, "beta", time_of("2026-11-22T12:00:00+01:00"), Cells{"b"}, Cell::milliseconds(2.5)},
-            {9, "alpha", time_of("2026-11-22T11:30:00+00:00"), Cells{"a", "z"}, nullptr},
+            {9, "alpha", time_of("2026-11-22T06:30:00-05:00"), Cells{"a", "z"}, nullptr},
             {-1, "beta", nullptr, Cells{"a", "b"}, Cell::milliseconds(10)},
         };
         for (auto cells : rows) {
@@ -97,6 +97,15 @@ TEST(View, IsInTheOrderOfAColumnByWhatItHoldsAndWhatIsNotThereComesLast) {
     EXPECT_EQ(ids("parts"), rows({-1, 9, 10}));
     EXPECT_EQ(ids("cost"), rows({10, -1, 9}));
     EXPECT_EQ(ids("-cost"), rows({-1, 10, 9}));
+}
+
+TEST(View, LeavesManyRowsThatAreAlikeAsTheyCame) {
+    std::vector<Cells> all;
+    for (int i = 0; i < 100; ++i)
+        all.push_back({i, i % 2 == 0 ? "even" : "odd", nullptr, Cells{}, nullptr});
+    ViewedRows(list, Wish{.sort = "name"}).sort(all);
+    for (size_t i = 0; i < all.size(); ++i)
+        EXPECT_EQ(all[i].at(0).text(), std::to_string(i < 50 ? 2 * i : 2 * (i - 50) + 1));
 }
 
 TEST(View, HasTheFirstRowsOfTheOrder) {
@@ -176,6 +185,9 @@ TEST(View, IsWantedOfEveryListByTheSameOptions) {
                 std::count_if(all.begin(), all.end(), [&](const Option &option) { return !strcmp(option.name, name); }),
                 is_list ? 1 : 0)
                 << row.path << " " << name;
+        for (const auto &option : all)
+            EXPECT_TRUE(strcmp(option.name, "--limit") != 0 || option.range.value_or(Range{}).least == 1)
+                << row.path << ": no rows at all are no wish";
         lists += is_list ? 1 : 0;
     }
     EXPECT_GT(lists, 30u);
