@@ -4,12 +4,15 @@
 
 #include <algorithm>
 #include <set>
+#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <tests/postgres/server.h>
 #include <tests/system/support/daemon.h>
+#include <tests/system/support/metrics_page.h>
 #include <tests/system/support/registry_calls.h>
+#include <veliaxdr/rvzd_daemon.h>
 
 using namespace velia::system_test;
 using testing::ElementsAre;
@@ -35,8 +38,33 @@ struct RegistryOnPostgres : testing::Test {
         site.write("host/config/rgy_hosts.conf", "alpha\n\n");
         keep_in(database.conninfo());
     }
-    void keep_in(const std::string &conninfo) {
-        site.configure(std::string(trusted_hosts) + "option store postgresql \"" + conninfo + "\"\n");
+    void keep_in(const std::string &conninfo, const std::string &more = "") {
+        site.configure(std::string(trusted_hosts) + "option store postgresql \"" + conninfo + "\"\n" + more);
+    }
+    // Of the copy that the daemon keeps for the time when the database is away.
+    uint64_t copied_entries() const {
+        uint64_t entries = 0;
+        sqlite3 *copy = nullptr;
+        sqlite3_stmt *query = nullptr;
+        if (sqlite3_open_v2(site.path("host/priv/registry.db.copy").c_str(), &copy, SQLITE_OPEN_READONLY, nullptr) ==
+                SQLITE_OK &&
+            sqlite3_prepare_v2(copy, "SELECT count(*) FROM entry", -1, &query, nullptr) == SQLITE_OK &&
+            sqlite3_step(query) == SQLITE_ROW)
+            entries = static_cast<uint64_t>(sqlite3_column_int64(query, 0));
+        sqlite3_finalize(query);
+        sqlite3_close(copy);
+        return entries;
+    }
+    // Of whoever has read a part under these stamps.
+    static tbs_status_t list_from(rgy_dtm_pair_t &stamps) {
+        const auto handle = own_handle("alpha");
+        uint64_t cursor = 0;
+        int64_t count = 0;
+        rgy_elist_t list = rgy_elist_alloc(10);
+        const auto status = rvzd_rgy_get_entry(handle.get(), RGY_DB_REGIONS, RGY_PROTOCOL_VERSION, "", &stamps, &cursor,
+                                               10, list, &count);
+        rgy_elist_free(list, 10);
+        return status;
     }
     void start() {
         daemon = std::make_unique<Daemon>(site, Words{"--listen", "127.0.0.1"});
@@ -66,6 +94,38 @@ struct RegistryOnPostgres : testing::Test {
     static Words regions(const char *host = "alpha") { return names_of(RGY_DB_REGIONS, 100, host).value_or(Words{}); }
     static bool comes_to_take(const std::string &name, const char *host = "alpha") {
         return eventually([&] { return add_region(name, host) == TBS_ST_OK; }, patience_s);
+    }
+
+    // Both know each other.
+    void start_two() {
+        start();
+        start_beta();
+        for (const char *file : {"host/config/rgy_hosts.conf", "beta/host/config/rgy_hosts.conf"})
+            site.write(file, "alpha\nbeta\n");
+        ASSERT_EQ(rvzd_rgy_set_backup(own_handle("alpha").get(), RGY_PROTOCOL_VERSION, "alpha beta"), TBS_ST_OK);
+    }
+    struct Figures {
+        uint64_t entries = 0;
+        uint64_t bytes = 0;
+    };
+    static Figures figures() {
+        rvzd_daemon_status_reply_t reply = {};
+        EXPECT_EQ(rvzd_daemon_status(own_handle("alpha").get(), &reply), TBS_ST_OK);
+        const Figures figures = {reply.registry_entries, reply.registry_bytes};
+        rvzd_daemon_status_free(&reply);
+        return figures;
+    }
+    // Why the registry is not reached; nothing where it takes updates.
+    static std::optional<std::string> away() {
+        rvzd_registry_state_reply_t reply = {};
+        EXPECT_EQ(rvzd_registry_state(own_handle("alpha").get(), nullptr, 0, "", &reply), TBS_ST_OK);
+        const auto words = reply.takes_updates != 0 ? std::nullopt : std::optional<std::string>(reply.failure);
+        rvzd_registry_state_free(&reply);
+        return words;
+    }
+    Outcome veliactl(Words words, const Words &environment = {}) const {
+        words.insert(words.begin(), VELIACTL);
+        return run_apart(site, words, environment);
     }
 
     Outcome run_server(Words switches) const {
@@ -137,6 +197,25 @@ TEST_F(RegistryOnPostgres, WhileTheDatabaseIsAwayUpdatesAreToBeTriedAgain) {
     EXPECT_TRUE(comes_to_take("behind"));
     EXPECT_TRUE(daemon->says("The registry's database is there again", patience_s)) << daemon->output();
     EXPECT_THAT(regions(), ElementsAre("before", "behind"));
+}
+
+TEST_F(RegistryOnPostgres, WhileTheDatabaseIsAwayTheLastCopyIsReadIfTheSiteSaysSo) {
+    keep_in(database.conninfo(), "option store-reads copy\noption registry-copy 1\n");
+    start();
+    ASSERT_EQ(add_region("a"), TBS_ST_OK);
+    ASSERT_EQ(add_region("b"), TBS_ST_OK);
+    ASSERT_TRUE(eventually([&] { return copied_entries() == 2; }, patience_s)) << daemon->output();
+    database.stop();
+    EXPECT_THAT(regions(), ElementsAre("a", "b"));
+    EXPECT_EQ(add_region("c"), TBS_ST_TRY_AGAIN);
+    rgy_dtm_pair_t stamps = {};
+    EXPECT_EQ(list_from(stamps), TBS_ST_OK);
+    EXPECT_EQ(list_from(stamps), TBS_ST_OK) << "what the copy is of, too";
+    stamps.dtm.bytes[0] ^= 1;
+    EXPECT_EQ(list_from(stamps), TBS_ST_TRY_AGAIN) << "the copy may be older than what was read";
+    database.start();
+    EXPECT_TRUE(comes_to_take("c")) << daemon->output();
+    EXPECT_THAT(regions(), ElementsAre("a", "b", "c"));
 }
 
 TEST_F(RegistryOnPostgres, ADaemonThatStartsWithoutItsDatabaseServesWhenThatComes) {
@@ -261,4 +340,70 @@ TEST_F(RegistryOnPostgres, WorkWithoutADaemonFindsTheDatabaseToo) {
     EXPECT_THAT(restored.output, HasSubstr("the database's own programs"));
     EXPECT_EQ(run_server({"--look-at-site"}).status, 0);
     EXPECT_FALSE(std::filesystem::exists(site.path("host/priv/registry.db")));
+}
+
+TEST_F(RegistryOnPostgres, ItsFiguresAreThoseOfTheDatabase) {
+    site.configure(site.read("rvzd_server.conf") + "option metrics " + site.path("metrics") + "\n");
+    start();
+    for (int i = 0; i < 20; ++i)
+        ASSERT_EQ(add_region(std::to_string(i)), TBS_ST_OK);
+    EXPECT_TRUE(eventually([] { return figures().entries == 20; }));
+    const std::string bytes = database.ask("SELECT sum(pg_total_relation_size(quote_ident(tablename)::regclass)) FROM "
+                                           "pg_tables WHERE schemaname = 'public' AND tablename NOT LIKE 'job%' AND "
+                                           "tablename <> 'scheduler'"); // the jobs are there, too
+    EXPECT_EQ(std::to_string(figures().bytes), bytes);
+    EXPECT_THAT(page_at(site.path("metrics")), HasSubstr("\nvelia_registry_size_bytes " + bytes + "\n"));
+    EXPECT_THAT(page_at(site.path("metrics")), HasSubstr("\nvelia_registry_entries 20\n"));
+}
+
+TEST_F(RegistryOnPostgres, ThatItIsAwayIsSeenInItsState) {
+    site.configure(site.read("rvzd_server.conf") + "option metrics " + site.path("metrics") + "\n");
+    start();
+    ASSERT_EQ(add_region("before"), TBS_ST_OK);
+    EXPECT_EQ(away(), std::nullopt);
+    database.stop();
+    EXPECT_EQ(add_region("meanwhile"), TBS_ST_TRY_AGAIN);
+    EXPECT_TRUE(eventually([] { return away() && !away()->empty(); }, patience_s));
+    EXPECT_THAT(page_at(site.path("metrics")), HasSubstr("\nvelia_registry_takes_updates 0\n"));
+    EXPECT_THAT(veliactl({"daemon", "status", "alpha", "-o", "json"}).output, HasSubstr("failed: "));
+    const auto seen = veliactl({"doctor", "-o", "json"});
+    EXPECT_THAT(seen.output, HasSubstr("its registry cannot be reached"));
+    EXPECT_THAT(seen.output, HasSubstr("there is none: the registry is in a database"));
+    database.start();
+    EXPECT_TRUE(eventually([] { return !away(); }, patience_s)) << daemon->output();
+    EXPECT_EQ(figures().entries, 1u);
+}
+
+TEST_F(RegistryOnPostgres, ItsHostsAreNotTakenForTwoMasters) {
+    start_two();
+    const Outcome looked = run_server({"--look-at-site"});
+    EXPECT_EQ(looked.status, 0) << looked.output;
+    EXPECT_THAT(veliactl({"doctor", "-o", "json"}).output, testing::Not(HasSubstr("it takes updates, and so does")));
+    const auto demoted = veliactl({"registry", "demote", "--follow", "beta"});
+    EXPECT_EQ(demoted.status, 1);
+    EXPECT_THAT(demoted.errors, HasSubstr("serves the same registry, which is in a database"));
+    const auto turned = veliactl({"site", "master", "beta", "-o", "jsonl"});
+    EXPECT_EQ(turned.status, 0) << turned.errors;
+    EXPECT_THAT(turned.output, testing::Not(HasSubstr("demote")));
+    for (const char *host : {"alpha", "beta"})
+        EXPECT_EQ(add_region(std::string("at ") + host, host), TBS_ST_OK);
+}
+
+// As when a host goes on with its file after the registry has been moved.
+TEST_F(RegistryOnPostgres, AHostWithAnotherCopyUnderTheSameTermIsASecondMaster) {
+    start_two();
+    other->signal(SIGTERM);
+    ASSERT_EQ(other->wait(patience_s), 0);
+    const std::string file = site.path("saved.db");
+    ASSERT_EQ(run_server({"--save-registry", file}).status, 0);
+    std::filesystem::copy_file(file, site.path("beta/host/priv/registry.db"));
+    site.configure(trusted_hosts);
+    Child::Options options;
+    options.environment = {"VELIA_ROOT=" + site.path("beta"), "VELIA_HOSTNAME=beta"};
+    other = std::make_unique<Daemon>(site, Words{"--listen", "127.0.0.2"}, options);
+    ASSERT_TRUE(other->is_ready()) << other->output();
+    keep_in(database.conninfo());
+    const Outcome looked = run_server({"--look-at-site"});
+    EXPECT_EQ(looked.status, 1);
+    EXPECT_THAT(looked.output, HasSubstr("The site has two masters: host \"beta\""));
 }

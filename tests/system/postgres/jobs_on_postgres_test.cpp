@@ -1,0 +1,378 @@
+// Real daemons that have their jobs together in a real database: each start is made by one of them, whichever of them
+// dies, and what one knows the others know.
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <random>
+
+#include <unistd.h>
+
+#include <tests/postgres/server.h>
+#include <tests/system/scheduler/scheduler_fixture.h>
+
+using namespace velia::system_test;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+constexpr double patience_s = 40;
+
+int wanted(int usual) {
+    const char *text = getenv("VELIA_TEST_KILLS");
+    return text != nullptr ? atoi(text) : usual;
+}
+
+struct JobsOnPostgres : SchedulerFixture {
+    velia::postgres_test::Server database;
+    std::array<std::unique_ptr<Daemon>, 3> daemons;
+    static constexpr std::array hosts = {"alpha", "beta", "gamma"};
+
+    void SetUp() override {
+        site.write("config/hosts.conf", "alpha 127.0.0.1\nbeta 127.0.0.2\ngamma 127.0.0.3\n");
+        for (const std::string host : {"beta", "gamma"}) {
+            for (const char *directory : {"/host/config", "/host/priv", "/host/data", "/log"})
+                std::filesystem::create_directories(site.path(host + directory));
+            std::filesystem::create_directory_symlink(site.path("config"), site.path(host + "/config"));
+        }
+        configure("");
+        start(0);
+        ASSERT_EQ(sched_get_handle("alpha", &handle), TBS_ST_OK);
+        ASSERT_TRUE(serves("alpha"));
+    }
+
+    void configure(const std::string &more) const {
+        site.configure(std::string(trusted_hosts) + tasks + "option jobs 3\noption take-over 5\n" + more +
+                       "option store postgresql \"" + database.conninfo() + "\"\n");
+    }
+    void start(size_t host) {
+        Child::Options options;
+        if (host != 0)
+            options.environment = {"VELIA_ROOT=" + site.path(hosts.at(host)),
+                                   std::string("VELIA_HOSTNAME=") + hosts.at(host)};
+        daemons.at(host).reset();
+        daemons.at(host) = std::make_unique<Daemon>(
+            site, std::vector<std::string>{"--listen", "127.0.0." + std::to_string(host + 1)}, options);
+        ASSERT_TRUE(daemons.at(host)->is_ready()) << daemons.at(host)->output();
+    }
+    void start_all(size_t count) {
+        for (size_t host = 1; host < count; ++host) {
+            start(host);
+            ASSERT_TRUE(serves(hosts.at(host)));
+        }
+    }
+    void kill_daemon(size_t host) {
+        daemons.at(host)->signal(SIGKILL);
+        daemons.at(host)->wait();
+    }
+
+    // As somebody who is at that host.
+    Outcome tool(const std::string &host, const std::string &words) const {
+        std::vector<std::string> all = {"/bin/sh", "-c", std::string(VELIACTL) + " " + words + " 2>&1"};
+        const std::string root = host == "alpha" ? site.root().string() : site.path(host);
+        return run_apart(site, all, {"VELIA_ROOT=" + root, "VELIA_HOSTNAME=" + host});
+    }
+    bool tells(const std::string &host, const std::string &words, const std::string &part) const {
+        return eventually([&] { return tool(host, words).output.find(part) != std::string::npos; }, patience_s);
+    }
+    bool serves(const std::string &host) const {
+        return eventually([&] { return tool(host, "job list " + host).status == 0; }, patience_s);
+    }
+
+    // Each start that was written down, also of runs that are kept no more; what did not begin is taken back.
+    void note_starts() const {
+        database.run("CREATE TABLE made (job bigint, started bigint, due bigint, host text); "
+                     "CREATE FUNCTION note() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN IF TG_OP = 'INSERT' THEN "
+                     "INSERT INTO made VALUES (NEW.job, NEW.started, NEW.due, convert_from(NEW.host, 'UTF8')); "
+                     "ELSIF OLD.ended = 0 THEN DELETE FROM made WHERE job = OLD.job AND started = OLD.started; END IF; "
+                     "RETURN NULL; END $$; "
+                     "CREATE TRIGGER note AFTER INSERT OR DELETE ON job_run FOR EACH ROW EXECUTE FUNCTION note()");
+    }
+    int number(const std::string &sql) const { return atoi(database.ask(sql).c_str()); }
+
+    std::string adds_line(int job) const { return "echo >>" + site.path("runs" + std::to_string(job)); }
+    int lines(int job) const {
+        const std::string text = site.read("runs" + std::to_string(job));
+        return static_cast<int>(std::count(text.begin(), text.end(), '\n'));
+    }
+
+    std::vector<sched_job_id_t> ids;
+    void make_jobs(int count, const std::string &more = "") {
+        for (int i = 0; i < count; ++i)
+            ids.push_back(create(NewJob("job " + std::to_string(i), {"-c", adds_line(i) + more}).every_second()));
+    }
+    // Nothing is due any more, and nothing runs.
+    void let_end() {
+        for (size_t i = 0; i < ids.size(); ++i) {
+            NewJob idle("job " + std::to_string(i), {"-c", "true"});
+            EXPECT_TRUE(eventually(
+                [&] {
+                    return with_job(ids[i], [&](sched_job_h_t job) {
+                               return sched_job_set_properties(handle, job, idle.record(), &err_mask);
+                           }) == TBS_ST_OK;
+                },
+                patience_s));
+        }
+        EXPECT_TRUE(
+            eventually([&] { return number("SELECT count(*) FROM job_run WHERE ended = 0") == 0; }, patience_s));
+    }
+    void expect_each_start_once() {
+        EXPECT_EQ(number("SELECT count(*) - count(DISTINCT (job, due)) FROM made"), 0) << "a start was made twice";
+        for (size_t i = 0; i < ids.size(); ++i)
+            EXPECT_EQ(lines(static_cast<int>(i)),
+                      number("SELECT count(*) FROM made WHERE job = " + std::to_string(ids[i])));
+    }
+    std::string everything_said() const {
+        std::string all;
+        for (const auto &each : daemons)
+            all += each != nullptr ? each->output() + "\n----\n" : "";
+        return all;
+    }
+};
+
+} // namespace
+
+TEST_F(JobsOnPostgres, OfThreeDaemonsOneMakesEachStart) {
+    note_starts();
+    start_all(3);
+    make_jobs(4, "; sleep .7"); // more at once than one may run
+    EXPECT_TRUE(eventually([&] { return number("SELECT count(*) FROM made") >= 20; }, patience_s));
+    let_end();
+    expect_each_start_once();
+    EXPECT_GT(number("SELECT count(DISTINCT host) FROM made"), 1) << "all of them take part";
+}
+
+TEST_F(JobsOnPostgres, WhatOneDaemonMakesChangesAndDeletesTheOthersShow) {
+    start_all(2);
+    EXPECT_EQ(tool("alpha", "job create alpha nightly --task script --days 1 -- -c true").status, 0);
+    EXPECT_TRUE(tells("beta", "job list beta", "nightly"));
+    EXPECT_EQ(tool("beta", "job create beta nightly --task script --days 1").status, 1) << "the name is taken";
+    NewJob changed("daily");
+    EXPECT_EQ(
+        with_job(1,
+                 [&](sched_job_h_t job) { return sched_job_set_properties(handle, job, changed.record(), &err_mask); }),
+        TBS_ST_OK);
+    EXPECT_TRUE(tells("beta", "job list beta", "daily"));
+    EXPECT_EQ(tool("beta", "job delete beta daily").status, 0);
+    EXPECT_TRUE(eventually([&] { return !exists(1); }, patience_s));
+    EXPECT_THAT(tool("alpha", "job history alpha --changes").output, HasSubstr("deleted"));
+}
+
+TEST_F(JobsOnPostgres, WhereOneDaemonHasGoneTheOthersMakeItsStarts) {
+    note_starts();
+    start_all(2);
+    make_jobs(1);
+    ASSERT_TRUE(eventually([&] { return lines(0) > 1; }, patience_s));
+    sched_free_handle(&handle);
+    kill_daemon(0);
+    const int before = lines(0);
+    EXPECT_TRUE(eventually([&] { return lines(0) > before + 3; }, patience_s)) << daemons[1]->output();
+    start(0);
+    ASSERT_EQ(sched_get_handle("alpha", &handle), TBS_ST_OK);
+    ASSERT_TRUE(serves("alpha"));
+    let_end();
+    expect_each_start_once();
+}
+
+TEST_F(JobsOnPostgres, KilledAtRandomMomentsTheyMakeNoStartTwice) {
+    constexpr int moment_max_us = 150000;
+    note_starts();
+    start_all(2);
+    make_jobs(3);
+    const int kills = wanted(20);
+    std::mt19937 random(std::random_device{}());
+    for (int i = 0; i < kills && !HasFatalFailure(); ++i) {
+        usleep(static_cast<useconds_t>(random() % moment_max_us)); // any moment is as good
+        const size_t victim = random() % 2;
+        kill_daemon(victim);
+        start(victim);
+    }
+    sched_free_handle(&handle);
+    ASSERT_EQ(sched_get_handle("alpha", &handle), TBS_ST_OK);
+    ASSERT_TRUE(serves("alpha"));
+    let_end();
+    expect_each_start_once();
+    EXPECT_GT(number("SELECT count(*) FROM made"), 0);
+    RecordProperty("seen", std::to_string(kills) + " kills, " + database.ask("SELECT count(*) FROM made") + " runs");
+}
+
+TEST_F(JobsOnPostgres, AJobThatRunsAnywhereIsNotStartedTwiceAndIsEndedFromAnywhere) {
+    start_all(2);
+    const auto id = create(NewJob("sleeps", {"-c", "sleep 600"}));
+    ASSERT_EQ(run(id), TBS_ST_OK);
+    EXPECT_EQ(tool("beta", "job run beta sleeps").status, 1);
+    EXPECT_TRUE(tells("beta", "--output jsonl job list beta", "\"running_since\":\""));
+    EXPECT_THAT(tool("beta", "job logs beta sleeps").output, HasSubstr("is at host alpha"));
+    EXPECT_EQ(tool("beta", "job stop beta sleeps").status, 0);
+    EXPECT_NE(ran(id).status, 0U);
+    EXPECT_TRUE(tells("beta", "--output jsonl job list beta", "\"running_since\":null"));
+}
+
+TEST_F(JobsOnPostgres, ARunWhoseDaemonStaysAwayIsToldEndedAndItsFollowersGoOn) {
+    start_all(2);
+    const auto id = create(NewJob("sleeps", {"-c", "sleep 600"}));
+    create(NewJob("follows", {"-c", adds_line(0)}).after(id));
+    ASSERT_EQ(run(id), TBS_ST_OK);
+    ASSERT_TRUE(tells("beta", "job list beta", "follows"));
+    sched_free_handle(&handle);
+    kill_daemon(0);
+    EXPECT_TRUE(daemons[1]->says("the daemon of alpha is away", patience_s)) << daemons[1]->output();
+    EXPECT_TRUE(eventually([&] { return lines(0) == 1; }, patience_s)) << daemons[1]->output();
+    EXPECT_EQ(number("SELECT exit_status FROM job_run WHERE job = " + std::to_string(id)), 255);
+    start(0);
+    ASSERT_EQ(sched_get_handle("alpha", &handle), TBS_ST_OK);
+    ASSERT_TRUE(serves("alpha"));
+    EXPECT_TRUE(eventually([&] { return terminate(id, last_run(id).started) == TBS_ST_OK; }, patience_s))
+        << daemons[0]->output();
+    EXPECT_TRUE(eventually(
+        [&] { return number("SELECT exit_status FROM job_run WHERE job = " + std::to_string(id)) != 255; }, patience_s))
+        << "the late end is told";
+    EXPECT_EQ(lines(0), 1);
+}
+
+TEST_F(JobsOnPostgres, WhoMayDoWhatIsSetForAll) {
+    start_all(2);
+    ASSERT_THAT(tool("beta", "acl show beta").output, Not(HasSubstr("run")));
+    ASSERT_EQ(tool("alpha", "acl set alpha everyone=read,run").status, 0);
+    EXPECT_TRUE(tells("beta", "acl show beta", "run"));
+}
+
+TEST_F(JobsOnPostgres, WhileTheDatabaseIsAwayJobsAreListedAndNothingIsLost) {
+    note_starts();
+    const auto id = create(NewJob("waits", {"-c", "while [ ! -e " + site.path("go") + " ]; do sleep .1; done; echo > " +
+                                                      site.path("gone") + "; exit 3"}));
+    make_jobs(1);
+    ASSERT_EQ(run(id), TBS_ST_OK);
+    ASSERT_TRUE(eventually([&] { return lines(0) > 0; }, patience_s));
+    database.stop();
+    EXPECT_EQ(create(NewJob("new")), 0U);
+    EXPECT_EQ(status, TBS_ST_TRY_AGAIN);
+    EXPECT_THAT(tool("alpha", "job list alpha").output, HasSubstr("waits"));
+    site.write("go", "");
+    EXPECT_TRUE(daemons[0]->says("database is away", patience_s));
+    EXPECT_TRUE(eventually([&] { return std::filesystem::exists(site.path("gone")); }, patience_s));
+    const time_t behind = time(nullptr) + 2;
+    EXPECT_TRUE(eventually([&] { return time(nullptr) > behind; }, patience_s)) << "starts become due";
+    EXPECT_NE(running_since(id), 0) << "its end is on no disk";
+    database.start();
+    EXPECT_EQ(ran(id).status, 3U);
+    const int before = lines(0);
+    EXPECT_TRUE(eventually([&] { return lines(0) > before + 1; }, patience_s)) << daemons[0]->output();
+    let_end();
+    ids = {ids[0]};
+    EXPECT_EQ(number("SELECT count(*) - count(DISTINCT due) FROM made WHERE due <> 0"), 0);
+    EXPECT_EQ(lines(0), number("SELECT count(*) FROM made WHERE job = " + std::to_string(ids[0])));
+    EXPECT_EQ(daemons[0]->count("database is away"), 1U) << daemons[0]->output();
+}
+
+TEST_F(JobsOnPostgres, ADaemonThatStartsWithoutItsDatabaseServesJobsWhenThatComes) {
+    const auto id = create(NewJob("kept"));
+    sched_free_handle(&handle);
+    daemons[0]->signal(SIGTERM);
+    daemons[0]->wait();
+    database.stop();
+    start(0);
+    EXPECT_NE(tool("alpha", "job list alpha").status, 0);
+    database.start();
+    EXPECT_TRUE(tells("alpha", "job list alpha", "kept")) << daemons[0]->output();
+    EXPECT_NE(id, 0U);
+}
+
+TEST_F(JobsOnPostgres, ASecondDaemonOfAHostsNameKeepsTheFirstFromAll) {
+    note_starts();
+    make_jobs(1);
+    database.run("UPDATE job_daemon SET generation = generation + 1");
+    EXPECT_TRUE(daemons[0]->says("another daemon serves the jobs under the name of this host", patience_s));
+    const int before = number("SELECT count(*) FROM made");
+    EXPECT_EQ(create(NewJob("new")) != 0, true) << "changes are not what it is kept from";
+    EXPECT_EQ(run(ids[0]), TBS_ST_TRY_AGAIN);
+    EXPECT_EQ(number("SELECT count(*) FROM made"), before);
+    EXPECT_EQ(daemons[0]->count("another daemon serves"), 1U);
+}
+
+TEST_F(JobsOnPostgres, TheDefaultScheduleIsMadeOnceByAll) {
+    site.write("schedule.def", "Job.Begin\nJob.Name: nightly\nJob.Schedule.Daily.Frequency: 1\n"
+                               "Job.Schedule.StartDate: 2100-01-01\nJob.Task: 1\nJob.End\n");
+    configure("option schedule " + site.path("schedule.def") + "\n");
+    start_all(3);
+    for (const std::string host : {"beta", "gamma"})
+        EXPECT_TRUE(tells(host, "job list " + host, "nightly"));
+    EXPECT_EQ(number("SELECT count(*) FROM job"), 1);
+    EXPECT_EQ(tool("beta", "job delete beta nightly").status, 0);
+    kill_daemon(2);
+    start(2);
+    ASSERT_TRUE(serves("gamma"));
+    EXPECT_THAT(tool("gamma", "job list gamma").output, Not(HasSubstr("nightly"))) << "it was deleted";
+}
+
+TEST_F(JobsOnPostgres, JobsMoveIntoTheDatabaseAndBack) {
+    const auto move = [&](const std::string &to) {
+        return run_apart(site, {RVZD_SERVER, "--config", site.path("rvzd_server.conf"), "--move-jobs", to});
+    };
+    const auto end = [&] {
+        daemons[0]->signal(SIGTERM);
+        ASSERT_EQ(daemons[0]->wait(patience_s), 0);
+    };
+    end();
+    site.configure(std::string(trusted_hosts) + tasks);
+    start(0);
+    const auto id = create(NewJob("nightly", {"-c", "exit 3"}));
+    ASSERT_EQ(run(id), TBS_ST_OK);
+    ASSERT_EQ(ran(id).status, 3U);
+    EXPECT_NE(move(database.conninfo()).status, 0) << "a daemon runs";
+    end();
+    EXPECT_NE(move("sqlite").status, 0) << "there they are";
+    configure("");
+    start(0);
+    EXPECT_TRUE(daemons[0]->says("1 jobs in", patience_s)) << "they are not served";
+    end();
+    site.configure(std::string(trusted_hosts) + tasks);
+    const Outcome there = move(database.conninfo());
+    ASSERT_EQ(there.status, 0) << there.errors;
+    EXPECT_THAT(there.output, HasSubstr("1 jobs and 1 runs are in postgresql"));
+    configure("");
+    start(0);
+    EXPECT_EQ(last_run(id).status, 3U);
+    EXPECT_EQ(daemons[0]->count("are not served"), 0U);
+    EXPECT_GT(create(NewJob("new")), id);
+    ASSERT_EQ(run(id), TBS_ST_OK);
+    end();
+    EXPECT_NE(move("postgresql").status, 0);
+    const Outcome back = move("sqlite");
+    ASSERT_EQ(back.status, 0) << back.errors;
+    EXPECT_THAT(back.output, HasSubstr("2 jobs and"));
+    site.configure(std::string(trusted_hosts) + tasks);
+    start(0);
+    EXPECT_TRUE(exists(id));
+    EXPECT_TRUE(eventually([&] { return last_run(id).status == 3 && running_since(id) == 0; }, patience_s));
+}
+
+TEST_F(JobsOnPostgres, AJobThatHasToRunAtAHostRunsThereAndWaitsForIt) {
+    note_starts();
+    start_all(2);
+    const std::string script = "-- -c 'echo >>" + site.path("runs0") + "'";
+    const Outcome made = tool("alpha", "job create alpha bound --task script --host beta --days 1 " + script);
+    ASSERT_EQ(made.status, 0) << made.output;
+    EXPECT_TRUE(eventually([&] { return lines(0) == 1; }, patience_s)) << everything_said();
+    EXPECT_EQ(database.ask("SELECT DISTINCT host FROM made"), "beta");
+    EXPECT_THAT(tool("alpha", "--output jsonl job list alpha --hosts").output, HasSubstr("\"host\":\"beta\""));
+    EXPECT_TRUE(tells("alpha", "--output jsonl job show alpha bound", "\"run_host\":\"beta\""));
+    EXPECT_EQ(tool("alpha", "job run alpha bound").status, 1) << "it is run by hand there";
+    kill_daemon(1);
+    NewJob each_second("bound", {"-c", adds_line(0)});
+    each_second.every_second();
+    EXPECT_EQ(with_job(1,
+                       [&](sched_job_h_t job) {
+                           return sched_job_set_properties(handle, job, each_second.record(), &err_mask);
+                       }),
+              TBS_ST_OK);
+    EXPECT_TRUE(daemons[0]->says("waits for a daemon of host beta", patience_s)) << daemons[0]->output();
+    EXPECT_EQ(lines(0), 1);
+    EXPECT_EQ(tool("alpha", "job edit alpha bound --host any").status, 0);
+    EXPECT_TRUE(eventually([&] { return lines(0) > 2; }, patience_s)) << daemons[0]->output();
+    EXPECT_EQ(daemons[0]->count("waits for a daemon of host beta"), 1U);
+    EXPECT_EQ(database.ask("SELECT count(*) - count(DISTINCT due) FROM made WHERE due <> 0"), "0");
+    EXPECT_EQ(tool("alpha", "job edit alpha none --host beta").status, 1);
+}
