@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <fstream>
 
-#include <tests/system/support/registry_site.h>
+#include <tests/system/support/backup_site.h>
 
 using namespace velia::system_test;
 using testing::HasSubstr;
@@ -14,23 +14,7 @@ using testing::Not;
 
 namespace {
 
-struct Backup : RegistrySite {
-    std::string saved() const { return site.path("registry.saved"); }
-    std::string stored() const { return site.path("host/priv/registry.db"); }
-
-    Outcome server(Words words, const Words &environment = {}) const {
-        words.insert(words.begin(), RVZD_SERVER);
-        return run_apart(site, words, environment);
-    }
-    Outcome save(const Words &environment = {}) const { return server({"--save-registry", saved()}, environment); }
-    Outcome restore(const Words &environment = {}) const {
-        return server({"--restore-registry", saved()}, environment);
-    }
-    void add_regions(const Words &names) const {
-        for (const auto &name : names)
-            ASSERT_EQ(add_region(name), TBS_ST_OK);
-    }
-};
+using Backup = BackupSite;
 
 TEST_F(Backup, IsMadeWhileTheDaemonWorksAndRestoredWhenItDoesNot) {
     start_alpha();
@@ -130,6 +114,7 @@ TEST_F(Backup, ByAPlainCopyOfTheFileIsRefusedInWordsWhenItIsPutBack) {
     std::filesystem::copy_file(saved(), stored(), std::filesystem::copy_options::overwrite_existing);
     start_alpha();
     EXPECT_TRUE(daemon->says("older than what was acknowledged here")) << daemon->output();
+    EXPECT_THAT(server({"--check-registry"}).errors, HasSubstr("older than what was acknowledged here"));
     EXPECT_EQ(names_of(RGY_DB_REGIONS), std::nullopt);
 }
 
@@ -147,6 +132,42 @@ TEST_F(Backup, ThatIsRestoredOnAMasterIsCopiedByItsStandby) {
     EXPECT_TRUE(comes_to_have("beta", {"one"})) << standby->output();
     EXPECT_EQ(state_of("alpha").term, 2u);
     EXPECT_TRUE(eventually([] { return state_of("beta").term == 2; })) << standby->output();
+}
+
+// Made while the site was at an earlier term, which a copy has from its master.
+TEST_F(Backup, OfAStandbyIsRestoredOnAMasterUnderAHigherTermThanAllBefore) {
+    start_alpha();
+    add_regions({"one"});
+    start_beta();
+    ASSERT_TRUE(comes_to_have("beta", {"one"})) << standby->output();
+    ASSERT_EQ(veliactl({"registry", "save", saved(), "--host", "beta"}).status, DONE);
+    for (const char *host : {"beta", "alpha"})
+        ASSERT_EQ(veliactl({"site", "master", host}).status, DONE);
+    add_regions({"mistake"});
+    ASSERT_TRUE(comes_to_have("beta", {"one", "mistake"})) << standby->output();
+    stop(daemon);
+    ASSERT_EQ(restore().status, 0);
+    start_alpha();
+    EXPECT_TRUE(comes_to_have("beta", {"one"})) << daemon->output() << standby->output();
+    EXPECT_EQ(state_of("alpha").term, 4u);
+    EXPECT_EQ(add_region("two"), TBS_ST_OK) << daemon->output();
+    EXPECT_TRUE(comes_to_have("beta", {"one", "two"})) << standby->output();
+}
+
+TEST_F(Backup, OfAStandbyThatIsRestoredThereIsBroughtUpToItsMasterAgain) {
+    start_alpha();
+    add_regions({"one"});
+    start_beta();
+    ASSERT_TRUE(comes_to_have("beta", {"one"})) << standby->output();
+    ASSERT_EQ(veliactl({"registry", "save", saved(), "--host", "beta"}).status, DONE);
+    add_regions({"two"});
+    ASSERT_TRUE(comes_to_have("beta", {"one", "two"})) << standby->output();
+    stop(standby);
+    ASSERT_EQ(server({"--restore-registry", saved()}, on_beta()).status, 0);
+    start_beta();
+    EXPECT_TRUE(comes_to_have("beta", {"one", "two"})) << standby->output();
+    EXPECT_EQ(state_of("beta").term, 1u);
+    EXPECT_TRUE(state_of("alpha").takes_updates);
 }
 
 TEST_F(Backup, TheLogFileStaysSmall) {
@@ -170,8 +191,8 @@ struct KillsOfBackup : Backup {
                 "ENDED_AT=" + std::to_string(at), "ASAN_OPTIONS=verify_asan_link_order=0"};
     }
     template <class Step>
-    static int sweep(Step &&step) {
-        const int stride = getenv("VELIA_TEST_KILLS") != nullptr ? 1 : 7;
+    static int sweep(Step &&step, int usual_stride = 7) {
+        const int stride = getenv("VELIA_TEST_KILLS") != nullptr ? 1 : usual_stride;
         int at = 1;
         while (step(at) && at < 2000)
             at += stride;
@@ -218,6 +239,68 @@ TEST_F(KillsOfBackup, AtARestoreLeaveTheRegistryBeforeOrTheRestoredOne) {
         return status != 0;
     });
     EXPECT_GT(steps, 10);
+}
+
+// The daemon is killed while it makes the copy or gives it out.
+TEST_F(KillsOfBackup, OfTheDaemonAtASaveThroughItLeaveTheOneBeforeOrTheNewOne) {
+    ASSERT_EQ(save().status, 0);
+    add_regions({"three"});
+    stop(daemon);
+    std::filesystem::remove(site.path("armed"));
+    const int steps = sweep(
+        [&](int at) {
+            start_alpha(killed_at(at));
+            site.write("armed", "");
+            const int status = veliactl({"registry", "save", saved(), "--timeout", "3"}).status;
+            std::filesystem::remove(site.path("armed"));
+            const bool is_killed = status != DONE;
+            EXPECT_EQ(daemon->wait(is_killed ? 15 : 0), is_killed ? 128 + SIGKILL : -1) << at << status;
+            daemon.reset();
+            EXPECT_THAT(server({"--check-registry", saved()}).output, HasSubstr(is_killed ? "entries" : "3 entries"))
+                << at;
+            EXPECT_FALSE(std::filesystem::exists(saved() + ".new")) << at;
+            start_alpha();
+            EXPECT_EQ(names_of(RGY_DB_REGIONS), (Words{"one", "two", "three"})) << at;
+            EXPECT_EQ(veliactl({"registry", "save", site.path("again")}).status, DONE) << at;
+            for (const char *suffix : {".sent", ".sent.new", ".sent.new-journal"})
+                EXPECT_FALSE(std::filesystem::exists(stored() + suffix)) << at << suffix;
+            stop(daemon, SIGKILL);
+            return is_killed;
+        },
+        17);
+    EXPECT_GT(steps, 10);
+}
+
+// What the tool has asked the daemon for is in nobody's way, and what it leaves is replaced.
+TEST_F(KillsOfBackup, OfTheToolAtASaveThroughTheDaemonLeaveTheOneBeforeOrTheNewOne) {
+    ASSERT_EQ(save().status, 0);
+    add_regions({"three"});
+    int steps = 0;
+    const int stride = getenv("VELIA_TEST_KILLS") != nullptr ? 1 : 4;
+    for (int at = stride == 1 ? 1 : 2; at < 100; at += stride, steps += stride) { // 2: while the daemon gives it out
+        const int status = veliactl({"registry", "save", saved()}, killed_at(at)).status;
+        EXPECT_TRUE(status == DONE || status == 128 + SIGKILL) << at << " " << status;
+        EXPECT_THAT(server({"--check-registry", saved()}).output, HasSubstr(status == DONE ? "3 entries" : "entries"))
+            << at;
+        EXPECT_TRUE(eventually([&] { return veliactl({"registry", "save", saved()}).status == DONE; }, 20)) << at;
+        EXPECT_THAT(server({"--check-registry", saved()}).output, HasSubstr("3 entries")) << at;
+        EXPECT_FALSE(std::filesystem::exists(saved() + ".new")) << at;
+        if (status == DONE)
+            break;
+    }
+    EXPECT_GT(steps, 3);
+}
+
+TEST_F(KillsOfBackup, AtACheckSpoilNothing) {
+    stop(daemon, SIGKILL);
+    sweep([&](int at) {
+        const int status = server({"--check-registry"}, killed_at(at)).status;
+        EXPECT_TRUE(status == 0 || status == 128 + SIGKILL) << at;
+        EXPECT_THAT(server({"--check-registry"}).output, HasSubstr("is whole: 2 entries")) << at;
+        return status != 0;
+    });
+    start_alpha();
+    EXPECT_EQ(names_of(RGY_DB_REGIONS), before);
 }
 
 // What stood there has two names then, so that at no moment there is none.

@@ -2,14 +2,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <array>
 #include <csignal>
 #include <sstream>
 
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
+#include <tests/exposition_page.h>
+#include <tests/system/support/metrics_page.h>
 #include <tests/system/support/registry_site.h>
 
 using namespace velia::system_test;
@@ -21,25 +18,7 @@ namespace {
 
 struct Metrics : RegistrySite {
     std::string path() const { return site.path("metrics"); }
-    // Empty without an answer.
-    std::string page(const std::string &target = "/metrics") const {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        path().copy(address.sun_path, sizeof address.sun_path - 1);
-        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        const timeval patience = {10, 0};
-        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-        std::string text;
-        const std::string request = "GET " + target + " HTTP/1.1\r\nHost: alpha\r\n\r\n";
-        if (connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 &&
-            send(fd, request.data(), request.size(), MSG_NOSIGNAL) > 0) {
-            std::array<char, 65536> piece;
-            for (ssize_t count; (count = recv(fd, piece.data(), piece.size(), 0)) > 0;)
-                text.append(piece.data(), static_cast<size_t>(count));
-        }
-        close(fd);
-        return text;
-    }
+    std::string page(const std::string &target = "/metrics") const { return page_at(path(), target); }
     void read_again(const std::string &configuration) const {
         const size_t before = daemon->count("is read again");
         site.configure(configuration + trusted_hosts);
@@ -58,6 +37,7 @@ TEST_F(Metrics, AreThoseOfTheStatusAndThereWhileTheConfigurationSaysSo) {
     ASSERT_TRUE(eventually([&] { return page().find("\nvelia_registry_entries 1\n") != std::string::npos; }));
     const auto text = page();
     EXPECT_THAT(text, testing::StartsWith("HTTP/1.1 200 OK\r\n"));
+    EXPECT_THAT(exposition_page::Page(text.substr(text.find("\r\n\r\n") + 4)).faults(), testing::IsEmpty());
     const auto status = objects({"daemon", "status", "alpha"})[0];
     EXPECT_THAT(text, HasSubstr("\nvelia_registry_role{role=\"master\"} 1\n"));
     EXPECT_THAT(text, HasSubstr("\nvelia_registry_takes_updates 1\n"));

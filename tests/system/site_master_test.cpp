@@ -324,6 +324,94 @@ TEST_F(SiteMaster, AStandbyThatDoesNotCopyIsNotPromotedAndUpdatesGoOn) {
     EXPECT_EQ(add_region("three"), TBS_ST_OK);
 }
 
+TEST_F(SiteMaster, ADemotionThatWouldLeaveNoMasterIsRefused) {
+    const auto circle = veliactl({"registry", "demote", "--follow", "beta"});
+    EXPECT_EQ(circle.status, FAILED);
+    EXPECT_THAT(circle.errors, HasSubstr("Host 'beta' is no master, but: standby. \"veliactl site master beta\""));
+    const auto unknown = veliactl({"registry", "demote", "--follow", "nowhere"});
+    EXPECT_EQ(unknown.status, FAILED);
+    EXPECT_THAT(unknown.errors, HasSubstr("There is no host 'nowhere'"));
+    site.write("host/config/rgy_hosts.conf.old", "beta\nbeta\n"); // from before a promotion
+    EXPECT_EQ(veliactl({"registry", "demote"}).status, FAILED);
+    EXPECT_TRUE(state_of("alpha").takes_updates);
+    EXPECT_EQ(site.read("host/config/rgy_hosts.conf"), "alpha\nbeta\n");
+}
+
+// It can tell whose copy it has all the same.
+TEST_F(SiteMaster, OneThatLivesIsFoundAlsoWhereTheStandbyCopiesFromItself) {
+    site.write("beta/host/config/rgy_hosts.conf", "beta\n\n");
+    ASSERT_TRUE(eventually([] { return !state_of("beta").failure.empty(); })) << standby->output();
+    ASSERT_EQ(add_region("two"), TBS_ST_OK);
+    const auto promoted = veliactl({"registry", "promote"}, on_beta());
+    EXPECT_EQ(promoted.status, FAILED);
+    EXPECT_THAT(promoted.errors, HasSubstr("Host 'alpha' is the master and takes updates"));
+    const auto turned = make_master({"--timeout", "2"}, on_beta());
+    EXPECT_EQ(turned.status, FAILED) << turned.output;
+    EXPECT_THAT(turned.errors, HasSubstr("the hosts file names this host"));
+    EXPECT_EQ(state_of("beta").role, RGY_SVR_STANDBY);
+    EXPECT_EQ(add_region("three"), TBS_ST_OK);
+    stop(daemon, SIGKILL);
+    const auto silent = make_master({}, on_beta());
+    EXPECT_EQ(silent.status, UNREACHABLE) << silent.output;
+    EXPECT_THAT(silent.errors, HasSubstr("The master 'alpha' does not answer"));
+    start_alpha();
+    site.write("beta/host/config/rgy_hosts.conf", "alpha\n\n");
+    ASSERT_TRUE(comes_to_have("beta", {"one", "two", "three"})) << standby->output();
+    EXPECT_EQ(make_master({}, on_beta()).status, DONE);
+    expect_turned({"one", "two", "three"});
+}
+
+// The host of a higher term is this one itself: somebody has put an older registry in the place of its own.
+TEST_F(SiteMaster, OneThatWasSupersededByItselfIsToldHowToGoOn) {
+    stop(daemon);
+    const std::string stored = site.path("host/priv/registry.db");
+    std::filesystem::copy_file(stored, site.path("older"));
+    start_alpha();
+    for (const char *host : {"beta", "alpha"})
+        ASSERT_EQ(veliactl({"site", "master", host}).status, DONE);
+    ASSERT_TRUE(eventually([] { return state_of("beta").term == 3; })) << standby->output();
+    stop(daemon);
+    for (const char *suffix : {"", "-wal", "-shm", ".made"})
+        std::filesystem::remove(stored + suffix);
+    std::filesystem::copy_file(site.path("older"), stored);
+    start_alpha();
+    EXPECT_TRUE(daemon->says("veliactl registry promote alpha --force")) << daemon->output();
+    EXPECT_EQ(add_region("refused"), TBS_ST_NO_SERVER);
+    EXPECT_EQ(veliactl({"registry", "promote", "alpha", "--force"}).status, DONE);
+    EXPECT_TRUE(eventually([] { return add_region("two") == TBS_ST_OK; })) << daemon->output();
+    EXPECT_TRUE(comes_to_have("beta", {"one", "two"})) << standby->output();
+}
+
+// The promotion is made when nobody waits for its answer any more.
+TEST_F(SiteMaster, AnUpdateIsNotTakenWhileAPromotionIsStillToBeMade) {
+    RegistryLock lock(site, "beta/host/priv/registry.db");
+    const auto outcome = make_master({"--timeout", "2"});
+    EXPECT_EQ(outcome.status, UNREACHABLE) << outcome.output;
+    EXPECT_THAT(outcome.errors, HasSubstr("Updates stay held"));
+    EXPECT_FALSE(state_of("alpha").takes_updates);
+    EXPECT_EQ(state_of("alpha").role, RGY_SVR_MASTER);
+    lock.release();
+    ASSERT_TRUE(eventually([] { return state_of("beta").takes_updates; }, 20)) << standby->output();
+    EXPECT_EQ(make_master().status, DONE) << "goes on where it was";
+    expect_turned({"one"});
+}
+
+// As when the copy takes longer than updates are held.
+TEST_F(SiteMaster, AnUpdateThatWasTakenAmidTheCopyIsNotLost) {
+    ASSERT_EQ(add_region("two"), TBS_ST_OK);
+    Child::Options options;
+    options.output_file = site.path("steps");
+    std::optional<RegistryLock> lock(std::in_place, site, "beta/host/priv/registry.db");
+    Child tool({VELIACTL, "site", "master", "beta", "--output", "jsonl"}, options);
+    ASSERT_TRUE(eventually([&] { return site.read("steps").find("\"hold\"") != std::string::npos; }));
+    ASSERT_TRUE(eventually(
+        [] { return turn("alpha", RVZD_TURN_RELEASE, 0) == TBS_ST_OK && add_region("three") == TBS_ST_OK; }));
+    EXPECT_TRUE(eventually([] { return !state_of("alpha").takes_updates; })) << "they are held again";
+    lock.reset();
+    EXPECT_EQ(tool.wait(30), DONE) << site.read("steps");
+    expect_turned({"one", "two", "three"});
+}
+
 TEST_F(SiteMaster, WhatIsNoStandbyIsNotMadeTheMaster) {
     site.write("beta/host/config/rgy_svr.conf", "not a server");
     ASSERT_TRUE(eventually([] { return state_of("beta").role == RGY_SVR_NONE; }));

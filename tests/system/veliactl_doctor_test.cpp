@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <set>
 
 #include <sys/stat.h>
 
@@ -68,6 +69,12 @@ TEST_F(Doctor, FindsNothingWrongWhereNothingIs) {
         EXPECT_EQ(count(findings, "fail") + count(findings, "warn"), 0u) << told(findings);
         EXPECT_GE(count(findings, "ok"), words.empty() ? 14u : 5u) << told(findings);
     }
+    std::set<std::string> looked;
+    for (const auto &finding : look({}, on_beta()).findings)
+        looked.insert(finding["check"].text());
+    EXPECT_THAT(looked, testing::UnorderedElementsAre("name", "port", "directories", "private-files", "role",
+                                                      "local-road", "address", "daemon", "clients", "clock", "term",
+                                                      "copy", "hosts-file", "database"));
     const auto plain = veliactl({"doctor"});
     EXPECT_THAT(plain.output, HasSubstr("CHECK")) << plain.errors;
 }
@@ -110,6 +117,45 @@ TEST_F(Doctor, FindsWhatIsWrongWithFilesAndTheirRights) {
     EXPECT_TRUE(has(findings, "role", "fail", "rgy_svr.conf", "king")) << told(findings);
 }
 
+TEST_F(Doctor, FindsWhatIsWrongWithNamesAndWhatStandsInThePlaceOfADirectory) {
+    start_alpha();
+    site.write("config/hosts.conf", "alpha 192.0.2.1\n");
+    std::filesystem::remove_all(site.path("host/data"));
+    site.write("host/data", "");
+    const auto findings = look().findings;
+    EXPECT_TRUE(has(findings, "name", "fail", "192.0.2.1", "that it does not have", "hosts.conf")) << told(findings);
+    EXPECT_TRUE(has(findings, "directories", "fail", "host/data", "is no directory")) << told(findings);
+    site.write("config/services.conf", "");
+    const auto unnamed = objects_of(veliactl({"doctor", "-o", "json", "--timeout", "1"}, {"PATH=/nowhere"}).output);
+    EXPECT_TRUE(has(unnamed, "port", "warn", "alpha", "")) << "what the library says: " << told(unnamed);
+    EXPECT_TRUE(has(unnamed, "database", "warn", "registry.db", "could not be run", "PATH")) << told(unnamed);
+}
+
+TEST_F(Doctor, FindsAHostsFileThatNamesAHostWithoutARegistry) {
+    start_both();
+    site.write("beta/host/config/rgy_svr.conf", "not a server");
+    ASSERT_TRUE(eventually([] { return state_of("beta").role == RGY_SVR_NONE; }));
+    site.write("host/config/rgy_hosts.conf", "beta\n\n");
+    const auto findings = look().findings;
+    EXPECT_TRUE(has(findings, "hosts-file", "fail", "beta", "and has none", "registry hosts")) << told(findings);
+}
+
+// Of which neither has heard of the other yet.
+TEST_F(Doctor, FindsTwoMasters) {
+    site.configure("option registry-copy 3600\n");
+    start_both();
+    site.write("host/config/rgy_hosts.conf", "alpha\n\n");
+    site.write("beta/host/config/rgy_hosts.conf", "beta\n\n");
+    site.write("beta/host/config/rgy_svr.conf", "master");
+    ASSERT_TRUE(eventually([] { return state_of("beta").takes_updates; })) << standby->output();
+    ASSERT_TRUE(state_of("alpha").takes_updates) << daemon->output();
+    site.write("host/config/rgy_hosts.conf", "alpha\nbeta\n");
+    const auto [status, findings] = look();
+    EXPECT_EQ(status, FAILED);
+    EXPECT_TRUE(has(findings, "term", "fail", "beta", "it takes updates, and so does alpha", "--force"))
+        << told(findings);
+}
+
 TEST_F(Doctor, FindsWhatIsWrongWithTheRoleAndTheHostsFile) {
     start_both();
     site.write("config/client_only", "");
@@ -135,12 +181,31 @@ TEST_F(Doctor, FindsAMasterThatWasSupersededAndAStandbyThatCannotCopy) {
     EXPECT_EQ(status, FAILED);
     EXPECT_TRUE(has(findings, "term", "fail", "alpha", "superseded: beta is the master", "demote --follow beta"))
         << told(findings);
+    site.write("beta/host/config/rgy_hosts.conf", "alpha\nbeta\n");
+    const auto at_beta = look({}, on_beta()).findings;
+    EXPECT_TRUE(has(at_beta, "hosts-file", "fail", "alpha", "was superseded by beta", "--master beta"))
+        << told(at_beta);
+    site.write("beta/host/config/rgy_hosts.conf", "beta\nbeta\n");
     ASSERT_EQ(veliactl({"registry", "demote", "--follow", "beta"}).status, DONE);
     ASSERT_TRUE(eventually([] { return state_of("alpha").master == "beta"; }));
     stop(standby, SIGKILL);
     ASSERT_TRUE(eventually([] { return !state_of("alpha").failure.empty(); }));
     EXPECT_TRUE(has(look().findings, "copy", "fail", "alpha", "cannot copy from beta", "see whether beta answers"))
         << told(look().findings);
+}
+
+TEST_F(Doctor, FindsASiteWithoutAMaster) {
+    start_both();
+    ASSERT_EQ(turn("alpha", RVZD_TURN_FOLLOW, 0, "beta"), TBS_ST_OK);
+    for (const auto &environment : {Words{}, on_beta()}) {
+        const auto [status, findings] = look({}, environment);
+        EXPECT_EQ(status, FAILED);
+        EXPECT_TRUE(has(findings, "term", "fail", "", "no host of the site is the master", "veliactl site master"))
+            << told(findings);
+    }
+    stop(daemon);
+    const auto findings = look({}, on_beta()).findings;
+    EXPECT_FALSE(has(findings, "term", "fail", "", "")) << "it may be the one that does not answer: " << told(findings);
 }
 
 TEST_F(Doctor, FindsAClockThatIsOff) {
@@ -167,6 +232,12 @@ TEST_F(Doctor, FindsADatabaseThatIsDamagedOrGone) {
         << told(look().findings);
     std::filesystem::remove(site.path("host/priv/registry.db"));
     EXPECT_TRUE(has(look().findings, "database", "fail", "registry.db", "is gone", "--restore-registry"));
+    site.write("host/config/rgy_svr.conf", "standby");
+    EXPECT_TRUE(has(look().findings, "database", "fail", "registry.db", "is gone", "remove"));
+    start_alpha();
+    EXPECT_TRUE(
+        has(look().findings, "role", "warn", "rgy_svr.conf", "the daemon goes by 'not a server'", "see its log"));
+    stop(daemon);
     std::filesystem::remove(site.path("host/priv/registry.db.made"));
     EXPECT_TRUE(has(look().findings, "database", "ok", "registry.db", "there is none"));
 }

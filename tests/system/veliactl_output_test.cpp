@@ -53,7 +53,7 @@ struct VeliactlOutput : VeliactlTest {
         site.write("host/config/rgy_svr.conf", "master");
         site.write("host/config/rgy_hosts.conf", "alpha\n\n");
         site.write("host/config/rgy_region.conf", "east\n");
-        serve(sample_line(390600, "shared", "-", "--quiet-seconds 30"));
+        serve(sample_line(390600, "shared", "-", "--quiet-seconds 30"), {"--listen", "127.0.0.1"});
         for (const Words &words : {Words{"registry", "add", "regions", "name=east"},
                                    view_add(uuid),
                                    vault_add(uuid),
@@ -147,7 +147,7 @@ TEST_F(VeliactlOutput, OfAChangeThatCannotBeWrittenIsToldOnStandardError) {
         {{"registry", "hosts", "--backup", "beta"}, "alpha   beta"},
         {{"registry", "backup", "beta"}, "BACKUP\nbeta"},
         {{"registry", "passwd", "--password-file", "/dev/null", "--server", RVZD_SERVER}, "password removed"},
-        {{"registry", "demote", "--follow", "beta"}, "alpha  standby"},
+        {{"registry", "demote", "--follow", "away"}, "alpha  standby"},
     };
     for (const auto &[words, told] : changes) {
         const auto outcome = veliactl_into(pipe.redirection(), words);

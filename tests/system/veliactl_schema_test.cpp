@@ -85,7 +85,7 @@ const CommandLine command_lines[] = {
     {"registry save", {saved_file}},
     {"daemon status", {"alpha"}},
     {"doctor", {}},
-    {"registry demote", {"--follow", "beta"}},
+    {"registry demote", {"--follow", "away"}},
     {"registry promote", {}},
     {"site master", {"alpha"}},
     {"task list", {"alpha"}},
@@ -114,9 +114,10 @@ const CommandLine command_lines[] = {
     {"acl set", {"alpha", "everyone=read"}},
     {"acl show", {"alpha"}},
 };
-// Without a password nobody is granted anything; it is told all the same.
-const std::map<std::string, int> other_statuses = {{"probe", 3},   {"registry plan", 4}, {"job plan", 4},
-                                                   {"job fmt", 4}, {"task check", 1},    {"registry check", 1}};
+// Without a password nobody is granted anything, and a host of the site is away; it is told all the same.
+const std::map<std::string, int> other_statuses = {{"probe", 3},      {"registry plan", 4}, {"job plan", 4},
+                                                   {"job fmt", 4},    {"task check", 1},    {"registry check", 1},
+                                                   {"site master", 1}};
 
 struct VeliactlSchema : VeliactlTest {
     void serve_all() {
@@ -128,7 +129,8 @@ struct VeliactlSchema : VeliactlTest {
         site.write(tasks_file, "Task.Begin\nTask.Id: none\n");
         site.write(entries_file, R"({"db":"regions","items":{"name":"east"}})");
         site.write(settings_file, "level = host\nview_cache_size = 2m\n");
-        serve(sample_line(390600, "shared", "-", "--quiet-seconds 30") + "task 1 shell /bin/sh\n");
+        serve(sample_line(390600, "shared", "-", "--quiet-seconds 30") + "task 1 shell /bin/sh\n",
+              {"--listen", "127.0.0.1", "--listen", "127.0.0.2"});
     }
     Words words_of(const CommandLine &line, const char *form) const {
         Words words = {"--output", form};

@@ -1,6 +1,8 @@
 // What goes wrong around jobs: requests at their limits, programs that cannot be run or are replaced, full disks, and
 // users other than the daemon's.
+#include <csignal>
 #include <cstdint>
+#include <cstring>
 #include <filesystem>
 #include <limits>
 
@@ -185,12 +187,18 @@ TEST_F(SchedulerFaults, AFullDiskLosesNoJobAndNoEnd) {
     const auto runs = create(NewJob("runs", {"-c", waiting() + "; echo ended; exit 3"}));
     ASSERT_EQ(run(runs), TBS_ST_OK);
     ASSERT_TRUE(eventually([&] { return running_since(runs) != 0; }, 30));
+    const auto notes = "host/priv/runs/" + std::to_string(runs) + "." + std::to_string(running_since(runs)) + ".run";
+    ASSERT_TRUE(eventually([&] { return read(notes).find('\n') != std::string::npos; }, 30));
+    const pid_t keeper = atoi(read(notes).c_str() + strlen("keeper "));
+    ASSERT_GT(keeper, 0);
     const auto idle = create(NewJob("idle", {"-c", "echo well"}));
     site.write("full", "");
     EXPECT_EQ(create(NewJob("refused")), 0U);
     EXPECT_NE(status, TBS_ST_OK);
     EXPECT_NE(run(idle), TBS_ST_OK);
     site.write("go", "");
+    EXPECT_TRUE(eventually([&] { return kill(keeper, 0) != 0; }, 30)) << "the daemon knows of the end by then";
+    EXPECT_EQ(create(NewJob("refused behind it")), 0U) << "and has tried to write it";
     expect_served();
     EXPECT_EQ(last_run(runs).ended, 0);
     std::filesystem::remove(site.path("full"));

@@ -4,8 +4,12 @@
 #include <ctime>
 #include <set>
 
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "scheduler_fixture.h"
 
@@ -104,7 +108,10 @@ TEST_F(SchedulerRuns, OneThatDoesNotHearTermIsKilled) {
 }
 
 TEST_F(SchedulerRuns, WhatAJobLeavesBehindIsEndedWithIt) {
-    const auto id = create(script("leaves", "setsid sleep 100 & echo $! >" + site.path("child") + "; echo done").now());
+    const std::string child = site.path("child");
+    const auto id = create(script("leaves", "setsid sh -c 'echo $$ >" + child + "; exec sleep 100' & while [ ! -s " +
+                                                child + " ]; do sleep 0.05; done; echo done")
+                               .now());
     const Ran run = ran(id);
     EXPECT_EQ(run.status, 0U);
     EXPECT_EQ(run.messages, "done\n");
@@ -242,6 +249,58 @@ TEST_F(SchedulerRuns, ARunThatWasWrittenDownAndNotMadeIsMadeByTheNextDaemon) {
     EXPECT_TRUE(eventually([&] { return lines("count") > before; })) << daemon->output();
 }
 
+TEST_F(SchedulerRuns, AStartBehindAnotherThatWasWrittenDownAndNotMadeIsMadeByTheNextDaemon) {
+    const auto first = create(script("first", "true"));
+    const auto second = create(script("second", "echo second").after(first));
+    kill_daemon();
+    change_database("INSERT INTO run VALUES (" + std::to_string(second) + ", 5, 0, 0, 0, x'', x'')");
+    restart();
+    EXPECT_EQ(ran(second).messages, "second\n");
+}
+
+TEST_F(SchedulerRuns, AStartBehindAnotherIsPassedOverForGoodWhileTheJobRuns) {
+    const auto first = create(script("first", "true"));
+    const auto second = create(script("second", "echo >>" + site.path("count") + "; while [ ! -e " + site.path("go") +
+                                                    " ]; do sleep 0.05; done")
+                                   .after(first));
+    ASSERT_EQ(run(second), TBS_ST_OK);
+    ASSERT_TRUE(eventually([&] { return lines("count") == 1; }));
+    ASSERT_EQ(run(first), TBS_ST_OK);
+    EXPECT_TRUE(daemon->says("is still running -- skipping scheduled execution"));
+    site.write("go", "");
+    ran(second);
+    kill_daemon();
+    restart();
+    const auto third = create(script("third", "true"));
+    ASSERT_EQ(run(third), TBS_ST_OK);
+    ran(third); // what was owed would have begun before
+    EXPECT_EQ(lines("count"), 1U);
+}
+
+// Its keeper has its file, and has not written yet who it is.
+TEST_F(SchedulerRuns, OfAJobThatIsDeletedBeforeItsKeeperIsKnownTheRunIsEnded) {
+    const auto id = create(script("deleted", "true"));
+    kill_daemon();
+    change_database("INSERT INTO run VALUES (" + std::to_string(id) + ", 5, 0, 0, 0, x'', x'')");
+    const std::string notes = site.path("host/priv/runs/" + std::to_string(id) + ".5.run");
+    const int file = open(notes.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR);
+    ASSERT_EQ(flock(file, LOCK_EX), 0);
+    const pid_t keeper = fork();
+    if (keeper == 0) {
+        for (;;)
+            pause();
+    }
+    restart();
+    EXPECT_EQ(running_since(id), 5);
+    EXPECT_EQ(remove(id, 1), TBS_ST_OK);
+    const std::string line = "keeper " + std::to_string(keeper) + "\n";
+    EXPECT_EQ(write(file, line.data(), line.size()), static_cast<ssize_t>(line.size()));
+    int ended = 0;
+    EXPECT_TRUE(eventually([&] { return waitpid(keeper, &ended, WNOHANG) == keeper; }, 30));
+    EXPECT_TRUE(WIFSIGNALED(ended) && WTERMSIG(ended) == SIGTERM);
+    close(file);
+}
+
 // The word of its process waits for no disk, and may have been lost with the power.
 TEST_F(SchedulerRuns, ARunThatMayHaveBeenMadeBeforeTheHostWentDownIsNotMadeAgain) {
     const auto id = create(script("once", "echo >>" + site.path("count")));
@@ -282,6 +341,8 @@ TEST_F(SchedulerRuns, OutputOfRunsThatAreForgottenGoes) {
     const Ran run = ran(id);
     const auto output = "host/priv/runs/" + std::to_string(id) + "." + std::to_string(run.started) + ".out";
     EXPECT_EQ(read(output), "out\n");
+    const auto notes = output.substr(0, output.rfind(".out")) + ".run";
+    EXPECT_TRUE(eventually([&] { return read(notes).empty(); })) << "what is written down needs no notes";
     site.write("host/priv/runs/99.1.out", "of nobody");
     kill_daemon();
     restart();

@@ -28,9 +28,9 @@ void fill_registry(const Site &site, uint32_t db, size_t entry_count) {
             ", x'', x'', CAST('-name=region' || i || ';-title=one of many;' AS BLOB) FROM number");
 }
 
-RegistryLock::RegistryLock(const Site &site) : database_(nullptr) {
+RegistryLock::RegistryLock(const Site &site, const std::string &file) : database_(nullptr) {
     sqlite3 *database = nullptr;
-    EXPECT_EQ(sqlite3_open(site.path("host/priv/registry.db").c_str(), &database), SQLITE_OK);
+    EXPECT_EQ(sqlite3_open(site.path(file).c_str(), &database), SQLITE_OK);
     sqlite3_busy_timeout(database, busy_timeout_ms);
     EXPECT_EQ(sqlite3_exec(database, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK)
         << sqlite3_errmsg(database);

@@ -18,7 +18,7 @@ void fill_registry(const Site &site, uint32_t db, size_t entry_count);
 // Nobody changes the registry while it lives, or until it is released.
 class RegistryLock {
 public:
-    explicit RegistryLock(const Site &site);
+    explicit RegistryLock(const Site &site, const std::string &file = "host/priv/registry.db");
     ~RegistryLock();
     RegistryLock(const RegistryLock &) = delete;
     RegistryLock &operator=(const RegistryLock &) = delete;

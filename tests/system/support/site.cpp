@@ -50,7 +50,7 @@ Site::Site() : port_(free_port()) {
     for (const char *directory : {"config/services", "host/config", "host/priv", "host/data", "log"})
         std::filesystem::create_directories(root_ / directory);
     write("config/services.conf", "rvzd " + std::to_string(port_) + "\n");
-    write("config/hosts.conf", "alpha 127.0.0.1\nbeta 127.0.0.2\nsix ::1\nboth ::1 127.0.0.1\n");
+    write("config/hosts.conf", "alpha 127.0.0.1\nbeta 127.0.0.2\nsix ::1\nboth ::1 127.0.0.1\naway 127.0.0.9\n");
     setenv("VELIA_ROOT", root_.c_str(), 1);
     setenv("VELIA_HOSTNAME", "alpha", 1);
     setenv("XDG_CONFIG_HOME", path("no-user").c_str(), 1); // not that of who runs the tests

@@ -12,7 +12,8 @@ namespace velia::system_test {
 
 class Site {
 public:
-    // Hosts "alpha" (127.0.0.1, and this host's name), "beta" (127.0.0.2), "six" (::1), "both" (::1 and 127.0.0.1).
+    // Hosts "alpha" (127.0.0.1, and this host's name), "beta" (127.0.0.2), "six" (::1), "both" (::1 and 127.0.0.1),
+    // "away" (127.0.0.9, for one that a daemon listens elsewhere than).
     Site();
     ~Site();
     Site(const Site &) = delete;
