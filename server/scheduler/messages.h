@@ -19,6 +19,7 @@ enum SchedulerMessage : int {
     MSG_JOB_STILL_RUNNING = 76,
     MSG_JOB_PROBLEMS = 78,
     MSG_NOTIFICATION_FAILED = 44,
+    MSG_JOB_STILL_RUNNING_SUPPRESSED = 145,
 };
 
 template <class... Arguments>

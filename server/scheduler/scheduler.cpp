@@ -346,14 +346,29 @@ void Scheduler::wait_for_slot(Job &job, int64_t due, bool is_owed) {
     waiting_.push_back({job.row.id, due, is_owed, {}});
 }
 
-void Scheduler::tell_passed(const Job &job, Jobs::Fate fate) const {
+// The first of each run; others are counted, so that one that runs on is no flood.
+void Scheduler::tell_passed(Job &job, Jobs::Fate fate) {
+    const int64_t run = job.run.started; // 0: as long as it is being begun
+    if (fate == Jobs::Fate::still_running && run != 0 && run == job.passes_told_of) {
+        ++job.untold_passes;
+        return;
+    }
+    if (fate == Jobs::Fate::still_running) {
+        tell_untold_passes(job);
+        job.passes_told_of = run;
+    }
     print_scheduler(IMSG_WARNING, fate == Jobs::Fate::still_running ? MSG_JOB_STILL_RUNNING : MSG_JOB_NOT_RUN,
                     id_text(job).c_str(), job.name.c_str());
 }
 
+void Scheduler::tell_untold_passes(Job &job) {
+    if (const int count = std::exchange(job.untold_passes, 0); count > 0)
+        print_scheduler(IMSG_WARNING, MSG_JOB_STILL_RUNNING_SUPPRESSED, count, static_cast<int>(job.row.id));
+}
+
 // Of daemons that have the job together the one that is first tells it.
 void Scheduler::pass_over(const Jobs::Due &due) {
-    const Job &job = *jobs_.find(due.job);
+    Job &job = *jobs_.find(due.job);
     if (!is_shared())
         tell_passed(job, due.fate);
     const bool is_only_while_running = is_shared() && due.fate == Jobs::Fate::still_running;
@@ -600,7 +615,8 @@ void Scheduler::clear_away() {
             unlink(entry.path().c_str());
 }
 
-void Scheduler::tell_end(const Job &job, const RunRow &run) {
+void Scheduler::tell_end(Job &job, const RunRow &run) {
+    tell_untold_passes(job);
     const bool is_good = run.exit_status == 0;
     const bool has_messages = !run.messages.empty();
     const std::string id = id_text(job);

@@ -146,7 +146,8 @@ private:
     std::optional<JobRow> predefined_row(const DefinedJob &defined);
     void make(const DefinedJob &defined, const JobRow &row);
     void look();
-    void tell_passed(const Job &job, Jobs::Fate fate) const;
+    static void tell_passed(Job &job, Jobs::Fate fate);
+    static void tell_untold_passes(Job &job);
     void pass_over(const Jobs::Due &due);
     void wait_for_slot(Job &job, int64_t due, bool is_owed);
     void start_waiting();
@@ -160,7 +161,7 @@ private:
     void give_back_slot();
     void take_end(const RunRow &run, bool was_kept);
     void has_ended(const RunRow &run, bool is_last);
-    void tell_end(const Job &job, const RunRow &run);
+    void tell_end(Job &job, const RunRow &run);
     void start_followers(const std::vector<sched_job_id_t> &followers);
     void retry();
     void drop_output(const std::vector<RunRow> &runs);

@@ -244,7 +244,7 @@ void Scheduler::lose(const RunRow &run) {
 void Scheduler::has_been_lost(const RunTurn &turn) {
     const RunRow &run = turn.step.run;
     losing_.erase({run.job, run.started});
-    if (const Job *job = jobs_.find(run.job); job != nullptr && turn.step.is_done)
+    if (Job *job = jobs_.find(run.job); job != nullptr && turn.step.is_done)
         tell_end(*job, run);
     follow();
 }
@@ -320,7 +320,7 @@ void Scheduler::has_passed(const RunTurn &turn) {
     if (!turn.fault.empty())
         return is_in_doubt(turn.fault);
     const bool is_running = turn.step.what == RunStep::What::pass_over_running;
-    if (const Job *job = jobs_.find(turn.step.run.job); job != nullptr && turn.step.is_done)
+    if (Job *job = jobs_.find(turn.step.run.job); job != nullptr && turn.step.is_done)
         tell_passed(*job, is_running ? Jobs::Fate::still_running : Jobs::Fate::too_old);
 }
 

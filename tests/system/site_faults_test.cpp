@@ -129,6 +129,7 @@ TEST_F(SiteFaults, AStandbyThatGoesDownAmidTheTurnLeavesTheMasterAsItWas) {
     start_alpha();
     site.configure(std::string("option registry-copy 3600\n") + trusted_hosts);
     start_beta();
+    ASSERT_TRUE(eventually([] { return state_of("beta").current > 0; })) << "its copy at start is done";
     ASSERT_EQ(add_region("one"), TBS_ST_OK); // which beta does not have for an hour
     Child::Options options;
     options.output_file = site.path("steps");

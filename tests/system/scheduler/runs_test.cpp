@@ -137,6 +137,26 @@ TEST_F(SchedulerRuns, OfOneThatStillRunsNoOtherIsStarted) {
     EXPECT_EQ(terminate(id, running_since(id)), TBS_ST_OK);
 }
 
+TEST_F(SchedulerRuns, StartsThatOneRunHoldsUpAreToldOnceAndCounted) {
+    const auto id = create(script("slow", "echo >>" + site.path("count") + "; while [ ! -e " + site.path("go") +
+                                              " ]; do sleep 0.05; done")
+                               .every_second());
+    ASSERT_TRUE(daemon->says("is still running -- skipping scheduled execution"));
+    const time_t started = running_since(id);
+    ASSERT_TRUE(eventually([&] { return time(nullptr) > started + 4; }));
+    site.write("go", "");
+    EXPECT_TRUE(daemon->says("duplicate \"Job still running\" messages suppressed for Job ID " + std::to_string(id)));
+    const std::string output = daemon->output();
+    const auto told = [&](const std::string &words) {
+        size_t count = 0;
+        for (auto at = output.find(words); at != std::string::npos; at = output.find(words, at + 1))
+            ++count;
+        return count;
+    };
+    EXPECT_LE(told("is still running -- skipping"), 2U) << "the second where it was being begun at the first";
+    EXPECT_EQ(told("suppressed for Job ID"), 1U);
+}
+
 TEST_F(SchedulerRuns, NoMoreRunAtOnceThanMay) {
     kill_daemon();
     restart(std::string(tasks) + "option jobs 1\n");

@@ -214,6 +214,7 @@ TEST_F(ConfigurationFile, WhatCannotBePutInPlaceIsAnErrorAndTheFileStays) {
     std::filesystem::create_directory(path_of("directory"));
     EXPECT_EQ(write_file(path_of("directory").c_str(), "two"), TBS_ST_ERROR);
     EXPECT_TRUE(std::filesystem::is_directory(path_of("directory")));
+    EXPECT_EQ(contents(path_of("directory.new")), std::nullopt) << "nothing is left beside it";
     EXPECT_EQ(write_file((world.root() + "/nowhere/file").c_str(), "two"), TBS_ST_ERROR);
 }
 

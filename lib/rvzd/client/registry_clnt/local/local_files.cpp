@@ -149,7 +149,10 @@ tbs_status_t velia::registry_clnt::replace_file(const char *path, const char *te
         fileutl_cp(path, old_path, FILEUTL_QUIET);
     }
     const int rename_error = fileutl_rename(new_path, path);
-    return rename_error == 0 ? TBS_ST_OK : not_replaced(path, rename_error);
+    if (rename_error == 0)
+        return TBS_ST_OK;
+    fileutl_rm(new_path, FILEUTL_QUIET);
+    return not_replaced(path, rename_error);
 }
 
 tbs_status_t generate_backup_pathname(const char *path, char *out) {
