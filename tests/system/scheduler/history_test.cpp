@@ -1,6 +1,7 @@
 // What a run puts out, while it does and afterwards; what became of runs, and who changed what.
 #include <algorithm>
 #include <array>
+#include <filesystem>
 
 #include "tool_fixture.h"
 #include <tests/system/support/child.h>
@@ -90,6 +91,25 @@ TEST_F(RunHistory, BeyondTheEndThereIsNothing) {
     EXPECT_EQ(piece.total, 4U);
     EXPECT_NE(piece.ended, 0);
     sched_run_free_output(handle, &piece);
+}
+
+// As while it is being begun: it has put out nothing yet, and is to be asked again.
+TEST_F(RunHistory, ARunThatIsOnHasOutputAlsoWhereItsFileIsNotThere) {
+    const auto id = create(NewJob("waits", {"-c", script_that_waits("true")}));
+    time_t started = 0;
+    ASSERT_EQ(run(id, &started), TBS_ST_OK);
+    const std::string file = site.path("host/priv/runs/" + std::to_string(id) + "." + std::to_string(started) + ".out");
+    ASSERT_TRUE(eventually([&] { return output_in_pieces(id, 9) == "begun\n"; })) << file;
+    ASSERT_TRUE(std::filesystem::remove(file));
+    sched_run_output_t piece = {};
+    EXPECT_EQ(sched_run_get_output(handle, id, started, 0, 9, &piece), TBS_ST_OK);
+    EXPECT_EQ(piece.size, 0U);
+    EXPECT_EQ(piece.started, started);
+    EXPECT_EQ(piece.ended, 0);
+    sched_run_free_output(handle, &piece);
+    site.write("go", "");
+    EXPECT_EQ(ran(id).status, 0U);
+    EXPECT_EQ(sched_run_get_output(handle, id, started, 0, 9, &piece), TBS_ST_NOT_FOUND);
 }
 
 TEST_F(RunHistory, LogsFollowARunToItsEnd) {
