@@ -1,11 +1,10 @@
 // A file of job definitions becomes an array of jobs. One that is wrong loses the file; one that another has
 // anticipated is passed over.
+#include <rvzd/sched_utl_parse/definition_file.h>
 #include <rvzd/sched_utl_parse/job_grammar.h>
-#include <rvzd/sched_utl_parse/known.h>
 
 #include <cstring>
 
-#include <common/with.h>
 #include <veliaxdr/sched_check.h>
 #include <veliaxdr/sched_jobs.h>
 #include <veliaxdr/sched_tasks.h>
@@ -72,20 +71,7 @@ Definitions stored(const JobFile &file) {
             [](const void *jobs, uint32_t place) -> const char * { return job_at(jobs, place).rw.name; }};
 }
 
-bool is_duplicate(const JobFile &file) {
-    const sched_job_properties_t &job = file.state->job_rec;
-    const auto line_no = static_cast<int>(file.state->line_no);
-    switch (taken_by(file.known, stored(file), job.ro.job_id, job.rw.name)) {
-    case Taken::id:
-        imsg_print(IMSG_ERROR, &_sched_rvzd_msg_table, SCHED_MSG_DUPLICATE_JOB_ID, job.ro.job_id, line_no);
-        return true;
-    case Taken::name:
-        imsg_print(IMSG_ERROR, &_sched_rvzd_msg_table, SCHED_MSG_DUPLICATE_JOB_NAME, job.rw.name, line_no);
-        return true;
-    default:
-        return false;
-    }
-}
+constexpr DuplicateMessages duplicate_messages = {SCHED_MSG_DUPLICATE_JOB_ID, SCHED_MSG_DUPLICATE_JOB_NAME};
 
 bool keep_followed_name(JobFile &file) {
     char *name = nullptr;
@@ -124,19 +110,15 @@ tbs_status_t take_definition(JobFile &file) {
         status = look_up_task(file.state);
     if (status == TBS_ST_OK)
         status = validate(file.state);
-    if (status == TBS_ST_OK && is_duplicate(file))
+    const sched_job_properties_t &job = file.state->job_rec;
+    if (status == TBS_ST_OK && is_duplicate(file, job.ro.job_id, job.rw.name, duplicate_messages))
         return file.reading != nullptr ? tbs_status_t{TBS_ST_ALREADY_EXISTS} : status;
     return status == TBS_ST_OK ? store_job(file) : status;
 }
 
 // A task that the scheduler does not know ends the file early, as its end does; but not for those who keep sets.
-tbs_status_t read_file(JobFile &file, const char *path) {
-    tbs_status_t status = parse_new_state(file.handle, path, &file.state);
-    if (status != TBS_ST_OK)
-        return status;
-    file.state->reading = file.reading;
-    while (status == TBS_ST_OK)
-        status = take_definition(file);
+tbs_status_t take_jobs(JobFile &file) {
+    const tbs_status_t status = take_definitions(file);
     const bool is_whole = file.reading == nullptr || file.state->task_name[0] == '\0';
     if (status != TBS_ST_NOT_FOUND)
         return status;
@@ -145,25 +127,11 @@ tbs_status_t read_file(JobFile &file, const char *path) {
 
 tbs_status_t read_jobs(JobFile &file, const char *path, uint32_t *count, sched_job_properties_t **jobs,
                        char ***extra_job_infos) {
-    return with_cleanup(
-        [&] {
-            const tbs_status_t status = read_file(file, path);
-            if (status != TBS_ST_OK) {
-                release(file);
-                imsg_print(IMSG_ERROR, &_sched_rvzd_msg_table, SCHED_MSG_PROBLEM_IN_JOBS);
-                return status;
-            }
-            release_state(&file.state);
-            with_inhibit([&] {
-                release(file.known);
-                *count = file.count;
-                *jobs = file.jobs;
-                *extra_job_infos = file.infos;
-                file = {};
-            });
-            return status;
-        },
-        [&] { release(file); });
+    return read_definitions(file, path, take_jobs, SCHED_MSG_PROBLEM_IN_JOBS, [=](const JobFile &read) {
+        *count = read.count;
+        *jobs = read.jobs;
+        *extra_job_infos = read.infos;
+    });
 }
 
 } // namespace

@@ -1,10 +1,8 @@
 // A file of task definitions becomes an array of tasks.
-#include <rvzd/sched_utl_parse/engine.h>
-#include <rvzd/sched_utl_parse/known.h>
+#include <rvzd/sched_utl_parse/definition_file.h>
 
 #include <cstring>
 
-#include <common/with.h>
 #include <support/credutl.h>
 #include <veliaxdr/sched_handle.h>
 #include <veliaxdr/sched_tasks.h>
@@ -86,20 +84,7 @@ Definitions stored(const TaskFile &file) {
             [](const void *tasks, uint32_t place) -> const char * { return task_at(tasks, place).name; }};
 }
 
-bool is_duplicate(const TaskFile &file) {
-    const sched_task_properties_t &task = file.state->task_rec;
-    const auto line_no = static_cast<int>(file.state->line_no);
-    switch (taken_by(file.known, stored(file), task.task_id, task.name)) {
-    case Taken::id:
-        imsg_print(IMSG_ERROR, &_sched_rvzd_msg_table, SCHED_MSG_DUPLICATE_TASK_ID, task.task_id, line_no);
-        return true;
-    case Taken::name:
-        imsg_print(IMSG_ERROR, &_sched_rvzd_msg_table, SCHED_MSG_DUPLICATE_TASK_NAME, task.name, line_no);
-        return true;
-    default:
-        return false;
-    }
-}
+constexpr DuplicateMessages duplicate_messages = {SCHED_MSG_DUPLICATE_TASK_ID, SCHED_MSG_DUPLICATE_TASK_NAME};
 
 tbs_status_t store_task(TaskFile &file) {
     const bool is_stored = with_inhibit([&] {
@@ -123,40 +108,22 @@ tbs_status_t take_definition(TaskFile &file) {
         return status;
     note_begin(file.state);
     status = read_definition(file.state);
-    if (status == TBS_ST_OK && is_duplicate(file))
+    const sched_task_properties_t &task = file.state->task_rec;
+    if (status == TBS_ST_OK && is_duplicate(file, task.task_id, task.name, duplicate_messages))
         return file.reading != nullptr ? tbs_status_t{TBS_ST_ALREADY_EXISTS} : status;
     return status == TBS_ST_OK ? store_task(file) : status;
 }
 
-tbs_status_t read_file(TaskFile &file, const char *path) {
-    tbs_status_t status = parse_new_state(file.handle, path, &file.state);
-    if (status != TBS_ST_OK)
-        return status;
-    file.state->reading = file.reading;
-    while (status == TBS_ST_OK)
-        status = take_definition(file);
+tbs_status_t take_tasks(TaskFile &file) {
+    const tbs_status_t status = take_definitions(file);
     return status == TBS_ST_NOT_FOUND ? tbs_status_t{TBS_ST_OK} : status;
 }
 
 tbs_status_t read_tasks(TaskFile &file, const char *path, uint32_t *count, sched_task_properties_t **tasks) {
-    return with_cleanup(
-        [&] {
-            const tbs_status_t status = read_file(file, path);
-            if (status != TBS_ST_OK) {
-                release(file);
-                imsg_print(IMSG_ERROR, &_sched_rvzd_msg_table, SCHED_MSG_PROBLEM_IN_TASKS);
-                return status;
-            }
-            release_state(&file.state);
-            with_inhibit([&] {
-                release(file.known);
-                *count = file.count;
-                *tasks = file.tasks;
-                file = {};
-            });
-            return status;
-        },
-        [&] { release(file); });
+    return read_definitions(file, path, take_tasks, SCHED_MSG_PROBLEM_IN_TASKS, [=](const TaskFile &read) {
+        *count = read.count;
+        *tasks = read.tasks;
+    });
 }
 
 } // namespace
