@@ -15,25 +15,14 @@
 #include <support/tbs.h>
 
 #include "refused_file.h"
+#include "words.h"
 
 using namespace velia;
 
 namespace {
 
 constexpr FileBounds site_file_bounds = {list_file.file_bytes, 1023};
-constexpr char blanks[] = " \t\r\n";
 constexpr unsigned port_max = 65535;
-
-char *next_word(char **at) {
-    *at += strspn(*at, blanks);
-    if (**at == '\0')
-        return nullptr;
-    char *word = *at;
-    *at += strcspn(*at, blanks);
-    if (**at != '\0')
-        *(*at)++ = '\0';
-    return word;
-}
 
 // The next line without its comment. A line that is longer than any sensible one is passed over.
 FileOutcome next_line(TextFile &file, TextLine &line) {

@@ -9,14 +9,13 @@
 #include <support/stg.h>
 
 #include "refused_file.h"
+#include "words.h"
 
 using namespace velia;
 
 namespace {
 
 constexpr FileBounds profile_bounds = {configuration_file.file_bytes, text_line_bytes_max};
-
-constexpr char blanks[] = " \t\r\n";
 
 bool profile_path(char *path, size_t size) {
     const char *named = getenv("VELIA_PROFILE");
@@ -27,18 +26,6 @@ bool profile_path(char *path, size_t size) {
     else if (home != nullptr && *home != '\0')
         length = snprintf(path, size, "%s/.velia_profile", home);
     return length >= 0 && static_cast<size_t>(length) < size;
-}
-
-// Takes the next word off `*at`; null at the end of the line.
-char *next_word(char **at) {
-    *at += strspn(*at, blanks);
-    if (**at == '\0')
-        return nullptr;
-    char *word = *at;
-    *at += strcspn(*at, blanks);
-    if (**at != '\0')
-        *(*at)++ = '\0';
-    return word;
 }
 
 void cut_trailing_blanks(char *text) {

@@ -1,5 +1,6 @@
 // Two questions about what a broker's host holds: the local path of a global one, and whether a server may restart.
 #include <rvzd/client/rvzd_clnt/broker_call.h>
+#include <rvzd/client/rvzd_clnt/host_info.h>
 #include <support/credutl.h>
 #include <support/fileutl.h>
 #include <veliaxdr/rvzd_svr.h>
@@ -21,18 +22,9 @@ tbs_status_t ask_local_path(rvzd_handle_t *handle, const char *global_path, uint
     });
 }
 
+// A status in the header itself is dropped on purpose: the caller learns only of the toggling's own.
 tbs_status_t status_of_toggle(clnt_stat outcome, const rvzd_toggle_server_restart_reply_t &reply) {
-    switch (outcome) {
-    case RPC_SUCCESS:
-        // A status in the header itself is dropped on purpose: the caller learns only of the toggling's own.
-        return reply.header.status == TBS_ST_OK ? reply.toggle.status : TBS_ST_OK;
-    case RPC_TIMEDOUT:
-        return TBS_ST_RPC_FAILED;
-    case RPC_PROCUNAVAIL:
-        return TBS_ST_UNSUPPORTED;
-    default:
-        return TBS_ST_ERROR;
-    }
+    return status_of_question(outcome, reply.header.status == TBS_ST_OK ? reply.toggle.status : TBS_ST_OK);
 }
 
 } // namespace
