@@ -166,7 +166,7 @@ void write_to_log(const Output &message) {
         at = stop;
     }
     write_out(log_descriptor, lines);
-    free(lines.bytes);
+    lines.release();
 }
 
 // What the program itself has put into its stream comes before the message.
@@ -192,7 +192,7 @@ void write_object(int severity, const char *subsystem, const char *origin, const
         append_priority(line, severity);
     velia::support::append_json(line, severity, subsystem, origin, text.bytes, text.length);
     write_out(log_descriptor >= 0 ? log_descriptor : stream_descriptor(severity), line);
-    free(line.bytes);
+    line.release();
 }
 
 // To a stream, each line headed by its priority.
@@ -207,7 +207,7 @@ void write_with_priorities(int severity, const Output &message) {
         at = stop;
     }
     write_to_stream(severity, lines);
-    free(lines.bytes);
+    lines.release();
 }
 
 void write_message(int severity, const char *subsystem, const char *origin, const Text &text) {
@@ -227,7 +227,7 @@ void write_message(int severity, const char *subsystem, const char *origin, cons
         write_with_priorities(severity, message);
     else
         write_to_stream(severity, message);
-    free(message.bytes);
+    message.release();
 }
 
 const imsg_table_t *table_of(const void *table_or_format, int index) {

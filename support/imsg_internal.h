@@ -10,15 +10,22 @@
 
 namespace velia::support {
 
-// A growing text; it stays as it is when memory runs out, so that the message itself still comes out.
+// A growing text, of usual length on the stack. What there is no memory for is cut, so that the message itself still
+// comes out.
 struct Output {
-    char *bytes;
+    char usual[1024];
+    char *bytes; // null until there are any
     size_t length;
     size_t size;
 
     void append(const char *text, size_t text_length) {
-        if (text_length == 0 || (size - length < text_length && !grow(length + text_length)))
-            return;
+        if (bytes == nullptr) {
+            bytes = usual;
+            size = sizeof usual;
+        }
+        const size_t room = size - length;
+        if (room < text_length && !grow(length + text_length))
+            text_length = room;
         memcpy(bytes + length, text, text_length);
         length += text_length;
     }
@@ -27,12 +34,19 @@ struct Output {
 
     bool grow(size_t least_size) {
         const size_t new_size = least_size * 2;
-        auto *room = static_cast<char *>(realloc(bytes, new_size));
+        auto *room = static_cast<char *>(realloc(bytes != usual ? bytes : nullptr, new_size));
         if (room == nullptr)
             return false;
+        if (bytes == usual)
+            memcpy(room, usual, length);
         bytes = room;
         size = new_size;
         return true;
+    }
+
+    void release() {
+        if (bytes != usual)
+            free(bytes);
     }
 };
 

@@ -98,6 +98,33 @@ TEST(Message, WithoutMemoryAtLeastItsBeginningComesOut) {
     EXPECT_EQ(recorder.messages[0].text, text.substr(0, 1023));
 }
 
+TEST(Message, OneOfUsualLengthNeedsNoMemory) {
+    const std::string text(900, 'x');
+    size_t requests = 0;
+    imsg_set_app_name("tool");
+    const auto streams = streams_of([&] {
+        probe::start_counting();
+        imsg_print(IMSG_ERROR, "%s\n", IMSG_FORMAT, text.c_str());
+        requests = probe::requests();
+    });
+    imsg_set_app_name(nullptr);
+    EXPECT_EQ(requests, 0u);
+    EXPECT_EQ(streams.err, "tool: Error: " + text + "\n");
+}
+
+TEST(Message, WithoutMemoryForItsHeadingALongOneIsCut) {
+    const std::string text(5000, 'x');
+    imsg_set_app_name("tool");
+    const auto streams = streams_of([&] {
+        probe::fail_request(2); // behind that for the text
+        imsg_print(IMSG_ERROR, "%s\n", IMSG_FORMAT, text.c_str());
+        imsg_print(IMSG_ERROR, "next\n", IMSG_FORMAT);
+    });
+    imsg_set_app_name(nullptr);
+    EXPECT_TRUE(probe::has_failed());
+    EXPECT_EQ(streams.err, ("tool: Error: " + text).substr(0, 1024) + "\ntool: Error: next\n");
+}
+
 TEST(Message, APositionThatTheTableDoesNotHaveIsTold) {
     MessageRecorder recorder;
     imsg_print(IMSG_ERROR, &table, 2);
