@@ -341,6 +341,8 @@ void Scheduler::has_passed(const RunTurn &turn) {
     if (!turn.fault.empty())
         return is_in_doubt(turn.fault);
     const bool is_running = turn.step.what == RunStep::What::pass_over_running;
+    if (is_running && !turn.step.is_done)
+        return follow(); // it has ended, and another one may be made
     if (const Job *job = jobs_.find(turn.step.run.job); job != nullptr && turn.step.is_done)
         tell_passed(*job, is_running ? Jobs::Fate::still_running : Jobs::Fate::too_old);
 }

@@ -215,10 +215,17 @@ TEST_F(JobsOnPostgres, AJobThatHasJustBegunAtAnotherDaemonIsNotDeletedWithoutFor
     start_all(2);
     const auto id = create(NewJob("sleeps", {"-c", "sleep 600"}));
     ASSERT_TRUE(tells("beta", "job list beta", "sleeps"));
+    sched_h_t of_beta = nullptr;
+    ASSERT_EQ(sched_get_handle("beta", &of_beta), TBS_ST_OK);
+    const auto remove_at_beta = [&](tbs_boolean_t is_forced) {
+        std::swap(handle, of_beta);
+        const auto done = remove(id, is_forced);
+        std::swap(handle, of_beta);
+        return done;
+    };
     for (int round = 0; round < rounds; ++round) {
         ASSERT_EQ(run(id), TBS_ST_OK);
-        const Outcome refused = tool("beta", "job delete beta sleeps");
-        ASSERT_EQ(refused.status, 1) << refused.output;
+        ASSERT_EQ(remove_at_beta(0), TBS_ST_TRY_AGAIN);
         ASSERT_TRUE(exists(id));
         const time_t started = running_since(id);
         ASSERT_NE(started, 0) << "its run goes on";
@@ -226,8 +233,9 @@ TEST_F(JobsOnPostgres, AJobThatHasJustBegunAtAnotherDaemonIsNotDeletedWithoutFor
         ASSERT_TRUE(eventually([&] { return running_since(id) == 0; }, patience_s));
     }
     ASSERT_EQ(run(id), TBS_ST_OK);
-    EXPECT_EQ(tool("beta", "job delete beta sleeps --force").status, 0);
+    EXPECT_EQ(remove_at_beta(1), TBS_ST_OK);
     EXPECT_TRUE(eventually([&] { return !exists(id); }, patience_s));
+    sched_free_handle(&of_beta);
 }
 
 TEST_F(JobsOnPostgres, ARunThatWasToEndWhileItsDaemonWasAwayEndsWhenThatComesBack) {
@@ -254,18 +262,16 @@ TEST_F(JobsOnPostgres, ADaemonThatWasSuspendedForLongerThanTakeOverMakesNoStartO
     note_starts();
     start_all(2);
     const auto id = create(NewJob("waits", {"-c", "while [ ! -e " + site.path("go") + " ]; do sleep .1; done; exit 3"}));
-    make_jobs(3, "; sleep .3");
+    const auto by_hand = create(NewJob("by hand"));
     ASSERT_EQ(run(id), TBS_ST_OK);
+    make_jobs(3, "; sleep .3");
     ASSERT_TRUE(eventually([&] { return lines(0) > 1 && lines(2) > 1; }, patience_s));
     daemons[0]->signal(SIGSTOP);
     EXPECT_TRUE(daemons[1]->says("the daemon of alpha is away", patience_s)) << daemons[1]->output();
     const int before = lines(0);
     EXPECT_TRUE(eventually([&] { return lines(0) > before + 2; }, patience_s)) << "beta makes them";
     daemons[0]->signal(SIGCONT);
-    EXPECT_TRUE(eventually([&] { return number("SELECT count(*) FROM made WHERE host = 'alpha' AND due > extract(epoch "
-                                               "FROM now()) - 2") > 0; },
-                           patience_s))
-        << "it takes part again";
+    EXPECT_TRUE(eventually([&] { return run(by_hand) == TBS_ST_OK; }, patience_s)) << "it takes part again";
     site.write("go", "");
     EXPECT_TRUE(eventually(
         [&] { return number("SELECT exit_status FROM job_run WHERE job = " + std::to_string(id)) == 3; }, patience_s))
