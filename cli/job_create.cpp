@@ -255,39 +255,26 @@ bool set_schedule(const Creation &creation, sched_schedule_t &schedule) {
     return true;
 }
 
-// No other host starts it before it is known where it has to run: until then it has no start to come.
-tbs_status_t create_at_host(const SchedulerHandle &scheduler, const std::string &host, sched_job_rw_properties_t &rw,
-                            sched_job_h_t &made) {
-    constexpr time_t far_away = 4102444800; // in the year 2100
-    const sched_schedule_t wanted = rw.schedule;
+tbs_status_t create(const SchedulerHandle &scheduler, sched_job_rw_properties_t &rw, sched_job_id_t &id) {
     sched_validate_job_rw_properties_err_mask_t err_mask = 0;
-    rw.schedule = {};
-    rw.schedule.kind = SCHED_KIND_DAILY;
-    rw.schedule.u.daily.frequency = 1;
-    rw.schedule.u.daily.common.lifetime.start_date = far_away;
-    rw.schedule.u.daily.common.start_times.first_start_time = SCHED_TIME_NOT_GIVEN;
-    auto status = sched_job_create(scheduler.get(), &rw, &made, &err_mask);
-    rw.schedule = wanted;
-    if (status != TBS_ST_OK)
-        return status;
-    status = sched_job_set_host(scheduler.get(), made->job_id, host.c_str());
-    if (status == TBS_ST_OK)
-        status = sched_job_set_properties(scheduler.get(), made, &rw, &err_mask);
-    if (status != TBS_ST_OK)
-        sched_job_delete(scheduler.get(), &made, 1);
+    sched_job_h_t made = nullptr;
+    const auto status = sched_job_create(scheduler.get(), &rw, &made, &err_mask);
+    if (made != nullptr)
+        id = made->job_id;
+    sched_job_free_handle(scheduler.get(), &made);
     return status;
 }
 
 int send_job(const SchedulerHandle &scheduler, const Creation &creation, sched_job_rw_properties_t &rw, Cell &id) {
     sched_validate_job_rw_properties_err_mask_t err_mask = 0;
     auto status = sched_utl_validate_job_rw_properties(scheduler.get(), 0, &rw, 1, 0, &err_mask);
-    sched_job_h_t made = nullptr;
+    sched_job_id_t made = 0;
     if (status == TBS_ST_OK && !creation.is_dry_run)
-        status = creation.run_host.empty() ? sched_job_create(scheduler.get(), &rw, &made, &err_mask)
-                                           : create_at_host(scheduler, creation.run_host, rw, made);
-    if (made != nullptr)
-        id = made->job_id;
-    sched_job_free_handle(scheduler.get(), &made);
+        status = creation.run_host.empty() ? create(scheduler, rw, made)
+                                           : sched_job_create_at_host(scheduler.get(), &rw, creation.run_host.c_str(),
+                                                                      &made, &err_mask);
+    if (made != 0)
+        id = made;
     return status == TBS_ST_OK ? int{exit_done} : fail_of_scheduler(status, creation.host, "The job cannot be made");
 }
 

@@ -190,12 +190,12 @@ int move_registry_to(const std::string &place_name) {
                               [&] { move_registry_of_host(place_name); });
 }
 
-int move_jobs_to(const std::string &place_name) {
+int move_jobs_to(const std::string &place_name, uint32_t take_over_s) {
     const auto place = LocalPlace::take();
     return !place ? EXIT_FAILURE
                   : told_work("The jobs were not moved to",
                               place_name == "sqlite" ? jobs_file() : told_conninfo(place_name),
-                              [&] { move_jobs_of_host(place_name); });
+                              [&] { move_jobs_of_host(place_name, take_over_s); });
 }
 
 int check_registry_in(const std::string &given) {
@@ -212,7 +212,7 @@ int check_registry_in(const std::string &given) {
 
 // What works on the registry without a daemon finds it where the daemon does. Without a configuration file it is in
 // this host's own.
-bool take_store_of(const CommandLine &line) {
+bool take_store_of(const CommandLine &line, uint32_t &take_over_s) {
     struct stat status = {};
     if (line.check_config || (stat(line.config_file.c_str(), &status) != 0 && errno == ENOENT))
         return true;
@@ -220,17 +220,19 @@ bool take_store_of(const CommandLine &line) {
     print_configuration_errors(line.config_file, read.errors);
     keep_registry_in(read.configuration.registry_database);
     read_registry_from_copy(read.configuration.reads_from_copy);
+    take_over_s = read.configuration.options.take_over_s;
     return read.errors.empty();
 }
 
 // What is done without a daemon, and with what status; nothing where a daemon is to serve.
 std::optional<int> run_single_work(const CommandLine &line) {
-    if ((line.set_registry_password || line.is_single_work()) && !take_store_of(line))
+    uint32_t take_over_s = Options{}.take_over_s;
+    if ((line.set_registry_password || line.is_single_work()) && !take_store_of(line, take_over_s))
         return EXIT_FAILURE;
     if (!line.move_registry.empty())
         return move_registry_to(line.move_registry);
     if (!line.move_jobs.empty())
-        return move_jobs_to(line.move_jobs);
+        return move_jobs_to(line.move_jobs, take_over_s);
     if (line.set_registry_password)
         return set_registry_password();
     if (!line.save_registry.empty())

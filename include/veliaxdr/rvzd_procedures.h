@@ -105,7 +105,8 @@
     ROW(10102, SCHED_GET_CHANGES,     sched_get_changes,     sched_changes_request_t,     sched_changes_reply_t,     REPEATABLE, TCP) \
     ROW(10103, SCHED_GET_NEXT_RUNS,   sched_get_next_runs,   sched_next_runs_request_t,   sched_next_runs_reply_t,   REPEATABLE, TCP) \
     ROW(10104, SCHED_JOB_SET_HOST,    sched_job_set_host,    sched_set_host_request_t,    sched_set_host_reply_t,    REPEATABLE, TCP) \
-    ROW(10105, SCHED_GET_JOB_HOSTS,   sched_get_job_hosts,   sched_job_hosts_request_t,   sched_job_hosts_reply_t,   REPEATABLE, TCP)
+    ROW(10105, SCHED_GET_JOB_HOSTS,   sched_get_job_hosts,   sched_job_hosts_request_t,   sched_job_hosts_reply_t,   REPEATABLE, TCP) \
+    ROW(10106, SCHED_JOB_CREATE_AT_HOST, sched_job_create_at_host, sched_create_at_host_request_t, sched_create_at_host_reply_t, ONCE, TCP)
 
 /* Of this suite's own scheduler: whole sets of jobs. Their numbers are far from the others', their names are whole. */
 #define RVZD_SET_PROCEDURES(ROW) \

@@ -114,6 +114,13 @@ typedef struct sched_job_host {
 tbs_status_t sched_job_set_host(sched_h_t handle, sched_job_id_t job, const char *host);
 
 /*
+ * Makes a job that has to run at that host from the first, in one step, so that no other ever starts it. Otherwise as
+ * sched_job_create and sched_job_set_host; `made` is its number. Either output may be null.
+ */
+tbs_status_t sched_job_create_at_host(sched_h_t handle, const sched_job_rw_properties_t *job, const char *host,
+                                      sched_job_id_t *made, sched_validate_job_rw_properties_err_mask_t *err_mask);
+
+/*
  * Jobs behind the number `after` of which there is a host to tell, by their numbers: `count_max` of them at most, and
  * SCHED_JOB_HOSTS_MAX. None are left where fewer come. Released by sched_free_job_hosts.
  */
@@ -178,6 +185,17 @@ typedef struct sched_set_host_request {
 typedef struct sched_set_host_reply {
     tbs_status_t status;
 } sched_set_host_reply_t;
+
+typedef struct sched_create_at_host_request {
+    char *host;
+    sched_job_rw_properties_t job;
+} sched_create_at_host_request_t;
+
+typedef struct sched_create_at_host_reply {
+    tbs_status_t status;
+    sched_job_id_t job_id;
+    sched_validate_job_rw_properties_err_mask_t err_mask; /* also with a failure */
+} sched_create_at_host_reply_t;
 
 typedef struct sched_job_hosts_request {
     sched_job_id_t after;

@@ -139,6 +139,7 @@ inline constexpr std::array rights_rows = {
     RightsRow{RVZD_PROC_SCHED_GET_NEXT_RUNS, "sched_get_next_runs", any_operation, "", Right::read},
     RightsRow{RVZD_PROC_SCHED_JOB_SET_HOST, "sched_job_set_host", any_operation, "", Right::write},
     RightsRow{RVZD_PROC_SCHED_GET_JOB_HOSTS, "sched_get_job_hosts", any_operation, "", Right::read},
+    RightsRow{RVZD_PROC_SCHED_JOB_CREATE_AT_HOST, "sched_job_create_at_host", any_operation, "", Right::write},
     RightsRow{RVZD_PROC_SCHED_SET_GET_JOBS, "sched_set_get_jobs", any_operation, "", Right::read},
     RightsRow{RVZD_PROC_SCHED_SET_APPLY, "sched_set_apply", any_operation, "", Right::write},
 };

@@ -85,6 +85,7 @@ struct Statements {
           change(database, "UPDATE job SET body = ?2, owner = ?3, changed_who = ?4, changed_where = ?5, "
                            "changed_when = ?6, considered = max(considered, ?7), changed_start = ?8 WHERE id = ?1"),
           remove(database, "DELETE FROM job WHERE id = ?1"),
+          runs_now(database, "SELECT 1 FROM run WHERE job = ?1 AND ended = 0"),
           put_job(database, "INSERT INTO job (id, body, owner, created_who, created_where, created_when, changed_who, "
                             "changed_where, changed_when, considered, changed_start, predefined, "
                             "definition) VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13)"),
@@ -113,8 +114,8 @@ struct Statements {
           changes(database, "SELECT number, who, place, time, what, job, job_name, fields FROM change "
                             "WHERE job = ?3 AND number < ?1 ORDER BY number DESC LIMIT ?2") {}
 
-    Statement jobs, runs, bodies, numbers, owed, dropped, forget_dropped, get, add, change, remove, put_job, put_run,
-        put_note, drop, consider, set_considered, begin, forget, end, keep_youngest, owe, pay, set, note, drop_notes,
+    Statement jobs, runs, bodies, numbers, owed, dropped, forget_dropped, get, add, change, remove, runs_now, put_job,
+        put_run, put_note, drop, consider, set_considered, begin, forget, end, keep_youngest, owe, pay, set, note, drop_notes,
         all_changes, changes;
 };
 
@@ -179,6 +180,18 @@ public:
 
     bool remove(sched_job_id_t id, const ChangeRow &change) override {
         return changes_one(statements_->remove.with(id), change, id);
+    }
+
+    bool remove_idle(sched_job_id_t id, const ChangeRow &change) override {
+        Transaction transaction(database_);
+        auto &run = statements_->runs_now.with(id);
+        const bool runs = run.step();
+        run.reset();
+        if (runs)
+            throw StoreBusy("a run of the job goes on");
+        const bool is_removed = remove(id, change);
+        transaction.commit();
+        return is_removed;
     }
 
     std::vector<ChangeRow> changes(sched_job_id_t job, int64_t before, uint32_t count_max) override {

@@ -92,9 +92,10 @@ struct RunStep {
     };
     What what = What::begin;
     RunRow run; // of a beginning the store may put off its moment, so that no two of a job have the same
-    std::vector<sched_job_id_t> owed; // of an end: that are to be started now
-    std::optional<ChangeRow> removal; // of an end: the job goes with it
-    uint64_t mark = 0;                // of a beginning: the mark of the job's body; 0: of whatever is there
+    std::vector<sched_job_id_t> owed; // of an end: that are to be started now; a shared store tells which they are
+    std::optional<ChangeRow> removal; // of an end: the job goes with it; none afterwards where it does not
+    uint64_t mark = 0;                // of a beginning or a removal: of the job's body; 0: of whatever is there
+    int64_t changed_start = 0;        // of a removal: as it was when that was found; 0: whatever it is
     bool is_owed = false;             // of a beginning: made only if it is owed still
     bool is_done = false;
     Refusal refusal = Refusal::none;
@@ -143,6 +144,8 @@ public:
     // False: there is no such job, and nothing is noted.
     virtual bool change(const JobRow &row, const ChangeRow &change) = 0;
     virtual bool remove(sched_job_id_t id, const ChangeRow &change) = 0;
+    // A StoreBusy while a run of it goes on.
+    virtual bool remove_idle(sched_job_id_t id, const ChangeRow &change) = 0;
     virtual void set_acl(const std::string &acl, const ChangeRow &change) = 0;
 
     // Which start of the system it is.

@@ -85,6 +85,7 @@ bool Jobs::change(const JobRow &row) {
     job.run = before.run;
     job.is_ours = before.is_ours;
     job.elsewhere = before.elsewhere;
+    job.has_unknown_run = before.has_unknown_run;
     job.considered_by_all = before.considered_by_all;
     return true;
 }

@@ -31,6 +31,7 @@ struct Job {
     RunRow run;           // while it runs
     bool is_ours = false; // what runs, or is being begun or written down as ended, is this daemon's
     RunRow elsewhere;     // where several daemons have the jobs: the run that is another's; none: its start is 0
+    bool has_unknown_run = false;  // the same: one of this daemon was told while it was beginning another
     int64_t considered_by_all = 0; // the same: of the starts, as was last heard
     int64_t passes_told_of = 0;    // the run during which a start was told to be passed over
     int untold_passes = 0;         // of that run, behind the first one

@@ -53,10 +53,33 @@ void require_no_run_elsewhere(const JobStock &stock, const std::string &host) {
             throw StoreError("a run of job " + std::to_string(run.job) + " goes on at " + run.host);
 }
 
-void move_into_file() {
+// It would go on with the jobs that are moved away, or with those that come.
+void require_nobody_else(SharedJobStore &store, uint32_t take_over_s) {
+    const auto others = store.others_heard(take_over_s);
+    if (!others.empty())
+        throw StoreError("the daemon of host " + others[0].host + " told " + std::to_string(others[0].seconds) +
+                         " s ago that it lives: end it, and try again " + std::to_string(take_over_s) +
+                         " s (option take-over) after that");
+}
+
+// What is in the file by now would be run twice.
+void clear_database(SharedJobStore &store) {
+    try {
+        store.clear();
+    } catch (const StoreError &error) {
+        imsg_print(IMSG_WARNING,
+                   "The jobs could not be taken out of the database: no daemon may be started with the option store "
+                   "for it: %s\n",
+                   IMSG_FORMAT, error.what());
+    }
+}
+
+void move_into_file(uint32_t take_over_s) {
     const std::string file = jobs_file();
     const std::string host = sysutl_myhostname();
-    const JobStock stock = stock_of(*open_postgres_job_store(registry_database(), host));
+    const auto store = open_postgres_job_store(registry_database(), host);
+    require_nobody_else(*store, take_over_s);
+    const JobStock stock = stock_of(*store);
     require_no_run_elsewhere(stock, host);
     const std::string moved = file + ".moved";
     for (const char *suffix : suffixes)
@@ -70,10 +93,11 @@ void move_into_file() {
     if (rename(moved.c_str(), file.c_str()) != 0)
         throw_system_error();
     put_directory_on_disk(file);
+    clear_database(*store);
     tell(stock, file);
 }
 
-void move_into_database(const std::string &conninfo) {
+void move_into_database(const std::string &conninfo, uint32_t take_over_s) {
     if (const std::string fault = fault_of_conninfo(conninfo); !fault.empty())
         throw StoreError("the connection string is malformed: " + fault);
     if (is_registry_shared())
@@ -82,7 +106,9 @@ void move_into_database(const std::string &conninfo) {
     if (access(file.c_str(), F_OK) != 0)
         throw StoreError("there are no jobs here");
     const JobStock stock = stock_of(*open_job_store(file));
-    put_whole(*open_postgres_job_store(conninfo, sysutl_myhostname()), stock);
+    const auto store = open_postgres_job_store(conninfo, sysutl_myhostname());
+    require_nobody_else(*store, take_over_s);
+    put_whole(*store, stock);
     keep_file_aside(file);
     tell(stock, told_conninfo(conninfo));
 }
@@ -99,13 +125,13 @@ JobStock stock_of(JobStore &store) {
             store.last_number()};
 }
 
-void move_jobs_of_host(const std::string &to) {
+void move_jobs_of_host(const std::string &to, uint32_t take_over_s) {
     if (to == "sqlite" && !is_registry_shared())
         throw StoreError("the jobs are in this host's file already");
     if (to == "sqlite")
-        move_into_file();
+        move_into_file(take_over_s);
     else
-        move_into_database(to);
+        move_into_database(to, take_over_s);
 }
 
 } // namespace velia::server

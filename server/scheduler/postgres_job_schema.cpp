@@ -40,7 +40,10 @@ CREATE TABLE job_change (number bigint PRIMARY KEY, who bytea NOT NULL, place by
 CREATE INDEX job_change_of_job ON job_change (job, number);
 )";
 
-constexpr std::array steps = {first_step};
+// Whose run has ended is asked for those that follow it.
+constexpr const char *second_step = "CREATE INDEX job_follows ON job (follows) WHERE follows <> 0";
+
+constexpr std::array steps = {first_step, second_step};
 
 void put_scheduler(Postgres &database) {
     database.run("INSERT INTO scheduler (version, changes, last_job, last_note, acl) VALUES (0, 0, 0, 0, '')");

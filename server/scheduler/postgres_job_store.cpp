@@ -5,12 +5,14 @@
 #include <server/scheduler/shared_job_store.h>
 
 #include <algorithm>
+#include <utility>
 
 #include <server/registry/postgres_commit.h>
 #include <server/registry/random_uuid.h>
 #include <server/registry/sqlite.h>
 #include <server/scheduler/jobs.h>
 #include <server/scheduler/postgres_job_schema.h>
+#include <server/scheduler/postgres_job_statements.h>
 
 namespace velia::server {
 
@@ -18,130 +20,6 @@ namespace {
 
 constexpr int64_t gone_kept = 100000;        // changes behind which nobody is told any more which jobs are gone
 constexpr int64_t nobody = int64_t{1} << 32; // the number of no user
-
-namespace statements {
-
-constexpr PostgresStatement take_name = {
-    "job_take_name", "INSERT INTO job_daemon (host, generation, seen, boot) VALUES ($1, 1, clock_timestamp(), '') ON "
-                     "CONFLICT (host) DO UPDATE SET generation = job_daemon.generation + 1, seen = clock_timestamp() "
-                     "RETURNING generation"};
-constexpr PostgresStatement boot = {"job_boot", "SELECT boot FROM job_daemon WHERE host = $1"};
-constexpr PostgresStatement set_boot = {"job_set_boot",
-                                        "UPDATE job_daemon SET boot = $3 WHERE host = $1 AND generation = $2"};
-constexpr PostgresStatement number = {"job_number", "SELECT changes, acl FROM scheduler"};
-constexpr PostgresStatement jobs = {
-    "job_jobs", "SELECT id, body, owner, created_who, created_where, created_when, changed_who, changed_where, "
-                "changed_when, considered, changed_start, predefined, definition, host FROM job WHERE at > $1 "
-                "ORDER BY id"};
-#define RUN_COLUMNS "job, started, due, ended, exit_status, process_id, messages, host, to_end"
-constexpr PostgresStatement runs = {"job_runs", "SELECT " RUN_COLUMNS " FROM job_run WHERE at > $1 UNION ALL "
-                                                "SELECT " RUN_COLUMNS " FROM job_run WHERE ended = 0 AND at <= $1 "
-                                                "ORDER BY 1, 2"};
-constexpr PostgresStatement gone = {"job_gone", "SELECT id FROM job_gone WHERE at > $1 ORDER BY id"};
-constexpr PostgresStatement owed = {"job_owed", "SELECT job FROM job_owed ORDER BY job"};
-constexpr PostgresStatement dropped = {"job_dropped", "SELECT definition FROM job_dropped ORDER BY definition"};
-#define IS_AWAY(SECONDS) "seen < clock_timestamp() - " SECONDS "::bigint * interval '1 second'"
-constexpr PostgresStatement hosts_away = {
-    "job_hosts_away",
-    "SELECT DISTINCT host FROM job WHERE host <> ''::bytea AND host NOT IN (SELECT host FROM job_daemon "
-    "WHERE NOT " IS_AWAY("$1") ") ORDER BY host"};
-constexpr PostgresStatement set_host = {"job_set_host", "UPDATE job SET host = $2, at = $3 WHERE id = $1 RETURNING 1"};
-constexpr PostgresStatement lost = {"job_lost",
-                                    "SELECT " RUN_COLUMNS " FROM job_run WHERE ended = 0 AND host IN (SELECT host FROM "
-                                    "job_daemon WHERE " IS_AWAY("$1") ") ORDER BY job"};
-constexpr PostgresStatement is_lost = {
-    "job_is_lost", "SELECT 1 FROM job_run JOIN job_daemon USING (host) WHERE job = $1 AND started = "
-                   "$2 AND ended = 0 AND " IS_AWAY("$3")};
-constexpr PostgresStatement bodies = {"job_bodies", "SELECT id, body FROM job ORDER BY id"};
-
-constexpr PostgresStatement namesake = {
-    "job_namesake", "SELECT 1 FROM job WHERE sha256(name) = sha256($1) AND name <> ''::bytea AND id <> $2"};
-constexpr PostgresStatement was_dropped = {"job_was_dropped",
-                                           "SELECT 1 FROM job_dropped WHERE sha256(definition) = sha256($1)"};
-// Whether a job would, by whatever way, follow itself.
-constexpr PostgresStatement goes_round = {
-    "job_goes_round",
-    "WITH RECURSIVE way (id) AS (SELECT $2::bigint UNION SELECT follows FROM job JOIN way USING (id)) "
-    "SELECT 1 FROM way WHERE id = $1"};
-constexpr PostgresStatement add = {
-    "job_add", "INSERT INTO job (id, at, body, mark, name, follows, host, owner, created_who, created_where, "
-               "created_when, changed_who, changed_where, changed_when, considered, changed_start, predefined, "
-               "definition) VALUES ($1, $2, $3, $4, $5, $6, $7, $8, $9, $10, $11, $12, $13, $14, $15, $16, $17, $18)"};
-constexpr PostgresStatement change = {
-    "job_change",
-    "UPDATE job SET at = $2, body = $3, mark = $4, name = $5, follows = $6, owner = $7, changed_who = $8, "
-    "changed_where = $9, changed_when = $10, considered = greatest(considered, $11), "
-    "changed_start = $12 WHERE id = $1 AND $13::bigint IN (0, mark) RETURNING 1"};
-constexpr PostgresStatement is_there = {"job_is_there", "SELECT 1 FROM job WHERE id = $1"};
-constexpr PostgresStatement remove = {
-    "job_remove", "WITH gone AS (DELETE FROM job WHERE id = $1 RETURNING id, definition), "
-                  "dropped AS (INSERT INTO job_dropped SELECT definition FROM gone WHERE definition <> ''::bytea "
-                  "ON CONFLICT DO NOTHING) INSERT INTO job_gone SELECT id, $2::bigint FROM gone RETURNING 1"};
-constexpr PostgresStatement drop_gone = {"job_drop_gone", "DELETE FROM job_gone WHERE at <= $1"};
-constexpr PostgresStatement forget_dropped = {"job_forget_dropped",
-                                              "DELETE FROM job_dropped WHERE sha256(definition) = sha256($1)"};
-constexpr PostgresStatement set_acl = {"job_set_acl", "UPDATE scheduler SET acl = $1"};
-constexpr PostgresStatement note = {"job_note",
-                                    "INSERT INTO job_change (number, who, place, time, what, job, job_name, "
-                                    "fields) VALUES ($1, $2, $3, $4, $5, $6, $7, $8)"};
-constexpr PostgresStatement drop_notes = {"job_drop_notes", "DELETE FROM job_change WHERE number <= $1"};
-#define NOTE_COLUMNS "SELECT number, who, place, time, what, job, job_name, fields FROM job_change WHERE "
-constexpr PostgresStatement all_notes = {"job_all_notes", NOTE_COLUMNS "number < $1 ORDER BY number DESC LIMIT $2"};
-constexpr PostgresStatement notes = {"job_notes",
-                                     NOTE_COLUMNS "job = $3 AND number < $1 ORDER BY number DESC LIMIT $2"};
-
-// All that a beginning hangs on is looked at where it is written down; $1 job, $2 started, $3 due, $4 this host, $5 the
-// generation of its daemon, $6 mark, $7 whether it has to be owed, $8 the number of the change. None: it is not this
-// daemon's to begin.
-constexpr PostgresStatement begin = {
-    "job_begin",
-    "WITH wanted AS (SELECT id, considered, EXISTS (SELECT 1 FROM job_run WHERE job = $1 AND ended = 0) AS runs, "
-    "EXISTS (SELECT 1 FROM job_owed WHERE job = $1) AS owed, "
-    "coalesce((SELECT max(started) FROM job_run WHERE job = $1), 0) AS last FROM job WHERE id = $1 "
-    "AND $6::bigint IN (0, mark) AND host IN (''::bytea, $4::bytea) "
-    "AND EXISTS (SELECT 1 FROM job_daemon WHERE host = $4 AND generation = $5)), "
-    "judged AS (SELECT id, last, CASE WHEN $3::bigint <> 0 AND considered >= $3 THEN 1 "
-    "WHEN $7::bigint <> 0 AND NOT owed THEN 1 WHEN runs THEN 2 ELSE 0 END::bigint AS refusal FROM wanted), "
-    "begun AS (INSERT INTO job_run (job, started, at, due, host, ended, exit_status, process_id, messages, to_end) "
-    "SELECT id, greatest($2::bigint, last + 1), $8::bigint, $3, $4, 0, 0, ''::bytea, ''::bytea, 0 FROM judged "
-    "WHERE refusal = 0 RETURNING started), "
-    "considered AS (UPDATE job SET considered = greatest(considered, $3), at = $8 FROM judged WHERE job.id = judged.id "
-    "AND refusal <> 1), "
-    "paid AS (DELETE FROM job_owed USING judged WHERE job = id AND refusal = 0) "
-    "SELECT refusal, coalesce((SELECT started FROM begun), 0) FROM judged"};
-constexpr PostgresStatement forget = {
-    "job_forget", "WITH gone AS (DELETE FROM job_run WHERE job = $1 AND started = $2 AND ended = 0 AND host = $3 "
-                  "RETURNING job) UPDATE job SET considered = $4, at = $5 FROM gone WHERE id = job RETURNING 1"};
-// What it was before: one that another daemon has given up is told of late, and its followers have gone on.
-constexpr PostgresStatement end = {
-    "job_end", "WITH before AS (SELECT ended FROM job_run WHERE job = $1 AND started = $2), "
-               "done AS (UPDATE job_run SET ended = $3, exit_status = $4, process_id = $5, messages = $6, at = $7 "
-               "WHERE job = $1 AND started = $2), seen AS (UPDATE job SET at = $7 WHERE id = $1) "
-               "SELECT ended FROM before"};
-constexpr PostgresStatement keep_youngest = {
-    "job_keep_youngest", "DELETE FROM job_run WHERE job = $1 AND ended <> 0 AND started < (SELECT started FROM job_run "
-                         "WHERE job = $1 AND ended <> 0 ORDER BY started DESC OFFSET $2 LIMIT 1)"};
-constexpr PostgresStatement owe = {"job_owe",
-                                   "INSERT INTO job_owed SELECT id FROM job WHERE id = $1 ON CONFLICT DO NOTHING"};
-constexpr PostgresStatement pass_over = {
-    "job_pass_over", "UPDATE job SET considered = $2, at = $3 WHERE id = $1 AND considered < $2 AND ($4::bigint = 0 OR "
-                     "EXISTS (SELECT 1 FROM job_run WHERE job = $1 AND ended = 0)) RETURNING 1"};
-constexpr PostgresStatement pay = {"job_pay",
-                                   "DELETE FROM job_owed WHERE job = $1 AND ($2::bigint = 0 OR EXISTS (SELECT 1 FROM "
-                                   "job_run WHERE job = $1 AND ended = 0)) RETURNING 1"};
-constexpr PostgresStatement want_end = {
-    "job_want_end", "WITH wanted AS (UPDATE job_run SET to_end = 1, at = $3 WHERE job = $1 AND started = $2 AND "
-                    "ended = 0 RETURNING job) UPDATE job SET at = $3 FROM wanted WHERE id = job RETURNING 1"};
-constexpr PostgresStatement put_run = {
-    "job_put_run",
-    "INSERT INTO job_run (job, started, at, due, host, ended, exit_status, process_id, messages, to_end) "
-    "VALUES ($1, $2, $3, $4, $5, $6, $7, $8, $9, 0)"};
-constexpr PostgresStatement drop = {"job_drop", "INSERT INTO job_dropped VALUES ($1) ON CONFLICT DO NOTHING"};
-constexpr PostgresStatement last_number = {"job_last_number", "SELECT last_job FROM scheduler"};
-constexpr PostgresStatement last_transaction = {"job_last_transaction",
-                                                "SELECT transaction FROM job_writer WHERE name = $1"};
-
-} // namespace statements
 
 int64_t signed_number(const PostgresRows &rows, int row, int column) {
     return static_cast<int64_t>(rows.number(row, column));
@@ -215,7 +93,7 @@ public:
         database_.connect();
         make_postgres_schema(database_, job_schema());
         database_.run("DELETE FROM job_writer WHERE at < now() - interval '30 days'");
-        generation_ = signed_number(database_.run(statements::take_name, host_), 0, 0);
+        generation_ = signed_number(database_.run(job_statements::take_name, host_), 0, 0);
     }
 
     JobContents read() override {
@@ -230,26 +108,47 @@ public:
         reading([&] {
             news = {};
             news.number = tell_life();
+            // Over another connection it may be another server, of which numbers tell nothing until all is known.
+            if (std::exchange(followed_over_, database_.generation()) != database_.generation())
+                since = -1;
             if (since < 0 || news.number != since)
                 take_news(since, news);
-            news.hosts_away = texts_of(database_.run(statements::hosts_away, uint64_t{take_over_s_}));
-            news.lost = all_of<RunRow>(database_.run(statements::lost, uint64_t{take_over_s_}), run_in);
+            news.hosts_away = texts_of(database_.run(job_statements::hosts_away, uint64_t{take_over_s_}));
+            news.lost = all_of<RunRow>(database_.run(job_statements::lost, uint64_t{take_over_s_}), run_in);
         });
         return news;
     }
 
     bool set_host(sched_job_id_t id, const std::string &host, const ChangeRow &change) override {
         return within([&] {
-            if (database_.run(statements::set_host, number(id), host, at()).count() == 0)
+            if (database_.run(job_statements::set_host, number(id), host, at()).count() == 0)
                 return false;
             note(change, number(id));
             return true;
         });
     }
 
+    std::vector<HostHeard> others_heard(uint32_t within_s) override {
+        std::vector<HostHeard> heard;
+        reading([&] {
+            heard = all_of<HostHeard>(database_.run(job_statements::others_heard, host_, uint64_t{within_s}),
+                                      [](const PostgresRows &of, int row) {
+                                          return HostHeard{of.text(row, 0), signed_number(of, row, 1)};
+                                      });
+        });
+        return heard;
+    }
+
+    void clear() override {
+        within([&] {
+            database_.run(job_statements::clear, at());
+            return true;
+        });
+    }
+
     bool ask_to_end(const RunRow &run) override {
         return within(
-            [&] { return database_.run(statements::want_end, number(run.job), run.started, at()).count() == 1; });
+            [&] { return database_.run(job_statements::want_end, number(run.job), run.started, at()).count() == 1; });
     }
 
     sched_job_id_t add(const JobRow &row, const ChangeRow &change) override {
@@ -257,7 +156,7 @@ public:
         within([&] {
             const BodyFacts facts(row.body);
             require_name(facts.name, 0);
-            if (!row.definition.empty() && database_.run(statements::was_dropped, row.definition).count() != 0)
+            if (!row.definition.empty() && database_.run(job_statements::was_dropped, row.definition).count() != 0)
                 throw StoreBusy("another daemon has deleted the job of this definition");
             id = put(row, facts, change);
             return true;
@@ -269,34 +168,43 @@ public:
         return within([&] {
             const BodyFacts facts(row.body);
             require_name(facts.name, row.id);
-            if (facts.follows != 0 && database_.run(statements::goes_round, number(row.id), facts.follows).count() != 0)
+            if (facts.follows != 0 && database_.run(job_statements::goes_round, number(row.id), facts.follows).count() != 0)
                 throw StoreBusy("another daemon has changed whom a job follows");
             return change_in_hand(row, facts, change);
         });
     }
 
     bool remove(sched_job_id_t id, const ChangeRow &change) override {
-        return within([&] { return remove_in_hand(id, change); });
+        return within([&] { return remove_in_hand(id, change, {}); });
+    }
+
+    bool remove_idle(sched_job_id_t id, const ChangeRow &change) override {
+        return within([&] {
+            const bool is_removed = remove_in_hand(id, change, {.is_idle = true});
+            if (!is_removed && is_there(id))
+                throw StoreBusy("a run of the job goes on");
+            return is_removed;
+        });
     }
 
     void set_acl(const std::string &acl, const ChangeRow &change) override {
         within([&] {
-            database_.run(statements::set_acl, acl);
+            database_.run(job_statements::set_acl, acl);
             note(change, 0);
             return true;
         });
     }
 
     void set_boot(const std::string &boot) override {
-        reading([&] { database_.run(statements::set_boot, host_, generation_, boot); });
+        reading([&] { database_.run(job_statements::set_boot, host_, generation_, boot); });
     }
 
     std::vector<ChangeRow> changes(sched_job_id_t job, int64_t before, uint32_t count_max) override {
         std::vector<ChangeRow> found;
         reading([&] {
             const uint64_t count = count_max;
-            const PostgresRows rows = job != 0 ? database_.run(statements::notes, before, count, number(job))
-                                               : database_.run(statements::all_notes, before, count);
+            const PostgresRows rows = job != 0 ? database_.run(job_statements::notes, before, count, number(job))
+                                               : database_.run(job_statements::all_notes, before, count);
             found = all_of<ChangeRow>(rows, [](const PostgresRows &of, int row) {
                 return ChangeRow{
                     signed_number(of, row, 0), Deed{of.text(row, 1), of.text(row, 2), signed_number(of, row, 3)},
@@ -320,14 +228,14 @@ public:
                 if (!change_in_hand(row, BodyFacts(row.body), *note++))
                     return false;
             return std::all_of(set.removed.begin(), set.removed.end(),
-                               [&](sched_job_id_t id) { return remove_in_hand(id, *note++); });
+                               [&](sched_job_id_t id) { return remove_in_hand(id, *note++, {}); });
         });
     }
 
     void forget_dropped(const std::vector<std::string> &definitions) override {
         within([&] {
             for (const auto &definition : definitions)
-                database_.run(statements::forget_dropped, definition);
+                database_.run(job_statements::forget_dropped, definition);
             return true;
         });
     }
@@ -343,9 +251,9 @@ public:
     void forget(const RunRow &run, int64_t considered, bool is_owed) override {
         within([&] {
             const PostgresRows forgotten =
-                database_.run(statements::forget, number(run.job), run.started, host_, considered, at());
+                database_.run(job_statements::forget, number(run.job), run.started, host_, considered, at(), generation_);
             if (forgotten.count() == 1 && is_owed)
-                database_.run(statements::owe, number(run.job));
+                database_.run(job_statements::owe, number(run.job));
             return forgotten.count() == 1;
         });
     }
@@ -362,28 +270,28 @@ public:
 
     sched_job_id_t last_number() override {
         sched_job_id_t last = 0;
-        reading([&] { last = id_in(database_.run(statements::last_number), 0, 0); });
+        reading([&] { last = id_in(database_.run(job_statements::last_number), 0, 0); });
         return last;
     }
 
     void put_all(const JobStock &stock) override {
         within([&] {
-            if (database_.run(statements::bodies).count() != 0)
+            if (database_.run(job_statements::bodies).count() != 0)
                 throw StoreError("there are jobs already");
             database_.run("DELETE FROM job_change; DELETE FROM job_dropped");
             for (const auto &row : stock.contents.jobs)
                 put_as(row.id, row, BodyFacts(row.body));
             for (const auto &run : stock.contents.runs)
-                database_.run(statements::put_run, number(run.job), run.started, at(), run.due,
+                database_.run(job_statements::put_run, number(run.job), run.started, at(), run.due,
                               run.host.empty() ? host_ : run.host, run.ended, int64_t{run.exit_status}, run.process_id,
                               run.messages);
             for (const auto &each : stock.notes)
                 put_note(each.number, each, number(each.job));
             for (const auto job : stock.contents.owed)
-                database_.run(statements::owe, number(job));
+                database_.run(job_statements::owe, number(job));
             for (const auto &definition : stock.contents.dropped)
-                database_.run(statements::drop, definition);
-            database_.run(statements::set_acl, stock.contents.acl);
+                database_.run(job_statements::drop, definition);
+            database_.run(job_statements::set_acl, stock.contents.acl);
             in_hand_->last_job = std::max(in_hand_->last_job, number(stock.last_number));
             return true;
         });
@@ -400,10 +308,7 @@ public:
                                [](const Judged &each) { return each.refusal != RunStep::Refusal::taken; });
         });
         for (size_t i = 0; i < steps.size(); ++i) {
-            steps[i]->refusal = judged[i].refusal;
-            steps[i]->is_done = judged[i].refusal == RunStep::Refusal::none;
-            if (judged[i].started != 0)
-                steps[i]->run.started = judged[i].started;
+            take_judgement(*steps[i], judged[i]);
         }
     }
 
@@ -416,7 +321,15 @@ private:
     };
     struct Judged {
         RunStep::Refusal refusal = RunStep::Refusal::none;
-        int64_t started = 0;
+        int64_t started = 0;                   // of a beginning
+        std::vector<sched_job_id_t> owed = {}; // of an end
+        bool is_removed = false;               // the same
+    };
+    // What a removal hangs on.
+    struct Removal {
+        uint64_t mark = 0;
+        int64_t changed_start = 0;
+        bool is_idle = false;
     };
 
     static int64_t number(sched_job_id_t id) { return int64_t{id}; }
@@ -456,7 +369,7 @@ private:
     void take_news(int64_t since, JobNews &news) {
         news.has_contents = true;
         database_.run("BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY");
-        const PostgresRows head = database_.run(statements::number);
+        const PostgresRows head = database_.run(job_statements::number);
         if (head.count() != 1)
             throw StoreError("the scheduler's row is gone from the database");
         news.number = signed_number(head, 0, 0);
@@ -465,14 +378,14 @@ private:
             since = -1;
         JobContents &contents = news.contents;
         contents.acl = head.text(0, 1);
-        contents.jobs = all_of<JobRow>(database_.run(statements::jobs, since), job_in);
-        contents.runs = all_of<RunRow>(database_.run(statements::runs, since), run_in);
-        contents.owed = ids_of(database_.run(statements::owed));
-        contents.dropped = texts_of(database_.run(statements::dropped));
-        const PostgresRows boot = database_.run(statements::boot, host_);
+        contents.jobs = all_of<JobRow>(database_.run(job_statements::jobs, since), job_in);
+        contents.runs = all_of<RunRow>(database_.run(job_statements::runs, since), run_in);
+        contents.owed = ids_of(database_.run(job_statements::owed));
+        contents.dropped = texts_of(database_.run(job_statements::dropped));
+        const PostgresRows boot = database_.run(job_statements::boot, host_);
         contents.boot = boot.count() == 1 ? boot.text(0, 0) : "";
         if (!news.is_all)
-            news.gone = ids_of(database_.run(statements::gone, since));
+            news.gone = ids_of(database_.run(job_statements::gone, since));
         database_.run("COMMIT");
     }
 
@@ -509,7 +422,7 @@ private:
     }
 
     void commit() {
-        database_.run(statements::drop_gone, at() - gone_kept);
+        database_.run(job_statements::drop_gone, at() - gone_kept);
         const std::string counters = "UPDATE scheduler SET changes = " + std::to_string(in_hand_->changes) +
                                      ", last_job = " + std::to_string(in_hand_->last_job) +
                                      ", last_note = " + std::to_string(in_hand_->last_note);
@@ -520,7 +433,7 @@ private:
     // Under the lock, which the transaction holds to its end.
     bool is_made() {
         begin_transaction();
-        const PostgresRows rows = database_.run(statements::last_transaction, writer_);
+        const PostgresRows rows = database_.run(job_statements::last_transaction, writer_);
         const bool is_made = rows.count() == 1 && rows.number(0, 0) == transaction_;
         roll_back(database_);
         return is_made;
@@ -531,7 +444,7 @@ private:
 
     // Whoever is told to try again has learned by then what the other daemon did, and judges it himself.
     void require_name(const std::string &name, sched_job_id_t id) {
-        if (!name.empty() && database_.run(statements::namesake, name, number(id)).count() != 0)
+        if (!name.empty() && database_.run(job_statements::namesake, name, number(id)).count() != 0)
             throw StoreBusy("another daemon has made a job of this name");
     }
 
@@ -543,7 +456,7 @@ private:
     }
 
     void put_as(int64_t id, const JobRow &row, const BodyFacts &facts) {
-        database_.run(statements::add, id, at(), row.body, mark_of(row.body), facts.name, facts.follows, row.host,
+        database_.run(job_statements::add, id, at(), row.body, mark_of(row.body), facts.name, facts.follows, row.host,
                       stored_owner(row), row.created.who, row.created.where, row.created.when, row.changed.who,
                       row.changed.where, row.changed.when, row.considered, row.changed_start,
                       int64_t{row.is_predefined}, row.definition);
@@ -551,20 +464,27 @@ private:
 
     bool change_in_hand(const JobRow &row, const BodyFacts &facts, const ChangeRow &change) {
         const PostgresRows changed =
-            database_.run(statements::change, number(row.id), at(), row.body, mark_of(row.body), facts.name,
+            database_.run(job_statements::change, number(row.id), at(), row.body, mark_of(row.body), facts.name,
                           facts.follows, stored_owner(row), row.changed.who, row.changed.where, row.changed.when,
                           row.considered, row.changed_start, row.replaces);
         if (changed.count() == 1) {
             note(change, number(row.id));
             return true;
         }
-        if (database_.run(statements::is_there, number(row.id)).count() == 1)
+        if (is_there(row.id))
             throw StoreBusy("another daemon has changed the job");
         return false;
     }
 
-    bool remove_in_hand(sched_job_id_t id, const ChangeRow &change) {
-        if (database_.run(statements::remove, number(id), at()).count() == 0)
+    bool is_there(sched_job_id_t id) {
+        return database_.run(job_statements::is_there, number(id)).count() == 1;
+    }
+
+    bool remove_in_hand(sched_job_id_t id, const ChangeRow &change, const Removal &removal) {
+        if (database_
+                .run(job_statements::remove, number(id), at(), removal.mark, removal.changed_start,
+                     int64_t{removal.is_idle})
+                .count() == 0)
             return false;
         note(change, number(id));
         return true;
@@ -572,17 +492,17 @@ private:
 
     void note(const ChangeRow &change, int64_t job) {
         put_note(in_hand_->last_note + 1, change, job);
-        database_.run(statements::drop_notes, in_hand_->last_note - changes_kept);
+        database_.run(job_statements::drop_notes, in_hand_->last_note - changes_kept);
     }
 
     void put_note(int64_t number, const ChangeRow &change, int64_t job) {
         in_hand_->last_note = std::max(in_hand_->last_note, number);
-        database_.run(statements::note, number, change.deed.who, change.deed.where, change.deed.when, change.what, job,
+        database_.run(job_statements::note, number, change.deed.who, change.deed.where, change.deed.when, change.what, job,
                       change.job_name, change.fields);
     }
 
     uint64_t state() {
-        const PostgresRows rows = database_.run(statements::bodies);
+        const PostgresRows rows = database_.run(job_statements::bodies);
         JobsState state;
         for (int row = 0; row < rows.count(); ++row)
             state.add(id_in(rows, row, 0), rows.bytes(row, 1));
@@ -594,6 +514,18 @@ private:
         record(steps);
     }
 
+    static void take_judgement(RunStep &step, Judged &judged) {
+        step.refusal = judged.refusal;
+        step.is_done = judged.refusal == RunStep::Refusal::none;
+        if (judged.started != 0)
+            step.run.started = judged.started;
+        if (step.what != RunStep::What::end && step.what != RunStep::What::lose)
+            return;
+        step.owed = std::move(judged.owed);
+        if (!judged.is_removed)
+            step.removal.reset();
+    }
+
     Judged take(const RunStep &step) {
         switch (step.what) {
         case RunStep::What::begin:
@@ -601,7 +533,7 @@ private:
         case RunStep::What::end:
             return take_end(step);
         case RunStep::What::lose:
-            return is_lost(step.run) ? take_end(step) : Judged{RunStep::Refusal::taken, 0};
+            return is_lost(step.run) ? take_end(step) : Judged{RunStep::Refusal::taken};
         default:
             return take_passing(step);
         }
@@ -609,10 +541,10 @@ private:
 
     Judged take_beginning(const RunStep &step) {
         const RunRow &run = step.run;
-        const PostgresRows judged = database_.run(statements::begin, number(run.job), run.started, run.due, host_,
+        const PostgresRows judged = database_.run(job_statements::begin, number(run.job), run.started, run.due, host_,
                                                   generation_, step.mark, int64_t{step.is_owed}, at());
         if (judged.count() == 0)
-            return {RunStep::Refusal::taken, 0};
+            return {RunStep::Refusal::taken};
         constexpr RunStep::Refusal refusals[] = {RunStep::Refusal::none, RunStep::Refusal::taken,
                                                  RunStep::Refusal::running};
         return {refusals[judged.number(0, 0)], signed_number(judged, 0, 1)};
@@ -620,36 +552,37 @@ private:
 
     Judged take_end(const RunStep &step) {
         const RunRow &run = step.run;
-        const PostgresRows before = database_.run(statements::end, number(run.job), run.started, run.ended,
+        const PostgresRows before = database_.run(job_statements::end, number(run.job), run.started, run.ended,
                                                   int64_t{run.exit_status}, run.process_id, run.messages, at());
         const bool is_in_time = before.count() == 1 && before.number(0, 0) == 0;
         if (!is_in_time)
             return {};
-        database_.run(statements::keep_youngest, number(run.job), runs_kept - 1);
-        for (const auto job : step.owed)
-            database_.run(statements::owe, number(job));
-        if (step.removal)
-            remove_in_hand(run.job, *step.removal);
-        return {};
+        database_.run(job_statements::keep_youngest, number(run.job), runs_kept - 1);
+        Judged judged;
+        judged.owed = ids_of(database_.run(job_statements::owe_followers, number(run.job)));
+        judged.is_removed =
+            step.removal && remove_in_hand(run.job, *step.removal, {step.mark, step.changed_start});
+        return judged;
     }
 
     Judged take_passing(const RunStep &step) {
         const int64_t is_conditional = step.what == RunStep::What::pass_over_running ? 1 : 0;
         const PostgresRows passed =
             step.run.due == 0
-                ? database_.run(statements::pay, number(step.run.job), is_conditional)
-                : database_.run(statements::pass_over, number(step.run.job), step.run.due, at(), is_conditional);
-        return {passed.count() == 1 ? RunStep::Refusal::none : RunStep::Refusal::taken, 0};
+                ? database_.run(job_statements::pay, number(step.run.job), is_conditional)
+                : database_.run(job_statements::pass_over, number(step.run.job), step.run.due, at(), is_conditional);
+        return {passed.count() == 1 ? RunStep::Refusal::none : RunStep::Refusal::taken};
     }
 
     bool is_lost(const RunRow &run) {
-        return database_.run(statements::is_lost, number(run.job), run.started, uint64_t{take_over_s_}).count() == 1;
+        return database_.run(job_statements::is_lost, number(run.job), run.started, uint64_t{take_over_s_}).count() == 1;
     }
 
     Postgres database_;
     const std::string host_;
     int64_t generation_ = 0;
     uint32_t take_over_s_ = 0;
+    uint64_t followed_over_ = 0; // which connection
     const tbs_uuid_t writer_ = random_uuid();
     uint64_t transaction_ = 0;
     std::optional<Counters> in_hand_; // while a transaction is open

@@ -395,18 +395,19 @@ bool SchedulerProcedures::write(const Caller &caller, const Touched &touched, Sc
     return is_taken;
 }
 
-void SchedulerProcedures::create(sched_job_utc_rw_props_t &props, const Caller &caller,
-                                 To<sched_job_create_reply_t> answer) {
+void SchedulerProcedures::create(sched_job_utc_rw_props_t &props, const std::string &host, const Caller &caller,
+                                 const Created &created) {
     uint32_t err_mask = 0;
     const auto status = validate(0, props, err_mask);
     if (status != TBS_ST_OK)
-        return answer(status, {status, nullptr, &err_mask});
+        return created(status, 0, &err_mask);
     const auto row = std::make_shared<JobRow>();
+    row->host = host;
     row->owner = caller.known ? std::optional<uint32_t>(caller.known->uid) : std::nullopt;
     if (!Scheduler::may_run(row->owner))
-        return answer(TBS_ST_NO_ACCESS, {});
+        return created(TBS_ST_NO_ACCESS, 0, nullptr);
     if (scheduler_.jobs().all().size() >= jobs_max)
-        return answer(TBS_ST_NO_STORAGE, {});
+        return created(TBS_ST_NO_STORAGE, 0, nullptr);
     row->body = xdr_bytes(xdr_sched_job_utc_rw_props_t, props);
     row->changed_start = time(nullptr);
     row->considered = row->changed_start - 1;
@@ -417,29 +418,36 @@ void SchedulerProcedures::create(sched_job_utc_rw_props_t &props, const Caller &
             row->created = row->changed = deed_of(doer, row->changed_start);
             row->id = store.add(*row, {0, row->changed, "created", 0, noted_name(name), ""});
         },
-        [this, row, err_mask, answer](tbs_status_t done) mutable {
+        [this, row, err_mask, created](tbs_status_t done) {
             if (done != TBS_ST_OK)
-                return answer(done, {});
+                return created(done, 0, nullptr);
             scheduler_.jobs().add(*row);
-            sched_job_handle handle = {row->id};
-            sched_job_h_t given = &handle;
-            answer(TBS_ST_OK, {TBS_ST_OK, &given, &err_mask});
+            created(TBS_ST_OK, row->id, &err_mask);
             scheduler_.schedule();
         });
     if (!is_taken)
-        answer(TBS_ST_TRY_AGAIN, {});
+        created(TBS_ST_TRY_AGAIN, 0, nullptr);
+}
+
+SchedulerProcedures::Created SchedulerProcedures::telling(To<sched_job_create_reply_t> answer) {
+    return [answer](tbs_status_t status, sched_job_id_t id, const uint32_t *err_mask) {
+        sched_job_handle handle = {id};
+        sched_job_h_t given = &handle;
+        uint32_t mask = err_mask != nullptr ? *err_mask : 0;
+        answer(status, {status, id != 0 ? &given : nullptr, err_mask != nullptr ? &mask : nullptr});
+    };
 }
 
 void SchedulerProcedures::job_create(const sched_job_create_request_t &request, const Caller &caller,
                                      To<sched_job_create_reply_t> answer) {
     sched_job_utc_rw_props_t props = {{}, request.job != nullptr ? *request.job : sched_job_rw_properties_t{}};
-    create(props, caller, answer);
+    create(props, "", caller, telling(answer));
 }
 
 void SchedulerProcedures::job_create_utc(const sched_utc_create_request_t &request, const Caller &caller,
                                          To<sched_job_create_reply_t> answer) {
     sched_job_utc_rw_props_t props = request.job != nullptr ? *request.job : sched_job_utc_rw_props_t{};
-    create(props, caller, answer);
+    create(props, "", caller, telling(answer));
 }
 
 // It stays whose it is: nobody runs what he wants as somebody else by changing a job of his.
@@ -515,8 +523,12 @@ void SchedulerProcedures::job_delete(const sched_job_delete_request_t &request, 
         return refuse(TBS_ST_TRY_AGAIN);
     const bool is_taken = scheduler_.ask(
         sender_of(caller),
-        [id, name = job->name, doer = doer_of(caller)](JobStore &store) {
-            store.remove(id, {0, deed_of(doer, time(nullptr)), "deleted", id, noted_name(name), ""});
+        [id, even_running = request.flag != 0, name = job->name, doer = doer_of(caller)](JobStore &store) {
+            const ChangeRow change = {0, deed_of(doer, time(nullptr)), "deleted", id, noted_name(name), ""};
+            if (even_running)
+                store.remove(id, change);
+            else
+                store.remove_idle(id, change);
         },
         [this, id, answer](tbs_status_t status) {
             const Job *deleted = scheduler_.jobs().find(id);
@@ -616,6 +628,7 @@ std::vector<ServedProcedure> SchedulerProcedures::rows() {
         row<procedures::sched_get_next_runs, &P::get_next_runs>(),
         row<procedures::sched_job_set_host, &P::job_set_host>(),
         row<procedures::sched_get_job_hosts, &P::get_job_hosts>(),
+        row<procedures::sched_job_create_at_host, &P::job_create_at_host>(),
         row<procedures::sched_set_get_jobs, &P::set_get_jobs>(),
         row<procedures::sched_set_apply, &P::set_apply>(),
     };

@@ -51,6 +51,7 @@ inline constexpr std::array permission_rows = {
     PermissionRow{RVZD_PROC_SCHED_GET_NEXT_RUNS, PERMISSION_READ},
     PermissionRow{RVZD_PROC_SCHED_JOB_SET_HOST, PERMISSION_CHANGE},
     PermissionRow{RVZD_PROC_SCHED_GET_JOB_HOSTS, PERMISSION_READ},
+    PermissionRow{RVZD_PROC_SCHED_JOB_CREATE_AT_HOST, PERMISSION_CHANGE},
     PermissionRow{RVZD_PROC_SCHED_SET_GET_JOBS, PERMISSION_READ},
     PermissionRow{RVZD_PROC_SCHED_SET_APPLY, PERMISSION_CHANGE},
 };
@@ -131,6 +132,8 @@ private:
     void get_next_runs(const sched_next_runs_request_t &request, const Caller &caller,
                        To<sched_next_runs_reply_t> answer);
     void job_set_host(const sched_set_host_request_t &request, const Caller &caller, To<sched_set_host_reply_t> answer);
+    void job_create_at_host(const sched_create_at_host_request_t &request, const Caller &caller,
+                            To<sched_create_at_host_reply_t> answer);
     void get_job_hosts(const sched_job_hosts_request_t &request, const Caller &caller,
                        To<sched_job_hosts_reply_t> answer);
     void get_changes(const sched_changes_request_t &request, const Caller &caller, To<sched_changes_reply_t> answer);
@@ -146,7 +149,10 @@ private:
     tbs_acl_permission_set_t permissions_of(const Caller &caller) const;
     bool is_owner(const Job &job, const Caller &caller) const;
 
-    void create(sched_job_utc_rw_props_t &props, const Caller &caller, To<sched_job_create_reply_t> answer);
+    // What has become of a new job; without a mask its properties were not looked at.
+    using Created = std::function<void(tbs_status_t, sched_job_id_t, const uint32_t *err_mask)>;
+    static Created telling(To<sched_job_create_reply_t> answer);
+    void create(sched_job_utc_rw_props_t &props, const std::string &host, const Caller &caller, const Created &created);
     void set_properties(sched_job_h_t handle, sched_job_utc_rw_props_t &props, const Caller &caller,
                         To<sched_err_mask_reply_t> answer);
     // What nobody else may touch, while it is being written.

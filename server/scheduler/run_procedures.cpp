@@ -162,6 +162,19 @@ void SchedulerProcedures::job_set_host(const sched_set_host_request_t &request, 
         refuse(TBS_ST_TRY_AGAIN);
 }
 
+void SchedulerProcedures::job_create_at_host(const sched_create_at_host_request_t &request, const Caller &caller,
+                                             To<sched_create_at_host_reply_t> answer) {
+    const std::string host = request.host != nullptr ? request.host : "";
+    if (!scheduler_.is_shared())
+        return answer(TBS_ST_UNSUPPORTED, {});
+    if (host.size() > host_bytes_max)
+        return answer(TBS_ST_NAME_TOO_LONG, {});
+    sched_job_utc_rw_props_t props = {{}, request.job};
+    create(props, host, caller, [answer](tbs_status_t status, sched_job_id_t id, const uint32_t *err_mask) {
+        answer(status, {status, id, err_mask != nullptr ? *err_mask : 0});
+    });
+}
+
 void SchedulerProcedures::get_job_hosts(const sched_job_hosts_request_t &request, const Caller & /*caller*/,
                                         To<sched_job_hosts_reply_t> answer) {
     const auto &jobs = scheduler_.jobs().all();

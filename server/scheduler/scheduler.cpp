@@ -75,8 +75,11 @@ std::string definition_of(const DefinedJob &defined) {
 }
 
 // Of a job that goes with its last run.
-ChangeRow removal_of(const Job &job) {
-    return {0, {"delete when completed", "this host", time(nullptr)}, "deleted", job.row.id, noted_name(job.name), ""};
+void take_removal(RunStep &step, const Job &job) {
+    step.removal = {0, {"delete when completed", "this host", time(nullptr)}, "deleted", job.row.id,
+                    noted_name(job.name), ""};
+    step.mark = mark_of(job.row.body);
+    step.changed_start = job.row.changed_start;
 }
 
 } // namespace
@@ -483,7 +486,7 @@ void Scheduler::keep(const RunRow &run, int32_t keeper) {
         take_end(ended, true);
         give_back_slot();
     });
-    if (job == nullptr) // it was deleted before its keeper was known
+    if (job == nullptr || run.is_to_end) // it was deleted, or somebody wanted its end, before its keeper was known
         kept.watch->send(SIGTERM);
 }
 
@@ -519,7 +522,7 @@ void Scheduler::take_end(const RunRow &run, bool was_kept) {
     turn.was_kept = was_kept;
     if (const Job *job = jobs_.find(run.job); job != nullptr && job->is_deleted_when_completed &&
                                               job->has_completed() && !changes_on_the_way_.contains(run.job))
-        turn.step.removal = removal_of(*job);
+        take_removal(turn.step, *job);
     writer_.add(std::move(turn));
 }
 

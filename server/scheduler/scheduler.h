@@ -111,6 +111,7 @@ private:
     };
     // What the database said when it was asked what is new.
     struct Followed {
+        uint64_t doubts = 0; // when it was asked
         bool is_there = false;
         std::string fault; // why not, where nobody else tells that
         JobNews news;
@@ -136,10 +137,12 @@ private:
     void lose(const RunRow &run);
     void settle(Job &job);
     void is_in_doubt(const std::string &fault);
+    void ask_for_all();
     void has_not_begun(const RunTurn &turn);
     void has_passed(const RunTurn &turn);
     void has_been_lost(const RunTurn &turn);
     bool is_terminated(sched_job_id_t id, int64_t started);
+    void end_own_run(sched_job_id_t id, int64_t started);
     Standing standing_of(const RunRow &run) const;
     void make_predefined();
     void forget_dropped();
@@ -186,6 +189,7 @@ private:
     bool is_following_ = false;
     bool is_to_follow_ = false; // once more
     int64_t followed_ = -1;     // what is new behind this is asked for
+    uint64_t doubts_ = 0;       // what was asked for before the last of them is no answer to it
     std::string told_fault_;
     std::set<RunKey> losing_;
     std::set<sched_job_id_t> told_waiting_; // for a host without a daemon

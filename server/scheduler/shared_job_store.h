@@ -19,6 +19,12 @@ struct JobNews {
     std::vector<std::string> hosts_away; // that have to run a job, and have no daemon
 };
 
+// A host and how long ago its daemon told that it lives.
+struct HostHeard {
+    std::string host;
+    int64_t seconds = 0;
+};
+
 class SharedJobStore : public JobStore {
 public:
     // What is new behind that number, with -1 all. It tells the others, too, that this daemon lives. One that has not
@@ -27,6 +33,12 @@ public:
 
     // The host that has to run the job; the empty name: any. False: there is no such job.
     virtual bool set_host(sched_job_id_t id, const std::string &host, const ChangeRow &change) = 0;
+
+    // Other hosts whose daemons have told within that time that they live.
+    virtual std::vector<HostHeard> others_heard(uint32_t within_s) = 0;
+
+    // Takes all jobs and their runs away: they are elsewhere.
+    virtual void clear() = 0;
 
     // Whose run it is ends it. False: it does not run.
     virtual bool ask_to_end(const RunRow &run) = 0;

@@ -6,6 +6,7 @@
 
 #include <ctime>
 #include <map>
+#include <utility>
 #include <unistd.h>
 
 #include <server/registry/place.h>
@@ -54,6 +55,7 @@ void Scheduler::follow() {
     }
     is_following_ = true;
     const auto followed = std::make_shared<Followed>();
+    followed->doubts = doubts_;
     worker_.submit_first({[this, followed, since = followed_, take_over_s = settings_.take_over_s,
                            acl = access_.bytes()] { ask_what_is_new(*followed, since, take_over_s, acl); },
                           [this, followed] {
@@ -109,7 +111,8 @@ void Scheduler::take(const Followed &followed) {
     take_news(followed.news);
     if (is_first)
         take_first(followed.news);
-    followed_ = followed.news.number;
+    if (followed.doubts == doubts_)
+        followed_ = followed.news.number;
     look();
     writer_.write();
 }
@@ -188,9 +191,19 @@ void Scheduler::take_job(const JobRow &row, const std::vector<RunRow> &runs) {
     if (own != nullptr && !job.is_ours)
         take_own_run(job, *own);
     else if (own != nullptr && own->is_to_end)
-        is_terminated(row.id, own->started);
+        end_own_run(row.id, own->started);
+    job.has_unknown_run = own != nullptr && job.is_ours && !kept_.contains(row.id);
     if (!job.is_ours)
         settle(job);
+}
+
+// Its keeper may not be known yet.
+void Scheduler::end_own_run(sched_job_id_t id, int64_t started) {
+    if (is_terminated(id, started))
+        return;
+    for (auto &unended : unended_)
+        if (unended.run.job == id && unended.run.started == started)
+            unended.run.is_to_end = true;
 }
 
 // Of which this daemon knows nothing: of a former one of this host, or its own, of which it was not told whether it was
@@ -221,7 +234,7 @@ void Scheduler::forget_beginning(const RunRow &run) {
                               }
                           },
                           [this] {
-                              followed_ = -1;
+                              ask_for_all();
                               follow();
                           }});
 }
@@ -287,10 +300,16 @@ bool Scheduler::set_host(const Sender &sender, const Job &job, const std::string
         });
 }
 
-// Whatever is known may be wrong: all is asked for anew.
+// Also where something is being asked now, which may have been told from before.
+void Scheduler::ask_for_all() {
+    followed_ = -1;
+    ++doubts_;
+}
+
+// Whatever is known may be wrong.
 void Scheduler::is_in_doubt(const std::string &fault) {
     is_away_ = true;
-    followed_ = -1;
+    ask_for_all();
     tell_fault(fault);
 }
 
@@ -302,6 +321,8 @@ void Scheduler::has_not_begun(const RunTurn &turn) {
         if (refusal == RunStep::Refusal::running && run.due != 0)
             tell_passed(*job, Jobs::Fate::still_running);
         settle(*job);
+        if (std::exchange(job->has_unknown_run, false)) // of this daemon, told while it was begun once more
+            ask_for_all();
         if (refusal != RunStep::Refusal::running) // unless another daemon made it, it is due still
             jobs_.consider(*job, job->considered_by_all);
         jobs_.touch(*job);
@@ -320,6 +341,8 @@ void Scheduler::has_passed(const RunTurn &turn) {
     if (!turn.fault.empty())
         return is_in_doubt(turn.fault);
     const bool is_running = turn.step.what == RunStep::What::pass_over_running;
+    if (is_running && !turn.step.is_done)
+        return follow(); // it has ended, and another one may be made
     if (Job *job = jobs_.find(turn.step.run.job); job != nullptr && turn.step.is_done)
         tell_passed(*job, is_running ? Jobs::Fate::still_running : Jobs::Fate::too_old);
 }

@@ -72,6 +72,26 @@ TEST(RunsAgreement, AFieldMeansTheSameOnBothSides) {
     release(xdr_runs_host, host_twin);
 }
 
+TEST(RunsAgreement, AJobThatIsMadeAtAHostMeansTheSameOnBothSides) {
+    char host[] = "beta";
+    char name[] = "nightly";
+    sched_create_at_host_request_t request = {host, {}};
+    request.job.name = name;
+    request.job.schedule.kind = SCHED_KIND_DAILY;
+    runs_create_req twin = {};
+    ASSERT_TRUE(decode(xdr_runs_create_req, sent(xdr_sched_create_at_host_request_t, request), twin));
+    EXPECT_STREQ(twin.host, "beta");
+    EXPECT_STREQ(twin.job.name, "nightly");
+    release(xdr_runs_create_req, twin);
+
+    sched_create_at_host_reply_t reply = {1, 2, 3};
+    runs_create_reply reply_twin = {};
+    ASSERT_TRUE(decode(xdr_runs_create_reply, sent(xdr_sched_create_at_host_reply_t, reply), reply_twin));
+    EXPECT_EQ(reply_twin.status, 1);
+    EXPECT_EQ(reply_twin.job, 2U);
+    EXPECT_EQ(reply_twin.faults, 3U);
+}
+
 TEST(RunsAgreement, APieceThatIsTooLongIsRefused) {
     const Bytes head(4 + 3 * 8, '\0');
     const Bytes bytes = head + Bytes({'\0', '\0', static_cast<char>(0xC0), '\4'}) + Bytes(SCHED_RUN_PIECE_MAX + 4, 'x');

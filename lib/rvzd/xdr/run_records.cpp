@@ -77,6 +77,15 @@ bool_t xdr_sched_set_host_reply_t(XDR *xdrs, sched_set_host_reply_t *record) {
     return xdr_tbs_status_t(xdrs, &record->status);
 }
 
+bool_t xdr_sched_create_at_host_request_t(XDR *xdrs, sched_create_at_host_request_t *record) {
+    return text(xdrs, record->host) && xdr_sched_job_rw_properties_t(xdrs, &record->job);
+}
+
+bool_t xdr_sched_create_at_host_reply_t(XDR *xdrs, sched_create_at_host_reply_t *record) {
+    return xdr_tbs_status_t(xdrs, &record->status) && xdr_sched_job_id_t(xdrs, &record->job_id) &&
+           xdr_sched_validate_job_rw_properties_err_mask_t(xdrs, &record->err_mask);
+}
+
 bool_t xdr_sched_job_hosts_request_t(XDR *xdrs, sched_job_hosts_request_t *record) {
     return xdr_sched_job_id_t(xdrs, &record->after) && xdr_u_int(xdrs, &record->count_max);
 }

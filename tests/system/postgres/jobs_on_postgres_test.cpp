@@ -210,6 +210,76 @@ TEST_F(JobsOnPostgres, AJobThatRunsAnywhereIsNotStartedTwiceAndIsEndedFromAnywhe
     EXPECT_TRUE(tells("beta", "--output jsonl job list beta", "\"running_since\":null"));
 }
 
+TEST_F(JobsOnPostgres, AJobThatHasJustBegunAtAnotherDaemonIsNotDeletedWithoutForce) {
+    constexpr int rounds = 10; // in most of them beta has not heard of the run
+    start_all(2);
+    const auto id = create(NewJob("sleeps", {"-c", "sleep 600"}));
+    ASSERT_TRUE(tells("beta", "job list beta", "sleeps"));
+    sched_h_t of_beta = nullptr;
+    ASSERT_EQ(sched_get_handle("beta", &of_beta), TBS_ST_OK);
+    const auto remove_at_beta = [&](tbs_boolean_t is_forced) {
+        std::swap(handle, of_beta);
+        const auto done = remove(id, is_forced);
+        std::swap(handle, of_beta);
+        return done;
+    };
+    for (int round = 0; round < rounds; ++round) {
+        ASSERT_EQ(run(id), TBS_ST_OK);
+        ASSERT_EQ(remove_at_beta(0), TBS_ST_TRY_AGAIN);
+        ASSERT_TRUE(exists(id));
+        const time_t started = running_since(id);
+        ASSERT_NE(started, 0) << "its run goes on";
+        ASSERT_EQ(terminate(id, started), TBS_ST_OK);
+        ASSERT_TRUE(eventually([&] { return running_since(id) == 0; }, patience_s));
+    }
+    ASSERT_EQ(run(id), TBS_ST_OK);
+    EXPECT_EQ(remove_at_beta(1), TBS_ST_OK);
+    EXPECT_TRUE(eventually([&] { return !exists(id); }, patience_s));
+    sched_free_handle(&of_beta);
+}
+
+TEST_F(JobsOnPostgres, ARunThatWasToEndWhileItsDaemonWasAwayEndsWhenThatComesBack) {
+    start_all(2);
+    const auto id = create(NewJob("sleeps", {"-c", "sleep 600"}));
+    ASSERT_EQ(run(id), TBS_ST_OK);
+    ASSERT_TRUE(tells("beta", "--output jsonl job list beta", "\"running_since\":\""));
+    sched_free_handle(&handle);
+    kill_daemon(0);
+    ASSERT_EQ(tool("beta", "job stop beta sleeps").status, 0);
+    start(0);
+    ASSERT_EQ(sched_get_handle("alpha", &handle), TBS_ST_OK);
+    ASSERT_TRUE(serves("alpha"));
+    EXPECT_TRUE(eventually(
+        [&] {
+            return number("SELECT count(*) FROM job_run WHERE ended <> 0 AND exit_status NOT IN (0, 255)") == 1;
+        },
+        patience_s))
+        << everything_said();
+}
+
+// As with a host that was frozen: it comes back with what it knew.
+TEST_F(JobsOnPostgres, ADaemonThatWasSuspendedForLongerThanTakeOverMakesNoStartOnceMore) {
+    note_starts();
+    start_all(2);
+    const auto id = create(NewJob("waits", {"-c", "while [ ! -e " + site.path("go") + " ]; do sleep .1; done; exit 3"}));
+    const auto by_hand = create(NewJob("by hand"));
+    ASSERT_EQ(run(id), TBS_ST_OK);
+    make_jobs(3, "; sleep .3");
+    ASSERT_TRUE(eventually([&] { return lines(0) > 1 && lines(2) > 1; }, patience_s));
+    daemons[0]->signal(SIGSTOP);
+    EXPECT_TRUE(daemons[1]->says("the daemon of alpha is away", patience_s)) << daemons[1]->output();
+    const int before = lines(0);
+    EXPECT_TRUE(eventually([&] { return lines(0) > before + 2; }, patience_s)) << "beta makes them";
+    daemons[0]->signal(SIGCONT);
+    EXPECT_TRUE(eventually([&] { return run(by_hand) == TBS_ST_OK; }, patience_s)) << "it takes part again";
+    site.write("go", "");
+    EXPECT_TRUE(eventually(
+        [&] { return number("SELECT exit_status FROM job_run WHERE job = " + std::to_string(id)) == 3; }, patience_s))
+        << "the end of the run that was given up is told";
+    let_end();
+    expect_each_start_once();
+}
+
 TEST_F(JobsOnPostgres, ARunWhoseDaemonStaysAwayIsToldEndedAndItsFollowersGoOn) {
     start_all(2);
     const auto id = create(NewJob("sleeps", {"-c", "sleep 600"}));
@@ -340,9 +410,16 @@ TEST_F(JobsOnPostgres, JobsMoveIntoTheDatabaseAndBack) {
     ASSERT_EQ(run(id), TBS_ST_OK);
     end();
     EXPECT_NE(move("postgresql").status, 0);
+    database.run("INSERT INTO job_daemon (host, generation, seen, boot) VALUES ('beta', 1, now(), '')");
+    const Outcome refused = move("sqlite");
+    EXPECT_NE(refused.status, 0);
+    EXPECT_THAT(refused.output + refused.errors, HasSubstr("the daemon of host beta told"));
+    EXPECT_EQ(number("SELECT count(*) FROM job"), 2);
+    database.run("UPDATE job_daemon SET seen = now() - interval '6 seconds' WHERE host = 'beta'"); // take-over is 5
     const Outcome back = move("sqlite");
     ASSERT_EQ(back.status, 0) << back.errors;
     EXPECT_THAT(back.output, HasSubstr("2 jobs and"));
+    EXPECT_EQ(number("SELECT count(*) FROM job"), 0) << "another daemon would run them once more";
     site.configure(std::string(trusted_hosts) + tasks);
     start(0);
     EXPECT_TRUE(exists(id));
@@ -357,6 +434,7 @@ TEST_F(JobsOnPostgres, AJobThatHasToRunAtAHostRunsThereAndWaitsForIt) {
     ASSERT_EQ(made.status, 0) << made.output;
     EXPECT_TRUE(eventually([&] { return lines(0) == 1; }, patience_s)) << everything_said();
     EXPECT_EQ(database.ask("SELECT DISTINCT host FROM made"), "beta");
+    EXPECT_EQ(number("SELECT count(*) FROM job_change"), 1) << "it was made in one step, with its host";
     EXPECT_THAT(tool("alpha", "--output jsonl job list alpha --hosts").output, HasSubstr("\"host\":\"beta\""));
     EXPECT_TRUE(tells("alpha", "--output jsonl job show alpha bound", "\"run_host\":\"beta\""));
     EXPECT_EQ(tool("alpha", "job run alpha bound").status, 1) << "it is run by hand there";

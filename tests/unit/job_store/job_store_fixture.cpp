@@ -1,7 +1,6 @@
 #include <tests/unit/job_store/job_store_fixture.h>
 
 #include <cstdlib>
-#include <filesystem>
 
 #include <server/scheduler/shared_job_store.h>
 #include <server/scheduler/xdr_bytes.h>
@@ -12,20 +11,6 @@ namespace velia::server {
 
 namespace {
 
-class SqlitePlace : public JobStorePlace {
-public:
-    SqlitePlace() {
-        std::string name = (std::filesystem::temp_directory_path() / "velia-jobs-XXXXXX").string();
-        directory_ = mkdtemp(name.data());
-    }
-    ~SqlitePlace() override { std::filesystem::remove_all(directory_); }
-
-    std::unique_ptr<JobStore> open() override { return open_job_store(directory_ / "scheduler.db"); }
-
-private:
-    std::filesystem::path directory_;
-};
-
 class PostgresPlace : public JobStorePlace {
 public:
     std::unique_ptr<JobStore> open() override { return open_postgres_job_store(conninfo_, "alpha"); }
@@ -35,6 +20,15 @@ private:
 };
 
 } // namespace
+
+SqliteJobStorePlace::SqliteJobStorePlace() {
+    std::string name = (std::filesystem::temp_directory_path() / "velia-jobs-XXXXXX").string();
+    directory_ = mkdtemp(name.data());
+}
+
+SqliteJobStorePlace::~SqliteJobStorePlace() {
+    std::filesystem::remove_all(directory_);
+}
 
 std::string new_jobs_conninfo() {
     static int number = 0;
@@ -59,7 +53,7 @@ std::string body_of(const std::string &name, sched_job_id_t follows) {
 }
 
 std::vector<JobStoreKind> job_store_kinds() {
-    return {{"Sqlite", [] { return std::make_unique<SqlitePlace>(); }},
+    return {{"Sqlite", [] { return std::make_unique<SqliteJobStorePlace>(); }},
             {"Postgres", [] { return std::make_unique<PostgresPlace>(); }}};
 }
 

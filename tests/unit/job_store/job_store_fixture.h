@@ -1,6 +1,7 @@
 // A store of each kind, with jobs that were made for the test, and short words for what tests do with it.
 #pragma once
 
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <string>
@@ -22,6 +23,19 @@ public:
     JobStorePlace &operator=(const JobStorePlace &) = delete;
 
     virtual std::unique_ptr<JobStore> open() = 0;
+};
+
+// One file, of a directory of its own.
+class SqliteJobStorePlace : public JobStorePlace {
+public:
+    SqliteJobStorePlace();
+    ~SqliteJobStorePlace() override;
+
+    std::unique_ptr<JobStore> open() override { return open_job_store(file_name()); }
+    std::string file_name() const { return directory_ / "scheduler.db"; }
+
+private:
+    std::filesystem::path directory_;
 };
 
 struct JobStoreKind {

@@ -48,6 +48,24 @@ TEST_P(JobStores, ChangeAndRemoveWhatIsThere) {
     EXPECT_THAT(store->read().jobs, IsEmpty());
 }
 
+TEST_P(JobStores, RemoveAJobThatIsIdleOnlyIfNoRunOfItGoesOn) {
+    const auto id = store->add(row(), change("created"));
+    const auto other = store->add(row(), change("created"));
+    store->begin(run(id, 100, 90));
+    EXPECT_THROW(store->remove_idle(id, change("deleted")), StoreBusy);
+    EXPECT_EQ(store->read().runs.size(), 1U);
+    EXPECT_EQ(store->changes(id, INT64_MAX, 9).size(), 1U) << "nothing was noted";
+    EXPECT_TRUE(store->remove_idle(other, change("deleted"))) << "that is another's";
+    store->end(run(id, 100, 90), {}, std::nullopt);
+    EXPECT_THROW(store->remove_idle(id, change("deleted")), StoreBusy) << "an end without a time is none";
+    RunRow ended = run(id, 100, 90);
+    ended.ended = 110;
+    store->end(ended, {}, std::nullopt);
+    EXPECT_TRUE(store->remove_idle(id, change("deleted")));
+    EXPECT_FALSE(store->remove_idle(id, change("deleted")));
+    EXPECT_EQ(store->changes(id, INT64_MAX, 1).front().what, "deleted");
+}
+
 TEST_P(JobStores, NeverGiveANumberTwice) {
     const auto id = store->add(row(), change("created"));
     store->remove(id, change("deleted"));
@@ -99,8 +117,8 @@ TEST_P(JobStores, OneThatDidNotBeginMayBeMadeAgain) {
 }
 
 TEST_P(JobStores, OneThatWasOwedAndDidNotBeginIsOwedAgain) {
-    const auto first = store->add(row(), change("created"));
-    const auto second = store->add(row(), change("created"));
+    const auto first = store->add(job_row("first"), change("created"));
+    const auto second = store->add(job_row("second", first), change("created"));
     store->begin(run(first, 100, 90));
     store->end(run(first, 100, 90), {second}, std::nullopt);
     store->begin(run(second, 110, 0));
@@ -111,8 +129,8 @@ TEST_P(JobStores, OneThatWasOwedAndDidNotBeginIsOwedAgain) {
 }
 
 TEST_P(JobStores, AnOwedStartMayBePassedOver) {
-    const auto first = store->add(row(), change("created"));
-    const auto second = store->add(row(), change("created"));
+    const auto first = store->add(job_row("first"), change("created"));
+    const auto second = store->add(job_row("second", first), change("created"));
     store->begin(run(first, 100, 90));
     store->end(run(first, 100, 90), {second}, std::nullopt);
     RunStep pass_over = step(RunStep::What::pass_over, run(second, 0, 0));
@@ -121,8 +139,8 @@ TEST_P(JobStores, AnOwedStartMayBePassedOver) {
 }
 
 TEST_P(JobStores, AnEndOwesItsFollowersAStartUntilTheyBegin) {
-    const auto first = store->add(row(), change("created"));
-    const auto second = store->add(row(), change("created"));
+    const auto first = store->add(job_row("first"), change("created"));
+    const auto second = store->add(job_row("second", first), change("created"));
     store->begin(run(first, 100, 90));
     store->end(run(first, 100, 90), {second, 77}, std::nullopt);
     EXPECT_THAT(store->read().owed, ElementsAre(second));
@@ -232,8 +250,8 @@ TEST_P(JobStores, LogEachChangeWithWhatItDoes) {
 }
 
 TEST_P(JobStores, RecordStepsOfManyRunsTogetherInTheirOrder) {
-    const auto first = store->add(row(), change("created"));
-    const auto second = store->add(row(), change("created"));
+    const auto first = store->add(job_row("first"), change("created"));
+    const auto second = store->add(job_row("second", first), change("created"));
     store->begin(run(first, 100, 90));
     RunStep end = step(RunStep::What::end, run(first, 100, 90));
     end.run.ended = 110;
@@ -291,6 +309,7 @@ TEST_P(JobStores, GoWholeIntoAnother) {
     JobRow defined = job_row("kept");
     defined.definition = "definition";
     const auto kept = store->add(defined, change("created", 1));
+    const auto follower = store->add(job_row("follower", kept), change("created", 1));
     defined.definition = "gone";
     defined.body = body_of("gone");
     const auto gone = store->add(defined, change("created", 2));
@@ -300,7 +319,7 @@ TEST_P(JobStores, GoWholeIntoAnother) {
     ended.ended = 110;
     ended.exit_status = 3;
     ended.messages = "out";
-    store->end(ended, {kept}, std::nullopt);
+    store->end(ended, {follower}, std::nullopt);
     store->set_acl("list", change("access", 4));
     const JobStock stock = stock_of(*store);
     EXPECT_EQ(stock.last_number, gone);
@@ -310,7 +329,7 @@ TEST_P(JobStores, GoWholeIntoAnother) {
         other->set_acl("former", change("access"));
         other->put_all(stock);
         const JobContents there = other->read();
-        ASSERT_EQ(there.jobs.size(), 1U) << kind.name;
+        ASSERT_EQ(there.jobs.size(), 2U) << kind.name;
         EXPECT_EQ(there.jobs[0].id, kept);
         EXPECT_EQ(there.jobs[0].body, body_of("kept"));
         EXPECT_EQ(there.jobs[0].owner, 1000U);
@@ -319,7 +338,7 @@ TEST_P(JobStores, GoWholeIntoAnother) {
         ASSERT_EQ(there.runs.size(), 1U);
         EXPECT_EQ(there.runs[0].exit_status, 3U);
         EXPECT_EQ(there.runs[0].messages, "out");
-        EXPECT_THAT(there.owed, ElementsAre(kept));
+        EXPECT_THAT(there.owed, ElementsAre(follower));
         EXPECT_THAT(there.dropped, ElementsAre("gone"));
         EXPECT_EQ(there.acl, "list");
         EXPECT_EQ(stock_of(*other).notes.size(), stock.notes.size());

@@ -40,11 +40,10 @@ struct SharedJobStores : testing::Test {
         return take(store, step);
     }
     static Refusal end(SharedJobStore &store, const RunRow &run, int64_t ended, uint32_t status = 0,
-                       std::vector<sched_job_id_t> owed = {}, What what = What::end) {
+                       What what = What::end) {
         RunStep step = run_step(what, run);
         step.run.ended = ended;
         step.run.exit_status = status;
-        step.owed = std::move(owed);
         return take(store, step);
     }
     void let_die(const std::string &host) const {
@@ -167,6 +166,104 @@ TEST_F(SharedJobStores, AJobThatWasDeletedIsNotBegun) {
     EXPECT_EQ(begin(*beta, job, 100, 90), Refusal::taken);
 }
 
+TEST_F(SharedJobStores, AJobThatRunsIsDeletedOnlyByWhoeverEndsItsRun) {
+    const auto job = add();
+    ASSERT_EQ(begin(*alpha, job, 100, 90), Refusal::none);
+    EXPECT_THROW(beta->remove_idle(job, change_row("deleted")), StoreBusy);
+    EXPECT_THAT(alpha->read().runs, SizeIs(1));
+    EXPECT_THAT(alpha->changes(job, INT64_MAX, 9), SizeIs(1)) << "nothing was noted";
+    ASSERT_EQ(end(*alpha, run_row(job, 100, 90), 110), Refusal::none);
+    EXPECT_TRUE(beta->remove_idle(job, change_row("deleted")));
+    EXPECT_FALSE(beta->remove_idle(job, change_row("deleted")));
+    const auto other = add("other");
+    ASSERT_EQ(begin(*alpha, other, 100, 90), Refusal::none);
+    EXPECT_TRUE(beta->remove(other, change_row("deleted")));
+}
+
+TEST_F(SharedJobStores, AJobGoesWithItsRunOnlyIfNobodyHasChangedItMeanwhile) {
+    JobRow row = job_row("job");
+    row.id = add();
+    const auto goes = [&](uint64_t mark, int64_t changed_start) {
+        static int64_t started = 100;
+        EXPECT_EQ(begin(*alpha, row.id, ++started, 0), Refusal::none);
+        RunStep ending = run_step(What::end, run_row(row.id, started, 0));
+        ending.run.ended = started;
+        ending.removal = change_row("deleted");
+        ending.mark = mark;
+        ending.changed_start = changed_start;
+        EXPECT_EQ(take(*alpha, ending), Refusal::none);
+        EXPECT_EQ(alpha->read().jobs.empty(), ending.removal.has_value()) << "it is told whether it went";
+        return ending.removal.has_value();
+    };
+    EXPECT_FALSE(goes(mark_of(body_of("former")), row.changed_start));
+    EXPECT_FALSE(goes(mark_of(row.body), row.changed_start - 1)) << "its schedule was given anew";
+    EXPECT_THAT(alpha->read().runs, SizeIs(2)) << "the run has ended all the same";
+    EXPECT_TRUE(goes(mark_of(row.body), row.changed_start));
+}
+
+TEST_F(SharedJobStores, AJobStaysWhoseRunWasGivenUpBefore) {
+    const auto job = add();
+    ASSERT_EQ(begin(*alpha, job, 100, 90), Refusal::none);
+    beta->follow(seen, 60);
+    let_die("alpha");
+    ASSERT_EQ(end(*beta, run_row(job, 100, 90), 150, 255, What::lose), Refusal::none);
+    RunStep late = run_step(What::end, run_row(job, 100, 90));
+    late.run.ended = 190;
+    late.removal = change_row("deleted");
+    EXPECT_EQ(take(*alpha, late), Refusal::none);
+    EXPECT_FALSE(late.removal.has_value()) << "or its daemon alone would forget it";
+    EXPECT_THAT(alpha->read().jobs, SizeIs(1));
+}
+
+TEST_F(SharedJobStores, WhatFollowsIsAskedOfTheDatabaseWhenARunHasEnded) {
+    const auto job = add();
+    const auto other = add("other");
+    const auto follower = add("follower", job);
+    JobRow turned_away = job_row("turned away", job);
+    turned_away.id = beta->add(turned_away, change_row("created"));
+    turned_away.body = body_of("turned away", other);
+    ASSERT_TRUE(beta->change(turned_away, change_row("changed")));
+    ASSERT_EQ(begin(*alpha, job, 100, 90), Refusal::none);
+    RunStep ending = run_step(What::end, run_row(job, 100, 90));
+    ending.run.ended = 110;
+    ending.owed = {turned_away.id}; // as alpha, which has not heard of either, believes
+    EXPECT_EQ(take(*alpha, ending), Refusal::none);
+    EXPECT_THAT(ending.owed, ElementsAre(follower));
+    EXPECT_THAT(alpha->read().owed, ElementsAre(follower));
+}
+
+TEST_F(SharedJobStores, AJobThatWasMovedInUnderTheNumberOfOneThatHasGoneMayGo) {
+    const auto job = add();
+    ASSERT_TRUE(alpha->remove(job, change_row("deleted")));
+    news();
+    JobStock stock;
+    stock.contents.jobs = {job_row("moved")};
+    stock.contents.jobs[0].id = job;
+    stock.last_number = job;
+    alpha->put_all(stock);
+    EXPECT_THAT(ids_in(news()), ElementsAre(job));
+    EXPECT_TRUE(beta->remove(job, change_row("deleted")));
+    EXPECT_THAT(news().gone, ElementsAre(job));
+}
+
+TEST_F(SharedJobStores, OverANewConnectionAllIsHeard) {
+    const auto job = add();
+    news();
+    const auto cut = [&] {
+        velia::postgres_test::server().run("SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE pid <> "
+                                           "pg_backend_pid() AND backend_type = 'client backend'");
+    };
+    run("DELETE FROM job"); // as on a server that has not all of what the former one had, and as many changes
+    EXPECT_THAT(news().contents.jobs, IsEmpty());
+    EXPECT_FALSE(news().is_all);
+    cut();
+    const JobNews found = news();
+    EXPECT_TRUE(found.is_all);
+    EXPECT_TRUE(found.has_contents);
+    EXPECT_THAT(ids_in(found), IsEmpty()) << job;
+    EXPECT_FALSE(news().is_all) << "once";
+}
+
 TEST_F(SharedJobStores, AChangeOfAJobThatAnotherHasChangedIsToBeTriedAgain) {
     JobRow changed = job_row("ours");
     changed.id = add();
@@ -248,7 +345,7 @@ TEST_F(SharedJobStores, AnOwedStartIsMadeOnce) {
     const auto followed = add("first");
     const auto follower = add("second", followed);
     ASSERT_EQ(begin(*alpha, followed, 100, 90), Refusal::none);
-    ASSERT_EQ(end(*alpha, run_row(followed, 100, 90), 110, 0, {follower}), Refusal::none);
+    ASSERT_EQ(end(*alpha, run_row(followed, 100, 90), 110, 0), Refusal::none);
     EXPECT_THAT(news().contents.owed, ElementsAre(follower));
     RunStep ours = beginning(follower, 111, 0);
     ours.is_owed = true;
@@ -263,25 +360,27 @@ TEST_F(SharedJobStores, ARunWhoseDaemonIsGoneIsToldEndedOnce) {
     const auto follower = add("second", job);
     ASSERT_EQ(begin(*alpha, job, 100, 90), Refusal::none);
     EXPECT_THAT(beta->follow(seen, 60).lost, IsEmpty());
-    EXPECT_EQ(end(*beta, run_row(job, 100, 90), 150, 255, {follower}, What::lose), Refusal::taken) << "it lives";
+    EXPECT_EQ(end(*beta, run_row(job, 100, 90), 150, 255, What::lose), Refusal::taken) << "it lives";
     let_die("alpha");
     const JobNews found = beta->follow(seen, 60);
     ASSERT_THAT(found.lost, SizeIs(1));
     EXPECT_EQ(found.lost[0].started, 100);
-    EXPECT_EQ(end(*beta, found.lost[0], 150, 255, {follower}, What::lose), Refusal::none);
-    EXPECT_EQ(end(*beta, found.lost[0], 160, 255, {}, What::lose), Refusal::taken);
+    EXPECT_EQ(end(*beta, found.lost[0], 150, 255, What::lose), Refusal::none);
+    EXPECT_EQ(end(*beta, found.lost[0], 160, 255, What::lose), Refusal::taken);
     EXPECT_THAT(beta->read().owed, ElementsAre(follower));
     EXPECT_EQ(beta->read().runs.at(0).ended, 150);
 }
 
 TEST_F(SharedJobStores, AnEndThatComesLateIsToldAndStartsNothing) {
     const auto job = add();
-    const auto follower = add("second", job);
+    RunStep following = beginning(add("second", job), 151, 0);
+    following.is_owed = true;
     ASSERT_EQ(begin(*alpha, job, 100, 90), Refusal::none);
     beta->follow(seen, 60);
     let_die("alpha");
-    ASSERT_EQ(end(*beta, run_row(job, 100, 90), 150, 255, {}, What::lose), Refusal::none);
-    EXPECT_EQ(end(*alpha, run_row(job, 100, 90), 190, 0, {follower}), Refusal::none);
+    ASSERT_EQ(end(*beta, run_row(job, 100, 90), 150, 255, What::lose), Refusal::none);
+    ASSERT_EQ(take(*beta, following), Refusal::none);
+    EXPECT_EQ(end(*alpha, run_row(job, 100, 90), 190, 0), Refusal::none);
     EXPECT_EQ(beta->read().runs.at(0).exit_status, 0U);
     EXPECT_EQ(beta->read().runs.at(0).ended, 190);
     EXPECT_THAT(beta->read().owed, IsEmpty());
@@ -313,6 +412,33 @@ TEST_F(SharedJobStores, WhoeverLivesIsNotAway) {
     EXPECT_THAT(beta->follow(seen, 60).hosts_away, ElementsAre("nobody")) << "of which there never was a daemon";
 }
 
+TEST_F(SharedJobStores, WhoeverWasHeardOfLatelyIsToldToOthers) {
+    const auto names = [](const std::vector<HostHeard> &hosts) {
+        std::vector<std::string> all;
+        for (const auto &each : hosts)
+            all.push_back(each.host);
+        return all;
+    };
+    run("UPDATE job_daemon SET seen = now() - interval '300 seconds' WHERE host = 'alpha'");
+    EXPECT_THAT(names(alpha->others_heard(60)), ElementsAre("beta"));
+    EXPECT_THAT(names(beta->others_heard(60)), IsEmpty());
+    ASSERT_THAT(names(beta->others_heard(patience_s)), ElementsAre("alpha"));
+    EXPECT_GE(beta->others_heard(patience_s)[0].seconds, 300);
+    EXPECT_LT(beta->others_heard(patience_s)[0].seconds, 300 + patience_s);
+}
+
+TEST_F(SharedJobStores, JobsThatAreElsewhereAreTakenAwayFromAll) {
+    const auto job = add();
+    const auto other = add("other", job);
+    ASSERT_EQ(begin(*alpha, job, 100, 90), Refusal::none);
+    news();
+    alpha->clear();
+    EXPECT_THAT(news().gone, ElementsAre(job, other));
+    EXPECT_THAT(alpha->read().jobs, IsEmpty());
+    EXPECT_THAT(alpha->read().runs, IsEmpty());
+    EXPECT_GT(add(), other) << "no number is given twice";
+}
+
 TEST_F(SharedJobStores, AnotherDaemonOfTheNameKeepsTheFormerFromAll) {
     const auto job = add();
     const auto later = open_postgres_job_store(conninfo, "alpha");
@@ -341,6 +467,16 @@ TEST_F(SharedJobStores, ARunIsForgottenOnlyByItsHostAndWhileItHasNotEnded) {
     alpha->forget(run_row(job, 100, 90), 89, true);
     EXPECT_EQ(alpha->read().jobs.at(0).considered, 90) << "or it would be made twice";
     EXPECT_THAT(alpha->read().owed, IsEmpty()) << "the same";
+}
+
+TEST_F(SharedJobStores, ARunIsNotForgottenByAFormerDaemonOfItsHost) {
+    const auto job = add();
+    const auto later = open_postgres_job_store(conninfo, "alpha");
+    ASSERT_EQ(begin(*later, job, 100, 90), Refusal::none);
+    alpha->forget(run_row(job, 100, 90), 89, false);
+    EXPECT_THAT(later->read().runs, SizeIs(1));
+    later->forget(run_row(job, 100, 90), 89, false);
+    EXPECT_THAT(later->read().runs, IsEmpty());
 }
 
 TEST_F(SharedJobStores, WhatWasDeletedOfTheDefaultScheduleIsNotMadeByAnother) {

@@ -34,6 +34,7 @@ protected:
     static bool is_empty(const sched_next_runs_reply_t &reply) { return reply.count == 0; }
     static bool is_empty(const sched_job_hosts_reply_t &reply) { return reply.count == 0; }
     static bool is_empty(const sched_set_host_reply_t & /*reply*/) { return false; }
+    static bool is_empty(const sched_create_at_host_reply_t &reply) { return reply.job_id == 0 || reply.err_mask == 0; }
 
     void run(const Case &each, bool wanted = true) {
         output = {};
@@ -154,6 +155,26 @@ TEST_F(RunCalls, AHostIsNamedWithItsJobAndNoneWithTheEmptyName) {
             EXPECT_EQ(world.peer.last().request, sim::encode(xdr_sched_set_host_request_t, sent));
             EXPECT_EQ(sim::Holdings::now(world), before);
         }
+    }
+}
+
+TEST_F(RunCalls, AJobIsMadeTogetherWithItsHost) {
+    char name[] = "beta";
+    sched_create_at_host_request_t sent = {name, {}};
+    wire_tests::fill(sampler, sent.job);
+    for (const tbs_status_t wanted : {TBS_ST_OK, TBS_ST_INVALID_ARG}) {
+        answer_all(wanted);
+        sched_job_id_t made = 0;
+        uint32_t err_mask = 0;
+        EXPECT_EQ(sched_job_create_at_host(scheduler, &sent.job, name, &made, &err_mask), wanted);
+        EXPECT_EQ(world.peer.last().request, sim::encode(xdr_sched_create_at_host_request_t, sent));
+        EXPECT_TRUE(world.peer.last().tcp);
+        sched_create_at_host_reply_t told = {wanted, made, err_mask};
+        EXPECT_NE(made, 0U);
+        EXPECT_EQ(world.peer.take(world.peer.last()).reply, sim::encode(xdr_sched_create_at_host_reply_t, told));
+        EXPECT_EQ(sched_job_create_at_host(scheduler, &sent.job, name, nullptr, nullptr), wanted);
+        EXPECT_EQ(sched_job_create_at_host(scheduler, nullptr, name, &made, &err_mask), TBS_ST_RPC_FAILED);
+        EXPECT_EQ(sim::Holdings::now(world), before);
     }
 }
 

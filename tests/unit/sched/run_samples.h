@@ -75,6 +75,13 @@ inline void fill(Sampler &s, sched_set_host_request_t &r) {
 inline void fill(Sampler &s, sched_set_host_reply_t &r) {
     r.status = s.signed_word();
 }
+inline void fill(Sampler &s, sched_create_at_host_request_t &r) {
+    r.host = s.text(sched_text_longest);
+    fill(s, r.job);
+}
+inline void fill(Sampler &s, sched_create_at_host_reply_t &r) {
+    r = {s.signed_word(), static_cast<uint32_t>(s.word()), static_cast<uint32_t>(s.word())};
+}
 inline void fill(Sampler &s, sched_job_hosts_request_t &r) {
     r = {static_cast<uint32_t>(s.word()), static_cast<uint32_t>(s.word())};
 }

@@ -21,6 +21,7 @@ public:
     sched_job_id_t add(const JobRow & /*row*/, const ChangeRow & /*change*/) override { return 0; }
     bool change(const JobRow & /*row*/, const ChangeRow & /*change*/) override { return true; }
     bool remove(sched_job_id_t /*id*/, const ChangeRow & /*change*/) override { return true; }
+    bool remove_idle(sched_job_id_t /*id*/, const ChangeRow & /*change*/) override { return true; }
     void set_acl(const std::string & /*acl*/, const ChangeRow & /*change*/) override {}
     void set_boot(const std::string & /*boot*/) override {}
     std::vector<ChangeRow> changes(sched_job_id_t /*job*/, int64_t /*before*/, uint32_t /*count_max*/) override {

@@ -109,6 +109,16 @@ tbs_status_t sched_job_set_host(sched_h_t handle, sched_job_id_t job, const char
     return call_own<row::sched_job_set_host>(handle, request, take_nothing);
 }
 
+tbs_status_t sched_job_create_at_host(sched_h_t handle, const sched_job_rw_properties_t *job, const char *host,
+                                      sched_job_id_t *made, sched_validate_job_rw_properties_err_mask_t *err_mask) {
+    const sched_create_at_host_request_t request = {const_cast<char *>(host),
+                                                    job != nullptr ? *job : sched_job_rw_properties_t{}};
+    return call_own<row::sched_job_create_at_host>(handle, request, [&](const sched_create_at_host_reply_t &reply) {
+        copy_out(made, &reply.job_id);
+        copy_out(err_mask, &reply.err_mask);
+    });
+}
+
 tbs_status_t sched_get_job_hosts(sched_h_t handle, sched_job_id_t after, uint32_t count_max, uint32_t *count,
                                  sched_job_host_t **hosts) {
     const sched_job_hosts_request_t request = {after, std::min<uint32_t>(count_max, SCHED_JOB_HOSTS_MAX)};
