@@ -15,8 +15,7 @@ constexpr const char *begin_anew = "\r\033[K";
 
 } // namespace
 
-ProgressLine::ProgressLine(bool is_wanted)
-    : is_shown_(is_wanted && isatty(STDERR_FILENO) != 0 && !tells_in_json()) {}
+ProgressLine::ProgressLine(bool is_wanted) : is_shown_(is_wanted && isatty(STDERR_FILENO) != 0 && !tells_in_json()) {}
 
 void ProgressLine::show(const std::string &words) {
     if (!is_shown_)

@@ -1,5 +1,5 @@
-// A line on the terminal, on standard error, that is written over as the work goes on. Programs that read messages in JSON,
-// and whoever does not look at a terminal, see nothing of it.
+// A line on the terminal, on standard error, that is written over as the work goes on. Programs that read messages in
+// JSON, and whoever does not look at a terminal, see nothing of it.
 #pragma once
 
 #include <cstdint>

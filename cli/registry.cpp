@@ -17,7 +17,6 @@ namespace velia::cli {
 
 namespace {
 
-
 Option batch_option(Search &search) {
     return {.name = "--batch",
             .type = "COUNT",

@@ -117,9 +117,8 @@ int fetch(rvzd_handle_t *daemon, const std::string &host, const Arguments &argum
         Reply reply;
         const auto status = rvzd_registry_save(daemon, number, arrived, reply.get());
         if (status != TBS_ST_OK)
-            return not_saved(status,
-                                  status == TBS_ST_TRY_AGAIN ? "its daemon is busy with another save"
-                                                             : tbs_strerror(status));
+            return not_saved(status, status == TBS_ST_TRY_AGAIN ? "its daemon is busy with another save"
+                                                                : tbs_strerror(status));
         if (*reply->failure != '\0')
             return not_saved(TBS_ST_ERROR, reply->failure);
         number = reply->save;

@@ -376,6 +376,9 @@ TEST_F(SiteMaster, OneThatWasSupersededByItselfIsToldHowToGoOn) {
     std::filesystem::copy_file(site.path("older"), stored);
     start_alpha();
     EXPECT_TRUE(daemon->says("veliactl registry promote alpha --force")) << daemon->output();
+    EXPECT_THAT(
+        veliactl({"doctor", "--output", "jsonl"}).output,
+        HasSubstr("its registry is an older one; to go on with it, run: veliactl registry promote alpha --force"));
     EXPECT_EQ(add_region("refused"), TBS_ST_NO_SERVER);
     EXPECT_EQ(veliactl({"registry", "promote", "alpha", "--force"}).status, DONE);
     EXPECT_TRUE(eventually([] { return add_region("two") == TBS_ST_OK; })) << daemon->output();
