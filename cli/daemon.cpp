@@ -84,7 +84,7 @@ void add_status(const rvzd_daemon_status_reply_t &status, const rvzd_registry_st
                  state.takes_updates != 0 ? "yes" : "no",
                  state.term,
                  text_or_none(state.master),
-                 text_or_none(state.heard_host),
+                 state.role == RGY_SVR_MASTER ? text_or_none(state.heard_host) : Cell(),
                  of_copy(text_or_none(state.source)),
                  of_copy(moment(state.looked)),
                  of_copy(state.current > 0 ? Cell(state.now - state.current) : Cell()),

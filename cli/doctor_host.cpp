@@ -215,7 +215,8 @@ void look_at_role_file(Visit &visit) {
     const std::unique_ptr<char, decltype(&free)> word(rgy_get_svr_type_str(), free);
     const int32_t type = rgy_get_svr_type();
     const bool is_server = type != RGY_SVR_NONE;
-    if (word != nullptr && *word != '\0' && !is_server && name_of_role(RGY_SVR_NONE) != word.get())
+    const std::string none = name_of_role(RGY_SVR_NONE);
+    if (word != nullptr && *word != '\0' && !is_server && none.substr(0, none.find(' ')) != word.get())
         return visit.fail(path, "holds no role: " + std::string(word.get()),
                           "write master, standby, backup or slave there");
     if (is_server && tbs_product_comp_test(1) == 0)

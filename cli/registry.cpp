@@ -2,13 +2,11 @@
 #include <cli/registry.h>
 
 #include <array>
-#include <iostream>
 #include <sstream>
-
-#include <unistd.h>
 
 #include <cli/commands.h>
 #include <cli/messages.h>
+#include <cli/progress_line.h>
 #include <cli/results.h>
 #include <cli/streams.h>
 #include <support/imsg.h>
@@ -18,8 +16,6 @@
 namespace velia::cli {
 
 namespace {
-
-constexpr uint64_t progress_entries = 1000; // a scan that is longer shows how far it is
 
 Option batch_option(Search &search) {
     return {.name = "--batch",
@@ -67,27 +63,13 @@ constexpr Command commands[] = {
      .output = &output},
 };
 
-// A line on the terminal that is written over as the scan goes on; not where the results show that themselves.
-class Progress {
+// Not where the results show how far the scan is themselves.
+class ScanProgress {
 public:
-    Progress() : is_shown_(isatty(STDERR_FILENO) != 0 && !is_terminal_for_results()) {}
-    ~Progress() {
-        if (is_begun_)
-            std::cerr << '\r' << std::string(40, ' ') << '\r' << std::flush;
-    }
-    Progress(const Progress &) = delete;
-    Progress &operator=(const Progress &) = delete;
-
-    void step() {
-        if (!is_shown_ || ++entries_ % progress_entries != 0)
-            return;
-        is_begun_ = true;
-        std::cerr << '\r' << entries_ << " entries" << std::flush;
-    }
+    void step() { line_.count("read:", ++entries_); }
 
 private:
-    bool is_shown_;
-    bool is_begun_ = false;
+    ProgressLine line_{!is_terminal_for_results()};
     uint64_t entries_ = 0;
 };
 
@@ -117,7 +99,7 @@ tbs_status_t fetch(const Search &search, rgy_cursor_t **cursor, std::vector<rgy_
                                  batch, entries.data(), count);
 }
 
-tbs_status_t take_batch(std::vector<rgy_entry_t *> &entries, int64_t count, Progress &progress,
+tbs_status_t take_batch(std::vector<rgy_entry_t *> &entries, int64_t count, ScanProgress &progress,
                         const std::function<tbs_status_t(rgy_entry_t *)> &take) {
     tbs_status_t status = TBS_ST_OK;
     for (size_t i = 0; i < static_cast<size_t>(count); ++i) {
@@ -196,7 +178,7 @@ std::string registry_of(const std::string &given) {
 tbs_status_t each_entry(const Search &search, const std::function<tbs_status_t(rgy_entry_t *)> &take,
                         const std::function<bool()> &goes_on) {
     std::vector<rgy_entry_t *> entries(static_cast<size_t>(search.batch));
-    Progress progress;
+    ScanProgress progress;
     rgy_cursor_t *cursor = nullptr;
     tbs_status_t status = TBS_ST_OK;
     do {

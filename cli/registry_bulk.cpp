@@ -46,7 +46,7 @@ bool is_same(const rgy_dtm_pair_t &left, const rgy_dtm_pair_t &right) {
 }
 
 // TBS_ST_STALE_ID when somebody changed it meanwhile.
-tbs_status_t read_once(rvzd_handle_t *registry, rgy_db_t db, Database &database) {
+tbs_status_t read_once(rvzd_handle_t *registry, rgy_db_t db, Database &database, const OnRead &on_read) {
     database = {};
     Batch read;
     uint64_t cursor = 0;
@@ -61,6 +61,8 @@ tbs_status_t read_once(rvzd_handle_t *registry, rgy_db_t db, Database &database)
         if (status != TBS_ST_OK)
             return status;
         read.move_to(database.entries, db, count);
+        if (on_read)
+            on_read(database.entries.size());
         if (!is_same(stamps, database.stamps))
             return TBS_ST_STALE_ID;
     } while (cursor != 0);
@@ -69,10 +71,10 @@ tbs_status_t read_once(rvzd_handle_t *registry, rgy_db_t db, Database &database)
 
 } // namespace
 
-tbs_status_t read_database(rvzd_handle_t *registry, rgy_db_t db, Database &database) {
+tbs_status_t read_database(rvzd_handle_t *registry, rgy_db_t db, Database &database, const OnRead &on_read) {
     tbs_status_t status = TBS_ST_STALE_ID;
     for (int reading = 0; status == TBS_ST_STALE_ID && reading < readings_max; ++reading)
-        status = read_once(registry, db, database);
+        status = read_once(registry, db, database, on_read);
     return status;
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -17,7 +18,9 @@ struct Database {
     rgy_dtm_pair_t stamps = {};
     std::vector<EntryLine> entries;
 };
-tbs_status_t read_database(rvzd_handle_t *registry, rgy_db_t db, Database &database);
+// What it is called with are the entries that are there so far.
+using OnRead = std::function<void(uint64_t)>;
+tbs_status_t read_database(rvzd_handle_t *registry, rgy_db_t db, Database &database, const OnRead &on_read = {});
 
 class Steps;
 

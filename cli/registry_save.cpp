@@ -16,6 +16,7 @@
 #include <cli/commands.h>
 #include <cli/messages.h>
 #include <cli/new_file.h>
+#include <cli/progress_line.h>
 #include <cli/results.h>
 #include <cli/waits.h>
 #include <support/imsg.h>
@@ -73,15 +74,11 @@ private:
     rvzd_registry_save_reply_t record_ = {};
 };
 
-// Only whoever looks at a terminal sees it.
-void show_progress(const char *what, uint64_t done, uint64_t all) {
-    if (isatty(STDERR_FILENO) != 0 && !tells_in_json() && all > 0)
-        dprintf(STDERR_FILENO, "\r%s: %3llu %%", what, static_cast<unsigned long long>(done * 100 / all));
-}
-
-void end_progress() {
-    if (isatty(STDERR_FILENO) != 0 && !tells_in_json())
-        dprintf(STDERR_FILENO, "\r\033[K");
+void show_progress(const rvzd_registry_save_reply_t &reply, uint64_t arrived, ProgressLine &line) {
+    const bool is_made = reply.size != 0;
+    const uint64_t done = is_made ? arrived : reply.pages_done;
+    if (const uint64_t all = is_made ? reply.size : reply.pages; all > 0)
+        line.show(std::string(is_made ? "fetching: " : "copying: ") + std::to_string(done * 100 / all) + " %");
 }
 
 // Somebody may have named the wrong file.
@@ -102,7 +99,6 @@ int tell_no_file(const std::string &file) {
 }
 
 int tell_not_saved(tbs_status_t status, const std::string &host, const std::string &why) {
-    end_progress();
     tell_failure(status, host, "The registry on host '%s' was not saved: %s\n", host.c_str(), why.c_str());
     return status == TBS_ST_RPC_FAILED ? exit_unreachable : exit_failed;
 }
@@ -110,27 +106,32 @@ int tell_not_saved(tbs_status_t status, const std::string &host, const std::stri
 // Piece by piece, and with waits for the daemon while it makes its copy. `size` is of the whole.
 int fetch(rvzd_handle_t *daemon, const std::string &host, const Arguments &arguments, const Settings &settings,
           NewFile &file, uint64_t &size) {
+    ProgressLine line;
+    const auto not_saved = [&](tbs_status_t status, const std::string &why) {
+        line.wipe();
+        return tell_not_saved(status, host, why);
+    };
     uint64_t number = 0;
     for (uint64_t arrived = 0; !are_waits_over();) {
         begin_wait(settings.timeout);
         Reply reply;
         const auto status = rvzd_registry_save(daemon, number, arrived, reply.get());
         if (status != TBS_ST_OK)
-            return tell_not_saved(status, host,
-                                  status == TBS_ST_TRY_AGAIN ? "its daemon is busy with another save"
-                                                             : tbs_strerror(status));
+            return not_saved(status, status == TBS_ST_TRY_AGAIN ? "its daemon is busy with another save"
+                                                                : tbs_strerror(status));
         if (*reply->failure != '\0')
-            return tell_not_saved(TBS_ST_ERROR, host, reply->failure);
+            return not_saved(TBS_ST_ERROR, reply->failure);
         number = reply->save;
         size = reply->size;
-        show_progress(size == 0 ? "copying" : "fetching", size == 0 ? reply->pages_done : arrived,
-                      size == 0 ? reply->pages : size);
+        show_progress(*reply.get(), arrived, line);
         if (size == 0)
             poll(nullptr, 0, between_looks_ms);
         else if (arrived >= size)
             return exit_done;
-        else if (!file.write_all(reply->bytes, reply->count))
+        else if (!file.write_all(reply->bytes, reply->count)) {
+            line.wipe();
             return tell_no_file(arguments.file);
+        }
         arrived += reply->count;
     }
     return exit_failed;
@@ -153,7 +154,6 @@ int save(const Arguments &arguments, const Settings &settings) {
         return tell_no_file(arguments.file);
     uint64_t size = 0;
     const int status = fetch(daemon.get(), *host, arguments, settings, file, size);
-    end_progress();
     if (status != exit_done)
         return status;
     if (!file.finish())

@@ -12,6 +12,7 @@
 #include <cli/entry_file.h>
 #include <cli/messages.h>
 #include <cli/new_file.h>
+#include <cli/progress_line.h>
 #include <cli/registry_bulk.h>
 #include <cli/results.h>
 #include <cli/streams.h>
@@ -156,7 +157,11 @@ int write_databases(const Export &arguments, const std::string &host, const Sett
         return exit_unreachable; // and told
     for (const rgy_db_t db : dbs_of(arguments.dbs)) {
         Database database;
-        const auto status = read_database(registry.get(), db, database);
+        ProgressLine line(arguments.file != standard_stream || !is_terminal_for_results());
+        const auto status = read_database(registry.get(), db, database, [&](uint64_t entries) {
+            line.count(std::string(registry_db_name(db)) + ":", entries);
+        });
+        line.wipe();
         if (status != TBS_ST_OK)
             return tell_registry(status, host);
         bool is_taken = true;
@@ -214,13 +219,16 @@ int send_entries(const Import &arguments, const Settings &settings, const std::s
     const rgy_db_t db = entries[0].entry.db;
     Changes changes(registry, db, arguments.is_atomic ? Changes::As::one : Changes::As::pieces,
                     RGY_CHANGE_PASS_STANDING, settings.timeout);
+    ProgressLine line;
     tbs_status_t status = TBS_ST_OK;
     for (size_t i = 0; status == TBS_ST_OK && i < entries.size(); ++i) {
         status = changes.add(0, entries[i].entry.flex_text);
+        line.count(std::string(registry_db_name(db)) + ":", changes.sent(), entries.size());
         begin_wait(settings.timeout);
     }
     if (status == TBS_ST_OK)
         status = changes.finish();
+    line.wipe();
     const uint64_t done = status == TBS_ST_OK || !arguments.is_atomic ? changes.sent() : 0;
     if (done > 0 || status == TBS_ST_OK)
         results.add({"added", registry_db_name(db), done - changes.passed(), changes.passed(), host});

@@ -10,6 +10,7 @@
 #include <optional>
 #include <poll.h>
 #include <strings.h>
+#include <sys/random.h>
 
 #include <cli/commands.h>
 #include <cli/messages.h>
@@ -53,7 +54,8 @@ constexpr const char *notes =
     R"(The steps, each of which is told: the master takes no updates any more (hold), for two minutes at most; the standby
 comes to have all that was taken (copy), and becomes the master (promote); the former master becomes its standby (demote);
 and the hosts of the site take it for their registry (follow). A host that does not let this one change it is told with
-the command to run there. After a failure at any step the same command goes on where it was.
+the command to run there. After a failure at any step the same command goes on where it was. Of two turns to different
+hosts at one time, the one that comes second is refused.
 )";
 
 constexpr Command commands[] = {
@@ -88,11 +90,22 @@ std::string names_in_hosts_file() {
     return std::string(master.data()) + " " + backup.data();
 }
 
+// What the former master knows this turn by: where it goes, and a word of its own, so that another one to the same host
+// does not end its hold.
+std::string name_of_turn(const std::string &host) {
+    uint32_t word = 0;
+    std::array<char, 16> text = {};
+    if (getrandom(&word, sizeof word, 0) != static_cast<ssize_t>(sizeof word))
+        return host;
+    snprintf(text.data(), text.size(), "#%08x", word);
+    return host.size() + strlen(text.data()) <= RVZD_HOST_NAME_MAX ? host + text.data() : host;
+}
+
 // The turn of one site.
 class Turn {
 public:
     Turn(const Arguments &arguments, const Settings &settings)
-        : next_(arguments.host), is_forced_(arguments.is_forced), settings_(settings),
+        : next_(arguments.host), name_(name_of_turn(next_)), is_forced_(arguments.is_forced), settings_(settings),
           results_(output, settings, Results::Of::change) {}
 
     int run() {
@@ -120,7 +133,7 @@ private:
                 return release(status);
         }
         const int demoted = demote();
-        const int followed = follow();
+        const int followed = is_other_master_ ? int{exit_failed} : follow();
         is_at_end_ = true;
         return demoted != exit_done ? demoted : followed;
     }
@@ -148,7 +161,11 @@ private:
         hosts_ = hosts_of_site(next_, settings_);
         append_hosts(hosts_, state->source);
         append_hosts(hosts_, next_);
-        return is_promoted_ ? exit_done : find_former(state->source, state->master);
+        if (is_promoted_)
+            return exit_done;
+        const int status = find_former(state->source, state->master);
+        append_hosts(hosts_, former_);
+        return status;
     }
 
     // Whom the standby copies from takes updates, or another host of the site, where it copies from the wrong one; or
@@ -156,6 +173,8 @@ private:
     int find_former(const std::string &source, const std::string &master_of_copy) {
         RegistryState state;
         const bool is_source = !source.empty() && state.ask(source, settings_) == TBS_ST_OK;
+        if (is_source && is_turned_to_another(*state) && !is_forced_)
+            return fail_turned_to_another(source, state->heard_host);
         former_ = is_source && state->role == RGY_SVR_MASTER ? source : master_over(next_, settings_);
         if (former_.empty() && !is_forced_)
             for (const auto &host : {source, master_of_copy})
@@ -163,6 +182,18 @@ private:
                     return fail_silent(host, status);
         told("find", former_.empty() ? source : former_, former_.empty() ? "no master answers" : "is the master");
         return exit_done;
+    }
+    // One that was superseded by itself has an older registry, and nobody else has a newer one.
+    bool is_turned_to_another(const rvzd_registry_state_reply_t &state) const {
+        return state.role == RGY_SVR_MASTER && state.heard_term > state.term &&
+               !is_same_host(state.heard_host, next_) && !is_same_host(state.heard_host, state.master);
+    }
+    static int fail_turned_to_another(const std::string &host, const std::string &heard_host) {
+        tell_failure(TBS_ST_UNSUPPORTED, host,
+                     "Host '%s' takes no updates any more: '%s' is the master by a higher term. Nothing has changed; "
+                     "\"veliactl site master %s\" brings that turn to its end first\n",
+                     host.c_str(), heard_host.c_str(), heard_host.c_str());
+        return exit_failed;
     }
     tbs_status_t silence_of(const std::string &host) {
         RegistryState state;
@@ -184,18 +215,31 @@ private:
     }
 
     int hold() {
-        const auto status = order(former_, RVZD_TURN_HOLD, "");
-        // One that has been superseded takes none, whatever it is asked.
-        if (status != TBS_ST_OK && status != TBS_ST_UNSUPPORTED)
-            return fail("Updates could not be held on", former_, status);
-        is_held_ = status == TBS_ST_OK;
-        return exit_done;
+        const auto status = order(former_, RVZD_TURN_HOLD, name_);
+        is_held_ = is_held_ || status == TBS_ST_OK;
+        const bool is_refused = status == TBS_ST_UNSUPPORTED || status == TBS_ST_ALREADY_EXISTS;
+        if (status == TBS_ST_OK || (is_refused && is_superseded()))
+            return exit_done;
+        return is_refused ? fail_other_turn(status) : fail("Updates could not be held on", former_, status);
+    }
+    // Then it takes no updates, whatever it is asked.
+    bool is_superseded() {
+        RegistryState state;
+        return state.ask(former_, settings_) == TBS_ST_OK && state->role == RGY_SVR_MASTER &&
+               state->heard_term > state->term && (is_forced_ || !is_turned_to_another(*state));
+    }
+    int fail_other_turn(tbs_status_t status) {
+        tell_failure(status, former_,
+                     "Another turn of the site is under way: host '%s' holds updates for another host than '%s', or is "
+                     "not the master any more. Nothing has changed; that turn ends in two minutes at most\n",
+                     former_.c_str(), next_.c_str());
+        return exit_failed;
     }
 
     // Whoever was killed may have left them held; that ends by itself.
     int release(int status) {
         if (is_held_)
-            order(former_, RVZD_TURN_RELEASE, "");
+            order(former_, RVZD_TURN_RELEASE, name_);
         return status;
     }
 
@@ -283,6 +327,32 @@ private:
             rvzd_rgy_set_backup(daemon.get(), RGY_PROTOCOL_VERSION, list.c_str());
     }
 
+    // A turn to another host may have begun behind this one, and what it makes of the hosts is not undone: it holds the
+    // updates here, or has made its own host the master. One that does not answer cannot have been asked to.
+    bool is_overtaken() {
+        RegistryState state;
+        if (state.ask(next_, settings_) != TBS_ST_OK ||
+            (state->role == RGY_SVR_MASTER && (state->takes_updates != 0 || *state->failure != '\0')))
+            return false;
+        tell_failure(TBS_ST_TRY_AGAIN, next_,
+                     "Host '%s' became the master, and another turn of the site has begun since: which host is the "
+                     "master is told by \"veliactl doctor\"\n",
+                     next_.c_str());
+        return true;
+    }
+    // Who was made the master behind it, or at the same time, is not made its standby.
+    bool is_behind(const rvzd_registry_state_reply_t &other) {
+        RegistryState state;
+        if (state.ask(next_, settings_) != TBS_ST_OK || tbs_uuid_eq(&state->registry, &other.registry) == 0 ||
+            other.term < state->term)
+            return false;
+        tell_failure(TBS_ST_TRY_AGAIN, next_,
+                     "Host '%s' is the master, too, by term %llu: decide for one of both, and run: veliactl site "
+                     "master HOST\n",
+                     other.master, static_cast<unsigned long long>(other.term));
+        return true;
+    }
+
     // Every other host that takes itself for the master; a host may have several names.
     int demote() {
         enlist();
@@ -292,6 +362,9 @@ private:
             if (is_same_host(host, next_) || state.ask(host, settings_) != TBS_ST_OK || state->role != RGY_SVR_MASTER ||
                 is_same_host(state->master, next_) || serve_one_store(host, next_, settings_))
                 continue;
+            is_other_master_ = is_overtaken() || is_behind(*state);
+            if (is_other_master_)
+                return exit_failed;
             const auto status = order(host, RVZD_TURN_FOLLOW, next_);
             told("demote", host,
                  status == TBS_ST_OK ? "done" : "run there: veliactl registry demote --follow " + next_);
@@ -304,6 +377,8 @@ private:
     int follow() {
         int exit_status = exit_done;
         for (const auto &host : hosts_) {
+            if (is_overtaken())
+                return exit_failed;
             const auto turned = turn_host(host, next_, settings_);
             told("follow", host, turned.is_done ? "done" : turned.told);
             if (!turned.is_done)
@@ -313,6 +388,7 @@ private:
     }
 
     const std::string next_;
+    const std::string name_;
     const bool is_forced_;
     const Settings &settings_;
     Results results_;
@@ -320,7 +396,8 @@ private:
     std::vector<std::string> hosts_;
     bool is_promoted_ = false;
     bool is_held_ = false;
-    bool is_at_end_ = false; // all steps were gone, though one may have left something to do
+    bool is_other_master_ = false; // by another turn, which then is the one that counts
+    bool is_at_end_ = false;       // all steps were gone, though one may have left something to do
 };
 
 int turn_site(const Arguments &arguments, const Settings &settings) {
@@ -381,7 +458,7 @@ std::string master_over(const std::string &host, const Settings &settings) {
         return "";
     const tbs_uuid_t registry = state->registry;
     std::vector<std::string> hosts;
-    append_hosts(hosts, std::string(state->source) + " " + state->master);
+    append_hosts(hosts, std::string(state->source) + " " + state->master + " " + state->heard_host);
     for (const auto &other : hosts_of_site(host, settings))
         append_hosts(hosts, other);
     for (const auto &other : hosts)

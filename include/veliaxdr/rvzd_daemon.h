@@ -75,8 +75,8 @@ void rvzd_registry_state_free(rvzd_registry_state_reply_t *reply);
 
 /* Steps of a turn of the site to another master. */
 enum {
-    RVZD_TURN_HOLD = 1,    /* the master takes no updates for `seconds`, from now on */
-    RVZD_TURN_RELEASE = 2, /* it takes them again */
+    RVZD_TURN_HOLD = 1,    /* the master takes no updates for `seconds`, from now on; also after a new start */
+    RVZD_TURN_RELEASE = 2, /* it takes them again, if no other turn to the same host holds them */
     RVZD_TURN_FOLLOW = 3,  /* becomes a standby of `host` */
 };
 
@@ -88,8 +88,10 @@ typedef struct rvzd_registry_turn_req {
 } rvzd_registry_turn_req_t;
 
 /*
- * TBS_ST_UNSUPPORTED for a daemon that is not the master and is asked to hold or release; TBS_ST_INVALID_ARG for a
- * daemon that is to follow itself or no host.
+ * To hold or release, `host` names the turn: the host that is to become the master and, behind a '#', a word of the
+ * caller's own. TBS_ST_ALREADY_EXISTS while a turn to another host holds the updates, or has superseded this daemon;
+ * TBS_ST_UNSUPPORTED for any other that is not the master. TBS_ST_INVALID_ARG for a daemon that is to follow itself or
+ * no host.
  */
 tbs_status_t rvzd_registry_turn(rvzd_handle_t *handle, int64_t op, uint32_t seconds, const char *host);
 

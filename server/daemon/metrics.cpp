@@ -47,7 +47,7 @@ void add_registry(const DaemonFigures &figures, const RegistryBytes &bytes, time
                figures.takes_updates ? 1 : 0);
     page.gauge("velia_registry_term", "Term of the registry's data.", registry.term.number);
     page.gauge("velia_registry_superseded", "1 for a master of which another host has taken the place.",
-               registry.term.is_superseded() ? 1 : 0);
+               registry.role == RGY_SVR_MASTER && registry.term.is_superseded() ? 1 : 0);
     page.gauge("velia_registry_entries", "Entries of the registry.", registry.entries);
     page.gauge("velia_registry_size_bytes", "Size of the registry's file.", bytes.file);
     page.gauge("velia_registry_log_size_bytes", "Size of the log beside the registry's file.", bytes.log);

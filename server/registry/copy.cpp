@@ -124,9 +124,12 @@ std::string words_of_term(uint64_t number, const std::string &host) {
     return "term " + std::to_string(number) + (host.empty() ? "" : " of host \"" + host + "\"");
 }
 
+// What superseded the master is noted here, too: a term that is begun here has to be above that.
 void require_ahead(const Term &theirs, const Stamps &source, Store &store) {
     const Term own = known_to_tell(store);
     const tbs_uuid_t registry = store.stamps(0).registry;
+    if (theirs.is_superseded() && tbs_uuid_eq(&source.registry, &registry) != 0)
+        hear_of_term(store, theirs.heard, theirs.heard_host);
     if (theirs.is_superseded())
         throw CopyError("it is not the master any more, since " + words_of_term(theirs.heard, theirs.heard_host) +
                         ": make this host follow that one with \"veliactl registry hosts --master\"");

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <ctime>
+#include <strings.h>
 #include <utility>
 
 #include <server/daemon/private_files.h>
@@ -28,8 +29,9 @@ constexpr int look_at_start_ms = 3000;
 constexpr uint64_t look_delay_ms = 200; // behind a promotion, of which the former master is to hear soon
 constexpr uint64_t checkpoint_delay_ms = 500;
 constexpr uint32_t hold_s_max = 600;
-constexpr uint64_t look_when_away_ms = 1000; // whether it is there again
-constexpr uint64_t reopen_ms = 1000;         // a database that is away, or refuses, until it is put right
+constexpr const char *hold_setting = "held-until"; // in seconds since 1970, and behind a blank by which turn
+constexpr uint64_t look_when_away_ms = 1000;       // whether it is there again
+constexpr uint64_t reopen_ms = 1000;               // a database that is away, or refuses, until it is put right
 
 // Each a bound on what its calls hold in memory: a search may be as long as a message, others are short.
 // Threads with the store share locks of SQLite's: one that is worth less than the others and is put off while it holds
@@ -162,6 +164,7 @@ tbs_status_t make_master(Store &store) {
                 store.set_setting(former_master_setting, before.host);
             begin_term(store, sysutl_myhostname());
             remember_role(store, RGY_SVR_MASTER);
+            store.set_setting(hold_setting, ""); // of when it was the master before
         });
         const auto status = rgy_set_svr_type(RGY_SVR_MASTER);
         share_with_host("rgy_svr.conf"); // clients read the role
@@ -181,10 +184,10 @@ tbs_status_t make_master(Store &store) {
 RegistryService::RegistryService(uv_loop_t *loop)
     : copier_(loop, "--copy-registry", [this] { refresh_standing(); }),
       looker_(loop, "--look-at-site", [this] { refresh_standing(); }), look_timer_(loop, [this] { look_around(); }),
-      claim_timer_(loop, [this] { look_around(); }), hold_timer_(loop, [this] { release_updates(); }),
-      checkpoint_timer_(loop, [this] { bring_log_home(); }), reopen_timer_(loop, [this] { take_role(); }),
-      away_timer_(loop, [this] { refresh_standing(); }), look_ups_(loop, look_up_shape, false),
-      searches_(loop, search_shape, false), hashes_(loop, hash_shape, false), updates_(loop, update_shape, true) {}
+      claim_timer_(loop, [this] { look_around(); }), checkpoint_timer_(loop, [this] { bring_log_home(); }),
+      reopen_timer_(loop, [this] { take_role(); }), away_timer_(loop, [this] { refresh_standing(); }),
+      look_ups_(loop, look_up_shape, false), searches_(loop, search_shape, false), hashes_(loop, hash_shape, false),
+      updates_(loop, update_shape, true) {}
 
 StoreWorker &RegistryService::worker_of(Lane lane) {
     switch (lane) {
@@ -224,24 +227,81 @@ void RegistryService::update_ended() {
 tbs_status_t RegistryService::refusal_of_update() const {
     if (!is_master_)
         return TBS_ST_NO_SERVER;
-    return is_held_ ? TBS_ST_TRY_AGAIN : TBS_ST_OK;
+    return is_held() ? TBS_ST_TRY_AGAIN : TBS_ST_OK;
 }
 
-void RegistryService::hold_updates(uint32_t seconds, const Answered &answer) {
+// Who was superseded takes none anyway; but whoever makes the turn to another host than the one that did so has to look
+// at the site anew: what was taken there since is not here.
+tbs_status_t RegistryService::refusal_of_hold(const std::string &turn) const {
+    const Term &term = standing_.term;
+    const bool is_turned_to_another = standing_.role == RGY_SVR_MASTER && term.is_superseded() &&
+                                      !is_this_host(term.heard_host) &&
+                                      strcasecmp(term.heard_host.c_str(), host_of_turn(turn).c_str()) != 0;
+    return is_turned_to_another ? TBS_ST_ALREADY_EXISTS : TBS_ST_UNSUPPORTED;
+}
+
+void RegistryService::hold_updates(const std::string &turn, uint32_t seconds, const Answered &answer) {
+    if (!is_master_)
+        return answer(refusal_of_hold(turn));
+    const int64_t now_ms = monotonic_ms();
+    const int64_t held_ms = int64_t{std::min(seconds, hold_s_max)} * 1000;
+    const bool is_new = !hold_.is_held_by(turn, now_ms);
+    if (!hold_.take(turn, now_ms, now_ms + held_ms)) {
+        imsg_print(IMSG_WARNING, "A turn of the site to \"%s\" is refused: one to \"%s\" is under way.\n", IMSG_FORMAT,
+                   host_of_turn(turn).c_str(), hold_.host(now_ms).value_or("").c_str());
+        return answer(TBS_ST_ALREADY_EXISTS);
+    }
+    if (is_new)
+        imsg_print(IMSG_PLAIN, "Updates are held, by the turn of the site to \"%s\".\n", IMSG_FORMAT, turn.c_str());
+    const auto held = [this, answer] {
+        if (updates_in_hand_ == 0)
+            answer(TBS_ST_OK);
+        else
+            holding_.push_back(answer);
+    };
+    if (now_ms + held_ms / 2 <= hold_noted_ms_) // whoever holds them does so again and again
+        return held();
+    hold_noted_ms_ = now_ms + held_ms;
+    note_hold(std::to_string(time(nullptr) + held_ms / 1000) + " " + turn, held);
+}
+
+void RegistryService::release_updates(const std::string &turn, const Answered &answer) {
     if (!is_master_)
         return answer(TBS_ST_UNSUPPORTED);
-    is_held_ = seconds > 0;
-    hold_timer_.start(uint64_t{std::min(seconds, hold_s_max)} * 1000);
-    if (updates_in_hand_ == 0)
-        answer(TBS_ST_OK);
-    else
-        holding_.push_back(answer);
+    if (!hold_.release(turn, monotonic_ms()))
+        return answer(TBS_ST_ALREADY_EXISTS);
+    if (is_held() || hold_noted_ms_ == 0)
+        return answer(TBS_ST_OK);
+    hold_noted_ms_ = 0;
+    note_hold("", [answer] { answer(TBS_ST_OK); });
 }
 
-tbs_status_t RegistryService::release_updates() {
-    is_held_ = false;
-    hold_timer_.stop();
-    return is_master_ ? TBS_ST_OK : TBS_ST_UNSUPPORTED;
+// A master that is started anew amid a turn would take updates that the next one does not get. One that cannot write
+// holds them all the same: there are none that it could take.
+void RegistryService::note_hold(const std::string &noted, std::function<void()> done) {
+    updates_.change(
+        [noted](std::unique_ptr<Store> &store) {
+            try {
+                if (store != nullptr && !is_registry_shared() && store->setting(hold_setting) != noted)
+                    store->set_setting(hold_setting, noted);
+            } catch (const StoreError &error) {
+                print_failure(error.what());
+            }
+        },
+        std::move(done));
+}
+
+// Once, of what was noted before this daemon was started; the clock may have been set since.
+void RegistryService::go_on_holding(const std::string &noted) {
+    if (std::exchange(is_hold_known_, true))
+        return;
+    const size_t blank = noted.find(' ');
+    const auto until = static_cast<int64_t>(term_of_text(noted.substr(0, blank)));
+    const int64_t left_s = std::min<int64_t>(until - time(nullptr), hold_s_max);
+    if (blank == std::string::npos || left_s <= 0)
+        return;
+    hold_noted_ms_ = monotonic_ms() + left_s * 1000;
+    hold_.take(noted.substr(blank + 1), monotonic_ms(), hold_noted_ms_);
 }
 
 // Its own name, or none, would leave a standby that copies from itself.
@@ -280,6 +340,7 @@ void RegistryService::take_standing(Store &store, Taken &taken) {
     taken.term = term_of(store);
     taken.registry = store.stamps(0).registry;
     taken.source = master_in_hosts_file();
+    taken.hold = store.setting(hold_setting);
     taken.has_others = !other_hosts(&store).empty();
     taken.entries = 0;
     for (rgy_db_t db = 0; db < RGY_DB_ALL; ++db)
@@ -498,7 +559,12 @@ void RegistryService::follow_role(Taken taken) {
         return close_store([this] { end_change(); });
     }
     is_master_ = is_master;
-    is_held_ = is_held_ && is_master; // a turn of the site goes on over a signal to read everything again
+    if (is_master) {
+        go_on_holding(taken.hold);
+    } else { // else a turn goes on over a signal to read everything again
+        hold_.clear();
+        hold_noted_ms_ = 0;
+    }
     follow_standing(taken);
     serve(std::move(taken.version));
     if (is_master)
@@ -545,8 +611,7 @@ void RegistryService::follow_role_file() {
 void RegistryService::stop() {
     copier_.stop();
     looker_.stop();
-    for (TimerHandle *timer :
-         {&look_timer_, &claim_timer_, &hold_timer_, &checkpoint_timer_, &reopen_timer_, &away_timer_})
+    for (TimerHandle *timer : {&look_timer_, &claim_timer_, &checkpoint_timer_, &reopen_timer_, &away_timer_})
         timer->stop();
     wait_for_others(0);
 }

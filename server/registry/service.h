@@ -14,6 +14,7 @@
 #include <server/registry/role.h>
 #include <server/registry/store_worker.h>
 #include <server/registry/term.h>
+#include <server/registry/update_hold.h>
 
 namespace velia::server {
 
@@ -80,11 +81,11 @@ public:
     // other hosts of the site are asked.
     void hear_of_term(const tbs_uuid_t &registry, uint64_t number, const std::string &host, bool is_believed);
 
-    // A master takes no updates for so long; answered when the last one that it has taken is done. TBS_ST_UNSUPPORTED
-    // for any other.
+    // A master takes no updates for so long, also over a new start; answered when the last one that it has taken is
+    // done. TBS_ST_ALREADY_EXISTS while a turn to another host is under way, TBS_ST_UNSUPPORTED for no master.
     using Answered = std::function<void(tbs_status_t)>;
-    void hold_updates(uint32_t seconds, const Answered &answer);
-    tbs_status_t release_updates();
+    void hold_updates(const std::string &turn, uint32_t seconds, const Answered &answer);
+    void release_updates(const std::string &turn, const Answered &answer);
 
     // Becomes a standby of another host, whatever it was, and is answered when it is one.
     void follow_host(const std::string &host, const Answered &answer);
@@ -112,6 +113,7 @@ private:
         Term term;
         tbs_uuid_t registry = {};
         std::string source;
+        std::string hold; // as it was noted
         uint64_t entries = 0;
         uint64_t size_bytes = 0;
         bool has_others = false;
@@ -130,6 +132,10 @@ private:
     void become_master(const Answered &answer);
     static void take_standing(Store &store, Taken &taken);
     void follow_standing(Taken &taken);
+    void note_hold(const std::string &noted, std::function<void()> done);
+    void go_on_holding(const std::string &noted);
+    tbs_status_t refusal_of_hold(const std::string &turn) const;
+    bool is_held() const { return hold_.host(monotonic_ms()).has_value(); }
     static void tell_superseded(const Term &term);
     void refresh_standing();
     void bring_log_home();
@@ -144,14 +150,15 @@ private:
     TimerHandle look_timer_;
     TimerHandle claim_timer_;
     std::optional<int64_t> claim_looked_ms_; // when a stranger's claim was looked into last, or will be
-    TimerHandle hold_timer_;
     TimerHandle checkpoint_timer_;
     TimerHandle reopen_timer_;
     TimerHandle away_timer_;
     Standing standing_;
     std::string away_;              // why the database was not reached when it was asked last
     bool has_others_ = false;       // hosts of the site
-    bool is_held_ = false;          // updates are refused for a while
+    UpdateHold hold_;               // while it lasts, updates are refused
+    bool is_hold_known_ = false;    // what was noted of it before this start
+    int64_t hold_noted_ms_ = 0;     // until when, by the store
     size_t updates_in_hand_ = 0;    // taken and not answered
     std::vector<Answered> holding_; // who waits until there are none
     uint32_t copy_interval_s_ = 0;

@@ -56,9 +56,9 @@ void SiteProcedures::turn(const rvzd_registry_turn_req_t &request, const Caller 
     const auto done = [answer](tbs_status_t status) { answer(status, {}); };
     switch (request.op) {
     case RVZD_TURN_HOLD:
-        return service_.hold_updates(request.seconds, done);
+        return service_.hold_updates(printable_host(request.host), request.seconds, done);
     case RVZD_TURN_RELEASE:
-        return done(service_.release_updates());
+        return service_.release_updates(printable_host(request.host), done);
     case RVZD_TURN_FOLLOW:
         return service_.follow_host(printable_host(request.host), done);
     default:

@@ -45,6 +45,8 @@ TEST_F(Metrics, AreThoseOfTheStatusAndThereWhileTheConfigurationSaysSo) {
     EXPECT_THAT(text, HasSubstr("\nvelia_registry_size_bytes " + status["store_bytes"].scalar + "\n"));
     EXPECT_THAT(text, HasSubstr("\nvelia_request_duration_seconds_count{procedure=\"rgy_add_entry\"} 1\n"));
     EXPECT_THAT(page("/"), testing::StartsWith("HTTP/1.1 404 "));
+    read_again("option metrics " + path() + "\n");
+    EXPECT_EQ(daemon->count("The figures can be had at"), 1u) << "what is not changed goes on: " << daemon->output();
     read_again("");
     EXPECT_EQ(page(), "");
     EXPECT_FALSE(std::filesystem::exists(path()));

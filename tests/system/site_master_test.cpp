@@ -376,6 +376,9 @@ TEST_F(SiteMaster, OneThatWasSupersededByItselfIsToldHowToGoOn) {
     std::filesystem::copy_file(site.path("older"), stored);
     start_alpha();
     EXPECT_TRUE(daemon->says("veliactl registry promote alpha --force")) << daemon->output();
+    EXPECT_THAT(
+        veliactl({"doctor", "--output", "jsonl"}).output,
+        HasSubstr("its registry is an older one; to go on with it, run: veliactl registry promote alpha --force"));
     EXPECT_EQ(add_region("refused"), TBS_ST_NO_SERVER);
     EXPECT_EQ(veliactl({"registry", "promote", "alpha", "--force"}).status, DONE);
     EXPECT_TRUE(eventually([] { return add_region("two") == TBS_ST_OK; })) << daemon->output();
@@ -404,8 +407,15 @@ TEST_F(SiteMaster, AnUpdateThatWasTakenAmidTheCopyIsNotLost) {
     std::optional<RegistryLock> lock(std::in_place, site, "beta/host/priv/registry.db");
     Child tool({VELIACTL, "site", "master", "beta", "--output", "jsonl"}, options);
     ASSERT_TRUE(eventually([&] { return site.read("steps").find("\"hold\"") != std::string::npos; }));
-    ASSERT_TRUE(eventually(
-        [] { return turn("alpha", RVZD_TURN_RELEASE, 0) == TBS_ST_OK && add_region("three") == TBS_ST_OK; }));
+    const std::string before_name = "by the turn of the site to \"";
+    ASSERT_TRUE(daemon->says(before_name));
+    const std::string log = daemon->output();
+    const size_t name = log.rfind(before_name) + before_name.size();
+    const std::string turn_name = log.substr(name, log.find('"', name) - name);
+    ASSERT_THAT(turn_name, testing::StartsWith("beta#"));
+    ASSERT_TRUE(eventually([&] {
+        return turn("alpha", RVZD_TURN_RELEASE, 0, turn_name.c_str()) == TBS_ST_OK && add_region("three") == TBS_ST_OK;
+    }));
     EXPECT_TRUE(eventually([] { return !state_of("alpha").takes_updates; })) << "they are held again";
     lock.reset();
     EXPECT_EQ(tool.wait(30), DONE) << site.read("steps");

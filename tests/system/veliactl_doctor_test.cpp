@@ -5,7 +5,10 @@
 #include <csignal>
 #include <set>
 
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <tests/system/support/registry_site.h>
 
@@ -117,6 +120,70 @@ TEST_F(Doctor, FindsWhatIsWrongWithFilesAndTheirRights) {
     EXPECT_TRUE(has(findings, "role", "fail", "rgy_svr.conf", "king")) << told(findings);
 }
 
+TEST_F(Doctor, FindsNothingWrongWithWhatOnlyLooksLikeIt) {
+    start_alpha();
+    chmod(site.path("host/data").c_str(), 01777); // as of a directory for all, whose files are their owners'
+    std::filesystem::create_directories(site.path("host/priv/saved"));
+    ASSERT_EQ(chown(site.path("host/priv/saved").c_str(), 4242, 4242), 0);
+    const auto findings = look().findings;
+    EXPECT_TRUE(has(findings, "directories", "ok", "host/data", "mode 1777")) << told(findings);
+    EXPECT_FALSE(has(findings, "private-files", "ok", "saved", "") ||
+                 has(findings, "private-files", "fail", "saved", ""))
+        << "directories are no private files: " << told(findings);
+    site.write("host/config/rgy_svr.conf", "not a server");
+    site.write("config/client_only", "");
+    ASSERT_TRUE(eventually([] { return state_of("alpha").role == RGY_SVR_NONE; }));
+    EXPECT_TRUE(has(look().findings, "role", "ok", "rgy_svr.conf", "no registry server")) << told(look().findings);
+    site.write("config/services.conf", "rvzd 371\n");
+    site.write("host/priv/.rvzd_well_known_port", "");
+    EXPECT_TRUE(has(look().findings, "port", "ok", "alpha", "port 371, by its marker file")) << told(look().findings);
+}
+
+// Of another host nobody here can tell which addresses are its own.
+TEST_F(Doctor, LooksAtTheAddressesOfAnotherHostFromAfar) {
+    site.write("config/hosts.conf", "alpha 127.0.0.1\nfar 192.0.2.1\n");
+    EXPECT_TRUE(has(look({"far"}).findings, "name", "ok", "192.0.2.1", "is an address of far"));
+}
+
+TEST_F(Doctor, FindsARoleThatTheDaemonDoesNotGoBy) {
+    start_alpha();
+    for (const char *directory : {"other/host/config", "other/host/priv"})
+        std::filesystem::create_directories(site.path(directory));
+    std::filesystem::create_symlink(site.path("config"), site.path("other/config"));
+    site.write("other/host/config/rgy_svr.conf", "slave");
+    const auto findings = look({}, {"VELIA_ROOT=" + site.path("other")}).findings;
+    EXPECT_TRUE(has(findings, "role", "warn", "rgy_svr.conf", "says 'slave', and the daemon goes by 'master'",
+                    "write the role there that is meant"))
+        << told(findings);
+}
+
+TEST_F(Doctor, FindsASocketThatNobodyAnswers) {
+    start_alpha();
+    const std::string left = site.path("host/run/rvzd.left");
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    ASSERT_LT(left.size(), sizeof address.sun_path);
+    std::copy(left.begin(), left.end(), address.sun_path);
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    close(fd);
+    const auto [status, findings] = look();
+    EXPECT_EQ(status, DONE) << "others are answered";
+    EXPECT_TRUE(has(findings, "local-road", "warn", "rvzd.left", "is not answered", "start the daemon"))
+        << told(findings);
+}
+
+TEST_F(Doctor, FindsADiskThatIsFull) {
+    start_alpha();
+    site.write("full", "");
+    const auto [status, findings] =
+        look({}, {std::string("LD_PRELOAD=") + FULL_DISK_PRELOAD, "DISK_IS_FULL=" + site.path("full"),
+                  "ASAN_OPTIONS=verify_asan_link_order=0"});
+    EXPECT_EQ(status, FAILED);
+    EXPECT_TRUE(has(findings, "database", "fail", "host/priv", "less than 64 MiB are free", "make room"))
+        << told(findings);
+}
+
 TEST_F(Doctor, FindsWhatIsWrongWithNamesAndWhatStandsInThePlaceOfADirectory) {
     start_alpha();
     site.write("config/hosts.conf", "alpha 192.0.2.1\n");
@@ -156,6 +223,64 @@ TEST_F(Doctor, FindsTwoMasters) {
         << told(findings);
 }
 
+TEST_F(Doctor, FindsNoSecondMasterInAnotherNameOfThisHost) {
+    site.write("config/hosts.conf", "alpha 127.0.0.1\nbeta 127.0.0.2\nalias 127.0.0.1\n");
+    site.write("host/config/rgy_hosts.conf", "alpha\nalias\n");
+    start_alpha();
+    ASSERT_TRUE(eventually([] { return state_of("alias").takes_updates; }));
+    const auto findings = look().findings;
+    EXPECT_TRUE(has(findings, "term", "ok", "alpha", "term 1")) << told(findings);
+}
+
+// It waits for its master, who does not say a word.
+TEST_F(Doctor, FindsAStandbyThatHasNotCopiedYet) {
+    start_alpha();
+    daemon->signal(SIGSTOP);
+    start_beta();
+    const auto findings = look({}, on_beta()).findings;
+    daemon->signal(SIGCONT);
+    EXPECT_TRUE(has(findings, "copy", "warn", "beta", "has not been like alpha yet", "wait for its first copy"))
+        << told(findings);
+}
+
+TEST_F(Doctor, FindsACopyThatIsOld) {
+    start_alpha();
+    ASSERT_EQ(add_region("one"), TBS_ST_OK);
+    site.configure("option registry-copy 3600\n");
+    site.write("ahead", "0");
+    Child::Options options;
+    options.environment = on_beta();
+    for (const auto &variable : {std::string("LD_PRELOAD=") + SET_CLOCK_PRELOAD, "CLOCK_AHEAD=" + site.path("ahead"),
+                                 std::string("ASAN_OPTIONS=verify_asan_link_order=0")})
+        options.environment.push_back(variable);
+    standby = std::make_unique<Daemon>(site, Words{"--listen", "127.0.0.2"}, options);
+    ASSERT_TRUE(standby->is_ready()) << standby->output();
+    ASSERT_TRUE(eventually([] { return state_of("beta").current > 0; })) << standby->output();
+    EXPECT_TRUE(has(look({"beta"}).findings, "copy", "ok", "beta", "it is like alpha"));
+    site.write("ahead", "400");
+    ASSERT_TRUE(eventually([] { return state_of("beta").now - state_of("beta").current >= 400; }));
+    const auto findings = look({"beta"}).findings;
+    EXPECT_TRUE(has(findings, "copy", "warn", "beta", "it was like alpha 4", "see its log")) << told(findings);
+}
+
+// Another site's, which is in the hosts file by mistake.
+TEST_F(Doctor, FindsNoSecondMasterInOneOfAnotherRegistry) {
+    start_alpha();
+    site.write("beta/host/config/rgy_svr.conf", "master");
+    site.write("beta/host/config/rgy_hosts.conf", "beta\n\n");
+    start_beta();
+    ASSERT_TRUE(eventually([] { return state_of("beta").takes_updates && state_of("alpha").takes_updates; }));
+    const auto findings = look().findings;
+    EXPECT_TRUE(has(findings, "term", "ok", "alpha", "term 1")) << told(findings);
+}
+
+TEST_F(Doctor, FindsThatItsFilesCannotBeSeen) {
+    std::filesystem::remove_all(site.path("host/priv"));
+    const auto findings = look().findings;
+    EXPECT_TRUE(has(findings, "private-files", "warn", "host/priv", "cannot be seen: No such file", "daemon's user"))
+        << told(findings);
+}
+
 TEST_F(Doctor, FindsWhatIsWrongWithTheRoleAndTheHostsFile) {
     start_both();
     site.write("config/client_only", "");
@@ -185,6 +310,7 @@ TEST_F(Doctor, FindsAMasterThatWasSupersededAndAStandbyThatCannotCopy) {
     const auto at_beta = look({}, on_beta()).findings;
     EXPECT_TRUE(has(at_beta, "hosts-file", "fail", "alpha", "was superseded by beta", "--master beta"))
         << told(at_beta);
+    EXPECT_TRUE(has(at_beta, "term", "ok", "beta", "term 2")) << "the other takes no updates: " << told(at_beta);
     site.write("beta/host/config/rgy_hosts.conf", "beta\nbeta\n");
     ASSERT_EQ(veliactl({"registry", "demote", "--follow", "beta"}).status, DONE);
     ASSERT_TRUE(eventually([] { return state_of("alpha").master == "beta"; }));
@@ -206,6 +332,8 @@ TEST_F(Doctor, FindsASiteWithoutAMaster) {
     stop(daemon);
     const auto findings = look({}, on_beta()).findings;
     EXPECT_FALSE(has(findings, "term", "fail", "", "")) << "it may be the one that does not answer: " << told(findings);
+    EXPECT_TRUE(has(findings, "hosts-file", "fail", "alpha", "does not answer")) << told(findings);
+    EXPECT_FALSE(has(findings, "hosts-file", "warn", "alpha", "does not answer")) << "once: " << told(findings);
 }
 
 TEST_F(Doctor, FindsAClockThatIsOff) {

@@ -1,4 +1,5 @@
 // Entries in bulk through the tool: written to files and read from them, changed in place, watched.
+#include <tests/system/support/on_terminal.h>
 #include <tests/system/support/veliactl.h>
 
 #include <csignal>
@@ -154,6 +155,38 @@ TEST_F(VeliactlTransfer, AnExportToAPipeLeavesThePipe) {
                          std::string("cat '") + pipe + "' & " + VELIACTL + " registry export '" + pipe + "'; wait"});
     EXPECT_THAT(outcome.output, HasSubstr("east"));
     EXPECT_TRUE(std::filesystem::is_fifo(pipe));
+}
+
+// A person at a terminal sees how far it is, and in the end only what came of it.
+TEST_F(VeliactlTransfer, OfManyEntriesShowsOnATerminalHowFarItIs) {
+    std::string lines;
+    for (int i = 0; i < 2500; ++i)
+        lines += R"({"db":"regions","items":{"name":"n)" + std::to_string(i) + R"(","title":")" +
+                 std::string(200, 't') + "\"}}\n";
+    site.write("many.jsonl", lines);
+    const std::string wiped = "\r\x1b[K";
+    const auto shown = [&](const Words &words) {
+        OnTerminal terminal(words);
+        EXPECT_EQ(terminal.end(), DONE) << terminal.shown();
+        return terminal.shown();
+    };
+    const auto imported = shown({VELIACTL, "registry", "import", site.path("many.jsonl")});
+    EXPECT_THAT(imported, testing::ContainsRegex("regions: (1|2)[0-9]* of 2500 entries"));
+    EXPECT_GT(imported.find("added"), imported.rfind(wiped)) << imported;
+    const auto exported = shown({VELIACTL, "registry", "export", site.path("again.jsonl")});
+    EXPECT_THAT(exported, testing::ContainsRegex("regions: 2[0-9]* entries"));
+    const auto saved = shown({VELIACTL, "registry", "save", site.path("saved")});
+    EXPECT_THAT(saved, testing::ContainsRegex("(copying|fetching): [0-9]+ %"));
+    EXPECT_EQ(saved.find('%', saved.rfind(wiped)), std::string::npos) << saved;
+    const auto listed = shown({"/bin/sh", "-c", std::string(VELIACTL) + " registry list regions >/dev/null"});
+    EXPECT_THAT(listed, HasSubstr("read: 2000 entries"));
+    for (const Words &quiet : {Words{"registry", "export", site.path("again.jsonl"), "--output", "json"},
+                               Words{"registry", "save", site.path("saved"), "--output", "json"}}) {
+        Words words = {VELIACTL};
+        words.insert(words.end(), quiet.begin(), quiet.end());
+        EXPECT_EQ(shown(words).find(wiped), std::string::npos) << "for programs";
+    }
+    EXPECT_EQ(veliactl({"registry", "export", site.path("again.jsonl")}).errors, "") << "nobody looks";
 }
 
 TEST_F(VeliactlTransfer, AnImportThatIsOnlyTriedAddsNothing) {

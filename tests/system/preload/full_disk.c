@@ -9,6 +9,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -49,3 +50,18 @@ REFUSED_WHEN_FULL(int, fallocate, (int fd, int mode, off_t offset, off_t size), 
 REFUSED_WHEN_FULL(int, fallocate64, (int fd, int mode, off64_t offset, off64_t size), (fd, mode, offset, size))
 REFUSED_WHEN_FULL(int, ftruncate, (int fd, off_t size), (fd, size))
 REFUSED_WHEN_FULL(int, ftruncate64, (int fd, off64_t size), (fd, size))
+
+/* Whoever asks is told so. */
+#define HAS_NO_ROOM_WHEN_FULL(NAME)                                                                                    \
+    int NAME(const char *path, struct NAME *facts) {                                                                   \
+        int (*function)(const char *, struct NAME *);                                                                  \
+        const char *file = getenv("DISK_IS_FULL");                                                                     \
+        *(void **)&function = dlsym(RTLD_NEXT, #NAME);                                                                 \
+        const int result = function(path, facts);                                                                      \
+        if (file != NULL && access(file, F_OK) == 0)                                                                   \
+            facts->f_bavail = 0;                                                                                       \
+        return result;                                                                                                 \
+    }
+
+HAS_NO_ROOM_WHEN_FULL(statvfs)
+HAS_NO_ROOM_WHEN_FULL(statvfs64)

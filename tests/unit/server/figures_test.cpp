@@ -22,6 +22,20 @@ TEST(CallFigures, TellMedianAndNinetyNinthPercentileToAFifth) {
     EXPECT_LE(rows[1].p99_us, 1200u);
 }
 
+// As many calls take no longer than what is told, and one more does where a call is slower.
+TEST(CallFigures, TellTheLongestTimeOfAShareToTheCall) {
+    CallFigures figures;
+    for (int i = 0; i < 98; ++i)
+        figures.add(7, 100);
+    figures.add(7, 1000);
+    figures.add(7, 100000);
+    EXPECT_EQ(figures.rows()[0].median_us, 111u) << "what is counted with it ends there";
+    EXPECT_EQ(figures.rows()[0].p99_us, 1023u) << "the ninety-ninth of a hundred";
+    CallFigures next;
+    next.add(7, 112);
+    EXPECT_EQ(next.rows()[0].median_us, 127u);
+}
+
 TEST(CallFigures, TakeAnyTime) {
     CallFigures figures;
     figures.add(1, -5);

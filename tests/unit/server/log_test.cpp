@@ -193,6 +193,20 @@ TEST_F(LogTest, OnlyErrorsOfServersAreOfInterestWhereOnlyErrorsAre) {
     EXPECT_THAT(written(), testing::Not(HasSubstr("plain")));
 }
 
+// What a process of the daemon's says that it does is no warning.
+TEST_F(LogTest, OnlyWarningsOfServersAreOfInterestWhereNoLessIs) {
+    imsg_set_app_name("rvzd_server");
+    ASSERT_EQ(imsg_init_daemon(path.c_str()), 0);
+    {
+        const Log log;
+        Log::set_options({IMSG_WARNING, false});
+        const std::string words = "plain\nrvzd_server: Warning: slow\n";
+        EXPECT_TRUE(Log::add_output(words.data(), words.size()));
+    }
+    EXPECT_THAT(written(), testing::EndsWith("Z rvzd_server: Warning: slow\n"));
+    EXPECT_THAT(written(), testing::Not(HasSubstr("plain")));
+}
+
 // The journal names the stream that it reads by its device and inode.
 TEST_F(LogTest, PrioritiesAreForTheJournalAlone) {
     imsg_set_app_name("rvzd_server");

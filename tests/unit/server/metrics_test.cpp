@@ -153,8 +153,22 @@ TEST(Metrics, AreAPageThatCheckersOfTheFormTake) {
     EXPECT_EQ(master.value("velia_request_duration_seconds_sum", {procedure}), 1.500000);
     EXPECT_EQ(master.value("velia_request_duration_seconds_count", {procedure}), 1);
 
+    figures.registry.term.heard = 8;
+    figures.takes_updates = false;
+    calls.add(99999, int64_t{1} << 40);
+    const Page superseded(metrics_text(figures, {}, calls, 2000));
+    EXPECT_EQ(superseded.value("velia_registry_superseded"), 1);
+    EXPECT_EQ(superseded.value("velia_registry_takes_updates"), 0);
+    EXPECT_EQ(superseded.value("velia_request_duration_seconds_bucket", {procedure, {"le", "67.108863"}}), 1);
+    EXPECT_EQ(superseded.value("velia_request_duration_seconds_bucket", {procedure, {"le", "+Inf"}}), 2)
+        << "of longer ones, too";
+    figures.registry.role = RGY_SVR_NONE;
+    EXPECT_FALSE(Page(metrics_text(figures, {}, calls, 2000)).has_family("velia_registry_copy_failing"));
+
     figures.registry.role = RGY_SVR_STANDBY;
     figures.registry.failure = "no answer";
+    EXPECT_EQ(Page(metrics_text(figures, {}, calls, 2000)).value("velia_registry_superseded"), 0)
+        << "its master was, of which it has heard";
     EXPECT_FALSE(Page(metrics_text(figures, {}, calls, 2000)).has_family("velia_registry_lag_seconds"));
     figures.registry.current = 1990;
     const Page standby(metrics_text(figures, {}, calls, 2000));
