@@ -75,7 +75,9 @@ void hear(Store &store, const Answer &answer) {
     hear_of_term(store, state.heard_term, state.heard_host);
 }
 
-void look_at(Store &store) {
+} // namespace
+
+void look_at_site(Store &store) {
     const Term own = term_of(store);
     const tbs_uuid_t registry = store.stamps(0).registry;
     for (const std::string &host : other_hosts(&store)) {
@@ -84,8 +86,6 @@ void look_at(Store &store) {
             hear(store, answer);
     }
 }
-
-} // namespace
 
 std::vector<std::string> hosts_in(const std::string &list) {
     std::vector<std::string> hosts;
@@ -125,7 +125,7 @@ int run_look() {
     try {
         end_with_daemon();
         bool is_new = false;
-        look_at(*open_registry(is_new));
+        look_at_site(*open_registry(is_new));
         return EXIT_SUCCESS;
     } catch (const CopyError &error) {
         imsg_print(IMSG_ERROR, "The site has two masters: %s\n", IMSG_FORMAT, error.what());
