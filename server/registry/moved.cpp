@@ -52,10 +52,19 @@ void put_numbers(Store &from, Store &to) {
         to.skip_numbers(last - own);
 }
 
+bool is_same_registry(Store &left, Store &right) {
+    const tbs_uuid_t one = left.stamps(0).registry;
+    const tbs_uuid_t other = right.stamps(0).registry;
+    return tbs_uuid_eq(&one, &other) != 0;
+}
+
+// Of the same registry a database with the same stamps is the same, and of another one what stands there already stays.
 void put_all(Store &from, Store &to) {
-    to.begin_anew(from.stamps(0).registry);
+    if (!is_same_registry(from, to))
+        to.begin_anew(from.stamps(0).registry);
     for (rgy_db_t db = 0; db < RGY_DB_ALL; ++db)
-        to.replace(db, from.stamps(db).pair, contents_of(from, db));
+        if (const auto stamps = from.stamps(db).pair; !is_same(stamps, to.stamps(db).pair))
+            to.replace(db, stamps, contents_of(from, db));
     put_settings(from, to);
     put_numbers(from, to);
 }
@@ -91,12 +100,6 @@ std::string own_file() {
 // Where the registry is now, as marks have it.
 std::string own_place() {
     return is_registry_shared() ? registry_place() : own_file();
-}
-
-bool is_same_registry(Store &left, Store &right) {
-    const tbs_uuid_t one = left.stamps(0).registry;
-    const tbs_uuid_t other = right.stamps(0).registry;
-    return tbs_uuid_eq(&one, &other) != 0;
 }
 
 uint64_t sum_of(const EntryCounts &counts) {
@@ -223,7 +226,7 @@ RegistryMove move_into_database(const std::string &conninfo, bool is_tried) {
     const std::string place = told_conninfo(conninfo);
     const auto from = open_source();
     if (!is_tried && !is_registry_shared())
-        look_at_site(*from);
+        look_at_site(*from, Serving::elsewhere);
     require_masters(*from);
     RegistryMove move = {MoveState::would_move, place, counts_of(*from), {}, ""};
     if (is_tried && !has_postgres_schema(conninfo))

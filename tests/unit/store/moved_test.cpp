@@ -1,8 +1,11 @@
 // The mark of a registry that has been moved elsewhere.
 #include <tests/unit/store/store_fixture.h>
 
+#include <filesystem>
 #include <tests/unit/store/postgres_fixture.h>
 #include <thread>
+
+#include <server/registry/moved.h>
 
 using namespace velia::server;
 using testing::HasSubstr;
@@ -12,6 +15,29 @@ namespace {
 
 using StoreMark = StoreTest;
 VELIA_FOR_EACH_STORE(StoreMark);
+
+// Into a store of each kind, from a file.
+struct MovedStore : StoreTest {
+    const std::string file =
+        (std::filesystem::temp_directory_path() / ("velia-moved-" + std::to_string(getpid()) + ".db")).string();
+    bool is_new_file = false;
+    std::unique_ptr<Store> from = open_sqlite_store(file, is_new_file);
+
+    ~MovedStore() override {
+        from.reset();
+        for (const char *suffix : {"", "-wal", "-shm", ".made"})
+            std::filesystem::remove(file + suffix);
+    }
+    void expect_alike() {
+        for (rgy_db_t db = 0; db < RGY_DB_ALL; ++db) {
+            EXPECT_EQ(all(db), scan_of(*from, {db, "", "", ""})) << db;
+            EXPECT_TRUE(is_same(pair(db), from->stamps(db).pair)) << db;
+            EXPECT_EQ(store->count(db), from->count(db)) << db;
+        }
+        EXPECT_EQ(store->settings(), from->settings());
+    }
+};
+VELIA_FOR_EACH_STORE(MovedStore);
 
 struct ClosedDatabase : PostgresStoreTest {
     std::unique_ptr<Store> serving = open();
@@ -59,6 +85,44 @@ TEST_P(StoreMark, IsUndoneWithWhatItIsPutTogetherWith) {
     }),
                  StoreError);
     EXPECT_EQ(store->moved_to(), "");
+}
+
+TEST_P(MovedStore, IsWhatItWasEachTimeThatItIsMovedAgain) {
+    add_to(*from, named("a"));
+    add_to(*from, named("b"), RGY_DB_DOMAINS);
+    from->set_setting("s", "v");
+    move_registry(*from, *store);
+    expect_alike();
+    add_to(*from, named("c"));
+    const Entry other = named("d");
+    ASSERT_EQ(from->change(RGY_DB_REGIONS, 1, other.identity, other.text, other.items), Store::ChangeResult::changed);
+    from->set_setting("s", "w");
+    EXPECT_EQ(move_registry(*from, *store).at(RGY_DB_REGIONS), 2u);
+    expect_alike();
+    Record removed;
+    ASSERT_TRUE(from->remove(RGY_DB_DOMAINS, 2, removed));
+    move_registry(*from, *store);
+    expect_alike();
+    EXPECT_THAT(found("-name", "a"), IsEmpty());
+}
+
+TEST_P(MovedStore, TakesThePlaceOfAnotherRegistry) {
+    add_all({"x", "y"});
+    add_all({"z"}, RGY_DB_DOMAINS);
+    add_to(*from, named("a"));
+    move_registry(*from, *store);
+    expect_alike();
+    EXPECT_THAT(found("-name", "z", RGY_DB_DOMAINS), IsEmpty());
+}
+
+// Whatever somebody did to it behind its stamps.
+TEST_P(MovedStore, IsNotMovedWhereNotAllHasCome) {
+    add_to(*from, named("a"));
+    move_registry(*from, *store);
+    const auto stamps = pair(RGY_DB_REGIONS);
+    ASSERT_TRUE(remove(1));
+    store->replace(RGY_DB_REGIONS, stamps, {});
+    EXPECT_THROW(move_registry(*from, *store), StoreError);
 }
 
 TEST_F(ClosedDatabase, IsNeitherReadNorChangedByWhomeverServedIt) {
