@@ -242,6 +242,54 @@ TEST_F(MoveOfRegistry, OnlyAMastersMoves) {
     EXPECT_FALSE(is_served_from_database());
 }
 
+TEST_F(MoveOfRegistry, OfAMasterThatWasSupersededIsRefused) {
+    for (const char *setting : {"('heard-term'), ('9')", "('heard-host'), ('beta')"}) {
+        const std::string text = setting;
+        const auto comma = text.find(", ");
+        answer_of_file(("INSERT OR REPLACE INTO setting (name, value) VALUES (CAST(" + text.substr(0, comma) +
+                        " AS BLOB), CAST(" + text.substr(comma + 2) + " AS BLOB))")
+                           .c_str());
+    }
+    const Outcome refused = move(database.conninfo());
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_THAT(refused.errors, HasSubstr("host \"beta\" is the registry's master by now"));
+    EXPECT_FALSE(is_served_from_database());
+}
+
+// The hosts of the site are asked.
+TEST_F(MoveOfRegistry, BesideASecondMasterIsRefused) {
+    const std::string saved = site.path("saved.db");
+    ASSERT_EQ(run_apart(site, {RVZD_SERVER, "--save-registry", saved}).status, 0);
+    std::filesystem::copy_file(saved, site.path("beta/host/priv/registry.db"));
+    start_beta();
+    site.write("host/config/rgy_hosts.conf", "alpha\nbeta\n");
+    const Outcome refused = move(database.conninfo());
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_THAT(refused.errors, HasSubstr("host \"beta\" takes updates, too, under the same term"));
+    EXPECT_FALSE(is_served_from_database());
+    EXPECT_TRUE(is_served_from_file());
+}
+
+TEST_F(MoveOfRegistry, WhatMovedToOneDatabaseIsNotMovedToAnother) {
+    velia::postgres_test::Server other;
+    ASSERT_EQ(move(database.conninfo()).status, 0);
+    const Outcome refused = move(other.conninfo());
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_THAT(refused.errors, HasSubstr("the registry was moved to postgresql"));
+    EXPECT_EQ(other.ask("SELECT count(*) FROM entry"), "0");
+    EXPECT_TRUE(is_served_from_database());
+}
+
+TEST_F(MoveOfRegistry, MayBeFromOneDatabaseToAnother) {
+    velia::postgres_test::Server other;
+    ASSERT_EQ(move(database.conninfo()).status, 0);
+    keep_in_database();
+    const Outcome outcome = move(other.conninfo());
+    ASSERT_EQ(outcome.status, 0) << outcome.errors;
+    EXPECT_FALSE(is_served_from_database());
+    EXPECT_THAT(told_with([&] { keep_in(other.conninfo()); }), ElementsAre("a", "b", "c"));
+}
+
 TEST_F(MoveOfRegistry, OfAnotherRegistryNothingIsOverwrittenAndNothingIsClosed) {
     velia::postgres_test::Server full;
     full.run("CREATE ROLE clerk LOGIN");
