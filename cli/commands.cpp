@@ -49,6 +49,7 @@ std::vector<Command> all_commands() {
                                  registry_role_commands,
                                  registry_site_commands,
                                  registry_save_commands,
+                                 registry_move_commands,
                                  site_commands,
                                  daemon_commands,
                                  doctor_commands,

@@ -20,6 +20,7 @@ extern const Commands registry_admin_commands;
 extern const Commands registry_role_commands;
 extern const Commands registry_site_commands;
 extern const Commands registry_save_commands;
+extern const Commands registry_move_commands;
 extern const Commands site_commands;
 extern const Commands daemon_commands;
 extern const Commands doctor_commands;

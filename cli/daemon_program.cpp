@@ -9,6 +9,7 @@
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -53,12 +54,20 @@ std::string read_to_end(int fd) {
     }
 }
 
-int start(const std::string &program, std::vector<std::string> &words, const Pipe &input, const Pipe &errors,
-          pid_t &pid) {
+// A file in memory, which takes whatever comes without anybody who reads it meanwhile.
+std::string text_in(int fd) {
+    std::string text(errors_max, '\0');
+    const ssize_t count = pread(fd, text.data(), text.size(), 0);
+    text.resize(count > 0 ? static_cast<size_t>(count) : 0);
+    return text;
+}
+
+int start(const std::string &program, std::vector<std::string> &words, const Pipe &input, int output,
+          const Pipe &errors, pid_t &pid) {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, input.ends[0], STDIN_FILENO);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
     if (errors.ends[1] >= 0)
         posix_spawn_file_actions_adddup2(&actions, errors.ends[1], STDERR_FILENO);
     std::string name = program;
@@ -97,12 +106,14 @@ ProgramEnd run_program(const std::string &program, std::vector<std::string> word
     ProgramEnd end;
     Pipe in;
     Pipe err;
-    if (!in.open() || (errors == Errors::kept && !err.open())) {
+    Pipe out; // of which one end is used: a file
+    out.ends[0] = memfd_create("output", MFD_CLOEXEC);
+    if (out.ends[0] < 0 || !in.open() || (errors == Errors::kept && !err.open())) {
         end.error_number = errno;
         return end;
     }
     pid_t pid = 0;
-    end.error_number = start(program, words, in, err, pid);
+    end.error_number = start(program, words, in, out.ends[0], err, pid);
     in.close_end(0);
     err.close_end(1);
     if (end.error_number != 0)
@@ -112,6 +123,7 @@ ProgramEnd run_program(const std::string &program, std::vector<std::string> word
     if (errors == Errors::kept)
         end.errors = read_to_end(err.ends[0]);
     end.status = status_of_end(pid);
+    end.output = text_in(out.ends[0]);
     if (!is_written && end.status == 0)
         end.status = 1;
     return end;

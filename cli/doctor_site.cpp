@@ -190,12 +190,12 @@ void look_at_daemon(Visit &visit) {
     if (!answer.is_there())
         return visit.fail(visit.host(), std::string(no_answer) + ": " + tbs_strerror(answer.status),
                           "start rvzd_server there");
-    constexpr tbs_uuid_t none = {};
-    if (answer.registry->role != RGY_SVR_NONE && tbs_uuid_eq(&answer.registry->registry, &none) != 0)
-        return visit.fail(visit.host(), "it has a role, but serves no registry", "see its log, which tells why");
     if (answer.registry->role == RGY_SVR_MASTER && *answer.registry->failure != '\0')
         return visit.fail(visit.host(), std::string("its registry cannot be reached: ") + answer.registry->failure,
                           "see to the database in which it is");
+    constexpr tbs_uuid_t none = {};
+    if (answer.registry->role != RGY_SVR_NONE && tbs_uuid_eq(&answer.registry->registry, &none) != 0)
+        return visit.fail(visit.host(), "it has a role, but serves no registry", "see its log, which tells why");
     visit.ok(visit.host(), "its daemon answers: " + name_of_role(answer.registry->role));
 }
 

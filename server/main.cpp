@@ -182,12 +182,17 @@ int restore_registry_from(const std::string &file_name) {
     });
 }
 
-int move_registry_to(const std::string &place_name) {
-    const auto place = LocalPlace::take();
-    return !place ? EXIT_FAILURE
-                  : told_work("The registry was not moved to",
-                              place_name == "sqlite" ? registry_file() : told_conninfo(place_name),
-                              [&] { move_registry_of_host(place_name); });
+// Beside a daemon all can be looked at.
+int move_registry_to(const CommandLine &line) {
+    const std::string &place_name = line.move_registry;
+    const auto place = line.dry_run ? std::nullopt : LocalPlace::take();
+    return !place && !line.dry_run
+               ? EXIT_FAILURE
+               : told_work("The registry was not moved to",
+                           place_name == "sqlite" ? registry_file() : told_conninfo(place_name), [&] {
+                               const RegistryMove move = move_registry_of_host(place_name, line.dry_run);
+                               line.rows ? tell_move_in_rows(move) : tell_move(move);
+                           });
 }
 
 int move_jobs_to(const std::string &place_name, uint32_t take_over_s) {
@@ -230,7 +235,7 @@ std::optional<int> run_single_work(const CommandLine &line) {
     if ((line.set_registry_password || line.is_single_work()) && !take_store_of(line, take_over_s))
         return EXIT_FAILURE;
     if (!line.move_registry.empty())
-        return move_registry_to(line.move_registry);
+        return move_registry_to(line);
     if (!line.move_jobs.empty())
         return move_jobs_to(line.move_jobs, take_over_s);
     if (line.set_registry_password)

@@ -79,6 +79,10 @@ void declare(CLI::App &app, CommandLine &line) {
                    "move the registry from where the configuration has it into the PostgreSQL database of this "
                    "connection string, or with \"sqlite\" into this host's file, and end; no daemon of it may run")
         ->type_name("PLACE");
+    auto *move = app.get_option("--move-registry");
+    app.add_flag("--dry-run", line.dry_run, "only tell what --move-registry would do; a daemon may run")->needs(move);
+    app.add_flag("--rows", line.rows, "tell what --move-registry did for programs: lines of words between tabs")
+        ->needs(move);
     app.add_option(
            "--move-jobs", line.move_jobs,
            "move the jobs of the scheduler in the same way, with their runs, and end; no daemon of them may run")

@@ -24,6 +24,8 @@ struct CommandLine {
     std::string save_registry;                 // to this file
     std::string restore_registry;              // from this file
     std::string move_registry;                 // into this database, or "sqlite": into this host's file
+    bool dry_run = false;                      // that is only looked at
+    bool rows = false;                         // and told for programs
     std::string move_jobs;                     // the same
     std::optional<std::string> check_registry; // a saved one; the empty name: this host's
 

@@ -46,7 +46,7 @@ public:
 
     const rvzd_registry_state_reply_t *state() const { return is_there_ ? &state_ : nullptr; }
 
-    // One that is in a database has several hosts, each of them a master.
+    // One that is in a database has several hosts, each of them a master; and this host may have several names.
     bool is_of(const Stamps &own) const {
         rgy_dtm_pair_t pair = {};
         tbs_uuid_t registry = {};
@@ -62,30 +62,31 @@ private:
 };
 
 // Of another registry nothing matters here.
-void hear(Store &store, const Answer &answer) {
+void hear(Store &store, const Answer &answer, Serving serving) {
     const auto &state = *answer.state();
     const Stamps own = store.stamps(0);
     if (tbs_uuid_eq(&state.registry, &own.registry) == 0)
         return;
     const Term known = term_of(store);
-    if (state.takes_updates && state.term == known.number && !known.is_superseded() && !answer.is_of(own))
+    if (state.takes_updates && state.term == known.number && !known.is_superseded() &&
+        (serving == Serving::elsewhere || !answer.is_of(own)))
         throw CopyError("host \"" + std::string(state.master) + "\" takes updates, too, under the same term " +
                         std::to_string(state.term) + ": demote one of both");
     hear_of_term(store, state.term, state.master);
     hear_of_term(store, state.heard_term, state.heard_host);
 }
 
-void look_at(Store &store) {
+} // namespace
+
+void look_at_site(Store &store, Serving serving) {
     const Term own = term_of(store);
     const tbs_uuid_t registry = store.stamps(0).registry;
     for (const std::string &host : other_hosts(&store)) {
         const Answer answer(host, registry, own);
         if (answer.state() != nullptr)
-            hear(store, answer);
+            hear(store, answer, serving);
     }
 }
-
-} // namespace
 
 std::vector<std::string> hosts_in(const std::string &list) {
     std::vector<std::string> hosts;
@@ -125,7 +126,7 @@ int run_look() {
     try {
         end_with_daemon();
         bool is_new = false;
-        look_at(*open_registry(is_new));
+        look_at_site(*open_registry(is_new), Serving::here);
         return EXIT_SUCCESS;
     } catch (const CopyError &error) {
         imsg_print(IMSG_ERROR, "The site has two masters: %s\n", IMSG_FORMAT, error.what());

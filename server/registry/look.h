@@ -21,8 +21,13 @@ std::vector<std::string> hosts_in(const std::string &list);
 // In place of a host's word for itself.
 bool is_this_host(const std::string &host);
 
-// Asks the others, tells them of this host's term, and notes the highest that they tell. The process's exit status:
-// failed, with words, where another host takes updates under the same term.
+// Asks the others, tells them of this host's term, and notes the highest that they tell. Throws CopyError where another
+// host takes updates under the same term. Where no daemon serves the store, whoever answers for it has another one.
+enum class Serving { here, elsewhere };
+void look_at_site(Store &store, Serving serving);
+
+// The same for the registry of this host; asks the others, tells them of this host's term, and notes the highest that
+// they tell. The process's exit status: failed, with words, where another host takes updates under the same term.
 int run_look();
 
 } // namespace velia::server

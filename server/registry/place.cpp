@@ -1,6 +1,7 @@
 #include <server/registry/place.h>
 
 #include <array>
+#include <cstdlib>
 
 #include <server/registry/moved.h>
 #include <server/registry/postgres.h>
@@ -14,7 +15,9 @@ namespace velia::server {
 namespace {
 
 constexpr const char *copy_file_name = "registry.db.copy";
-constexpr const char *copied_setting = "copied";
+constexpr const char *copied_setting = "copied";           // the number of changes that the copy has
+constexpr const char *copied_from_setting = "copied-from"; // its database
+constexpr const char *copied_at_setting = "copied-at";     // when
 
 bool has_same_stamps(Store &left, Store &right) {
     for (rgy_db_t db = 0; db < RGY_DB_ALL; ++db) {
@@ -41,6 +44,13 @@ std::string private_file(const char *name) {
     return tbs_product_host_priv_dir(path.data(), name) == TBS_ST_OK ? path.data() : "";
 }
 
+std::unique_ptr<Store> served_here(std::unique_ptr<Store> store) {
+    const std::string place = store != nullptr ? store->moved_to() : "";
+    if (!place.empty())
+        throw StoreMoved(moved_words(place));
+    return store;
+}
+
 } // namespace
 
 void keep_registry_in(const std::string &conninfo) {
@@ -65,8 +75,14 @@ bool is_registry_copied() {
     return is_registry_shared() && is_copied();
 }
 
+// One that is of another database, or never was made whole, tells nothing.
 std::unique_ptr<Store> copy_of_shared_registry() {
-    return existing_copy(private_file(copy_file_name));
+    auto copy = existing_copy(private_file(copy_file_name));
+    return copy != nullptr && copy->setting(copied_from_setting) == registry_place() ? std::move(copy) : nullptr;
+}
+
+time_t time_of_copy(Store &copy) {
+    return strtoll(copy.setting(copied_at_setting).c_str(), nullptr, 10);
 }
 
 // Stamps tell of entries, and the number of changes of settings.
@@ -75,10 +91,15 @@ void copy_shared_registry() {
     const auto from = open_postgres_store(shared_place(), is_new);
     const auto to = open_sqlite_store(private_file(copy_file_name), is_new);
     const std::string changes = std::to_string(from->changes());
-    if (to->setting(copied_setting) == changes && has_same_stamps(*from, *to))
+    if (to->setting(copied_setting) == changes && to->setting(copied_from_setting) == registry_place() &&
+        has_same_stamps(*from, *to))
         return;
-    move_registry(*from, *to);
-    to->set_setting(copied_setting, changes);
+    to->together([&] {
+        move_registry(*from, *to);
+        to->set_setting(copied_setting, changes);
+        to->set_setting(copied_from_setting, registry_place());
+        to->set_setting(copied_at_setting, std::to_string(time(nullptr)));
+    });
 }
 
 std::string registry_database() {
@@ -95,12 +116,13 @@ std::string registry_file() {
 
 std::unique_ptr<Store> open_registry(bool &is_new) {
     return is_registry_shared() ? open_postgres_store(shared_place(), is_new)
-                                : open_sqlite_store(registry_file(), is_new);
+                                : served_here(open_sqlite_store(registry_file(), is_new));
 }
 
 std::unique_ptr<Store> existing_registry() {
     bool is_new = false;
-    return is_registry_shared() ? open_postgres_store(shared_place(), is_new) : existing_store(registry_file());
+    return is_registry_shared() ? open_postgres_store(shared_place(), is_new)
+                                : served_here(existing_store(registry_file()));
 }
 
 } // namespace velia::server

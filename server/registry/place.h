@@ -1,6 +1,7 @@
 // Where the registry of this host is: in a file of its own, or in a database that other hosts' daemons serve, too.
 #pragma once
 
+#include <ctime>
 #include <memory>
 #include <string>
 
@@ -19,8 +20,9 @@ std::string registry_database(); // its connection string; empty: it is in its f
 void read_registry_from_copy(bool is_wanted);
 bool is_registry_copied();
 
-// The copy; null where there is none. A listing that began at the database does not go on in it.
+// The copy of this database; null where there is none. A listing that began at the database does not go on in it.
 std::unique_ptr<Store> copy_of_shared_registry();
+time_t time_of_copy(Store &copy); // when it became other than it was
 
 // Makes the copy what the database is, where it is not. Throws StoreError.
 void copy_shared_registry();

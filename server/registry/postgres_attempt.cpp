@@ -2,8 +2,12 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <map>
 #include <poll.h>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -24,6 +28,7 @@ constexpr int64_t slice_ms = 100;     // between two looks whether the daemon is
 constexpr int64_t hurried_ms = 500;   // what such a daemon waits for an answer
 constexpr int64_t first_pause_ms = 100;
 constexpr int64_t longest_pause_ms = 5000;
+constexpr int attempts_max = 16; // of this process, those included that nobody waits for any more
 constexpr const char *under_way = "no host has answered yet";
 
 // What a connection string may say otherwise. A host that is silent has its time, so that the next one is asked.
@@ -50,9 +55,21 @@ bool waits_for_socket(const PGconn *connection, bool is_to_write, int64_t deadli
     }
 }
 
+// Shared by the thread that makes it and those who wait for it, of whom there may be none any more.
+struct PostgresAttempt::State {
+    std::mutex lock; // of all that follows
+    std::condition_variable ended;
+    bool is_ended = false;
+    OwnedConnection connection{nullptr, PQfinish}; // what came of it; null: there was no memory
+    bool is_late = false;
+};
+
+namespace {
+
+std::atomic<int> attempts_under_way = 0;
+
 // Only a verbose message tells its code.
-PostgresAttempt::PostgresAttempt(const std::string &conninfo)
-    : connection_(nullptr, PQfinish), deadline_ms_(monotonic_ms() + attempt_ms) {
+OwnedConnection begin_connection(const std::string &conninfo) {
     std::vector<const char *> names;
     std::vector<const char *> values;
     for (const auto &[name, value] : defaults) {
@@ -64,28 +81,84 @@ PostgresAttempt::PostgresAttempt(const std::string &conninfo)
     for (auto *list : {&names, &values})
         list->push_back(nullptr);
     constexpr int is_expanded = 1;
-    connection_.reset(PQconnectStartParams(names.data(), values.data(), is_expanded));
-    if (connection_ == nullptr)
-        throw StoreError("no memory for a connection");
-    PQsetErrorVerbosity(connection_.get(), PQERRORS_VERBOSE);
-    if (PQstatus(connection_.get()) == CONNECTION_BAD)
-        state_ = PGRES_POLLING_FAILED;
+    OwnedConnection connection(PQconnectStartParams(names.data(), values.data(), is_expanded), PQfinish);
+    if (connection != nullptr)
+        PQsetErrorVerbosity(connection.get(), PQERRORS_VERBOSE);
+    return connection;
 }
 
-bool PostgresAttempt::is_made_within(int64_t patience) {
-    const int64_t until_ms = std::min(monotonic_ms() + patience, deadline_ms_);
-    while (state_ == PGRES_POLLING_READING || state_ == PGRES_POLLING_WRITING) {
-        if (!waits_for_socket(connection_.get(), state_ == PGRES_POLLING_WRITING, until_ms)) {
-            if (monotonic_ms() < deadline_ms_ && wait_for_others_now_ms() > 0)
-                return false;
-            throw StoreAway("no answer in time");
-        }
-        state_ = PQconnectPoll(connection_.get());
+// False: it was not made, nor refused, in time.
+bool is_brought_to_end(PGconn *connection, int64_t deadline_ms) {
+    auto state =
+        connection != nullptr && PQstatus(connection) != CONNECTION_BAD ? PGRES_POLLING_WRITING : PGRES_POLLING_FAILED;
+    while (state == PGRES_POLLING_READING || state == PGRES_POLLING_WRITING) {
+        if (!waits_for_socket(connection, state == PGRES_POLLING_WRITING, deadline_ms))
+            return false;
+        state = PQconnectPoll(connection);
     }
-    if (state_ == PGRES_POLLING_OK)
+    return true;
+}
+
+} // namespace
+
+// Names are looked up in between, for as long as a name server likes: nobody but this thread waits for that, and nobody
+// for this thread.
+PostgresAttempt::PostgresAttempt(const std::string &conninfo)
+    : state_(std::make_shared<State>()), deadline_ms_(monotonic_ms() + attempt_ms) {
+    if (++attempts_under_way > attempts_max) {
+        --attempts_under_way;
+        throw StoreAway(under_way);
+    }
+    std::thread([state = state_, conninfo, deadline_ms = deadline_ms_] {
+        OwnedConnection connection = begin_connection(conninfo);
+        const bool is_late = !is_brought_to_end(connection.get(), deadline_ms);
+        const std::scoped_lock hold(state->lock);
+        state->connection = std::move(connection);
+        state->is_late = is_late;
+        state->is_ended = true;
+        state->ended.notify_all();
+        --attempts_under_way;
+    }).detach();
+}
+
+// Whoever waits while the daemon is to end does not wait long.
+bool PostgresAttempt::has_ended_within(int64_t patience_ms) {
+    int64_t until_ms = std::min(monotonic_ms() + patience_ms, deadline_ms_);
+    bool is_hurried = false;
+    std::unique_lock hold(state_->lock);
+    while (!state_->is_ended) {
+        const int64_t now_ms = monotonic_ms();
+        if (!is_hurried && wait_for_others_now_ms() == 0) {
+            is_hurried = true;
+            until_ms = std::min(until_ms, now_ms + hurried_ms);
+        }
+        if (now_ms >= until_ms)
+            return false;
+        state_->ended.wait_for(hold, std::chrono::milliseconds(std::min(until_ms - now_ms, slice_ms)));
+    }
+    return true;
+}
+
+bool PostgresAttempt::is_made_within(int64_t patience_ms) {
+    if (!has_ended_within(patience_ms)) {
+        if (monotonic_ms() < deadline_ms_ && wait_for_others_now_ms() > 0)
+            return false;
+        throw StoreAway("no answer in time");
+    }
+    const std::scoped_lock hold(state_->lock);
+    if (state_->connection == nullptr)
+        throw StoreError("no memory for a connection");
+    if (state_->is_late)
+        throw StoreAway("no answer in time");
+    if (PQstatus(state_->connection.get()) == CONNECTION_OK)
         return true;
-    const std::string words = PQerrorMessage(connection_.get());
+    const std::string words = PQerrorMessage(state_->connection.get());
     throw_postgres_error(code_in(words), first_message_in(words));
+}
+
+OwnedConnection PostgresAttempt::take() {
+    const std::scoped_lock hold(state_->lock);
+    return std::move(state_->connection);
 }
 
 std::shared_ptr<PostgresStanding> PostgresStanding::of(const std::string &conninfo) {

@@ -18,17 +18,20 @@ using OwnedConnection = std::unique_ptr<PGconn, void (*)(PGconn *)>;
 // daemon is to end has little time left.
 bool waits_for_socket(const PGconn *connection, bool is_to_write, int64_t deadline_ms);
 
+// A thread of its own makes it, since names of hosts may be looked up without an end.
 class PostgresAttempt {
 public:
-    explicit PostgresAttempt(const std::string &conninfo);
+    explicit PostgresAttempt(const std::string &conninfo); // throws StoreAway where too many are under way
 
     // False: it is still under way. Throws StoreAway, or StoreError where it is refused.
     bool is_made_within(int64_t patience_ms);
-    OwnedConnection take() { return std::move(connection_); }
+    OwnedConnection take();
 
 private:
-    OwnedConnection connection_;
-    PostgresPollingStatusType state_ = PGRES_POLLING_WRITING;
+    struct State;
+    bool has_ended_within(int64_t patience_ms);
+
+    std::shared_ptr<State> state_;
     int64_t deadline_ms_;
 };
 

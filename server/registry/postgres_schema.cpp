@@ -26,7 +26,10 @@ CREATE TABLE setting (name bytea NOT NULL, value bytea NOT NULL);
 CREATE UNIQUE INDEX setting_name ON setting (sha256(name));
 )";
 
-constexpr std::array steps = {first_step};
+// Where it has been moved to; nothing while it is served from here. It is in the row that each change locks.
+constexpr const char *second_step = "ALTER TABLE registry ADD COLUMN moved bytea";
+
+constexpr std::array steps = {first_step, second_step};
 
 // Of this program among all that use a database. It is let go of at the end of the transaction.
 constexpr const char *lock_schema = "BEGIN; SET LOCAL lock_timeout = 10000; "
@@ -98,6 +101,13 @@ bool make_postgres_schema(Postgres &database, const PostgresSchema &schema) {
         database.drop(); // and with it all that was begun
         throw;
     }
+}
+
+bool has_postgres_schema(const std::string &conninfo) {
+    Postgres database(conninfo);
+    database.connect();
+    const PostgresSchema schema = registry_schema(steps);
+    return has_postgres_schema(database, schema) && version_of(database, schema) == schema.steps.size();
 }
 
 bool make_postgres_schema(Postgres &database, std::span<const char *const> all) {

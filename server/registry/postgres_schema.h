@@ -28,6 +28,9 @@ std::span<const char *const> postgres_schema_steps();
 // The same for the registry's.
 bool make_postgres_schema(Postgres &database, std::span<const char *const> steps);
 
+// Whether there is one of this version in the database of this connection string. Throws StoreError.
+bool has_postgres_schema(const std::string &conninfo);
+
 // Whether there is a registry there.
 bool has_postgres_schema(Postgres &database);
 

@@ -8,8 +8,13 @@
 
 namespace velia::server {
 
+// One that has been moved elsewhere is opened only by whoever moves it.
+enum class PostgresUse { serving, moving };
+
 // Opens the registry in this database, and makes it if there is none; `is_new` tells which. Throws StoreAway where the
-// database is not reached, StoreError where it refuses, or where a newer version of this program has made it.
-std::unique_ptr<Store> open_postgres_store(const std::string &conninfo, bool &is_new);
+// database is not reached, StoreError where it refuses, or where a newer version of this program has made it,
+// StoreMoved.
+std::unique_ptr<Store> open_postgres_store(const std::string &conninfo, bool &is_new,
+                                           PostgresUse use = PostgresUse::serving);
 
 } // namespace velia::server

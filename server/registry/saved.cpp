@@ -226,14 +226,6 @@ Present look_at_present(const std::string &registry_file) {
     return present;
 }
 
-// Root may restore what is the daemon's.
-void give_to_owner_of_directory(const std::string &file_name) {
-    struct stat directory = {};
-    if (geteuid() == 0 && stat(file_name.substr(0, file_name.rfind('/') + 1).c_str(), &directory) == 0 &&
-        chown(file_name.c_str(), directory.st_uid, directory.st_gid) != 0)
-        throw_system_error();
-}
-
 // What is given to the restored one so that nobody takes it for what it was: neither its daemon, which has acknowledged
 // more since, nor its copies.
 void make_present(const std::string &unfinished, const Present &present, const std::optional<uint64_t> &acknowledged) {
@@ -252,8 +244,9 @@ void make_present(const std::string &unfinished, const Present &present, const s
     Transaction transaction(database);
     Statement(database, "INSERT OR REPLACE INTO total VALUES (-1, ?1)").with(changes).run();
     put_setting(database, term_setting, std::to_string(term));
-    Statement(database, "DELETE FROM setting WHERE name = ?1 OR name = ?2")
-        .with(std::string_view(heard_term_setting), std::string_view(heard_host_setting))
+    Statement(database, "DELETE FROM setting WHERE name IN (?1, ?2, ?3)")
+        .with(std::string_view(heard_term_setting), std::string_view(heard_host_setting),
+              std::string_view(moved_setting)) // it is served from here again
         .run();
     Statement(database, "UPDATE sqlite_sequence SET seq = seq + ?1 WHERE name = 'entry'")
         .with(numbers_given_since)
@@ -313,6 +306,13 @@ SavedRegistry check_registry(const std::string &registry_file) {
     const SavedRegistry found = look_at_file(registry_file);
     RegistryTrace::require_not_older({found.registry, found.changes}, acknowledged);
     return found;
+}
+
+void give_to_owner_of_directory(const std::string &file_name) {
+    struct stat directory = {};
+    if (geteuid() == 0 && stat(file_name.substr(0, file_name.rfind('/') + 1).c_str(), &directory) == 0 &&
+        chown(file_name.c_str(), directory.st_uid, directory.st_gid) != 0)
+        throw_system_error();
 }
 
 std::string free_name_for_former(const std::string &registry_file) {

@@ -33,6 +33,9 @@ void save_registry(const std::string &registry_file, const std::string &file_nam
 // stood there is kept under the name that is given back, which is empty where there was nothing.
 std::string restore_registry(const std::string &saved, const std::string &registry_file);
 
+// Root may make what is the daemon's.
+void give_to_owner_of_directory(const std::string &file_name);
+
 // For what is to be kept beside a registry, and those that are already.
 std::string free_name_for_former(const std::string &registry_file);
 

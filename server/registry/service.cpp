@@ -48,23 +48,29 @@ bool is_new_reason(const std::string &reason) {
     return std::exchange(last, reason) != reason;
 }
 
-// False, and told, where it cannot be had.
-bool open_store(std::unique_ptr<Store> &store) {
+// Why it cannot be had, and whether that is because it is away: then there may be a copy.
+struct NotOpen {
+    std::string reason; // empty: it is open
+    bool is_away = false;
+};
+
+// Told where it cannot be had.
+NotOpen open_store(std::unique_ptr<Store> &store) {
     if (store != nullptr)
-        return true;
+        return {};
     const std::string file_name = registry_place();
     try {
         bool is_new = false;
         store = open_registry(is_new);
         is_new_reason("");
         print_registry(IMSG_PLAIN, is_new ? MSG_FILE_CREATED : MSG_LOADED, file_name.c_str());
-        return true;
-    } catch (const StoreAway &) { // told where it is noticed, once for all who try again and again
-        return false;
+        return {};
+    } catch (const StoreAway &error) { // told where it is noticed, once for all who try again and again
+        return {error.what(), true};
     } catch (const StoreError &error) {
         if (is_new_reason(error.what()))
             print_registry(IMSG_ERROR, MSG_OPEN_FAILED, file_name.c_str(), error.what());
-        return false;
+        return {error.what()};
     }
 }
 
@@ -227,7 +233,7 @@ void RegistryService::update_ended() {
 tbs_status_t RegistryService::refusal_of_update() const {
     if (!is_master_)
         return TBS_ST_NO_SERVER;
-    return is_held() ? TBS_ST_TRY_AGAIN : TBS_ST_OK;
+    return is_held() || is_on_copy_ ? TBS_ST_TRY_AGAIN : TBS_ST_OK;
 }
 
 // Who was superseded takes none anyway; but whoever makes the turn to another host than the one that did so has to look
@@ -330,7 +336,9 @@ RegistryService::Standing RegistryService::standing() const {
     Standing standing = standing_;
     standing.looked = copier_.ended_at();
     standing.current = copier_.succeeded_at();
-    standing.failure = is_master_ ? away_ : copier_.failure();
+    standing.failure = is_master_ || is_shut_out_ ? away_ : copier_.failure();
+    if (is_shut_out_)
+        standing.role = RGY_SVR_MASTER; // which it is as soon as it can
     return standing;
 }
 
@@ -387,12 +395,19 @@ void RegistryService::refresh_standing() {
             } catch (const StoreAway &error) {
                 taken->is_open = false;
                 taken->away = error.what();
+            } catch (const StoreMoved &error) {
+                taken->is_open = false;
+                taken->away = error.what();
+                if (is_new_reason(error.what()))
+                    imsg_print(IMSG_ERROR, "The registry is not served any more: %s\n", IMSG_FORMAT, error.what());
             } catch (const StoreError &error) {
                 taken->is_open = false;
                 print_failure(error.what());
             }
         },
         [this, taken] {
+            if (is_on_copy_ || is_shut_out_)
+                return; // what is tried again and again tells when it is there
             away_ = is_serving_ ? taken->away : "";
             if (!away_.empty())
                 away_timer_.start(look_when_away_ms);
@@ -482,8 +497,20 @@ void RegistryService::serve(std::unique_ptr<StoreVersion> version) {
             reader->use_meanwhile(copy_of_shared_registry);
 }
 
+// Nobody else is a master meanwhile: updates are to be tried again.
+void RegistryService::serve_copy(Taken &taken) {
+    if (!std::exchange(is_on_copy_, true))
+        imsg_print(IMSG_WARNING, "Look-ups are answered without the registry's database: %s\n", IMSG_FORMAT,
+                   taken.away.c_str());
+    is_shut_out_ = false;
+    is_master_ = true;
+    away_ = taken.away;
+    follow_standing(taken);
+    serve(nullptr);
+}
+
 void RegistryService::stop_serving() {
-    is_master_ = false;
+    is_master_ = is_on_copy_ = is_shut_out_ = false;
     standing_.role = RGY_SVR_NONE;
     standing_.registry = {};
     look_timer_.stop();
@@ -498,6 +525,21 @@ void RegistryService::stop_serving() {
         reader->use(nullptr);
 }
 
+// What a daemon that starts without its database has to tell meanwhile.
+void RegistryService::take_in_copy(Taken &taken) {
+    try {
+        const auto copy = copy_of_shared_registry();
+        if (copy == nullptr)
+            return;
+        take_standing(*copy, taken);
+        taken.has_copy = true;
+        taken.away +=
+            std::string("; look-ups are answered from the copy of ") + date_fmt_token_date_time(time_of_copy(*copy));
+    } catch (const StoreError &error) {
+        print_failure(error.what());
+    }
+}
+
 RegistryService::Taken RegistryService::take_in(std::unique_ptr<Store> &store, const std::optional<int32_t> &written) {
     Taken taken;
     taken.is_taken_away = store != nullptr && !store->is_in_place();
@@ -506,7 +548,13 @@ RegistryService::Taken RegistryService::take_in(std::unique_ptr<Store> &store, c
     taken.role = role_beside_others(role_of(store, written));
     if (!taken.role)
         return taken;
-    taken.is_open = *taken.role != RGY_SVR_NONE && open_store(store);
+    NotOpen not_open;
+    if (*taken.role != RGY_SVR_NONE)
+        not_open = open_store(store);
+    taken.is_open = *taken.role != RGY_SVR_NONE && not_open.reason.empty();
+    taken.away = not_open.reason;
+    if (not_open.is_away && is_registry_copied())
+        take_in_copy(taken);
     if (taken.is_open || *taken.role == RGY_SVR_NONE)
         remember(store, *taken.role);
     if (taken.is_open) {
@@ -552,12 +600,22 @@ void RegistryService::follow_role(Taken taken) {
         looker_.stop();
         look_timer_.stop();
     }
-    if (is_server && !taken.is_open && is_registry_shared())
+    const bool is_shut_out = is_server && !taken.is_open && is_registry_shared();
+    if (is_shut_out)
         reopen_timer_.start(reopen_ms);
-    if (!is_server || !taken.is_open) {
-        stop_serving();
+    if (is_shut_out && taken.has_copy) {
+        serve_copy(taken);
         return close_store([this] { end_change(); });
     }
+    if (!is_server || !taken.is_open) {
+        stop_serving();
+        is_shut_out_ = is_shut_out;
+        away_ = is_shut_out ? taken.away : "";
+        return close_store([this] { end_change(); });
+    }
+    if (is_on_copy_ || is_shut_out_)
+        away_.clear();
+    is_on_copy_ = is_shut_out_ = false;
     is_master_ = is_master;
     if (is_master) {
         go_on_holding(taken.hold);
@@ -635,7 +693,7 @@ void RegistryService::promote(const Answered &answer) {
     updates_.change(
         [taken, written = role_in_file()](std::unique_ptr<Store> &store) {
             taken->role = role_beside_others(role_of(store, written));
-            taken->is_open = is_promotable(taken->role, store) && open_store(store);
+            taken->is_open = is_promotable(taken->role, store) && open_store(store).reason.empty();
         },
         [this, taken, answer, refuse] {
             const bool is_superseded = taken->role == RGY_SVR_MASTER && taken->is_open;

@@ -119,15 +119,18 @@ private:
         bool has_others = false;
         bool is_open = false;
         bool is_taken_away = false; // the file was, under the store
+        bool has_copy = false;      // of a database that is away
         std::string away;           // why its database is not reached
     };
     static Taken take_in(std::unique_ptr<Store> &store, const std::optional<int32_t> &written);
+    static void take_in_copy(Taken &taken);
     void begin_taking(const std::optional<int32_t> &written);
     void follow_role(Taken taken);
     void end_change();
     void give_up_role(const Answered &answer);
     void close_store(std::function<void()> done);
     void serve(std::unique_ptr<StoreVersion> version);
+    void serve_copy(Taken &taken);
     void stop_serving();
     void become_master(const Answered &answer);
     static void take_standing(Store &store, Taken &taken);
@@ -156,6 +159,8 @@ private:
     Standing standing_;
     std::string away_;              // why the database was not reached when it was asked last
     bool has_others_ = false;       // hosts of the site
+    bool is_on_copy_ = false;       // because it has not been reached since the start
+    bool is_shut_out_ = false;      // neither it nor a copy was to be had
     UpdateHold hold_;               // while it lasts, updates are refused
     bool is_hold_known_ = false;    // what was noted of it before this start
     int64_t hold_noted_ms_ = 0;     // until when, by the store

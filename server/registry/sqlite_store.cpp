@@ -240,7 +240,7 @@ public:
     std::map<std::string, std::string> settings() override {
         std::map<std::string, std::string> settings;
         Statement query(database_, "SELECT name, value FROM setting WHERE name NOT IN (CAST('registry' AS BLOB), "
-                                   "CAST('copy' AS BLOB))");
+                                   "CAST('copy' AS BLOB), CAST('moved' AS BLOB))");
         while (query.step())
             settings[query.text(0)] = query.text(1);
         return settings;
@@ -258,6 +258,9 @@ public:
     }
 
     void checkpoint() override { database_.checkpoint(); }
+
+    std::string moved_to() override { return setting(moved_setting); }
+    void set_moved_to(const std::string &place) override { set_setting(moved_setting, place); }
 
 private:
     struct Statements {

@@ -36,6 +36,18 @@ class StoreUncertain : public StoreError {
     using StoreError::StoreError;
 };
 
+// The registry has been moved elsewhere, and is not served from here any more.
+class StoreMoved : public StoreError {
+    using StoreError::StoreError;
+};
+
+constexpr const char *moved_setting = "moved"; // of a registry in a file: where to
+
+// What is said of such a one.
+inline std::string moved_words(const std::string &place) {
+    return "the registry was moved to " + place;
+}
+
 // The stamps of one database: a pair that is new after each update, and two uuids that name the registry and this copy
 // of it.
 struct Stamps {
@@ -162,6 +174,11 @@ public:
 
     // Of the data on disk, with what they are found by.
     virtual uint64_t size_bytes() = 0;
+
+    // Where the registry has been moved to, for people; empty while it is served from here. The mark stays behind when
+    // the data are copied.
+    virtual std::string moved_to() = 0;
+    virtual void set_moved_to(const std::string &place) = 0;
 
     // Leaves little in what the database keeps beside its file.
     virtual void checkpoint() = 0;

@@ -26,6 +26,10 @@ StoreFailure failure_of(Body &&body) {
         return {};
     } catch (const NoStore &) {
         return {TBS_ST_NO_SERVER, ""};
+    } catch (const StoreMoved &error) {
+        StoreFailure failure = failed_with(error.what());
+        failure.status = TBS_ST_NO_SERVER;
+        return failure;
     } catch (const StoreBusy &) {
         return {TBS_ST_TRY_AGAIN, ""};
     } catch (const StoreUncertain &error) {

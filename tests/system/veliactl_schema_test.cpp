@@ -83,6 +83,7 @@ const CommandLine command_lines[] = {
     {"knob unset", {"fl_site_name", "--level", "site"}},
     {"registry check", {"vault_tag", "--password-file", "/dev/null"}},
     {"registry save", {saved_file}},
+    {"registry move", {"--to", "sqlite", "--dry-run", "--server", RVZD_SERVER}},
     {"daemon status", {"alpha"}},
     {"doctor", {}},
     {"registry demote", {"--follow", "away"}},

@@ -110,9 +110,9 @@ struct PostgresPage : testing::Test {
             site, {"/bin/sh", "-c", here(text)},
             {"PATH=" + server.substr(0, server.rfind('/')) + ":" + tool.substr(0, tool.rfind('/')) + ":/usr/bin:/bin"});
         ASSERT_EQ(outcome.status, 0) << text << "\n" << outcome.output << outcome.errors;
-        if (text.find("--move-registry sqlite") != std::string::npos)
+        if (text.find("--to sqlite") != std::string::npos)
             site.configure(trusted_hosts);
-        else if (text.find("--move-registry") != std::string::npos)
+        else if (text.find("registry move") != std::string::npos && text.find("--dry-run") == std::string::npos)
             site.configure(std::string(trusted_hosts) + here(option_of_page()) + "\n");
         if (text.starts_with("veliactl registry list")) {
             EXPECT_THAT(outcome.output, HasSubstr("east"));

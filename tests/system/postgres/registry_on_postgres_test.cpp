@@ -66,8 +66,10 @@ struct RegistryOnPostgres : testing::Test {
         rgy_elist_free(list, 10);
         return status;
     }
-    void start() {
-        daemon = std::make_unique<Daemon>(site, Words{"--listen", "127.0.0.1"});
+    void start(const Words &environment = {}) {
+        Child::Options options;
+        options.environment = environment;
+        daemon = std::make_unique<Daemon>(site, Words{"--listen", "127.0.0.1"}, options);
         ASSERT_TRUE(daemon->is_ready()) << daemon->output();
     }
     // As another host of the site.
@@ -225,6 +227,71 @@ TEST_F(RegistryOnPostgres, ADaemonThatStartsWithoutItsDatabaseServesWhenThatCome
     database.start();
     EXPECT_TRUE(comes_to_take("late")) << daemon->output();
     EXPECT_THAT(regions(), ElementsAre("late"));
+}
+
+TEST_F(RegistryOnPostgres, ADaemonThatStartsWithoutItsDatabaseReadsItsLastCopyIfTheSiteSaysSo) {
+    keep_in(database.conninfo(), "option store-reads copy\noption registry-copy 1\n");
+    start();
+    ASSERT_EQ(add_region("a"), TBS_ST_OK);
+    ASSERT_TRUE(eventually([&] { return copied_entries() == 1; }, patience_s)) << daemon->output();
+    stop();
+    database.stop();
+    start();
+    EXPECT_THAT(regions(), ElementsAre("a"));
+    EXPECT_EQ(add_region("b"), TBS_ST_TRY_AGAIN);
+    EXPECT_TRUE(daemon->says("Look-ups are answered without the registry's database", patience_s)) << daemon->output();
+    rgy_dtm_pair_t stamps = {};
+    EXPECT_EQ(list_from(stamps), TBS_ST_OK);
+    stamps.dtm.bytes[0] ^= 1;
+    EXPECT_EQ(list_from(stamps), TBS_ST_TRY_AGAIN) << "the copy may be older than what was read";
+    EXPECT_THAT(away().value_or(""), HasSubstr("look-ups are answered from the copy of "));
+    EXPECT_EQ(figures().entries, 1u);
+    const auto seen = veliactl({"daemon", "status", "alpha", "-o", "json"});
+    EXPECT_THAT(seen.output, HasSubstr("look-ups are answered from the copy of "));
+    EXPECT_THAT(seen.output, HasSubstr(R"("role":"master")"));
+    EXPECT_THAT(veliactl({"doctor", "-o", "json"}).output, HasSubstr("look-ups are answered from the copy of "));
+    database.start();
+    EXPECT_TRUE(comes_to_take("b")) << daemon->output();
+    EXPECT_EQ(away(), std::nullopt);
+    EXPECT_THAT(regions(), ElementsAre("a", "b"));
+    EXPECT_EQ(daemon->count("Look-ups are answered without the registry's database"), 1u);
+}
+
+TEST_F(RegistryOnPostgres, ACopyOfAnotherDatabaseOrOfNoneTellsNothing) {
+    keep_in(database.conninfo(), "option store-reads copy\noption registry-copy 1\n");
+    start();
+    ASSERT_EQ(add_region("a"), TBS_ST_OK);
+    ASSERT_TRUE(eventually([&] { return copied_entries() == 1; }, patience_s)) << daemon->output();
+    stop();
+    database.stop();
+    keep_in(database.conninfo_as("other"), "option store-reads copy\noption registry-copy 1\n");
+    start();
+    EXPECT_TRUE(daemon->says("The registry's database is away", patience_s)) << daemon->output();
+    EXPECT_FALSE(names_of(RGY_DB_REGIONS, 100, "alpha").has_value());
+    EXPECT_TRUE(away() && !away()->empty());
+    EXPECT_THAT(away().value_or(""), testing::Not(HasSubstr("copy")));
+    const auto seen = veliactl({"doctor", "-o", "json"});
+    EXPECT_THAT(seen.output, HasSubstr("its registry cannot be reached"));
+}
+
+TEST_F(RegistryOnPostgres, ANameServerThatDoesNotAnswerKeepsNobodyWaiting) {
+    const std::string hang = site.write("names_hang", "");
+    const Words hung = {"LD_PRELOAD=" HUNG_NAMES_PRELOAD, "NAMES_HANG=" + hang,
+                        "ASAN_OPTIONS=verify_asan_link_order=0"};
+    keep_in("host=hungdb," + database.directory().string() + " user=tester dbname=postgres");
+    start(hung);
+    EXPECT_NE(add_region("a"), TBS_ST_OK);
+    daemon->signal(SIGHUP);
+    EXPECT_TRUE(daemon->says("is read again", patience_s)) << daemon->output();
+    EXPECT_TRUE(daemon->says("no host has answered yet", patience_s)) << daemon->output();
+    stop();
+    start(hung);
+    std::filesystem::remove(hang);
+    EXPECT_TRUE(comes_to_take("b")) << daemon->output();
+    site.write("names_hang", "");
+    database.run("SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE application_name = 'rvzd_server'");
+    EXPECT_EQ(add_region("c"), TBS_ST_TRY_AGAIN);
+    stop();
 }
 
 TEST_F(RegistryOnPostgres, AnAbsenceIsToldOnceAlsoWhereNothingElseSaysWhatTheHostIs) {
