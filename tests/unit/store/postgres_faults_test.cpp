@@ -35,15 +35,17 @@ struct EndedWait : PostgresStoreTest {
             is_answered = true;
         });
         server.wait_for(waiting_for_standby);
-        const std::string first =
-            server.ask("SELECT max(query_start) FROM pg_stat_activity WHERE wait_event = 'SyncRep'");
-        server.run("SELECT " + end + "(pid) FROM pg_stat_activity WHERE wait_event = 'SyncRep'");
-        EXPECT_TRUE(eventually([&] {
-            return is_answered || server.ask("SELECT count(*) FROM pg_stat_activity WHERE wait_event = 'SyncRep' AND "
-                                             "query_start > '" +
-                                             first + "'") == "1";
-        }));
-        EXPECT_FALSE(is_answered) << "no standby has it";
+        for (int time = 1; time <= 2; ++time) { // the wait that is begun anew may be ended, too
+            const std::string former =
+                server.ask("SELECT max(query_start) FROM pg_stat_activity WHERE wait_event = 'SyncRep'");
+            server.run("SELECT " + end + "(pid) FROM pg_stat_activity WHERE wait_event = 'SyncRep'");
+            EXPECT_TRUE(eventually([&] {
+                return is_answered || server.ask("SELECT count(*) FROM pg_stat_activity WHERE wait_event = 'SyncRep' "
+                                                 "AND query_start > '" +
+                                                 former + "'") == "1";
+            }));
+            EXPECT_FALSE(is_answered) << "no standby has it";
+        }
         server.demand_no_standby();
         adding.join();
         EXPECT_EQ(result, Store::AddResult::added);

@@ -241,6 +241,41 @@ TEST_F(PostgresStoreTest, ACommitThatIsLostIsFoundNotToBeMade) {
     EXPECT_EQ(add(*store, "b"), Store::AddResult::added);
 }
 
+// Nothing can be changed there any more, and what was made before has been made.
+TEST_F(PostgresStoreTest, ACommitThatIsLostIsAskedAfterAlsoWhereTheRegistryHasBeenMovedSince) {
+    DroppingRelay relay(server.directory());
+    const auto store = open(conninfo_over(relay));
+    run("CREATE FUNCTION leave() RETURNS trigger LANGUAGE plpgsql AS 'BEGIN UPDATE registry SET moved = "
+        "''elsewhere''::bytea; RETURN NEW; END'");
+    run("CREATE TRIGGER leave AFTER INSERT OR UPDATE ON writer FOR EACH ROW EXECUTE FUNCTION leave()");
+    relay.drop_next(DroppingRelay::Drops::answer_to_commit);
+    EXPECT_EQ(add(*store, "a"), Store::AddResult::added);
+    EXPECT_EQ(ask("SELECT count(*) FROM entry"), "1");
+}
+
+TEST_F(PostgresStoreTest, ACommitThatIsRefusedIsNotInDoubt) {
+    const auto store = open();
+    run("CREATE FUNCTION refuse() RETURNS trigger LANGUAGE plpgsql AS 'BEGIN RAISE EXCEPTION ''not today''; END'");
+    run("CREATE CONSTRAINT TRIGGER refuse AFTER INSERT ON entry DEFERRABLE INITIALLY DEFERRED FOR EACH ROW EXECUTE "
+        "FUNCTION refuse()");
+    std::string words;
+    EXPECT_EQ(kind_of([&] { add(*store, "a"); }, &words), Kind::refused);
+    EXPECT_THAT(words, HasSubstr("not today"));
+    EXPECT_EQ(count(*store), 0u);
+}
+
+TEST_F(PostgresStoreTest, WhatIsReadAtOneMomentIsNotChangedMeanwhile) {
+    const auto reader = open();
+    const auto writer = open();
+    ASSERT_EQ(add(*writer, "a"), Store::AddResult::added);
+    reader->at_one_moment([&] {
+        EXPECT_EQ(count(*reader), 1u);
+        ASSERT_EQ(add(*writer, "b"), Store::AddResult::added);
+        EXPECT_EQ(count(*reader), 1u);
+    });
+    EXPECT_EQ(count(*reader), 2u);
+}
+
 TEST_F(PostgresStoreTest, ACommitThatCannotBeAskedAfterIsUncertain) {
     DroppingRelay relay(server.directory());
     const auto store = open(conninfo_over(relay));
