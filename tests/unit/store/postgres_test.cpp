@@ -40,6 +40,7 @@ TEST(PostgresErrors, EachCodeHasItsKindAndWords) {
                              CodeRow{"57014", Kind::busy, "longer than it may"},
                              CodeRow{"40P01", Kind::busy, "in the way"},
                              CodeRow{"25006", Kind::away, "takes no changes"},
+                             CodeRow{"25P03", Kind::away, "idle amid a transaction"},
                              CodeRow{"57P03", Kind::away, "coming up"},
                              CodeRow{"08006", Kind::away, "broke"},
                              CodeRow{"", Kind::away, "x"},
@@ -262,6 +263,27 @@ TEST_F(PostgresStoreTest, ACommitThatIsRefusedIsNotInDoubt) {
     EXPECT_EQ(kind_of([&] { add(*store, "a"); }, &words), Kind::refused);
     EXPECT_THAT(words, HasSubstr("not today"));
     EXPECT_EQ(count(*store), 0u);
+}
+
+// Whoever says that he takes any server is not served by one that takes no changes either.
+TEST_F(PostgresStoreTest, AServerThatTakesNoChangesIsNotOpened) {
+    run("ALTER DATABASE " + database + " SET default_transaction_read_only = on");
+    std::string words;
+    EXPECT_EQ(opening(conninfo() + " target_session_attrs=any", &words), Kind::away);
+    EXPECT_THAT(words, HasSubstr("takes no changes"));
+}
+
+TEST_F(PostgresStoreTest, AConnectionToWhatTakesNoChangesAnyMoreIsGivenUp) {
+    const auto store = open();
+    run("CREATE FUNCTION refuse() RETURNS trigger LANGUAGE plpgsql AS 'BEGIN RAISE EXCEPTION ''read only'' USING "
+        "ERRCODE = ''25006''; END'");
+    run("CREATE TRIGGER refuse BEFORE INSERT ON entry FOR EACH ROW EXECUTE FUNCTION refuse()");
+    const std::string connections = "SELECT count(*) FROM pg_stat_activity WHERE application_name = 'rvzd_server' AND "
+                                    "datname = '" +
+                                    database + "'";
+    EXPECT_EQ(ask(connections), "1");
+    EXPECT_EQ(kind_of([&] { add(*store, "a"); }), Kind::away);
+    EXPECT_TRUE(eventually([&] { return ask(connections) == "0"; }));
 }
 
 TEST_F(PostgresStoreTest, WhatIsReadAtOneMomentIsNotChangedMeanwhile) {
