@@ -173,6 +173,10 @@ TEST_F(MoveOfRegistry, WhatItHasLeftIsNotServed) {
     ASSERT_EQ(move(database.conninfo()).status, 0);
     start_alpha();
     EXPECT_TRUE(alpha->says("the registry was moved to postgresql", patience_s)) << alpha->output();
+    EXPECT_THAT(run_apart(site, {VELIACTL, "daemon", "status", "alpha"}).output,
+                HasSubstr("the registry was moved to postgresql"));
+    EXPECT_THAT(run_apart(site, {VELIACTL, "doctor"}).output,
+                HasSubstr("its registry cannot be reached: the registry was moved to postgresql"));
     EXPECT_THAT(regions(), IsEmpty());
     EXPECT_NE(add(RGY_DB_REGIONS, name_entry("d")), TBS_ST_OK);
     stop_alpha();

@@ -65,6 +65,34 @@ TEST_F(EndedWait, ThatIsEndedWithItsConnectionIsBegunAnew) {
     expect_it_waits_again("pg_terminate_backend");
 }
 
+TEST(PostgresStanding, AnAbsenceIsToldOnceUntilItIsOver) {
+    const auto standing = PostgresStanding::of("host=nowhere");
+    const auto told = [&](int failures) {
+        testing::internal::CaptureStderr();
+        for (int i = 0; i < failures; ++i)
+            standing->note_failure("reason " + std::to_string(i));
+        const std::string words = testing::internal::GetCapturedStderr();
+        size_t lines = 0;
+        for (size_t at = words.find("is away"); at != std::string::npos; at = words.find("is away", at + 1))
+            ++lines;
+        return lines;
+    };
+    EXPECT_EQ(told(3), 1u);
+    EXPECT_EQ(told(1), 0u);
+    standing->note_success();
+    EXPECT_EQ(told(2), 1u);
+}
+
+TEST(PostgresStanding, BehindFailuresNothingIsTriedForAWhile) {
+    const std::string conninfo = "host=/nonexistent/either";
+    const auto standing = PostgresStanding::of(conninfo);
+    EXPECT_THROW(standing->connect(conninfo), StoreAway);
+    for (int i = 0; i < 10; ++i) // after which the pause is as long as it gets
+        standing->note_failure("reason");
+    EXPECT_EQ(standing->connect(conninfo), nullptr);
+    EXPECT_EQ(standing->reason(), "reason");
+}
+
 TEST_F(PostgresStoreTest, WhileAConnectionTakesLongAllAreToldAtOnce) {
     constexpr int64_t less_than_one_attempt_ms = 6000;
     DroppingRelay relay(server.directory());
