@@ -24,6 +24,24 @@ struct EndedWait : PostgresStoreTest {
         store = open();
         server.run("ALTER SYSTEM SET synchronous_standby_names = 'nobody'");
         server.run("SELECT pg_reload_conf()");
+        for (int i = 0; i < 100 && !makes_wait("probe" + std::to_string(i)); ++i)
+            ;
+    }
+    // The server takes its configuration in some time after it was told to.
+    bool makes_wait(const std::string &table) {
+        std::atomic<bool> is_written = false;
+        bool is_waiting = false;
+        std::thread writing([&] {
+            run("CREATE TABLE " + table + " ()");
+            is_written = true;
+        });
+        EXPECT_TRUE(eventually([&] {
+            is_waiting = server.ask(waiting_for_standby) == "t";
+            return is_written || is_waiting;
+        }));
+        server.run("SELECT pg_cancel_backend(pid) FROM pg_stat_activity WHERE wait_event = 'SyncRep'");
+        writing.join();
+        return is_waiting;
     }
     ~EndedWait() override { server.demand_no_standby(); }
 
