@@ -138,6 +138,22 @@ TEST_F(SharedJobStores, AStartIsPassedOverForARunOnlyIfThatGoesOn) {
     EXPECT_EQ(begin(*beta, job, 120, 92), Refusal::none);
 }
 
+TEST_F(SharedJobStores, AnOwedStartIsPassedOverForARunOnlyIfThatGoesOn) {
+    const auto followed = add("first");
+    const auto follower = add("second", followed);
+    ASSERT_EQ(begin(*alpha, followed, 100, 90), Refusal::none);
+    ASSERT_EQ(begin(*alpha, follower, 100, 0), Refusal::none);
+    ASSERT_EQ(end(*alpha, run_row(follower, 100, 0), 105), Refusal::none);
+    ASSERT_EQ(end(*alpha, run_row(followed, 100, 90), 110), Refusal::none);
+    RunStep behind_it = run_step(What::pass_over_running, run_row(follower, 0, 0));
+    EXPECT_EQ(take(*beta, behind_it), Refusal::taken);
+    EXPECT_THAT(beta->read().owed, ElementsAre(follower));
+    run("UPDATE job_run SET ended = 0 WHERE job = " + std::to_string(follower));
+    RunStep while_it_runs = run_step(What::pass_over_running, run_row(follower, 0, 0));
+    EXPECT_EQ(take(*beta, while_it_runs), Refusal::none);
+    EXPECT_THAT(beta->read().owed, IsEmpty());
+}
+
 TEST_F(SharedJobStores, NoTwoRunsOfAJobHaveOneMoment) {
     const auto job = add();
     ASSERT_EQ(begin(*alpha, job, 100, 90), Refusal::none);
@@ -454,6 +470,7 @@ TEST_F(SharedJobStores, WhoeverWantsARunEndedTellsWhoseItIs) {
     EXPECT_TRUE(beta->ask_to_end(run_row(job, 100, 0)));
     EXPECT_FALSE(beta->ask_to_end(run_row(job, 101, 0)));
     const JobNews found = news();
+    EXPECT_THAT(ids_in(found), ElementsAre(job)) << "a run is looked at with its job";
     ASSERT_THAT(found.contents.runs, SizeIs(1));
     EXPECT_TRUE(found.contents.runs[0].is_to_end);
 }
