@@ -45,8 +45,8 @@ struct JobsOnPostgres : SchedulerFixture {
 
     void configure(const std::string &more, int take_over_s = 5) const {
         site.configure(std::string(trusted_hosts) + tasks + "option jobs 3\noption take-over " +
-                       std::to_string(take_over_s) + "\n" + more +
-                       "option store postgresql \"" + database.conninfo() + "\"\n");
+                       std::to_string(take_over_s) + "\n" + more + "option store postgresql \"" + database.conninfo() +
+                       "\"\n");
     }
     void start(size_t host) {
         Child::Options options;
@@ -276,9 +276,7 @@ TEST_F(JobsOnPostgres, ARunThatWasToEndWhileItsDaemonWasAwayEndsWhenThatComesBac
     ASSERT_EQ(sched_get_handle("alpha", &handle), TBS_ST_OK);
     ASSERT_TRUE(serves("alpha"));
     EXPECT_TRUE(eventually(
-        [&] {
-            return number("SELECT count(*) FROM job_run WHERE ended <> 0 AND exit_status NOT IN (0, 255)") == 1;
-        },
+        [&] { return number("SELECT count(*) FROM job_run WHERE ended <> 0 AND exit_status NOT IN (0, 255)") == 1; },
         patience_s))
         << everything_said();
 }
@@ -287,7 +285,8 @@ TEST_F(JobsOnPostgres, ARunThatWasToEndWhileItsDaemonWasAwayEndsWhenThatComesBac
 TEST_F(JobsOnPostgres, ADaemonThatWasSuspendedForLongerThanTakeOverMakesNoStartOnceMore) {
     note_starts();
     start_all(2);
-    const auto id = create(NewJob("waits", {"-c", "while [ ! -e " + site.path("go") + " ]; do sleep .1; done; exit 3"}));
+    const auto id =
+        create(NewJob("waits", {"-c", "while [ ! -e " + site.path("go") + " ]; do sleep .1; done; exit 3"}));
     const auto by_hand = create(NewJob("by hand"));
     ASSERT_EQ(run(id), TBS_ST_OK);
     make_jobs(3, "; sleep .3");
