@@ -262,6 +262,16 @@ TEST_F(SharedJobStores, AJobThatWasMovedInUnderTheNumberOfOneThatHasGoneMayGo) {
     EXPECT_THAT(news().gone, ElementsAre(job));
 }
 
+TEST_F(SharedJobStores, RunsThatComeOutOfAFileAreThoseOfTheHostThatMovesThem) {
+    JobStock stock;
+    stock.contents.jobs = {job_row("moved")};
+    stock.contents.jobs[0].id = 1;
+    stock.contents.runs = {run_row(1, 100, 90)};
+    alpha->put_all(stock);
+    ASSERT_THAT(beta->read().runs, SizeIs(1));
+    EXPECT_EQ(beta->read().runs[0].host, "alpha");
+}
+
 TEST_F(SharedJobStores, OverANewConnectionAllIsHeard) {
     const auto job = add();
     news();
@@ -526,6 +536,24 @@ TEST_F(SharedJobStores, TablesThatAreGoneAreNotTakenForNoJobs) {
     run("DELETE FROM scheduler");
     EXPECT_THROW(beta->follow(-1, patience_s), StoreError);
     EXPECT_THROW(alpha->set_acl("one", change_row("access", 1)), StoreError);
+}
+
+TEST_F(SharedJobStores, ABeginningWhoseCommitIsNotAnsweredIsAskedAfter) {
+    DroppingRelay relay(velia::postgres_test::server().directory());
+    const auto cut = open_postgres_job_store(
+        "host=" + relay.directory() + " dbname=postgres user=tester options='-c search_path=" + schema() + "'",
+        "gamma");
+    const auto job = add();
+    RunStep made = beginning(job, 100, 90);
+    relay.drop_next(DroppingRelay::Drops::answer_to_commit);
+    EXPECT_EQ(take(*cut, made), Refusal::none);
+    EXPECT_THAT(beta->read().runs, SizeIs(1));
+    ASSERT_EQ(end(*cut, made.run, 110), Refusal::none);
+    RunStep unmade = beginning(job, 120, 115);
+    relay.drop_next(DroppingRelay::Drops::commit);
+    EXPECT_THROW(record_in(*cut, {&unmade}), StoreAway);
+    EXPECT_FALSE(unmade.is_done);
+    EXPECT_EQ(begin(*beta, job, 120, 115), Refusal::none);
 }
 
 // Whatever the daemon is told, it is what the database has: else a start would be made twice, or by nobody.
