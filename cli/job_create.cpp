@@ -270,9 +270,9 @@ int send_job(const SchedulerHandle &scheduler, const Creation &creation, sched_j
     auto status = sched_utl_validate_job_rw_properties(scheduler.get(), 0, &rw, 1, 0, &err_mask);
     sched_job_id_t made = 0;
     if (status == TBS_ST_OK && !creation.is_dry_run)
-        status = creation.run_host.empty() ? create(scheduler, rw, made)
-                                           : sched_job_create_at_host(scheduler.get(), &rw, creation.run_host.c_str(),
-                                                                      &made, &err_mask);
+        status = creation.run_host.empty()
+                     ? create(scheduler, rw, made)
+                     : sched_job_create_at_host(scheduler.get(), &rw, creation.run_host.c_str(), &made, &err_mask);
     if (made != 0)
         id = made;
     return status == TBS_ST_OK ? int{exit_done} : fail_of_scheduler(status, creation.host, "The job cannot be made");

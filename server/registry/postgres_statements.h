@@ -41,12 +41,18 @@ constexpr PostgresStatement put_items = {
     "put_items", "INSERT INTO item (db, digest, entry) SELECT $1::integer, "
                  "digest, $2::bigint FROM (" DIGESTS_OF("$3") ") AS digests ON CONFLICT DO NOTHING"};
 constexpr PostgresStatement remove_items = {"remove_items", "DELETE FROM item WHERE entry = $1"};
+// Entries of a database that is made like another one: counted at the end, since each version of a row that a
+// transaction leaves is passed by the next change of it.
 constexpr PostgresStatement put_entry = {
-    "put_entry", "WITH counted AS (UPDATE stamp SET entries = entries + 1 WHERE db = $2) "
-                 "INSERT INTO entry (id, db, region, identity, text) VALUES ($1, $2, $3, $4, $5)"};
-constexpr PostgresStatement erase_entry = {"erase_entry",
-                                           "WITH gone AS (DELETE FROM entry WHERE id = $1 RETURNING db) "
-                                           "UPDATE stamp SET entries = entries - 1 FROM gone WHERE stamp.db = gone.db"};
+    "put_entry",
+    "WITH added AS (INSERT INTO entry (id, db, region, identity, text) VALUES ($1::bigint, $2::integer, $3, "
+    "$4, $5)) INSERT INTO item (db, digest, entry) SELECT $2, digest, $1 FROM (" DIGESTS_OF(
+        "$6") ") AS digests ON CONFLICT DO NOTHING"};
+constexpr PostgresStatement erase_entry = {
+    "erase_entry", "WITH items AS (DELETE FROM item WHERE entry = $1) DELETE FROM entry WHERE id = $1"};
+constexpr PostgresStatement put_counted_stamps = {
+    "put_counted_stamps", "UPDATE stamp SET dtm = $2, svr_dtm = $3, entries = (SELECT count(*) FROM entry WHERE "
+                          "entry.db = $1) WHERE db = $1"};
 constexpr PostgresStatement put_stamps = {"put_stamps", "UPDATE stamp SET dtm = $2, svr_dtm = $3 WHERE db = $1"};
 constexpr PostgresStatement name_registry = {"name_registry", "UPDATE registry SET name = $1"};
 constexpr PostgresStatement setting = {"setting", "SELECT value FROM setting WHERE sha256(name) = sha256($1)"};

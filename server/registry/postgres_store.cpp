@@ -164,7 +164,9 @@ public:
     void replace(rgy_db_t db, const std::optional<rgy_dtm_pair_t> &stamps, Contents contents) override {
         together([&] {
             make_like(*this, *this, db, std::move(contents));
-            put_stamps(db, stamps ? *stamps : rgy_dtm_pair_t{random_uuid(), random_uuid()});
+            const rgy_dtm_pair_t pair = stamps ? *stamps : rgy_dtm_pair_t{random_uuid(), random_uuid()};
+            session_.run(statements::put_counted_stamps, db, pair.dtm, pair.svr_dtm);
+            ++session_.in_hand().changes;
         });
     }
 
@@ -232,22 +234,16 @@ private:
         return rows.count() == 1 ? std::optional(rows.number(0, 0)) : std::nullopt;
     }
 
-    void erase(rgy_db_t /*db*/, uint64_t id) override {
-        session_.run(statements::remove_items, id);
-        session_.run(statements::erase_entry, id);
-    }
+    void erase(rgy_db_t /*db*/, uint64_t id) override { session_.run(statements::erase_entry, id); }
 
     void put(rgy_db_t db, uint64_t id, const std::string &identity, const std::string &flex_text,
              const Items &items) override {
-        session_.run(statements::put_entry, id, db, region_of(items), identity, flex_text);
-        session_.run(statements::put_items, db, id, joined(items));
+        session_.run(statements::put_entry, id, db, region_of(items), identity, flex_text, joined(items));
         session_.in_hand().last_number = std::max(session_.in_hand().last_number, id);
     }
 
-    void renew_stamps(rgy_db_t db) { put_stamps(db, {random_uuid(), random_uuid()}); }
-
-    void put_stamps(rgy_db_t db, const rgy_dtm_pair_t &pair) {
-        session_.run(statements::put_stamps, db, pair.dtm, pair.svr_dtm);
+    void renew_stamps(rgy_db_t db) {
+        session_.run(statements::put_stamps, db, random_uuid(), random_uuid());
         ++session_.in_hand().changes;
     }
 

@@ -52,6 +52,7 @@ bool is_new_reason(const std::string &reason) {
 struct NotOpen {
     std::string reason; // empty: it is open
     bool is_away = false;
+    bool is_moved = false;
 };
 
 // Told where it cannot be had.
@@ -70,7 +71,7 @@ NotOpen open_store(std::unique_ptr<Store> &store) {
     } catch (const StoreError &error) {
         if (is_new_reason(error.what()))
             print_registry(IMSG_ERROR, MSG_OPEN_FAILED, file_name.c_str(), error.what());
-        return {error.what()};
+        return {error.what(), false, dynamic_cast<const StoreMoved *>(&error) != nullptr};
     }
 }
 
@@ -553,6 +554,7 @@ RegistryService::Taken RegistryService::take_in(std::unique_ptr<Store> &store, c
         not_open = open_store(store);
     taken.is_open = *taken.role != RGY_SVR_NONE && not_open.reason.empty();
     taken.away = not_open.reason;
+    taken.is_moved = not_open.is_moved;
     if (not_open.is_away && is_registry_copied())
         take_in_copy(taken);
     if (taken.is_open || *taken.role == RGY_SVR_NONE)
@@ -600,8 +602,8 @@ void RegistryService::follow_role(Taken taken) {
         looker_.stop();
         look_timer_.stop();
     }
-    const bool is_shut_out = is_server && !taken.is_open && is_registry_shared();
-    if (is_shut_out)
+    const bool is_shut_out = !taken.is_open && (is_registry_shared() ? is_server : is_master && taken.is_moved);
+    if (is_shut_out && is_registry_shared())
         reopen_timer_.start(reopen_ms);
     if (is_shut_out && taken.has_copy) {
         serve_copy(taken);

@@ -119,6 +119,7 @@ private:
         bool has_others = false;
         bool is_open = false;
         bool is_taken_away = false; // the file was, under the store
+        bool is_moved = false;      // to elsewhere
         bool has_copy = false;      // of a database that is away
         std::string away;           // why its database is not reached
     };

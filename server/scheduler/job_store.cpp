@@ -115,8 +115,8 @@ struct Statements {
                             "WHERE job = ?3 AND number < ?1 ORDER BY number DESC LIMIT ?2") {}
 
     Statement jobs, runs, bodies, numbers, owed, dropped, forget_dropped, get, add, change, remove, runs_now, put_job,
-        put_run, put_note, drop, consider, set_considered, begin, forget, end, keep_youngest, owe, pay, set, note, drop_notes,
-        all_changes, changes;
+        put_run, put_note, drop, consider, set_considered, begin, forget, end, keep_youngest, owe, pay, set, note,
+        drop_notes, all_changes, changes;
 };
 
 std::optional<int64_t> stored_owner(const JobRow &row) {

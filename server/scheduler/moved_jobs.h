@@ -16,8 +16,8 @@ JobStock stock_of(JobStore &store);
 
 // From where the daemon has them to the database of this connection string, or with "sqlite" into this host's file.
 // What stood in that file is kept beside it, what stood in the database is taken out of it. Tells how many there are.
-// Throws StoreError, and then nothing was moved; also where the daemon of another host has told within `take_over_s` that
-// it has its jobs in the database.
+// Throws StoreError, and then nothing was moved; also where the daemon of another host has told within `take_over_s`
+// that it has its jobs in the database.
 void move_jobs_of_host(const std::string &to, uint32_t take_over_s);
 
 } // namespace velia::server

@@ -11,16 +11,17 @@ inline constexpr PostgresStatement take_name = {
                      "RETURNING generation"};
 inline constexpr PostgresStatement boot = {"job_boot", "SELECT boot FROM job_daemon WHERE host = $1"};
 inline constexpr PostgresStatement set_boot = {"job_set_boot",
-                                        "UPDATE job_daemon SET boot = $3 WHERE host = $1 AND generation = $2"};
+                                               "UPDATE job_daemon SET boot = $3 WHERE host = $1 AND generation = $2"};
 inline constexpr PostgresStatement number = {"job_number", "SELECT changes, acl FROM scheduler"};
 inline constexpr PostgresStatement jobs = {
     "job_jobs", "SELECT id, body, owner, created_who, created_where, created_when, changed_who, changed_where, "
                 "changed_when, considered, changed_start, predefined, definition, host FROM job WHERE at > $1 "
                 "ORDER BY id"};
 #define RUN_COLUMNS "job, started, due, ended, exit_status, process_id, messages, host, to_end"
-inline constexpr PostgresStatement runs = {"job_runs", "SELECT " RUN_COLUMNS " FROM job_run WHERE at > $1 UNION ALL "
-                                                "SELECT " RUN_COLUMNS " FROM job_run WHERE ended = 0 AND at <= $1 "
-                                                "ORDER BY 1, 2"};
+inline constexpr PostgresStatement runs = {"job_runs",
+                                           "SELECT " RUN_COLUMNS " FROM job_run WHERE at > $1 UNION ALL "
+                                           "SELECT " RUN_COLUMNS " FROM job_run WHERE ended = 0 AND at <= $1 "
+                                           "ORDER BY 1, 2"};
 inline constexpr PostgresStatement gone = {"job_gone", "SELECT id FROM job_gone WHERE at > $1 ORDER BY id"};
 inline constexpr PostgresStatement owed = {"job_owed", "SELECT job FROM job_owed ORDER BY job"};
 inline constexpr PostgresStatement dropped = {"job_dropped", "SELECT definition FROM job_dropped ORDER BY definition"};
@@ -30,12 +31,14 @@ inline constexpr PostgresStatement hosts_away = {
     "SELECT DISTINCT host FROM job WHERE host <> ''::bytea AND host NOT IN (SELECT host FROM job_daemon "
     "WHERE NOT " IS_AWAY("$1") ") ORDER BY host"};
 inline constexpr PostgresStatement others_heard = {
-    "job_others_heard", "SELECT host, greatest(extract(epoch FROM clock_timestamp() - seen), 0)::bigint FROM job_daemon "
-                        "WHERE host <> $1 AND NOT " IS_AWAY("$2") " ORDER BY host"};
-inline constexpr PostgresStatement set_host = {"job_set_host", "UPDATE job SET host = $2, at = $3 WHERE id = $1 RETURNING 1"};
-inline constexpr PostgresStatement lost = {"job_lost",
-                                    "SELECT " RUN_COLUMNS " FROM job_run WHERE ended = 0 AND host IN (SELECT host FROM "
-                                    "job_daemon WHERE " IS_AWAY("$1") ") ORDER BY job"};
+    "job_others_heard",
+    "SELECT host, greatest(extract(epoch FROM clock_timestamp() - seen), 0)::bigint FROM job_daemon "
+    "WHERE host <> $1 AND NOT " IS_AWAY("$2") " ORDER BY host"};
+inline constexpr PostgresStatement set_host = {"job_set_host",
+                                               "UPDATE job SET host = $2, at = $3 WHERE id = $1 RETURNING 1"};
+inline constexpr PostgresStatement lost = {"job_lost", "SELECT " RUN_COLUMNS
+                                                       " FROM job_run WHERE ended = 0 AND host IN (SELECT host FROM "
+                                                       "job_daemon WHERE " IS_AWAY("$1") ") ORDER BY job"};
 inline constexpr PostgresStatement is_lost = {
     "job_is_lost", "SELECT 1 FROM job_run JOIN job_daemon USING (host) WHERE job = $1 AND started = "
                    "$2 AND ended = 0 AND " IS_AWAY("$3")};
@@ -44,7 +47,7 @@ inline constexpr PostgresStatement bodies = {"job_bodies", "SELECT id, body FROM
 inline constexpr PostgresStatement namesake = {
     "job_namesake", "SELECT 1 FROM job WHERE sha256(name) = sha256($1) AND name <> ''::bytea AND id <> $2"};
 inline constexpr PostgresStatement was_dropped = {"job_was_dropped",
-                                           "SELECT 1 FROM job_dropped WHERE sha256(definition) = sha256($1)"};
+                                                  "SELECT 1 FROM job_dropped WHERE sha256(definition) = sha256($1)"};
 // Whether a job would, by whatever way, follow itself.
 inline constexpr PostgresStatement goes_round = {
     "job_goes_round",
@@ -74,16 +77,17 @@ inline constexpr PostgresStatement clear = {
                  "ON CONFLICT (id) DO UPDATE SET at = excluded.at"};
 inline constexpr PostgresStatement drop_gone = {"job_drop_gone", "DELETE FROM job_gone WHERE at <= $1"};
 inline constexpr PostgresStatement forget_dropped = {"job_forget_dropped",
-                                              "DELETE FROM job_dropped WHERE sha256(definition) = sha256($1)"};
+                                                     "DELETE FROM job_dropped WHERE sha256(definition) = sha256($1)"};
 inline constexpr PostgresStatement set_acl = {"job_set_acl", "UPDATE scheduler SET acl = $1"};
 inline constexpr PostgresStatement note = {"job_note",
-                                    "INSERT INTO job_change (number, who, place, time, what, job, job_name, "
-                                    "fields) VALUES ($1, $2, $3, $4, $5, $6, $7, $8)"};
+                                           "INSERT INTO job_change (number, who, place, time, what, job, job_name, "
+                                           "fields) VALUES ($1, $2, $3, $4, $5, $6, $7, $8)"};
 inline constexpr PostgresStatement drop_notes = {"job_drop_notes", "DELETE FROM job_change WHERE number <= $1"};
 #define NOTE_COLUMNS "SELECT number, who, place, time, what, job, job_name, fields FROM job_change WHERE "
-inline constexpr PostgresStatement all_notes = {"job_all_notes", NOTE_COLUMNS "number < $1 ORDER BY number DESC LIMIT $2"};
+inline constexpr PostgresStatement all_notes = {"job_all_notes",
+                                                NOTE_COLUMNS "number < $1 ORDER BY number DESC LIMIT $2"};
 inline constexpr PostgresStatement notes = {"job_notes",
-                                     NOTE_COLUMNS "job = $3 AND number < $1 ORDER BY number DESC LIMIT $2"};
+                                            NOTE_COLUMNS "job = $3 AND number < $1 ORDER BY number DESC LIMIT $2"};
 
 // All that a beginning hangs on is looked at where it is written down; $1 job, $2 started, $3 due, $4 this host, $5 the
 // generation of its daemon, $6 mark, $7 whether it has to be owed, $8 the number of the change. None: it is not this
@@ -117,8 +121,8 @@ inline constexpr PostgresStatement end = {
 inline constexpr PostgresStatement keep_youngest = {
     "job_keep_youngest", "DELETE FROM job_run WHERE job = $1 AND ended <> 0 AND started < (SELECT started FROM job_run "
                          "WHERE job = $1 AND ended <> 0 ORDER BY started DESC OFFSET $2 LIMIT 1)"};
-inline constexpr PostgresStatement owe = {"job_owe",
-                                   "INSERT INTO job_owed SELECT id FROM job WHERE id = $1 ON CONFLICT DO NOTHING"};
+inline constexpr PostgresStatement owe = {
+    "job_owe", "INSERT INTO job_owed SELECT id FROM job WHERE id = $1 ON CONFLICT DO NOTHING"};
 // What follows it, whichever daemon has made it follow.
 inline constexpr PostgresStatement owe_followers = {
     "job_owe_followers", "INSERT INTO job_owed SELECT id FROM job WHERE follows = $1 AND follows <> 0 ORDER BY id "
@@ -126,9 +130,9 @@ inline constexpr PostgresStatement owe_followers = {
 inline constexpr PostgresStatement pass_over = {
     "job_pass_over", "UPDATE job SET considered = $2, at = $3 WHERE id = $1 AND considered < $2 AND ($4::bigint = 0 OR "
                      "EXISTS (SELECT 1 FROM job_run WHERE job = $1 AND ended = 0)) RETURNING 1"};
-inline constexpr PostgresStatement pay = {"job_pay",
-                                   "DELETE FROM job_owed WHERE job = $1 AND ($2::bigint = 0 OR EXISTS (SELECT 1 FROM "
-                                   "job_run WHERE job = $1 AND ended = 0)) RETURNING 1"};
+inline constexpr PostgresStatement pay = {
+    "job_pay", "DELETE FROM job_owed WHERE job = $1 AND ($2::bigint = 0 OR EXISTS (SELECT 1 FROM "
+               "job_run WHERE job = $1 AND ended = 0)) RETURNING 1"};
 inline constexpr PostgresStatement want_end = {
     "job_want_end", "WITH wanted AS (UPDATE job_run SET to_end = 1, at = $3 WHERE job = $1 AND started = $2 AND "
                     "ended = 0 RETURNING job) UPDATE job SET at = $3 FROM wanted WHERE id = job RETURNING 1"};
@@ -139,7 +143,7 @@ inline constexpr PostgresStatement put_run = {
 inline constexpr PostgresStatement drop = {"job_drop", "INSERT INTO job_dropped VALUES ($1) ON CONFLICT DO NOTHING"};
 inline constexpr PostgresStatement last_number = {"job_last_number", "SELECT last_job FROM scheduler"};
 inline constexpr PostgresStatement last_transaction = {"job_last_transaction",
-                                                "SELECT transaction FROM job_writer WHERE name = $1"};
+                                                       "SELECT transaction FROM job_writer WHERE name = $1"};
 
 #undef RUN_COLUMNS
 #undef IS_AWAY

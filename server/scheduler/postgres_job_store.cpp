@@ -168,7 +168,8 @@ public:
         return within([&] {
             const BodyFacts facts(row.body);
             require_name(facts.name, row.id);
-            if (facts.follows != 0 && database_.run(job_statements::goes_round, number(row.id), facts.follows).count() != 0)
+            if (facts.follows != 0 &&
+                database_.run(job_statements::goes_round, number(row.id), facts.follows).count() != 0)
                 throw StoreBusy("another daemon has changed whom a job follows");
             return change_in_hand(row, facts, change);
         });
@@ -250,8 +251,8 @@ public:
 
     void forget(const RunRow &run, int64_t considered, bool is_owed) override {
         within([&] {
-            const PostgresRows forgotten =
-                database_.run(job_statements::forget, number(run.job), run.started, host_, considered, at(), generation_);
+            const PostgresRows forgotten = database_.run(job_statements::forget, number(run.job), run.started, host_,
+                                                         considered, at(), generation_);
             if (forgotten.count() == 1 && is_owed)
                 database_.run(job_statements::owe, number(run.job));
             return forgotten.count() == 1;
@@ -476,9 +477,7 @@ private:
         return false;
     }
 
-    bool is_there(sched_job_id_t id) {
-        return database_.run(job_statements::is_there, number(id)).count() == 1;
-    }
+    bool is_there(sched_job_id_t id) { return database_.run(job_statements::is_there, number(id)).count() == 1; }
 
     bool remove_in_hand(sched_job_id_t id, const ChangeRow &change, const Removal &removal) {
         if (database_
@@ -497,8 +496,8 @@ private:
 
     void put_note(int64_t number, const ChangeRow &change, int64_t job) {
         in_hand_->last_note = std::max(in_hand_->last_note, number);
-        database_.run(job_statements::note, number, change.deed.who, change.deed.where, change.deed.when, change.what, job,
-                      change.job_name, change.fields);
+        database_.run(job_statements::note, number, change.deed.who, change.deed.where, change.deed.when, change.what,
+                      job, change.job_name, change.fields);
     }
 
     uint64_t state() {
@@ -560,8 +559,7 @@ private:
         database_.run(job_statements::keep_youngest, number(run.job), runs_kept - 1);
         Judged judged;
         judged.owed = ids_of(database_.run(job_statements::owe_followers, number(run.job)));
-        judged.is_removed =
-            step.removal && remove_in_hand(run.job, *step.removal, {step.mark, step.changed_start});
+        judged.is_removed = step.removal && remove_in_hand(run.job, *step.removal, {step.mark, step.changed_start});
         return judged;
     }
 
@@ -575,7 +573,8 @@ private:
     }
 
     bool is_lost(const RunRow &run) {
-        return database_.run(job_statements::is_lost, number(run.job), run.started, uint64_t{take_over_s_}).count() == 1;
+        return database_.run(job_statements::is_lost, number(run.job), run.started, uint64_t{take_over_s_}).count() ==
+               1;
     }
 
     Postgres database_;

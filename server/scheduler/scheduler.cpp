@@ -76,8 +76,8 @@ std::string definition_of(const DefinedJob &defined) {
 
 // Of a job that goes with its last run.
 void take_removal(RunStep &step, const Job &job) {
-    step.removal = {0, {"delete when completed", "this host", time(nullptr)}, "deleted", job.row.id,
-                    noted_name(job.name), ""};
+    step.removal = {
+        0, {"delete when completed", "this host", time(nullptr)}, "deleted", job.row.id, noted_name(job.name), ""};
     step.mark = mark_of(job.row.body);
     step.changed_start = job.row.changed_start;
 }

@@ -6,8 +6,8 @@
 
 #include <ctime>
 #include <map>
-#include <utility>
 #include <unistd.h>
+#include <utility>
 
 #include <server/registry/place.h>
 #include <server/registry/store.h>

@@ -43,9 +43,10 @@ struct JobsOnPostgres : SchedulerFixture {
         ASSERT_TRUE(serves("alpha"));
     }
 
-    void configure(const std::string &more) const {
-        site.configure(std::string(trusted_hosts) + tasks + "option jobs 3\noption take-over 5\n" + more +
-                       "option store postgresql \"" + database.conninfo() + "\"\n");
+    void configure(const std::string &more, int take_over_s = 5) const {
+        site.configure(std::string(trusted_hosts) + tasks + "option jobs 3\noption take-over " +
+                       std::to_string(take_over_s) + "\n" + more + "option store postgresql \"" + database.conninfo() +
+                       "\"\n");
     }
     void start(size_t host) {
         Child::Options options;
@@ -210,6 +211,31 @@ TEST_F(JobsOnPostgres, AJobThatRunsAnywhereIsNotStartedTwiceAndIsEndedFromAnywhe
     EXPECT_TRUE(tells("beta", "--output jsonl job list beta", "\"running_since\":null"));
 }
 
+// It is made long after the daemon has given up to ask after it.
+TEST_F(JobsOnPostgres, AStartWhoseCommitIsNeverAnsweredIsMadeOnce) {
+    constexpr int commit_s = 32;
+    sched_free_handle(&handle);
+    kill_daemon(0);
+    configure("", 600); // none is taken for gone that waits for the database
+    start(0);
+    ASSERT_EQ(sched_get_handle("alpha", &handle), TBS_ST_OK);
+    ASSERT_TRUE(serves("alpha"));
+    start_all(2);
+    note_starts();
+    database.run("CREATE SEQUENCE commits; CREATE FUNCTION wait() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN "
+                 "IF nextval('commits') = 1 THEN PERFORM pg_sleep(" +
+                 std::to_string(commit_s) +
+                 "); END IF; RETURN NULL; END $$; "
+                 "CREATE CONSTRAINT TRIGGER wait AFTER INSERT ON job_run DEFERRABLE INITIALLY DEFERRED FOR EACH ROW "
+                 "EXECUTE FUNCTION wait()");
+    make_jobs(1);
+    EXPECT_TRUE(eventually([&] { return lines(0) > 2; }, commit_s + patience_s)) << everything_said();
+    EXPECT_EQ(number("SELECT count(*) FROM job_run WHERE ended <> 0 AND exit_status <> 0"), 0)
+        << "what had not begun is begun, and not told ended";
+    let_end();
+    expect_each_start_once();
+}
+
 TEST_F(JobsOnPostgres, AJobThatHasJustBegunAtAnotherDaemonIsNotDeletedWithoutForce) {
     constexpr int rounds = 10; // in most of them beta has not heard of the run
     start_all(2);
@@ -250,9 +276,7 @@ TEST_F(JobsOnPostgres, ARunThatWasToEndWhileItsDaemonWasAwayEndsWhenThatComesBac
     ASSERT_EQ(sched_get_handle("alpha", &handle), TBS_ST_OK);
     ASSERT_TRUE(serves("alpha"));
     EXPECT_TRUE(eventually(
-        [&] {
-            return number("SELECT count(*) FROM job_run WHERE ended <> 0 AND exit_status NOT IN (0, 255)") == 1;
-        },
+        [&] { return number("SELECT count(*) FROM job_run WHERE ended <> 0 AND exit_status NOT IN (0, 255)") == 1; },
         patience_s))
         << everything_said();
 }
@@ -261,7 +285,8 @@ TEST_F(JobsOnPostgres, ARunThatWasToEndWhileItsDaemonWasAwayEndsWhenThatComesBac
 TEST_F(JobsOnPostgres, ADaemonThatWasSuspendedForLongerThanTakeOverMakesNoStartOnceMore) {
     note_starts();
     start_all(2);
-    const auto id = create(NewJob("waits", {"-c", "while [ ! -e " + site.path("go") + " ]; do sleep .1; done; exit 3"}));
+    const auto id =
+        create(NewJob("waits", {"-c", "while [ ! -e " + site.path("go") + " ]; do sleep .1; done; exit 3"}));
     const auto by_hand = create(NewJob("by hand"));
     ASSERT_EQ(run(id), TBS_ST_OK);
     make_jobs(3, "; sleep .3");

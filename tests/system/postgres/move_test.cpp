@@ -173,6 +173,10 @@ TEST_F(MoveOfRegistry, WhatItHasLeftIsNotServed) {
     ASSERT_EQ(move(database.conninfo()).status, 0);
     start_alpha();
     EXPECT_TRUE(alpha->says("the registry was moved to postgresql", patience_s)) << alpha->output();
+    EXPECT_THAT(run_apart(site, {VELIACTL, "daemon", "status", "alpha"}).output,
+                HasSubstr("the registry was moved to postgresql"));
+    EXPECT_THAT(run_apart(site, {VELIACTL, "doctor"}).output,
+                HasSubstr("its registry cannot be reached: the registry was moved to postgresql"));
     EXPECT_THAT(regions(), IsEmpty());
     EXPECT_NE(add(RGY_DB_REGIONS, name_entry("d")), TBS_ST_OK);
     stop_alpha();
@@ -268,6 +272,32 @@ TEST_F(MoveOfRegistry, BesideASecondMasterIsRefused) {
     EXPECT_THAT(refused.errors, HasSubstr("host \"beta\" takes updates, too, under the same term"));
     EXPECT_FALSE(is_served_from_database());
     EXPECT_TRUE(is_served_from_file());
+}
+
+TEST_F(MoveOfRegistry, WhatFailsOnTheWayIsServedFromWhereItWas) {
+    ASSERT_EQ(move(database.conninfo()).status, 0);
+    keep_in_database();
+    std::filesystem::create_directories(site.path("host/priv/registry.db.moved.new"));
+    const Outcome back = move("sqlite");
+    EXPECT_EQ(back.status, 1) << "no place for the file";
+    EXPECT_TRUE(is_served_from_database());
+    std::filesystem::remove(site.path("host/priv/registry.db.moved.new"));
+    ASSERT_EQ(move("sqlite").status, 0);
+    keep_in_file();
+    start_alpha();
+    ASSERT_EQ(add(RGY_DB_REGIONS, name_entry("d")), TBS_ST_OK);
+    stop_alpha();
+    database.run("CREATE FUNCTION refuse() RETURNS trigger LANGUAGE plpgsql AS 'BEGIN RAISE EXCEPTION ''not today''; "
+                 "END'");
+    database.run("CREATE TRIGGER refuse BEFORE INSERT ON entry FOR EACH ROW EXECUTE FUNCTION refuse()");
+    const Outcome there = move(database.conninfo());
+    EXPECT_EQ(there.status, 1);
+    EXPECT_THAT(there.errors, HasSubstr("not today"));
+    EXPECT_TRUE(is_served_from_file());
+    EXPECT_FALSE(is_served_from_database());
+    database.run("DROP TRIGGER refuse ON entry");
+    EXPECT_EQ(move(database.conninfo()).status, 0);
+    EXPECT_THAT(told_with([this] { keep_in_database(); }), ElementsAre("a", "b", "c", "d"));
 }
 
 TEST_F(MoveOfRegistry, WhatMovedToOneDatabaseIsNotMovedToAnother) {

@@ -42,18 +42,20 @@ struct RegistryOnPostgres : testing::Test {
         site.configure(std::string(trusted_hosts) + "option store postgresql \"" + conninfo + "\"\n" + more);
     }
     // Of the copy that the daemon keeps for the time when the database is away.
-    uint64_t copied_entries() const {
-        uint64_t entries = 0;
+    std::string answer_of_copy(const char *question) const {
+        std::string answer;
         sqlite3 *copy = nullptr;
         sqlite3_stmt *query = nullptr;
         if (sqlite3_open_v2(site.path("host/priv/registry.db.copy").c_str(), &copy, SQLITE_OPEN_READONLY, nullptr) ==
                 SQLITE_OK &&
-            sqlite3_prepare_v2(copy, "SELECT count(*) FROM entry", -1, &query, nullptr) == SQLITE_OK &&
-            sqlite3_step(query) == SQLITE_ROW)
-            entries = static_cast<uint64_t>(sqlite3_column_int64(query, 0));
+            sqlite3_prepare_v2(copy, question, -1, &query, nullptr) == SQLITE_OK && sqlite3_step(query) == SQLITE_ROW)
+            answer = reinterpret_cast<const char *>(sqlite3_column_text(query, 0));
         sqlite3_finalize(query);
         sqlite3_close(copy);
-        return entries;
+        return answer;
+    }
+    uint64_t copied_entries() const {
+        return strtoull(answer_of_copy("SELECT count(*) FROM entry").c_str(), nullptr, 10);
     }
     // Of whoever has read a part under these stamps.
     static tbs_status_t list_from(rgy_dtm_pair_t &stamps) {
@@ -218,6 +220,20 @@ TEST_F(RegistryOnPostgres, WhileTheDatabaseIsAwayTheLastCopyIsReadIfTheSiteSaysS
     database.start();
     EXPECT_TRUE(comes_to_take("c")) << daemon->output();
     EXPECT_THAT(regions(), ElementsAre("a", "b", "c"));
+}
+
+TEST_F(RegistryOnPostgres, TheCopyGetsSettingsToo) {
+    keep_in(database.conninfo(), "option store-reads copy\noption registry-copy 1\n");
+    start();
+    ASSERT_EQ(add_region("a"), TBS_ST_OK);
+    ASSERT_TRUE(eventually([&] { return copied_entries() == 1; }, patience_s)) << daemon->output();
+    ASSERT_EQ(rvzd_rgy_set_backup(own_handle("alpha").get(), RGY_PROTOCOL_VERSION, "alpha beta"), TBS_ST_OK);
+    EXPECT_TRUE(eventually(
+        [&] {
+            return answer_of_copy("SELECT CAST(value AS TEXT) FROM setting WHERE name = CAST('backup' AS BLOB)") ==
+                   "alpha beta";
+        },
+        patience_s));
 }
 
 TEST_F(RegistryOnPostgres, ADaemonThatStartsWithoutItsDatabaseServesWhenThatComes) {

@@ -138,6 +138,22 @@ TEST_F(SharedJobStores, AStartIsPassedOverForARunOnlyIfThatGoesOn) {
     EXPECT_EQ(begin(*beta, job, 120, 92), Refusal::none);
 }
 
+TEST_F(SharedJobStores, AnOwedStartIsPassedOverForARunOnlyIfThatGoesOn) {
+    const auto followed = add("first");
+    const auto follower = add("second", followed);
+    ASSERT_EQ(begin(*alpha, followed, 100, 90), Refusal::none);
+    ASSERT_EQ(begin(*alpha, follower, 100, 0), Refusal::none);
+    ASSERT_EQ(end(*alpha, run_row(follower, 100, 0), 105), Refusal::none);
+    ASSERT_EQ(end(*alpha, run_row(followed, 100, 90), 110), Refusal::none);
+    RunStep behind_it = run_step(What::pass_over_running, run_row(follower, 0, 0));
+    EXPECT_EQ(take(*beta, behind_it), Refusal::taken);
+    EXPECT_THAT(beta->read().owed, ElementsAre(follower));
+    run("UPDATE job_run SET ended = 0 WHERE job = " + std::to_string(follower));
+    RunStep while_it_runs = run_step(What::pass_over_running, run_row(follower, 0, 0));
+    EXPECT_EQ(take(*beta, while_it_runs), Refusal::none);
+    EXPECT_THAT(beta->read().owed, IsEmpty());
+}
+
 TEST_F(SharedJobStores, NoTwoRunsOfAJobHaveOneMoment) {
     const auto job = add();
     ASSERT_EQ(begin(*alpha, job, 100, 90), Refusal::none);
@@ -244,6 +260,16 @@ TEST_F(SharedJobStores, AJobThatWasMovedInUnderTheNumberOfOneThatHasGoneMayGo) {
     EXPECT_THAT(ids_in(news()), ElementsAre(job));
     EXPECT_TRUE(beta->remove(job, change_row("deleted")));
     EXPECT_THAT(news().gone, ElementsAre(job));
+}
+
+TEST_F(SharedJobStores, RunsThatComeOutOfAFileAreThoseOfTheHostThatMovesThem) {
+    JobStock stock;
+    stock.contents.jobs = {job_row("moved")};
+    stock.contents.jobs[0].id = 1;
+    stock.contents.runs = {run_row(1, 100, 90)};
+    alpha->put_all(stock);
+    ASSERT_THAT(beta->read().runs, SizeIs(1));
+    EXPECT_EQ(beta->read().runs[0].host, "alpha");
 }
 
 TEST_F(SharedJobStores, OverANewConnectionAllIsHeard) {
@@ -454,6 +480,7 @@ TEST_F(SharedJobStores, WhoeverWantsARunEndedTellsWhoseItIs) {
     EXPECT_TRUE(beta->ask_to_end(run_row(job, 100, 0)));
     EXPECT_FALSE(beta->ask_to_end(run_row(job, 101, 0)));
     const JobNews found = news();
+    EXPECT_THAT(ids_in(found), ElementsAre(job)) << "a run is looked at with its job";
     ASSERT_THAT(found.contents.runs, SizeIs(1));
     EXPECT_TRUE(found.contents.runs[0].is_to_end);
 }
@@ -509,6 +536,24 @@ TEST_F(SharedJobStores, TablesThatAreGoneAreNotTakenForNoJobs) {
     run("DELETE FROM scheduler");
     EXPECT_THROW(beta->follow(-1, patience_s), StoreError);
     EXPECT_THROW(alpha->set_acl("one", change_row("access", 1)), StoreError);
+}
+
+TEST_F(SharedJobStores, ABeginningWhoseCommitIsNotAnsweredIsAskedAfter) {
+    DroppingRelay relay(velia::postgres_test::server().directory());
+    const auto cut = open_postgres_job_store(
+        "host=" + relay.directory() + " dbname=postgres user=tester options='-c search_path=" + schema() + "'",
+        "gamma");
+    const auto job = add();
+    RunStep made = beginning(job, 100, 90);
+    relay.drop_next(DroppingRelay::Drops::answer_to_commit);
+    EXPECT_EQ(take(*cut, made), Refusal::none);
+    EXPECT_THAT(beta->read().runs, SizeIs(1));
+    ASSERT_EQ(end(*cut, made.run, 110), Refusal::none);
+    RunStep unmade = beginning(job, 120, 115);
+    relay.drop_next(DroppingRelay::Drops::commit);
+    EXPECT_THROW(record_in(*cut, {&unmade}), StoreAway);
+    EXPECT_FALSE(unmade.is_done);
+    EXPECT_EQ(begin(*beta, job, 120, 115), Refusal::none);
 }
 
 // Whatever the daemon is told, it is what the database has: else a start would be made twice, or by nobody.

@@ -24,6 +24,24 @@ struct EndedWait : PostgresStoreTest {
         store = open();
         server.run("ALTER SYSTEM SET synchronous_standby_names = 'nobody'");
         server.run("SELECT pg_reload_conf()");
+        for (int i = 0; i < 100 && !makes_wait("probe" + std::to_string(i)); ++i)
+            ;
+    }
+    // The server takes its configuration in some time after it was told to.
+    bool makes_wait(const std::string &table) {
+        std::atomic<bool> is_written = false;
+        bool is_waiting = false;
+        std::thread writing([&] {
+            run("CREATE TABLE " + table + " ()");
+            is_written = true;
+        });
+        EXPECT_TRUE(eventually([&] {
+            is_waiting = server.ask(waiting_for_standby) == "t";
+            return is_written || is_waiting;
+        }));
+        server.run("SELECT pg_cancel_backend(pid) FROM pg_stat_activity WHERE wait_event = 'SyncRep'");
+        writing.join();
+        return is_waiting;
     }
     ~EndedWait() override { server.demand_no_standby(); }
 
@@ -35,15 +53,17 @@ struct EndedWait : PostgresStoreTest {
             is_answered = true;
         });
         server.wait_for(waiting_for_standby);
-        const std::string first =
-            server.ask("SELECT max(query_start) FROM pg_stat_activity WHERE wait_event = 'SyncRep'");
-        server.run("SELECT " + end + "(pid) FROM pg_stat_activity WHERE wait_event = 'SyncRep'");
-        EXPECT_TRUE(eventually([&] {
-            return is_answered || server.ask("SELECT count(*) FROM pg_stat_activity WHERE wait_event = 'SyncRep' AND "
-                                             "query_start > '" +
-                                             first + "'") == "1";
-        }));
-        EXPECT_FALSE(is_answered) << "no standby has it";
+        for (int time = 1; time <= 2; ++time) { // the wait that is begun anew may be ended, too
+            const std::string former =
+                server.ask("SELECT max(query_start) FROM pg_stat_activity WHERE wait_event = 'SyncRep'");
+            server.run("SELECT " + end + "(pid) FROM pg_stat_activity WHERE wait_event = 'SyncRep'");
+            EXPECT_TRUE(eventually([&] {
+                return is_answered || server.ask("SELECT count(*) FROM pg_stat_activity WHERE wait_event = 'SyncRep' "
+                                                 "AND query_start > '" +
+                                                 former + "'") == "1";
+            }));
+            EXPECT_FALSE(is_answered) << "no standby has it";
+        }
         server.demand_no_standby();
         adding.join();
         EXPECT_EQ(result, Store::AddResult::added);
@@ -61,6 +81,34 @@ TEST_F(EndedWait, ThatIsCancelledIsBegunAnew) {
 
 TEST_F(EndedWait, ThatIsEndedWithItsConnectionIsBegunAnew) {
     expect_it_waits_again("pg_terminate_backend");
+}
+
+TEST(PostgresStanding, AnAbsenceIsToldOnceUntilItIsOver) {
+    const auto standing = PostgresStanding::of("host=nowhere");
+    const auto told = [&](int failures) {
+        testing::internal::CaptureStderr();
+        for (int i = 0; i < failures; ++i)
+            standing->note_failure("reason " + std::to_string(i));
+        const std::string words = testing::internal::GetCapturedStderr();
+        size_t lines = 0;
+        for (size_t at = words.find("is away"); at != std::string::npos; at = words.find("is away", at + 1))
+            ++lines;
+        return lines;
+    };
+    EXPECT_EQ(told(3), 1u);
+    EXPECT_EQ(told(1), 0u);
+    standing->note_success();
+    EXPECT_EQ(told(2), 1u);
+}
+
+TEST(PostgresStanding, BehindFailuresNothingIsTriedForAWhile) {
+    const std::string conninfo = "host=/nonexistent/either";
+    const auto standing = PostgresStanding::of(conninfo);
+    EXPECT_THROW(standing->connect(conninfo), StoreAway);
+    for (int i = 0; i < 10; ++i) // after which the pause is as long as it gets
+        standing->note_failure("reason");
+    EXPECT_EQ(standing->connect(conninfo), nullptr);
+    EXPECT_EQ(standing->reason(), "reason");
 }
 
 TEST_F(PostgresStoreTest, WhileAConnectionTakesLongAllAreToldAtOnce) {

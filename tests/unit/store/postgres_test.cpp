@@ -40,6 +40,7 @@ TEST(PostgresErrors, EachCodeHasItsKindAndWords) {
                              CodeRow{"57014", Kind::busy, "longer than it may"},
                              CodeRow{"40P01", Kind::busy, "in the way"},
                              CodeRow{"25006", Kind::away, "takes no changes"},
+                             CodeRow{"25P03", Kind::away, "idle amid a transaction"},
                              CodeRow{"57P03", Kind::away, "coming up"},
                              CodeRow{"08006", Kind::away, "broke"},
                              CodeRow{"", Kind::away, "x"},
@@ -239,6 +240,62 @@ TEST_F(PostgresStoreTest, ACommitThatIsLostIsFoundNotToBeMade) {
     EXPECT_THAT(words, HasSubstr("was not made"));
     EXPECT_EQ(count(*store), 1u);
     EXPECT_EQ(add(*store, "b"), Store::AddResult::added);
+}
+
+// Nothing can be changed there any more, and what was made before has been made.
+TEST_F(PostgresStoreTest, ACommitThatIsLostIsAskedAfterAlsoWhereTheRegistryHasBeenMovedSince) {
+    DroppingRelay relay(server.directory());
+    const auto store = open(conninfo_over(relay));
+    run("CREATE FUNCTION leave() RETURNS trigger LANGUAGE plpgsql AS 'BEGIN UPDATE registry SET moved = "
+        "''elsewhere''::bytea; RETURN NEW; END'");
+    run("CREATE TRIGGER leave AFTER INSERT OR UPDATE ON writer FOR EACH ROW EXECUTE FUNCTION leave()");
+    relay.drop_next(DroppingRelay::Drops::answer_to_commit);
+    EXPECT_EQ(add(*store, "a"), Store::AddResult::added);
+    EXPECT_EQ(ask("SELECT count(*) FROM entry"), "1");
+}
+
+TEST_F(PostgresStoreTest, ACommitThatIsRefusedIsNotInDoubt) {
+    const auto store = open();
+    run("CREATE FUNCTION refuse() RETURNS trigger LANGUAGE plpgsql AS 'BEGIN RAISE EXCEPTION ''not today''; END'");
+    run("CREATE CONSTRAINT TRIGGER refuse AFTER INSERT ON entry DEFERRABLE INITIALLY DEFERRED FOR EACH ROW EXECUTE "
+        "FUNCTION refuse()");
+    std::string words;
+    EXPECT_EQ(kind_of([&] { add(*store, "a"); }, &words), Kind::refused);
+    EXPECT_THAT(words, HasSubstr("not today"));
+    EXPECT_EQ(count(*store), 0u);
+}
+
+// Whoever says that he takes any server is not served by one that takes no changes either.
+TEST_F(PostgresStoreTest, AServerThatTakesNoChangesIsNotOpened) {
+    run("ALTER DATABASE " + database + " SET default_transaction_read_only = on");
+    std::string words;
+    EXPECT_EQ(opening(conninfo() + " target_session_attrs=any", &words), Kind::away);
+    EXPECT_THAT(words, HasSubstr("takes no changes"));
+}
+
+TEST_F(PostgresStoreTest, AConnectionToWhatTakesNoChangesAnyMoreIsGivenUp) {
+    const auto store = open();
+    run("CREATE FUNCTION refuse() RETURNS trigger LANGUAGE plpgsql AS 'BEGIN RAISE EXCEPTION ''read only'' USING "
+        "ERRCODE = ''25006''; END'");
+    run("CREATE TRIGGER refuse BEFORE INSERT ON entry FOR EACH ROW EXECUTE FUNCTION refuse()");
+    const std::string connections = "SELECT count(*) FROM pg_stat_activity WHERE application_name = 'rvzd_server' AND "
+                                    "datname = '" +
+                                    database + "'";
+    EXPECT_EQ(ask(connections), "1");
+    EXPECT_EQ(kind_of([&] { add(*store, "a"); }), Kind::away);
+    EXPECT_TRUE(eventually([&] { return ask(connections) == "0"; }));
+}
+
+TEST_F(PostgresStoreTest, WhatIsReadAtOneMomentIsNotChangedMeanwhile) {
+    const auto reader = open();
+    const auto writer = open();
+    ASSERT_EQ(add(*writer, "a"), Store::AddResult::added);
+    reader->at_one_moment([&] {
+        EXPECT_EQ(count(*reader), 1u);
+        ASSERT_EQ(add(*writer, "b"), Store::AddResult::added);
+        EXPECT_EQ(count(*reader), 1u);
+    });
+    EXPECT_EQ(count(*reader), 2u);
 }
 
 TEST_F(PostgresStoreTest, ACommitThatCannotBeAskedAfterIsUncertain) {
