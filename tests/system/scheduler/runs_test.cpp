@@ -138,9 +138,9 @@ TEST_F(SchedulerRuns, OfOneThatStillRunsNoOtherIsStarted) {
 }
 
 TEST_F(SchedulerRuns, StartsThatOneRunHoldsUpAreToldOnceAndCounted) {
-    const auto id = create(script("slow", "echo >>" + site.path("count") + "; while [ ! -e " + site.path("go") +
-                                              " ]; do sleep 0.05; done")
-                               .every_second());
+    const auto id = create(
+        script("slow", "echo >>" + site.path("count") + "; while [ ! -e " + site.path("go") + " ]; do sleep 0.05; done")
+            .every_second());
     ASSERT_TRUE(daemon->says("is still running -- skipping scheduled execution"));
     const time_t started = running_since(id);
     ASSERT_TRUE(eventually([&] { return time(nullptr) > started + 4; }));
