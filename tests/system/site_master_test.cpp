@@ -86,6 +86,27 @@ TEST_F(SiteMaster, OneThatHearsOfAHigherTermTakesNoUpdatesAndSaysSo) {
     EXPECT_EQ(add_region("lost", "alpha"), TBS_ST_NO_SERVER) << "it has not forgotten";
 }
 
+// Not even where its role's file is written anew: what it would begin is a term above that of the one who took over.
+TEST_F(SiteMaster, OneThatWasSupersededDoesNotBeginATermByItsRolesFile) {
+    ASSERT_EQ(veliactl({"registry", "promote", "beta", "--force"}).status, DONE);
+    ASSERT_TRUE(is_superseded("alpha")) << daemon->output();
+    site.write("host/config/rgy_svr.conf", "not a server");
+    ASSERT_TRUE(eventually([] { return state_of("alpha").role == RGY_SVR_NONE; })) << daemon->output();
+    site.write("host/config/rgy_svr.conf", "master");
+    ASSERT_TRUE(eventually([] { return state_of("alpha").role == RGY_SVR_MASTER; })) << daemon->output();
+    EXPECT_EQ(state_of("alpha").term, 1u);
+    EXPECT_FALSE(state_of("alpha").takes_updates);
+    EXPECT_TRUE(state_of("beta").takes_updates) << standby->output();
+}
+
+TEST_F(SiteMaster, OneThatIsMadeByItsRolesFileTellsTheOneBefore) {
+    site.write("host/config/rgy_hosts.conf", "alpha\n\n"); // so that it asks nobody
+    site.write("beta/host/config/rgy_hosts.conf", "beta\n\n");
+    site.write("beta/host/config/rgy_svr.conf", "master");
+    ASSERT_TRUE(eventually([] { return state_of("beta").takes_updates; })) << standby->output();
+    EXPECT_TRUE(is_superseded("alpha")) << daemon->output() << standby->output();
+}
+
 TEST_F(SiteMaster, OneThatWasDownAsksTheOthersBeforeItServes) {
     stop(daemon);
     ASSERT_EQ(veliactl({"registry", "promote"}, on_beta()).status, DONE);
