@@ -136,6 +136,6 @@ int main(int argc, char **argv) {
     site = &own_site;
     own_site.restart("option metrics " + place() + "\n", [] {});
     add_entry();
-    return bench::run(argc, argv,
-                      {{"LookupBesideTenScrapesASecond", "Lookup", 0}, {"LookupBesideScrapesWithoutPause", "Lookup", 0}});
+    return bench::run(
+        argc, argv, {{"LookupBesideTenScrapesASecond", "Lookup", 0}, {"LookupBesideScrapesWithoutPause", "Lookup", 0}});
 }

@@ -99,8 +99,9 @@ TEST_F(SiteMaster, APromotionTurnsTheOtherHostsOrTellsTheirCommand) {
     stop(daemon);
     const auto promoted = veliactl({"registry", "promote", "beta"});
     EXPECT_EQ(promoted.status, DONE) << promoted.errors;
-    EXPECT_THAT(promoted.errors,
-                HasSubstr("Host 'nowhere' does not follow 'beta' yet; run there: veliactl registry hosts --master beta"));
+    EXPECT_THAT(
+        promoted.errors,
+        HasSubstr("Host 'nowhere' does not follow 'beta' yet; run there: veliactl registry hosts --master beta"));
     for (const char *file : {"host/config/rgy_hosts.conf", "beta/host/config/rgy_hosts.conf"})
         EXPECT_THAT(site.read(file), testing::StartsWith("beta\n")) << file;
     EXPECT_EQ(add_region("two", "beta"), TBS_ST_OK);
