@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <csignal>
 #include <thread>
@@ -84,6 +85,46 @@ TEST_F(SiteMaster, OneThatHearsOfAHigherTermTakesNoUpdatesAndSaysSo) {
     stop(standby, SIGKILL); // so that nobody tells it again
     start_alpha();
     EXPECT_EQ(add_region("lost", "alpha"), TBS_ST_NO_SERVER) << "it has not forgotten";
+}
+
+// Not even where its role's file is written anew: what it would begin is a term above that of the one who took over.
+TEST_F(SiteMaster, APromotionTurnsTheOtherHostsOrTellsTheirCommand) {
+    ASSERT_EQ(veliactl({"registry", "backup", "beta,nowhere"}).status, DONE);
+    ASSERT_TRUE(eventually([] {
+        std::array<char, RGY_WIRE_HOST_LIST_MAX + 1> list = {};
+        char *text = list.data();
+        return rvzd_rgy_get_backup(own_handle("beta").get(), RGY_PROTOCOL_VERSION, &text) == TBS_ST_OK &&
+               std::string(list.data()).find("nowhere") != std::string::npos;
+    })) << "the copy of the list";
+    stop(daemon);
+    const auto promoted = veliactl({"registry", "promote", "beta"});
+    EXPECT_EQ(promoted.status, DONE) << promoted.errors;
+    EXPECT_THAT(
+        promoted.errors,
+        HasSubstr("Host 'nowhere' does not follow 'beta' yet; run there: veliactl registry hosts --master beta"));
+    for (const char *file : {"host/config/rgy_hosts.conf", "beta/host/config/rgy_hosts.conf"})
+        EXPECT_THAT(site.read(file), testing::StartsWith("beta\n")) << file;
+    EXPECT_EQ(add_region("two", "beta"), TBS_ST_OK);
+}
+
+TEST_F(SiteMaster, OneThatWasSupersededDoesNotBeginATermByItsRolesFile) {
+    ASSERT_EQ(veliactl({"registry", "promote", "beta", "--force"}).status, DONE);
+    ASSERT_TRUE(is_superseded("alpha")) << daemon->output();
+    site.write("host/config/rgy_svr.conf", "not a server");
+    ASSERT_TRUE(eventually([] { return state_of("alpha").role == RGY_SVR_NONE; })) << daemon->output();
+    site.write("host/config/rgy_svr.conf", "master");
+    ASSERT_TRUE(eventually([] { return state_of("alpha").role == RGY_SVR_MASTER; })) << daemon->output();
+    EXPECT_EQ(state_of("alpha").term, 1u);
+    EXPECT_FALSE(state_of("alpha").takes_updates);
+    EXPECT_TRUE(state_of("beta").takes_updates) << standby->output();
+}
+
+TEST_F(SiteMaster, OneThatIsMadeByItsRolesFileTellsTheOneBefore) {
+    site.write("host/config/rgy_hosts.conf", "alpha\n\n"); // so that it asks nobody
+    site.write("beta/host/config/rgy_hosts.conf", "beta\n\n");
+    site.write("beta/host/config/rgy_svr.conf", "master");
+    ASSERT_TRUE(eventually([] { return state_of("beta").takes_updates; })) << standby->output();
+    EXPECT_TRUE(is_superseded("alpha")) << daemon->output() << standby->output();
 }
 
 TEST_F(SiteMaster, OneThatWasDownAsksTheOthersBeforeItServes) {
@@ -380,6 +421,7 @@ TEST_F(SiteMaster, OneThatWasSupersededByItselfIsToldHowToGoOn) {
         veliactl({"doctor", "--output", "jsonl"}).output,
         HasSubstr("its registry is an older one; to go on with it, run: veliactl registry promote alpha --force"));
     EXPECT_EQ(add_region("refused"), TBS_ST_NO_SERVER);
+    EXPECT_EQ(turn("alpha", RVZD_TURN_HOLD, 60), TBS_ST_UNSUPPORTED) << "no other host has taken over";
     EXPECT_EQ(veliactl({"registry", "promote", "alpha", "--force"}).status, DONE);
     EXPECT_TRUE(eventually([] { return add_region("two") == TBS_ST_OK; })) << daemon->output();
     EXPECT_TRUE(comes_to_have("beta", {"one", "two"})) << standby->output();
