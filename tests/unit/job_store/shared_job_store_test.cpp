@@ -149,6 +149,10 @@ TEST_F(SharedJobStores, AnOwedStartIsPassedOverForARunOnlyIfThatGoesOn) {
     EXPECT_EQ(take(*beta, behind_it), Refusal::taken);
     EXPECT_THAT(beta->read().owed, ElementsAre(follower));
     run("UPDATE job_run SET ended = 0 WHERE job = " + std::to_string(follower));
+    RunStep during_it = beginning(follower, 120, 0);
+    during_it.is_owed = true;
+    EXPECT_EQ(take(*beta, during_it), Refusal::running);
+    EXPECT_THAT(beta->read().owed, ElementsAre(follower)) << "nobody has been told yet that it is passed over";
     RunStep while_it_runs = run_step(What::pass_over_running, run_row(follower, 0, 0));
     EXPECT_EQ(take(*beta, while_it_runs), Refusal::none);
     EXPECT_THAT(beta->read().owed, IsEmpty());
