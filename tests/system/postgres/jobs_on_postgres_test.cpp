@@ -231,8 +231,7 @@ TEST_F(JobsOnPostgres, AStartWhoseCommitIsNeverAnsweredIsMadeOnce) {
     const std::string script = "-- -c 'echo >>" + site.path("runs0") + "'";
     ASSERT_EQ(tool("alpha", "job create alpha once --task script --now " + script).status, 0);
     EXPECT_TRUE(eventually([&] { return lines(0) == 1; }, commit_s + patience_s)) << everything_said();
-    EXPECT_TRUE(
-        eventually([&] { return number("SELECT count(*) FROM job_run WHERE ended <> 0") == 1; }, patience_s));
+    EXPECT_TRUE(eventually([&] { return number("SELECT count(*) FROM job_run WHERE ended <> 0") == 1; }, patience_s));
     EXPECT_EQ(number("SELECT exit_status FROM job_run"), 0) << "what had not begun is begun, and not told ended";
     EXPECT_EQ(number("SELECT count(*) FROM made"), 1);
     EXPECT_EQ(lines(0), 1);
@@ -247,9 +246,9 @@ TEST_F(JobsOnPostgres, WhatFollowsAJobIsStartedOnceForEachOfItsRuns) {
     ASSERT_TRUE(tells("beta", "job list beta", "second"));
     for (int round = 1; round <= rounds; ++round) {
         ASSERT_TRUE(eventually([&] { return run(id) == TBS_ST_OK; }, patience_s));
-        ASSERT_TRUE(eventually(
-            [&] { return lines(0) >= round && number("SELECT count(*) FROM job_run WHERE ended = 0") == 0; },
-            patience_s))
+        ASSERT_TRUE(
+            eventually([&] { return lines(0) >= round && number("SELECT count(*) FROM job_run WHERE ended = 0") == 0; },
+                       patience_s))
             << everything_said();
     }
     const int changes = number("SELECT changes FROM scheduler");
