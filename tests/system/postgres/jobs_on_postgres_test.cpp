@@ -228,12 +228,36 @@ TEST_F(JobsOnPostgres, AStartWhoseCommitIsNeverAnsweredIsMadeOnce) {
                  "); END IF; RETURN NULL; END $$; "
                  "CREATE CONSTRAINT TRIGGER wait AFTER INSERT ON job_run DEFERRABLE INITIALLY DEFERRED FOR EACH ROW "
                  "EXECUTE FUNCTION wait()");
-    make_jobs(1);
-    EXPECT_TRUE(eventually([&] { return lines(0) > 2; }, commit_s + patience_s)) << everything_said();
-    EXPECT_EQ(number("SELECT count(*) FROM job_run WHERE ended <> 0 AND exit_status <> 0"), 0)
-        << "what had not begun is begun, and not told ended";
-    let_end();
-    expect_each_start_once();
+    const std::string script = "-- -c 'echo >>" + site.path("runs0") + "'";
+    ASSERT_EQ(tool("alpha", "job create alpha once --task script --now " + script).status, 0);
+    EXPECT_TRUE(eventually([&] { return lines(0) == 1; }, commit_s + patience_s)) << everything_said();
+    EXPECT_TRUE(eventually([&] { return number("SELECT count(*) FROM job_run WHERE ended <> 0") == 1; }, patience_s));
+    EXPECT_EQ(number("SELECT exit_status FROM job_run"), 0) << "what had not begun is begun, and not told ended";
+    EXPECT_EQ(number("SELECT count(*) FROM made"), 1);
+    EXPECT_EQ(lines(0), 1);
+}
+
+TEST_F(JobsOnPostgres, WhatFollowsAJobIsStartedOnceForEachOfItsRuns) {
+    constexpr int rounds = 8;
+    note_starts();
+    start_all(2);
+    const auto id = create(NewJob("first"));
+    const auto follower = create(NewJob("second", {"-c", adds_line(0)}).after(id));
+    ASSERT_TRUE(tells("beta", "job list beta", "second"));
+    for (int round = 1; round <= rounds; ++round) {
+        ASSERT_TRUE(eventually([&] { return run(id) == TBS_ST_OK; }, patience_s));
+        ASSERT_TRUE(
+            eventually([&] { return lines(0) >= round && number("SELECT count(*) FROM job_run WHERE ended = 0") == 0; },
+                       patience_s))
+            << everything_said();
+    }
+    const int changes = number("SELECT changes FROM scheduler");
+    EXPECT_EQ(create(NewJob("last")) != 0, true);
+    EXPECT_TRUE(tells("beta", "job list beta", "last")) << "both have heard of all";
+    EXPECT_GT(number("SELECT changes FROM scheduler"), changes);
+    EXPECT_TRUE(eventually([&] { return number("SELECT count(*) FROM job_run WHERE ended = 0") == 0; }, patience_s));
+    EXPECT_EQ(number("SELECT count(*) FROM made WHERE job = " + std::to_string(follower)), rounds);
+    EXPECT_EQ(lines(0), rounds);
 }
 
 TEST_F(JobsOnPostgres, AJobThatHasJustBegunAtAnotherDaemonIsNotDeletedWithoutForce) {

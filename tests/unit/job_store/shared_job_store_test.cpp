@@ -149,6 +149,10 @@ TEST_F(SharedJobStores, AnOwedStartIsPassedOverForARunOnlyIfThatGoesOn) {
     EXPECT_EQ(take(*beta, behind_it), Refusal::taken);
     EXPECT_THAT(beta->read().owed, ElementsAre(follower));
     run("UPDATE job_run SET ended = 0 WHERE job = " + std::to_string(follower));
+    RunStep during_it = beginning(follower, 120, 0);
+    during_it.is_owed = true;
+    EXPECT_EQ(take(*beta, during_it), Refusal::running);
+    EXPECT_THAT(beta->read().owed, ElementsAre(follower)) << "nobody has been told yet that it is passed over";
     RunStep while_it_runs = run_step(What::pass_over_running, run_row(follower, 0, 0));
     EXPECT_EQ(take(*beta, while_it_runs), Refusal::none);
     EXPECT_THAT(beta->read().owed, IsEmpty());
@@ -414,7 +418,9 @@ TEST_F(SharedJobStores, AnEndThatComesLateIsToldAndStartsNothing) {
 
 TEST_F(SharedJobStores, AJobIsBegunAtTheHostThatHasToRunIt) {
     const auto job = add();
+    news();
     ASSERT_TRUE(beta->set_host(job, "alpha", change_row("changed")));
+    EXPECT_THAT(ids_in(news()), ElementsAre(job));
     EXPECT_FALSE(beta->set_host(job + 1, "alpha", change_row("changed")));
     EXPECT_EQ(alpha->read().jobs.at(0).host, "alpha");
     EXPECT_EQ(alpha->changes(job, INT64_MAX, 1).at(0).what, "changed");
@@ -490,6 +496,12 @@ TEST_F(SharedJobStores, ARunIsForgottenOnlyByItsHostAndWhileItHasNotEnded) {
     ASSERT_EQ(begin(*alpha, job, 100, 90), Refusal::none);
     beta->forget(run_row(job, 100, 90), 89, false);
     EXPECT_THAT(alpha->read().runs, SizeIs(1));
+    news();
+    alpha->forget(run_row(job, 100, 90), 89, false);
+    const JobNews forgotten = news();
+    ASSERT_THAT(ids_in(forgotten), ElementsAre(job)) << "the others hear that it may be made";
+    EXPECT_EQ(forgotten.contents.jobs[0].considered, 89);
+    ASSERT_EQ(begin(*alpha, job, 100, 90), Refusal::none);
     ASSERT_EQ(end(*alpha, run_row(job, 100, 90), 110), Refusal::none);
     alpha->forget(run_row(job, 100, 90), 89, true);
     EXPECT_EQ(alpha->read().jobs.at(0).considered, 90) << "or it would be made twice";
