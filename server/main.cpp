@@ -12,6 +12,7 @@
 
 #include <arpa/inet.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <server/daemon/background.h>
 #include <server/daemon/command_line.h>
@@ -23,6 +24,7 @@
 #include <server/registry/look.h>
 #include <server/registry/moved.h>
 #include <server/registry/postgres.h>
+#include <server/registry/postgres_attempt.h>
 #include <server/registry/saved.h>
 #include <server/registry/service.h>
 #include <server/scheduler/keeper.h>
@@ -318,5 +320,10 @@ int main(int argc, char **argv) {
     }
     if (!line.is_single_work())
         print(exit_status == 0 ? IMSG_PLAIN : IMSG_ERROR, MSG_EXITING, exit_status);
+    if (PostgresAttempt::are_under_way()) { // in libraries that would be tidied up below them
+        log.reset();
+        fflush(nullptr);
+        _exit(exit_status);
+    }
     return exit_status;
 }

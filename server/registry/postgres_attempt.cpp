@@ -6,7 +6,9 @@
 #include <chrono>
 #include <condition_variable>
 #include <map>
+#include <new>
 #include <poll.h>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -109,16 +111,34 @@ PostgresAttempt::PostgresAttempt(const std::string &conninfo)
         --attempts_under_way;
         throw StoreAway(under_way);
     }
-    std::thread([state = state_, conninfo, deadline_ms = deadline_ms_] {
-        OwnedConnection connection = begin_connection(conninfo);
-        const bool is_late = !is_brought_to_end(connection.get(), deadline_ms);
-        const std::scoped_lock hold(state->lock);
-        state->connection = std::move(connection);
-        state->is_late = is_late;
-        state->is_ended = true;
-        state->ended.notify_all();
+    try {
+        std::thread([state = state_, conninfo, deadline_ms = deadline_ms_]() mutable {
+            make(*state, conninfo, deadline_ms);
+            state.reset(); // and the connection with it, where nobody waits any more
+            --attempts_under_way;
+        }).detach();
+    } catch (const std::system_error &error) {
         --attempts_under_way;
-    }).detach();
+        throw StoreAway(std::string("no thread for a connection: ") + error.what());
+    }
+}
+
+void PostgresAttempt::make(State &state, const std::string &conninfo, int64_t deadline_ms) {
+    OwnedConnection connection(nullptr, PQfinish);
+    try {
+        connection = begin_connection(conninfo);
+    } catch (const std::bad_alloc &) { // as where the library has none
+    }
+    const bool is_late = !is_brought_to_end(connection.get(), deadline_ms);
+    const std::scoped_lock hold(state.lock);
+    state.connection = std::move(connection);
+    state.is_late = is_late;
+    state.is_ended = true;
+    state.ended.notify_all();
+}
+
+bool PostgresAttempt::are_under_way() {
+    return attempts_under_way > 0;
 }
 
 // Whoever waits while the daemon is to end does not wait long.

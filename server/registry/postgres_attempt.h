@@ -27,8 +27,12 @@ public:
     bool is_made_within(int64_t patience_ms);
     OwnedConnection take();
 
+    // In threads that nobody joins: what the library tidies up at the end of the process is in use by them.
+    static bool are_under_way();
+
 private:
     struct State;
+    static void make(State &state, const std::string &conninfo, int64_t deadline_ms);
     bool has_ended_within(int64_t patience_ms);
 
     std::shared_ptr<State> state_;
