@@ -163,7 +163,7 @@ void with_closed(Store &from, const std::string &place, const bool &is_there, Bo
 
 // Under the log's name, too, of which nothing is to be replayed over the next one.
 std::string put_aside(const std::string &file) {
-    const std::string kept = free_name_for_former(file);
+    std::string kept = free_name_for_former(file);
     Sqlite(file).checkpoint();
     for (const char *suffix : {"-wal", "-shm", ""})
         if (rename((file + suffix).c_str(), (kept + suffix).c_str()) != 0 && errno != ENOENT)

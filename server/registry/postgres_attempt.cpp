@@ -142,8 +142,8 @@ bool PostgresAttempt::are_under_way() {
 }
 
 // Whoever waits while the daemon is to end does not wait long.
-bool PostgresAttempt::has_ended_within(int64_t patience_ms) {
-    int64_t until_ms = std::min(monotonic_ms() + patience_ms, deadline_ms_);
+bool PostgresAttempt::has_ended_within(int64_t wait_ms) {
+    int64_t until_ms = std::min(monotonic_ms() + wait_ms, deadline_ms_);
     bool is_hurried = false;
     std::unique_lock hold(state_->lock);
     while (!state_->is_ended) {
@@ -159,8 +159,8 @@ bool PostgresAttempt::has_ended_within(int64_t patience_ms) {
     return true;
 }
 
-bool PostgresAttempt::is_made_within(int64_t patience_ms) {
-    if (!has_ended_within(patience_ms)) {
+bool PostgresAttempt::is_made_within(int64_t wait_ms) {
+    if (!has_ended_within(wait_ms)) {
         if (monotonic_ms() < deadline_ms_ && wait_for_others_now_ms() > 0)
             return false;
         throw StoreAway("no answer in time");

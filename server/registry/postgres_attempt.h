@@ -24,7 +24,7 @@ public:
     explicit PostgresAttempt(const std::string &conninfo); // throws StoreAway where too many are under way
 
     // False: it is still under way. Throws StoreAway, or StoreError where it is refused.
-    bool is_made_within(int64_t patience_ms);
+    bool is_made_within(int64_t wait_ms);
     OwnedConnection take();
 
     // In threads that nobody joins: what the library tidies up at the end of the process is in use by them.
@@ -33,7 +33,7 @@ public:
 private:
     struct State;
     static void make(State &state, const std::string &conninfo, int64_t deadline_ms);
-    bool has_ended_within(int64_t patience_ms);
+    bool has_ended_within(int64_t wait_ms);
 
     std::shared_ptr<State> state_;
     int64_t deadline_ms_;

@@ -132,7 +132,8 @@ std::string surprises(const Site &site, const Asker &asker) {
     return told.str();
 }
 
-// The same of the scheduler's procedures, whose requests are empty but for an access list like the one that is there.
+// The same of the scheduler's procedures, whose requests are empty but for an access list like the one that is there,
+// and for a kind of schedule.
 std::string surprises_of_scheduler(const Site &site, const Asker &asker) {
     std::ostringstream told;
     const Speaker speaker(site, asker.road, asker.claims, asker.from == "the host" ? "127.0.0.1" : asker.from);
@@ -143,6 +144,8 @@ std::string surprises_of_scheduler(const Site &site, const Asker &asker) {
         auto request = procedure.empty_request();
         if constexpr (std::is_same_v<decltype(request), sched_acl_request_t>)
             request.acl = &list;
+        if constexpr (requires { request.job.schedule; }) // of no kind it cannot be sent
+            request.job.schedule.kind = SCHED_KIND_DAILY;
         const Right right = server::right_to(procedure.number, server::any_operation);
         const bool is_permitted = asker.may(right == Right::write ? Right::administer : right);
         const tbs_status_t status = speaker.ask(procedure, request);

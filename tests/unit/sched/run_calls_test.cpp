@@ -171,7 +171,8 @@ TEST_F(RunCalls, AJobIsMadeTogetherWithItsHost) {
         EXPECT_TRUE(world.peer.last().tcp);
         sched_create_at_host_reply_t told = {wanted, made, err_mask};
         EXPECT_NE(made, 0U);
-        EXPECT_EQ(world.peer.take(world.peer.last()).reply, sim::encode(xdr_sched_create_at_host_reply_t, told));
+        const sim::Call last = world.peer.last();
+        EXPECT_EQ(world.peer.take(last).reply, sim::encode(xdr_sched_create_at_host_reply_t, told));
         EXPECT_EQ(sched_job_create_at_host(scheduler, &sent.job, name, nullptr, nullptr), wanted);
         EXPECT_EQ(sched_job_create_at_host(scheduler, nullptr, name, &made, &err_mask), TBS_ST_RPC_FAILED);
         EXPECT_EQ(sim::Holdings::now(world), before);
