@@ -19,7 +19,7 @@ using testing::UnorderedElementsAre;
 namespace {
 
 struct StoreSeveral : StoreTest {
-    std::unique_ptr<Store> other = open();
+    std::unique_ptr<Store> other = place->open(is_new);
 };
 VELIA_FOR_EACH_STORE(StoreSeveral);
 

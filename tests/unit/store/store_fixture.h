@@ -35,12 +35,16 @@ inline Entry nameless(const Items &items, const std::string &text = "text") {
 
 class StoreUnderTest : public testing::Test {
 protected:
-    explicit StoreUnderTest(const StoreKind &kind) : place(kind.make_place()) { store = open(); }
+    explicit StoreUnderTest(const StoreKind &kind) : place(kind.make_place()) { store = place->open(is_new); }
 
-    std::unique_ptr<Store> open() { return place->open(is_new); }
+    // By any thread.
+    std::unique_ptr<Store> open() const {
+        bool is_made = false;
+        return place->open(is_made);
+    }
     void reopen() {
         store.reset();
-        store = open();
+        store = place->open(is_new);
     }
 
     rgy_dtm_pair_t pair(rgy_db_t db) { return store->stamps(db).pair; }
