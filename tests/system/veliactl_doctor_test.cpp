@@ -54,6 +54,14 @@ struct Doctor : RegistrySite {
             return finding["status"] == status.c_str();
         }));
     }
+    // A host's directories beside those that the daemon goes by; the site's are the same.
+    void make_other_root() const {
+        for (const char *directory : {"other/host/config", "other/host/priv"})
+            std::filesystem::create_directories(site.path(directory));
+        std::filesystem::create_symlink(site.path("config"), site.path("other/config"));
+    }
+    Words in_other_root() const { return {"VELIA_ROOT=" + site.path("other")}; }
+
     void start_both() {
         start_alpha();
         ASSERT_EQ(add_region("one"), TBS_ST_OK);
@@ -147,11 +155,9 @@ TEST_F(Doctor, LooksAtTheAddressesOfAnotherHostFromAfar) {
 
 TEST_F(Doctor, FindsARoleThatTheDaemonDoesNotGoBy) {
     start_alpha();
-    for (const char *directory : {"other/host/config", "other/host/priv"})
-        std::filesystem::create_directories(site.path(directory));
-    std::filesystem::create_symlink(site.path("config"), site.path("other/config"));
+    make_other_root();
     site.write("other/host/config/rgy_svr.conf", "slave");
-    const auto findings = look({}, {"VELIA_ROOT=" + site.path("other")}).findings;
+    const auto findings = look({}, in_other_root()).findings;
     EXPECT_TRUE(has(findings, "role", "warn", "rgy_svr.conf", "says 'slave', and the daemon goes by 'master'",
                     "write the role there that is meant"))
         << told(findings);
@@ -207,7 +213,7 @@ TEST_F(Doctor, FindsAHostsFileThatNamesAHostWithoutARegistry) {
     EXPECT_TRUE(has(findings, "hosts-file", "fail", "beta", "and has none", "registry hosts")) << told(findings);
 }
 
-// Of which neither has heard of the other yet.
+// Of which neither hears of the other: whoever looks has a hosts file of his own.
 TEST_F(Doctor, FindsTwoMasters) {
     site.configure("option registry-copy 3600\n");
     start_both();
@@ -216,8 +222,9 @@ TEST_F(Doctor, FindsTwoMasters) {
     site.write("beta/host/config/rgy_svr.conf", "master");
     ASSERT_TRUE(eventually([] { return state_of("beta").takes_updates; })) << standby->output();
     ASSERT_TRUE(state_of("alpha").takes_updates) << daemon->output();
-    site.write("host/config/rgy_hosts.conf", "alpha\nbeta\n");
-    const auto [status, findings] = look();
+    make_other_root();
+    site.write("other/host/config/rgy_hosts.conf", "alpha\nbeta\n");
+    const auto [status, findings] = look({}, in_other_root());
     EXPECT_EQ(status, FAILED);
     EXPECT_TRUE(has(findings, "term", "fail", "beta", "it takes updates, and so does alpha", "--force"))
         << told(findings);
