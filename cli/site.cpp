@@ -457,14 +457,18 @@ std::string master_over(const std::string &host, const Settings &settings) {
     if (state.ask(host, settings) != TBS_ST_OK)
         return "";
     const tbs_uuid_t registry = state->registry;
+    const std::string source = state->source;
     std::vector<std::string> hosts;
-    append_hosts(hosts, std::string(state->source) + " " + state->master + " " + state->heard_host);
+    append_hosts(hosts, source + " " + state->master + " " + state->heard_host);
     for (const auto &other : hosts_of_site(host, settings))
         append_hosts(hosts, other);
+    // Whom it copies from counts also before it has noticed whose registry it has by now.
+    const auto is_of_same_registry = [&](const std::string &other) {
+        return is_same_host(other, source) || tbs_uuid_eq(&registry, &state->registry) != 0;
+    };
     for (const auto &other : hosts)
         if (!is_same_host(other, host) && state.ask(other, settings) == TBS_ST_OK && state->role == RGY_SVR_MASTER &&
-            state->heard_term <= state->term && tbs_uuid_eq(&registry, &state->registry) != 0 &&
-            !is_same_host(state->master, host))
+            state->heard_term <= state->term && is_of_same_registry(other) && !is_same_host(state->master, host))
             return other;
     return "";
 }

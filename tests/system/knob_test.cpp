@@ -5,6 +5,10 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+#include <utility>
 
 #include <tests/system/support/daemon.h>
 #include <tests/system/support/registry_calls.h>
@@ -64,11 +68,43 @@ struct Counts {
     int stale = 0;
 };
 
+// Two processes start at their own pace; they begin when both are ready.
+class Start {
+public:
+    Start() {
+        EXPECT_EQ(pipe2(ready_.data(), O_CLOEXEC), 0);
+        EXPECT_EQ(pipe2(begin_.data(), O_CLOEXEC), 0);
+    }
+    ~Start() {
+        for (const int fd : {ready_[0], ready_[1], begin_[0], begin_[1]})
+            close(fd);
+    }
+    Start(const Start &) = delete;
+    Start &operator=(const Start &) = delete;
+
+    int ready_fd() const { return ready_[1]; }
+    int begin_fd() const { return begin_[0]; }
+    void give(int writers) {
+        for (char byte = 0; writers > 0; --writers) {
+            pollfd ready = {ready_[0], POLLIN, 0};
+            ASSERT_EQ(poll(&ready, 1, 60'000), 1);
+            ASSERT_EQ(read(ready_[0], &byte, sizeof byte), 1);
+        }
+        close(std::exchange(begin_[1], -1));
+    }
+
+private:
+    std::array<int, 2> ready_ = {};
+    std::array<int, 2> begin_ = {};
+};
+
 class Writer {
 public:
-    Writer(const Site &site, const std::string &name, int first, int count)
+    Writer(const Site &site, const std::string &name, int first, int count, const Start &start)
         : site_(site), output_("writer-" + std::to_string(first) + ".out"),
-          child_({SYSTEM_CLIENT, "knob", name, std::to_string(first), std::to_string(count)}, options()) {}
+          child_({SYSTEM_CLIENT, "knob", name, std::to_string(first), std::to_string(count),
+                  std::to_string(start.ready_fd()), std::to_string(start.begin_fd())},
+                 options(start)) {}
 
     Counts counts() {
         EXPECT_EQ(child_.wait(120), 0) << site_.read(output_ + ".errors");
@@ -80,8 +116,9 @@ public:
     }
 
 private:
-    Child::Options options() const {
+    Child::Options options(const Start &start) const {
         Child::Options options;
+        options.inherited_fds = {start.ready_fd(), start.begin_fd()};
         options.output_file = site_.path(output_);
         options.error_file = site_.path(output_ + ".errors");
         return options;
@@ -101,8 +138,10 @@ void write_at_once(const Site &site, const std::string &name, Check &&check) {
     constexpr int writes = 10;
     Counts all;
     for (int round = 0; round < rounds_max && all.stale + all.failed < meetings_wanted; ++round) {
-        Writer first(site, name, 2'000'000, writes);
-        Writer second(site, name, 3'000'000, writes);
+        Start start;
+        Writer first(site, name, 2'000'000, writes, start);
+        Writer second(site, name, 3'000'000, writes, start);
+        start.give(2);
         for (Writer *writer : {&first, &second}) {
             const Counts counts = writer->counts();
             all.done += counts.done;

@@ -74,6 +74,31 @@ TEST_F(SiteMaster, OneThatLivesIsAskedBeforeAnotherIsPromoted) {
     EXPECT_EQ(add_region("two"), TBS_ST_OK);
 }
 
+// As right behind its first copy, when its daemon has not noticed yet whose registry it has.
+TEST_F(SiteMaster, OneThatLivesIsAskedThoughTheStandbyStillHasARegistryOfItsOwn) {
+    stop(standby);
+    std::filesystem::remove_all(site.path("beta/host/priv"));
+    std::filesystem::create_directories(site.path("beta/host/priv"));
+    std::filesystem::remove(site.path("beta/config"));
+    std::filesystem::create_directories(site.path("beta/config"));
+    for (const auto &file : std::filesystem::directory_iterator(site.path("config")))
+        std::filesystem::copy(file, site.path("beta/config"));
+    site.write("beta/config/hosts.conf", "alpha 127.0.0.9\nbeta 127.0.0.2\n"); // where nobody is to copy from
+    site.write("beta/host/config/rgy_svr.conf", "master");
+    site.write("beta/host/config/rgy_hosts.conf", "beta\n\n");
+    start_beta();
+    ASSERT_EQ(add_region("own", "beta"), TBS_ST_OK);
+    stop(standby);
+    site.write("beta/host/config/rgy_svr.conf", "standby");
+    site.write("beta/host/config/rgy_hosts.conf", "alpha\nbeta\n");
+    start_beta();
+    ASSERT_TRUE(eventually([] { return !state_of("beta").failure.empty(); })) << standby->output();
+    const auto refused = veliactl({"registry", "promote", "beta"});
+    EXPECT_EQ(refused.status, FAILED);
+    EXPECT_THAT(refused.errors, HasSubstr("Host 'alpha' is the master and takes updates"));
+    EXPECT_EQ(state_of("beta").role, RGY_SVR_STANDBY);
+}
+
 TEST_F(SiteMaster, OneThatHearsOfAHigherTermTakesNoUpdatesAndSaysSo) {
     ASSERT_EQ(veliactl({"registry", "promote", "beta", "--force"}).status, DONE);
     EXPECT_TRUE(is_superseded("alpha")) << daemon->output();

@@ -67,6 +67,7 @@ struct Doctor : RegistrySite {
         ASSERT_EQ(add_region("one"), TBS_ST_OK);
         start_beta();
         ASSERT_TRUE(comes_to_have("beta", {"one"})) << standby->output();
+        ASSERT_TRUE(eventually([] { return state_of("beta").current > 0; })) << "it has not noticed that it has it";
     }
 };
 

@@ -6,7 +6,9 @@
 //   system_client views CLIENT STOP_FILE             registers views until the file exists; CLIENT is a number, not 0
 //   system_client rounds HOST PROGRAM udp|tcp NAME COUNT STOP_FILE LIMIT_MS
 //                                                    looks up and adds, so often or until the file exists
-//   system_client knob NAME FIRST COUNT              writes so many numbers as the site's value of the setting
+//   system_client knob NAME FIRST COUNT READY_FD BEGIN_FD
+//                                                    writes so many numbers as the site's value of the setting, once it
+//                                                    has said that it is ready and the other pipe is closed
 //   system_client knob-and-rival NAME VALUE TEXT CALLS
 //                                                    writes it once, with somebody else's entry added in between
 //   system_client role TYPE                          makes this host a registry server of this type; prints the status
@@ -15,6 +17,7 @@
 #include <cstdlib>
 #include <string>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 #include <tests/system/client/knobs.h>
@@ -54,6 +57,13 @@ int loop(const char *host, uint32_t program, int seconds) {
     return EXIT_SUCCESS;
 }
 
+// So that several begin at once, however long each took to come here.
+void await_beginning(int ready_fd, int begin_fd) {
+    char byte = 0;
+    if (write(ready_fd, &byte, sizeof byte) != sizeof byte || read(begin_fd, &byte, sizeof byte) != 0)
+        exit(EXIT_FAILURE);
+}
+
 int change_role(int32_t type) {
     const auto status = rgy_change_server_type(type);
     printf("status %d\n", status);
@@ -74,8 +84,10 @@ int main(int argc, char **argv) {
                            std::stoi(words[5]), words[6], std::stoll(words[7])})
                    ? EXIT_SUCCESS
                    : EXIT_FAILURE;
-    if (is_command("knob", 4))
+    if (is_command("knob", 6)) {
+        await_beginning(std::stoi(words[4]), std::stoi(words[5]));
         return write_knob(words[1], std::stoi(words[2]), std::stoi(words[3])) ? EXIT_SUCCESS : EXIT_FAILURE;
+    }
     if (is_command("knob-and-rival", 5)) {
         let_rival_add(words[3], std::stoi(words[4]));
         return write_knob(words[1], std::stoi(words[2]), 1) ? EXIT_SUCCESS : EXIT_FAILURE;
