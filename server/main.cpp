@@ -275,6 +275,7 @@ int run(CommandLine &line, std::optional<Log> &log) {
     }
     Log::set_options(read.configuration.log);
     keep_registry_in(read.configuration.registry_database);
+    read_registry_on_in(read.configuration.registry_replica);
     read_registry_from_copy(read.configuration.reads_from_copy);
     run_with_configuration(line.config_file);
     umask(private_umask);

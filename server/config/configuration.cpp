@@ -190,6 +190,8 @@ private:
     void option(const std::vector<std::string> &words) {
         if (words.size() > 1 && words[1] == "store")
             return store(words);
+        if (words.size() == 3 && words[1] == "store-replica")
+            return connection(words[2], "replica's", result_.configuration.registry_replica);
         if (words.size() != 3)
             return fail(MSG_CONFIG_FAILURE, "An option is written: option NAME VALUE");
         for (const auto &key : text_keys)
@@ -207,9 +209,14 @@ private:
         if (words.size() != 4 || words[2] != "postgresql")
             return fail(MSG_CONFIG_FAILURE,
                         "The store is written: option store sqlite, or option store postgresql \"CONNECTION\"");
-        if (const std::string fault = fault_of_conninfo(words[3]); !fault.empty())
-            return fail(MSG_CONFIG_FAILURE, "The store's connection string is malformed: " + fault);
-        database = words[3];
+        connection(words[3], "store's", database);
+    }
+
+    // It may have a password in it, which is not told.
+    void connection(const std::string &conninfo, const std::string &whose, std::string &taken) {
+        if (const std::string fault = fault_of_conninfo(conninfo); !fault.empty())
+            return fail(MSG_CONFIG_FAILURE, "The " + whose + " connection string is malformed: " + fault);
+        taken = conninfo;
     }
 
     void access(const std::vector<std::string> &words) {

@@ -77,6 +77,7 @@ struct Configuration {
     std::vector<Task> tasks;
     std::string notify_program;    // empty: none
     std::string registry_database; // a connection string; empty: the registry is in a file of this host's
+    std::string registry_replica;  // another one of a server that is behind that database; empty: none
     bool reads_from_copy = false;  // while that database is away
     std::string tasks_file;        // empty: none
     std::string schedule_file;     // the same

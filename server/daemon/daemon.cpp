@@ -36,7 +36,8 @@ std::string private_file(const char *name) {
 }
 
 void tell_of_store(const Configuration &configuration) {
-    if (!is_registry_kept_in(configuration.registry_database))
+    if (!is_registry_kept_in(configuration.registry_database) ||
+        !is_registry_read_on_in(configuration.registry_replica))
         imsg_print(IMSG_WARNING,
                    "The registry's store is another one in the configuration: it is taken at the next "
                    "start.\n",

@@ -34,6 +34,11 @@ std::string &shared_place() {
     return conninfo;
 }
 
+std::string &replica_place() {
+    static std::string conninfo;
+    return conninfo;
+}
+
 bool &is_copied() {
     static bool is_wanted = false;
     return is_wanted;
@@ -63,8 +68,16 @@ bool is_registry_kept_in(const std::string &conninfo) {
     return shared_place() == conninfo;
 }
 
+bool is_registry_read_on_in(const std::string &conninfo) {
+    return replica_place() == conninfo;
+}
+
 bool is_registry_shared() {
     return !shared_place().empty();
+}
+
+void read_registry_on_in(const std::string &conninfo) {
+    replica_place() = conninfo;
 }
 
 void read_registry_from_copy(bool is_wanted) {
@@ -121,7 +134,7 @@ std::unique_ptr<Store> open_registry(bool &is_new) {
 
 std::unique_ptr<Store> existing_registry() {
     bool is_new = false;
-    return is_registry_shared() ? open_postgres_store(shared_place(), is_new)
+    return is_registry_shared() ? open_postgres_store(shared_place(), is_new, PostgresUse::serving, replica_place())
                                 : served_here(existing_store(registry_file()));
 }
 

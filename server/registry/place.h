@@ -13,8 +13,12 @@ namespace velia::server {
 void keep_registry_in(const std::string &conninfo);
 
 bool is_registry_kept_in(const std::string &conninfo);
+bool is_registry_read_on_in(const std::string &conninfo);
 bool is_registry_shared();
 std::string registry_database(); // its connection string; empty: it is in its file
+
+// From now on what is read on may be read of this replica of such a database. Empty: of none.
+void read_registry_on_in(const std::string &conninfo);
 
 // Whether what is read while such a database is away comes from the last copy of it, which this host keeps then.
 void read_registry_from_copy(bool is_wanted);

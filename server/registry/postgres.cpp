@@ -15,6 +15,8 @@ namespace velia::server {
 namespace {
 
 constexpr int64_t greeting_ms = 3000;
+constexpr int64_t patience_ms = 15000; // a client's call waits for 25 s
+constexpr int64_t replica_patience_ms = 3000;
 constexpr int oldest_server = 150000;
 constexpr int binary = 1;
 
@@ -28,6 +30,9 @@ constexpr const char *greeting =
     "SELECT pg_is_in_recovery() OR current_setting('transaction_read_only') = 'on', "
     "CASE WHEN pg_is_in_recovery() THEN '' ELSE substr(pg_walfile_name(pg_current_wal_lsn()), 1, 8) END, "
     "(SELECT system_identifier FROM pg_control_system())";
+
+// Of one that others stand in for at once.
+constexpr const char *greeting_to_replica = "SET statement_timeout = 2500; SET default_transaction_read_only = on";
 
 using ParsedOptions = std::unique_ptr<PQconninfoOption, void (*)(PQconninfoOption *)>;
 
@@ -131,8 +136,10 @@ void PostgresValues::add(const std::vector<std::string> &elements) {
     values_.push_back(std::move(array));
 }
 
-Postgres::Postgres(const std::string &conninfo)
-    : conninfo_(conninfo), standing_(PostgresStanding::of(conninfo)), connection_(nullptr, PQfinish) {}
+Postgres::Postgres(const std::string &conninfo, PostgresServer server)
+    : conninfo_(conninfo), server_(server),
+      usual_wait_ms_(server == PostgresServer::primary ? patience_ms : replica_patience_ms),
+      standing_(PostgresStanding::of(conninfo, server)), connection_(nullptr, PQfinish) {}
 
 void Postgres::drop() {
     connection_.reset();
@@ -165,12 +172,19 @@ void Postgres::greet() {
         &is_remarked_);
     if (PQserverVersion(connection_.get()) < oldest_server)
         throw StoreError("the server is older than PostgreSQL 15");
-    const PostgresRows rows = run(greeting, greeting_ms);
-    if (rows.bytes(0, 0) == "t")
+    const PostgresRows greeted = run(greeting, greeting_ms);
+    if (server_ == PostgresServer::primary)
+        require_primary(greeted);
+    else
+        run(greeting_to_replica, greeting_ms);
+}
+
+void Postgres::require_primary(const PostgresRows &greeted) {
+    if (greeted.bytes(0, 0) == "t")
         throw_postgres_error("25006", "no server that is named takes changes");
     constexpr int hexadecimal = 16;
-    require_newest_time_line(rows.text(0, 2),
-                             static_cast<uint32_t>(strtoul(rows.text(0, 1).c_str(), nullptr, hexadecimal)));
+    require_newest_time_line(greeted.text(0, 2),
+                             static_cast<uint32_t>(strtoul(greeted.text(0, 1).c_str(), nullptr, hexadecimal)));
 }
 
 // The answer may have been on its way; whoever has sent what changes something asks after it.
@@ -247,7 +261,7 @@ void Postgres::prepare(const PostgresStatement &statement) {
     if (prepared_.contains(statement.name))
         return;
     require_sent(PQsendPrepare(connection_.get(), statement.name, statement.sql, 0, nullptr));
-    answer();
+    answer(usual_wait_ms_);
     prepared_.insert(statement.name);
 }
 
@@ -262,7 +276,7 @@ PostgresRows Postgres::run_prepared(const PostgresStatement &statement, const st
     const std::vector<int> formats(values.size(), binary);
     require_sent(PQsendQueryPrepared(connection_.get(), statement.name, static_cast<int>(values.size()),
                                      pointers.data(), lengths.data(), formats.data(), binary));
-    return answer();
+    return answer(usual_wait_ms_);
 }
 
 } // namespace velia::server

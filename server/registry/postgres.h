@@ -69,7 +69,7 @@ struct PostgresStatement {
 
 class Postgres {
 public:
-    explicit Postgres(const std::string &conninfo);
+    explicit Postgres(const std::string &conninfo, PostgresServer server = PostgresServer::primary);
     Postgres(const Postgres &) = delete;
     Postgres &operator=(const Postgres &) = delete;
 
@@ -82,9 +82,9 @@ public:
     // Counts connections that have been made, to tell one from the next.
     uint64_t generation() const { return generation_; }
 
-    // Statements as plain text; the rows of the last one. Waits so long for them.
-    static constexpr int64_t usual_wait_ms = 15000; // a client's call waits for 25 s
-    PostgresRows run(const std::string &sql, int64_t wait_ms = usual_wait_ms);
+    // Statements as plain text; the rows of the last one. Waits so long for them, else as long as is usual.
+    PostgresRows run(const std::string &sql, int64_t wait_ms);
+    PostgresRows run(const std::string &sql) { return run(sql, usual_wait_ms_); }
 
     // Whether the server had something to remark on what was run last: of a commit, that it was made here, and that the
     // wait for a standby to have it, too, was ended before one had.
@@ -97,16 +97,19 @@ public:
 
 private:
     void greet();
+    void require_primary(const PostgresRows &greeted);
     void wait(bool is_to_write, int64_t deadline_ms);
     PostgresRows run_prepared(const PostgresStatement &statement, const std::vector<std::string> &values);
     void prepare(const PostgresStatement &statement);
-    PostgresRows answer(int64_t wait_ms = usual_wait_ms);
+    PostgresRows answer(int64_t wait_ms);
     void require_sent(int is_sent);
     [[noreturn]] void lose(const std::string &words);
     [[noreturn]] void fail(const PGresult *result);
     [[noreturn]] void refuse(PGresult *result);
 
     const std::string conninfo_;
+    const PostgresServer server_;
+    const int64_t usual_wait_ms_;
     const std::shared_ptr<PostgresStanding> standing_;
     OwnedConnection connection_;
     bool is_remarked_ = false;

@@ -25,20 +25,24 @@ namespace {
 
 constexpr int64_t attempt_ms = 8000;  // for all the hosts that a connection string names
 constexpr int64_t patience_ms = 1000; // of who begins an attempt
-constexpr int64_t glance_ms = 10;     // of who finds one under way
-constexpr int64_t slice_ms = 100;     // between two looks whether the daemon is to end
-constexpr int64_t hurried_ms = 500;   // what such a daemon waits for an answer
+constexpr int64_t replica_patience_ms = 100;
+constexpr int64_t glance_ms = 10;   // of who finds one under way
+constexpr int64_t slice_ms = 100;   // between two looks whether the daemon is to end
+constexpr int64_t hurried_ms = 500; // what such a daemon waits for an answer
 constexpr int64_t first_pause_ms = 100;
 constexpr int64_t longest_pause_ms = 5000;
 constexpr int attempts_max = 16; // of this process, those included that nobody waits for any more
 constexpr const char *under_way = "no host has answered yet";
 
 // What a connection string may say otherwise. A host that is silent has its time, so that the next one is asked.
-constexpr std::array<std::pair<const char *, const char *>, 5> defaults = {{{"application_name", "rvzd_server"},
-                                                                            {"target_session_attrs", "read-write"},
+constexpr std::array<std::pair<const char *, const char *>, 4> defaults = {{{"application_name", "rvzd_server"},
                                                                             {"tcp_user_timeout", "3000"},
                                                                             {"keepalives_idle", "5"},
                                                                             {"keepalives_interval", "3"}}};
+
+const char *session_attributes(PostgresServer server) {
+    return server == PostgresServer::primary ? "read-write" : "prefer-standby";
+}
 
 } // namespace
 
@@ -71,9 +75,9 @@ namespace {
 std::atomic<int> attempts_under_way = 0;
 
 // Only a verbose message tells its code.
-OwnedConnection begin_connection(const std::string &conninfo) {
-    std::vector<const char *> names;
-    std::vector<const char *> values;
+OwnedConnection begin_connection(const std::string &conninfo, PostgresServer server) {
+    std::vector<const char *> names = {"target_session_attrs"};
+    std::vector<const char *> values = {session_attributes(server)};
     for (const auto &[name, value] : defaults) {
         names.push_back(name);
         values.push_back(value);
@@ -105,15 +109,15 @@ bool is_brought_to_end(PGconn *connection, int64_t deadline_ms) {
 
 // Names are looked up in between, for as long as a name server likes: nobody but this thread waits for that, and nobody
 // for this thread.
-PostgresAttempt::PostgresAttempt(const std::string &conninfo)
+PostgresAttempt::PostgresAttempt(const std::string &conninfo, PostgresServer server)
     : state_(std::make_shared<State>()), deadline_ms_(monotonic_ms() + attempt_ms) {
     if (++attempts_under_way > attempts_max) {
         --attempts_under_way;
         throw StoreAway(under_way);
     }
     try {
-        std::thread([state = state_, conninfo, deadline_ms = deadline_ms_]() mutable {
-            make(*state, conninfo, deadline_ms);
+        std::thread([state = state_, conninfo, server, deadline_ms = deadline_ms_]() mutable {
+            make(*state, conninfo, server, deadline_ms);
             state.reset(); // and the connection with it, where nobody waits any more
             --attempts_under_way;
         }).detach();
@@ -123,10 +127,10 @@ PostgresAttempt::PostgresAttempt(const std::string &conninfo)
     }
 }
 
-void PostgresAttempt::make(State &state, const std::string &conninfo, int64_t deadline_ms) {
+void PostgresAttempt::make(State &state, const std::string &conninfo, PostgresServer server, int64_t deadline_ms) {
     OwnedConnection connection(nullptr, PQfinish);
     try {
-        connection = begin_connection(conninfo);
+        connection = begin_connection(conninfo, server);
     } catch (const std::bad_alloc &) { // as where the library has none
     }
     const bool is_late = !is_brought_to_end(connection.get(), deadline_ms);
@@ -181,13 +185,13 @@ OwnedConnection PostgresAttempt::take() {
     return std::move(state_->connection);
 }
 
-std::shared_ptr<PostgresStanding> PostgresStanding::of(const std::string &conninfo) {
+std::shared_ptr<PostgresStanding> PostgresStanding::of(const std::string &conninfo, PostgresServer server) {
     static std::mutex lock;
-    static std::map<std::string, std::shared_ptr<PostgresStanding>> standings;
+    static std::map<std::pair<std::string, PostgresServer>, std::shared_ptr<PostgresStanding>> standings;
     const std::scoped_lock hold(lock);
-    auto &standing = standings[conninfo];
+    auto &standing = standings[{conninfo, server}];
     if (standing == nullptr)
-        standing = std::make_shared<PostgresStanding>();
+        standing = std::make_shared<PostgresStanding>(server);
     return standing;
 }
 
@@ -202,8 +206,9 @@ OwnedConnection PostgresStanding::connect(const std::string &conninfo) {
     }
     const bool is_begun = attempt == nullptr;
     if (is_begun)
-        attempt = std::make_unique<PostgresAttempt>(conninfo);
-    if (attempt->is_made_within(is_begun ? patience_ms : glance_ms))
+        attempt = std::make_unique<PostgresAttempt>(conninfo, server_);
+    const int64_t patience = server_ == PostgresServer::primary ? patience_ms : replica_patience_ms;
+    if (attempt->is_made_within(is_begun ? patience : glance_ms))
         return attempt->take();
     put_off(std::move(attempt));
     return {nullptr, PQfinish};
@@ -221,10 +226,17 @@ void PostgresStanding::put_off(std::unique_ptr<PostgresAttempt> attempt) {
     tell_away(under_way);
 }
 
+void PostgresStanding::tell(const std::string &words) const {
+    if (server_ == PostgresServer::primary)
+        imsg_print(IMSG_ERROR, "The registry's database is away: %s\n", IMSG_FORMAT, words.c_str());
+    else
+        imsg_print(IMSG_WARNING, "The replica of the registry's database is away: %s\n", IMSG_FORMAT, words.c_str());
+}
+
 void PostgresStanding::tell_away(const std::string &words) {
     reason_ = words;
     if (!std::exchange(is_away_, true))
-        imsg_print(IMSG_ERROR, "The registry's database is away: %s\n", IMSG_FORMAT, words.c_str());
+        tell(words);
 }
 
 bool PostgresStanding::note_failure(const std::string &words) {
@@ -243,7 +255,9 @@ void PostgresStanding::note_success() {
     was_there_ = true;
     pause_ms_ = not_before_ms_ = 0;
     if (std::exchange(is_away_, false))
-        imsg_print(IMSG_PLAIN, "The registry's database is there again.\n", IMSG_FORMAT);
+        imsg_print(IMSG_PLAIN, "%s is there again.\n", IMSG_FORMAT,
+                   server_ == PostgresServer::primary ? "The registry's database"
+                                                      : "The replica of the registry's database");
 }
 
 } // namespace velia::server

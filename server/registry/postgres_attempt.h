@@ -12,6 +12,10 @@
 
 namespace velia::server {
 
+// What a connection string leads to, and how long that is waited for: the server that takes changes, which everything
+// needs, or one that has what was changed a little later, which is done without where it is not at hand.
+enum class PostgresServer { primary, replica };
+
 using OwnedConnection = std::unique_ptr<PGconn, void (*)(PGconn *)>;
 
 // Waits until there is something to read, or room to write; false where there is not in time. Who waits while the
@@ -21,7 +25,8 @@ bool waits_for_socket(const PGconn *connection, bool is_to_write, int64_t deadli
 // A thread of its own makes it, since names of hosts may be looked up without an end.
 class PostgresAttempt {
 public:
-    explicit PostgresAttempt(const std::string &conninfo); // throws StoreAway where too many are under way
+    // Throws StoreAway where too many are under way.
+    explicit PostgresAttempt(const std::string &conninfo, PostgresServer server = PostgresServer::primary);
 
     // False: it is still under way. Throws StoreAway, or StoreError where it is refused.
     bool is_made_within(int64_t wait_ms);
@@ -32,7 +37,7 @@ public:
 
 private:
     struct State;
-    static void make(State &state, const std::string &conninfo, int64_t deadline_ms);
+    static void make(State &state, const std::string &conninfo, PostgresServer server, int64_t deadline_ms);
     bool has_ended_within(int64_t wait_ms);
 
     std::shared_ptr<State> state_;
@@ -42,7 +47,9 @@ private:
 // What all connections of this process by one connection string know of the database.
 class PostgresStanding {
 public:
-    static std::shared_ptr<PostgresStanding> of(const std::string &conninfo);
+    static std::shared_ptr<PostgresStanding> of(const std::string &conninfo,
+                                                PostgresServer server = PostgresServer::primary);
+    explicit PostgresStanding(PostgresServer server) : server_(server) {}
 
     // A connection as it was made, before anything was asked over it; null where it is not to be had now, for that
     // reason. Throws StoreAway, or StoreError where it is refused.
@@ -57,7 +64,9 @@ public:
 private:
     void put_off(std::unique_ptr<PostgresAttempt> attempt);
     void tell_away(const std::string &words);
+    void tell(const std::string &words) const;
 
+    const PostgresServer server_;
     std::mutex lock_; // of all that follows
     bool is_away_ = false;
     bool was_there_ = false;

@@ -31,7 +31,11 @@ uint64_t counter_of(const PostgresRows &rows, int column) {
 } // namespace
 
 PostgresSession::PostgresSession(const std::string &conninfo, PostgresUse use, bool &is_new)
-    : database_(conninfo), use_(use) {
+    : database_(conninfo, use == PostgresUse::reading ? PostgresServer::replica : PostgresServer::primary), use_(use) {
+    if (use_ == PostgresUse::reading) {
+        connect();
+        return;
+    }
     database_.connect();
     is_new = make_postgres_schema(database_, postgres_schema_steps());
     seen_ = database_.generation();
@@ -42,7 +46,7 @@ PostgresSession::PostgresSession(const std::string &conninfo, PostgresUse use, b
 }
 
 void PostgresSession::require_here(std::string_view place) const {
-    if (use_ == PostgresUse::serving && !place.empty())
+    if (use_ != PostgresUse::moving && !place.empty())
         throw StoreMoved(moved_words(std::string(place)));
 }
 
@@ -68,7 +72,8 @@ void PostgresSession::connect() {
         return;
     if (!has_postgres_schema(database_)) {
         database_.drop();
-        throw StoreError("the registry's tables are gone from the database");
+        throw StoreError(use_ == PostgresUse::reading ? "the registry's tables are not there"
+                                                      : "the registry's tables are gone from the database");
     }
     if (use_ == PostgresUse::moving)
         database_.run(patience_of_move);

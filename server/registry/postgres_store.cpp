@@ -6,6 +6,7 @@
 #include <vector>
 
 #include <server/registry/moved.h>
+#include <server/registry/postgres_replica.h>
 #include <server/registry/postgres_session.h>
 #include <server/registry/postgres_statements.h>
 #include <server/registry/replacing.h>
@@ -67,9 +68,11 @@ std::string bounded_text(const PostgresRows &rows, int row, int column) {
 
 class PostgresStore : public StoreWithSets, private RecordKeeper {
 public:
-    PostgresStore(const std::string &conninfo, PostgresUse use, bool &is_new)
+    PostgresStore(const std::string &conninfo, PostgresUse use, const std::string &replica, bool &is_new)
         : StoreWithSets(sets_database_), session_(conninfo, use, is_new) {
         registry_ = PostgresStore::stamps(0).registry;
+        if (!replica.empty())
+            replica_.emplace(replica);
     }
 
     std::unique_ptr<StoreVersion> watch_version() override { return std::make_unique<UnknownVersion>(); }
@@ -107,6 +110,11 @@ public:
             if (static_cast<uint64_t>(rows.count()) < rows_wanted)
                 return;
         }
+    }
+
+    void reading_on(rgy_db_t db, const rgy_dtm_pair_t &pair, const std::function<void(Store &)> &body) override {
+        if (!replica_ || !replica_->read(db, pair, body))
+            body(*this);
     }
 
     void at_one_moment(const std::function<void()> &body) override { session_.at_one_moment(body); }
@@ -249,6 +257,7 @@ private:
 
     Sqlite sets_database_{"", Sqlite::Access::passing};
     PostgresSession session_;
+    std::optional<PostgresReplica> replica_;
     tbs_uuid_t registry_ = {};
 };
 
@@ -258,8 +267,9 @@ void PostgresStore::save_to(const std::string &file_name) {
 
 } // namespace
 
-std::unique_ptr<Store> open_postgres_store(const std::string &conninfo, bool &is_new, PostgresUse use) {
-    return std::make_unique<PostgresStore>(conninfo, use, is_new);
+std::unique_ptr<Store> open_postgres_store(const std::string &conninfo, bool &is_new, PostgresUse use,
+                                           const std::string &replica) {
+    return std::make_unique<PostgresStore>(conninfo, use, replica, is_new);
 }
 
 } // namespace velia::server

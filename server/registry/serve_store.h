@@ -59,35 +59,60 @@ struct StoreErrand {
     std::function<void()> afterwards = {};
 };
 
-template <const auto &procedure, auto work>
-void run_decoded(StoreErrand &errand, Registry &registry, XDR &arguments) {
+template <const auto &procedure, auto work, class Request>
+void answer_out_of(Registry &registry, const Request &request, StoreErrand &errand) {
     using Kind = StoreWork<decltype(work)>;
-    const Decoded<procedure, typename Kind::Request> decoded(arguments);
-    if (!decoded.is_whole()) {
-        errand.reply = encode_refusal(errand.xid, GARBAGE_ARGS);
-        return;
-    }
     Reply<typename Kind::Record> reply;
-    const auto status = work(registry, decoded.request(), errand.caller, reply);
+    const auto status = work(registry, request, errand.caller, reply);
     const ReplySink take = [&](MessageBytes bytes) { errand.reply = std::move(bytes); };
     const Call call = {errand.xid, errand.caller, take};
-    AnswerNow<typename Kind::Record>(procedure, decoded.request(), call)(status, reply.record);
+    AnswerNow<typename Kind::Record>(procedure, request, call)(status, reply.record);
     errand.afterwards = std::move(reply.afterwards);
+}
+
+template <class Request>
+concept Fetches = requires(const Request &request) {
+    request.db;
+    request.dtm;
+    request.cursor;
+};
+
+// Of entries that follow those which the caller has already, under the stamps that came with them.
+template <class Request>
+bool is_reading_on(const Request &request) {
+    if constexpr (Fetches<Request>)
+        return request.cursor != 0 && request.db >= 0 && request.db < RGY_DB_ALL;
+    return false;
+}
+
+template <const auto &procedure, auto work>
+void run_decoded(StoreErrand &errand, Store &store, XDR &arguments) {
+    const Decoded<procedure, typename StoreWork<decltype(work)>::Request> decoded(arguments);
+    const auto &request = decoded.request();
+    Registry registry(store, &errand.learned);
+    if (!decoded.is_whole())
+        errand.reply = encode_refusal(errand.xid, GARBAGE_ARGS);
+    else if (!is_reading_on(request))
+        answer_out_of<procedure, work>(registry, request, errand);
+    else if constexpr (Fetches<decltype(request)>)
+        store.reading_on(static_cast<rgy_db_t>(request.db), request.dtm, [&](Store &source) {
+            Registry elsewhere(source);
+            answer_out_of<procedure, work>(&source == &store ? registry : elsewhere, request, errand);
+        });
 }
 
 // In the thread, and once more if what it did was taken back.
 template <const auto &procedure, auto work>
 void run_errand(StoreErrand &errand, Store &store) {
     errand.learned = {};
-    Registry registry(store, &errand.learned);
-    if (errand.has_to_be_filled && !registry.is_filled()) {
+    if (errand.has_to_be_filled && !Registry(store, &errand.learned).is_filled()) {
         errand.reply = bare_reply<procedure>(errand.xid, TBS_ST_NO_SERVER);
         return;
     }
     XDR arguments;
     xdrmem_create(&arguments, reinterpret_cast<char *>(errand.arguments.data()),
                   static_cast<u_int>(errand.arguments.size()), XDR_DECODE);
-    run_decoded<procedure, work>(errand, registry, arguments);
+    run_decoded<procedure, work>(errand, store, arguments);
     xdr_destroy(&arguments);
 }
 

@@ -119,6 +119,14 @@ public:
     // All that the body reads is of one moment.
     virtual void at_one_moment(const std::function<void()> &body) { together(body); }
 
+    // What the body reads may be of another server that has the same of this database: these stamps, which whoever
+    // reads on has seen last. The body is run with the store that it reads, and once more with this one where that
+    // failed.
+    virtual void reading_on(rgy_db_t /*db*/, const rgy_dtm_pair_t & /*pair*/,
+                            const std::function<void(Store &)> &body) {
+        body(*this);
+    }
+
     // What the body changes is one transaction, and on disk when this returns. What a StoreError in it leaves has not
     // been changed.
     virtual void together(const std::function<void()> &body) = 0;

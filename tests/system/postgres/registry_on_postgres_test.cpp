@@ -68,6 +68,28 @@ struct RegistryOnPostgres : testing::Test {
         rgy_elist_free(list, 10);
         return status;
     }
+    // A listing in pieces of two.
+    class Listing {
+    public:
+        Words next() {
+            rgy_elist_t piece = rgy_elist_alloc(piece_max);
+            int64_t count = 0;
+            EXPECT_EQ(rvzd_rgy_get_entry(handle_.get(), RGY_DB_REGIONS, RGY_PROTOCOL_VERSION, "", &stamps_, &cursor_,
+                                         piece_max, piece, &count),
+                      TBS_ST_OK);
+            Words texts;
+            for (int64_t i = 0; i < count; ++i)
+                texts.emplace_back(piece[i].flex_text);
+            rgy_elist_free(piece, piece_max);
+            return texts;
+        }
+
+    private:
+        static constexpr int64_t piece_max = 2;
+        OwnedHandle handle_ = own_handle("alpha");
+        rgy_dtm_pair_t stamps_ = {};
+        uint64_t cursor_ = 0;
+    };
     void start(const Words &environment = {}) {
         Child::Options options;
         options.environment = environment;
@@ -220,6 +242,43 @@ TEST_F(RegistryOnPostgres, WhileTheDatabaseIsAwayTheLastCopyIsReadIfTheSiteSaysS
     database.start();
     EXPECT_TRUE(comes_to_take("c")) << daemon->output();
     EXPECT_THAT(regions(), ElementsAre("a", "b", "c"));
+}
+
+TEST_F(RegistryOnPostgres, AListingGoesOnInAReplicaThatHasWhatItBeganWith) {
+    velia::postgres_test::Server replica(velia::postgres_test::Server::StandbyOf{database});
+    keep_in(database.conninfo(), "option store-replica \"" + replica.conninfo() + "\"\n");
+    start();
+    for (const char *name : {"a", "b", "c", "d", "e", "f"})
+        ASSERT_EQ(add_region(name), TBS_ST_OK);
+    replica.wait_for("SELECT count(*) = 6 FROM entry");
+    replica.run("SELECT pg_wal_replay_pause()");
+    replica.wait_for("SELECT pg_get_wal_replay_pause_state() = 'paused'");
+    Listing listing;
+    EXPECT_THAT(listing.next(), ElementsAre(name_entry("a"), name_entry("b")));
+    database.run("UPDATE entry SET text = replace(encode(text, 'escape'), 'd', 'changed')::bytea");
+    EXPECT_THAT(listing.next(), ElementsAre(name_entry("c"), name_entry("d"))) << "of the replica";
+    EXPECT_THAT(Listing().next(), ElementsAre(name_entry("a"), name_entry("b")));
+    ASSERT_EQ(add_region("g"), TBS_ST_OK);
+    Listing later;
+    later.next();
+    EXPECT_THAT(later.next(), ElementsAre(name_entry("c"), name_entry("changed")))
+        << "the replica has not what it began with";
+    replica.stop();
+    EXPECT_THAT(listing.next(), ElementsAre(name_entry("e"), name_entry("f"))) << "without the replica";
+    EXPECT_TRUE(daemon->says("The replica of the registry's database is away", patience_s)) << daemon->output();
+}
+
+TEST_F(RegistryOnPostgres, AnotherStoreOrReplicaIsTakenAtTheNextStart) {
+    start();
+    for (const char *option : {"store-replica dbname=other", "store sqlite"}) {
+        site.configure(std::string(trusted_hosts) + "option store postgresql \"" + database.conninfo() + "\"\noption " +
+                       option + "\n");
+        const size_t told = daemon->output().size();
+        daemon->signal(SIGHUP);
+        EXPECT_TRUE(eventually([&] {
+            return daemon->output().substr(told).find("it is taken at the next start") != std::string::npos;
+        })) << option;
+    }
 }
 
 TEST_F(RegistryOnPostgres, TheCopyGetsSettingsToo) {

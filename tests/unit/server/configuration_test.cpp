@@ -156,6 +156,20 @@ TEST_F(ConfigurationFile, ReadsComeFromTheDatabaseOrItsLastCopy) {
                 ElementsAre(failure("The store-reads are database or copy, not: file")));
 }
 
+TEST_F(ConfigurationFile, NamesAReplicaOfTheDatabase) {
+    const auto replica_of = [](std::string_view text) {
+        return parse_configuration(text, names).configuration.registry_replica;
+    };
+    EXPECT_EQ(replica_of("option store postgresql dbname=c\n"), "");
+    EXPECT_EQ(replica_of("option store-replica \"host=a,b dbname=c\"\n"), "host=a,b dbname=c");
+    for (const char *line : {"option store-replica", "option store-replica a b"})
+        EXPECT_THAT(told_of_line(line), ElementsAre(failure("An option is written: option NAME VALUE"))) << line;
+    EXPECT_THAT(
+        told_of_line("option store-replica \"password=secret hots=a\""),
+        ElementsAre(failure("The replica's connection string is malformed: invalid connection option \"hots\"")))
+        << "without what it says otherwise";
+}
+
 TEST_F(ConfigurationFile, AMalformedStoreIsTold) {
     const char *form = "The store is written: option store sqlite, or option store postgresql \"CONNECTION\"";
     for (const char *line : {"option store", "option store oracle", "option store postgresql", "option store sqlite x",
