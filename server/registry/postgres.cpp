@@ -32,7 +32,7 @@ constexpr const char *greeting =
     "(SELECT system_identifier FROM pg_control_system())";
 
 // Of one that others stand in for at once.
-constexpr const char *greeting_to_replica = "SET statement_timeout = 2500; SET default_transaction_read_only = on";
+constexpr const char *greeting_to_replica = "SET statement_timeout = 2500";
 
 using ParsedOptions = std::unique_ptr<PQconninfoOption, void (*)(PQconninfoOption *)>;
 

@@ -133,6 +133,8 @@ TEST_F(SchedulerRuns, ARunMayBeEndedByHand) {
 TEST_F(SchedulerRuns, OfOneThatStillRunsNoOtherIsStarted) {
     const auto id = create(script("slow", "echo >>" + site.path("count") + "; sleep 100").every_second());
     EXPECT_TRUE(daemon->says("is still running -- skipping scheduled execution"));
+    ASSERT_TRUE(eventually([&] { return running_since(id) != 0; })) << "it may be begun still";
+    ASSERT_TRUE(eventually([&] { return lines("count") != 0; }));
     EXPECT_EQ(lines("count"), 1U);
     EXPECT_EQ(terminate(id, running_since(id)), TBS_ST_OK);
 }
@@ -142,6 +144,7 @@ TEST_F(SchedulerRuns, StartsThatOneRunHoldsUpAreToldOnceAndCounted) {
         script("slow", "echo >>" + site.path("count") + "; while [ ! -e " + site.path("go") + " ]; do sleep 0.05; done")
             .every_second());
     ASSERT_TRUE(daemon->says("is still running -- skipping scheduled execution"));
+    ASSERT_TRUE(eventually([&] { return running_since(id) != 0; }));
     const time_t started = running_since(id);
     ASSERT_TRUE(eventually([&] { return time(nullptr) > started + 4; }));
     site.write("go", "");

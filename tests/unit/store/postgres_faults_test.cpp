@@ -111,6 +111,14 @@ TEST(PostgresStanding, BehindFailuresNothingIsTriedForAWhile) {
     EXPECT_EQ(standing->reason(), "reason");
 }
 
+TEST_F(PostgresStoreTest, AReplicaThatIsAwayKeepsNobodyFromAPrimaryOfTheSameName) {
+    const auto replica = PostgresStanding::of(conninfo(), PostgresServer::replica);
+    for (int i = 0; i < 10; ++i)
+        replica->note_failure("reason");
+    EXPECT_EQ(replica->connect(conninfo()), nullptr);
+    EXPECT_EQ(opening(conninfo()), Kind::opened);
+}
+
 TEST_F(PostgresStoreTest, WhileAConnectionTakesLongAllAreToldAtOnce) {
     constexpr int64_t less_than_one_attempt_ms = 6000;
     DroppingRelay relay(server.directory());
