@@ -8,7 +8,9 @@
 #include <server/registry/moved.h>
 #include <server/registry/postgres_errors.h>
 #include <server/registry/postgres_schema.h>
+#include <server/registry/postgres_statements.h>
 #include <server/registry/postgres_store.h>
+#include <server/registry/registry.h>
 #include <server/registry/sqlite.h>
 #include <tests/unit/store/postgres_fixture.h>
 
@@ -284,6 +286,35 @@ TEST_F(PostgresStoreTest, AConnectionToWhatTakesNoChangesAnyMoreIsGivenUp) {
     EXPECT_EQ(ask(connections), "1");
     EXPECT_EQ(kind_of([&] { add(*store, "a"); }), Kind::away);
     EXPECT_TRUE(eventually([&] { return ask(connections) == "0"; }));
+}
+
+// The way there and back is most of what a look-up costs.
+TEST_F(PostgresStoreTest, ALookUpAsksOneStatement) {
+    const auto store = open();
+    ASSERT_EQ(add(*store, "a"), Store::AddResult::added);
+    Registry registry(*store);
+    const auto look_up = [&] {
+        return registry.find({RGY_DB_REGIONS, "", "-name", "a"}, 0, {10, 8000}, {})->batch->records.size();
+    };
+    ASSERT_EQ(look_up(), 1u) << "and prepared it";
+    run("ALTER DATABASE " + database + " SET log_statement = 'all'");
+    end_connections();
+    ASSERT_EQ(look_up(), 1u);
+    const size_t before = server.count_in_log("LOG:  execute");
+    ASSERT_EQ(look_up(), 1u);
+    EXPECT_EQ(server.count_in_log("LOG:  execute"), before + 1);
+}
+
+TEST_F(PostgresStoreTest, AListingIsPlannedOnceHoweverMuchThereIs) {
+    open();
+    run("INSERT INTO entry SELECT n, 4, '', '', '-name=x;' FROM generate_series(1, 20000) AS n; ANALYZE");
+    Postgres connection(conninfo());
+    connection.connect();
+    for (int i = 0; i < 10; ++i)
+        ASSERT_EQ(
+            connection.run(statements::scan_all_stamped, uint32_t{4}, uint64_t{0}, std::string(), uint64_t{50}).count(),
+            50);
+    EXPECT_EQ(connection.run("SELECT generic_plans, custom_plans FROM pg_prepared_statements").text(0, 0), "10");
 }
 
 TEST_F(PostgresStoreTest, WhatIsReadAtOneMomentIsNotChangedMeanwhile) {
