@@ -10,7 +10,7 @@ namespace velia::server::statements {
 #define TEXT_IF_OF_REGION "CASE WHEN $3 = ''::bytea OR region = ''::bytea OR region = $3 THEN " BOUNDED_TEXT " END"
 #define DIGESTS_OF(PARAMETER) "SELECT sha256(value) AS digest FROM unnest(" PARAMETER "::bytea[]) AS value"
 
-#define STAMPS "dtm, svr_dtm, name, copy, coalesce(moved, ''::bytea)"
+#define STAMPS "dtm, svr_dtm, name, copy, coalesce(moved, ''::bytea), version::bigint"
 #define ALL_OF_DB "SELECT id, " TEXT_IF_OF_REGION " AS text FROM entry WHERE db = $1 AND id > $2 ORDER BY id LIMIT $4"
 #define THOSE_WITH_ITEM                                                                                                \
     "SELECT id, " TEXT_IF_OF_REGION " AS text FROM item JOIN entry ON id = item.entry WHERE item.db = $1 AND "         \

@@ -224,7 +224,7 @@ public:
 
 private:
     Stamps stamps_in(const PostgresRows &rows, int column, rgy_db_t db) const {
-        session_.require_here(rows.bytes(0, column + 4));
+        session_.require_served(rows.bytes(0, column + 4), rows.number(0, column + 5));
         Stamps stamps = {{}, rows.uuid(0, column + 2), rows.uuid(0, column + 3)};
         if (db < RGY_DB_ALL || !rows.is_null(0, column))
             stamps.pair = {rows.uuid(0, column), rows.uuid(0, column + 1)};

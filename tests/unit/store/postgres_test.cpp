@@ -81,6 +81,20 @@ TEST(PostgresErrors, APasswordIsNotTold) {
     EXPECT_EQ(told_conninfo("not one"), "postgresql");
 }
 
+// A blank in it, or what is to be escaped, is easily forgotten.
+TEST(PostgresErrors, OfAMalformedConnectionStringNoPasswordIsToldEither) {
+    for (const char *conninfo : {"host=a password=my secret", "host=a password=my secret x=1",
+                                 "host=a password=my sec\"ret", "postgresql://u:%secret@h", "postgresql://u:secret@[h",
+                                 "postgresql://u:my/secret@h/d", "postgresql://u:secret@h/d?x"}) {
+        const std::string fault = fault_of_conninfo(conninfo);
+        EXPECT_FALSE(fault.empty()) << conninfo;
+        for (const char *part : {"sec", "ret", "my"})
+            EXPECT_THAT(fault, testing::Not(HasSubstr(part))) << conninfo;
+    }
+    EXPECT_EQ(fault_of_conninfo("postgresql://u@h/d?options=a/b@c"), "");
+    EXPECT_EQ(fault_of_conninfo("host=/run/a user=b@c"), "");
+}
+
 TEST_F(PostgresStoreTest, AWrongPasswordIsToldAsThat) {
     run("CREATE ROLE " + clerk + " LOGIN SUPERUSER PASSWORD 'right'");
     server.set_access("local all tester trust\nlocal all all scram-sha-256\n");
@@ -125,6 +139,32 @@ TEST_F(PostgresStoreTest, ARegistryOfANewerVersionIsLeftAsItIs) {
     EXPECT_EQ(opening(conninfo(), &words), Kind::refused);
     EXPECT_THAT(words, HasSubstr("newer version"));
     EXPECT_EQ(ask("SELECT version FROM registry"), "99");
+}
+
+// As by a newer daemon on another host, which was started first.
+TEST_F(PostgresStoreTest, ARegistryThatANewerVersionHasTakenOverMeanwhileIsLeftAsItIs) {
+    const auto store = open();
+    ASSERT_EQ(add(*store, "a"), Store::AddResult::added);
+    const auto stamps = store->stamps(RGY_DB_REGIONS).pair;
+    const Entry entry = named("b");
+    const auto add_b = [&] { store->add(RGY_DB_REGIONS, stamps, entry.identity, entry.text, entry.items); };
+    const auto look_up = [&] {
+        store->scan_with_stamps({RGY_DB_REGIONS, "", "-name", "a"}, 0, [](uint64_t, const Record *) { return true; });
+    };
+    const auto read_settings = [&] { store->settings(); };
+    run("UPDATE registry SET version = 99");
+    for (const bool is_connected_anew : {false, true}) {
+        std::string words;
+        EXPECT_EQ(kind_of(add_b, &words), Kind::refused);
+        EXPECT_THAT(words, HasSubstr("newer version"));
+        EXPECT_EQ(kind_of(look_up, &words), Kind::refused);
+        EXPECT_THAT(words, HasSubstr("newer version"));
+        EXPECT_EQ(kind_of(read_settings), is_connected_anew ? Kind::refused : Kind::opened);
+        end_connections();
+    }
+    EXPECT_EQ(ask("SELECT count(*) FROM entry"), "1");
+    run("UPDATE registry SET version = " + std::to_string(postgres_schema_steps().size()));
+    EXPECT_EQ(kind_of(add_b), Kind::opened) << "as a backup that was put back";
 }
 
 TEST_F(PostgresStoreTest, ARegistryOfAnOlderVersionIsMovedOnce) {
@@ -350,6 +390,18 @@ TEST_F(PostgresStoreTest, ASessionThatWouldNotWaitForAStandbyDoes) {
         connection.connect();
         EXPECT_EQ(connection.run("SHOW synchronous_commit").text(0, 0), "on") << setting;
     }
+}
+
+TEST_F(PostgresStoreTest, AServerThatIsToldNotToWaitForAStandbyIsNotObeyedBySessionsThatDo) {
+    Postgres connection(conninfo());
+    connection.connect();
+    server.run("ALTER SYSTEM SET synchronous_commit = off");
+    server.run("SELECT pg_reload_conf()");
+    EXPECT_TRUE(eventually([&] { return server.ask("SHOW synchronous_commit") == "off"; }));
+    EXPECT_EQ(connection.run("SHOW synchronous_commit").text(0, 0), "on");
+    server.run("ALTER SYSTEM RESET synchronous_commit");
+    server.run("SELECT pg_reload_conf()");
+    EXPECT_TRUE(eventually([&] { return server.ask("SHOW synchronous_commit") == "on"; }));
 }
 
 TEST_F(PostgresStoreTest, ARegistryGoesToAFileAndBack) {
