@@ -6,6 +6,7 @@
 #include <charconv>
 #include <cstring>
 #include <sstream>
+#include <vector>
 
 #include <cli/commands.h>
 #include <cli/daemon_program.h>
@@ -50,7 +51,8 @@ constexpr Column columns[] = {
     {"db", Type::text, "database"},
     {"entries", Type::integer, "where it was"},
     {"entries_there", Type::integer, "where it is to be"},
-    {"place", Type::text, "that one, without what is secret"}};
+    {"place", Type::text, "that one, without what is secret"},
+    {"kept", Type::text, "the file that stood there, under the name that it has now", true}};
 constexpr Output output = {Output::Shape::list, columns};
 
 constexpr const char *notes =
@@ -79,7 +81,7 @@ std::vector<std::string> words_of(const Arguments &arguments) {
     return words;
 }
 
-// "ACTION DB NUMBER NUMBER PLACE", between tabs; nothing for what is no such row.
+// "ACTION DB NUMBER NUMBER KEPT PLACE", between tabs; nothing for what is no such row.
 std::optional<Cells> cells_of(const std::string &line) {
     std::array<std::string, std::size(columns)> words;
     std::istringstream stream(line);
@@ -93,29 +95,45 @@ std::optional<Cells> cells_of(const std::string &line) {
         if (error != std::errc() || end != word.data() + word.size())
             return std::nullopt;
     }
-    return Cells{words[0], words[1], numbers[0], numbers[1], words[4]};
+    const std::string &kept = words[4];
+    return Cells{words[0], words[1], numbers[0], numbers[1], words[5], kept.empty() ? Cell() : Cell(kept)};
 }
 
-// The last line, which tells what came of it, without the program's name.
+// Its lines, without the program's name and the kind of message.
+std::vector<std::string> words_in(const std::string &errors) {
+    std::vector<std::string> words;
+    std::istringstream lines(errors);
+    for (std::string line; std::getline(lines, line);) {
+        for (const char *before : {"rvzd_server: ", "Error: ", "Warning: "})
+            if (line.starts_with(before))
+                line.erase(0, strlen(before));
+        if (!line.empty())
+            words.push_back(line);
+    }
+    return words;
+}
+
+// The last line tells what came of it, where it did not end well; the others are warnings.
 std::string reason_in(const ProgramEnd &end) {
     if (end.status < 0)
         return imsg_strerror(end.error_number);
-    std::string reason;
-    std::istringstream lines(end.errors);
-    for (std::string line; std::getline(lines, line);)
-        reason = line.empty() ? reason : line;
-    for (const char *before : {"rvzd_server: ", "Error: "})
-        if (reason.starts_with(before))
-            reason.erase(0, strlen(before));
-    return reason.empty() ? "exit status " + std::to_string(end.status) : reason;
+    auto words = words_in(end.errors);
+    std::string reason = "exit status " + std::to_string(end.status);
+    if (end.status != 0 && !words.empty()) {
+        reason = words.back();
+        words.pop_back();
+    }
+    for (const std::string &word : words)
+        imsg_print(IMSG_WARNING, "%s\n", IMSG_FORMAT, word.c_str());
+    return reason;
 }
 
 int move(const Arguments &arguments, const Settings &settings) {
     const std::string program = daemon_program(arguments.daemon);
     const auto end = run_program(program, words_of(arguments), nullptr, Errors::kept);
+    const std::string reason = reason_in(end);
     if (end.status != 0) {
-        tell_failure(TBS_ST_ERROR, "", "The registry was not moved by %s: %s\n", program.c_str(),
-                     reason_in(end).c_str());
+        tell_failure(TBS_ST_ERROR, "", "The registry was not moved by %s: %s\n", program.c_str(), reason.c_str());
         return exit_failed;
     }
     Results results(output, settings, arguments.is_dry_run ? Results::Of::look : Results::Of::change);

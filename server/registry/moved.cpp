@@ -172,6 +172,19 @@ std::string put_aside(const std::string &file) {
     return kept;
 }
 
+// Nobody finds it otherwise where the move fails behind that.
+template <class Body>
+void with_kept_told(const std::string &file, const std::string &kept, Body &&body) {
+    try {
+        body();
+    } catch (const StoreError &) {
+        if (!kept.empty())
+            imsg_print(IMSG_WARNING, "What stood in \"%s\" is kept in \"%s\".\n", IMSG_FORMAT, file.c_str(),
+                       kept.c_str());
+        throw;
+    }
+}
+
 bool has_come(Store &from, const std::string &file) {
     const auto there = from.moved_to() == own_file() ? existing_store(file) : nullptr;
     return there != nullptr && is_same_registry(from, *there) && there->moved_to().empty();
@@ -196,14 +209,16 @@ RegistryMove move_into_file(bool is_tried) {
     if (access(file.c_str(), F_OK) == 0)
         move.kept = put_aside(file);
     bool is_there = false;
-    with_closed(*from, own_file(), is_there, [&] {
-        save_into_sqlite(*from, file + ".moved");
-        give_to_owner_of_directory(file + ".moved");
-        remove_file(trace_of_registry(file)); // it tells of the former one
-        if (fileutl_rename((file + ".moved").c_str(), file.c_str()) != 0)
-            throw_system_error();
-        is_there = true;
-        put_directory_on_disk(file);
+    with_kept_told(file, move.kept, [&] {
+        with_closed(*from, own_file(), is_there, [&] {
+            save_into_sqlite(*from, file + ".moved");
+            give_to_owner_of_directory(file + ".moved");
+            remove_file(trace_of_registry(file)); // it tells of the former one
+            if (fileutl_rename((file + ".moved").c_str(), file.c_str()) != 0)
+                throw_system_error();
+            is_there = true;
+            put_directory_on_disk(file);
+        });
     });
     move.there = counts_of(*existing_store(file));
     move.state = MoveState::moved;
@@ -300,9 +315,9 @@ void tell_move(const RegistryMove &move) {
 
 void tell_move_in_rows(const RegistryMove &move) {
     for (rgy_db_t db = 0; db < RGY_DB_ALL; ++db)
-        imsg_print(IMSG_PLAIN, "%s\t%s\t%llu\t%llu\t%s\n", IMSG_FORMAT, word_of(move.state), registry_db_name(db),
+        imsg_print(IMSG_PLAIN, "%s\t%s\t%llu\t%llu\t%s\t%s\n", IMSG_FORMAT, word_of(move.state), registry_db_name(db),
                    static_cast<unsigned long long>(move.here.at(db)),
-                   static_cast<unsigned long long>(move.there.at(db)), move.place.c_str());
+                   static_cast<unsigned long long>(move.there.at(db)), move.kept.c_str(), move.place.c_str());
 }
 
 EntryCounts move_registry(Store &from, Store &to) {

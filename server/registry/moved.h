@@ -37,8 +37,8 @@ struct RegistryMove {
 // one from which other hosts serve this one. Throws StoreError. `is_tried`: all is looked at, nothing is done.
 RegistryMove move_registry_of_host(const std::string &to, bool is_tried);
 
-// For people, and for programs: a line a database, of what was done, its name, its entries here and there, and where
-// that is, between tabs.
+// For people, and for programs: a line a database, of what was done, its name, its entries here and there, the file
+// that was put aside, and where that is, between tabs.
 void tell_move(const RegistryMove &move);
 void tell_move_in_rows(const RegistryMove &move);
 

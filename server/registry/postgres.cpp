@@ -20,13 +20,16 @@ constexpr int64_t replica_patience_ms = 3000;
 constexpr int oldest_server = 150000;
 constexpr int binary = 1;
 
-// Of a session. Look-ups go by an index however few records there are; what is idle amid a transaction, such as of a
+// Of a session. Look-ups go by an index however few records there are, and in one way whatever is looked for, so that
+// it is thought out once; a server that is
+// told otherwise about commits meanwhile is obeyed by the next session; what is idle amid a transaction, such as of a
 // daemon whose host is gone, lets go of the lock.
 constexpr const char *greeting =
     "SET statement_timeout = 12000; SET idle_in_transaction_session_timeout = 10000; SET enable_seqscan = off; "
-    "SET enable_bitmapscan = off; SET jit = off; SET client_min_messages = warning; "
-    "SELECT set_config('synchronous_commit', 'on', false) WHERE current_setting('synchronous_commit') IN ('off', "
-    "'local'); "
+    "SET enable_bitmapscan = off; SET plan_cache_mode = force_generic_plan; SET jit = off; SET client_min_messages = "
+    "warning; "
+    "SELECT set_config('synchronous_commit', CASE WHEN wanted IN ('off', 'local') THEN 'on' ELSE wanted END, false) "
+    "FROM current_setting('synchronous_commit') AS wanted; "
     "SELECT pg_is_in_recovery() OR current_setting('transaction_read_only') = 'on', "
     "CASE WHEN pg_is_in_recovery() THEN '' ELSE substr(pg_walfile_name(pg_current_wal_lsn()), 1, 8) END, "
     "(SELECT system_identifier FROM pg_control_system())";
@@ -47,6 +50,28 @@ ParsedOptions parse(const std::string &conninfo, std::string &fault) {
     return options;
 }
 
+bool may_have_password(const std::string &conninfo) {
+    return conninfo.find("password") != std::string::npos || conninfo.find("://") != std::string::npos;
+}
+
+// What the library quotes of a string may be a part of the password, or all of it.
+std::string without_quoted(std::string fault) {
+    const size_t first = fault.find('"');
+    if (first != std::string::npos)
+        fault.replace(first, fault.rfind('"') + 1 - first, "...");
+    return fault;
+}
+
+// Taken for the host and its port, it would be told.
+bool has_slash_in_password(const std::string &conninfo) {
+    const size_t authority = conninfo.find("://");
+    if (authority == std::string::npos)
+        return false;
+    const size_t slash = conninfo.find('/', authority + 3);
+    const size_t at = conninfo.find('@', authority + 3);
+    return slash < at && at < conninfo.find('?');
+}
+
 std::string big_endian(uint64_t number, int bytes) {
     std::string text;
     for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8)
@@ -60,8 +85,10 @@ std::string fault_of_conninfo(const std::string &conninfo) {
     std::string fault;
     if (conninfo.empty())
         return "it is empty";
+    if (has_slash_in_password(conninfo))
+        return "a / in the password or the user is written %2F";
     parse(conninfo, fault);
-    return fault;
+    return may_have_password(conninfo) ? without_quoted(fault) : fault;
 }
 
 std::string told_conninfo(const std::string &conninfo) {
@@ -147,8 +174,9 @@ void Postgres::drop() {
 }
 
 void Postgres::connect() {
-    if (is_connected())
+    if (is_connected() && time_line_.is_newest())
         return;
+    drop();
     try {
         connection_ = standing_->connect(conninfo_);
         if (is_connected())
@@ -183,8 +211,8 @@ void Postgres::require_primary(const PostgresRows &greeted) {
     if (greeted.bytes(0, 0) == "t")
         throw_postgres_error("25006", "no server that is named takes changes");
     constexpr int hexadecimal = 16;
-    require_newest_time_line(greeted.text(0, 2),
-                             static_cast<uint32_t>(strtoul(greeted.text(0, 1).c_str(), nullptr, hexadecimal)));
+    time_line_ =
+        TimeLine(greeted.text(0, 2), static_cast<uint32_t>(strtoul(greeted.text(0, 1).c_str(), nullptr, hexadecimal)));
 }
 
 // The answer may have been on its way; whoever has sent what changes something asks after it.

@@ -13,6 +13,7 @@
 
 #include <server/registry/postgres_attempt.h>
 #include <server/registry/store.h>
+#include <server/registry/time_lines.h>
 
 namespace velia::server {
 
@@ -73,8 +74,9 @@ public:
     Postgres(const Postgres &) = delete;
     Postgres &operator=(const Postgres &) = delete;
 
-    // Where there is no connection, one is made; not at once when the last attempt was in vain, and it waits for none
-    // that takes long. Throws StoreAway, or StoreError where it is refused and never was made before.
+    // Where there is no connection, or one to what is a former primary by now, one is made; not at once when the last
+    // attempt was in vain, and it waits for none that takes long. Throws StoreAway, or StoreError where it is refused
+    // and never was made before.
     void connect();
     bool is_connected() const { return connection_ != nullptr; }
     void drop();
@@ -112,6 +114,7 @@ private:
     const int64_t usual_wait_ms_;
     const std::shared_ptr<PostgresStanding> standing_;
     OwnedConnection connection_;
+    TimeLine time_line_;
     bool is_remarked_ = false;
     std::set<std::string> prepared_;
     uint64_t generation_ = 0;

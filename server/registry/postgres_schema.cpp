@@ -29,6 +29,8 @@ CREATE UNIQUE INDEX setting_name ON setting (sha256(name));
 // Where it has been moved to; nothing while it is served from here. It is in the row that each change locks.
 constexpr const char *second_step = "ALTER TABLE registry ADD COLUMN moved bytea";
 
+constexpr const char *newer_registry = "the registry was written by a newer version of this program";
+
 constexpr std::array steps = {first_step, second_step};
 
 // Of this program among all that use a database. It is let go of at the end of the transaction.
@@ -53,7 +55,7 @@ void put_first_rows(Postgres &database) {
 }
 
 PostgresSchema registry_schema(std::span<const char *const> all) {
-    return {"registry", "the registry was written by a newer version of this program", all, put_first_rows};
+    return {"registry", newer_registry, all, put_first_rows};
 }
 
 bool take_steps(Postgres &database, const PostgresSchema &schema) {
@@ -85,8 +87,16 @@ bool has_postgres_schema(Postgres &database, const PostgresSchema &schema) {
                .bytes(0, 0) == "t";
 }
 
-bool has_postgres_schema(Postgres &database) {
-    return has_postgres_schema(database, registry_schema(steps));
+void require_postgres_version(uint64_t version) {
+    if (version > steps.size())
+        throw StoreError(newer_registry);
+}
+
+void require_postgres_schema(Postgres &database) {
+    const PostgresSchema schema = registry_schema(steps);
+    if (!has_postgres_schema(database, schema))
+        throw StoreError("the registry's tables are gone from the database");
+    require_postgres_version(version_of(database, schema));
 }
 
 bool make_postgres_schema(Postgres &database, const PostgresSchema &schema) {

@@ -31,7 +31,8 @@ bool make_postgres_schema(Postgres &database, std::span<const char *const> steps
 // Whether there is one of this version in the database of this connection string. Throws StoreError.
 bool has_postgres_schema(const std::string &conninfo);
 
-// Whether there is a registry there.
-bool has_postgres_schema(Postgres &database);
+// Throws StoreError where there is no registry, or one of a newer version.
+void require_postgres_schema(Postgres &database);
+void require_postgres_version(uint64_t version);
 
 } // namespace velia::server

@@ -45,20 +45,23 @@ PostgresSession::PostgresSession(const std::string &conninfo, PostgresUse use, b
         database_.run("DELETE FROM writer WHERE at < now() - interval '30 days'");
 }
 
-void PostgresSession::require_here(std::string_view place) const {
+void PostgresSession::require_served(std::string_view place, uint64_t version) const {
+    require_postgres_version(version);
     if (use_ != PostgresUse::moving && !place.empty())
         throw StoreMoved(moved_words(std::string(place)));
 }
 
 PostgresRows PostgresSession::reading(const std::function<PostgresRows()> &body) {
-    if (is_amid() && !database_.is_connected())
-        throw StoreAway("the connection broke amid a transaction");
+    if (is_amid()) {
+        require_connection();
+        return body();
+    }
     const bool was_connected = database_.is_connected();
     connect();
     try {
         return body();
     } catch (const StoreAway &) {
-        if (is_amid() || !was_connected || database_.is_connected())
+        if (!was_connected || database_.is_connected())
             throw;
     }
     connect();
@@ -70,10 +73,11 @@ void PostgresSession::connect() {
     database_.connect();
     if (database_.generation() == seen_)
         return;
-    if (!has_postgres_schema(database_)) {
+    try {
+        require_postgres_schema(database_);
+    } catch (const StoreError &) {
         database_.drop();
-        throw StoreError(use_ == PostgresUse::reading ? "the registry's tables are not there"
-                                                      : "the registry's tables are gone from the database");
+        throw;
     }
     if (use_ == PostgresUse::moving)
         database_.run(patience_of_move);
@@ -117,12 +121,12 @@ void PostgresSession::begin() {
     try {
         const PostgresRows row = reading([&] {
             return database_.run("BEGIN; SET LOCAL lock_timeout = " + lock_ms +
-                                 "; SELECT changes, last_number, coalesce(encode(moved, 'escape'), '') FROM registry "
-                                 "FOR UPDATE");
+                                 "; SELECT changes, last_number, coalesce(encode(moved, 'escape'), ''), version "
+                                 "FROM registry FOR UPDATE");
         });
         if (row.count() != 1)
             throw StoreError("the registry's row is gone from the database");
-        require_here(row.bytes(0, 2));
+        require_served(row.bytes(0, 2), counter_of(row, 3));
         began_ = in_hand_.emplace(Counters{counter_of(row, 0), counter_of(row, 1)});
     } catch (...) {
         roll_back();

@@ -63,8 +63,9 @@ public:
         return result;
     }
 
-    // Those who serve a registry are not to serve one that was moved elsewhere; `place` as the table has it.
-    void require_here(std::string_view place) const;
+    // Those who serve a registry are not to serve one that was moved elsewhere; nobody goes on with one that a newer
+    // program has taken over. Both as the table has it.
+    void require_served(std::string_view place, uint64_t version) const;
 
 private:
     bool is_amid() const { return in_hand_ || is_at_one_moment_; }

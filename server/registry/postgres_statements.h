@@ -10,15 +10,23 @@ namespace velia::server::statements {
 #define TEXT_IF_OF_REGION "CASE WHEN $3 = ''::bytea OR region = ''::bytea OR region = $3 THEN " BOUNDED_TEXT " END"
 #define DIGESTS_OF(PARAMETER) "SELECT sha256(value) AS digest FROM unnest(" PARAMETER "::bytea[]) AS value"
 
-constexpr PostgresStatement stamp = {
-    "stamp", "SELECT dtm, svr_dtm, name, copy, coalesce(moved, ''::bytea) FROM registry LEFT JOIN stamp ON db = $1"};
+#define STAMPS "dtm, svr_dtm, name, copy, coalesce(moved, ''::bytea), version::bigint"
+#define ALL_OF_DB "SELECT id, " TEXT_IF_OF_REGION " AS text FROM entry WHERE db = $1 AND id > $2 ORDER BY id LIMIT $4"
+#define THOSE_WITH_ITEM                                                                                                \
+    "SELECT id, " TEXT_IF_OF_REGION " AS text FROM item JOIN entry ON id = item.entry WHERE item.db = $1 AND "         \
+    "item.entry > $2 AND digest = sha256($5) ORDER BY item.entry LIMIT $4"
+// One row without an entry where none is found. The rows beside it are one, so they are in the order of the scan;
+// whoever reads them looks whether they are.
+#define WITH_STAMPS(SCAN)                                                                                              \
+    "SELECT id, found.text, " STAMPS " FROM registry LEFT JOIN stamp ON stamp.db = $1 LEFT JOIN (" SCAN                \
+    ") AS found ON true"
+
+constexpr PostgresStatement stamp = {"stamp", "SELECT " STAMPS " FROM registry LEFT JOIN stamp ON db = $1"};
 constexpr PostgresStatement count = {"count", "SELECT entries FROM stamp WHERE db = $1"};
-constexpr PostgresStatement scan_all = {"scan_all", "SELECT id, " TEXT_IF_OF_REGION
-                                                    " FROM entry WHERE db = $1 AND id > $2 ORDER BY id LIMIT $4"};
-constexpr PostgresStatement scan_item = {
-    "scan_item",
-    "SELECT id, " TEXT_IF_OF_REGION " FROM item JOIN entry ON id = item.entry WHERE item.db = $1 AND item.entry > $2 "
-    "AND digest = sha256($5) ORDER BY item.entry LIMIT $4"};
+constexpr PostgresStatement scan_all = {"scan_all", ALL_OF_DB};
+constexpr PostgresStatement scan_item = {"scan_item", THOSE_WITH_ITEM};
+constexpr PostgresStatement scan_all_stamped = {"scan_all_stamped", WITH_STAMPS(ALL_OF_DB)};
+constexpr PostgresStatement scan_item_stamped = {"scan_item_stamped", WITH_STAMPS(THOSE_WITH_ITEM)};
 constexpr PostgresStatement bearer = {
     "bearer", "SELECT id FROM entry WHERE db = $1 AND sha256(identity) = sha256($2) AND identity <> ''::bytea"};
 // The stamps are compared where they are renewed.
@@ -72,5 +80,9 @@ constexpr PostgresStatement set_moved_to = {"set_moved_to", "UPDATE registry SET
 #undef BOUNDED_TEXT
 #undef TEXT_IF_OF_REGION
 #undef DIGESTS_OF
+#undef STAMPS
+#undef ALL_OF_DB
+#undef THOSE_WITH_ITEM
+#undef WITH_STAMPS
 
 } // namespace velia::server::statements

@@ -79,14 +79,7 @@ public:
     void refresh() override {}
     bool is_in_place() override { return true; }
 
-    Stamps stamps(rgy_db_t db) override {
-        const PostgresRows rows = session_.read(statements::stamp, db);
-        session_.require_here(rows.bytes(0, 4));
-        Stamps stamps = {{}, rows.uuid(0, 2), rows.uuid(0, 3)};
-        if (db < RGY_DB_ALL || !rows.is_null(0, 0))
-            stamps.pair = {rows.uuid(0, 0), rows.uuid(0, 1)};
-        return stamps;
-    }
+    Stamps stamps(rgy_db_t db) override { return stamps_in(session_.read(statements::stamp, db), 0, db); }
 
     uint64_t count(rgy_db_t db) override {
         const PostgresRows rows = session_.read(statements::count, db);
@@ -96,18 +89,8 @@ public:
     void scan(const Selection &selection, uint64_t after_id, const Visit &visit) override {
         for (uint64_t rows_wanted = first_rows;; rows_wanted = std::min(rows_wanted * 4, rows_max)) {
             const PostgresRows rows =
-                selection.key.empty()
-                    ? session_.read(statements::scan_all, selection.db, after_id, selection.region, rows_wanted)
-                    : session_.read(statements::scan_item, selection.db, after_id, selection.region, rows_wanted,
-                                    joined(selection.key, selection.value));
-            for (int row = 0; row < rows.count(); ++row) {
-                after_id = next_number(after_id, rows.number(row, 0));
-                const bool is_selected = !rows.is_null(row, 1);
-                const Record record = is_selected ? Record{after_id, bounded_text(rows, row, 1)} : Record{};
-                if (!visit(after_id, is_selected ? &record : nullptr))
-                    return;
-            }
-            if (static_cast<uint64_t>(rows.count()) < rows_wanted)
+                page(statements::scan_all, statements::scan_item, selection, after_id, rows_wanted);
+            if (!visit_all(rows, rows.count(), after_id, visit) || static_cast<uint64_t>(rows.count()) < rows_wanted)
                 return;
         }
     }
@@ -115,6 +98,17 @@ public:
     void reading_on(rgy_db_t db, const rgy_dtm_pair_t &pair, const std::function<void(Store &)> &body) override {
         if (!replica_ || !replica_->read(db, pair, body))
             body(*this);
+    }
+
+    // The way to the database and back costs more than what it is asked there.
+    Stamps scan_with_stamps(const Selection &selection, uint64_t after_id, const Visit &visit) override {
+        const PostgresRows rows =
+            page(statements::scan_all_stamped, statements::scan_item_stamped, selection, after_id, first_rows);
+        const Stamps stamps = stamps_in(rows, 2, selection.db);
+        const int count = rows.is_null(0, 0) ? 0 : rows.count();
+        if (visit_all(rows, count, after_id, visit) && static_cast<uint64_t>(count) == first_rows)
+            scan(selection, after_id, visit);
+        return stamps;
     }
 
     void at_one_moment(const std::function<void()> &body) override { session_.at_one_moment(body); }
@@ -237,6 +231,34 @@ public:
     }
 
 private:
+    Stamps stamps_in(const PostgresRows &rows, int column, rgy_db_t db) const {
+        session_.require_served(rows.bytes(0, column + 4), rows.number(0, column + 5));
+        Stamps stamps = {{}, rows.uuid(0, column + 2), rows.uuid(0, column + 3)};
+        if (db < RGY_DB_ALL || !rows.is_null(0, column))
+            stamps.pair = {rows.uuid(0, column), rows.uuid(0, column + 1)};
+        return stamps;
+    }
+
+    PostgresRows page(const PostgresStatement &all, const PostgresStatement &with_item, const Selection &selection,
+                      uint64_t after_id, uint64_t rows_wanted) {
+        if (selection.key.empty())
+            return session_.read(all, selection.db, after_id, selection.region, rows_wanted);
+        return session_.read(with_item, selection.db, after_id, selection.region, rows_wanted,
+                             joined(selection.key, selection.value));
+    }
+
+    // False: the visitor has enough.
+    static bool visit_all(const PostgresRows &rows, int count, uint64_t &after_id, const Visit &visit) {
+        for (int row = 0; row < count; ++row) {
+            after_id = next_number(after_id, rows.number(row, 0));
+            const bool is_selected = !rows.is_null(row, 1);
+            const Record record = is_selected ? Record{after_id, bounded_text(rows, row, 1)} : Record{};
+            if (!visit(after_id, is_selected ? &record : nullptr))
+                return false;
+        }
+        return true;
+    }
+
     std::optional<uint64_t> bearer_of(rgy_db_t db, const std::string &identity) override {
         const PostgresRows rows = session_.run(statements::bearer, db, identity);
         return rows.count() == 1 ? std::optional(rows.number(0, 0)) : std::nullopt;

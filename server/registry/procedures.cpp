@@ -154,22 +154,17 @@ tbs_status_t fetch(RegistryView &registry, const Request &request, const Caller 
     Fetch fetch = fetch_of(request);
     fetch.selection.db = static_cast<rgy_db_t>(request.db);
     fetch.selection.region = text_of(request.region);
-    // The stamps first: entries that are younger than their stamps are only fetched once more, but older ones would be
-    // taken for what is there now.
-    const auto stamps = registry.stamps_of(fetch.selection.db);
-    if (!stamps)
+    const int64_t version = reply_version(request.version);
+    const BatchLimits limits = {version == single_entry_version ? 1 : static_cast<uint64_t>(request.max_entries),
+                                caller.transport == RVZD_PROTOCOL_UDP ? udp_records_bytes_max : tcp_records_bytes_max};
+    auto found = registry.find(fetch.selection, request.cursor, limits, fetch.filter);
+    if (!found)
         return not_in_memory;
-    if (registry.is_substitute() && !is_null(request.dtm) && !is_same(stamps->pair, request.dtm))
+    if (registry.is_substitute() && !is_null(request.dtm) && !is_same(found->stamps.pair, request.dtm))
         return TBS_ST_TRY_AGAIN; // it goes on where it began, or on what is the same
-    reply.record.version = reply_version(request.version);
-    reply.record.dtm = stamps->pair;
-    const BatchLimits limits = {
-        reply.record.version == single_entry_version ? 1 : static_cast<uint64_t>(request.max_entries),
-        caller.transport == RVZD_PROTOCOL_UDP ? udp_records_bytes_max : tcp_records_bytes_max};
-    auto batch = registry.answer(fetch.selection, request.cursor, limits, fetch.filter);
-    if (batch == nullptr)
-        return not_in_memory;
-    take_batch(std::move(batch), reply);
+    reply.record.version = version;
+    reply.record.dtm = found->stamps.pair;
+    take_batch(std::move(found->batch), reply);
     return TBS_ST_OK;
 }
 

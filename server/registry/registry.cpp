@@ -65,7 +65,8 @@ size_t encoded_bytes(const Record &record) {
     return 2 * word_bytes + padded; // number, length, text
 }
 
-Batch Registry::fetch(const Selection &selection, uint64_t cursor, const BatchLimits &limits, const Filter &filter) {
+std::pair<Stamps, Batch> Registry::fetch_with_stamps(const Selection &selection, uint64_t cursor,
+                                                     const BatchLimits &limits, const Filter &filter) {
     Batch batch;
     size_t bytes = 0;
     uint64_t last_seen = cursor;
@@ -74,7 +75,7 @@ Batch Registry::fetch(const Selection &selection, uint64_t cursor, const BatchLi
         batch.cursor = last_seen;
         return false;
     };
-    store_.scan(selection, cursor, [&](uint64_t id, const Record *record) {
+    const Stamps stamps = store_.scan_with_stamps(selection, cursor, [&](uint64_t id, const Record *record) {
         if (work >= REGISTRY_WORK_MAX)
             return cut();
         work += work_of_look;
@@ -92,7 +93,7 @@ Batch Registry::fetch(const Selection &selection, uint64_t cursor, const BatchLi
         last_seen = id;
         return true;
     });
-    return batch;
+    return {stamps, std::move(batch)};
 }
 
 void RegistryMemory::follow(std::unique_ptr<StoreVersion> version) {
@@ -107,12 +108,14 @@ RegistryMemory::Known &RegistryMemory::known() {
     return known_;
 }
 
-AnswerMemory::Answer RegistryMemory::answer(const Selection &selection, uint64_t cursor, const BatchLimits &limits,
-                                            const Filter &filter) {
-    if (filter || selection.key.empty())
-        return nullptr;
+std::optional<RegistryView::Found> RegistryMemory::find(const Selection &selection, uint64_t cursor,
+                                                        const BatchLimits &limits, const Filter &filter) {
+    const auto stamps = stamps_of(selection.db);
+    if (!stamps || filter || selection.key.empty())
+        return std::nullopt;
     put_question(question_, selection, cursor, limits);
-    return answers_.find(question_, version());
+    auto batch = answers_.find(question_, known_.version);
+    return batch != nullptr ? std::optional(Found{*stamps, std::move(batch)}) : std::nullopt;
 }
 
 void RegistryMemory::learn(uint64_t version, Learned learned) {
@@ -134,14 +137,18 @@ Stamps Registry::stamps(rgy_db_t db) {
     return stamps;
 }
 
-AnswerMemory::Answer Registry::answer(const Selection &selection, uint64_t cursor, const BatchLimits &limits,
-                                      const Filter &filter) {
-    auto made = std::make_shared<const Batch>(fetch(selection, cursor, limits, filter));
-    if (learned_ != nullptr && !filter && !selection.key.empty()) {
+std::optional<RegistryView::Found> Registry::find(const Selection &selection, uint64_t cursor,
+                                                  const BatchLimits &limits, const Filter &filter) {
+    auto [stamps, batch] = fetch_with_stamps(selection, cursor, limits, filter);
+    Found found = {stamps, std::make_shared<const Batch>(std::move(batch))};
+    if (learned_ == nullptr)
+        return found;
+    learned_->stamps.at(selection.db) = stamps;
+    if (!filter && !selection.key.empty()) {
         put_question(learned_->question, selection, cursor, limits);
-        learned_->answer = made;
+        learned_->answer = found.batch;
     }
-    return made;
+    return found;
 }
 
 tbs_status_t Registry::add(rgy_db_t db, const rgy_dtm_pair_t &stamps, const std::string &flex_text,

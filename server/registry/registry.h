@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <server/registry/answers.h>
@@ -47,10 +48,16 @@ public:
     RegistryView(const RegistryView &) = delete;
     RegistryView &operator=(const RegistryView &) = delete;
 
-    // Nothing, and null, where it is not known here.
+    // Nothing where it is not known here.
     virtual std::optional<Stamps> stamps_of(rgy_db_t db) = 0;
-    virtual AnswerMemory::Answer answer(const Selection &selection, uint64_t cursor, const BatchLimits &limits,
-                                        const Filter &filter) = 0;
+    // No entry of it is older than the stamps: younger ones are only fetched once more, but older ones would be taken
+    // for what is there now.
+    struct Found {
+        Stamps stamps;
+        AnswerMemory::Answer batch;
+    };
+    virtual std::optional<Found> find(const Selection &selection, uint64_t cursor, const BatchLimits &limits,
+                                      const Filter &filter) = 0;
     // May be behind what the caller has read elsewhere.
     virtual bool is_substitute() const { return false; }
 };
@@ -72,8 +79,8 @@ public:
     uint64_t version() { return version_ != nullptr ? version_->now() : 0; }
 
     std::optional<Stamps> stamps_of(rgy_db_t db) override { return known().stamps.at(db); }
-    AnswerMemory::Answer answer(const Selection &selection, uint64_t cursor, const BatchLimits &limits,
-                                const Filter &filter) override;
+    std::optional<Found> find(const Selection &selection, uint64_t cursor, const BatchLimits &limits,
+                              const Filter &filter) override;
     std::optional<bool> is_filled() { return known().is_filled; }
 
     // Takes what was read since the store had this version; it is forgotten if there is another one by now.
@@ -104,9 +111,11 @@ public:
     uint64_t count(rgy_db_t db) { return store_.count(db); }
 
     // At least one record comes, however small `bytes_max` is, or the cursor moves on.
-    Batch fetch(const Selection &selection, uint64_t cursor, const BatchLimits &limits, const Filter &filter = {});
-    AnswerMemory::Answer answer(const Selection &selection, uint64_t cursor, const BatchLimits &limits,
-                                const Filter &filter) override;
+    Batch fetch(const Selection &selection, uint64_t cursor, const BatchLimits &limits, const Filter &filter = {}) {
+        return fetch_with_stamps(selection, cursor, limits, filter).second;
+    }
+    std::optional<Found> find(const Selection &selection, uint64_t cursor, const BatchLimits &limits,
+                              const Filter &filter) override;
 
     // TBS_ST_NO_ACCESS: the caller does not say who it is; TBS_ST_STALE_ID: the stamps are not those of now;
     // TBS_ST_ALREADY_EXISTS: one of the same identity stands there, which among the site's settings is TBS_ST_STALE_ID,
@@ -144,6 +153,8 @@ public:
     void set_backup_hosts(const std::string &hosts) { store_.set_setting("backup", hosts); }
 
 private:
+    std::pair<Stamps, Batch> fetch_with_stamps(const Selection &selection, uint64_t cursor, const BatchLimits &limits,
+                                               const Filter &filter);
     Outcome stage(const rvzd_registry_change_req_t &request);
     void make_all(const rvzd_registry_change_req_t &request, Outcome &outcome);
     tbs_status_t make(rgy_db_t db, uint32_t flags, uint64_t id, const std::string &text, Outcome &outcome);

@@ -116,6 +116,13 @@ public:
     using Visit = std::function<bool(uint64_t id, const Record *record)>;
     virtual void scan(const Selection &selection, uint64_t after_id, const Visit &visit) = 0;
 
+    // The same, and the stamps of that database: nothing that is visited is older than they are.
+    virtual Stamps scan_with_stamps(const Selection &selection, uint64_t after_id, const Visit &visit) {
+        const Stamps before = stamps(selection.db);
+        scan(selection, after_id, visit);
+        return before;
+    }
+
     // All that the body reads is of one moment.
     virtual void at_one_moment(const std::function<void()> &body) { together(body); }
 

@@ -2,6 +2,10 @@
 // by itself, so that the one that fails is the only one.
 #include <server/registry/store_worker.h>
 
+#include <utility>
+
+#include <support/imsg.h>
+
 namespace velia::server {
 
 namespace {
@@ -30,8 +34,12 @@ StoreFailure failure_of(Body &&body) {
         StoreFailure failure = failed_with(error.what());
         failure.status = TBS_ST_NO_SERVER;
         return failure;
-    } catch (const StoreBusy &) {
+    } catch (const StoreAway &) { // told where it is noticed
         return {TBS_ST_TRY_AGAIN, ""};
+    } catch (const StoreBusy &error) {
+        StoreFailure failure = failed_with(error.what());
+        failure.status = TBS_ST_TRY_AGAIN;
+        return failure;
     } catch (const StoreUncertain &error) {
         StoreFailure failure = failed_with(error.what());
         failure.is_final = true;
@@ -67,6 +75,16 @@ void StoreWorker::run(Task &task, StoreFailure &failure) {
             work_meanwhile(task);
         }
     });
+    tell_who_has_it(failure);
+}
+
+// Whoever waits is only told to try again; why, the first of them tells the log, until one comes through.
+void StoreWorker::tell_who_has_it(const StoreFailure &failure) {
+    const bool is_busy = failure.status == TBS_ST_TRY_AGAIN && !failure.words.empty();
+    if (is_busy && !std::exchange(is_busy_told_, true))
+        imsg_print(IMSG_WARNING, "The registry is not to be had for now: %s\n", IMSG_FORMAT, failure.words.c_str());
+    if (failure.status == TBS_ST_OK)
+        is_busy_told_ = false;
 }
 
 // Within the handling of why.
@@ -91,6 +109,7 @@ void StoreWorker::run_together(Worker::Batch &batch) {
         });
     });
     is_together_ = false;
+    tell_who_has_it(failure);
     if (failure.status == TBS_ST_OK)
         return;
     if (failure.status != TBS_ST_ERROR || failure.is_final)

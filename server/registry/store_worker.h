@@ -14,7 +14,8 @@ namespace velia::server {
 
 // Why there is no answer.
 struct StoreFailure {
-    tbs_status_t status = TBS_ST_OK; // NO_SERVER: no store is open; TRY_AGAIN: somebody has it; ERROR: see the words
+    tbs_status_t status =
+        TBS_ST_OK; // NO_SERVER: no store is open; TRY_AGAIN: somebody has it, or it is away; ERROR: see the words
     std::string words;
     bool is_final = false; // it may have been done, so it is not tried again
 };
@@ -50,6 +51,7 @@ private:
     void run_together(Worker::Batch &batch);
     Store &store();
     void work_meanwhile(Task &task);
+    void tell_who_has_it(const StoreFailure &failure);
 
     // The thread's.
     std::unique_ptr<Store> store_;
@@ -57,6 +59,7 @@ private:
     std::unique_ptr<Store> meanwhile_;
     Opener open_meanwhile_;
     bool is_together_ = false;
+    bool is_busy_told_ = false;
     std::optional<StoreFailure> refusal_; // of all that is being done together
 
     Worker worker_; // goes first

@@ -1,6 +1,7 @@
 #include <server/registry/time_lines.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -28,7 +29,8 @@ constexpr FileBounds bounds = {8192, 80};
 using ByName = std::map<std::string, uint32_t>;
 
 struct Seen {
-    std::mutex lock; // of all that follows
+    std::atomic<uint64_t> news = 0; // counts what is higher than before
+    std::mutex lock;                // of all that follows
     std::string file_name;
     ByName lines;
 };
@@ -133,7 +135,27 @@ void require_newest_time_line(const std::string &system, uint32_t time_line) {
     if (time_line == highest)
         return;
     note(all.lines, system, time_line);
+    ++all.news;
     keep(all);
+}
+
+// What comes between is looked at once more than needed.
+TimeLine::TimeLine(std::string system, uint32_t number)
+    : system_(std::move(system)), number_(number), news_(seen().news) {
+    require_newest_time_line(system_, number_);
+}
+
+bool TimeLine::is_newest() {
+    Seen &all = seen();
+    const uint64_t news = all.news;
+    if (news == news_)
+        return true;
+    const std::scoped_lock hold(all.lock);
+    const auto known = all.lines.find(system_);
+    const bool is_newest = known == all.lines.end() || known->second <= number_;
+    if (is_newest)
+        news_ = news;
+    return is_newest;
 }
 
 } // namespace velia::server

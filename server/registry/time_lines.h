@@ -15,4 +15,19 @@ void keep_time_lines_in(const std::string &file_name);
 // one was seen.
 void require_newest_time_line(const std::string &system, uint32_t time_line);
 
+// Of the server at the other end of a connection.
+class TimeLine {
+public:
+    TimeLine() = default;
+    TimeLine(std::string system, uint32_t number); // throws as above
+
+    // False: this process has seen a higher one since. Asked before each use, so it looks only where there is news.
+    bool is_newest();
+
+private:
+    std::string system_;
+    uint32_t number_ = 0;
+    uint64_t news_ = 0; // that it knows of
+};
+
 } // namespace velia::server

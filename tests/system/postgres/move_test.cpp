@@ -125,6 +125,7 @@ struct MoveOfRegistry : TwoHosts {
         EXPECT_LT(step, steps_max);
         EXPECT_THAT(told_with(there), ElementsAre("a", "b", "c"));
     }
+    std::string kept_file() const { return site.path("host/priv/registry.db.old"); }
     void clear_kept() const {
         for (const auto &entry : std::filesystem::directory_iterator(site.path("host/priv")))
             if (entry.path().filename().string().starts_with("registry.db.old"))
@@ -143,6 +144,7 @@ TEST_F(MoveOfRegistry, TheToolTakesItToADatabaseAndBackAndCountsEachOfItsDatabas
     ASSERT_EQ(there.status, 0) << there.errors;
     EXPECT_THAT(there.output, HasSubstr(R"({"action":"moved","db":"regions","entries":3,"entries_there":3,)"));
     EXPECT_EQ(std::count(there.output.begin(), there.output.end(), '\n'), RGY_DB_ALL);
+    EXPECT_THAT(there.output, HasSubstr(R"("kept":null})")) << "it stands where it was";
     const Outcome again = tool(database.conninfo());
     EXPECT_THAT(again.output, HasSubstr(R"({"action":"was moved","db":"regions","entries":3,"entries_there":3,)"));
     keep_in_database();
@@ -153,9 +155,28 @@ TEST_F(MoveOfRegistry, TheToolTakesItToADatabaseAndBackAndCountsEachOfItsDatabas
     const Outcome back = tool("sqlite");
     ASSERT_EQ(back.status, 0) << back.errors;
     EXPECT_THAT(back.output, HasSubstr(R"({"action":"moved","db":"regions","entries":4,"entries_there":4,)"));
+    EXPECT_THAT(back.output, HasSubstr(R"("kept":")" + kept_file() + R"("})"));
+    EXPECT_TRUE(std::filesystem::exists(kept_file()));
     EXPECT_THAT(tool("sqlite").output, HasSubstr(R"("action":"was moved")"));
     EXPECT_THAT(told_with([this] { keep_in_file(); }), ElementsAre("a", "b", "c", "d"));
     EXPECT_THAT(tool("sqlite").output, HasSubstr(R"("action":"was moved")"));
+}
+
+// What stood in the file's place is put aside before the database is left.
+TEST_F(MoveOfRegistry, AFailureTellsWhereTheFormerFileIs) {
+    ASSERT_EQ(tool(database.conninfo()).status, 0);
+    keep_in_database();
+    const std::string in_the_way = site.path("host/priv/registry.db.moved");
+    std::filesystem::create_directory(in_the_way);
+    const Outcome outcome = tool("sqlite");
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_THAT(outcome.errors, HasSubstr("is kept in \\\"" + kept_file() + "\\\""));
+    EXPECT_THAT(outcome.errors, HasSubstr("The registry was not moved by"));
+    EXPECT_TRUE(std::filesystem::exists(kept_file()));
+    EXPECT_TRUE(is_served_from_database());
+    std::filesystem::remove(in_the_way);
+    EXPECT_THAT(tool("sqlite").output, HasSubstr(R"("action":"moved")"));
+    EXPECT_TRUE(is_served_from_file());
 }
 
 TEST_F(MoveOfRegistry, ThatADaemonRunsIsTold) {

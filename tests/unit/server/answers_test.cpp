@@ -161,12 +161,12 @@ TEST_F(RegistryAnswers, ReadBeforeACommitAreNotLearntAfterIt) {
     Registry reader(*store, &learned);
     reader.stamps(db);
     reader.is_filled();
-    reader.answer({db, "", "-name", "r1"}, 0, {10, 8000}, {});
+    reader.find({db, "", "-name", "r1"}, 0, {10, 8000}, {});
     open_another()->set_setting("any", "value");
     memory.learn(version, std::move(learned));
     EXPECT_FALSE(memory.stamps_of(db));
     EXPECT_FALSE(memory.is_filled());
-    EXPECT_EQ(memory.answer({db, "", "-name", "r1"}, 0, {10, 8000}, {}), nullptr);
+    EXPECT_FALSE(memory.find({db, "", "-name", "r1"}, 0, {10, 8000}, {}));
 }
 
 TEST_F(RegistryAnswers, WhetherItIsFilledFollowsTheOrigin) {

@@ -85,9 +85,9 @@ protected:
     // As the daemon does it: out of memory, or else from the store, which the memory learns of.
     AnswerMemory::Answer answer(const Selection &selection, uint64_t cursor, const BatchLimits &limits,
                                 const Filter &filter = {}) {
-        if (auto remembered = memory.answer(selection, cursor, limits, filter))
-            return remembered;
-        return learning([&](Registry &reader) { return reader.answer(selection, cursor, limits, filter); });
+        if (const auto remembered = memory.find(selection, cursor, limits, filter))
+            return remembered->batch;
+        return learning([&](Registry &reader) { return reader.find(selection, cursor, limits, filter)->batch; });
     }
     bool is_new = false;
     RegistryMemory memory;

@@ -135,6 +135,32 @@ TEST_F(StoreWorkers, WhatSomebodyElseHasIsWaitedForOnceForAllThatWaitTogether) {
     EXPECT_THAT(statuses, ElementsAre(TBS_ST_TRY_AGAIN, TBS_ST_TRY_AGAIN, TBS_ST_TRY_AGAIN));
 }
 
+TEST_F(StoreWorkers, WhoHasItIsToldOnceUntilItIsToBeHadAgain) {
+    start(true);
+    const auto lines_of = [&](const std::vector<std::function<void(Store &)>> &works) {
+        testing::internal::CaptureStderr();
+        hold();
+        for (const auto &work : works)
+            ask(work);
+        let_go();
+        gate = {};
+        const std::string told = testing::internal::GetCapturedStderr();
+        size_t lines = 0;
+        for (size_t at = told.find("a backup has it"); at != std::string::npos; at = told.find("a backup", at + 1))
+            ++lines;
+        return lines;
+    };
+    const auto busy = [](Store &) { throw StoreBusy("a backup has it"); };
+    const auto away = [](Store &) { throw StoreAway("a backup has it"); };
+    const auto work = [](Store &) {};
+    EXPECT_EQ(lines_of({busy}), 1u);
+    EXPECT_EQ(lines_of({busy, busy}), 0u) << "the same still";
+    EXPECT_EQ(lines_of({work}), 0u);
+    EXPECT_EQ(lines_of({busy, busy, work}), 1u) << "one transaction";
+    EXPECT_EQ(lines_of({away}), 0u) << "told elsewhere";
+    EXPECT_THAT(statuses, testing::Contains(TBS_ST_TRY_AGAIN).Times(7));
+}
+
 // A daemon that is to end ends.
 TEST_F(StoreWorkers, NobodyWaitsForWhatSomebodyElseHasOnceItIsOver) {
     start(true);

@@ -8,7 +8,9 @@
 #include <server/registry/moved.h>
 #include <server/registry/postgres_errors.h>
 #include <server/registry/postgres_schema.h>
+#include <server/registry/postgres_statements.h>
 #include <server/registry/postgres_store.h>
+#include <server/registry/registry.h>
 #include <server/registry/sqlite.h>
 #include <tests/unit/store/postgres_fixture.h>
 
@@ -79,6 +81,20 @@ TEST(PostgresErrors, APasswordIsNotTold) {
     EXPECT_EQ(told_conninfo("not one"), "postgresql");
 }
 
+// A blank in it, or what is to be escaped, is easily forgotten.
+TEST(PostgresErrors, OfAMalformedConnectionStringNoPasswordIsToldEither) {
+    for (const char *conninfo : {"host=a password=my secret", "host=a password=my secret x=1",
+                                 "host=a password=my sec\"ret", "postgresql://u:%secret@h", "postgresql://u:secret@[h",
+                                 "postgresql://u:my/secret@h/d", "postgresql://u:secret@h/d?x"}) {
+        const std::string fault = fault_of_conninfo(conninfo);
+        EXPECT_FALSE(fault.empty()) << conninfo;
+        for (const char *part : {"sec", "ret", "my"})
+            EXPECT_THAT(fault, testing::Not(HasSubstr(part))) << conninfo;
+    }
+    EXPECT_EQ(fault_of_conninfo("postgresql://u@h/d?options=a/b@c"), "");
+    EXPECT_EQ(fault_of_conninfo("host=/run/a user=b@c"), "");
+}
+
 TEST_F(PostgresStoreTest, AWrongPasswordIsToldAsThat) {
     run("CREATE ROLE " + clerk + " LOGIN SUPERUSER PASSWORD 'right'");
     server.set_access("local all tester trust\nlocal all all scram-sha-256\n");
@@ -123,6 +139,32 @@ TEST_F(PostgresStoreTest, ARegistryOfANewerVersionIsLeftAsItIs) {
     EXPECT_EQ(opening(conninfo(), &words), Kind::refused);
     EXPECT_THAT(words, HasSubstr("newer version"));
     EXPECT_EQ(ask("SELECT version FROM registry"), "99");
+}
+
+// As by a newer daemon on another host, which was started first.
+TEST_F(PostgresStoreTest, ARegistryThatANewerVersionHasTakenOverMeanwhileIsLeftAsItIs) {
+    const auto store = open();
+    ASSERT_EQ(add(*store, "a"), Store::AddResult::added);
+    const auto stamps = store->stamps(RGY_DB_REGIONS).pair;
+    const Entry entry = named("b");
+    const auto add_b = [&] { store->add(RGY_DB_REGIONS, stamps, entry.identity, entry.text, entry.items); };
+    const auto look_up = [&] {
+        store->scan_with_stamps({RGY_DB_REGIONS, "", "-name", "a"}, 0, [](uint64_t, const Record *) { return true; });
+    };
+    const auto read_settings = [&] { store->settings(); };
+    run("UPDATE registry SET version = 99");
+    for (const bool is_connected_anew : {false, true}) {
+        std::string words;
+        EXPECT_EQ(kind_of(add_b, &words), Kind::refused);
+        EXPECT_THAT(words, HasSubstr("newer version"));
+        EXPECT_EQ(kind_of(look_up, &words), Kind::refused);
+        EXPECT_THAT(words, HasSubstr("newer version"));
+        EXPECT_EQ(kind_of(read_settings), is_connected_anew ? Kind::refused : Kind::opened);
+        end_connections();
+    }
+    EXPECT_EQ(ask("SELECT count(*) FROM entry"), "1");
+    run("UPDATE registry SET version = " + std::to_string(postgres_schema_steps().size()));
+    EXPECT_EQ(kind_of(add_b), Kind::opened) << "as a backup that was put back";
 }
 
 TEST_F(PostgresStoreTest, ARegistryOfAnOlderVersionIsMovedOnce) {
@@ -286,6 +328,35 @@ TEST_F(PostgresStoreTest, AConnectionToWhatTakesNoChangesAnyMoreIsGivenUp) {
     EXPECT_TRUE(eventually([&] { return ask(connections) == "0"; }));
 }
 
+// The way there and back is most of what a look-up costs.
+TEST_F(PostgresStoreTest, ALookUpAsksOneStatement) {
+    const auto store = open();
+    ASSERT_EQ(add(*store, "a"), Store::AddResult::added);
+    Registry registry(*store);
+    const auto look_up = [&] {
+        return registry.find({RGY_DB_REGIONS, "", "-name", "a"}, 0, {10, 8000}, {})->batch->records.size();
+    };
+    ASSERT_EQ(look_up(), 1u) << "and prepared it";
+    run("ALTER DATABASE " + database + " SET log_statement = 'all'");
+    end_connections();
+    ASSERT_EQ(look_up(), 1u);
+    const size_t before = server.count_in_log("LOG:  execute");
+    ASSERT_EQ(look_up(), 1u);
+    EXPECT_EQ(server.count_in_log("LOG:  execute"), before + 1);
+}
+
+TEST_F(PostgresStoreTest, AListingIsPlannedOnceHoweverMuchThereIs) {
+    open();
+    run("INSERT INTO entry SELECT n, 4, '', '', '-name=x;' FROM generate_series(1, 20000) AS n; ANALYZE");
+    Postgres connection(conninfo());
+    connection.connect();
+    for (int i = 0; i < 10; ++i)
+        ASSERT_EQ(
+            connection.run(statements::scan_all_stamped, uint32_t{4}, uint64_t{0}, std::string(), uint64_t{50}).count(),
+            50);
+    EXPECT_EQ(connection.run("SELECT generic_plans, custom_plans FROM pg_prepared_statements").text(0, 0), "10");
+}
+
 TEST_F(PostgresStoreTest, WhatIsReadAtOneMomentIsNotChangedMeanwhile) {
     const auto reader = open();
     const auto writer = open();
@@ -319,6 +390,18 @@ TEST_F(PostgresStoreTest, ASessionThatWouldNotWaitForAStandbyDoes) {
         connection.connect();
         EXPECT_EQ(connection.run("SHOW synchronous_commit").text(0, 0), "on") << setting;
     }
+}
+
+TEST_F(PostgresStoreTest, AServerThatIsToldNotToWaitForAStandbyIsNotObeyedBySessionsThatDo) {
+    Postgres connection(conninfo());
+    connection.connect();
+    server.run("ALTER SYSTEM SET synchronous_commit = off");
+    server.run("SELECT pg_reload_conf()");
+    EXPECT_TRUE(eventually([&] { return server.ask("SHOW synchronous_commit") == "off"; }));
+    EXPECT_EQ(connection.run("SHOW synchronous_commit").text(0, 0), "on");
+    server.run("ALTER SYSTEM RESET synchronous_commit");
+    server.run("SELECT pg_reload_conf()");
+    EXPECT_TRUE(eventually([&] { return server.ask("SHOW synchronous_commit") == "on"; }));
 }
 
 TEST_F(PostgresStoreTest, ARegistryGoesToAFileAndBack) {

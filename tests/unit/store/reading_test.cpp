@@ -1,6 +1,8 @@
 // What a store tells of itself, and how its records are visited.
 #include <tests/unit/store/store_fixture.h>
 
+#include <utility>
+
 using namespace velia::server;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -196,6 +198,55 @@ TEST_P(StoreReading, ManyRecordsOfOtherRegionsAreVisitedToo) {
     ASSERT_THAT(visited, SizeIs(many));
     EXPECT_EQ(visited.front(), (Record{1, "-"}));
     EXPECT_EQ(visited.back(), (Record{many, "x"}));
+}
+
+TEST_P(StoreReading, AScanWithStampsVisitsTheSameAndTellsThoseOfItsDatabase) {
+    add_all(numbered_names(many));
+    ASSERT_EQ(add(in_region("west", "west")), Store::AddResult::added);
+    ASSERT_EQ(add(in_region("east", "east")), Store::AddResult::added);
+    for (const Selection &selection : std::vector<Selection>{{RGY_DB_REGIONS, "", "", ""},
+                                                             {RGY_DB_REGIONS, "west", "", ""},
+                                                             {RGY_DB_REGIONS, "", "-name", "7"},
+                                                             {RGY_DB_REGIONS, "", "-name", "none"},
+                                                             {RGY_DB_DOMAINS, "", "", ""}})
+        for (const uint64_t after : {uint64_t{0}, uint64_t{1}, uint64_t{many}, uint64_t{many + 2}}) {
+            std::vector<Record> records;
+            const Stamps stamps = store->scan_with_stamps(selection, after, [&](uint64_t id, const Record *record) {
+                records.push_back(record != nullptr ? *record : Record{id, "-"});
+                return true;
+            });
+            const Stamps expected = store->stamps(selection.db);
+            EXPECT_EQ(records, scan(selection, after));
+            EXPECT_TRUE(is_same(stamps.pair, expected.pair));
+            EXPECT_TRUE(tbs_uuid_eq(&stamps.registry, &expected.registry));
+            EXPECT_TRUE(tbs_uuid_eq(&stamps.copy, &expected.copy));
+        }
+}
+
+TEST_P(StoreReading, AScanWithStampsIsEndedByItsVisitorInAnyPiece) {
+    add_all(numbered_names(many));
+    for (const uint64_t enough : {uint64_t{1}, uint64_t{50}, uint64_t{51}, uint64_t{many}}) {
+        uint64_t visits = 0;
+        store->scan_with_stamps({RGY_DB_REGIONS, "", "", ""}, 0,
+                                [&](uint64_t, const Record *) { return ++visits < enough; });
+        EXPECT_EQ(visits, enough);
+    }
+}
+
+// A change amid the visits is seen, or not; the stamps are of before it either way.
+TEST_P(StoreReading, NothingThatIsVisitedIsOlderThanTheStampsOfItsScan) {
+    add_all(numbered_names(many));
+    const auto before = pair(RGY_DB_REGIONS);
+    const auto other = open();
+    bool is_changed = false;
+    const Stamps stamps = store->scan_with_stamps({RGY_DB_REGIONS, "", "", ""}, 0, [&](uint64_t, const Record *) {
+        if (!std::exchange(is_changed, true)) {
+            EXPECT_EQ(add_to(*other, named("new")), Store::AddResult::added);
+        }
+        return true;
+    });
+    EXPECT_TRUE(is_same(stamps.pair, before));
+    EXPECT_FALSE(is_same(pair(RGY_DB_REGIONS), before));
 }
 
 TEST_P(StoreReading, RecordsOfOtherDatabasesAreNotVisited) {

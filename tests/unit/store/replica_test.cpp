@@ -187,7 +187,7 @@ TEST_F(PostgresReplicaTest, WithoutTheRegistryIsToldOnce) {
         EXPECT_FALSE(is_read_elsewhere(*store));
     const std::string told = testing::internal::GetCapturedStderr();
     EXPECT_THAT(told, HasSubstr("Warning: The replica of the registry's database is not read: the registry's tables "
-                                "are not there\n"));
+                                "are gone from the database\n"));
     EXPECT_EQ(told.find("Warning"), told.rfind("Warning")) << told;
 }
 

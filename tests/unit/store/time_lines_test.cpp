@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <unistd.h>
 
@@ -112,4 +113,40 @@ TEST_F(TimeLines, AFormerPrimaryThatComesBackTakesNothing) {
         words = error.what();
     }
     EXPECT_EQ(words, "the server is a former primary: it is on time line 1, and 2 has been seen");
+}
+
+// Nobody has ended it, and connections to it stand.
+TEST_F(TimeLines, AFormerPrimaryIsLeftAsSoonAsAnotherConnectionHasSeenItsSuccessor) {
+    Server primary;
+    Server standby(Server::StandbyOf{primary});
+    bool is_new = false;
+    const auto former = open_postgres_store(primary.conninfo(), is_new);
+    const auto ask = [&] { former->count(RGY_DB_REGIONS); };
+    const auto change = [&] { former->set_setting("any", "value"); };
+    standby.promote();
+    EXPECT_NO_THROW(ask());
+    const auto successor = open_postgres_store(standby.conninfo(), is_new);
+    for (const std::function<void()> &use : {std::function<void()>(ask), std::function<void()>(change)})
+        try {
+            use();
+            ADD_FAILURE();
+        } catch (const StoreAway &error) {
+            EXPECT_STREQ(error.what(), "the server is a former primary: it is on time line 1, and 2 has been seen");
+        }
+    EXPECT_NO_THROW(successor->set_setting("any", "other"));
+}
+
+// What is under way there is not continued over another connection, which would know nothing of it.
+TEST_F(TimeLines, ATransactionOnAFormerPrimaryIsNotContinuedElsewhere) {
+    Server primary;
+    Server standby(Server::StandbyOf{primary});
+    bool is_new = false;
+    const auto former = open_postgres_store(primary.conninfo(), is_new);
+    former->set_setting("before", "1");
+    standby.promote();
+    former->at_one_moment([&] {
+        open_postgres_store(standby.conninfo(), is_new)->set_setting("before", "2");
+        EXPECT_EQ(former->setting("before"), "1");
+    });
+    EXPECT_THROW(former->setting("before"), StoreAway);
 }
