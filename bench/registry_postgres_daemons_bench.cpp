@@ -1,6 +1,6 @@
 // The registry in a PostgreSQL database from its clients' side: one look-up and one add through a daemon, beside a call
 // that the daemon answers from memory and the database's own statement of the same shape; and look-ups per second of
-// two daemons over those of one. Many short turns of each, one after the other, since others use the machine, too: the
+// two daemons over those of one; and what a piece of a listing costs that is read on of a standby. Many short turns of each, one after the other, since others use the machine, too: the
 // least and the median of them, and the median of the ratios within a turn.
 #include <algorithm>
 #include <chrono>
@@ -78,6 +78,27 @@ void call() {
     check(rvzd_registry_state(velia::system_test::own_handle("alpha").get(), nullptr, 0, "", &reply) == TBS_ST_OK,
           "call");
     rvzd_registry_state_free(&reply);
+}
+
+// All entries, in pieces; what one of them takes.
+double us_of_piece(const char *host) {
+    constexpr int64_t piece_max = 50;
+    const auto handle = velia::system_test::own_handle(host);
+    rgy_dtm_pair_t stamps = {};
+    uint64_t cursor = 0;
+    int pieces = 0;
+    const auto begin = std::chrono::steady_clock::now();
+    do {
+        int64_t count = 0;
+        rgy_elist_t piece = rgy_elist_alloc(piece_max);
+        check(rvzd_rgy_get_entry(handle.get(), RGY_DB_REGIONS, RGY_PROTOCOL_VERSION, "", &stamps, &cursor, piece_max,
+                                 piece, &count) == TBS_ST_OK,
+              "listing");
+        rgy_elist_free(piece, piece_max);
+        ++pieces;
+    } while (cursor != 0);
+    check(pieces > entries / piece_max, "all pieces");
+    return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - begin).count() / pieces;
 }
 
 const std::vector<const char *> one_host = {"alpha"};
@@ -159,7 +180,7 @@ Processors processors_of_look_up(const Daemon &daemon, const velia::postgres_tes
 std::unique_ptr<Daemon> started(const Site &site, const std::string &root, const char *host, const char *address) {
     for (const char *directory : {"host/config", "host/priv", "host/data", "log"})
         std::filesystem::create_directories(site.path(root + directory));
-    if (!root.empty())
+    if (!root.empty() && !std::filesystem::exists(site.path(root + "config")))
         std::filesystem::create_symlink(site.path("config"), site.path(root + "config"));
     site.write(root + "host/config/rgy_svr.conf", "master");
     site.write(root + "host/config/rgy_hosts.conf", std::string(host) + "\n\n");
@@ -200,10 +221,11 @@ void print_loads() {
 int main() {
     const Site site;
     const velia::postgres_test::Server server;
-    site.configure(velia::system_test::trusted_hosts + std::string("option store postgresql \"") + server.conninfo() +
-                   "\"\n");
+    const std::string configuration =
+        velia::system_test::trusted_hosts + std::string("option store postgresql \"") + server.conninfo() + "\"\n";
+    site.configure(configuration);
     const auto alpha = started(site, "", "alpha", "127.0.0.1");
-    const auto beta = started(site, "beta/", "beta", "127.0.0.2");
+    auto beta = started(site, "beta/", "beta", "127.0.0.2");
     for (int i = 0; i < entries; ++i)
         add(std::to_string(i));
     server.run("CREATE SEQUENCE numbers START 1000000; ANALYZE");
@@ -232,6 +254,18 @@ int main() {
     const Processors processors = processors_of_look_up(*alpha, server);
     printf("of processors a look-up takes: the daemon's %.1f us, the database's %.1f, the client's %.1f\n",
            processors.daemon, processors.database, processors.clients);
+    const velia::postgres_test::Server standby(velia::postgres_test::Server::StandbyOf{server});
+    beta.reset();
+    site.configure(configuration + "option store-replica \"" + standby.conninfo() + "\"\n");
+    beta = started(site, "beta/", "beta", "127.0.0.2");
+    Compared pieces;
+    for (int turn = 0; turn < turns; ++turn) {
+        const double of_standby = us_of_piece("beta");
+        pieces.take(of_standby, us_of_piece("alpha"));
+    }
+    check(standby.ask("SELECT count(*) FROM pg_stat_activity WHERE application_name = 'rvzd_server'") != "0",
+          "reading of the standby");
+    pieces.print("a piece of a listing, of a standby", "of the primary");
     print_loads();
     return EXIT_SUCCESS;
 }
