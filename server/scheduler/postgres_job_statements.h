@@ -54,9 +54,12 @@ inline constexpr PostgresStatement goes_round = {
     "WITH RECURSIVE way (id) AS (SELECT $2::bigint UNION SELECT follows FROM job JOIN way USING (id)) "
     "SELECT 1 FROM way WHERE id = $1"};
 inline constexpr PostgresStatement add = {
-    "job_add", "INSERT INTO job (id, at, body, mark, name, follows, host, owner, created_who, created_where, "
-               "created_when, changed_who, changed_where, changed_when, considered, changed_start, predefined, "
-               "definition) VALUES ($1, $2, $3, $4, $5, $6, $7, $8, $9, $10, $11, $12, $13, $14, $15, $16, $17, $18)"};
+    "job_add",
+    "INSERT INTO job (at, id, mark, follows, owner, created_when, changed_when, considered, changed_start, predefined, "
+    "body, name, host, created_who, created_where, changed_who, changed_where, definition) "
+    "SELECT $1::bigint, * FROM unnest($2::bigint[], $3::bigint[], $4::bigint[], $5::bigint[], $6::bigint[], "
+    "$7::bigint[], $8::bigint[], $9::bigint[], $10::bigint[], $11::bytea[], $12::bytea[], $13::bytea[], $14::bytea[], "
+    "$15::bytea[], $16::bytea[], $17::bytea[], $18::bytea[])"};
 inline constexpr PostgresStatement change = {
     "job_change",
     "UPDATE job SET at = $2, body = $3, mark = $4, name = $5, follows = $6, owner = $7, changed_who = $8, "
@@ -79,9 +82,10 @@ inline constexpr PostgresStatement drop_gone = {"job_drop_gone", "DELETE FROM jo
 inline constexpr PostgresStatement forget_dropped = {"job_forget_dropped",
                                                      "DELETE FROM job_dropped WHERE sha256(definition) = sha256($1)"};
 inline constexpr PostgresStatement set_acl = {"job_set_acl", "UPDATE scheduler SET acl = $1"};
-inline constexpr PostgresStatement note = {"job_note",
-                                           "INSERT INTO job_change (number, who, place, time, what, job, job_name, "
-                                           "fields) VALUES ($1, $2, $3, $4, $5, $6, $7, $8)"};
+inline constexpr PostgresStatement note = {
+    "job_note", "INSERT INTO job_change (number, time, job, who, place, what, job_name, fields) SELECT * FROM "
+                "unnest($1::bigint[], $2::bigint[], $3::bigint[], $4::bytea[], $5::bytea[], $6::bytea[], $7::bytea[], "
+                "$8::bytea[])"};
 inline constexpr PostgresStatement drop_notes = {"job_drop_notes", "DELETE FROM job_change WHERE number <= $1"};
 #define NOTE_COLUMNS "SELECT number, who, place, time, what, job, job_name, fields FROM job_change WHERE "
 inline constexpr PostgresStatement all_notes = {"job_all_notes",
