@@ -9,6 +9,12 @@ inline constexpr PostgresStatement take_name = {
     "job_take_name", "INSERT INTO job_daemon (host, generation, seen, boot) VALUES ($1, 1, clock_timestamp(), '') ON "
                      "CONFLICT (host) DO UPDATE SET generation = job_daemon.generation + 1, seen = clock_timestamp() "
                      "RETURNING generation"};
+// A database that was put back, or a standby that had not got all, knows an older daemon of the name than this one.
+inline constexpr PostgresStatement take_name_again = {
+    "job_take_name_again",
+    "INSERT INTO job_daemon (host, generation, seen, boot) VALUES ($1, $2, clock_timestamp(), '') ON CONFLICT (host) "
+    "DO UPDATE SET generation = excluded.generation, seen = excluded.seen WHERE job_daemon.generation < "
+    "excluded.generation RETURNING 1"};
 inline constexpr PostgresStatement boot = {"job_boot", "SELECT boot FROM job_daemon WHERE host = $1"};
 inline constexpr PostgresStatement set_boot = {"job_set_boot",
                                                "UPDATE job_daemon SET boot = $3 WHERE host = $1 AND generation = $2"};
@@ -26,22 +32,21 @@ inline constexpr PostgresStatement gone = {"job_gone", "SELECT id FROM job_gone 
 inline constexpr PostgresStatement owed = {"job_owed", "SELECT job FROM job_owed ORDER BY job"};
 inline constexpr PostgresStatement dropped = {"job_dropped", "SELECT definition FROM job_dropped ORDER BY definition"};
 #define IS_AWAY(SECONDS) "seen < clock_timestamp() - " SECONDS "::bigint * interval '1 second'"
+#define IS_NOT_HEARD(SECONDS) "host NOT IN (SELECT host FROM job_daemon WHERE NOT " IS_AWAY(SECONDS) ")"
 inline constexpr PostgresStatement hosts_away = {
     "job_hosts_away",
-    "SELECT DISTINCT host FROM job WHERE host <> ''::bytea AND host NOT IN (SELECT host FROM job_daemon "
-    "WHERE NOT " IS_AWAY("$1") ") ORDER BY host"};
+    "SELECT DISTINCT host FROM job WHERE host <> ''::bytea AND " IS_NOT_HEARD("$1") " ORDER BY host"};
 inline constexpr PostgresStatement others_heard = {
     "job_others_heard",
     "SELECT host, greatest(extract(epoch FROM clock_timestamp() - seen), 0)::bigint FROM job_daemon "
     "WHERE host <> $1 AND NOT " IS_AWAY("$2") " ORDER BY host"};
 inline constexpr PostgresStatement set_host = {"job_set_host",
                                                "UPDATE job SET host = $2, at = $3 WHERE id = $1 RETURNING 1"};
-inline constexpr PostgresStatement lost = {"job_lost", "SELECT " RUN_COLUMNS
-                                                       " FROM job_run WHERE ended = 0 AND host IN (SELECT host FROM "
-                                                       "job_daemon WHERE " IS_AWAY("$1") ") ORDER BY job"};
+inline constexpr PostgresStatement lost = {
+    "job_lost", "SELECT " RUN_COLUMNS " FROM job_run WHERE ended = 0 AND " IS_NOT_HEARD("$1") " ORDER BY job"};
 inline constexpr PostgresStatement is_lost = {
-    "job_is_lost", "SELECT 1 FROM job_run JOIN job_daemon USING (host) WHERE job = $1 AND started = "
-                   "$2 AND ended = 0 AND " IS_AWAY("$3")};
+    "job_is_lost",
+    "SELECT 1 FROM job_run WHERE job = $1 AND started = $2 AND ended = 0 AND " IS_NOT_HEARD("$3")};
 inline constexpr PostgresStatement bodies = {"job_bodies", "SELECT id, body FROM job ORDER BY id"};
 
 inline constexpr PostgresStatement namesake = {
@@ -150,6 +155,7 @@ inline constexpr PostgresStatement last_transaction = {"job_last_transaction",
                                                        "SELECT transaction FROM job_writer WHERE name = $1"};
 
 #undef RUN_COLUMNS
+#undef IS_NOT_HEARD
 #undef IS_AWAY
 #undef NOTE_COLUMNS
 

@@ -133,7 +133,8 @@ struct NoteColumns : Columns<3, 5> {
 
 class PostgresJobStore : public SharedJobStore {
 public:
-    PostgresJobStore(const std::string &conninfo, std::string host) : database_(conninfo), host_(std::move(host)) {
+    PostgresJobStore(const std::string &conninfo, std::string host, Milliseconds clock)
+        : conninfo_(conninfo), database_(conninfo), host_(std::move(host)), clock_(std::move(clock)) {
         database_.connect();
         make_postgres_schema(database_, job_schema());
         database_.run("DELETE FROM job_writer WHERE at < now() - interval '30 days'");
@@ -158,9 +159,18 @@ public:
             if (since < 0 || news.number != since)
                 take_news(since, news);
             news.hosts_away = texts_of(database_.run(job_statements::hosts_away, uint64_t{take_over_s_}));
-            news.lost = all_of<RunRow>(database_.run(job_statements::lost, uint64_t{take_over_s_}), run_in);
+            if (has_listened())
+                news.lost = all_of<RunRow>(database_.run(job_statements::lost, uint64_t{take_over_s_}), run_in);
         });
         return news;
+    }
+
+    std::function<void()> life() const override {
+        return [conninfo = conninfo_, statement = telling_life()] {
+            Postgres database(conninfo);
+            database.connect();
+            database.run(statement);
+        };
     }
 
     bool set_host(sched_job_id_t id, const std::string &host, const ChangeRow &change) override {
@@ -404,15 +414,31 @@ private:
         body();
     }
 
-    // How far changes have come. Nothing hangs on it that it be on disk.
+    // Nothing hangs on it that it be on disk.
+    std::string telling_life() const {
+        return "SET LOCAL synchronous_commit = off; UPDATE job_daemon SET seen = clock_timestamp() WHERE host = " +
+               literal_of(host_) + " AND generation = " + std::to_string(generation_) +
+               " RETURNING (SELECT changes FROM scheduler)";
+    }
+
+    // How far changes have come.
     int64_t tell_life() {
-        const PostgresRows rows = database_.run("SET LOCAL synchronous_commit = off; UPDATE job_daemon SET seen = "
-                                                "clock_timestamp() WHERE host = " +
-                                                literal_of(host_) + " AND generation = " + std::to_string(generation_) +
-                                                " RETURNING (SELECT changes FROM scheduler)");
+        PostgresRows rows = database_.run(telling_life());
+        if (rows.count() != 1 && database_.run(job_statements::take_name_again, host_, generation_).count() == 1)
+            rows = database_.run(telling_life());
         if (rows.count() != 1)
             throw StoreError("another daemon serves the jobs under the name of this host, " + host_);
         return strtoll(rows.text(0, 0).c_str(), nullptr, 10);
+    }
+
+    // For as long as others have to tell that they live, and without a pause in which they might not have been able to.
+    bool has_listened() {
+        const int64_t now_ms = clock_();
+        const int64_t enough_ms = int64_t{take_over_s_} * 1000;
+        if (now_ms - listened_ms_ > enough_ms / 2)
+            listens_since_ms_ = now_ms;
+        listened_ms_ = now_ms;
+        return now_ms - listens_since_ms_ >= enough_ms;
     }
 
     void take_news(int64_t since, JobNews &news) {
@@ -642,8 +668,12 @@ private:
                1;
     }
 
+    const std::string conninfo_;
     Postgres database_;
     const std::string host_;
+    const Milliseconds clock_;
+    int64_t listened_ms_ = INT64_MIN / 2; // when last
+    int64_t listens_since_ms_ = 0;
     int64_t generation_ = 0;
     uint32_t take_over_s_ = 0;
     uint64_t followed_over_ = 0; // which connection
@@ -654,8 +684,9 @@ private:
 
 } // namespace
 
-std::unique_ptr<SharedJobStore> open_postgres_job_store(const std::string &conninfo, const std::string &host) {
-    return std::make_unique<PostgresJobStore>(conninfo, host);
+std::unique_ptr<SharedJobStore> open_postgres_job_store(const std::string &conninfo, const std::string &host,
+                                                        Milliseconds clock) {
+    return std::make_unique<PostgresJobStore>(conninfo, host, std::move(clock));
 }
 
 } // namespace velia::server
