@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdlib>
 #include <random>
+#include <thread>
 
 #include <unistd.h>
 
@@ -58,6 +59,14 @@ struct JobsOnPostgres : SchedulerFixture {
             site, std::vector<std::string>{"--listen", "127.0.0." + std::to_string(host + 1)}, options);
         ASSERT_TRUE(daemons.at(host)->is_ready()) << daemons.at(host)->output();
     }
+    void restart_with(int take_over_s) {
+        sched_free_handle(&handle);
+        kill_daemon(0);
+        configure("", take_over_s);
+        start(0);
+        ASSERT_EQ(sched_get_handle("alpha", &handle), TBS_ST_OK);
+        ASSERT_TRUE(serves("alpha"));
+    }
     void start_all(size_t count) {
         for (size_t host = 1; host < count; ++host) {
             start(host);
@@ -91,6 +100,13 @@ struct JobsOnPostgres : SchedulerFixture {
                      "RETURN NULL; END $$; "
                      "CREATE TRIGGER note AFTER INSERT OR DELETE ON job_run FOR EACH ROW EXECUTE FUNCTION note()");
     }
+    sched_job_id_t job_that_waits() {
+        return create(NewJob("waits", {"-c", "while [ ! -e " + site.path("go") + " ]; do sleep .1; done; exit 3"}));
+    }
+    int status_of(sched_job_id_t id) const {
+        return number("SELECT exit_status FROM job_run WHERE ended <> 0 AND job = " + std::to_string(id));
+    }
+
     int number(const std::string &sql) const { return atoi(database.ask(sql).c_str()); }
 
     std::string adds_line(int job) const { return "echo >>" + site.path("runs" + std::to_string(job)); }
@@ -214,12 +230,6 @@ TEST_F(JobsOnPostgres, AJobThatRunsAnywhereIsNotStartedTwiceAndIsEndedFromAnywhe
 // It is made long after the daemon has given up to ask after it.
 TEST_F(JobsOnPostgres, AStartWhoseCommitIsNeverAnsweredIsMadeOnce) {
     constexpr int commit_s = 32;
-    sched_free_handle(&handle);
-    kill_daemon(0);
-    configure("", 600); // none is taken for gone that waits for the database
-    start(0);
-    ASSERT_EQ(sched_get_handle("alpha", &handle), TBS_ST_OK);
-    ASSERT_TRUE(serves("alpha"));
     start_all(2);
     note_starts();
     database.run("CREATE SEQUENCE commits; CREATE FUNCTION wait() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN "
@@ -309,8 +319,7 @@ TEST_F(JobsOnPostgres, ARunThatWasToEndWhileItsDaemonWasAwayEndsWhenThatComesBac
 TEST_F(JobsOnPostgres, ADaemonThatWasSuspendedForLongerThanTakeOverMakesNoStartOnceMore) {
     note_starts();
     start_all(2);
-    const auto id =
-        create(NewJob("waits", {"-c", "while [ ! -e " + site.path("go") + " ]; do sleep .1; done; exit 3"}));
+    const auto id = job_that_waits();
     const auto by_hand = create(NewJob("by hand"));
     ASSERT_EQ(run(id), TBS_ST_OK);
     make_jobs(3, "; sleep .3");
@@ -322,11 +331,96 @@ TEST_F(JobsOnPostgres, ADaemonThatWasSuspendedForLongerThanTakeOverMakesNoStartO
     daemons[0]->signal(SIGCONT);
     EXPECT_TRUE(eventually([&] { return run(by_hand) == TBS_ST_OK; }, patience_s)) << "it takes part again";
     site.write("go", "");
-    EXPECT_TRUE(eventually(
-        [&] { return number("SELECT exit_status FROM job_run WHERE job = " + std::to_string(id)) == 3; }, patience_s))
+    EXPECT_TRUE(daemons[0]->says("Others have given up the run of job " + std::to_string(id), patience_s));
+    EXPECT_TRUE(eventually([&] { return status_of(id) == 3; }, patience_s))
         << "the end of the run that was given up is told";
+    EXPECT_TRUE(daemons[1]->says("whose end was not known has ended at host alpha: status 3", patience_s));
     let_end();
     expect_each_start_once();
+}
+
+// All daemons are silent then, and one of them is the first to be back.
+TEST_F(JobsOnPostgres, NobodyIsGivenUpSinceTheDatabaseWasAway) {
+    constexpr int take_over_s = 15;
+    restart_with(take_over_s);
+    start_all(2);
+    const auto id = job_that_waits();
+    ASSERT_EQ(run(id), TBS_ST_OK);
+    ASSERT_TRUE(tells("beta", "--output jsonl job list beta", "\"running_since\":\""));
+    database.stop();
+    daemons[0]->signal(SIGSTOP);
+    const time_t behind = time(nullptr) + take_over_s;
+    EXPECT_TRUE(eventually([&] { return time(nullptr) > behind; }, patience_s));
+    database.start();
+    EXPECT_TRUE(eventually(
+        [&] { return number("SELECT count(*) FROM job_daemon WHERE seen > now() - interval '5 seconds'") == 1; },
+        patience_s))
+        << "beta is back, and asks what is new";
+    EXPECT_EQ(tool("beta", "job create beta new --task script --days 1").status, 0) << "it has taken what is new";
+    daemons[0]->signal(SIGCONT);
+    EXPECT_TRUE(eventually(
+        [&] { return number("SELECT count(*) FROM job_daemon WHERE seen > now() - interval '5 seconds'") == 2; },
+        patience_s));
+    site.write("go", "");
+    EXPECT_TRUE(eventually([&] { return status_of(id) == 3; }, patience_s)) << everything_said();
+    EXPECT_EQ(daemons[1]->count("is away.\n"), 0U) << daemons[1]->output();
+    EXPECT_EQ(daemons[0]->count("given up"), 0U);
+}
+
+TEST_F(JobsOnPostgres, ADaemonThatWaitsForTheDatabaseTellsThatItLives) {
+    constexpr int change_s = 10;
+    start_all(2);
+    const auto id = job_that_waits();
+    ASSERT_EQ(run(id), TBS_ST_OK);
+    database.run("CREATE FUNCTION wait() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN PERFORM pg_sleep(" +
+                 std::to_string(change_s) +
+                 "); RETURN NULL; END $$; CREATE TRIGGER wait AFTER INSERT ON job FOR EACH ROW EXECUTE FUNCTION wait()");
+    std::thread creating([&] { tool("alpha", "job create alpha other --task script --days 1"); });
+    const std::string waits = "(SELECT count(*) FROM pg_stat_activity WHERE wait_event = 'PgSleep') > 0";
+    EXPECT_TRUE(eventually([&] { return database.ask("SELECT " + waits) == "t"; }, patience_s));
+    const std::string then = database.ask("SELECT clock_timestamp() + interval '4 seconds'");
+    EXPECT_TRUE(eventually(
+        [&] {
+            return database.ask("SELECT seen > '" + then + "' AND " + waits +
+                                " FROM job_daemon WHERE host = 'alpha'") == "t";
+        },
+        patience_s));
+    creating.join();
+    site.write("go", "");
+    EXPECT_TRUE(eventually([&] { return status_of(id) == 3; }, patience_s)) << everything_said();
+    EXPECT_EQ(daemons[0]->count("given up"), 0U) << everything_said();
+}
+
+TEST_F(JobsOnPostgres, ALockOfSomebodyElsesThatKeepsADaemonFromItsJobsIsTold) {
+    std::thread holding([&] {
+        try {
+            database.run("BEGIN; LOCK TABLE job_daemon; SELECT pg_sleep(60)");
+        } catch (const std::runtime_error &) { // it is ended below
+        }
+    });
+    EXPECT_TRUE(daemons[0]->says("a statement took longer than it may", patience_s)) << daemons[0]->output();
+    database.run("SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE wait_event = 'PgSleep'");
+    holding.join();
+    const auto id = create(NewJob("works again"));
+    EXPECT_TRUE(eventually([&] { return run(id) == TBS_ST_OK; }, patience_s)) << daemons[0]->output();
+}
+
+// As where its daemon died just before it made the process.
+TEST_F(JobsOnPostgres, ARunThatWasToEndBeforeItBeganIsNotMade) {
+    const auto id = create(NewJob("first"));
+    const auto follower = create(NewJob("second", {"-c", adds_line(0)}).after(id));
+    sched_free_handle(&handle);
+    kill_daemon(0);
+    database.run("INSERT INTO job_run SELECT " + std::to_string(follower) +
+                 ", 1000, changes, 0, 'alpha', 0, 0, '', '', 1 FROM scheduler");
+    start(0);
+    ASSERT_EQ(sched_get_handle("alpha", &handle), TBS_ST_OK);
+    EXPECT_TRUE(eventually([&] { return status_of(follower) == 255; }, patience_s)) << daemons[0]->output();
+    EXPECT_EQ(number("SELECT count(*) FROM job_owed"), 0);
+    EXPECT_THAT(tool("alpha", "job history alpha second").output, HasSubstr("ended before it began"));
+    ASSERT_TRUE(eventually([&] { return run(id) == TBS_ST_OK; }, patience_s));
+    EXPECT_TRUE(eventually([&] { return lines(0) > 0; }, patience_s));
+    EXPECT_EQ(lines(0), 1) << "that of the first, and none of before";
 }
 
 TEST_F(JobsOnPostgres, ARunWhoseDaemonStaysAwayIsToldEndedAndItsFollowersGoOn) {
