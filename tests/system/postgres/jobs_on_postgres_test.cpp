@@ -14,7 +14,9 @@
 #include <tests/system/scheduler/scheduler_fixture.h>
 
 using namespace velia::system_test;
+using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
 using testing::Not;
 
 namespace {
@@ -542,6 +544,13 @@ TEST_F(JobsOnPostgres, JobsMoveIntoTheDatabaseAndBack) {
     EXPECT_TRUE(daemons[0]->says("1 jobs in", patience_s)) << "they are not served";
     end();
     site.configure(std::string(trusted_hosts) + tasks);
+    database.run("INSERT INTO job_daemon (host, generation, seen, boot) VALUES ('beta', 1, now(), '')");
+    const Outcome refused_there = move(database.conninfo());
+    EXPECT_NE(refused_there.status, 0);
+    EXPECT_THAT(refused_there.output + refused_there.errors, HasSubstr("the daemon of host beta told"));
+    EXPECT_EQ(number("SELECT count(*) FROM job"), 0);
+    EXPECT_TRUE(std::filesystem::exists(site.path("host/priv/scheduler.db"))) << "it is served from there as before";
+    database.run("DELETE FROM job_daemon WHERE host = 'beta'");
     const Outcome there = move(database.conninfo());
     ASSERT_EQ(there.status, 0) << there.errors;
     EXPECT_THAT(there.output, HasSubstr("1 jobs and 1 runs are in postgresql"));
@@ -567,6 +576,37 @@ TEST_F(JobsOnPostgres, JobsMoveIntoTheDatabaseAndBack) {
     start(0);
     EXPECT_TRUE(exists(id));
     EXPECT_TRUE(eventually([&] { return last_run(id).status == 3 && running_since(id) == 0; }, patience_s));
+}
+
+TEST_F(JobsOnPostgres, HostsOfJobsAreToldPieceByPiece) {
+    start_all(2);
+    ASSERT_EQ(tool("alpha", "job create alpha bound --task script --host beta --days 1").status, 0);
+    const auto idle = create(NewJob("idle"));
+    const auto ended = create(NewJob("ended"));
+    const auto waits = job_that_waits();
+    ASSERT_EQ(run(ended), TBS_ST_OK);
+    ASSERT_EQ(ran(ended).status, 0U);
+    ASSERT_EQ(run(waits), TBS_ST_OK);
+    const auto hosts_behind = [&](sched_job_id_t after, uint32_t count_max) {
+        uint32_t count = 0;
+        sched_job_host_t *found = nullptr;
+        EXPECT_EQ(sched_get_job_hosts(handle, after, count_max, &count, &found), TBS_ST_OK);
+        std::vector<std::string> all;
+        for (uint32_t i = 0; i < count; ++i)
+            all.push_back(std::to_string(found[i].job_id) + ":" + found[i].host + ":" + found[i].run_host);
+        sched_free_job_hosts(handle, count, &found);
+        return all;
+    };
+    const sched_job_id_t bound = idle - 1;
+    const std::string of_bound = std::to_string(bound) + ":beta:";
+    const std::string of_ended = std::to_string(ended) + "::alpha";
+    const std::string of_waits = std::to_string(waits) + "::alpha";
+    EXPECT_THAT(hosts_behind(0, 10), ElementsAre(of_bound, of_ended, of_waits)) << "not of one that ran nowhere";
+    EXPECT_THAT(hosts_behind(0, 1), ElementsAre(of_bound));
+    EXPECT_THAT(hosts_behind(bound, 1), ElementsAre(of_ended));
+    EXPECT_THAT(hosts_behind(ended, 10), ElementsAre(of_waits));
+    EXPECT_THAT(hosts_behind(waits, 10), IsEmpty());
+    site.write("go", "");
 }
 
 TEST_F(JobsOnPostgres, AJobThatHasToRunAtAHostRunsThereAndWaitsForIt) {
