@@ -138,6 +138,28 @@ TEST_F(SharedJobStores, AStartDuringARunIsPassedOverByOne) {
     EXPECT_EQ(alpha->read().jobs.at(0).considered, 91);
 }
 
+TEST_F(SharedJobStores, AStartThatIsTooOldIsPassedOverByOne) {
+    const auto job = add();
+    RunStep ours = run_step(What::pass_over, run_row(job, 0, 90));
+    RunStep theirs = ours;
+    RunStep older = run_step(What::pass_over, run_row(job, 0, 80));
+    EXPECT_EQ(take(*alpha, ours), Refusal::none);
+    EXPECT_EQ(take(*beta, theirs), Refusal::taken) << "it would be told twice";
+    EXPECT_EQ(take(*beta, older), Refusal::taken);
+    EXPECT_EQ(beta->read().jobs.at(0).considered, 90);
+}
+
+TEST_F(SharedJobStores, NumbersOfJobsThatHaveGoneAreNotGivenToThoseThatAreMovedInLater) {
+    add("first");
+    const auto last = add("last");
+    alpha->clear();
+    JobStock stock;
+    stock.contents.jobs = {job_row("moved")};
+    stock.contents.jobs[0].id = stock.last_number = 1;
+    alpha->put_all(stock);
+    EXPECT_GT(add(), last);
+}
+
 TEST_F(SharedJobStores, AStartIsPassedOverForARunOnlyIfThatGoesOn) {
     const auto job = add();
     ASSERT_EQ(begin(*alpha, job, 100, 90), Refusal::none);
