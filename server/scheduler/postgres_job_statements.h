@@ -34,8 +34,7 @@ inline constexpr PostgresStatement dropped = {"job_dropped", "SELECT definition 
 #define IS_AWAY(SECONDS) "seen < clock_timestamp() - " SECONDS "::bigint * interval '1 second'"
 #define IS_NOT_HEARD(SECONDS) "host NOT IN (SELECT host FROM job_daemon WHERE NOT " IS_AWAY(SECONDS) ")"
 inline constexpr PostgresStatement hosts_away = {
-    "job_hosts_away",
-    "SELECT DISTINCT host FROM job WHERE host <> ''::bytea AND " IS_NOT_HEARD("$1") " ORDER BY host"};
+    "job_hosts_away", "SELECT DISTINCT host FROM job WHERE host <> ''::bytea AND " IS_NOT_HEARD("$1") " ORDER BY host"};
 inline constexpr PostgresStatement others_heard = {
     "job_others_heard",
     "SELECT host, greatest(extract(epoch FROM clock_timestamp() - seen), 0)::bigint FROM job_daemon "
@@ -45,8 +44,7 @@ inline constexpr PostgresStatement set_host = {"job_set_host",
 inline constexpr PostgresStatement lost = {
     "job_lost", "SELECT " RUN_COLUMNS " FROM job_run WHERE ended = 0 AND " IS_NOT_HEARD("$1") " ORDER BY job"};
 inline constexpr PostgresStatement is_lost = {
-    "job_is_lost",
-    "SELECT 1 FROM job_run WHERE job = $1 AND started = $2 AND ended = 0 AND " IS_NOT_HEARD("$3")};
+    "job_is_lost", "SELECT 1 FROM job_run WHERE job = $1 AND started = $2 AND ended = 0 AND " IS_NOT_HEARD("$3")};
 inline constexpr PostgresStatement bodies = {"job_bodies", "SELECT id, body FROM job ORDER BY id"};
 
 inline constexpr PostgresStatement namesake = {

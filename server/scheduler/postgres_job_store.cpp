@@ -5,15 +5,13 @@
 #include <server/scheduler/shared_job_store.h>
 
 #include <algorithm>
-#include <array>
 #include <span>
-#include <tuple>
 #include <utility>
 
 #include <server/registry/postgres_commit.h>
 #include <server/registry/random_uuid.h>
 #include <server/registry/sqlite.h>
-#include <server/scheduler/jobs.h>
+#include <server/scheduler/postgres_job_columns.h>
 #include <server/scheduler/postgres_job_schema.h>
 #include <server/scheduler/postgres_job_statements.h>
 
@@ -21,9 +19,8 @@ namespace velia::server {
 
 namespace {
 
-constexpr int64_t gone_kept = 100000;        // changes behind which nobody is told any more which jobs are gone
+constexpr int64_t gone_kept = 100000; // changes behind which nobody is told any more which jobs are gone
 constexpr size_t rows_at_once = 1000;
-constexpr int64_t nobody = int64_t{1} << 32; // the number of no user
 
 int64_t signed_number(const PostgresRows &rows, int row, int column) {
     return static_cast<int64_t>(rows.number(row, column));
@@ -71,65 +68,6 @@ std::vector<sched_job_id_t> ids_of(const PostgresRows &rows) {
 std::vector<std::string> texts_of(const PostgresRows &rows) {
     return all_of<std::string>(rows, [](const PostgresRows &of, int row) { return of.text(row, 0); });
 }
-
-// What of a body the database has to know.
-struct BodyFacts {
-    explicit BodyFacts(const std::string &bytes) {
-        JobBody body(bytes);
-        if (!body.is_whole())
-            return;
-        const auto &rw = body.get().rw;
-        name = rw.name;
-        if (rw.schedule.kind == SCHED_KIND_SEQUENTIAL)
-            follows = rw.schedule.u.sequential.follows_job;
-    }
-    std::string name;
-    int64_t follows = 0;
-};
-
-int64_t stored_owner(const JobRow &row) {
-    return row.owner ? int64_t{*row.owner} : nobody;
-}
-
-// Of rows that go in one statement: an array for each column, the numbers first.
-template <size_t number_count, size_t text_count>
-class Columns {
-public:
-    void add(const std::array<int64_t, number_count> &numbers, const std::array<std::string_view, text_count> &texts) {
-        for (size_t i = 0; i < number_count; ++i)
-            numbers_[i].push_back(numbers[i]);
-        for (size_t i = 0; i < text_count; ++i)
-            texts_[i].emplace_back(texts[i]);
-    }
-    template <class... First>
-    void put(Postgres &database, const PostgresStatement &statement, First... first) const {
-        std::apply([&](const auto &...columns) { database.run(statement, first..., columns...); },
-                   std::tuple_cat(numbers_, texts_));
-    }
-
-private:
-    std::array<std::vector<int64_t>, number_count> numbers_;
-    std::array<std::vector<std::string>, text_count> texts_;
-};
-
-struct JobColumns : Columns<9, 8> {
-    void add_row(const JobRow &row) {
-        const BodyFacts facts(row.body);
-        add({row.id, static_cast<int64_t>(mark_of(row.body)), facts.follows, stored_owner(row), row.created.when,
-             row.changed.when, row.considered, row.changed_start, row.is_predefined},
-            {row.body, facts.name, row.host, row.created.who, row.created.where, row.changed.who, row.changed.where,
-             row.definition});
-    }
-    void put_in(Postgres &database, int64_t at) const { put(database, job_statements::add, at); }
-};
-
-struct NoteColumns : Columns<3, 5> {
-    void add_row(const ChangeRow &row) {
-        add({row.number, row.deed.when, row.job},
-            {row.deed.who, row.deed.where, row.what, row.job_name, row.fields});
-    }
-    void put_in(Postgres &database, int64_t /*at*/) const { put(database, job_statements::note); }
-};
 
 class PostgresJobStore : public SharedJobStore {
 public:
@@ -498,7 +436,8 @@ private:
 
     void commit() {
         database_.run(job_statements::drop_gone, at() - gone_kept);
-        if (in_hand_->last_note != in_hand_->first_note) // once: what a transaction has deleted is in its way to the end
+        if (in_hand_->last_note !=
+            in_hand_->first_note) // once: what a transaction has deleted is in its way to the end
             database_.run(job_statements::drop_notes, in_hand_->last_note - changes_kept);
         const std::string counters = "UPDATE scheduler SET changes = " + std::to_string(in_hand_->changes) +
                                      ", last_job = " + std::to_string(in_hand_->last_job) +

@@ -189,11 +189,11 @@ private:
     std::string host_;
     bool is_away_ = false; // nothing is begun: it could not be written down
     bool is_following_ = false;
-    bool is_to_follow_ = false; // once more
-    int64_t followed_ = -1;     // what is new behind this is asked for
+    bool is_to_follow_ = false;  // once more
+    int64_t followed_ = -1;      // what is new behind this is asked for
     std::function<void()> life_; // tells it over a connection of its own
     bool is_telling_life_ = false;
-    uint64_t doubts_ = 0;       // what was asked for before the last of them is no answer to it
+    uint64_t doubts_ = 0; // what was asked for before the last of them is no answer to it
     std::string told_fault_;
     std::set<RunKey> losing_;
     std::set<sched_job_id_t> told_waiting_; // for a host without a daemon

@@ -223,8 +223,8 @@ void Scheduler::take_job(const JobRow &row, const std::vector<RunRow> &runs) {
 
 // Whoever was silent for long may have been given up, and tell the end nevertheless.
 void Scheduler::take_told_end(Job &job, const RunRow &run) {
-    const auto known = std::find_if(job.runs.begin(), job.runs.end(),
-                                    [&](const RunRow &each) { return each.started == run.started; });
+    const auto known =
+        std::find_if(job.runs.begin(), job.runs.end(), [&](const RunRow &each) { return each.started == run.started; });
     const bool was_given_up = known != job.runs.end() && known->exit_status == status_unknown;
     if (was_given_up && run.exit_status != status_unknown && run.host != host_)
         imsg_print(IMSG_PLAIN, "The run of job %u \"%s\" whose end was not known has ended at host %s: status %u\n",
