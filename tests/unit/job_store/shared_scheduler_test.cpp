@@ -25,7 +25,8 @@ struct SharedScheduler : Conninfo, SchedulerDoor {
     // what this one was for is refused, and nothing of that is new to anybody: here since the job is another one.
     void make_begun_late(sched_job_id_t id) const {
         ask_database("UPDATE scheduler SET changes = changes + 1");
-        ask_database("UPDATE job SET mark = mark + 1, at = (SELECT changes FROM scheduler) WHERE id = " + std::to_string(id));
+        ask_database("UPDATE job SET mark = mark + 1, at = (SELECT changes FROM scheduler) WHERE id = " +
+                     std::to_string(id));
         ask_database("INSERT INTO job_run SELECT " + std::to_string(id) +
                      ", 1000, changes, 0, 'alpha', 0, 0, '', '', 0 FROM scheduler");
     }
