@@ -79,6 +79,20 @@ std::string big_endian(uint64_t number, int bytes) {
     return text;
 }
 
+// Dimensions, whether there are nulls, the type; of the one dimension the count and the first index; the elements.
+template <class Element, class Bytes>
+std::string array_of(uint64_t type, const std::vector<Element> &elements, Bytes &&bytes_of) {
+    const bool is_empty = elements.empty();
+    std::string array = big_endian(is_empty ? 0 : 1, 4) + big_endian(0, 4) + big_endian(type, 4);
+    if (!is_empty)
+        array += big_endian(elements.size(), 4) + big_endian(1, 4);
+    for (const Element &element : elements) {
+        const std::string bytes = bytes_of(element);
+        array += big_endian(bytes.size(), 4) + bytes;
+    }
+    return array;
+}
+
 } // namespace
 
 std::string fault_of_conninfo(const std::string &conninfo) {
@@ -151,16 +165,15 @@ void PostgresValues::add(const tbs_uuid_t &uuid) {
     values_.emplace_back(reinterpret_cast<const char *>(&uuid), sizeof uuid);
 }
 
-// Dimensions, whether there are nulls, the type; of the one dimension the count and the first index; the elements.
 void PostgresValues::add(const std::vector<std::string> &elements) {
     constexpr uint64_t type_bytea = 17;
-    const bool is_empty = elements.empty();
-    std::string array = big_endian(is_empty ? 0 : 1, 4) + big_endian(0, 4) + big_endian(type_bytea, 4);
-    if (!is_empty)
-        array += big_endian(elements.size(), 4) + big_endian(1, 4);
-    for (const std::string &element : elements)
-        array += big_endian(element.size(), 4) + element;
-    values_.push_back(std::move(array));
+    values_.push_back(array_of(type_bytea, elements, [](const std::string &bytes) { return bytes; }));
+}
+
+void PostgresValues::add(const std::vector<int64_t> &elements) {
+    constexpr uint64_t type_bigint = 20;
+    values_.push_back(
+        array_of(type_bigint, elements, [](int64_t number) { return big_endian(static_cast<uint64_t>(number), 8); }));
 }
 
 Postgres::Postgres(const std::string &conninfo, PostgresServer server)

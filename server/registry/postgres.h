@@ -59,6 +59,7 @@ private:
     void add(std::string_view bytes) { values_.emplace_back(bytes); }
     void add(const tbs_uuid_t &uuid);
     void add(const std::vector<std::string> &elements); // bytea[]
+    void add(const std::vector<int64_t> &elements);     // bigint[]
 
     std::vector<std::string> values_;
 };

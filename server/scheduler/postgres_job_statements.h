@@ -9,6 +9,12 @@ inline constexpr PostgresStatement take_name = {
     "job_take_name", "INSERT INTO job_daemon (host, generation, seen, boot) VALUES ($1, 1, clock_timestamp(), '') ON "
                      "CONFLICT (host) DO UPDATE SET generation = job_daemon.generation + 1, seen = clock_timestamp() "
                      "RETURNING generation"};
+// A database that was put back, or a standby that had not got all, knows an older daemon of the name than this one.
+inline constexpr PostgresStatement take_name_again = {
+    "job_take_name_again",
+    "INSERT INTO job_daemon (host, generation, seen, boot) VALUES ($1, $2, clock_timestamp(), '') ON CONFLICT (host) "
+    "DO UPDATE SET generation = excluded.generation, seen = excluded.seen WHERE job_daemon.generation < "
+    "excluded.generation RETURNING 1"};
 inline constexpr PostgresStatement boot = {"job_boot", "SELECT boot FROM job_daemon WHERE host = $1"};
 inline constexpr PostgresStatement set_boot = {"job_set_boot",
                                                "UPDATE job_daemon SET boot = $3 WHERE host = $1 AND generation = $2"};
@@ -26,22 +32,19 @@ inline constexpr PostgresStatement gone = {"job_gone", "SELECT id FROM job_gone 
 inline constexpr PostgresStatement owed = {"job_owed", "SELECT job FROM job_owed ORDER BY job"};
 inline constexpr PostgresStatement dropped = {"job_dropped", "SELECT definition FROM job_dropped ORDER BY definition"};
 #define IS_AWAY(SECONDS) "seen < clock_timestamp() - " SECONDS "::bigint * interval '1 second'"
+#define IS_NOT_HEARD(SECONDS) "host NOT IN (SELECT host FROM job_daemon WHERE NOT " IS_AWAY(SECONDS) ")"
 inline constexpr PostgresStatement hosts_away = {
-    "job_hosts_away",
-    "SELECT DISTINCT host FROM job WHERE host <> ''::bytea AND host NOT IN (SELECT host FROM job_daemon "
-    "WHERE NOT " IS_AWAY("$1") ") ORDER BY host"};
+    "job_hosts_away", "SELECT DISTINCT host FROM job WHERE host <> ''::bytea AND " IS_NOT_HEARD("$1") " ORDER BY host"};
 inline constexpr PostgresStatement others_heard = {
     "job_others_heard",
     "SELECT host, greatest(extract(epoch FROM clock_timestamp() - seen), 0)::bigint FROM job_daemon "
     "WHERE host <> $1 AND NOT " IS_AWAY("$2") " ORDER BY host"};
 inline constexpr PostgresStatement set_host = {"job_set_host",
                                                "UPDATE job SET host = $2, at = $3 WHERE id = $1 RETURNING 1"};
-inline constexpr PostgresStatement lost = {"job_lost", "SELECT " RUN_COLUMNS
-                                                       " FROM job_run WHERE ended = 0 AND host IN (SELECT host FROM "
-                                                       "job_daemon WHERE " IS_AWAY("$1") ") ORDER BY job"};
+inline constexpr PostgresStatement lost = {
+    "job_lost", "SELECT " RUN_COLUMNS " FROM job_run WHERE ended = 0 AND " IS_NOT_HEARD("$1") " ORDER BY job"};
 inline constexpr PostgresStatement is_lost = {
-    "job_is_lost", "SELECT 1 FROM job_run JOIN job_daemon USING (host) WHERE job = $1 AND started = "
-                   "$2 AND ended = 0 AND " IS_AWAY("$3")};
+    "job_is_lost", "SELECT 1 FROM job_run WHERE job = $1 AND started = $2 AND ended = 0 AND " IS_NOT_HEARD("$3")};
 inline constexpr PostgresStatement bodies = {"job_bodies", "SELECT id, body FROM job ORDER BY id"};
 
 inline constexpr PostgresStatement namesake = {
@@ -54,9 +57,12 @@ inline constexpr PostgresStatement goes_round = {
     "WITH RECURSIVE way (id) AS (SELECT $2::bigint UNION SELECT follows FROM job JOIN way USING (id)) "
     "SELECT 1 FROM way WHERE id = $1"};
 inline constexpr PostgresStatement add = {
-    "job_add", "INSERT INTO job (id, at, body, mark, name, follows, host, owner, created_who, created_where, "
-               "created_when, changed_who, changed_where, changed_when, considered, changed_start, predefined, "
-               "definition) VALUES ($1, $2, $3, $4, $5, $6, $7, $8, $9, $10, $11, $12, $13, $14, $15, $16, $17, $18)"};
+    "job_add",
+    "INSERT INTO job (at, id, mark, follows, owner, created_when, changed_when, considered, changed_start, predefined, "
+    "body, name, host, created_who, created_where, changed_who, changed_where, definition) "
+    "SELECT $1::bigint, * FROM unnest($2::bigint[], $3::bigint[], $4::bigint[], $5::bigint[], $6::bigint[], "
+    "$7::bigint[], $8::bigint[], $9::bigint[], $10::bigint[], $11::bytea[], $12::bytea[], $13::bytea[], $14::bytea[], "
+    "$15::bytea[], $16::bytea[], $17::bytea[], $18::bytea[])"};
 inline constexpr PostgresStatement change = {
     "job_change",
     "UPDATE job SET at = $2, body = $3, mark = $4, name = $5, follows = $6, owner = $7, changed_who = $8, "
@@ -79,9 +85,10 @@ inline constexpr PostgresStatement drop_gone = {"job_drop_gone", "DELETE FROM jo
 inline constexpr PostgresStatement forget_dropped = {"job_forget_dropped",
                                                      "DELETE FROM job_dropped WHERE sha256(definition) = sha256($1)"};
 inline constexpr PostgresStatement set_acl = {"job_set_acl", "UPDATE scheduler SET acl = $1"};
-inline constexpr PostgresStatement note = {"job_note",
-                                           "INSERT INTO job_change (number, who, place, time, what, job, job_name, "
-                                           "fields) VALUES ($1, $2, $3, $4, $5, $6, $7, $8)"};
+inline constexpr PostgresStatement note = {
+    "job_note", "INSERT INTO job_change (number, time, job, who, place, what, job_name, fields) SELECT * FROM "
+                "unnest($1::bigint[], $2::bigint[], $3::bigint[], $4::bytea[], $5::bytea[], $6::bytea[], $7::bytea[], "
+                "$8::bytea[])"};
 inline constexpr PostgresStatement drop_notes = {"job_drop_notes", "DELETE FROM job_change WHERE number <= $1"};
 #define NOTE_COLUMNS "SELECT number, who, place, time, what, job, job_name, fields FROM job_change WHERE "
 inline constexpr PostgresStatement all_notes = {"job_all_notes",
@@ -146,6 +153,7 @@ inline constexpr PostgresStatement last_transaction = {"job_last_transaction",
                                                        "SELECT transaction FROM job_writer WHERE name = $1"};
 
 #undef RUN_COLUMNS
+#undef IS_NOT_HEARD
 #undef IS_AWAY
 #undef NOTE_COLUMNS
 

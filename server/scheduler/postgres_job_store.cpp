@@ -5,12 +5,13 @@
 #include <server/scheduler/shared_job_store.h>
 
 #include <algorithm>
+#include <span>
 #include <utility>
 
 #include <server/registry/postgres_commit.h>
 #include <server/registry/random_uuid.h>
 #include <server/registry/sqlite.h>
-#include <server/scheduler/jobs.h>
+#include <server/scheduler/postgres_job_columns.h>
 #include <server/scheduler/postgres_job_schema.h>
 #include <server/scheduler/postgres_job_statements.h>
 
@@ -18,8 +19,8 @@ namespace velia::server {
 
 namespace {
 
-constexpr int64_t gone_kept = 100000;        // changes behind which nobody is told any more which jobs are gone
-constexpr int64_t nobody = int64_t{1} << 32; // the number of no user
+constexpr int64_t gone_kept = 100000; // changes behind which nobody is told any more which jobs are gone
+constexpr size_t rows_at_once = 1000;
 
 int64_t signed_number(const PostgresRows &rows, int row, int column) {
     return static_cast<int64_t>(rows.number(row, column));
@@ -68,28 +69,10 @@ std::vector<std::string> texts_of(const PostgresRows &rows) {
     return all_of<std::string>(rows, [](const PostgresRows &of, int row) { return of.text(row, 0); });
 }
 
-// What of a body the database has to know.
-struct BodyFacts {
-    explicit BodyFacts(const std::string &bytes) {
-        JobBody body(bytes);
-        if (!body.is_whole())
-            return;
-        const auto &rw = body.get().rw;
-        name = rw.name;
-        if (rw.schedule.kind == SCHED_KIND_SEQUENTIAL)
-            follows = rw.schedule.u.sequential.follows_job;
-    }
-    std::string name;
-    int64_t follows = 0;
-};
-
-int64_t stored_owner(const JobRow &row) {
-    return row.owner ? int64_t{*row.owner} : nobody;
-}
-
 class PostgresJobStore : public SharedJobStore {
 public:
-    PostgresJobStore(const std::string &conninfo, std::string host) : database_(conninfo), host_(std::move(host)) {
+    PostgresJobStore(const std::string &conninfo, std::string host, Milliseconds clock)
+        : conninfo_(conninfo), database_(conninfo), host_(std::move(host)), clock_(std::move(clock)) {
         database_.connect();
         make_postgres_schema(database_, job_schema());
         database_.run("DELETE FROM job_writer WHERE at < now() - interval '30 days'");
@@ -114,16 +97,25 @@ public:
             if (since < 0 || news.number != since)
                 take_news(since, news);
             news.hosts_away = texts_of(database_.run(job_statements::hosts_away, uint64_t{take_over_s_}));
-            news.lost = all_of<RunRow>(database_.run(job_statements::lost, uint64_t{take_over_s_}), run_in);
+            if (has_listened())
+                news.lost = all_of<RunRow>(database_.run(job_statements::lost, uint64_t{take_over_s_}), run_in);
         });
         return news;
+    }
+
+    std::function<void()> life() const override {
+        return [conninfo = conninfo_, statement = telling_life()] {
+            Postgres database(conninfo);
+            database.connect();
+            database.run(statement);
+        };
     }
 
     bool set_host(sched_job_id_t id, const std::string &host, const ChangeRow &change) override {
         return within([&] {
             if (database_.run(job_statements::set_host, number(id), host, at()).count() == 0)
                 return false;
-            note(change, number(id));
+            note(change, id);
             return true;
         });
     }
@@ -154,11 +146,13 @@ public:
     sched_job_id_t add(const JobRow &row, const ChangeRow &change) override {
         sched_job_id_t id = 0;
         within([&] {
-            const BodyFacts facts(row.body);
-            require_name(facts.name, 0);
+            require_name(BodyFacts(row.body).name, 0);
             if (!row.definition.empty() && database_.run(job_statements::was_dropped, row.definition).count() != 0)
                 throw StoreBusy("another daemon has deleted the job of this definition");
-            id = put(row, facts, change);
+            JobRow added = row;
+            added.id = id = static_cast<sched_job_id_t>(++in_hand_->last_job);
+            put_jobs({&added, 1});
+            note(change, id);
             return true;
         });
         return id;
@@ -171,17 +165,20 @@ public:
             if (facts.follows != 0 &&
                 database_.run(job_statements::goes_round, number(row.id), facts.follows).count() != 0)
                 throw StoreBusy("another daemon has changed whom a job follows");
-            return change_in_hand(row, facts, change);
+            if (!change_in_hand(row, facts))
+                return false;
+            note(change, row.id);
+            return true;
         });
     }
 
     bool remove(sched_job_id_t id, const ChangeRow &change) override {
-        return within([&] { return remove_in_hand(id, change, {}); });
+        return within([&] { return remove_and_note(id, change, {}); });
     }
 
     bool remove_idle(sched_job_id_t id, const ChangeRow &change) override {
         return within([&] {
-            const bool is_removed = remove_in_hand(id, change, {.is_idle = true});
+            const bool is_removed = remove_and_note(id, change, {.is_idle = true});
             if (!is_removed && is_there(id))
                 throw StoreBusy("a run of the job goes on");
             return is_removed;
@@ -221,15 +218,15 @@ public:
         return within([&] {
             if (state() != set.state)
                 return false;
-            auto note = set.notes.begin();
             set.take_numbers(static_cast<sched_job_id_t>(in_hand_->last_job + 1));
             for (auto &row : set.added)
-                row.id = put(row, BodyFacts(row.body), *note++);
-            for (const auto &row : set.changed)
-                if (!change_in_hand(row, BodyFacts(row.body), *note++))
-                    return false;
-            return std::all_of(set.removed.begin(), set.removed.end(),
-                               [&](sched_job_id_t id) { return remove_in_hand(id, *note++, {}); });
+                row.id = static_cast<sched_job_id_t>(++in_hand_->last_job);
+            put_jobs(set.added);
+            put_notes(numbered_notes(set));
+            return std::all_of(set.changed.begin(), set.changed.end(),
+                               [this](const JobRow &row) { return change_in_hand(row, BodyFacts(row.body)); }) &&
+                   std::all_of(set.removed.begin(), set.removed.end(),
+                               [this](sched_job_id_t id) { return remove_in_hand(id, {}); });
         });
     }
 
@@ -280,14 +277,12 @@ public:
             if (database_.run(job_statements::bodies).count() != 0)
                 throw StoreError("there are jobs already");
             database_.run("DELETE FROM job_change; DELETE FROM job_dropped");
-            for (const auto &row : stock.contents.jobs)
-                put_as(row.id, row, BodyFacts(row.body));
+            put_jobs(stock.contents.jobs);
             for (const auto &run : stock.contents.runs)
                 database_.run(job_statements::put_run, number(run.job), run.started, at(), run.due,
                               run.host.empty() ? host_ : run.host, run.ended, int64_t{run.exit_status}, run.process_id,
                               run.messages);
-            for (const auto &each : stock.notes)
-                put_note(each.number, each, number(each.job));
+            put_notes(stock.notes);
             for (const auto job : stock.contents.owed)
                 database_.run(job_statements::owe, number(job));
             for (const auto &definition : stock.contents.dropped)
@@ -319,6 +314,7 @@ private:
         int64_t changes = 0;
         int64_t last_job = 0;
         int64_t last_note = 0;
+        int64_t first_note = 0; // the last one before it
     };
     struct Judged {
         RunStep::Refusal refusal = RunStep::Refusal::none;
@@ -356,15 +352,31 @@ private:
         body();
     }
 
-    // How far changes have come. Nothing hangs on it that it be on disk.
+    // Nothing hangs on it that it be on disk.
+    std::string telling_life() const {
+        return "SET LOCAL synchronous_commit = off; UPDATE job_daemon SET seen = clock_timestamp() WHERE host = " +
+               literal_of(host_) + " AND generation = " + std::to_string(generation_) +
+               " RETURNING (SELECT changes FROM scheduler)";
+    }
+
+    // How far changes have come.
     int64_t tell_life() {
-        const PostgresRows rows = database_.run("SET LOCAL synchronous_commit = off; UPDATE job_daemon SET seen = "
-                                                "clock_timestamp() WHERE host = " +
-                                                literal_of(host_) + " AND generation = " + std::to_string(generation_) +
-                                                " RETURNING (SELECT changes FROM scheduler)");
+        PostgresRows rows = database_.run(telling_life());
+        if (rows.count() != 1 && database_.run(job_statements::take_name_again, host_, generation_).count() == 1)
+            rows = database_.run(telling_life());
         if (rows.count() != 1)
             throw StoreError("another daemon serves the jobs under the name of this host, " + host_);
         return strtoll(rows.text(0, 0).c_str(), nullptr, 10);
+    }
+
+    // For as long as others have to tell that they live, and without a pause in which they might not have been able to.
+    bool has_listened() {
+        const int64_t now_ms = clock_();
+        const int64_t enough_ms = int64_t{take_over_s_} * 1000;
+        if (now_ms - listened_ms_ > enough_ms / 2)
+            listens_since_ms_ = now_ms;
+        listened_ms_ = now_ms;
+        return now_ms - listens_since_ms_ >= enough_ms;
     }
 
     void take_news(int64_t since, JobNews &news) {
@@ -418,12 +430,15 @@ private:
             if (row.count() != 1)
                 throw StoreError("the scheduler's row is gone from the database");
             const auto counter = [&](int column) { return strtoll(row.text(0, column).c_str(), nullptr, 10); };
-            in_hand_ = {counter(0) + 1, counter(1), counter(2)};
+            in_hand_ = {counter(0) + 1, counter(1), counter(2), counter(2)};
         });
     }
 
     void commit() {
         database_.run(job_statements::drop_gone, at() - gone_kept);
+        if (in_hand_->last_note !=
+            in_hand_->first_note) // once: what a transaction has deleted is in its way to the end
+            database_.run(job_statements::drop_notes, in_hand_->last_note - changes_kept);
         const std::string counters = "UPDATE scheduler SET changes = " + std::to_string(in_hand_->changes) +
                                      ", last_job = " + std::to_string(in_hand_->last_job) +
                                      ", last_note = " + std::to_string(in_hand_->last_note);
@@ -449,29 +464,30 @@ private:
             throw StoreBusy("another daemon has made a job of this name");
     }
 
-    sched_job_id_t put(const JobRow &row, const BodyFacts &facts, const ChangeRow &change) {
-        const int64_t id = ++in_hand_->last_job;
-        put_as(id, row, facts);
-        note(change, id);
-        return static_cast<sched_job_id_t>(id);
+    // Many in one statement, since each statement waits for its answer.
+    template <class RowColumns, class Row>
+    void put_rows(std::span<const Row> rows) {
+        for (size_t first = 0; first < rows.size(); first += rows_at_once) {
+            RowColumns columns;
+            for (const Row &row : rows.subspan(first, std::min(rows_at_once, rows.size() - first)))
+                columns.add_row(row);
+            columns.put_in(database_, at());
+        }
+    }
+    void put_jobs(std::span<const JobRow> rows) { put_rows<JobColumns>(rows); }
+    void put_notes(std::span<const ChangeRow> rows) {
+        for (const auto &row : rows)
+            in_hand_->last_note = std::max(in_hand_->last_note, row.number);
+        put_rows<NoteColumns>(rows);
     }
 
-    void put_as(int64_t id, const JobRow &row, const BodyFacts &facts) {
-        database_.run(job_statements::add, id, at(), row.body, mark_of(row.body), facts.name, facts.follows, row.host,
-                      stored_owner(row), row.created.who, row.created.where, row.created.when, row.changed.who,
-                      row.changed.where, row.changed.when, row.considered, row.changed_start,
-                      int64_t{row.is_predefined}, row.definition);
-    }
-
-    bool change_in_hand(const JobRow &row, const BodyFacts &facts, const ChangeRow &change) {
+    bool change_in_hand(const JobRow &row, const BodyFacts &facts) {
         const PostgresRows changed =
             database_.run(job_statements::change, number(row.id), at(), row.body, mark_of(row.body), facts.name,
                           facts.follows, stored_owner(row), row.changed.who, row.changed.where, row.changed.when,
                           row.considered, row.changed_start, row.replaces);
-        if (changed.count() == 1) {
-            note(change, number(row.id));
+        if (changed.count() == 1)
             return true;
-        }
         if (is_there(row.id))
             throw StoreBusy("another daemon has changed the job");
         return false;
@@ -479,25 +495,39 @@ private:
 
     bool is_there(sched_job_id_t id) { return database_.run(job_statements::is_there, number(id)).count() == 1; }
 
-    bool remove_in_hand(sched_job_id_t id, const ChangeRow &change, const Removal &removal) {
-        if (database_
-                .run(job_statements::remove, number(id), at(), removal.mark, removal.changed_start,
-                     int64_t{removal.is_idle})
-                .count() == 0)
+    bool remove_in_hand(sched_job_id_t id, const Removal &removal) {
+        return database_
+                   .run(job_statements::remove, number(id), at(), removal.mark, removal.changed_start,
+                        int64_t{removal.is_idle})
+                   .count() != 0;
+    }
+
+    bool remove_and_note(sched_job_id_t id, const ChangeRow &change, const Removal &removal) {
+        if (!remove_in_hand(id, removal))
             return false;
-        note(change, number(id));
+        note(change, id);
         return true;
     }
 
-    void note(const ChangeRow &change, int64_t job) {
-        put_note(in_hand_->last_note + 1, change, job);
-        database_.run(job_statements::drop_notes, in_hand_->last_note - changes_kept);
+    // One for each job, as they stand in the set.
+    std::vector<ChangeRow> numbered_notes(const JobSet &set) const {
+        std::vector<sched_job_id_t> jobs;
+        for (const auto *list : {&set.added, &set.changed})
+            for (const auto &row : *list)
+                jobs.push_back(row.id);
+        jobs.insert(jobs.end(), set.removed.begin(), set.removed.end());
+        std::vector<ChangeRow> notes = set.notes;
+        for (size_t i = 0; i < notes.size(); ++i) {
+            notes[i].number = in_hand_->last_note + 1 + static_cast<int64_t>(i);
+            notes[i].job = jobs.at(i);
+        }
+        return notes;
     }
 
-    void put_note(int64_t number, const ChangeRow &change, int64_t job) {
-        in_hand_->last_note = std::max(in_hand_->last_note, number);
-        database_.run(job_statements::note, number, change.deed.who, change.deed.where, change.deed.when, change.what,
-                      job, change.job_name, change.fields);
+    void note(ChangeRow change, sched_job_id_t job) {
+        change.number = in_hand_->last_note + 1;
+        change.job = job;
+        put_notes({&change, 1});
     }
 
     uint64_t state() {
@@ -559,7 +589,7 @@ private:
         database_.run(job_statements::keep_youngest, number(run.job), runs_kept - 1);
         Judged judged;
         judged.owed = ids_of(database_.run(job_statements::owe_followers, number(run.job)));
-        judged.is_removed = step.removal && remove_in_hand(run.job, *step.removal, {step.mark, step.changed_start});
+        judged.is_removed = step.removal && remove_and_note(run.job, *step.removal, {step.mark, step.changed_start});
         return judged;
     }
 
@@ -577,8 +607,12 @@ private:
                1;
     }
 
+    const std::string conninfo_;
     Postgres database_;
     const std::string host_;
+    const Milliseconds clock_;
+    int64_t listened_ms_ = INT64_MIN / 2; // when last
+    int64_t listens_since_ms_ = 0;
     int64_t generation_ = 0;
     uint32_t take_over_s_ = 0;
     uint64_t followed_over_ = 0; // which connection
@@ -589,8 +623,9 @@ private:
 
 } // namespace
 
-std::unique_ptr<SharedJobStore> open_postgres_job_store(const std::string &conninfo, const std::string &host) {
-    return std::make_unique<PostgresJobStore>(conninfo, host);
+std::unique_ptr<SharedJobStore> open_postgres_job_store(const std::string &conninfo, const std::string &host,
+                                                        Milliseconds clock) {
+    return std::make_unique<PostgresJobStore>(conninfo, host, std::move(clock));
 }
 
 } // namespace velia::server

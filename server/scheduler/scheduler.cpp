@@ -86,7 +86,7 @@ void take_removal(RunStep &step, const Job &job) {
 
 Scheduler::Scheduler(uv_loop_t *loop)
     : loop_(loop), due_timer_(loop, [this] { look(); }), retry_timer_(loop, [this] { retry(); }),
-      follow_timer_(loop, [this] { follow(); }),
+      follow_timer_(loop, [this] { follow(); }), life_timer_(loop, [this] { tell_life(); }),
       writer_(worker_, [this](const RunTurn &turn) { has_been_written(turn); }), worker_(loop, store_shape) {}
 
 void Scheduler::configure(const SchedulerSettings &settings) {
@@ -146,6 +146,7 @@ void Scheduler::stop() {
     is_open_ = false;
     is_over_ = true;
     follow_timer_.stop();
+    life_timer_.stop();
 }
 
 void Scheduler::open() {

@@ -122,6 +122,7 @@ private:
 
     void prepare();
     void follow();
+    void tell_life();
     void ask_what_is_new(Followed &followed, int64_t since, uint32_t take_over_s, const std::string &acl);
     void take(const Followed &followed);
     void tell_fault(const std::string &fault);
@@ -130,6 +131,7 @@ private:
     void take_gone(const JobNews &news);
     void take_job(const JobRow &row, const std::vector<RunRow> &runs);
     void take_own_run(Job &job, RunRow run);
+    void take_told_end(Job &job, const RunRow &run);
     void take_first(const JobNews &news);
     void put_run(Job &job, const RunRow &run);
     void forget_waiting(sched_job_id_t id);
@@ -187,9 +189,11 @@ private:
     std::string host_;
     bool is_away_ = false; // nothing is begun: it could not be written down
     bool is_following_ = false;
-    bool is_to_follow_ = false; // once more
-    int64_t followed_ = -1;     // what is new behind this is asked for
-    uint64_t doubts_ = 0;       // what was asked for before the last of them is no answer to it
+    bool is_to_follow_ = false;  // once more
+    int64_t followed_ = -1;      // what is new behind this is asked for
+    std::function<void()> life_; // tells it over a connection of its own
+    bool is_telling_life_ = false;
+    uint64_t doubts_ = 0; // what was asked for before the last of them is no answer to it
     std::string told_fault_;
     std::set<RunKey> losing_;
     std::set<sched_job_id_t> told_waiting_; // for a host without a daemon
@@ -206,10 +210,12 @@ private:
     WallTimer due_timer_;
     TimerHandle retry_timer_;
     TimerHandle follow_timer_;
+    TimerHandle life_timer_;
     std::unique_ptr<JobStore> store_;  // the thread's
     SharedJobStore *shared_ = nullptr; // the same, where it is one
     RunWriter writer_;
-    Worker worker_; // goes first
+    std::unique_ptr<Worker> life_worker_; // where several daemons have the jobs
+    Worker worker_;                       // goes first
 };
 
 } // namespace velia::server

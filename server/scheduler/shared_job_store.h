@@ -1,6 +1,9 @@
 // Jobs that several daemons have together. What one of them changes the others learn by asking what is new.
 #pragma once
 
+#include <functional>
+
+#include <server/loop/handles.h>
 #include <server/scheduler/job_store.h>
 
 namespace velia::server {
@@ -15,7 +18,7 @@ struct JobNews {
     // Starts that are owed, definitions that were dropped, and the access list are there whole.
     JobContents contents;
     std::vector<sched_job_id_t> gone;
-    std::vector<RunRow> lost;            // that have not ended, of hosts whose daemons were not heard of for so long
+    std::vector<RunRow> lost;            // that have not ended, of hosts whose daemons are taken for gone
     std::vector<std::string> hosts_away; // that have to run a job, and have no daemon
 };
 
@@ -28,8 +31,13 @@ struct HostHeard {
 class SharedJobStore : public JobStore {
 public:
     // What is new behind that number, with -1 all. It tells the others, too, that this daemon lives. One that has not
-    // told it for `take_over_s` is taken for gone. A StoreError where another daemon has taken this one's name.
+    // told it for `take_over_s` is taken for gone, if this one has asked for so long, again and again: were all of them
+    // without their database, one is the first to be back. A StoreError where another daemon has taken this one's name.
     virtual JobNews follow(int64_t since, uint32_t take_over_s) = 0;
+
+    // Tells the others that this daemon lives, over a connection of its own, while a call of this store waits: for any
+    // thread, and for longer than the store. It throws as any call.
+    virtual std::function<void()> life() const = 0;
 
     // The host that has to run the job; the empty name: any. False: there is no such job.
     virtual bool set_host(sched_job_id_t id, const std::string &host, const ChangeRow &change) = 0;
@@ -45,6 +53,8 @@ public:
 };
 
 // Opens the jobs in this database as the daemon of that host, and makes their tables where there are none.
-std::unique_ptr<SharedJobStore> open_postgres_job_store(const std::string &conninfo, const std::string &host);
+using Milliseconds = std::function<int64_t()>; // of a clock that nobody sets
+std::unique_ptr<SharedJobStore> open_postgres_job_store(const std::string &conninfo, const std::string &host,
+                                                        Milliseconds clock = monotonic_ms);
 
 } // namespace velia::server

@@ -4,6 +4,7 @@
 // before is known when news of it come.
 #include <server/scheduler/scheduler.h>
 
+#include <algorithm>
 #include <ctime>
 #include <map>
 #include <unistd.h>
@@ -21,6 +22,7 @@ namespace velia::server {
 namespace {
 
 constexpr uint64_t follow_ms = 1000;
+constexpr Worker::Shape life_shape = {{1, 1, 1}, 1, 0};
 
 // They would be forgotten: nobody looks there any more.
 void tell_of_jobs_left_in(const std::string &file) {
@@ -42,6 +44,7 @@ void Scheduler::open_shared(const std::string &conninfo, const std::string &host
     conninfo_ = conninfo;
     host_ = host;
     jobs_.set_host(host);
+    life_worker_ = std::make_unique<Worker>(loop_, life_shape);
     follow();
     worker_.wait(); // where the database is there, jobs are served as soon as anything is
 }
@@ -54,17 +57,37 @@ void Scheduler::follow() {
         return;
     }
     is_following_ = true;
+    life_timer_.start(follow_ms);
     const auto followed = std::make_shared<Followed>();
     followed->doubts = doubts_;
     worker_.submit_first({[this, followed, since = followed_, take_over_s = settings_.take_over_s,
                            acl = access_.bytes()] { ask_what_is_new(*followed, since, take_over_s, acl); },
                           [this, followed] {
                               is_following_ = false;
+                              life_timer_.stop();
                               if (is_over_)
                                   return;
                               follow_timer_.start(std::exchange(is_to_follow_, false) ? 1 : follow_ms);
                               take(*followed);
                           }});
+}
+
+// Whoever asks what is new tells it, too; but the thread may be in the middle of a long change, or wait for a lock, a
+// standby, an answer. What runs here would be taken for lost.
+void Scheduler::tell_life() {
+    if (!is_following_ || is_over_ || !life_ || std::exchange(is_telling_life_, true))
+        return;
+    life_worker_->submit_first({[life = life_] {
+                                    try {
+                                        life();
+                                    } catch (const std::exception &) { // there is no way to the database
+                                    }
+                                },
+                                [this] {
+                                    is_telling_life_ = false;
+                                    if (!is_over_)
+                                        life_timer_.start(follow_ms);
+                                }});
 }
 
 // In the thread. That the database is away is told by whoever connects to it.
@@ -80,7 +103,7 @@ void Scheduler::ask_what_is_new(Followed &followed, int64_t since, uint32_t take
         if (!set.empty() && set != acl)
             followed.access.emplace().take(set);
         followed.is_there = true;
-    } catch (const StoreBusy &) {
+    } catch (const StoreAway &) {
     } catch (const std::exception &error) {
         followed.fault = error.what();
     }
@@ -105,6 +128,7 @@ void Scheduler::take(const Followed &followed) {
         access_ = *followed.access;
     const bool is_first = !std::exchange(is_open_, true);
     if (is_first) {
+        life_ = shared_->life();
         writer_.open(*store_, directory_);
         is_of_this_boot_ = followed.news.contents.boot == boot_;
     }
@@ -182,7 +206,7 @@ void Scheduler::take_job(const JobRow &row, const std::vector<RunRow> &runs) {
     job.elsewhere = {};
     for (const auto &run : runs) {
         if (run.ended != 0)
-            put_run(job, run);
+            take_told_end(job, run);
         else if (run.host == host_)
             own = &run;
         else
@@ -195,6 +219,22 @@ void Scheduler::take_job(const JobRow &row, const std::vector<RunRow> &runs) {
     job.has_unknown_run = own != nullptr && job.is_ours && !kept_.contains(row.id);
     if (!job.is_ours)
         settle(job);
+}
+
+// Whoever was silent for long may have been given up, and tell the end nevertheless.
+void Scheduler::take_told_end(Job &job, const RunRow &run) {
+    const auto known =
+        std::find_if(job.runs.begin(), job.runs.end(), [&](const RunRow &each) { return each.started == run.started; });
+    const bool was_given_up = known != job.runs.end() && known->exit_status == status_unknown;
+    if (was_given_up && run.exit_status != status_unknown && run.host != host_)
+        imsg_print(IMSG_PLAIN, "The run of job %u \"%s\" whose end was not known has ended at host %s: status %u\n",
+                   IMSG_FORMAT, job.row.id, job.name.c_str(), run.host.c_str(), run.exit_status);
+    if (const auto kept = kept_.find(run.job); kept != kept_.end() && kept->second.run.started == run.started)
+        imsg_print(IMSG_WARNING,
+                   "Others have given up the run of job %u \"%s\", since they heard nothing of this daemon. It goes "
+                   "on, and its end will be told\n",
+                   IMSG_FORMAT, job.row.id, job.name.c_str());
+    put_run(job, run);
 }
 
 // Its keeper may not be known yet.
@@ -214,7 +254,12 @@ void Scheduler::take_own_run(Job &job, RunRow run) {
     case Standing::lives:
         return keep_watch_of(job, run);
     case Standing::never_began:
-        return forget_beginning(run);
+        if (!run.is_to_end)
+            return forget_beginning(run);
+        run.ended = time(nullptr);
+        run.exit_status = status_unknown;
+        run.messages = "The run was ended before it began.\n";
+        [[fallthrough]];
     default:
         job.phase = Job::Phase::running;
         job.run = run;

@@ -1,137 +1,26 @@
 // Real daemons that have their jobs together in a real database: each start is made by one of them, whichever of them
 // dies, and what one knows the others know.
+#include <tests/system/postgres/jobs_on_postgres.h>
+
 #include <gmock/gmock.h>
 
-#include <algorithm>
-#include <array>
 #include <cstdlib>
 #include <random>
 
 #include <unistd.h>
 
-#include <tests/postgres/server.h>
-#include <tests/system/scheduler/scheduler_fixture.h>
-
 using namespace velia::system_test;
+using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
 using testing::Not;
 
 namespace {
-
-constexpr double patience_s = 40;
 
 int wanted(int usual) {
     const char *text = getenv("VELIA_TEST_KILLS");
     return text != nullptr ? atoi(text) : usual;
 }
-
-struct JobsOnPostgres : SchedulerFixture {
-    velia::postgres_test::Server database;
-    std::array<std::unique_ptr<Daemon>, 3> daemons;
-    static constexpr std::array hosts = {"alpha", "beta", "gamma"};
-
-    void SetUp() override {
-        site.write("config/hosts.conf", "alpha 127.0.0.1\nbeta 127.0.0.2\ngamma 127.0.0.3\n");
-        for (const std::string host : {"beta", "gamma"}) {
-            for (const char *directory : {"/host/config", "/host/priv", "/host/data", "/log"})
-                std::filesystem::create_directories(site.path(host + directory));
-            std::filesystem::create_directory_symlink(site.path("config"), site.path(host + "/config"));
-        }
-        configure("");
-        start(0);
-        ASSERT_EQ(sched_get_handle("alpha", &handle), TBS_ST_OK);
-        ASSERT_TRUE(serves("alpha"));
-    }
-
-    void configure(const std::string &more, int take_over_s = 5) const {
-        site.configure(std::string(trusted_hosts) + tasks + "option jobs 3\noption take-over " +
-                       std::to_string(take_over_s) + "\n" + more + "option store postgresql \"" + database.conninfo() +
-                       "\"\n");
-    }
-    void start(size_t host) {
-        Child::Options options;
-        if (host != 0)
-            options.environment = {"VELIA_ROOT=" + site.path(hosts.at(host)),
-                                   std::string("VELIA_HOSTNAME=") + hosts.at(host)};
-        daemons.at(host).reset();
-        daemons.at(host) = std::make_unique<Daemon>(
-            site, std::vector<std::string>{"--listen", "127.0.0." + std::to_string(host + 1)}, options);
-        ASSERT_TRUE(daemons.at(host)->is_ready()) << daemons.at(host)->output();
-    }
-    void start_all(size_t count) {
-        for (size_t host = 1; host < count; ++host) {
-            start(host);
-            ASSERT_TRUE(serves(hosts.at(host)));
-        }
-    }
-    void kill_daemon(size_t host) {
-        daemons.at(host)->signal(SIGKILL);
-        daemons.at(host)->wait();
-    }
-
-    // As somebody who is at that host.
-    Outcome tool(const std::string &host, const std::string &words) const {
-        std::vector<std::string> all = {"/bin/sh", "-c", std::string(VELIACTL) + " " + words + " 2>&1"};
-        const std::string root = host == "alpha" ? site.root().string() : site.path(host);
-        return run_apart(site, all, {"VELIA_ROOT=" + root, "VELIA_HOSTNAME=" + host});
-    }
-    bool tells(const std::string &host, const std::string &words, const std::string &part) const {
-        return eventually([&] { return tool(host, words).output.find(part) != std::string::npos; }, patience_s);
-    }
-    bool serves(const std::string &host) const {
-        return eventually([&] { return tool(host, "job list " + host).status == 0; }, patience_s);
-    }
-
-    // Each start that was written down, also of runs that are kept no more; what did not begin is taken back.
-    void note_starts() const {
-        database.run("CREATE TABLE made (job bigint, started bigint, due bigint, host text); "
-                     "CREATE FUNCTION note() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN IF TG_OP = 'INSERT' THEN "
-                     "INSERT INTO made VALUES (NEW.job, NEW.started, NEW.due, convert_from(NEW.host, 'UTF8')); "
-                     "ELSIF OLD.ended = 0 THEN DELETE FROM made WHERE job = OLD.job AND started = OLD.started; END IF; "
-                     "RETURN NULL; END $$; "
-                     "CREATE TRIGGER note AFTER INSERT OR DELETE ON job_run FOR EACH ROW EXECUTE FUNCTION note()");
-    }
-    int number(const std::string &sql) const { return atoi(database.ask(sql).c_str()); }
-
-    std::string adds_line(int job) const { return "echo >>" + site.path("runs" + std::to_string(job)); }
-    int lines(int job) const {
-        const std::string text = site.read("runs" + std::to_string(job));
-        return static_cast<int>(std::count(text.begin(), text.end(), '\n'));
-    }
-
-    std::vector<sched_job_id_t> ids;
-    void make_jobs(int count, const std::string &more = "") {
-        for (int i = 0; i < count; ++i)
-            ids.push_back(create(NewJob("job " + std::to_string(i), {"-c", adds_line(i) + more}).every_second()));
-    }
-    // Nothing is due any more, and nothing runs.
-    void let_end() {
-        for (size_t i = 0; i < ids.size(); ++i) {
-            NewJob idle("job " + std::to_string(i), {"-c", "true"});
-            EXPECT_TRUE(eventually(
-                [&] {
-                    return with_job(ids[i], [&](sched_job_h_t job) {
-                               return sched_job_set_properties(handle, job, idle.record(), &err_mask);
-                           }) == TBS_ST_OK;
-                },
-                patience_s));
-        }
-        EXPECT_TRUE(
-            eventually([&] { return number("SELECT count(*) FROM job_run WHERE ended = 0") == 0; }, patience_s));
-    }
-    void expect_each_start_once() {
-        EXPECT_EQ(number("SELECT count(*) - count(DISTINCT (job, due)) FROM made"), 0) << "a start was made twice";
-        for (size_t i = 0; i < ids.size(); ++i)
-            EXPECT_EQ(lines(static_cast<int>(i)),
-                      number("SELECT count(*) FROM made WHERE job = " + std::to_string(ids[i])));
-    }
-    std::string everything_said() const {
-        std::string all;
-        for (const auto &each : daemons)
-            all += each != nullptr ? each->output() + "\n----\n" : "";
-        return all;
-    }
-};
 
 } // namespace
 
@@ -159,22 +48,6 @@ TEST_F(JobsOnPostgres, WhatOneDaemonMakesChangesAndDeletesTheOthersShow) {
     EXPECT_EQ(tool("beta", "job delete beta daily").status, 0);
     EXPECT_TRUE(eventually([&] { return !exists(1); }, patience_s));
     EXPECT_THAT(tool("alpha", "job history alpha --changes").output, HasSubstr("deleted"));
-}
-
-TEST_F(JobsOnPostgres, WhereOneDaemonHasGoneTheOthersMakeItsStarts) {
-    note_starts();
-    start_all(2);
-    make_jobs(1);
-    ASSERT_TRUE(eventually([&] { return lines(0) > 1; }, patience_s));
-    sched_free_handle(&handle);
-    kill_daemon(0);
-    const int before = lines(0);
-    EXPECT_TRUE(eventually([&] { return lines(0) > before + 3; }, patience_s)) << daemons[1]->output();
-    start(0);
-    ASSERT_EQ(sched_get_handle("alpha", &handle), TBS_ST_OK);
-    ASSERT_TRUE(serves("alpha"));
-    let_end();
-    expect_each_start_once();
 }
 
 TEST_F(JobsOnPostgres, KilledAtRandomMomentsTheyMakeNoStartTwice) {
@@ -214,12 +87,6 @@ TEST_F(JobsOnPostgres, AJobThatRunsAnywhereIsNotStartedTwiceAndIsEndedFromAnywhe
 // It is made long after the daemon has given up to ask after it.
 TEST_F(JobsOnPostgres, AStartWhoseCommitIsNeverAnsweredIsMadeOnce) {
     constexpr int commit_s = 32;
-    sched_free_handle(&handle);
-    kill_daemon(0);
-    configure("", 600); // none is taken for gone that waits for the database
-    start(0);
-    ASSERT_EQ(sched_get_handle("alpha", &handle), TBS_ST_OK);
-    ASSERT_TRUE(serves("alpha"));
     start_all(2);
     note_starts();
     database.run("CREATE SEQUENCE commits; CREATE FUNCTION wait() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN "
@@ -288,69 +155,9 @@ TEST_F(JobsOnPostgres, AJobThatHasJustBegunAtAnotherDaemonIsNotDeletedWithoutFor
     sched_free_handle(&of_beta);
 }
 
-TEST_F(JobsOnPostgres, ARunThatWasToEndWhileItsDaemonWasAwayEndsWhenThatComesBack) {
-    start_all(2);
-    const auto id = create(NewJob("sleeps", {"-c", "sleep 600"}));
-    ASSERT_EQ(run(id), TBS_ST_OK);
-    ASSERT_TRUE(tells("beta", "--output jsonl job list beta", "\"running_since\":\""));
-    sched_free_handle(&handle);
-    kill_daemon(0);
-    ASSERT_EQ(tool("beta", "job stop beta sleeps").status, 0);
-    start(0);
-    ASSERT_EQ(sched_get_handle("alpha", &handle), TBS_ST_OK);
-    ASSERT_TRUE(serves("alpha"));
-    EXPECT_TRUE(eventually(
-        [&] { return number("SELECT count(*) FROM job_run WHERE ended <> 0 AND exit_status NOT IN (0, 255)") == 1; },
-        patience_s))
-        << everything_said();
-}
-
 // As with a host that was frozen: it comes back with what it knew.
-TEST_F(JobsOnPostgres, ADaemonThatWasSuspendedForLongerThanTakeOverMakesNoStartOnceMore) {
-    note_starts();
-    start_all(2);
-    const auto id =
-        create(NewJob("waits", {"-c", "while [ ! -e " + site.path("go") + " ]; do sleep .1; done; exit 3"}));
-    const auto by_hand = create(NewJob("by hand"));
-    ASSERT_EQ(run(id), TBS_ST_OK);
-    make_jobs(3, "; sleep .3");
-    ASSERT_TRUE(eventually([&] { return lines(0) > 1 && lines(2) > 1; }, patience_s));
-    daemons[0]->signal(SIGSTOP);
-    EXPECT_TRUE(daemons[1]->says("the daemon of alpha is away", patience_s)) << daemons[1]->output();
-    const int before = lines(0);
-    EXPECT_TRUE(eventually([&] { return lines(0) > before + 2; }, patience_s)) << "beta makes them";
-    daemons[0]->signal(SIGCONT);
-    EXPECT_TRUE(eventually([&] { return run(by_hand) == TBS_ST_OK; }, patience_s)) << "it takes part again";
-    site.write("go", "");
-    EXPECT_TRUE(eventually(
-        [&] { return number("SELECT exit_status FROM job_run WHERE job = " + std::to_string(id)) == 3; }, patience_s))
-        << "the end of the run that was given up is told";
-    let_end();
-    expect_each_start_once();
-}
-
-TEST_F(JobsOnPostgres, ARunWhoseDaemonStaysAwayIsToldEndedAndItsFollowersGoOn) {
-    start_all(2);
-    const auto id = create(NewJob("sleeps", {"-c", "sleep 600"}));
-    create(NewJob("follows", {"-c", adds_line(0)}).after(id));
-    ASSERT_EQ(run(id), TBS_ST_OK);
-    ASSERT_TRUE(tells("beta", "job list beta", "follows"));
-    sched_free_handle(&handle);
-    kill_daemon(0);
-    EXPECT_TRUE(daemons[1]->says("the daemon of alpha is away", patience_s)) << daemons[1]->output();
-    EXPECT_TRUE(eventually([&] { return lines(0) == 1; }, patience_s)) << daemons[1]->output();
-    EXPECT_EQ(number("SELECT exit_status FROM job_run WHERE job = " + std::to_string(id)), 255);
-    start(0);
-    ASSERT_EQ(sched_get_handle("alpha", &handle), TBS_ST_OK);
-    ASSERT_TRUE(serves("alpha"));
-    EXPECT_TRUE(eventually([&] { return terminate(id, last_run(id).started) == TBS_ST_OK; }, patience_s))
-        << daemons[0]->output();
-    EXPECT_TRUE(eventually(
-        [&] { return number("SELECT exit_status FROM job_run WHERE job = " + std::to_string(id)) != 255; }, patience_s))
-        << "the late end is told";
-    EXPECT_EQ(lines(0), 1);
-}
-
+// All daemons are silent then, and one of them is the first to be back.
+// As where its daemon died just before it made the process.
 TEST_F(JobsOnPostgres, WhoMayDoWhatIsSetForAll) {
     start_all(2);
     ASSERT_THAT(tool("beta", "acl show beta").output, Not(HasSubstr("run")));
@@ -448,6 +255,13 @@ TEST_F(JobsOnPostgres, JobsMoveIntoTheDatabaseAndBack) {
     EXPECT_TRUE(daemons[0]->says("1 jobs in", patience_s)) << "they are not served";
     end();
     site.configure(std::string(trusted_hosts) + tasks);
+    database.run("INSERT INTO job_daemon (host, generation, seen, boot) VALUES ('beta', 1, now(), '')");
+    const Outcome refused_there = move(database.conninfo());
+    EXPECT_NE(refused_there.status, 0);
+    EXPECT_THAT(refused_there.output + refused_there.errors, HasSubstr("the daemon of host beta told"));
+    EXPECT_EQ(number("SELECT count(*) FROM job"), 0);
+    EXPECT_TRUE(std::filesystem::exists(site.path("host/priv/scheduler.db"))) << "it is served from there as before";
+    database.run("DELETE FROM job_daemon WHERE host = 'beta'");
     const Outcome there = move(database.conninfo());
     ASSERT_EQ(there.status, 0) << there.errors;
     EXPECT_THAT(there.output, HasSubstr("1 jobs and 1 runs are in postgresql"));
@@ -473,6 +287,37 @@ TEST_F(JobsOnPostgres, JobsMoveIntoTheDatabaseAndBack) {
     start(0);
     EXPECT_TRUE(exists(id));
     EXPECT_TRUE(eventually([&] { return last_run(id).status == 3 && running_since(id) == 0; }, patience_s));
+}
+
+TEST_F(JobsOnPostgres, HostsOfJobsAreToldPieceByPiece) {
+    start_all(2);
+    ASSERT_EQ(tool("alpha", "job create alpha bound --task script --host beta --days 1").status, 0);
+    const auto idle = create(NewJob("idle"));
+    const auto ended = create(NewJob("ended"));
+    const auto waits = job_that_waits();
+    ASSERT_EQ(run(ended), TBS_ST_OK);
+    ASSERT_EQ(ran(ended).status, 0U);
+    ASSERT_EQ(run(waits), TBS_ST_OK);
+    const auto hosts_behind = [&](sched_job_id_t after, uint32_t count_max) {
+        uint32_t count = 0;
+        sched_job_host_t *found = nullptr;
+        EXPECT_EQ(sched_get_job_hosts(handle, after, count_max, &count, &found), TBS_ST_OK);
+        std::vector<std::string> all;
+        for (uint32_t i = 0; i < count; ++i)
+            all.push_back(std::to_string(found[i].job_id) + ":" + found[i].host + ":" + found[i].run_host);
+        sched_free_job_hosts(handle, count, &found);
+        return all;
+    };
+    const sched_job_id_t bound = idle - 1;
+    const std::string of_bound = std::to_string(bound) + ":beta:";
+    const std::string of_ended = std::to_string(ended) + "::alpha";
+    const std::string of_waits = std::to_string(waits) + "::alpha";
+    EXPECT_THAT(hosts_behind(0, 10), ElementsAre(of_bound, of_ended, of_waits)) << "not of one that ran nowhere";
+    EXPECT_THAT(hosts_behind(0, 1), ElementsAre(of_bound));
+    EXPECT_THAT(hosts_behind(bound, 1), ElementsAre(of_ended));
+    EXPECT_THAT(hosts_behind(ended, 10), ElementsAre(of_waits));
+    EXPECT_THAT(hosts_behind(waits, 10), IsEmpty());
+    site.write("go", "");
 }
 
 TEST_F(JobsOnPostgres, AJobThatHasToRunAtAHostRunsThereAndWaitsForIt) {

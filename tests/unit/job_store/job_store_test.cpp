@@ -297,6 +297,35 @@ TEST_P(JobStores, MakeASetWholeOrNotAtAll) {
     EXPECT_EQ(store->changes(gone, INT64_MAX, 1).at(0).what, "deleted");
 }
 
+TEST_P(JobStores, MakeASetOfMoreThanGoInOneStatementWhole) {
+    constexpr size_t count = 2500;
+    JobSet set;
+    set.state = state();
+    for (size_t i = 0; i < count; ++i) {
+        set.added.push_back(job_row("job " + std::to_string(i)));
+        set.added.back().considered = static_cast<int64_t>(i);
+        set.notes.push_back(change("created", static_cast<int64_t>(i)));
+    }
+    set.take_numbers = [](sched_job_id_t) {};
+    ASSERT_TRUE(store->apply(set));
+    reopen();
+    const auto jobs = store->read().jobs;
+    ASSERT_EQ(jobs.size(), count);
+    for (size_t i = 0; i < count; ++i) {
+        ASSERT_EQ(jobs[i].id, set.added[i].id);
+        ASSERT_EQ(jobs[i].body, body_of("job " + std::to_string(i)));
+        ASSERT_EQ(jobs[i].considered, static_cast<int64_t>(i));
+        ASSERT_EQ(jobs[i].changed.who, set.added[i].changed.who);
+        const auto notes = store->changes(jobs[i].id, INT64_MAX, 2);
+        ASSERT_EQ(notes.size(), 1U);
+        ASSERT_EQ(notes[0].deed.when, static_cast<int64_t>(i));
+    }
+    EXPECT_EQ(jobs[0].owner, set.added[0].owner);
+    EXPECT_EQ(jobs[0].created.when, set.added[0].created.when);
+    EXPECT_TRUE(jobs[0].is_predefined);
+    EXPECT_EQ(store->changes(0, INT64_MAX, 1).at(0).job, jobs.back().id) << "the youngest is the last of the set";
+}
+
 TEST_P(JobStores, KeepWhichStartOfTheSystemItIs) {
     EXPECT_EQ(store->read().boot, "");
     store->set_boot("one");

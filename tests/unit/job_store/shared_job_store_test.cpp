@@ -58,8 +58,19 @@ struct SharedJobStores : testing::Test {
 
     const std::string conninfo = new_jobs_conninfo();
     std::unique_ptr<SharedJobStore> alpha = open_postgres_job_store(conninfo, "alpha");
-    std::unique_ptr<SharedJobStore> beta = open_postgres_job_store(conninfo, "beta");
+    int64_t clock_ms = 1; // of beta
+    std::unique_ptr<SharedJobStore> beta = open_postgres_job_store(conninfo, "beta", [this] { return clock_ms; });
     int64_t seen = beta->follow(-1, patience_s).number;
+
+    // What beta hears when it has asked for so long.
+    JobNews listen(int seconds, int step_s = 10) {
+        JobNews found;
+        for (int second = 0; second <= seconds; second += step_s) {
+            clock_ms += step_s * 1000;
+            found = beta->follow(seen, 60);
+        }
+        return found;
+    }
 
     JobNews news() {
         JobNews found = beta->follow(seen, patience_s);
@@ -125,6 +136,28 @@ TEST_F(SharedJobStores, AStartDuringARunIsPassedOverByOne) {
     EXPECT_EQ(begin(*alpha, job, 101, 91), Refusal::taken) << "it was passed over";
     EXPECT_EQ(begin(*beta, job, 101, 0), Refusal::running) << "by hand";
     EXPECT_EQ(alpha->read().jobs.at(0).considered, 91);
+}
+
+TEST_F(SharedJobStores, AStartThatIsTooOldIsPassedOverByOne) {
+    const auto job = add();
+    RunStep ours = run_step(What::pass_over, run_row(job, 0, 90));
+    RunStep theirs = ours;
+    RunStep older = run_step(What::pass_over, run_row(job, 0, 80));
+    EXPECT_EQ(take(*alpha, ours), Refusal::none);
+    EXPECT_EQ(take(*beta, theirs), Refusal::taken) << "it would be told twice";
+    EXPECT_EQ(take(*beta, older), Refusal::taken);
+    EXPECT_EQ(beta->read().jobs.at(0).considered, 90);
+}
+
+TEST_F(SharedJobStores, NumbersOfJobsThatHaveGoneAreNotGivenToThoseThatAreMovedInLater) {
+    add("first");
+    const auto last = add("last");
+    alpha->clear();
+    JobStock stock;
+    stock.contents.jobs = {job_row("moved")};
+    stock.contents.jobs[0].id = stock.last_number = 1;
+    alpha->put_all(stock);
+    EXPECT_GT(add(), last);
 }
 
 TEST_F(SharedJobStores, AStartIsPassedOverForARunOnlyIfThatGoesOn) {
@@ -389,16 +422,57 @@ TEST_F(SharedJobStores, ARunWhoseDaemonIsGoneIsToldEndedOnce) {
     const auto job = add();
     const auto follower = add("second", job);
     ASSERT_EQ(begin(*alpha, job, 100, 90), Refusal::none);
-    EXPECT_THAT(beta->follow(seen, 60).lost, IsEmpty());
+    EXPECT_THAT(listen(60).lost, IsEmpty());
     EXPECT_EQ(end(*beta, run_row(job, 100, 90), 150, 255, What::lose), Refusal::taken) << "it lives";
     let_die("alpha");
-    const JobNews found = beta->follow(seen, 60);
+    const JobNews found = listen(0);
     ASSERT_THAT(found.lost, SizeIs(1));
     EXPECT_EQ(found.lost[0].started, 100);
     EXPECT_EQ(end(*beta, found.lost[0], 150, 255, What::lose), Refusal::none);
     EXPECT_EQ(end(*beta, found.lost[0], 160, 255, What::lose), Refusal::taken);
     EXPECT_THAT(beta->read().owed, ElementsAre(follower));
     EXPECT_EQ(beta->read().runs.at(0).ended, 150);
+}
+
+TEST_F(SharedJobStores, WhoeverWasAwayItselfGivesUpNobodyBeforeItHasListenedForLong) {
+    ASSERT_EQ(begin(*alpha, add(), 100, 90), Refusal::none);
+    let_die("alpha"); // as where nobody has reached the database
+    EXPECT_THAT(listen(40).lost, IsEmpty());
+    EXPECT_THAT(listen(0, 31).lost, IsEmpty()) << "it was away once more, for half of the time";
+    EXPECT_THAT(listen(40).lost, IsEmpty());
+    EXPECT_THAT(listen(0).lost, SizeIs(1));
+}
+
+TEST_F(SharedJobStores, ARunOfAHostThatNobodyKnowsIsToldEnded) {
+    const auto job = add();
+    ASSERT_EQ(begin(*alpha, job, 100, 90), Refusal::none);
+    run("DELETE FROM job_daemon WHERE host = 'alpha'");
+    ASSERT_THAT(listen(60).lost, SizeIs(1));
+    EXPECT_EQ(end(*beta, run_row(job, 100, 90), 150, 255, What::lose), Refusal::none);
+}
+
+TEST_F(SharedJobStores, ADaemonWhoseNameTheDatabaseForgotTakesItAgain) {
+    const auto job = add();
+    const auto later = open_postgres_job_store(conninfo, "alpha");
+    run("UPDATE job_daemon SET generation = 0 WHERE host = 'alpha'"); // as on a standby that had not got it
+    later->follow(-1, patience_s);
+    EXPECT_EQ(begin(*later, job, 100, 90), Refusal::none);
+    EXPECT_THROW(alpha->follow(-1, patience_s), StoreError) << "the former one does not";
+    run("DELETE FROM job_daemon");
+    later->follow(-1, patience_s);
+    EXPECT_EQ(end(*later, run_row(job, 100, 90), 110), Refusal::none);
+    EXPECT_EQ(begin(*later, job, 120, 115), Refusal::none);
+}
+
+TEST_F(SharedJobStores, ADaemonTellsThatItLivesAlsoWhileItsStoreWaits) {
+    const auto life_of_former = alpha->life();
+    const auto later = open_postgres_job_store(conninfo, "alpha");
+    const auto life = later->life();
+    let_die("alpha");
+    life_of_former();
+    EXPECT_THAT(beta->others_heard(60), IsEmpty()) << "it is not the daemon of the name any more";
+    life();
+    EXPECT_THAT(beta->others_heard(60), SizeIs(1));
 }
 
 TEST_F(SharedJobStores, AnEndThatComesLateIsToldAndStartsNothing) {

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <future>
 #include <memory>
 #include <optional>
@@ -72,7 +73,10 @@ protected:
     };
     using Awaited = std::shared_ptr<std::optional<Answered>>;
 
-    SchedulerDoor() {
+    using Opening = std::function<void(Scheduler &)>;
+    static void open_file(Scheduler &scheduler) { scheduler.open(); }
+
+    explicit SchedulerDoor(Opening opening = open_file) : opening_(std::move(opening)) {
         setenv("VELIA_ROOT", root_.path.c_str(), 1);
         std::ofstream(root_.path / "host/priv/.here").flush();
         std::filesystem::permissions(root_.path / "host/priv", std::filesystem::perms::owner_all);
@@ -86,7 +90,7 @@ protected:
         uv_loop_init(&loop_);
         scheduler_ = std::make_unique<Scheduler>(&loop_);
         procedures_ = std::make_unique<SchedulerProcedures>(*scheduler_, administrators_guard);
-        scheduler_->open();
+        opening_(*scheduler_);
         ASSERT_TRUE(scheduler_->is_open());
     }
 
@@ -173,6 +177,7 @@ protected:
     }
 
     Jobs &jobs() { return scheduler_->jobs(); }
+    uv_loop_t *loop() { return &loop_; }
 
 private:
     template <class Record>
@@ -225,6 +230,7 @@ private:
         ~Root() { std::filesystem::remove_all(path); }
         std::filesystem::path path;
     } root_;
+    const Opening opening_;
     uv_loop_t loop_ = {};
     Caller caller_ = local_caller();
     std::unique_ptr<Scheduler> scheduler_;
