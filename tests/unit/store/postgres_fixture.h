@@ -49,7 +49,7 @@ struct PostgresStoreTest : testing::Test {
         clerk = "clerk" + std::to_string(number);
         server.run("CREATE DATABASE " + database);
     }
-    ~PostgresStoreTest() override { server.set_access("local all all trust\n"); }
+    ~PostgresStoreTest() override { server.set_access("local all,replication all trust\n"); }
 
     std::string conninfo() const { return conninfo_as("tester"); }
     std::string conninfo_as(const std::string &user, const std::string &more = "") const {
