@@ -1,7 +1,8 @@
 // The registry in a PostgreSQL database from its clients' side: one look-up and one add through a daemon, beside a call
 // that the daemon answers from memory and the database's own statement of the same shape; and look-ups per second of
-// two daemons over those of one; and what a piece of a listing costs that is read on of a standby. Many short turns of each, one after the other, since others use the machine, too: the
-// least and the median of them, and the median of the ratios within a turn.
+// two daemons over those of one; and what a piece of a listing costs that is read on of a standby. Many short turns of
+// each, one after the other, since others use the machine, too: the least and the median of them, and the median of the
+// ratios within a turn.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>

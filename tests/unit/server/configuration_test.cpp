@@ -164,9 +164,8 @@ TEST_F(ConfigurationFile, NamesAReplicaOfTheDatabase) {
     EXPECT_EQ(replica_of("option store-replica \"host=a,b dbname=c\"\n"), "host=a,b dbname=c");
     for (const char *line : {"option store-replica", "option store-replica a b"})
         EXPECT_THAT(told_of_line(line), ElementsAre(failure("An option is written: option NAME VALUE"))) << line;
-    EXPECT_THAT(
-        told_of_line("option store-replica \"password=secret x=a\""),
-        ElementsAre(failure("The replica's connection string is malformed: invalid connection option \"x\"")))
+    EXPECT_THAT(told_of_line("option store-replica \"password=secret x=a\""),
+                ElementsAre(failure("The replica's connection string is malformed: invalid connection option ...")))
         << "without what it says otherwise";
 }
 
