@@ -21,8 +21,8 @@ constexpr int oldest_server = 150000;
 constexpr int binary = 1;
 
 // Of a session. Look-ups go by an index however few records there are, and in one way whatever is looked for, so that
-// it is thought out once; a server that is told otherwise about commits meanwhile is obeyed by the next session; what is
-// idle amid a transaction, such as of a daemon whose host is gone, lets go of the lock.
+// it is thought out once; a server that is told otherwise about commits meanwhile is obeyed by the next session; what
+// is idle amid a transaction, such as of a daemon whose host is gone, lets go of the lock.
 constexpr const char *greeting =
     "SET statement_timeout = 12000; SET idle_in_transaction_session_timeout = 10000; SET enable_seqscan = off; "
     "SET enable_bitmapscan = off; SET plan_cache_mode = force_generic_plan; SET jit = off; SET client_min_messages = "
