@@ -12,7 +12,7 @@
 #include <tests/system/support/registry_calls.h>
 
 using namespace velia::system_test;
-using testing::ElementsAre;
+using testing::AllOf;
 using testing::HasSubstr;
 using velia::postgres_test::Server;
 
@@ -113,17 +113,21 @@ struct PostgresPage : testing::Test {
         if (text.find("--to sqlite") != std::string::npos)
             site.configure(trusted_hosts);
         else if (text.find("registry move") != std::string::npos && text.find("--dry-run") == std::string::npos)
-            site.configure(std::string(trusted_hosts) + here(option_of_page()) + "\n");
+            site.configure(trusted_hosts + here(options_of_page()));
         if (text.starts_with("veliactl registry list")) {
             EXPECT_THAT(outcome.output, HasSubstr("east"));
         }
     }
-    static std::string option_of_page() {
+    // All that it shows, together.
+    static std::string options_of_page() {
         std::ifstream file(page);
+        std::string options;
         for (std::string line; std::getline(file, line);)
-            if (line.starts_with("option store postgresql"))
-                return line;
-        return "";
+            if (line.starts_with("option "))
+                options += line + "\n";
+        EXPECT_THAT(options, AllOf(HasSubstr("option store postgresql"), HasSubstr("option store-replica"),
+                                   HasSubstr("option store-reads")));
+        return options;
     }
 };
 
