@@ -45,8 +45,8 @@ DroppingRelay::~DroppingRelay() {
 void DroppingRelay::run() {
     while (!is_over_) {
         pollfd descriptor = {listener_, POLLIN, 0};
-        if (poll(is_holding_ ? nullptr : &descriptor, is_holding_ ? 0 : 1, slice_ms) != 1)
-            continue;
+        if (poll(is_holding_ ? nullptr : &descriptor, is_holding_ ? 0 : 1, slice_ms) != 1 || is_holding_)
+            continue; // it may have been told to hold while it looked
         const int client = accept(listener_, nullptr, nullptr);
         const int server = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         const sockaddr_un address = address_in(server_directory_);
